@@ -1,0 +1,29 @@
+"""A private world for one daemon.
+
+A folder becomes the daemon's /etc, /run and /tmp in a mount namespace of its own: with a system
+bus, an ALSA configuration whose outputs play into recordings, and clips. The machine around it is
+not touched. The system tests use it, and so does scripts/try.
+
+    with Sandbox(folder, build_dir) as sandbox:
+        clip = sandbox.write_clip("chime.wav", clips.noise(2400))
+        sandbox.start_bus()
+        sandbox.start_daemon()
+        sandbox.bus.call(*PLAYBACK, "PlayClip", "(s)", f"location={clip.path}")
+        assert sandbox.card(0).takes[-1].find(clip.samples) >= 0
+"""
+
+from . import clips
+from .box import Sandbox, SandboxError, has_several_users
+from .bus import Bus, BusError, Signal
+from .process import Daemon, LogLine, Process
+from .recording import Event, Recording, Take
+from .wait import wait_until
+
+# Whom to call: bus name, object path, interface.
+PLAYBACK = ("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik")
+LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configuration.Legacy")
+
+__all__ = [
+    "Bus", "BusError", "Daemon", "Event", "LEGACY", "LogLine", "PLAYBACK", "Process", "Recording",
+    "Sandbox", "SandboxError", "Signal", "Take", "clips", "has_several_users", "wait_until",
+]

@@ -1,0 +1,82 @@
+"""Samples and the audio files made of them. Samples are interleaved signed 16-bit numbers."""
+
+import array
+import dataclasses
+import math
+import pathlib
+import random
+import struct
+import sys
+import wave
+
+# How GStreamer encodes raw audio, by the name of the kind of file.
+ENCODERS = {
+    "flac": "flacenc",
+    "mp2": "twolamemp2enc",
+    "mp3": "lamemp3enc",
+    "mulaw": "mulawenc ! wavenc",
+    "opus": "opusenc ! oggmux",
+    "vorbis": "vorbisenc ! oggmux",
+}
+
+KINDS = ("au", "wav", *ENCODERS)
+
+
+@dataclasses.dataclass(frozen=True)
+class Clip:
+    path: str  # as the daemon sees it
+    file: pathlib.Path  # the same from outside
+    samples: array.array  # what went in; a lossy kind plays something like it
+    rate: int
+    channels: int
+
+    @property
+    def frames(self):
+        return len(self.samples) // self.channels
+
+
+def noise(frames, channels=1, seed=0):
+    """Noise without a zero in it, so that no sample can be taken for silence."""
+    source = random.Random(seed)
+    return array.array("h", (source.randint(1, 20000) * source.choice((-1, 1))
+                             for _ in range(frames * channels)))
+
+
+def tone(frequency, seconds, rate=48000, channels=1, peak=0.5):
+    """A sine tone that swells and fades over 5 ms, so that it does not click."""
+    frames = round(seconds * rate)
+    samples = array.array("h")
+    for i in range(frames):
+        gain = peak * min(1, i / rate / 0.005, (frames - 1 - i) / rate / 0.005)
+        value = round(32767 * gain * math.sin(2 * math.pi * frequency * i / rate))
+        samples.extend([value] * channels)
+    return samples
+
+
+def write_wav(path, samples, rate=48000, channels=1):
+    with wave.open(str(path), "wb") as file:
+        file.setnchannels(channels)
+        file.setsampwidth(2)
+        file.setframerate(rate)
+        file.writeframes(_with_order("little", samples).tobytes())
+
+
+def write_au(path, samples, rate=48000, channels=1):
+    """Sun audio: 16-bit linear."""
+    data = _with_order("big", samples).tobytes()
+    header = struct.pack(">4sIIIII", b".snd", 24, len(data), 3, rate, channels)
+    pathlib.Path(path).write_bytes(header + data)
+
+
+def encoder_command(kind, source, target):
+    """The command that turns the WAV file `source` into `target` of a kind of ENCODERS."""
+    pipeline = (f"filesrc location={source} ! wavparse ! audioconvert ! audioresample ! "
+                f"{ENCODERS[kind]} ! filesink location={target}")
+    return ["gst-launch-1.0", "-q", *pipeline.split()]
+
+
+def _with_order(order, samples):
+    samples = array.array("h", samples)
+    if sys.byteorder != order:
+        samples.byteswap()
+    return samples

@@ -1,0 +1,126 @@
+"""Programs that run in a sandbox."""
+
+import dataclasses
+import json
+import os
+import re
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+from .wait import wait_until
+
+LOG_LINE = re.compile(r"^sonobrik\[\d+\]: (\w+): (.*)$")
+
+SANITIZER_REPORT = re.compile(
+    r"(ERROR|WARNING): (Address|Leak|Memory|Thread|UndefinedBehavior)Sanitizer|: runtime error: ")
+
+# The exit status of a program whose sanitizer found something, unlike any of the programs' own.
+SANITIZER_STATUS = 86
+
+
+@dataclasses.dataclass(frozen=True)
+class LogLine:
+    level: str  # "warning" and the like; null for a line that the log did not write
+    text: str
+
+
+class Process:
+    """A program that runs, and the lines that it writes to its standard error."""
+
+    def __init__(self, command, env):
+        self.lines = []
+        self.expected = False  # the test knows that it has ended, or ends it
+        reader, writer = os.pipe()
+        try:
+            self.popen = subprocess.Popen(
+                [*command[:1], "--info-fd", str(writer), *command[1:]], env=env, pass_fds=[writer],
+                stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, errors="replace",
+                start_new_session=True)
+        finally:
+            os.close(writer)
+        # bubblewrap forks; this is the pid of the program itself. Empty: it could not even start.
+        with os.fdopen(reader) as info:
+            text = info.read()
+        self.pid = json.loads(text)["child-pid"] if text else 0
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.popen.stderr:
+            self.lines.append(line.rstrip("\n"))
+
+    @property
+    def is_running(self):
+        return self.popen.poll() is None
+
+    def kill(self, number=signal.SIGKILL):
+        """Sends a signal to the program."""
+        self.expected = True
+        if self.is_running and self.pid:
+            os.kill(self.pid, number)
+
+    def wait_exit(self, deadline=20):
+        """The exit status, 128 + the signal's number if one ended it. All lines are read then."""
+        self.expected = True
+        wait_until(lambda: not self.is_running, deadline, f"{self} has ended")
+        self._reader.join(deadline)
+        self.popen.stderr.close()
+        reports = [line for line in self.lines if SANITIZER_REPORT.search(line)]
+        if reports or self.popen.returncode == SANITIZER_STATUS:
+            raise AssertionError("a sanitizer reports:\n" + "\n".join(self.lines))
+        return self.popen.returncode
+
+    def __str__(self):
+        return f"process {self.pid}"
+
+
+class Daemon(Process):
+    """The daemon, and its log."""
+
+    @property
+    def log(self):
+        """All lines so far, as LogLine."""
+        return [self._parse(line) for line in list(self.lines)]
+
+    @staticmethod
+    def _parse(line):
+        match = LOG_LINE.match(line)
+        return LogLine(*match.groups()) if match else LogLine(None, line)
+
+    def wait_log(self, level, text, deadline=10):
+        """Waits for a line of this level and exactly this text."""
+        wanted = LogLine(level, text)
+        wait_until(lambda: wanted in self.log, deadline, f"{wanted} is logged")
+
+    def stop(self, number=signal.SIGTERM, deadline=20):
+        """Asks the daemon to end, and returns its exit status."""
+        self.kill(number)
+        return self.wait_exit(deadline)
+
+    def __str__(self):
+        return f"the daemon, process {self.pid}"
+
+
+class NotifySocket:
+    """What the daemon tells the service manager."""
+
+    def __init__(self, address):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
+        self._socket.bind(address)
+        self._messages = []
+
+    @property
+    def messages(self):
+        """All messages so far: time as of time.monotonic_ns(), text."""
+        while True:
+            try:
+                text = self._socket.recv(4096).decode()
+            except BlockingIOError:
+                return self._messages
+            self._messages.append((time.monotonic_ns(), text))
+
+    def close(self):
+        self._socket.close()
