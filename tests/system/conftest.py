@@ -1,0 +1,60 @@
+"""What every system test is given."""
+
+import os
+import pathlib
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests/support"))
+
+from sandbox import Sandbox, SandboxError, has_several_users  # noqa: E402 (found by the path above)
+
+
+def pytest_addoption(parser):
+    parser.addoption("--build-dir", default=os.environ.get("SONOBRIK_BUILD_DIR", ROOT / "build"),
+                     help="the build that is tested (SONOBRIK_BUILD_DIR, or build)")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "needs_root: runs programs as several users")
+
+
+def pytest_runtest_setup(item):
+    if item.get_closest_marker("needs_root") and not has_several_users():
+        pytest.skip("needs root, and its right to mount")
+
+
+@pytest.fixture(scope="session")
+def build_dir(pytestconfig):
+    folder = pathlib.Path(pytestconfig.getoption("--build-dir")).resolve()
+    if not (folder / "build.ninja").exists():
+        pytest.exit(f"{folder} is no build of this tree; name one with --build-dir", 4)
+    return folder
+
+
+@pytest.fixture(scope="session")
+def cache(tmp_path_factory):
+    """What sandboxes share to start faster."""
+    return tmp_path_factory.mktemp("cache")
+
+
+@pytest.fixture
+def sandbox(tmp_path, build_dir, cache):
+    """A sandbox with a running bus."""
+    try:
+        box = Sandbox(tmp_path / "sandbox", build_dir, cache)
+    except SandboxError as error:
+        pytest.exit(str(error), 4)
+    with box:
+        box.start_bus()
+        yield box
+        if box.daemon:
+            print("The daemon's log:", *box.daemon.lines, sep="\n")
+
+
+@pytest.fixture
+def daemon(sandbox):
+    """The running daemon in `sandbox`, with its defaults."""
+    return sandbox.start_daemon()

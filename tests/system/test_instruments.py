@@ -1,0 +1,398 @@
+"""The instruments measure what they say they do."""
+
+import os
+import pathlib
+import time
+
+import pytest
+from sandbox import BusError, Sandbox, SandboxError, clips, wait_until
+from sandbox.box import find_namespace_options
+
+CHAIN = pathlib.Path(__file__).parent / "gst_chain.py"
+ALSASINK = "alsasink device=audiosink0 latency-time=20000"
+NOBODY = 65534
+
+
+def chain(sandbox, sink, *clips_to_play, **options):
+    return sandbox.run(["/usr/bin/python3", CHAIN, sink, *(clip.path for clip in clips_to_play)],
+                       **options)
+
+
+def aplay(sandbox, *options, **how):
+    return sandbox.run(["aplay", "-q", "-D", "audiosink0", *options], **how)
+
+
+def assert_silent(samples):
+    assert not any(samples)
+
+
+def wait_playing_for(card, seconds):
+    """Waits until this long after the card began to play, without asking the player anything."""
+    wait_until(lambda: card.count("start") == 1, what="the card plays")
+    start = next(event for event in card.events if event.name == "start")
+    wait_until(lambda: time.monotonic_ns() >= start.time + seconds * 1e9, what="the time is up")
+
+
+# The sound card
+
+
+def test_the_card_records_each_sample_that_it_is_given(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(9600, channels=2), rate=44100, channels=2)
+    aplay(sandbox, clip.path)
+    take, = sandbox.card(0).takes
+    assert (take.rate, take.channels, take.bits) == (44100, 2, 16)
+    assert take.samples[:len(clip.samples)] == clip.samples
+    assert_silent(take.samples[len(clip.samples):])
+
+
+def test_the_card_can_be_mapped(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(9600))
+    aplay(sandbox, "-M", clip.path)
+    assert sandbox.card(0).takes[0].find(clip.samples) == 0
+
+
+@pytest.mark.parametrize("pin", [{"rate": 48000}, {"channels": 2}, {"format": "S32_LE"}])
+def test_the_card_accepts_what_it_is_pinned_to_and_plug_converts(sandbox, pin):
+    sandbox.set_outputs({"audiosink0": pin})
+    clip = sandbox.write_clip("a.wav", clips.noise(4410), rate=44100)
+    aplay(sandbox, clip.path)
+    take, = sandbox.card(0).takes
+    assert {"rate": take.rate, "channels": take.channels, "format": f"S{take.bits}_LE"} == {
+        "rate": 44100, "channels": 1, "format": "S16_LE"} | pin
+
+
+def test_the_card_plays_no_faster_than_the_clock(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(24000))
+    aplay(sandbox, clip.path)
+    events = {event.name: event for event in sandbox.card(0).events}
+    assert events["stop"].time - events["start"].time >= 500_000_000
+
+
+def test_the_card_ends_a_drain_only_when_all_is_played(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(2400))
+    # Far less than the buffer holds, so that nothing is played before the drain begins.
+    aplay(sandbox, "--buffer-time=500000", "--period-time=10000", clip.path)
+    assert sandbox.card(0).takes[0].find(clip.samples) == 0
+
+
+def test_the_card_records_only_what_was_played_before_a_stop(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(480000))
+    player = sandbox.spawn(["aplay", "-q", "-D", "audiosink0", "--buffer-time=2000000", clip.path])
+    wait_playing_for(sandbox.card(0), 0.1)
+    player.kill(2)
+    player.wait_exit()
+    take, = sandbox.card(0).takes
+    events = {event.name: event for event in sandbox.card(0).events}
+    assert take.samples == clip.samples[:take.frames]
+    assert 0 < take.frames <= (events["stop"].time - events["start"].time) * 48000 / 1e9 + 1
+
+
+def test_the_card_tells_an_underrun(sandbox):
+    source = sandbox.folder / "tmp/source"
+    os.mkfifo(source)
+    player = sandbox.spawn(["aplay", "-D", "audiosink0", "-t", "raw", "-f", "S16_LE", "-r", "48000",
+                            "--buffer-time=100000", "/tmp/source"])
+    with open(source, "wb", buffering=0) as pipe:
+        pipe.write(clips.noise(9600))
+        wait_playing_for(sandbox.card(0), 0.3)  # longer than what it has
+        pipe.write(clips.noise(9600))
+    assert player.wait_exit() == 0
+    assert sandbox.card(0).count("underrun") == 1
+    assert any("underrun" in line for line in player.lines)
+
+
+def test_the_card_goes_on_with_the_same_recording_for_the_same_format(sandbox):
+    first = sandbox.write_clip("a.wav", clips.noise(4800, seed=1))
+    second = sandbox.write_clip("b.wav", clips.noise(4800, seed=2))
+    aplay(sandbox, first.path)
+    aplay(sandbox, second.path)
+    take, = sandbox.card(0).takes
+    assert take.find(first.samples) == 0
+    assert take.find(second.samples) >= 4800
+
+
+def test_the_card_begins_a_recording_for_another_format(sandbox):
+    for number, (rate, channels) in enumerate([(48000, 1), (48000, 2), (192000, 1), (8000, 8)]):
+        clip = sandbox.write_clip("a.wav", clips.noise(800, channels), rate, channels)
+        aplay(sandbox, clip.path)
+        take = sandbox.card(0).takes[number]
+        assert (take.rate, take.channels) == (rate, channels)
+        assert take.find(clip.samples) == 0
+
+
+def test_each_output_has_a_card_of_its_own(sandbox):
+    sandbox.set_outputs(["audiosink0", "audiosink3", "device3_output0", "device3_output1"])
+    clip = sandbox.write_clip("a.wav", clips.noise(480))
+    for name, card in (("audiosink3", sandbox.card(3)), ("device3_output1", sandbox.card(3, 1))):
+        sandbox.run(["aplay", "-q", "-D", name, clip.path])
+        assert card.takes[0].find(clip.samples) == 0
+    assert sandbox.card(0).takes == []
+    sandbox.run(["aplay", "-q", "-D", "device3_output0", clip.path])
+    assert sandbox.card(3).count("open") == 2
+
+
+def test_a_card_that_somebody_has_is_busy(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(480000))
+    sandbox.spawn(["aplay", "-q", "-D", "audiosink0", clip.path])
+    wait_until(lambda: sandbox.card(0).is_open, what="the card is open")
+    assert "busy" in aplay(sandbox, clip.path, check=False).stderr
+
+
+def test_a_busy_card_can_be_opened_once_it_is_free(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(480))
+    sandbox.card(0).set_trouble("busy")
+    assert "busy" in aplay(sandbox, clip.path, check=False).stderr
+    sandbox.card(0).set_trouble("busy", False)
+    aplay(sandbox, clip.path)
+
+
+def test_a_card_that_goes_while_it_plays_says_so(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(480000))
+    player = sandbox.spawn(["gst-launch-1.0", "playbin", f"uri=file://{clip.path}",
+                            f"audio-sink={ALSASINK}"])
+    wait_until(lambda: sandbox.card(0).frames > 0, what="it plays")
+    sandbox.card(0).set_trouble("gone")
+    assert player.wait_exit() != 0
+    assert any("disconnected" in line for line in player.lines)
+    assert sandbox.card(0).count("gone") == 1
+
+
+def test_a_card_that_is_gone_cannot_be_opened(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(480))
+    sandbox.card(0).set_trouble("gone")
+    assert "No such device" in aplay(sandbox, clip.path, check=False).stderr
+
+
+def test_a_stuck_card_plays_nothing_and_goes_on_when_it_is_freed(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(48000))
+    sandbox.card(0).set_trouble("stuck")
+    player = sandbox.spawn(["aplay", "-q", "-D", "audiosink0", "--buffer-time=100000", clip.path])
+    wait_playing_for(sandbox.card(0), 0.3)  # three times what its buffer holds
+    assert sandbox.card(0).frames == 0
+    sandbox.card(0).set_trouble("stuck", False)
+    assert player.wait_exit() == 0
+    assert sandbox.card(0).takes[0].find(clip.samples) == 0
+
+
+# GStreamer on the sound card
+
+
+def test_a_clip_of_50_ms_reaches_the_card_from_its_first_to_its_last_sample(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(2400))
+    chain(sandbox, ALSASINK, clip)
+    take, = sandbox.card(0).takes
+    at = take.find(clip.samples)
+    assert at >= 0
+    assert_silent(take.samples[:at])
+    assert_silent(take.samples[at + clip.frames:])
+
+
+def test_a_chain_of_wav_clips_reaches_the_card_without_a_gap(sandbox):
+    chained = [sandbox.write_clip(f"{i}.wav", clips.noise(24000, seed=i)) for i in range(3)]
+    chain(sandbox, ALSASINK, *chained)
+    take, = sandbox.card(0).takes
+    at = take.find(chained[0].samples)
+    assert at >= 0
+    assert take.find(chained[1].samples) == at + 24000
+    assert take.find(chained[2].samples) == at + 48000
+
+
+@pytest.mark.parametrize("kind", ["wav", "au", "mulaw", "vorbis", "opus", "mp3", "mp2", "flac"])
+def test_each_kind_of_clip_sounds_for_as_long_as_it_is(sandbox, kind):
+    clip = sandbox.write_clip("tone", clips.tone(440, 0.5, channels=2), channels=2, kind=kind)
+    chain(sandbox, ALSASINK, clip)
+    take = sandbox.card(0).takes[-1]
+    sounding = [i // 2 for i, sample in enumerate(take.samples)
+                if abs(sample) > 0.1 * 2 ** (take.bits - 1)]
+    # A coder smears the ends of a tone by a frame of its own, 26 ms for MP3.
+    assert 0.44 <= (sounding[-1] - sounding[0]) / take.rate <= 0.56
+
+
+# The vendor's sink
+
+
+def test_the_vendor_sink_records_samples_and_who_plays(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(24000))
+    chain(sandbox, "veskaudiosink source-id=Somebody latency-time=20000", clip, vendor_sink=True)
+    assert sandbox.vendor_sink.takes[0].find(clip.samples) >= 0
+    opened, params = sandbox.vendor_sink.events[:2]
+    assert (opened.name, opened.fields) == ("open", {"source-id": "Somebody"})
+    assert params.fields["latency-time"] == "20000"
+    assert not sandbox.vendor_sink.is_open
+    assert sandbox.card(0).takes == []
+
+
+def test_the_vendor_sink_plays_no_faster_than_the_clock(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(24000))
+    begin = time.monotonic()
+    chain(sandbox, "veskaudiosink", clip, vendor_sink=True)
+    assert time.monotonic() - begin >= 0.5
+
+
+def test_the_vendor_sink_serves_one_pipeline_after_the_other(sandbox):
+    first = sandbox.write_clip("a.wav", clips.noise(4800, seed=1))
+    second = sandbox.write_clip("b.wav", clips.noise(4800, seed=2))
+    script = f"""
+import gi
+gi.require_version("Gst", "1.0")
+from gi.repository import Gst
+Gst.init(None)
+sink = Gst.ElementFactory.make("veskaudiosink")
+sink.set_property("source-id", "Both")
+assert sink.get_property("source-id") == "Both"
+for path in "{first.path}", "{second.path}":
+    playbin = Gst.ElementFactory.make("playbin")
+    playbin.set_property("uri", Gst.filename_to_uri(path))
+    playbin.set_property("audio-sink", sink)
+    playbin.set_latency(100 * Gst.MSECOND)
+    playbin.set_state(Gst.State.PLAYING)
+    message = playbin.get_bus().timed_pop_filtered(
+        Gst.CLOCK_TIME_NONE, Gst.MessageType.EOS | Gst.MessageType.ERROR)
+    playbin.set_state(Gst.State.NULL)
+    assert message.type == Gst.MessageType.EOS
+    playbin = message = None
+"""
+    sandbox.run(["/usr/bin/python3", "-c", script], vendor_sink=True)
+    take, = sandbox.vendor_sink.takes
+    assert 0 <= take.find(first.samples) < take.find(second.samples)
+    assert sandbox.vendor_sink.count("open") == 2
+
+
+def test_the_vendor_sink_exists_only_where_it_is_wanted(sandbox):
+    command = ["gst-inspect-1.0", "veskaudiosink"]
+    assert sandbox.run(command, check=False).returncode != 0
+    assert sandbox.run(command, vendor_sink=True, check=False).returncode == 0
+
+
+# The sandbox
+
+
+def test_the_sandbox_has_folders_of_its_own(sandbox):
+    sandbox.write_file("note.txt", b"here\n")
+    assert sandbox.run(["cat", "/etc/audioclips/note.txt"]).stdout == "here\n"
+    assert not pathlib.Path("/etc/audioclips/note.txt").exists()
+    assert sandbox.run(["touch", "/usr/touched"], check=False).returncode != 0
+
+
+def test_what_is_not_installed_is_named_with_its_package(tmp_path, monkeypatch):
+    monkeypatch.setenv("PATH", str(tmp_path))
+    with pytest.raises(SandboxError, match="bwrap.*Debian packages: bubblewrap"):
+        find_namespace_options.__wrapped__()
+
+
+def test_a_machine_without_namespaces_is_told_so(tmp_path, monkeypatch):
+    (tmp_path / "bwrap").write_text("#!/bin/sh\necho No permissions to create it >&2\nexit 1\n")
+    (tmp_path / "bwrap").chmod(0o755)
+    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}")
+    with pytest.raises(SandboxError, match="(?s)does not permit.*No permissions to create it"):
+        find_namespace_options.__wrapped__()
+
+
+def test_a_file_that_its_mode_hides_is_hidden_from_root_too(sandbox):
+    sandbox.write_file("hidden.wav")
+    (sandbox.etc / "audioclips/hidden.wav").chmod(0)
+    assert "denied" in sandbox.run(["cat", "/etc/audioclips/hidden.wav"], check=False).stderr
+
+
+def test_programs_in_the_sandbox_meet_the_test_on_the_bus(sandbox):
+    sandbox.bus.own_name("com.example.Here")
+    names = sandbox.run(["busctl", "--system", "list", "--acquired", "--no-legend"]).stdout
+    assert "com.example.Here" in names
+
+
+def test_signals_are_delivered_in_their_order(sandbox):
+    other = sandbox.connect()
+    signals = sandbox.bus.subscribe(path="/com/example", member="Rang")
+    for number in range(3):
+        other.emit("/com/example", "com.example", "Rang", "(i)", number)
+    wait_until(lambda: len(signals) == 3, what="three signals arrived")
+    assert [signal.args for signal in signals] == [(0,), (1,), (2,)]
+    assert signals[0].sender == other.unique_name
+    other.close()
+
+
+def test_an_error_reply_has_its_name_and_text(sandbox):
+    with pytest.raises(BusError) as error:
+        sandbox.bus.call("com.example.Nobody", "/", "com.example", "Call")
+    assert error.value.name == "org.freedesktop.DBus.Error.ServiceUnknown"
+    assert "com.example.Nobody" in error.value.text
+
+
+def test_a_mock_answers_on_the_bus(sandbox):
+    peer = ("com.example.Mock", "/com/example/Mock", "com.example.Mock")
+    sandbox.start_mock(*peer)
+    sandbox.bus.call(*peer[:2], "org.freedesktop.DBus.Mock", "AddMethod", "(sssss)", peer[2],
+                     "Twice", "i", "i", "ret = 2 * args[0]")
+    assert sandbox.bus.call(*peer, "Twice", "(i)", 21) == (42,)
+
+
+@pytest.mark.needs_root
+def test_another_user_is_another_user_to_the_bus(sandbox):
+    script = ("import dbus, time; dbus.SystemBus().request_name('com.example.Other'); "
+              "time.sleep(1000)")
+    sandbox.spawn(["/usr/bin/python3", "-c", script], uid=NOBODY, groups=[29])
+    driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+    wait_until(lambda: sandbox.bus.get_owner("com.example.Other"), what="the other user is there")
+    credentials, = sandbox.bus.call(*driver, "GetConnectionCredentials", "(s)", "com.example.Other")
+    assert credentials["UnixUserID"] == NOBODY
+    assert sorted(credentials["UnixGroupIDs"]) == [29, NOBODY]
+
+
+@pytest.mark.needs_root
+def test_another_user_can_play(sandbox):
+    clip = sandbox.write_clip("a.wav", clips.noise(4800))
+    sandbox.run(["gst-launch-1.0", "playbin", f"uri=file://{clip.path}", f"audio-sink={ALSASINK}"],
+                uid=NOBODY)
+    # A pipeline without a latency of its own clips the first sample, so that one is not asked for.
+    assert sandbox.card(0).takes[0].find(clip.samples[1:]) >= 0
+
+
+# How a daemon is watched; a shell plays its part here.
+
+
+def daemon_script(sandbox, script):
+    path = sandbox.folder / "tmp/daemon"
+    path.write_text(f"#!/bin/sh\n{script}\n")
+    path.chmod(0o755)
+    return "/tmp/daemon"
+
+
+def test_the_daemon_is_there_once_it_owns_its_name(sandbox):
+    script = ("import dbus, sys, time\n"
+              "print('sonobrik[7]: warning: I am: here', file=sys.stderr, flush=True)\n"
+              "dbus.SystemBus().request_name('com.vesk.Sonobrik')\n"
+              "time.sleep(1000)")
+    daemon = sandbox.start_daemon(
+        daemon_script(sandbox, f"exec /usr/bin/python3 - <<'END'\n{script}\nEND"))
+    daemon.wait_log("warning", "I am: here")
+    assert sandbox.bus.get_owner("com.vesk.Sonobrik")
+    assert daemon.stop() == 128 + 15
+
+
+def test_a_daemon_that_ends_at_once_fails_the_start(sandbox):
+    with pytest.raises(AssertionError, match="ended with 3:\nno luck"):
+        sandbox.start_daemon(daemon_script(sandbox, "echo no luck >&2; exit 3"))
+
+
+def test_a_daemon_that_ended_on_its_own_fails_the_test(tmp_path, build_dir, cache):
+    box = Sandbox(tmp_path / "sandbox", build_dir, cache)
+    daemon = box.start_daemon(daemon_script(box, "exit 0"), wait=False)
+    wait_until(lambda: not daemon.is_running, what="it has ended")
+    with pytest.raises(AssertionError, match="ended with 0 on its own"):
+        box.close()
+
+
+def test_a_sanitizer_report_fails_the_test(sandbox):
+    report = "x.cpp:1:2: runtime error: signed integer overflow"
+    daemon = sandbox.start_daemon(daemon_script(sandbox, f"echo '{report}' >&2"), wait=False)
+    with pytest.raises(AssertionError, match="a sanitizer reports"):
+        daemon.wait_exit()
+
+
+def test_a_watched_daemon_can_notify(sandbox):
+    script = "systemd-notify --no-block WATCHDOG=1 && echo $WATCHDOG_USEC >&2"
+    program = daemon_script(sandbox, script)
+    daemon = sandbox.start_daemon(program, watchdog_usec=4000000, wait=False)
+    assert daemon.wait_exit() == 0
+    assert daemon.lines == ["4000000"]
+    assert [text for _, text in sandbox.notify.messages] == ["WATCHDOG=1"]
