@@ -1,0 +1,183 @@
+#include "platform/log_redirect.h"
+
+#include <algorithm>
+#include <array>
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+/* Unit tests bring their own. */
+#ifndef VESK_LOG_SOCKET
+#define VESK_LOG_SOCKET "/dev/log"
+#endif
+
+/*
+ * A pipe takes a line of this length whole, so that lines of several writers never mix; and system
+ * logs drop what is much longer, while callers of the daemon choose the length of some texts.
+ */
+static constexpr size_t MAX_LINE = PIPE_BUF;
+static constexpr std::string_view CUT_MARK = " [cut]";
+
+struct Level {
+    int glib;
+    int syslog;
+    const char *word;
+};
+
+/* The gravest first: a line with several levels counts as the gravest of them. */
+static constexpr std::array<Level, 7> levels = {{
+    {G_LOG_LEVEL_ERROR, LOG_CRIT, "fatal"},
+    {G_LOG_LEVEL_CRITICAL, LOG_CRIT, "critical"},
+    {1 << G_LOG_LEVEL_USER_SHIFT, LOG_ERR, "error"},
+    {G_LOG_LEVEL_WARNING, LOG_WARNING, "warning"},
+    {G_LOG_LEVEL_MESSAGE, LOG_NOTICE, "notice"},
+    {G_LOG_LEVEL_INFO, LOG_INFO, "info"},
+    {G_LOG_LEVEL_DEBUG, LOG_DEBUG, "debug"},
+}};
+
+/* A level of somebody's own: its weight is unknown, but it was meant to be seen. */
+static constexpr Level other_level = {0, LOG_NOTICE, "notice"};
+
+static const char *log_identity = "";
+
+static const Level &find_level(int glib_level)
+{
+    const auto *level = std::find_if(levels.begin(), levels.end(),
+                                     [&](const Level &entry) { return entry.glib & glib_level; });
+    return level == levels.end() ? other_level : *level;
+}
+
+/* How many bytes at the start of `text` make up one character that may stand in a log; 0 if none.
+ */
+static size_t printable_length(std::string_view text)
+{
+    const gunichar character =
+        g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    const bool invalid =
+        character == static_cast<gunichar>(-1) || character == static_cast<gunichar>(-2);
+    if (invalid || character < 0x20 || (character >= 0x7f && character < 0xa0)) {
+        return 0;
+    }
+    return static_cast<size_t>(g_utf8_next_char(text.data()) - text.data());
+}
+
+/* Appends `text` up to a line of `limit` bytes; what does not fit gives way to a mark. */
+static void append_escaped(std::string *line, std::string_view text, size_t limit)
+{
+    limit -= CUT_MARK.size();
+    while (!text.empty()) {
+        char escaped[sizeof "\\xff"];
+        std::string_view piece = text.substr(0, printable_length(text));
+        size_t used = piece.size();
+        if (used == 0) {
+            snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(text.front()));
+            piece = escaped;
+            used = 1;
+        }
+        if (line->size() + piece.size() > limit) {
+            line->append(CUT_MARK);
+            return;
+        }
+        line->append(piece);
+        text.remove_prefix(used);
+    }
+}
+
+/* syslog(3) itself drops a line silently when nobody listens. */
+static bool system_log_listens()
+{
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    const struct sockaddr_un address = {AF_UNIX, VESK_LOG_SOCKET};
+    const int result =
+        connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
+    /* A stream socket listens as well; syslog(3) finds out by itself. */
+    const bool listens = result == 0 || errno == EPROTOTYPE;
+    close(fd);
+    return listens;
+}
+
+static void write_to_stderr(const std::string &line)
+{
+    while (write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
+    }
+}
+
+/*
+ * Standard error is read by people, so a library's debug lines go there only where G_MESSAGES_DEBUG
+ * asks for its domain; a system log has a threshold of its own and gets them all.
+ */
+static bool is_noise(const Level &level, const std::string &domain)
+{
+    return level.glib == G_LOG_LEVEL_DEBUG && !domain.empty() &&
+           g_log_writer_default_would_drop(G_LOG_LEVEL_DEBUG, domain.c_str());
+}
+
+/* `domain` is empty for the daemon's own lines. */
+static void log_line(int glib_level, const std::string &domain, std::string_view message)
+{
+    const Level &level = find_level(glib_level);
+    const bool listens = system_log_listens();
+    const bool to_stderr = (!listens || isatty(STDERR_FILENO)) && !is_noise(level, domain);
+
+    std::string line =
+        std::string(log_identity) + '[' + std::to_string(getpid()) + "]: " + level.word + ": ";
+    const size_t text_start = line.size();
+    if (!domain.empty()) {
+        append_escaped(&line, domain, MAX_LINE / 2);
+        line += ": ";
+    }
+    append_escaped(&line, message, MAX_LINE - strlen("\n"));
+    if (listens) {
+        syslog(level.syslog, "%s", line.c_str() + text_start);
+    }
+    if (to_stderr) {
+        write_to_stderr(line + '\n');
+    }
+}
+
+static void handle_log(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer)
+{
+    log_line(level, domain ? domain : "", message ? message : "(null)");
+}
+
+/* A field's value has the given length, or ends at a NUL where the length is negative. */
+static std::string_view field_text(const GLogField &field)
+{
+    const char *text = static_cast<const char *>(field.value);
+    return field.length < 0 ? text : std::string_view(text, static_cast<size_t>(field.length));
+}
+
+/* Libraries that use structured logging get here, past the default handler. */
+static GLogWriterOutput write_structured(GLogLevelFlags level, const GLogField *fields,
+                                         gsize n_fields, gpointer)
+{
+    std::string_view domain;
+    std::string_view message;
+    for (const GLogField *field = fields; field != fields + n_fields; ++field) {
+        if (strcmp(field->key, "MESSAGE") == 0) {
+            message = field_text(*field);
+        } else if (strcmp(field->key, "GLIB_DOMAIN") == 0) {
+            domain = field_text(*field);
+        }
+    }
+    log_line(level, std::string(domain), message);
+    return G_LOG_WRITER_HANDLED;
+}
+
+void log_redirect_to_syslog(const char *identity, int facility)
+{
+    log_identity = identity;
+    openlog(identity, LOG_PID, facility);
+    g_log_set_default_handler(handle_log, nullptr);
+    g_log_set_writer_func(write_structured, nullptr, nullptr);
+}
