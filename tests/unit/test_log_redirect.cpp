@@ -165,8 +165,8 @@ class LogRedirect : public ::testing::Test
     int status = 0;
 };
 
-static constexpr auto LEVEL_256 = static_cast<GLogLevelFlags>(256);
-static constexpr auto LEVEL_512 = static_cast<GLogLevelFlags>(512);
+static const auto LEVEL_256 = static_cast<GLogLevelFlags>(256);
+static const auto LEVEL_512 = static_cast<GLogLevelFlags>(512);
 
 static void log_at_every_level()
 {
