@@ -1,0 +1,197 @@
+#include "platform/audio_devices.h"
+
+#include <charconv>
+#include <map>
+#include <set>
+#include <stdarg.h>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+/* One operation of this header is declared as C++ unless the header is told. */
+extern "C" {
+#include <alsa/error.h>
+}
+#include <alsa/asoundlib.h>
+
+#include "alsa_files.h"
+
+/* Outputs by device; both are numbers, and in their order. */
+using Devices = std::map<int, std::set<int>>;
+
+/*
+ * What the configuration said when it was read last. It is read again only when one of its files
+ * changed, since that takes fifty times as long as looking at them.
+ */
+static struct {
+    bool is_read;    /* `files` holds */
+    bool is_usable;  /* the configuration could be parsed */
+    AlsaFiles files; /* as they were just before */
+    std::string complaints;
+    Devices devices;
+} listing;
+
+/* Appends one message of alsa-lib, which may explain a failure in several, to the complaints. */
+static void note_complaint(const char *, int, const char *, int error, const char *format,
+                           va_list arguments)
+{
+    g_autofree char *text = g_strdup_vprintf(format, arguments);
+    if (!listing.complaints.empty()) {
+        listing.complaints += "; ";
+    }
+    listing.complaints += text;
+    if (error != 0) {
+        listing.complaints += std::string(": ") + snd_strerror(error);
+    }
+}
+
+/*
+ * Cuts `prefix` and a canonical decimal number off the beginning of `*text`: a name with a sign or
+ * a leading zero would not be the one that the player makes out of the number.
+ */
+static bool cut_number(std::string_view *text, std::string_view prefix, int *number)
+{
+    if (!text->starts_with(prefix)) {
+        return false;
+    }
+    const std::string_view digits = text->substr(prefix.size());
+    const char *end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, *number);
+    const auto length = static_cast<size_t>(stop - digits.data());
+    if (error != std::errc{} || digits.front() == '-' || (digits.front() == '0' && length > 1)) {
+        return false;
+    }
+    *text = digits.substr(length);
+    return true;
+}
+
+static void add_name(std::string_view name, Devices *devices, Devices *outputs)
+{
+    int device;
+    int output;
+    std::string_view rest = name;
+    if (cut_number(&rest, "audiosink", &device) && rest.empty()) {
+        (*devices)[device];
+    }
+    rest = name;
+    if (cut_number(&rest, "device", &device) && cut_number(&rest, "_output", &output) &&
+        rest.empty()) {
+        (*outputs)[device].insert(output);
+    }
+}
+
+/* The devices that the names of PCMs in the configuration `top` make up. */
+static Devices read_devices(snd_config_t *top)
+{
+    /* Hooks below the top level run when a PCM is looked for, as they will for the player. */
+    snd_config_t *found = nullptr;
+    if (snd_config_search_definition(top, "pcm", "audiosink", &found) >= 0) {
+        snd_config_delete(found);
+    }
+    Devices devices;
+    Devices outputs;
+    snd_config_t *pcms = nullptr;
+    if (snd_config_search(top, "pcm", &pcms) < 0 ||
+        snd_config_get_type(pcms) != SND_CONFIG_TYPE_COMPOUND) {
+        return devices;
+    }
+    snd_config_iterator_t position;
+    snd_config_iterator_t next;
+    snd_config_for_each(position, next, pcms)
+    {
+        const char *name = nullptr;
+        if (snd_config_get_id(snd_config_iterator_entry(position), &name) >= 0 && name) {
+            add_name(name, &devices, &outputs);
+        }
+    }
+    for (auto &[device, own_outputs] : devices) {
+        own_outputs = outputs.contains(device) ? outputs[device] : std::set<int>{0};
+    }
+    return devices;
+}
+
+/* Reads the configuration into the listing, from a tree of our own that is dropped at once. */
+static void read_configuration()
+{
+    listing.complaints.clear();
+    listing.devices.clear();
+    snd_config_t *top = nullptr;
+    snd_config_update_t *update = nullptr;
+    const int status = snd_config_update_r(&top, &update, nullptr);
+    listing.is_usable = status >= 0;
+    if (listing.is_usable) {
+        listing.devices = read_devices(top);
+        snd_config_delete(top);
+        snd_config_update_free(update);
+    } else if (listing.complaints.empty()) {
+        listing.complaints = snd_strerror(status);
+    }
+}
+
+/*
+ * Brings the listing up to date. A failure is tried again at each call, for it may lie elsewhere
+ * than in the files, but it is logged once.
+ */
+static void refresh()
+{
+    const bool changed = !listing.is_read || alsa_files_changed(listing.files);
+    if (!changed && listing.is_usable) {
+        return;
+    }
+    const std::string known_complaints = changed ? "" : listing.complaints;
+    const snd_local_error_handler_t previous = snd_lib_error_set_local(note_complaint);
+    if (changed) {
+        /* Found before they are read, so that the next call notices an edit in between. */
+        listing.files = alsa_files_find();
+        listing.is_read = true;
+        /* The tree that the player's PCMs come from; it is made anew when one is opened. */
+        snd_config_update_free_global();
+    }
+    read_configuration();
+    snd_lib_error_set_local(previous);
+    if (!listing.complaints.empty() && listing.complaints != known_complaints) {
+        g_warning("%sThe ALSA configuration cannot be read, or not in full: %s", "",
+                  listing.complaints.c_str());
+    }
+}
+
+static struct AudioDevice *device_new(int device, const std::set<int> &outputs)
+{
+    auto *record = g_new0(struct AudioDevice, 1);
+    record->id = g_strdup_printf("%d", device);
+    record->outputs = g_new0(struct AudioOutput *, outputs.size() + 1);
+    struct AudioOutput **next = record->outputs;
+    for (const int output : outputs) {
+        *next = g_new0(struct AudioOutput, 1);
+        (*next++)->id = g_strdup_printf("%d", output);
+    }
+    return record;
+}
+
+struct AudioDevice **audio_devices_get(const void *)
+{
+    refresh();
+    if (listing.devices.empty()) {
+        return nullptr;
+    }
+    auto **devices = g_new0(struct AudioDevice *, listing.devices.size() + 1);
+    struct AudioDevice **next = devices;
+    for (const auto &[device, outputs] : listing.devices) {
+        *next++ = device_new(device, outputs);
+    }
+    return devices;
+}
+
+void audio_devices_free(struct AudioDevice **devices)
+{
+    for (struct AudioDevice **device = devices; device && *device; ++device) {
+        for (struct AudioOutput **output = (*device)->outputs; output && *output; ++output) {
+            g_free((*output)->id);
+            g_free(*output);
+        }
+        g_free((*device)->outputs);
+        g_free((*device)->id);
+        g_free(*device);
+    }
+    g_free(devices);
+}
