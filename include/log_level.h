@@ -7,8 +7,7 @@
 
 #include <glib.h>
 
-inline constexpr auto LOG_LEVEL_ERROR =
-    static_cast<GLogLevelFlags>(1 << G_LOG_LEVEL_USER_SHIFT);
+inline const auto LOG_LEVEL_ERROR = static_cast<GLogLevelFlags>(1 << G_LOG_LEVEL_USER_SHIFT);
 
 /* Logs at LOG_LEVEL_ERROR without a log domain, as g_warning() does at its level. */
 #define log_error(...) g_log(G_LOG_DOMAIN, LOG_LEVEL_ERROR, __VA_ARGS__)
