@@ -1,0 +1,206 @@
+#include "platform_bus.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform_error.h"
+
+#ifndef PLATFORM_BUS_TIMEOUT_MS
+#define PLATFORM_BUS_TIMEOUT_MS 5000
+#endif
+
+namespace
+{
+
+constexpr uint64_t TIMEOUT_USEC = PLATFORM_BUS_TIMEOUT_MS * UINT64_C(1000);
+
+/* A peer that floods the connection gets no more than this many messages served per turn of the
+ * loop, so that the loop's other sources go on. */
+constexpr unsigned MESSAGES_PER_TURN = 64;
+
+struct BusSource {
+    GSource base;
+    sd_bus *bus; /* one reference */
+    GPollFD poll;
+};
+
+struct {
+    sd_bus *bus; /* one reference; null when there is no connection */
+    GSource *source;
+    unsigned holders;
+} shared;
+
+/*
+ * Has sd-bus something to do that no descriptor announces: a call that timed out, or messages in
+ * its read queue, which a synchronous call put there while it waited for its own answer? Otherwise
+ * `*timeout_ms` says when it will have (-1: never).
+ */
+bool is_due(sd_bus *bus, gint *timeout_ms)
+{
+    uint64_t due = UINT64_MAX;
+    if (sd_bus_get_timeout(bus, &due) < 0) {
+        return true; /* closed: to be found out by dispatch */
+    }
+    *timeout_ms = -1;
+    if (due == UINT64_MAX) {
+        return false;
+    }
+    const auto now = static_cast<uint64_t>(g_get_monotonic_time());
+    if (due <= now) {
+        *timeout_ms = 0;
+        return true;
+    }
+    *timeout_ms = static_cast<gint>(std::min<uint64_t>((due - now + 999) / 1000, G_MAXINT));
+    return false;
+}
+
+/*
+ * Prepare and check keep nothing between them but the events to poll for, which are set anew each
+ * time: when other threads add or remove sources meanwhile, GLib calls prepare again without check.
+ */
+gboolean bus_source_prepare(GSource *base, gint *timeout_ms)
+{
+    auto *source = reinterpret_cast<BusSource *>(base);
+    const int events = sd_bus_get_events(source->bus);
+    source->poll.events = static_cast<gushort>(std::max(events, 0));
+    return is_due(source->bus, timeout_ms);
+}
+
+gboolean bus_source_check(GSource *base)
+{
+    auto *source = reinterpret_cast<BusSource *>(base);
+    gint timeout_ms = -1;
+    return source->poll.revents != 0 || is_due(source->bus, &timeout_ms);
+}
+
+/* Parts with the shared connection, which closes; its holders' references stay valid. */
+void drop_shared()
+{
+    g_source_destroy(shared.source);
+    g_source_unref(shared.source);
+    sd_bus_close(shared.bus); /* queued messages refer to the connection and would keep it */
+    sd_bus_unref(shared.bus);
+    shared = {};
+}
+
+/* Logs the loss; a call may find it before the loop does. */
+void lose_shared(int reason)
+{
+    g_warning("%sThe platform's connection to the system bus was lost: %s.", "",
+              g_strerror(reason));
+    drop_shared();
+}
+
+gboolean bus_source_dispatch(GSource *base, GSourceFunc, gpointer)
+{
+    auto *source = reinterpret_cast<BusSource *>(base);
+    int r = 1;
+    for (unsigned i = 0; r > 0 && i < MESSAGES_PER_TURN; i++) {
+        r = sd_bus_process(source->bus, nullptr);
+        if (g_source_is_destroyed(base)) { /* released by what was called */
+            return G_SOURCE_REMOVE;
+        }
+    }
+    if (r < 0) {
+        lose_shared(-r);
+        return G_SOURCE_REMOVE;
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+void bus_source_finalize(GSource *base)
+{
+    auto *source = reinterpret_cast<BusSource *>(base);
+    sd_bus_unref(source->bus);
+}
+
+GSourceFuncs bus_source_functions = {
+    bus_source_prepare,  bus_source_check, bus_source_dispatch,
+    bus_source_finalize, nullptr,          nullptr,
+};
+
+GSource *bus_source_new(sd_bus *bus)
+{
+    GSource *base = g_source_new(&bus_source_functions, sizeof(BusSource));
+    auto *source = reinterpret_cast<BusSource *>(base);
+    source->bus = sd_bus_ref(bus);
+    source->poll.fd = sd_bus_get_fd(bus);
+    g_source_add_poll(base, &source->poll);
+    return base;
+}
+
+/* Opening only starts the log-in, which a bus that hangs never ends: wait for it, but not for ever.
+ */
+int wait_until_ready(sd_bus *bus)
+{
+    const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(TIMEOUT_USEC);
+    int r = 0;
+    while ((r = sd_bus_is_ready(bus)) == 0) {
+        r = sd_bus_process(bus, nullptr);
+        if (r == 0) {
+            const gint64 left = deadline - g_get_monotonic_time();
+            r = left > 0 ? sd_bus_wait(bus, static_cast<uint64_t>(left)) : -ETIMEDOUT;
+        }
+        if (r < 0) {
+            break;
+        }
+    }
+    return r;
+}
+
+bool open_shared(GError **error)
+{
+    sd_bus *bus = nullptr;
+    int r = sd_bus_open_system(&bus);
+    if (r >= 0) {
+        r = wait_until_ready(bus);
+    }
+    if (r >= 0) {
+        r = sd_bus_set_method_call_timeout(bus, TIMEOUT_USEC);
+    }
+    if (r < 0) {
+        g_set_error(error, PLATFORM_ERROR, -r, "The system bus cannot be reached: %s",
+                    g_strerror(-r));
+        sd_bus_close_unref(bus);
+        return false;
+    }
+    shared.bus = bus;
+    shared.source = bus_source_new(bus);
+    g_source_attach(shared.source, nullptr);
+    return true;
+}
+
+} // namespace
+
+sd_bus *platform_bus_acquire(GError **error)
+{
+    if (shared.bus && !platform_bus_is_open(shared.bus)) {
+        lose_shared(ECONNRESET);
+    }
+    if (!shared.bus && !open_shared(error)) {
+        return nullptr;
+    }
+    shared.holders++;
+    return sd_bus_ref(shared.bus);
+}
+
+bool platform_bus_is_open(sd_bus *bus)
+{
+    return bus && sd_bus_is_open(bus) > 0;
+}
+
+void platform_bus_release(sd_bus *bus)
+{
+    if (!bus) {
+        return;
+    }
+    if (bus == shared.bus && --shared.holders == 0) {
+        if (platform_bus_is_open(bus)) {
+            sd_bus_flush(bus);
+            drop_shared();
+        } else {
+            lose_shared(ECONNRESET);
+        }
+    }
+    sd_bus_unref(bus);
+}
