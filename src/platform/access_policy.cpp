@@ -1,0 +1,148 @@
+#include "platform/access_policy.h"
+
+#include <array>
+#include <cerrno>
+#include <string>
+#include <systemd/sd-bus.h>
+#include <vector>
+
+#include "access_policy_file.h"
+#include "platform_bus.h"
+#include "platform_error.h"
+
+namespace
+{
+
+constexpr size_t CALLERS_MAX = 64;
+
+/* Who stands behind a unique bus name, which a bus gives away only once. */
+struct Caller {
+    std::string name;
+    uid_t uid = 0;
+    std::vector<gid_t> gids = {}; /* empty if the bus knows none */
+};
+
+struct {
+    sd_bus *bus; /* held once it was needed */
+    std::array<Caller, CALLERS_MAX> callers;
+    size_t next; /* the entry to be replaced next, the oldest */
+} state;
+
+/* Makes sure of a connection. The names of one bus mean nothing on the next. */
+bool connect_bus(GError **error)
+{
+    if (platform_bus_is_open(state.bus)) {
+        return true;
+    }
+    platform_bus_release(g_steal_pointer(&state.bus));
+    state.callers = {};
+    state.bus = platform_bus_acquire(error);
+    return state.bus != nullptr;
+}
+
+/* Reads the bus driver's a{sv} of what it knows. */
+int read_credentials(sd_bus_message *reply, Caller *caller, bool *has_uid)
+{
+    int r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "{sv}");
+    while (r >= 0 &&
+           (r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
+        const char *name = nullptr;
+        const char *type = nullptr;
+        if ((r = sd_bus_message_read(reply, "s", &name)) < 0 ||
+            (r = sd_bus_message_peek_type(reply, nullptr, &type)) < 0) {
+            return r;
+        }
+        if (g_str_equal(name, "UnixUserID") && g_str_equal(type, "u")) {
+            r = sd_bus_message_read(reply, "v", "u", &caller->uid);
+            *has_uid = r >= 0;
+        } else if (g_str_equal(name, "UnixGroupIDs") && g_str_equal(type, "au")) {
+            const void *gids = nullptr;
+            size_t size = 0;
+            if ((r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_VARIANT, "au")) < 0 ||
+                (r = sd_bus_message_read_array(reply, 'u', &gids, &size)) < 0) {
+                return r;
+            }
+            const auto *first = static_cast<const gid_t *>(gids);
+            caller->gids.assign(first, first + size / sizeof(gid_t));
+            r = sd_bus_message_exit_container(reply);
+        } else {
+            r = sd_bus_message_skip(reply, "v");
+        }
+        if (r >= 0) {
+            r = sd_bus_message_exit_container(reply);
+        }
+    }
+    return r;
+}
+
+/* Asks the bus driver, not the caller, who `sender` is. */
+bool ask_bus(const char *sender, Caller *caller, GError **error)
+{
+    g_auto(sd_bus_error) fault = {};
+    g_autoptr(sd_bus_message) reply = nullptr;
+    bool has_uid = false;
+    int r = sd_bus_call_method(state.bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", "GetConnectionCredentials", &fault, &reply,
+                               "s", sender);
+    if (r >= 0) {
+        r = read_credentials(reply, caller, &has_uid);
+    }
+    if (sd_bus_error_has_name(&fault, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
+        g_set_error(error, PLATFORM_ERROR, ESRCH, "the caller '%s' has left the bus", sender);
+        return false;
+    }
+    if (r < 0) {
+        g_set_error(error, PLATFORM_ERROR, -r, "the bus does not say who '%s' is: %s", sender,
+                    fault.message ? fault.message : g_strerror(-r));
+        return false;
+    }
+    if (!has_uid) {
+        g_set_error(error, PLATFORM_ERROR, ENODATA, "the bus does not know the user of '%s'",
+                    sender);
+        return false;
+    }
+    return true;
+}
+
+/* Returns who `sender` is, valid until the next call, or null with `error` set. */
+const Caller *identify(const char *sender, GError **error)
+{
+    if (!connect_bus(error)) {
+        return nullptr;
+    }
+    for (const Caller &caller : state.callers) {
+        if (caller.name == sender) {
+            return &caller;
+        }
+    }
+    Caller caller = {.name = sender};
+    if (!ask_bus(sender, &caller, error)) {
+        return nullptr;
+    }
+    Caller *entry = &state.callers[state.next];
+    state.next = (state.next + 1) % CALLERS_MAX;
+    *entry = std::move(caller);
+    return entry;
+}
+
+} // namespace
+
+bool access_policy_init(GError **error)
+{
+    return access_policy_file_load(error);
+}
+
+bool access_policy_check(const char *sender, const char *action, GError **error)
+{
+    if (!sender || !action) {
+        g_set_error(error, PLATFORM_ERROR, EINVAL, "a call without a %s is refused",
+                    sender ? "method name" : "sender");
+        return false;
+    }
+    if (*sender != ':') { /* a well-known name may change hands */
+        g_set_error(error, PLATFORM_ERROR, EINVAL, "'%s' is no unique bus name", sender);
+        return false;
+    }
+    const Caller *caller = identify(sender, error);
+    return caller && access_policy_file_admits(caller->uid, caller->gids, action, error);
+}

@@ -1,0 +1,229 @@
+#include "platform/access_policy.h"
+
+#include <grp.h>
+#include <unistd.h>
+#include <vector>
+
+#include "private_bus.h"
+#include "scratch_folder.h"
+
+namespace
+{
+
+constexpr const char *ACTION = "com.vesk.Sonobrik.PlayClip";
+constexpr uid_t NOBODY = 65534;
+constexpr const char *LOST_LINE =
+    "The platform's connection to the system bus was lost: Connection reset by peer.";
+
+class AccessPolicy : public BusTest
+{
+  protected:
+    /* The service keeps its connection: the next test's bus finds it lost. */
+    ~AccessPolicy() override
+    {
+        bus.stop();
+        run_until([] { return !g_main_context_pending(nullptr); });
+    }
+
+    static void init(const std::string &text)
+    {
+        ScratchFolder::write("access.conf", text);
+        ASSERT_TRUE(access_policy_init(nullptr));
+    }
+
+    static std::string check(const char *sender, const char *action = ACTION)
+    {
+        g_autoptr(GError) error = nullptr;
+        const bool admitted = access_policy_check(sender, action, &error);
+        EXPECT_EQ(admitted, error == nullptr);
+        return error ? error->message : "admitted";
+    }
+
+    static std::string check(GDBusConnection *peer)
+    {
+        return check(g_dbus_connection_get_unique_name(peer));
+    }
+
+    /* A client of another user, who must have an account, or the bus turns it away; root only. */
+    GDBusConnection *connect_as(uid_t uid, gid_t gid, const std::vector<gid_t> &more)
+    {
+        EXPECT_EQ(setgroups(more.size(), more.data()), 0);
+        EXPECT_EQ(setegid(gid), 0);
+        EXPECT_EQ(seteuid(uid), 0);
+        GDBusConnection *peer = bus.connect();
+        EXPECT_EQ(seteuid(0), 0);
+        EXPECT_EQ(setegid(0), 0);
+        EXPECT_EQ(setgroups(0, nullptr), 0);
+        return peer;
+    }
+
+    ScratchFolder folder;
+};
+
+std::string policy_for_me()
+{
+    return "[com.vesk.Sonobrik]\nusers=" + std::to_string(geteuid()) + "\n";
+}
+
+TEST_F(AccessPolicy, InitialisesWithoutABus)
+{
+    bus.stop();
+    init(policy_for_me());
+}
+
+TEST_F(AccessPolicy, DoesNotInitialiseWithABrokenFile)
+{
+    ScratchFolder::write("access.conf", "?");
+    g_autoptr(GError) error = nullptr;
+    EXPECT_FALSE(access_policy_init(&error));
+    ASSERT_NE(error, nullptr);
+    EXPECT_TRUE(g_str_has_prefix(error->message, "access.conf: ")) << error->message;
+}
+
+TEST_F(AccessPolicy, AdmitsByTheUserWhomTheBusKnows)
+{
+    init(policy_for_me());
+    EXPECT_EQ(check(stranger), "admitted");
+}
+
+TEST_F(AccessPolicy, AdmitsByAGroupWhichTheBusKnows)
+{
+    init("[com.vesk.Sonobrik]\ngroups=" + std::to_string(getegid()) + "\n");
+    EXPECT_EQ(check(stranger), "admitted");
+}
+
+TEST_F(AccessPolicy, RefusesWhoIsNotListed)
+{
+    init("[com.vesk.Sonobrik]\nusers=4242\n");
+    EXPECT_EQ(check(stranger),
+              "uid " + std::to_string(geteuid()) +
+                  " may not perform com.vesk.Sonobrik.PlayClip: "
+                  "[com.vesk.Sonobrik] of access.conf lists neither it nor a group "
+                  "of it");
+}
+
+TEST_F(AccessPolicy, TellsUsersApart)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root has a second user at hand";
+    }
+    init("[com.vesk.Sonobrik]\nusers=0\n");
+    g_autoptr(GDBusConnection) other = connect_as(NOBODY, 65534, {});
+    EXPECT_EQ(check(stranger), "admitted");
+    EXPECT_EQ(check(other),
+              "uid 65534 may not perform com.vesk.Sonobrik.PlayClip: "
+              "[com.vesk.Sonobrik] of access.conf lists neither it nor a group of it");
+}
+
+TEST_F(AccessPolicy, KnowsSupplementaryGroups)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root has other groups at hand";
+    }
+    init("[com.vesk.Sonobrik]\ngroups=4343\n");
+    g_autoptr(GDBusConnection) member = connect_as(NOBODY, 65534, {29, 4343});
+    EXPECT_EQ(check(member), "admitted");
+}
+
+TEST_F(AccessPolicy, RefusesANullSender)
+{
+    init("[com.vesk.Sonobrik]\nusers=*\n");
+    EXPECT_EQ(check(nullptr, ACTION), "a call without a sender is refused");
+}
+
+TEST_F(AccessPolicy, RefusesANullAction)
+{
+    init("[com.vesk.Sonobrik]\nusers=*\n");
+    EXPECT_EQ(check(":1.0", nullptr), "a call without a method name is refused");
+}
+
+TEST_F(AccessPolicy, RefusesASenderThatIsNoUniqueName)
+{
+    init("[com.vesk.Sonobrik]\nusers=*\n");
+    EXPECT_EQ(check("org.freedesktop.DBus"), "'org.freedesktop.DBus' is no unique bus name");
+}
+
+TEST_F(AccessPolicy, RefusesASenderThatHasLeft)
+{
+    init("[com.vesk.Sonobrik]\nusers=*\n");
+    EXPECT_EQ(check(":1.4242"), "the caller ':1.4242' has left the bus");
+}
+
+TEST_F(AccessPolicy, RefusesASenderThatTheBusCannotRead)
+{
+    init("[com.vesk.Sonobrik]\nusers=*\n");
+    EXPECT_EQ(check(":\xff"), "the bus does not say who ':\xff' is: Invalid argument");
+    EXPECT_EQ(check(stranger), "admitted") << "the connection suffered";
+}
+
+TEST_F(AccessPolicy, AsksTheBusOnceAboutACaller)
+{
+    init(policy_for_me());
+    EXPECT_EQ(check(stranger), "admitted");
+    bus.freeze();
+    EXPECT_EQ(check(stranger), "admitted");
+    bus.thaw();
+}
+
+TEST_F(AccessPolicy, RefusesWhileTheBusDoesNotAnswerAndAsksAgainLater)
+{
+    init(policy_for_me());
+    g_autoptr(GDBusConnection) other = bus.connect();
+    EXPECT_EQ(check(stranger), "admitted");
+    bus.freeze();
+    const std::string name = g_dbus_connection_get_unique_name(other);
+    EXPECT_EQ(check(other), "the bus does not say who '" + name + "' is: Connection timed out");
+    bus.thaw();
+    EXPECT_EQ(check(other), "admitted");
+}
+
+TEST_F(AccessPolicy, RemembersABoundedNumberOfCallers)
+{
+    init(policy_for_me());
+    std::vector<GDBusConnection *> peers;
+    for (int i = 0; i < 65; i++) {
+        peers.push_back(bus.connect());
+        ASSERT_EQ(check(peers.back()), "admitted");
+    }
+    bus.freeze();
+    for (size_t i = 1; i < peers.size(); i++) {
+        ASSERT_EQ(check(peers[i]), "admitted") << i;
+    }
+    EXPECT_NE(check(peers.front()), "admitted");
+    bus.thaw();
+    for (GDBusConnection *peer : peers) {
+        g_object_unref(peer);
+    }
+}
+
+TEST_F(AccessPolicy, RefusesWithoutABusAndRecoversWithIt)
+{
+    init(policy_for_me());
+    EXPECT_EQ(check(stranger), "admitted");
+    bus.stop();
+    EXPECT_NE(check(":1.4242"), "admitted"); /* the call finds the loss before the loop does */
+    EXPECT_EQ(check(":1.0"), "The system bus cannot be reached: No such file or directory");
+    expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
+    bus.start();
+    g_autoptr(GDBusConnection) other = bus.connect();
+    EXPECT_EQ(check(other), "admitted");
+}
+
+TEST_F(AccessPolicy, DoesNotTakeACallerForOneOfAnEarlierBus)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root has a second user at hand";
+    }
+    init("[com.vesk.Sonobrik]\nusers=0\n");
+    const std::string name = g_dbus_connection_get_unique_name(stranger);
+    EXPECT_EQ(check(stranger), "admitted");
+    bus.stop();
+    EXPECT_NE(check(":1.4242"), "admitted"); /* the call finds the loss before the loop does */
+    bus.start();
+    g_autoptr(GDBusConnection) other = connect_as(NOBODY, 65534, {});
+    ASSERT_EQ(name, g_dbus_connection_get_unique_name(other)) << "a bus counts its clients anew";
+    EXPECT_NE(check(other), "admitted");
+    expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
+}
+
+} // namespace

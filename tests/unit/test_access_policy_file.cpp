@@ -1,0 +1,393 @@
+#include "access_policy_file.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "log_test.h"
+#include "scratch_folder.h"
+
+namespace
+{
+
+constexpr const char *FILE_NAME = "access.conf";
+constexpr const char *ACTION = "com.vesk.Sonobrik.PlayClip";
+constexpr uid_t ANN = 4242;
+constexpr gid_t SINGERS = 4343;
+
+class AccessPolicyFile : public LogTest
+{
+  protected:
+    /* The file's text, as the daemon finds it when it starts. */
+    static void load(const std::string &text)
+    {
+        ScratchFolder::write(FILE_NAME, text);
+        g_autoptr(GError) error = nullptr;
+        EXPECT_TRUE(access_policy_file_load(&error)) << error->message;
+    }
+
+    static std::string load_error()
+    {
+        g_autoptr(GError) error = nullptr;
+        EXPECT_FALSE(access_policy_file_load(&error));
+        return error ? error->message : "no error";
+    }
+
+    static bool admits(uid_t uid, const std::vector<gid_t> &gids, const char *action = ACTION)
+    {
+        g_autoptr(GError) error = nullptr;
+        const bool admitted = access_policy_file_admits(uid, gids, action, &error);
+        EXPECT_EQ(admitted, error == nullptr);
+        return admitted;
+    }
+
+    static std::string refusal(uid_t uid, const std::vector<gid_t> &gids,
+                               const char *action = ACTION)
+    {
+        g_autoptr(GError) error = nullptr;
+        EXPECT_FALSE(access_policy_file_admits(uid, gids, action, &error));
+        return error ? error->message : "no error";
+    }
+
+    ScratchFolder folder;
+};
+
+TEST_F(AccessPolicyFile, AdmitsAUserByNumber)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=1;4242\n");
+    EXPECT_TRUE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, AdmitsAUserByName)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=nobody\n");
+    EXPECT_TRUE(admits(65534, {}));
+}
+
+TEST_F(AccessPolicyFile, AdmitsAGroupByNumber)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\ngroups=1;4343;\n");
+    EXPECT_TRUE(admits(ANN, {ANN, SINGERS}));
+}
+
+TEST_F(AccessPolicyFile, AdmitsAGroupByName)
+{
+    const struct group *audio = getgrnam("audio");
+    ASSERT_NE(audio, nullptr);
+    load("[com.vesk.Sonobrik.PlayClip]\ngroups=audio\n");
+    EXPECT_TRUE(admits(ANN, {audio->gr_gid}));
+}
+
+TEST_F(AccessPolicyFile, MixesNamesNumbersAndBlanks)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers= root ;; 4242 \n");
+    EXPECT_TRUE(admits(0, {}));
+    EXPECT_TRUE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, RefusesWhoIsNotListed)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=1\ngroups=2\n");
+    EXPECT_FALSE(admits(ANN, {SINGERS}));
+}
+
+TEST_F(AccessPolicyFile, RefusesAGroupsMemberWithoutGroupIds)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\ngroups=4343;0\n");
+    EXPECT_FALSE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, KeepsUsersAndGroupsApart)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=4343\ngroups=4242\n");
+    EXPECT_FALSE(admits(ANN, {SINGERS}));
+}
+
+TEST_F(AccessPolicyFile, AdmitsEverybodyForAStar)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=*\n");
+    EXPECT_TRUE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, TakesAStarAmongGroupsForAnUnknownName)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\ngroups=*\n");
+    EXPECT_FALSE(admits(ANN, {SINGERS}));
+    expect_log(G_LOG_LEVEL_WARNING, "access.conf: '*' in groups of [com.vesk.Sonobrik.PlayClip] is "
+                                    "not known here and is skipped");
+}
+
+TEST_F(AccessPolicyFile, AppliesAPrefixToAllBelow)
+{
+    load("[com.vesk]\nusers=4242\n");
+    EXPECT_TRUE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, CutsPrefixesAtDotsOnly)
+{
+    load("[com.vesk.Son]\nusers=*\n[com.vesk.Sonobrik.Play]\nusers=*\n");
+    EXPECT_FALSE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, IgnoresGroupsBelowTheAction)
+{
+    load("[com.vesk.Sonobrik.PlayClip.Twice]\nusers=*\n");
+    EXPECT_FALSE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, LetsTheMostSpecificGroupAdmitAlone)
+{
+    load("[com.vesk.Sonobrik]\nusers=1\n[com.vesk.Sonobrik.PlayClip]\nusers=4242\n");
+    EXPECT_TRUE(admits(ANN, {}));
+    EXPECT_FALSE(admits(ANN, {}, "com.vesk.Sonobrik.AddClip"));
+}
+
+TEST_F(AccessPolicyFile, LetsTheMostSpecificGroupRefuseAlone)
+{
+    load("[com.vesk.Sonobrik]\nusers=*\n[com.vesk.Sonobrik.PlayClip]\nusers=1\n");
+    EXPECT_FALSE(admits(ANN, {}));
+    EXPECT_TRUE(admits(ANN, {}, "com.vesk.Sonobrik.AddClip"));
+}
+
+TEST_F(AccessPolicyFile, MakesNoExceptionForRoot)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=4242\n");
+    EXPECT_FALSE(admits(0, {0}));
+}
+
+TEST_F(AccessPolicyFile, RefusesEverybodyWhereAGroupListsNobody)
+{
+    load("[com.vesk.Sonobrik]\nusers=*\n[com.vesk.Sonobrik.PlayClip]\n");
+    EXPECT_FALSE(admits(0, {0}));
+}
+
+TEST_F(AccessPolicyFile, RefusesEverybodyWhatNoGroupCovers)
+{
+    load("[com.vesk.Other]\nusers=*\n");
+    EXPECT_FALSE(admits(0, {0}));
+    EXPECT_FALSE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, RefusesEverybodyForAnEmptyFile)
+{
+    load("");
+    EXPECT_FALSE(admits(0, {0}));
+}
+
+TEST_F(AccessPolicyFile, SaysWhichGroupRefused)
+{
+    load("[com.vesk.Sonobrik]\nusers=1\n");
+    EXPECT_EQ(refusal(ANN, {}),
+              "uid 4242 may not perform com.vesk.Sonobrik.PlayClip: "
+              "[com.vesk.Sonobrik] of access.conf lists neither it nor a group of "
+              "it");
+}
+
+TEST_F(AccessPolicyFile, SaysThatNoGroupCoversTheAction)
+{
+    load("[com.vesk.Other]\nusers=1\n");
+    EXPECT_EQ(refusal(ANN, {}), "uid 4242 may not perform com.vesk.Sonobrik.PlayClip: no group of "
+                                "access.conf covers it");
+}
+
+TEST_F(AccessPolicyFile, SkipsAnUnknownNameAndLogsItOnce)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=no-such-user;4242\n");
+    EXPECT_TRUE(admits(ANN, {}));
+    EXPECT_FALSE(admits(1, {}));
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: 'no-such-user' in users of "
+               "[com.vesk.Sonobrik.PlayClip] is not known here and is skipped");
+    expect_no_log();
+}
+
+TEST_F(AccessPolicyFile, LogsAnUnknownUserAndAnUnknownGroupOfOneName)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=no-such\ngroups=no-such\n");
+    EXPECT_FALSE(admits(1, {1}));
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: 'no-such' in users of "
+               "[com.vesk.Sonobrik.PlayClip] is not known here and is skipped");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: 'no-such' in groups of "
+               "[com.vesk.Sonobrik.PlayClip] is not known here and is skipped");
+}
+
+TEST_F(AccessPolicyFile, TakesNoNumberBeyondTheRangeOfIds)
+{
+    load("[com.vesk.Sonobrik.PlayClip]\nusers=4294971538\n"); /* 2^32 + 4242 */
+    EXPECT_FALSE(admits(ANN, {}));
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: '4294971538' in users of "
+               "[com.vesk.Sonobrik.PlayClip] is not known here and is skipped");
+}
+
+TEST_F(AccessPolicyFile, AdmitsUidZeroAloneWithoutAFile)
+{
+    EXPECT_TRUE(access_policy_file_load(nullptr));
+    expect_log(G_LOG_LEVEL_INFO, "Only uid 0 is allowed anything: there is no access.conf");
+    EXPECT_TRUE(admits(0, {}));
+    EXPECT_EQ(refusal(ANN, {0}), "uid 4242 may not perform com.vesk.Sonobrik.PlayClip: there is no "
+                                 "access.conf");
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadWhatIsNoKeyFile)
+{
+    ScratchFolder::write(FILE_NAME, "users=root\n");
+    EXPECT_EQ(load_error(), "access.conf: Key file does not start with a group");
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadAListThatIsNotText)
+{
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\ngroups=caf\xe9\n");
+    EXPECT_NE(load_error().find("access.conf: "), std::string::npos);
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadAListWithABrokenEscape)
+{
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=a\\q\n");
+    EXPECT_NE(load_error().find("access.conf: "), std::string::npos);
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadAFolder)
+{
+    std::filesystem::create_directory(FILE_NAME);
+    EXPECT_EQ(load_error(), "access.conf: not a regular file");
+}
+
+TEST_F(AccessPolicyFile, DoesNotWaitForAPipe)
+{
+    ASSERT_EQ(mkfifo(FILE_NAME, 0600), 0);
+    EXPECT_EQ(load_error(), "access.conf: not a regular file");
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadAFileBeyondReason)
+{
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\n#" + std::string(1024 * 1024, 'x'));
+    EXPECT_EQ(load_error(), "access.conf: File too large");
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadALinkToItself)
+{
+    std::filesystem::create_symlink(FILE_NAME, FILE_NAME);
+    EXPECT_EQ(load_error(), "access.conf: Too many levels of symbolic links");
+}
+
+TEST_F(AccessPolicyFile, DoesNotLoadWhatItMayNotRead)
+{
+    if (geteuid() == 0) {
+        GTEST_SKIP() << "root may read every file";
+    }
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\n");
+    std::filesystem::permissions(FILE_NAME, std::filesystem::perms::none);
+    EXPECT_EQ(load_error(), "access.conf: Permission denied");
+}
+
+TEST_F(AccessPolicyFile, FollowsAnEditInPlaceOfTheSameSize)
+{
+    load("[com.vesk]\nusers=4242\n");
+    for (int i = 0; i < 50; i++) {
+        ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=1234\n");
+        ASSERT_FALSE(admits(ANN, {}));
+        ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+        ASSERT_TRUE(admits(ANN, {}));
+    }
+}
+
+TEST_F(AccessPolicyFile, FollowsAFileMovedIntoItsPlace)
+{
+    load("[com.vesk]\nusers=4242\n");
+    ScratchFolder::write("new", "[com.vesk]\nusers=1234\n");
+    std::filesystem::rename("new", FILE_NAME);
+    EXPECT_FALSE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, FollowsAnEditLongAfterItWasRead)
+{
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+    struct stat st = {};
+    ASSERT_EQ(stat(FILE_NAME, &st), 0);
+    while (g_get_real_time() / G_USEC_PER_SEC < st.st_ctim.tv_sec + 3) {
+        g_usleep(10000); /* until its stamps are old enough to be trusted */
+    }
+    ASSERT_TRUE(access_policy_file_load(nullptr));
+    EXPECT_TRUE(admits(ANN, {}));
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=1234\n");
+    EXPECT_FALSE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, FollowsTheRemovalOfTheFile)
+{
+    load("[com.vesk]\nusers=4242\n");
+    std::filesystem::remove(FILE_NAME);
+    EXPECT_FALSE(admits(ANN, {}));
+    EXPECT_TRUE(admits(0, {}));
+}
+
+TEST_F(AccessPolicyFile, FollowsTheAppearanceOfAFile)
+{
+    ASSERT_TRUE(access_policy_file_load(nullptr));
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+    EXPECT_TRUE(admits(ANN, {}));
+    EXPECT_FALSE(admits(0, {}));
+}
+
+TEST_F(AccessPolicyFile, AdmitsUidZeroAloneAfterABrokenEdit)
+{
+    load("[com.vesk]\nusers=4242\n");
+    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    EXPECT_EQ(refusal(ANN, {}), "uid 4242 may not perform com.vesk.Sonobrik.PlayClip: access.conf "
+                                "cannot be used");
+    EXPECT_TRUE(admits(0, {}));
+    clear_log();
+}
+
+TEST_F(AccessPolicyFile, LogsABrokenEditOnce)
+{
+    load("[com.vesk]\nusers=4242\n");
+    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    admits(ANN, {});
+    admits(ANN, {});
+    expect_log(G_LOG_LEVEL_WARNING, "Only uid 0 is allowed anything until this is mended: "
+                                    "access.conf: Key file does not start with a group");
+    expect_no_log();
+}
+
+TEST_F(AccessPolicyFile, LogsTheNextBrokenEditAgain)
+{
+    load("[com.vesk]\nusers=4242\n");
+    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    admits(ANN, {});
+    clear_log();
+    ScratchFolder::write(FILE_NAME, "users=4242;1\n");
+    admits(ANN, {});
+    expect_log(G_LOG_LEVEL_WARNING, "Only uid 0 is allowed anything until this is mended: "
+                                    "access.conf: Key file does not start with a group");
+}
+
+TEST_F(AccessPolicyFile, ForgetsABrokenEditOnceItIsMended)
+{
+    load("[com.vesk]\nusers=1\n");
+    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    admits(ANN, {});
+    clear_log();
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+    EXPECT_TRUE(admits(ANN, {}));
+}
+
+TEST_F(AccessPolicyFile, LogsAnUnknownNameAgainAfterAnEdit)
+{
+    load("[com.vesk]\nusers=no-such-user\n");
+    admits(ANN, {});
+    clear_log();
+    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=no-such-user;1\n");
+    admits(ANN, {});
+    expect_log(
+        G_LOG_LEVEL_WARNING,
+        "access.conf: 'no-such-user' in users of [com.vesk] is not known here and is skipped");
+}
+
+} // namespace
