@@ -21,9 +21,13 @@ struct Event;         /* one occurrence of a declared event, with values for its
 
 /* What a key holds, and what the value pointers of this service point at. */
 enum EventValueType {
-    EVENT_VALUE_INT = 1,    /* const int * */
-    EVENT_VALUE_BOOL = 2,   /* const gboolean * */
-    EVENT_VALUE_STRING = 4, /* const char *: the text itself, UTF-8 */
+    EVENT_VALUE_INT = 1,  /* const int * */
+    EVENT_VALUE_BOOL = 2, /* const gboolean * */
+    /*
+     * const char *: the text itself. A platform whose event system carries UTF-8 only makes other
+     * text valid, rather than refuse it: file names are bytes.
+     */
+    EVENT_VALUE_STRING = 4,
 };
 
 /* The event system has taken the declaration of the event `id`. */
@@ -39,8 +43,9 @@ typedef bool (*EventStateInitialiser)(struct Event *event, void *user_data);
 typedef void (*EventSentCallback)(unsigned int id, void *user_data, GError *error);
 
 /*
- * Opens a producer called `name` (letters, digits and underscores). Returns null, with a log line,
- * when the event system cannot be reached. Close it with event_service_close().
+ * Opens a producer called `name` (letters, digits and underscores, no digit first), of which there
+ * can be one on the device. Returns null, with a log line, for another name and when the event
+ * system cannot be reached. Close it with event_service_close().
  */
 struct EventProducer *event_service_open(const char *name);
 
@@ -61,7 +66,7 @@ void event_template_free(struct EventTemplate *event_template);
 bool event_template_add_key_value(struct EventTemplate *event_template, const char *key,
                                   const void *value, enum EventValueType type);
 
-/* Adds a key without an initial value. */
+/* Adds a key without an initial value: it holds 0, false or "" until one is set. */
 bool event_template_add_key(struct EventTemplate *event_template, const char *key,
                             enum EventValueType type);
 
@@ -73,9 +78,11 @@ bool event_template_set_namespace(struct EventTemplate *event_template, const ch
 bool event_template_set_nice_names(struct EventTemplate *event_template, const char *key,
                                    const char *key_nice_name, const char *value_nice_name);
 
-/* Adds a tag that tells listeners what the key is for ("onvif-source", "onvif-data"). */
-bool event_template_add_tag(struct EventTemplate *event_template, const char *key,
-                            const char *tag);
+/*
+ * Adds a tag that tells listeners what the key is for ("onvif-source", "onvif-data"). A key has one
+ * tag; another one, or an empty one, is refused.
+ */
+bool event_template_add_tag(struct EventTemplate *event_template, const char *key, const char *tag);
 
 /*
  * Makes the event stateful, with `key` as its state. `initialiser` is called when the event is
@@ -86,8 +93,8 @@ bool event_template_set_state_key(struct EventTemplate *event_template, const ch
 
 /*
  * Declares an event; the template stays the caller's. Returns its id, or 0 on failure, which is
- * logged. Declaring sends nothing. The second form calls `callback` once the event system has
- * taken the declaration, and not at all when the declaration fails.
+ * logged unless an argument is null. Declaring sends nothing. The second form calls `callback` once
+ * the event system has taken the declaration, and not at all when the declaration fails.
  */
 unsigned int event_service_declare(struct EventProducer *producer,
                                    const struct EventTemplate *event_template);
@@ -96,9 +103,10 @@ unsigned int event_service_declare_notify(struct EventProducer *producer,
                                           EventDeclaredCallback callback, void *user_data);
 
 /*
- * Returns a new occurrence of the declared event `id`, holding its present values; null for an
- * unknown id. Release it with event_release(). A platform may tell the two apart by whether it
- * waits for its event system; the result is used alike.
+ * Returns a new occurrence of the declared event `id`, holding its present values, which are those
+ * that were sent last, whether the event is stateful or not; null for an unknown id. Release it
+ * with event_release(). A platform may tell the two apart by whether it waits for its event system;
+ * the result is used alike.
  */
 struct Event *event_service_prepare(struct EventProducer *producer, unsigned int id);
 struct Event *event_service_prepare_async(struct EventProducer *producer, unsigned int id);
@@ -108,7 +116,9 @@ bool event_value_set(struct Event *event, const char *key, const void *value);
 
 /*
  * Sends `event`, which stays the caller's, and returns at once; events leave in the order in which
- * they were sent. `callback`, which may be null, hears the outcome.
+ * they were sent. `callback`, which may be null, hears the outcome. What could not be sent is not
+ * kept for later, nor are its values; an event system that was lost is looked for again with each
+ * send.
  */
 void event_service_send_async(struct EventProducer *producer, const struct Event *event,
                               EventSentCallback callback, void *user_data);
