@@ -1,0 +1,28 @@
+#include "bus_text.h"
+
+#include <glib.h>
+
+namespace
+{
+
+bool is_noncharacter(gunichar c)
+{
+    return (c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE;
+}
+
+} // namespace
+
+char *bus_text_make_valid(const char *text)
+{
+    if (!text) {
+        return nullptr;
+    }
+    constexpr gunichar replacement = 0xFFFD;
+    g_autofree char *utf8 = g_utf8_make_valid(text, -1);
+    GString *valid = g_string_sized_new(0);
+    for (const char *p = utf8; *p != '\0'; p = g_utf8_next_char(p)) {
+        const gunichar c = g_utf8_get_char(p);
+        g_string_append_unichar(valid, is_noncharacter(c) ? replacement : c);
+    }
+    return g_string_free(valid, FALSE);
+}

@@ -1,0 +1,46 @@
+#include "json_utils.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <glib.h>
+#include <memory>
+
+#include "platform/util.h"
+
+namespace
+{
+
+constexpr mode_t FILE_MODE = 0644;
+
+} // namespace
+
+json_t *json_utils_load_from_file(const char *path)
+{
+    if (!path) {
+        return nullptr;
+    }
+    json_error_t error;
+    json_t *value = json_load_file(path, 0, &error);
+    if (!value) {
+        g_warning("%sFailed to load JSON, line %d error '%s'", "", error.line, error.text);
+    }
+    return value;
+}
+
+bool json_utils_save_to_file(const char *path, const json_t *value)
+{
+    if (!path || !value) {
+        return false;
+    }
+    /* Jansson's text comes from malloc(), which need not be GLib's allocator. */
+    const std::unique_ptr<char, decltype(&free)> text(json_dumps(value, JSON_INDENT(2)), free);
+    if (!text || *text == '\0') {
+        return false;
+    }
+    if (!util_write_file_synced(path, text.get(), strlen(text.get()), FILE_MODE)) {
+        g_warning("%s%s failed to save json data to file '%s'", "", "json_utils_save_to_file",
+                  path);
+        return false;
+    }
+    return true;
+}
