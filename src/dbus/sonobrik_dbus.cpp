@@ -1,0 +1,146 @@
+#include "sonobrik_dbus.h"
+
+#include <cstring>
+
+#include "log_level.h"
+#include "sonobrik_dbus_source.h"
+
+namespace
+{
+
+constexpr int ERROR_NUMBER = 65535;
+
+/* AddClip's error name is not among them: it has always been left out, and callers see no
+ * difference but the errno. */
+constexpr sd_bus_error_map error_map[] = {
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.StartPlayingClip", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.PlayClip", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.StopPlayingClip", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.SupportedFile", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.GetMetadata", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.Legacy.GetConfigurations", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.Legacy.GetConfigurationEntry", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.Legacy.SetConfigurationEntry", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.Legacy.AddConfiguration", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.Legacy.RemoveConfiguration", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP("com.vesk.Sonobrik.Legacy.Sync", ERROR_NUMBER),
+    SD_BUS_ERROR_MAP_END,
+};
+
+/* Opens the connection under its name. Returns false with a log line. */
+bool connect_as(sonobrik_dbus *conn, const char *service_name)
+{
+    int r = sd_bus_open_system(&conn->bus);
+    if (r < 0) {
+        log_error("%sFailed to connect to system bus: %s.", "", strerror(-r));
+        return false;
+    }
+    r = sd_bus_error_add_map(error_map);
+    if (r < 0) {
+        log_error("%sFailed to add custom error map: %s.", "", strerror(-r));
+        return false;
+    }
+    r = sd_bus_request_name(conn->bus, service_name, 0);
+    if (r < 0) {
+        log_error("%sFailed to acquire service name %s: %s.", "", service_name, strerror(-r));
+        return false;
+    }
+    return true;
+}
+
+/* Returns a new event loop that runs the connection, or null with a log line. */
+sd_event *attach_event(sd_bus *bus)
+{
+    sd_event *event = nullptr;
+    int r = sd_event_new(&event);
+    if (r < 0) {
+        g_warning("%sFailed to create event: %s.", "", strerror(-r));
+        return nullptr;
+    }
+    r = sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
+    if (r < 0) {
+        g_warning("%sFailed to attach event: %s.", "", strerror(-r));
+        sd_event_unref(event);
+        return nullptr;
+    }
+    return event;
+}
+
+bool attach_to_main_loop(sonobrik_dbus *conn)
+{
+    sd_event *event = attach_event(conn->bus);
+    if (!event) {
+        log_error("%sFailed to attach to gMainLoop.", "");
+        return false;
+    }
+    conn->source = sonobrik_dbus_source_new(event);
+    g_source_attach(&conn->source->source, nullptr);
+    sd_event_unref(event);
+    return true;
+}
+
+int invalid_arguments(const char *operation)
+{
+    g_warning("%s%s: called with invalid arguments", "", operation);
+    return -1;
+}
+
+} // namespace
+
+sonobrik_dbus *sonobrik_dbus_setup(const char *service_name)
+{
+    if (!service_name) {
+        log_error("%sA dbus service name must be specified.", "");
+        return nullptr;
+    }
+    g_autofree auto *conn = g_try_new0(sonobrik_dbus, 1);
+    if (!conn) {
+        log_error("%sFailed to allocate structure", "");
+        return nullptr;
+    }
+    if (!connect_as(conn, service_name) || !attach_to_main_loop(conn)) {
+        return nullptr;
+    }
+    return g_steal_pointer(&conn);
+}
+
+void sonobrik_dbus_teardown(sonobrik_dbus *conn)
+{
+    if (!conn) {
+        return;
+    }
+    if (conn->source) {
+        GSource *source = &g_steal_pointer(&conn->source)->source;
+        g_source_destroy(source);
+        g_source_unref(source);
+    }
+    sd_bus_slot_unref(g_steal_pointer(&conn->slot));
+    sd_bus_flush_close_unref(g_steal_pointer(&conn->bus));
+}
+
+int sonobrik_dbus_add_object(sonobrik_dbus *conn, const char *path,
+                             sd_bus_message_handler_t callback, void *user_data)
+{
+    if (!conn || !conn->bus || !path || !callback) {
+        return invalid_arguments("sonobrik_dbus_add_object");
+    }
+    return sd_bus_add_object(conn->bus, &conn->slot, path, callback, user_data);
+}
+
+int sonobrik_dbus_add_vtable(sonobrik_dbus *conn, const char *path, const char *interface,
+                             const sd_bus_vtable *vtable, void *user_data)
+{
+    if (!conn || !conn->bus || !path || !interface || !vtable) {
+        return invalid_arguments("sonobrik_dbus_add_vtable");
+    }
+    return sd_bus_add_object_vtable(conn->bus, &conn->slot, path, interface, vtable, user_data);
+}
+
+int sonobrik_dbus_add_match(sonobrik_dbus *conn, const char *match,
+                            sd_bus_message_handler_t callback, void *user_data)
+{
+    if (!conn || !conn->bus || !match || !callback) {
+        return invalid_arguments("sonobrik_dbus_add_match");
+    }
+    return sd_bus_add_match(conn->bus, &conn->slot, match, callback, user_data);
+}
