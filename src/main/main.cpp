@@ -1,0 +1,135 @@
+#include "service_frame.h"
+
+#include <cstdlib>
+#include <glib-unix.h>
+#include <gst/gst.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+
+#include "audio_clip.h"
+#include "audioclip_dbus.h"
+#include "platform/log_redirect.h"
+#include "sonobrik_events.h"
+
+namespace
+{
+
+GMainLoop *main_loop;
+
+/* Failure until a quit request says otherwise, so that every failed start exits with it. */
+gint32 exit_status = EXIT_FAILURE;
+
+AudioClip *audio_clip;
+
+guint watchdog_source_id;
+
+/* A second timer that teardown would remove; nothing sets it. */
+guint spare_source_id;
+
+/* Each of the two signals is answered once: its source goes away with the first delivery. */
+gboolean quit_signal_handler(gpointer)
+{
+    sonobrik_quit_main_loop(EXIT_SUCCESS);
+    return G_SOURCE_REMOVE;
+}
+
+gboolean watchdog_timeout_cb(gpointer)
+{
+    sd_notify(0, "WATCHDOG=1");
+    return G_SOURCE_CONTINUE;
+}
+
+/* Feeds the service manager's watchdog, if it has one for us, twice in its period. */
+void watchdog_setup()
+{
+    uint64_t usec = 0;
+    const int r = sd_watchdog_enabled(0, &usec);
+    if (r < 0) {
+        g_warning("%sFailed checking if watchdog is enabled, error code %d.", "", r);
+        g_warning("%sFailed to setup watchdog.", "");
+        return;
+    }
+    if (r == 0) {
+        return;
+    }
+
+    /* A period below 2 s gives an interval of 0, which busies the loop; it is taken as it stands.
+     */
+    const guint interval = static_cast<guint32>(usec / G_USEC_PER_SEC) >> 1;
+    watchdog_source_id = g_timeout_add_seconds_full(G_PRIORITY_HIGH, interval, watchdog_timeout_cb,
+                                                    nullptr, nullptr);
+}
+
+/* Sets the subsystems up, in an order that they rely on. Returns false when one that we cannot do
+ * without fails. */
+bool start(int *argc, char ***argv)
+{
+    log_redirect_to_syslog("sonobrik", LOG_DAEMON);
+
+    main_loop = g_main_loop_new(nullptr, FALSE);
+    if (!main_loop) {
+        return false;
+    }
+
+    sonobrik_events_setup();
+
+    g_unix_signal_add(SIGINT, quit_signal_handler, nullptr);
+    g_unix_signal_add(SIGTERM, quit_signal_handler, nullptr);
+
+    gst_init(argc, argv);
+
+    audio_clip = audio_clip_ref();
+    if (!audio_clip) {
+        g_critical("%sFailed to initialize the audio clip struct.", "");
+        return false;
+    }
+
+    if (audioclip_dbus_setup(audio_clip) < 0) {
+        g_critical("%sFailed to setup the audioclip dbus service.", "");
+        return false;
+    }
+
+    watchdog_setup();
+    return true;
+}
+
+void remove_source(guint *source_id)
+{
+    if (*source_id != 0) {
+        g_source_remove(*source_id);
+        *source_id = 0;
+    }
+}
+
+/* Undoes start(), however far it came. */
+void stop()
+{
+    AudioClip *clip = g_steal_pointer(&audio_clip);
+    if (clip) {
+        audio_clip_unref(clip);
+    }
+    audioclip_dbus_teardown();
+    sonobrik_events_teardown();
+    remove_source(&spare_source_id);
+    remove_source(&watchdog_source_id);
+    g_clear_pointer(&main_loop, g_main_loop_unref);
+}
+
+} // namespace
+
+void sonobrik_quit_main_loop(gint32 code)
+{
+    if (main_loop && g_main_loop_is_running(main_loop)) {
+        g_main_loop_quit(main_loop);
+    }
+    exit_status = code;
+}
+
+int main(int argc, char **argv)
+{
+    if (start(&argc, &argv)) {
+        g_main_loop_run(main_loop);
+    }
+    stop();
+    exit(exit_status);
+}
