@@ -1,0 +1,130 @@
+"""Plays a chime through the daemon in a sandbox and prints what a caller sees.
+
+usage: try_clip.py BUILD-FOLDER
+"""
+
+import array
+import math
+import pathlib
+import shutil
+import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tests/support"))
+
+from sandbox import PLAYBACK, BusError, Sandbox, SandboxError, wait_until  # noqa: E402
+
+RATE = 48000
+
+# Notes of the chime: when each is struck, in seconds, and its pitch in hertz.
+NOTES = ((0.0, 659.26), (0.22, 523.25), (0.44, 783.99))
+SECONDS = 1.8
+
+# A struck bar sounds at its pitch and, softer and shorter, above it.
+PARTIALS = ((1.0, 1.0, 2.6), (2.76, 0.35, 5.0), (5.4, 0.12, 9.0))
+
+
+def make_chime():
+    """Samples of the chime, mono, signed 16-bit."""
+    samples = array.array("h")
+    for i in range(round(SECONDS * RATE)):
+        level = 0.0
+        for start, pitch in NOTES:
+            at = i / RATE - start
+            if at >= 0:
+                level += sum(gain * math.exp(-decay * at) * math.sin(2 * math.pi * ratio * pitch * at)
+                             for ratio, gain, decay in PARTIALS)
+        fade = min(1.0, (SECONDS - i / RATE) / 0.1)
+        samples.append(round(32767 * 0.18 * fade * level))
+    return samples
+
+
+def has_sound_card():
+    """Has the machine an output that this user may open?"""
+    for node in pathlib.Path("/dev/snd").glob("pcmC*D*p"):
+        try:
+            node.open("r+b").close()
+            return True
+        except OSError:
+            continue
+    return False
+
+
+def describe(signal):
+    """One line for an event."""
+    keys = signal.args[0]
+    topics = "/".join(keys[topic] for topic in ("topic0", "topic1"))
+    values = ", ".join(f"{key}={value}" for key, value in sorted(keys.items())
+                       if not key.startswith("topic"))
+    return f"{topics}: {values}"
+
+
+def play(sandbox, options):
+    """Calls PlayClip and prints the events and the reply as they arrive. Returns whether it played."""
+    events = sandbox.bus.subscribe(interface="com.vesk.Events1.Event", member="Sent")
+    start = time.monotonic()
+    print(f'  > PlayClip "{options}"')
+    reply = sandbox.bus.send(*PLAYBACK, "PlayClip", "(s)", options)
+    shown = 0
+
+    def show():
+        nonlocal shown
+        for event in events[shown:]:
+            print(f"  {time.monotonic() - start:5.2f} s  event  {describe(event)}", flush=True)
+        shown = len(events)
+        return reply.done
+
+    wait_until(show, 60, "PlayClip is answered")
+    try:
+        text = f'"{reply.wait()[0]}"'
+    except BusError as error:
+        text = f"error {error}"
+    print(f"  {time.monotonic() - start:5.2f} s  reply  {text}", flush=True)
+    return text == '"OK"' and not any("Error received" in line for line in sandbox.daemon.lines)
+
+
+def try_output(folder, build, loudspeaker):
+    """Plays the chime on the machine's loudspeaker, or on the virtual sound card."""
+    shutil.rmtree(folder, ignore_errors=True)
+    devices = ["/dev/snd"] if loudspeaker else []
+    with Sandbox(folder, build, cache=build / "try-cache", devices=devices) as sandbox:
+        if loudspeaker:
+            sandbox.set_alsa('pcm.audiosink0 "sysdefault"\n')
+        clip = sandbox.write_clip("chime.wav", make_chime(), RATE)
+        sandbox.start_bus()
+        daemon = sandbox.start_daemon()
+        print(f"The daemon is up, as {PLAYBACK[0]} on a private system bus.")
+        played = play(sandbox, f"location={clip.path}&repeat=1")
+        if loudspeaker:
+            if played:
+                print("You heard it from this machine's loudspeaker.")
+            return played
+        takes = sandbox.card(0).takes
+    if not played or not takes or takes[0].peak == 0:
+        print("Nothing was heard. The daemon's log:\n  " + "\n  ".join(daemon.lines), file=sys.stderr)
+        return False
+    for number, take in enumerate(takes, 1):
+        wav = folder.with_name(f"heard{'' if number == 1 else f'-{number}'}.wav")
+        shutil.copy(take.path, wav)
+        print(f"Without a loudspeaker, what one would have played is in\n  {wav.relative_to(ROOT)}: {take.seconds:.2f} s, {take.rate} Hz, "
+              f"{take.channels} channel(s), peak {20 * math.log10(take.peak):.1f} dBFS, "
+              f"level {take.level:.1f} dBFS")
+    return True
+
+
+def main(build):
+    folder = build / "try"
+    try:
+        if has_sound_card():
+            if try_output(folder, build, True):
+                return 0
+            print("The loudspeaker did not take it; once more, into a file.")
+        return 0 if try_output(folder, build, False) else 1
+    except SandboxError as error:
+        print(error, file=sys.stderr)
+        return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1]).resolve()))
