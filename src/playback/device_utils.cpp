@@ -1,5 +1,6 @@
 #include "device_utils.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <optional>
 
