@@ -1,0 +1,63 @@
+#pragma once
+
+/* A folder of a test's own. */
+
+#include <filesystem>
+#include <fstream>
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <system_error>
+
+/* A new empty folder, which goes with all that it holds at the end of its scope. */
+class TempDir
+{
+  public:
+    TempDir()
+    {
+        g_autofree char *name = g_dir_make_tmp("sonobrik-test-XXXXXX", nullptr);
+        EXPECT_NE(name, nullptr);
+        root = name ? name : "";
+    }
+
+    ~TempDir()
+    {
+        std::error_code error;
+        std::filesystem::remove_all(root, error);
+    }
+
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+
+    /* The path of an entry, whether it exists or not. */
+    std::string path(const std::string &name) const
+    {
+        return root + "/" + name;
+    }
+
+    /* Makes a file and returns its path. */
+    std::string file(const std::string &name, const std::string &content = "") const
+    {
+        std::ofstream(path(name), std::ios::binary) << content;
+        return path(name);
+    }
+
+    /* Makes a folder and returns its path. */
+    std::string folder(const std::string &name) const
+    {
+        std::error_code error;
+        EXPECT_TRUE(std::filesystem::create_directory(path(name), error)) << error.message();
+        return path(name);
+    }
+
+    /* Makes a symbolic link and returns its path. */
+    std::string link(const std::string &name, const std::string &target) const
+    {
+        std::error_code error;
+        std::filesystem::create_symlink(target, path(name), error);
+        EXPECT_FALSE(error) << error.message();
+        return path(name);
+    }
+
+    std::string root;
+};

@@ -1,0 +1,311 @@
+#include "file_utils.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "log_test.h"
+#include "temp_dir.h"
+
+namespace
+{
+
+class FileUtils : public LogTest
+{
+  protected:
+    /* Lists what matches, frees the list and checks that this emptied the variable. */
+    static std::vector<std::string> list(const std::string &pattern)
+    {
+        GSList *files = file_utils_get_files_from_wildcard(pattern.c_str());
+        std::vector<std::string> paths;
+        for (GSList *file = files; file; file = file->next) {
+            paths.emplace_back(static_cast<const char *>(file->data));
+        }
+        file_utils_free_list(&files);
+        EXPECT_EQ(files, nullptr);
+        return paths;
+    }
+
+    /* Makes a file of so many bytes that takes no room. */
+    std::string sized_file(const std::string &name, off_t size) const
+    {
+        std::string path = dir.file(name);
+        if (truncate(path.c_str(), size) != 0) {
+            return "";
+        }
+        return path;
+    }
+
+    gint32 size_kb_of(off_t size) const
+    {
+        return file_utils_get_file_size_kb(sized_file("sized", size).c_str());
+    }
+
+    TempDir dir;
+};
+
+size_t count_open_files()
+{
+    size_t count = 0;
+    std::error_code error;
+    for ([[maybe_unused]] const auto &entry :
+         std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        count++;
+    }
+    return count;
+}
+
+using Paths = std::vector<std::string>;
+
+TEST_F(FileUtils, NullPatternListsNothing)
+{
+    EXPECT_EQ(file_utils_get_files_from_wildcard(nullptr), nullptr);
+    expect_no_log();
+}
+
+TEST_F(FileUtils, StarMatchesAnyRunOfCharactersAndNone)
+{
+    dir.file("door.ogg");
+    const std::string match = dir.file("door.wav");
+    EXPECT_EQ(list(dir.path("do*or.w*v")), Paths{match});
+}
+
+TEST_F(FileUtils, QuestionMarkMatchesExactlyOneCharacter)
+{
+    dir.file("a.wav");
+    dir.file("abc.wav");
+    const std::string match = dir.file("ab.wav");
+    EXPECT_EQ(list(dir.path("a?.wav")), Paths{match});
+}
+
+TEST_F(FileUtils, BracketsAndBracesAreOrdinaryCharacters)
+{
+    dir.file("a.wav");
+    const std::string match = dir.file("[ab]{c,d}1.wav");
+    EXPECT_EQ(list(dir.path("[ab]{c,d}*.wav")), Paths{match});
+}
+
+TEST_F(FileUtils, MatchingIsCaseSensitive)
+{
+    dir.file("door.WAV");
+    EXPECT_EQ(list(dir.path("*.wav")), Paths{});
+}
+
+TEST_F(FileUtils, ListsInTheOrderOfTheDirectory)
+{
+    /* So many names, made in an order that is not theirs, that no file system yields them sorted.
+     */
+    constexpr int count = 64;
+    for (int i = 0; i < count; i++) {
+        dir.file("clip" + std::to_string(100 + i * 37 % count));
+    }
+    Paths expected;
+    g_autoptr(GDir) entries = g_dir_open(dir.root.c_str(), 0, nullptr);
+    ASSERT_NE(entries, nullptr);
+    while (const char *name = g_dir_read_name(entries)) {
+        expected.push_back(dir.path(name));
+    }
+    ASSERT_EQ(expected.size(), static_cast<size_t>(count));
+    EXPECT_EQ(list(dir.path("clip*")), expected);
+}
+
+TEST_F(FileUtils, WildcardsInTheDirectoryPartAreTakenLiterally)
+{
+    dir.folder("ab");
+    dir.file("ab/door.wav");
+    dir.folder("a*");
+    const std::string match = dir.file("a*/door.wav");
+    EXPECT_EQ(list(dir.path("a*/door.wav")), Paths{match});
+}
+
+TEST_F(FileUtils, HiddenFilesMatchButTheDirectoryItselfAndItsParentDoNot)
+{
+    const std::string match = dir.file(".door.wav");
+    EXPECT_EQ(list(dir.path("*")), Paths{match});
+}
+
+TEST_F(FileUtils, DirectoriesThatMatchAreListed)
+{
+    const std::string match = dir.folder("clips.wav");
+    EXPECT_EQ(list(dir.path("*.wav")), Paths{match});
+}
+
+TEST_F(FileUtils, PatternWithoutADirectoryListsTheWorkingDirectory)
+{
+    dir.file("door.wav");
+    g_autofree char *previous = g_get_current_dir();
+    ASSERT_EQ(chdir(dir.root.c_str()), 0);
+    const Paths paths = list("*.wav");
+    ASSERT_EQ(chdir(previous), 0);
+    EXPECT_EQ(paths, Paths{"./door.wav"});
+}
+
+TEST_F(FileUtils, PatternWithoutWildcardsThatNamesAFileListsIt)
+{
+    dir.file("door.wav2");
+    const std::string match = dir.file("door.wav");
+    EXPECT_EQ(list(match), Paths{match});
+}
+
+TEST_F(FileUtils, PatternWithoutWildcardsThatNamesNoFileListsNothing)
+{
+    dir.file("door.wav2");
+    EXPECT_EQ(list(dir.path("door.wav")), Paths{});
+    expect_no_log();
+}
+
+TEST_F(FileUtils, PatternThatMatchesNothingIsNotLogged)
+{
+    dir.file("door.wav");
+    EXPECT_EQ(file_utils_get_files_from_wildcard(dir.path("*.ogg").c_str()), nullptr);
+    expect_no_log();
+}
+
+TEST_F(FileUtils, MissingDirectoryIsLoggedWithTheWholePattern)
+{
+    const std::string pattern = dir.path("missing/*.wav");
+    EXPECT_EQ(file_utils_get_files_from_wildcard(pattern.c_str()), nullptr);
+    expect_log(G_LOG_LEVEL_INFO, "The specified directory of '" + pattern + "' does not exist");
+    expect_no_log();
+}
+
+TEST_F(FileUtils, FileInTheDirectorysPlaceIsLoggedAsAMissingDirectory)
+{
+    const std::string pattern = dir.file("door.wav") + "/*";
+    EXPECT_EQ(file_utils_get_files_from_wildcard(pattern.c_str()), nullptr);
+    expect_log(G_LOG_LEVEL_INFO, "The specified directory of '" + pattern + "' does not exist");
+}
+
+TEST_F(FileUtils, ListingClosesTheDirectory)
+{
+    dir.file("door.wav");
+    const size_t before = count_open_files();
+    list(dir.path("*.wav"));
+    list(dir.path("*.ogg"));
+    EXPECT_EQ(count_open_files(), before);
+}
+
+TEST_F(FileUtils, FreeingANullAddressDoesNothing)
+{
+    file_utils_free_list(nullptr);
+    expect_no_log();
+}
+
+TEST_F(FileUtils, FreeingAnEmptyListDoesNothing)
+{
+    GSList *files = nullptr;
+    file_utils_free_list(&files);
+    EXPECT_EQ(files, nullptr);
+    expect_no_log();
+}
+
+TEST_F(FileUtils, NullDoesNotExist)
+{
+    EXPECT_FALSE(file_utils_file_exist(nullptr));
+}
+
+TEST_F(FileUtils, FileExists)
+{
+    EXPECT_TRUE(file_utils_file_exist(dir.file("door.wav").c_str()));
+}
+
+TEST_F(FileUtils, DirectoryExists)
+{
+    EXPECT_TRUE(file_utils_file_exist(dir.root.c_str()));
+}
+
+TEST_F(FileUtils, MissingPathDoesNotExist)
+{
+    EXPECT_FALSE(file_utils_file_exist(dir.path("door.wav").c_str()));
+}
+
+TEST_F(FileUtils, LinkToNothingDoesNotExist)
+{
+    EXPECT_FALSE(file_utils_file_exist(dir.link("door.wav", "missing").c_str()));
+}
+
+TEST_F(FileUtils, RemovingNullSucceeds)
+{
+    EXPECT_TRUE(file_utils_remove_file(nullptr));
+}
+
+TEST_F(FileUtils, RemovingAMissingPathSucceeds)
+{
+    EXPECT_TRUE(file_utils_remove_file(dir.path("door.wav").c_str()));
+}
+
+TEST_F(FileUtils, RemovingAFileRemovesIt)
+{
+    const std::string path = dir.file("door.wav");
+    EXPECT_TRUE(file_utils_remove_file(path.c_str()));
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(FileUtils, RemovingAnEmptyDirectoryRemovesIt)
+{
+    const std::string path = dir.folder("clips");
+    EXPECT_TRUE(file_utils_remove_file(path.c_str()));
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(FileUtils, RemovingADirectoryThatHoldsAFileFailsSilently)
+{
+    const std::string path = dir.folder("clips");
+    dir.file("clips/door.wav");
+    EXPECT_FALSE(file_utils_remove_file(path.c_str()));
+    EXPECT_TRUE(std::filesystem::exists(path + "/door.wav"));
+    expect_no_log();
+}
+
+TEST_F(FileUtils, LinkToNothingCountsAsRemovedAndStays)
+{
+    const std::string path = dir.link("door.wav", "missing");
+    EXPECT_TRUE(file_utils_remove_file(path.c_str()));
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+}
+
+TEST_F(FileUtils, SizeOfNullIsUnknown)
+{
+    EXPECT_EQ(file_utils_get_file_size_kb(nullptr), -1);
+}
+
+TEST_F(FileUtils, SizeOfAMissingFileIsUnknownSilently)
+{
+    EXPECT_EQ(file_utils_get_file_size_kb(dir.path("door.wav").c_str()), -1);
+    expect_no_log();
+}
+
+TEST_F(FileUtils, SizeIsRoundedToTheNearestKibibyteHalvesAwayFromZero)
+{
+    EXPECT_EQ(size_kb_of(0), 0);
+    EXPECT_EQ(size_kb_of(511), 0);
+    EXPECT_EQ(size_kb_of(512), 1);
+    EXPECT_EQ(size_kb_of(1024), 1);
+    EXPECT_EQ(size_kb_of(1535), 1);
+    EXPECT_EQ(size_kb_of(1536), 2);
+    EXPECT_EQ(size_kb_of(2559), 2);
+    EXPECT_EQ(size_kb_of(2560), 3);
+}
+
+TEST_F(FileUtils, SizeOfAFileBeyondFourGibibytesIsWhole)
+{
+    const std::string path = sized_file("large", 5LL << 30);
+    if (path.empty()) {
+        GTEST_SKIP() << "no file of this size here: " << strerror(errno);
+    }
+    EXPECT_EQ(file_utils_get_file_size_kb(path.c_str()), 5 << 20);
+}
+
+TEST_F(FileUtils, SizeBeyondThirtyTwoBitsIsCut)
+{
+    const std::string path = sized_file("huge", 3LL << 40);
+    if (path.empty()) {
+        GTEST_SKIP() << "no file of this size here: " << strerror(errno);
+    }
+    EXPECT_EQ(file_utils_get_file_size_kb(path.c_str()), -1073741824);
+}
+
+} // namespace
