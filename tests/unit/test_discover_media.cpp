@@ -1,0 +1,265 @@
+/*
+ * What media discovery makes of a path and of the discoverer's answers. Its walk over the streams
+ * is tested in test_discover_media_streams.cpp, GStreamer's own discoverer on real files in
+ * test_discover_media_files.cpp.
+ */
+
+#include "discover_media.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "discover_media_test.h"
+
+namespace
+{
+
+class DiscoverMediaRefusal : public DiscoverMedia
+{
+  protected:
+    /* Refused before the file is opened, and without a word. */
+    void expect_refused_unopened(const std::string &special)
+    {
+        EXPECT_FALSE(discover_media(special.c_str(), media_info));
+        EXPECT_EQ(fake.discoverers, 0);
+        EXPECT_EQ(text(media_info), "{}");
+        expect_no_log();
+    }
+};
+
+class DiscoverMediaDuration : public DiscoverMedia
+{
+  protected:
+    gint64 duration_of(GstClockTime duration)
+    {
+        json_object_clear(media_info);
+        fake.duration = duration;
+        EXPECT_TRUE(discover());
+        return json_integer_value(json_object_get(media_info, "duration"));
+    }
+};
+
+/* What is not looked into. */
+
+TEST_F(DiscoverMediaRefusal, NullPathIsRefusedSilently)
+{
+    EXPECT_FALSE(discover_media(nullptr, media_info));
+    expect_no_log();
+}
+
+TEST_F(DiscoverMediaRefusal, MissingFileIsRefusedSilently)
+{
+    expect_refused_unopened(dir.path("missing.wav"));
+}
+
+TEST_F(DiscoverMediaRefusal, LinkToNothingIsRefusedSilently)
+{
+    expect_refused_unopened(dir.link("link.wav", "missing.wav"));
+}
+
+TEST_F(DiscoverMediaRefusal, DirectoryIsRefusedUnopened)
+{
+    expect_refused_unopened(dir.root);
+}
+
+TEST_F(DiscoverMediaRefusal, FifoIsRefusedUnopened)
+{
+    const std::string fifo = dir.path("fifo.wav");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    expect_refused_unopened(fifo);
+}
+
+TEST_F(DiscoverMediaRefusal, LinkToAFifoIsRefusedUnopened)
+{
+    ASSERT_EQ(mkfifo(dir.path("fifo.wav").c_str(), 0600), 0);
+    expect_refused_unopened(dir.link("link.wav", "fifo.wav"));
+}
+
+TEST_F(DiscoverMediaRefusal, SocketIsRefusedUnopened)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    g_strlcpy(address.sun_path, dir.path("socket.wav").c_str(), sizeof(address.sun_path));
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    expect_refused_unopened(dir.path("socket.wav"));
+    close(fd);
+}
+
+TEST_F(DiscoverMediaRefusal, DeviceIsRefusedUnopened)
+{
+    expect_refused_unopened("/dev/zero");
+}
+
+TEST_F(DiscoverMediaRefusal, LinkToAFileIsFollowed)
+{
+    fake.top = audio("audio/x-wav");
+    EXPECT_TRUE(discover_media(dir.link("link.wav", "clip.wav").c_str(), media_info));
+}
+
+TEST_F(DiscoverMediaRefusal, FileIsLookedAtBeforeTheObject)
+{
+    EXPECT_FALSE(discover_media(dir.path("missing.wav").c_str(), nullptr));
+    EXPECT_FALSE(discover_media(dir.root.c_str(), nullptr));
+    expect_no_log();
+}
+
+TEST_F(DiscoverMediaRefusal, NullObjectIsRefused)
+{
+    EXPECT_FALSE(discover_media(path.c_str(), nullptr));
+    expect_log(G_LOG_LEVEL_INFO, "No JSON object specified.");
+    expect_no_log();
+    EXPECT_EQ(fake.discoverers, 0);
+}
+
+TEST_F(DiscoverMediaRefusal, ObjectThatIsNotEmptyIsRefusedAndLeftAsItWas)
+{
+    json_object_set_new(media_info, "mine", json_integer(1));
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Expected empty JSON object.");
+    expect_no_log();
+    EXPECT_EQ(text(media_info), "{\"mine\":1}");
+    EXPECT_EQ(fake.discoverers, 0);
+}
+
+TEST_F(DiscoverMediaRefusal, PathThatHasNoUriIsLogged)
+{
+    fake.uri_error = "cannot be named";
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO,
+               "Could not create uri from path '" + path + "', error message 'cannot be named'.");
+    expect_no_log();
+    EXPECT_EQ(fake.discoverers, 0);
+}
+
+/* The discoverer's answers. */
+
+TEST_F(DiscoverMedia, DiscovererGetsTheUriAndFiveSeconds)
+{
+    fake.top = audio("audio/x-wav");
+    EXPECT_TRUE(discover());
+    EXPECT_EQ(fake.uri, "file://" + path);
+    EXPECT_EQ(fake.timeout, 5000000000u);
+    EXPECT_EQ(fake.discoverers, 1);
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, DiscovererThatCannotBeMadeIsLogged)
+{
+    fake.new_error = "no decoder";
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_WARNING, "Error creating discoverer instance: 'no decoder'.");
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, UriThatCannotBeDiscoveredIsLoggedWithTheReason)
+{
+    fake.has_info = false;
+    fake.error = "already busy";
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_WARNING, "Error discovering uri 'already busy'.");
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, ErrorOfTheDiscovererIsLogged)
+{
+    fake.result = 2;
+    fake.error = "this is a text";
+    fake.top = audio("audio/x-wav");
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Discoverer error: 'this is a text'.");
+    expect_no_log();
+    EXPECT_EQ(text(media_info), "{}");
+}
+
+TEST_F(DiscoverMedia, MissingPluginsAreLoggedWithThePath)
+{
+    const char *details[] = {"one", "two", nullptr};
+    fake.result = 5;
+    fake.error = "no plugin";
+    fake.missing_plugins = details;
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Missing plugins for analyzing file '" + path + "'.");
+    expect_no_log();
+    EXPECT_EQ(fake.missing_plugins_asked, 1);
+}
+
+TEST_F(DiscoverMedia, MissingPluginsWithoutDetailsAreLogged)
+{
+    fake.result = 5;
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Missing plugins for analyzing file '" + path + "'.");
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, InvalidUriIsAnUnexpectedResult)
+{
+    fake.result = 1;
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Unexpected result when discovering '" + path + "', (code: 1).");
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, TimeOutIsAnUnexpectedResult)
+{
+    fake.result = 3;
+    fake.error = "took too long";
+    fake.top = audio("audio/x-wav");
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Unexpected result when discovering '" + path + "', (code: 3).");
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, BusyDiscovererIsAnUnexpectedResult)
+{
+    fake.result = 4;
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO, "Unexpected result when discovering '" + path + "', (code: 4).");
+    expect_no_log();
+}
+
+TEST_F(DiscoverMedia, FileWithoutStreamsIsRefusedSilently)
+{
+    EXPECT_FALSE(discover());
+    EXPECT_EQ(text(media_info), "{}");
+    expect_no_log();
+}
+
+/* The duration. */
+
+TEST_F(DiscoverMediaDuration, DurationIsCutToWholeMilliseconds)
+{
+    fake.top = audio("audio/x-wav");
+    EXPECT_EQ(duration_of(0), 0);
+    EXPECT_EQ(duration_of(999999), 0);
+    EXPECT_EQ(duration_of(1999999), 1);
+    EXPECT_EQ(duration_of(90 * GST_SECOND), 90000);
+}
+
+TEST_F(DiscoverMediaDuration, DurationIsCutToThirtyTwoBits)
+{
+    fake.top = audio("audio/x-wav");
+    EXPECT_EQ(duration_of(2147483647ULL * GST_MSECOND), 2147483647);
+    EXPECT_EQ(duration_of(2147483648ULL * GST_MSECOND), -2147483648LL);
+    EXPECT_EQ(duration_of(4294967297ULL * GST_MSECOND), 1);
+}
+
+TEST_F(DiscoverMediaDuration, UnknownDurationKeepsItsOddNumber)
+{
+    fake.top = audio("audio/x-wav");
+    EXPECT_EQ(duration_of(GST_CLOCK_TIME_NONE), -140462611);
+}
+
+TEST_F(DiscoverMediaDuration, DurationThatCannotBeSetIsRefusedSilently)
+{
+    fake.top = audio("audio/x-wav");
+    fake.key_that_fails = "duration";
+    EXPECT_FALSE(discover());
+    EXPECT_EQ(text(media_info), "{}");
+    expect_no_log();
+}
+
+} // namespace
