@@ -1,5 +1,7 @@
 #include "devices_listener.h"
 
+#include <cerrno>
+
 namespace
 {
 
@@ -14,6 +16,9 @@ int match_signal(sd_bus *bus, const char *member, sd_bus_message_handler_t callb
 
 int sonobrik_dbus_devices_listener(sonobrik_dbus *conn, sd_bus_message_handler_t callback)
 {
+    if (!conn) {
+        return -EINVAL;
+    }
     const int r = match_signal(conn->bus, "InterfacesAdded", callback);
     if (r < 0) {
         return r;
