@@ -1,0 +1,146 @@
+#include "libsystemd_calls.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <glib.h>
+#include <systemd/sd-event.h>
+
+namespace
+{
+
+LibsystemdCalls *current;
+
+/* Records a call. Returns the result with which it is to fail, or null. */
+const int *record(const char *function)
+{
+    if (!current) {
+        return nullptr;
+    }
+    current->made.emplace_back(function);
+    const auto failure = current->failures.find(function);
+    return failure == current->failures.end() ? nullptr : &failure->second;
+}
+
+} // namespace
+
+LibsystemdCalls::LibsystemdCalls()
+{
+    current = this;
+}
+
+LibsystemdCalls::~LibsystemdCalls()
+{
+    current = nullptr;
+}
+
+void LibsystemdCalls::fail(const std::string &function, int result)
+{
+    failures[function] = result;
+}
+
+void LibsystemdCalls::mend(const std::string &function)
+{
+    failures.erase(function);
+}
+
+int LibsystemdCalls::count(const std::string &function) const
+{
+    return static_cast<int>(std::count(made.begin(), made.end(), function));
+}
+
+/* The linker's option --wrap=f makes a call of f one of __wrap_f, and one of __real_f that of f. */
+#define WRAP(function, parameters, arguments)                                                      \
+    int __real_##function parameters;                                                              \
+    int __wrap_##function parameters                                                               \
+    {                                                                                              \
+        const int *failure = record(#function);                                                    \
+        return failure ? *failure : __real_##function arguments;                                   \
+    }
+
+#define WRAP_POINTER(type, function, parameters, arguments)                                        \
+    type *__real_##function parameters;                                                            \
+    type *__wrap_##function parameters                                                             \
+    {                                                                                              \
+        return record(#function) ? nullptr : __real_##function arguments;                          \
+    }
+
+extern "C" {
+
+WRAP(sd_bus_error_add_map, (const sd_bus_error_map *map), (map))
+WRAP(sd_bus_request_name, (sd_bus * bus, const char *name, uint64_t flags), (bus, name, flags))
+WRAP(sd_bus_attach_event, (sd_bus * bus, sd_event *event, int priority), (bus, event, priority))
+WRAP(sd_bus_add_object,
+     (sd_bus * bus, sd_bus_slot **slot, const char *path, sd_bus_message_handler_t callback,
+      void *user_data),
+     (bus, slot, path, callback, user_data))
+WRAP(sd_bus_add_object_vtable,
+     (sd_bus * bus, sd_bus_slot **slot, const char *path, const char *interface,
+      const sd_bus_vtable *vtable, void *user_data),
+     (bus, slot, path, interface, vtable, user_data))
+WRAP(sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message **reply),
+     (call, reply))
+WRAP(sd_bus_send, (sd_bus * bus, sd_bus_message *message, uint64_t *cookie), (bus, message, cookie))
+WRAP(sd_event_new, (sd_event * *event), (event))
+WRAP(sd_event_dispatch, (sd_event * event), (event))
+
+WRAP_POINTER(sd_bus_message, sd_bus_message_ref, (sd_bus_message * message), (message))
+WRAP_POINTER(const char, sd_bus_message_get_member, (sd_bus_message * message), (message))
+WRAP_POINTER(sd_event, sd_event_unref, (sd_event * event), (event))
+WRAP_POINTER(sd_bus_slot, sd_bus_slot_unref, (sd_bus_slot * slot), (slot))
+WRAP_POINTER(sd_bus, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
+WRAP_POINTER(void, g_try_malloc0, (gsize size), (size))
+
+int __real_sd_bus_open_system(sd_bus **bus);
+int __wrap_sd_bus_open_system(sd_bus **bus)
+{
+    const int *failure = record("sd_bus_open_system");
+    if (failure) {
+        return *failure;
+    }
+    const int r = __real_sd_bus_open_system(bus);
+    if (current && r >= 0) {
+        current->opened = *bus;
+    }
+    return r;
+}
+
+/* Recorded with its member. */
+int __real_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender,
+                               const char *path, const char *interface, const char *member,
+                               sd_bus_message_handler_t callback, void *user_data);
+int __wrap_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender,
+                               const char *path, const char *interface, const char *member,
+                               sd_bus_message_handler_t callback, void *user_data)
+{
+    const int *failure = record((std::string("sd_bus_match_signal ") + member).c_str());
+    return failure ? *failure
+                   : __real_sd_bus_match_signal(bus, slot, sender, path, interface, member,
+                                                callback, user_data);
+}
+
+int __wrap_sd_bus_message_append(sd_bus_message *message, const char *types, ...)
+{
+    const int *failure = record("sd_bus_message_append");
+    if (failure) {
+        return *failure;
+    }
+    va_list values;
+    va_start(values, types);
+    const int r = sd_bus_message_appendv(message, types, values);
+    va_end(values);
+    return r;
+}
+
+int __wrap_sd_bus_reply_method_return(sd_bus_message *call, const char *types, ...)
+{
+    const int *failure = record("sd_bus_reply_method_return");
+    if (failure) {
+        return *failure;
+    }
+    va_list values;
+    va_start(values, types);
+    const int r = sd_bus_reply_method_returnv(call, types, values);
+    va_end(values);
+    return r;
+}
+}
