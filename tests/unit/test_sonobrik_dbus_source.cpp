@@ -1,0 +1,413 @@
+#include "sonobrik_dbus_source.h"
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <glib-unix.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+
+#include "libsystemd_calls.h"
+
+namespace
+{
+
+constexpr int PATIENCE_MS = 10000;
+constexpr int ROUNDS = 2000;
+
+/* A counter that one side raises and the other waits for. */
+class Doorbell
+{
+  public:
+    Doorbell() : fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    ~Doorbell()
+    {
+        close(fd);
+    }
+    Doorbell(const Doorbell &) = delete;
+    Doorbell &operator=(const Doorbell &) = delete;
+
+    void ring() const
+    {
+        eventfd_write(fd, 1);
+    }
+
+    void silence() const
+    {
+        eventfd_t rings = 0;
+        eventfd_read(fd, &rings);
+    }
+
+    /* False when it has not rung in time. */
+    bool wait() const
+    {
+        struct pollfd rung = {.fd = fd, .events = POLLIN, .revents = 0};
+        const bool has_rung = poll(&rung, 1, PATIENCE_MS) == 1;
+        silence();
+        return has_rung;
+    }
+
+    int fd;
+};
+
+gboolean call(gpointer function)
+{
+    return (*static_cast<std::function<bool()> *>(function))();
+}
+
+/*
+ * Runs the default main context until `loop` is quit. Nothing wakes it from time to time, so a lost
+ * wake-up shows: then, and only then, it lasts until the deadline and is false.
+ */
+bool run_undisturbed(GMainLoop *loop)
+{
+    bool in_time = true;
+    std::function<bool()> give_up = [&] {
+        in_time = false;
+        g_main_loop_quit(loop);
+        return G_SOURCE_CONTINUE;
+    };
+    const guint deadline = g_timeout_add(PATIENCE_MS, call, &give_up);
+    g_main_loop_run(loop);
+    g_source_remove(deadline);
+    return in_time;
+}
+
+/* A GLib source that runs an sd-event loop of the test's. */
+class SourceTest : public ::testing::Test
+{
+  protected:
+    SourceTest()
+    {
+        sd_event_new(&event);
+        dbus_source = sonobrik_dbus_source_new(event);
+        source = &dbus_source->source;
+    }
+
+    ~SourceTest() override
+    {
+        g_source_destroy(source);
+        g_source_unref(source);
+        sd_event_unref(event);
+    }
+
+    /* Has `handler` run, for as long as the loop lives, when `bell` rings. */
+    sd_event_source *listen(const Doorbell &bell, std::function<int()> *handler)
+    {
+        const auto run = [](sd_event_source *, int, uint32_t, void *function) {
+            return (*static_cast<std::function<int()> *>(function))();
+        };
+        sd_event_source *added = nullptr;
+        EXPECT_GE(sd_event_add_io(event, &added, bell.fd, EPOLLIN, run, handler), 0);
+        EXPECT_GE(sd_event_source_set_floating(added, true), 0);
+        sd_event_source_unref(added);
+        return added;
+    }
+
+    bool prepare()
+    {
+        gint timeout = -1;
+        return source->source_funcs->prepare(source, &timeout);
+    }
+
+    bool check()
+    {
+        return source->source_funcs->check(source);
+    }
+
+    bool dispatch()
+    {
+        return source->source_funcs->dispatch(source, nullptr, nullptr);
+    }
+
+    sd_event *event = nullptr;
+    sonobrik_dbus_source *dbus_source;
+    GSource *source;
+
+    Doorbell bell;
+    int heard = 0;
+    std::function<int()> hear = [this] {
+        bell.silence();
+        heard++;
+        return 0;
+    };
+};
+
+} // namespace
+
+TEST_F(SourceTest, PollsTheDescriptorOfTheEventLoop)
+{
+    EXPECT_EQ(dbus_source->event, event);
+    EXPECT_EQ(dbus_source->poll_fd.fd, sd_event_get_fd(event));
+    EXPECT_EQ(dbus_source->poll_fd.events, 25);
+    EXPECT_EQ(g_source_get_priority(source), G_PRIORITY_DEFAULT);
+    EXPECT_FALSE(g_source_get_can_recurse(source));
+}
+
+TEST_F(SourceTest, GivesItsReferenceToTheEventLoopBack)
+{
+    static bool is_gone;
+    is_gone = false;
+    hear = [] {
+        return 0;
+    };
+    sd_event_source_set_destroy_callback(listen(bell, &hear), [](void *) { is_gone = true; });
+
+    event = sd_event_unref(event);
+    EXPECT_FALSE(is_gone);
+    g_source_ref(source);
+    g_source_destroy(source);
+    g_source_unref(source);
+    EXPECT_FALSE(is_gone);
+    g_source_unref(source);
+    EXPECT_TRUE(is_gone);
+
+    sd_event_new(&event);
+    dbus_source = sonobrik_dbus_source_new(event);
+    source = &dbus_source->source;
+}
+
+TEST_F(SourceTest, PreparesWithoutAnEventWhileNothingIsPending)
+{
+    listen(bell, &hear);
+    EXPECT_FALSE(prepare());
+    EXPECT_FALSE(check());
+}
+
+TEST_F(SourceTest, FindsThePendingEventWhenItPrepares)
+{
+    listen(bell, &hear);
+    sd_event_source *deferred = nullptr;
+    ASSERT_GE(sd_event_add_defer(
+                  event, &deferred, [](sd_event_source *, void *) { return 0; }, nullptr),
+              0);
+    EXPECT_TRUE(prepare());
+    EXPECT_TRUE(dispatch());
+    sd_event_source_unref(deferred);
+}
+
+TEST_F(SourceTest, FindsTheEventThatArrivedWhenItChecks)
+{
+    listen(bell, &hear);
+    EXPECT_FALSE(prepare());
+    bell.ring();
+    EXPECT_TRUE(check());
+    EXPECT_EQ(heard, 0);
+    EXPECT_TRUE(dispatch());
+    EXPECT_EQ(heard, 1);
+}
+
+TEST_F(SourceTest, LeavesTheTimeOutAlone)
+{
+    listen(bell, &hear);
+    sd_event_source *timer = nullptr;
+    const auto nothing = [](sd_event_source *, uint64_t, void *) {
+        return 0;
+    };
+    ASSERT_GE(sd_event_add_time_relative(event, &timer, CLOCK_MONOTONIC, G_USEC_PER_SEC, 0, nothing,
+                                         nullptr),
+              0);
+    gint timeout = 4711;
+    EXPECT_FALSE(source->source_funcs->prepare(source, &timeout)); /* not prepared before */
+    EXPECT_EQ(timeout, 4711);
+    EXPECT_FALSE(source->source_funcs->prepare(source, &timeout)); /* armed */
+    EXPECT_EQ(timeout, 4711);
+    bell.ring();
+    EXPECT_TRUE(source->source_funcs->prepare(source, &timeout));
+    EXPECT_EQ(timeout, 4711);
+    dispatch();
+    sd_event_source_unref(timer);
+}
+
+/* Preparing twice, which GLib does when it skips the check. */
+
+TEST_F(SourceTest, SecondPrepareWithoutACheckIsNoEvent)
+{
+    listen(bell, &hear);
+    EXPECT_FALSE(prepare());
+    EXPECT_FALSE(prepare());
+    EXPECT_FALSE(prepare());
+    EXPECT_EQ(sd_event_get_state(event), SD_EVENT_ARMED);
+    EXPECT_FALSE(check());
+}
+
+TEST_F(SourceTest, SecondPrepareTakesWhatHasArrivedSince)
+{
+    listen(bell, &hear);
+    EXPECT_FALSE(prepare());
+    bell.ring();
+    EXPECT_TRUE(prepare());
+    EXPECT_TRUE(dispatch());
+    EXPECT_EQ(heard, 1);
+}
+
+TEST_F(SourceTest, EventAfterTheSecondPrepareIsFoundByTheCheck)
+{
+    listen(bell, &hear);
+    EXPECT_FALSE(prepare());
+    EXPECT_FALSE(prepare());
+    bell.ring();
+    EXPECT_TRUE(check());
+    EXPECT_TRUE(dispatch());
+    EXPECT_EQ(heard, 1);
+}
+
+TEST_F(SourceTest, SecondPrepareLetsTheEventLoopLookAtItsSourcesAnew)
+{
+    static int looked;
+    looked = 0;
+    const auto look = [](sd_event_source *, void *) {
+        looked++;
+        return 0;
+    };
+    /* This is how a connection says that it has become able to send. */
+    ASSERT_GE(sd_event_source_set_prepare(listen(bell, &hear), look), 0);
+    prepare();
+    EXPECT_EQ(looked, 1);
+    prepare();
+    EXPECT_EQ(looked, 2);
+}
+
+TEST_F(SourceTest, CheckWithoutPrepareIsNoEvent)
+{
+    listen(bell, &hear);
+    bell.ring();
+    EXPECT_FALSE(check());
+    EXPECT_TRUE(prepare() || check());
+    EXPECT_TRUE(dispatch());
+    EXPECT_EQ(heard, 1);
+}
+
+/* The end of the source. */
+
+TEST_F(SourceTest, EndOfTheEventLoopRemovesTheSource)
+{
+    g_source_attach(source, nullptr);
+    sd_event_exit(event, 0);
+    for (int i = 0; i < 10 && !g_source_is_destroyed(source); i++) {
+        g_main_context_iteration(nullptr, FALSE);
+    }
+    EXPECT_TRUE(g_source_is_destroyed(source));
+    EXPECT_EQ(sd_event_get_state(event), SD_EVENT_FINISHED);
+}
+
+TEST_F(SourceTest, EventLoopThatHasEndedHasNoEvents)
+{
+    listen(bell, &hear);
+    sd_event_exit(event, 0);
+    EXPECT_TRUE(prepare());
+    EXPECT_FALSE(dispatch());
+    bell.ring();
+    EXPECT_FALSE(prepare());
+    EXPECT_FALSE(check());
+    EXPECT_FALSE(dispatch());
+    EXPECT_EQ(heard, 0);
+}
+
+TEST_F(SourceTest, OnlyADispatchResultAboveZeroKeepsTheSource)
+{
+    LibsystemdCalls calls;
+    calls.fail("sd_event_dispatch", 0);
+    EXPECT_FALSE(dispatch());
+    calls.fail("sd_event_dispatch", -EIO);
+    EXPECT_FALSE(dispatch());
+    calls.fail("sd_event_dispatch", 1);
+    EXPECT_TRUE(dispatch());
+}
+
+TEST_F(SourceTest, EventWhoseHandlerFailsKeepsTheSource)
+{
+    std::function<int()> fail = [this] {
+        bell.silence();
+        return -EIO;
+    };
+    listen(bell, &fail);
+    g_source_attach(source, nullptr);
+    bell.ring();
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+    EXPECT_FALSE(g_source_is_destroyed(source));
+}
+
+/* In a main context that others use too. */
+
+TEST_F(SourceTest, NoEventIsLostWhileAnotherThreadChangesTheContext)
+{
+    g_source_attach(source, nullptr);
+    const std::unique_ptr<GMainLoop, void (*)(GMainLoop *)> loop(g_main_loop_new(nullptr, FALSE),
+                                                                 g_main_loop_unref);
+    Doorbell answer;
+    hear = [&] {
+        bell.silence();
+        heard++;
+        answer.ring();
+        return 0;
+    };
+    listen(bell, &hear);
+
+    std::atomic<bool> is_over = false;
+    /* A descriptor that comes or goes makes GLib drop what it polled, and prepare anew. */
+    std::thread churn([&] {
+        Doorbell silent;
+        while (!is_over) {
+            GSource *passing = g_unix_fd_source_new(silent.fd, G_IO_IN);
+            g_source_attach(passing, nullptr);
+            g_source_destroy(passing);
+            g_source_unref(passing);
+        }
+    });
+    std::thread visitor([&] {
+        for (int i = 0; i < ROUNDS; i++) {
+            bell.ring();
+            if (!answer.wait()) {
+                break;
+            }
+        }
+        is_over = true;
+        g_main_loop_quit(loop.get());
+    });
+    EXPECT_TRUE(run_undisturbed(loop.get()));
+    is_over = true;
+    visitor.join();
+    churn.join();
+    EXPECT_EQ(heard, ROUNDS);
+    EXPECT_FALSE(g_source_is_destroyed(source));
+}
+
+TEST_F(SourceTest, EventIsServedOnceASourceOfHigherPriorityHasHadItsTurns)
+{
+    g_source_attach(source, nullptr);
+    listen(bell, &hear);
+
+    /* It shows only when it is checked, so that ours is prepared each time and never checked. */
+    Doorbell urgent;
+    int turns = 0;
+    std::function<bool()> take_turn = [&] {
+        if (++turns == 50) {
+            urgent.silence();
+        }
+        return G_SOURCE_CONTINUE;
+    };
+    const auto serve = [](gint, GIOCondition, gpointer function) {
+        return call(function);
+    };
+    const guint id =
+        g_unix_fd_add_full(G_PRIORITY_HIGH, urgent.fd, G_IO_IN, serve, &take_turn, nullptr);
+    urgent.ring();
+    g_main_context_iteration(nullptr, FALSE);
+    bell.ring();
+    for (int i = 0; i < 48; i++) {
+        g_main_context_iteration(nullptr, FALSE);
+    }
+    EXPECT_EQ(heard, 0);
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+    EXPECT_EQ(turns, 50);
+    EXPECT_EQ(heard, 1);
+    EXPECT_FALSE(g_source_is_destroyed(source));
+    g_source_remove(id);
+}
