@@ -68,7 +68,6 @@ extern "C" {
 
 WRAP(sd_bus_error_add_map, (const sd_bus_error_map *map), (map))
 WRAP(sd_bus_request_name, (sd_bus * bus, const char *name, uint64_t flags), (bus, name, flags))
-WRAP(sd_bus_attach_event, (sd_bus * bus, sd_event *event, int priority), (bus, event, priority))
 WRAP(sd_bus_add_object,
      (sd_bus * bus, sd_bus_slot **slot, const char *path, sd_bus_message_handler_t callback,
       void *user_data),
@@ -89,6 +88,16 @@ WRAP_POINTER(sd_event, sd_event_unref, (sd_event * event), (event))
 WRAP_POINTER(sd_bus_slot, sd_bus_slot_unref, (sd_bus_slot * slot), (slot))
 WRAP_POINTER(sd_bus, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
 WRAP_POINTER(void, g_try_malloc0, (gsize size), (size))
+
+int __real_sd_bus_attach_event(sd_bus *bus, sd_event *event, int priority);
+int __wrap_sd_bus_attach_event(sd_bus *bus, sd_event *event, int priority)
+{
+    const int *failure = record("sd_bus_attach_event");
+    if (current) {
+        current->priority = priority;
+    }
+    return failure ? *failure : __real_sd_bus_attach_event(bus, event, priority);
+}
 
 int __real_sd_bus_open_system(sd_bus **bus);
 int __wrap_sd_bus_open_system(sd_bus **bus)

@@ -37,4 +37,6 @@ class LibsystemdCalls
     /* What sd_bus_open_system() opened last; borrowed, and gone when the code under test ends it.
      */
     sd_bus *opened = nullptr;
+
+    int priority = -1; /* of the connection that was last attached to an event loop */
 };

@@ -1,0 +1,445 @@
+#include "sonobrik_dbus.h"
+
+#include <cerrno>
+
+#include "libsystemd_calls.h"
+#include "private_bus.h"
+#include "sonobrik_dbus_source.h"
+
+namespace
+{
+
+constexpr const char *SERVICE = "com.vesk.Test";
+constexpr const char *OBJECT = "/com/vesk/Test";
+constexpr const char *INTERFACE = "com.vesk.Test";
+
+using Steps = std::vector<std::string>;
+
+int ignore(sd_bus_message *, void *, sd_bus_error *)
+{
+    return 0;
+}
+
+int count(sd_bus_message *, void *user_data, sd_bus_error *)
+{
+    ++*static_cast<int *>(user_data);
+    return 0;
+}
+
+int answer_yes(sd_bus_message *call, void *, sd_bus_error *)
+{
+    return sd_bus_reply_method_return(call, "s", "yes");
+}
+
+constexpr sd_bus_vtable table[] = {
+    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Ask", "", "s", answer_yes, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END,
+};
+
+/* The name is owned by somebody on the bus. */
+bool has_owner(GDBusConnection *peer, const char *name)
+{
+    return bus_call(peer, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                    "NameHasOwner", g_variant_new("(s)", name)) == "(true,)";
+}
+
+/* The bus learns of a closed connection in its own time. */
+bool loses_owner(GDBusConnection *peer, const char *name)
+{
+    return run_until([&] { return !has_owner(peer, name); });
+}
+
+/* The errno that sd-bus knows for an error name, negative. */
+int errno_of(const char *error_name)
+{
+    sd_bus_error error = {};
+    const int r = sd_bus_error_set(&error, error_name, "text");
+    sd_bus_error_free(&error);
+    return r;
+}
+
+class ConnectionTest : public BusTest
+{
+  protected:
+    ~ConnectionTest() override
+    {
+        sonobrik_dbus_teardown(conn);
+        g_free(conn);
+    }
+
+    /* The record of a connection, which the test frees. */
+    void connect()
+    {
+        conn = sonobrik_dbus_setup(SERVICE);
+        ASSERT_NE(conn, nullptr);
+    }
+
+    /* A connection that a failed set-up left open. */
+    static void close_what_is_left(const LibsystemdCalls &calls)
+    {
+        sd_bus_flush_close_unref(calls.opened);
+    }
+
+    std::string ask()
+    {
+        return bus_call(stranger, SERVICE, OBJECT, INTERFACE, "Ask");
+    }
+
+    sonobrik_dbus *conn = nullptr;
+};
+
+} // namespace
+
+/* Set-up. */
+
+TEST_F(ConnectionTest, WithoutAServiceNameThereIsNoConnection)
+{
+    LibsystemdCalls calls;
+    EXPECT_EQ(sonobrik_dbus_setup(nullptr), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "A dbus service name must be specified.");
+    expect_no_log();
+    EXPECT_EQ(calls.made, Steps{});
+}
+
+TEST_F(ConnectionTest, WithoutMemoryThereIsNoConnection)
+{
+    LibsystemdCalls calls;
+    calls.fail("g_try_malloc0", 0);
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Failed to allocate structure");
+    expect_no_log();
+    EXPECT_EQ(calls.made, Steps{"g_try_malloc0"});
+}
+
+TEST_F(ConnectionTest, WithoutABusThereIsNoConnection)
+{
+    bus.stop();
+    LibsystemdCalls calls;
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Failed to connect to system bus: No such file or directory.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_bus_error_add_map"), 0);
+}
+
+TEST_F(ConnectionTest, RefusedErrorMapEndsTheSetUp)
+{
+    LibsystemdCalls calls;
+    calls.fail("sd_bus_error_add_map", -ENOMEM);
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Failed to add custom error map: Cannot allocate memory.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_bus_request_name"), 0);
+    close_what_is_left(calls);
+}
+
+TEST_F(ConnectionTest, NameThatIsOwnedEndsTheSetUp)
+{
+    LibsystemdCalls calls;
+    bus_call(stranger, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+             "RequestName", g_variant_new("(su)", SERVICE, 0));
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Failed to acquire service name com.vesk.Test: File exists.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_event_new"), 0);
+    close_what_is_left(calls);
+}
+
+TEST_F(ConnectionTest, NameThatIsNoneEndsTheSetUp)
+{
+    LibsystemdCalls calls;
+    EXPECT_EQ(sonobrik_dbus_setup("no name"), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Failed to acquire service name no name: Invalid argument.");
+    expect_no_log();
+    close_what_is_left(calls);
+}
+
+TEST_F(ConnectionTest, WithoutAnEventLoopTheSetUpEnds)
+{
+    LibsystemdCalls calls;
+    calls.fail("sd_event_new", -EMFILE);
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to create event: Too many open files.");
+    expect_log(LOG_LEVEL_ERROR, "Failed to attach to gMainLoop.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_bus_attach_event"), 0);
+    close_what_is_left(calls);
+}
+
+TEST_F(ConnectionTest, EventLoopThatTakesNoConnectionIsGivenBack)
+{
+    LibsystemdCalls calls;
+    calls.fail("sd_bus_attach_event", -EBUSY);
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to attach event: Device or resource busy.");
+    expect_log(LOG_LEVEL_ERROR, "Failed to attach to gMainLoop.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_event_unref"), 1);
+    close_what_is_left(calls);
+}
+
+TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
+{
+    LibsystemdCalls calls;
+    connect();
+    EXPECT_EQ(calls.made, (Steps{"g_try_malloc0", "sd_bus_open_system", "sd_bus_error_add_map",
+                                 "sd_bus_request_name", "sd_event_new", "sd_bus_attach_event",
+                                 "sd_event_unref"}));
+    EXPECT_EQ(calls.priority, SD_EVENT_PRIORITY_NORMAL);
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, RecordHoldsTheConnectionAndItsSource)
+{
+    connect();
+    EXPECT_TRUE(has_owner(stranger, SERVICE));
+    EXPECT_EQ(conn->slot, nullptr);
+    EXPECT_EQ(g_source_get_context(&conn->source->source), g_main_context_default());
+    EXPECT_EQ(sd_bus_get_event(conn->bus), conn->source->event);
+}
+
+TEST_F(ConnectionTest, TwoConnectionsStandSideBySide)
+{
+    connect();
+    sonobrik_dbus *other = sonobrik_dbus_setup("com.vesk.Test.Other");
+    ASSERT_NE(other, nullptr);
+    EXPECT_TRUE(has_owner(stranger, SERVICE));
+    EXPECT_TRUE(has_owner(stranger, "com.vesk.Test.Other"));
+    expect_no_log();
+    sonobrik_dbus_teardown(other);
+    g_free(other);
+}
+
+TEST_F(ConnectionTest, ErrorNamesOfTheMethodsAreKnown)
+{
+    connect();
+    for (const char *name : {
+             "com.vesk.Sonobrik.StartPlayingClip",
+             "com.vesk.Sonobrik.PlayClip",
+             "com.vesk.Sonobrik.StopPlayingClip",
+             "com.vesk.Sonobrik.SupportedFile",
+             "com.vesk.Sonobrik.GetMetadata",
+             "com.vesk.Sonobrik.Legacy.GetConfigurations",
+             "com.vesk.Sonobrik.Legacy.GetConfigurationEntry",
+             "com.vesk.Sonobrik.Legacy.SetConfigurationEntry",
+             "com.vesk.Sonobrik.Legacy.AddConfiguration",
+             "com.vesk.Sonobrik.Legacy.RemoveConfiguration",
+             "com.vesk.Sonobrik.Legacy.Sync",
+         }) {
+        EXPECT_EQ(errno_of(name), -65535) << name;
+    }
+}
+
+TEST_F(ConnectionTest, ErrorNameOfAddClipIsNotKnown)
+{
+    connect();
+    EXPECT_EQ(errno_of("com.vesk.Sonobrik.AddClip"), -EIO);
+}
+
+/* Registrations. */
+
+TEST_F(ConnectionTest, ObjectCallbackSeesMessagesAheadOfTheTable)
+{
+    connect();
+    int seen = 0;
+    EXPECT_GE(sonobrik_dbus_add_object(conn, OBJECT, count, &seen), 0);
+    EXPECT_GE(sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, table, nullptr), 0);
+    EXPECT_EQ(ask(), "('yes',)");
+    EXPECT_EQ(seen, 1);
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, TableGetsItsUserData)
+{
+    static void *given;
+    static const sd_bus_vtable keeping_table[] = {
+        SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD(
+            "Ask", "", "s",
+            [](sd_bus_message *call, void *user_data, sd_bus_error *) {
+                given = user_data;
+                return sd_bus_reply_method_return(call, "s", "yes");
+            },
+            SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END,
+    };
+    connect();
+    EXPECT_GE(sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, keeping_table, this), 0);
+    EXPECT_EQ(ask(), "('yes',)");
+    EXPECT_EQ(given, this);
+}
+
+TEST_F(ConnectionTest, MatchReceivesWhatItSelects)
+{
+    connect();
+    int seen = 0;
+    EXPECT_GE(sonobrik_dbus_add_match(conn, "type='signal',member='Wanted'", count, &seen), 0);
+    for (const char *member : {"Unwanted", "Wanted"}) {
+        g_dbus_connection_emit_signal(stranger, nullptr, OBJECT, INTERFACE, member, nullptr,
+                                      nullptr);
+    }
+    bus_call(stranger, SERVICE, "/", "org.freedesktop.DBus.Peer", "Ping");
+    EXPECT_EQ(seen, 1);
+}
+
+TEST_F(ConnectionTest, EachRegistrationTakesTheSlotOfTheOneBefore)
+{
+    connect();
+    sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
+    sd_bus_slot *first = conn->slot;
+    EXPECT_NE(first, nullptr);
+    sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, table, nullptr);
+    sd_bus_slot *second = conn->slot;
+    EXPECT_NE(second, first);
+    sonobrik_dbus_add_match(conn, "member='Wanted'", ignore, nullptr);
+    EXPECT_NE(conn->slot, second);
+    EXPECT_EQ(ask(), "('yes',)"); /* those before are in force */
+}
+
+TEST_F(ConnectionTest, ErrorsOfSdBusAreReturnedAsTheyAre)
+{
+    connect();
+    EXPECT_EQ(sonobrik_dbus_add_object(conn, "no path", ignore, nullptr), -EINVAL);
+    EXPECT_EQ(sonobrik_dbus_add_vtable(conn, OBJECT, "no interface", table, nullptr), -EINVAL);
+    EXPECT_EQ(sonobrik_dbus_add_match(conn, "no match", ignore, nullptr), -EINVAL);
+    EXPECT_GE(sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, table, nullptr), 0);
+    EXPECT_EQ(sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, table, nullptr), -EEXIST);
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, AddObjectRefusesEachNullArgument)
+{
+    constexpr const char *line = "sonobrik_dbus_add_object: called with invalid arguments";
+    connect();
+    sonobrik_dbus closed = {};
+    EXPECT_EQ(sonobrik_dbus_add_object(nullptr, OBJECT, ignore, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_object(&closed, OBJECT, ignore, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_object(conn, nullptr, ignore, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_object(conn, OBJECT, nullptr, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, AddVtableRefusesEachNullArgument)
+{
+    constexpr const char *line = "sonobrik_dbus_add_vtable: called with invalid arguments";
+    connect();
+    sonobrik_dbus closed = {};
+    EXPECT_EQ(sonobrik_dbus_add_vtable(nullptr, OBJECT, INTERFACE, table, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_vtable(&closed, OBJECT, INTERFACE, table, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_vtable(conn, nullptr, INTERFACE, table, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_vtable(conn, OBJECT, nullptr, table, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, nullptr, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, AddMatchRefusesEachNullArgument)
+{
+    constexpr const char *line = "sonobrik_dbus_add_match: called with invalid arguments";
+    connect();
+    sonobrik_dbus closed = {};
+    EXPECT_EQ(sonobrik_dbus_add_match(nullptr, "member='Wanted'", ignore, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_match(&closed, "member='Wanted'", ignore, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_match(conn, nullptr, ignore, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    EXPECT_EQ(sonobrik_dbus_add_match(conn, "member='Wanted'", nullptr, nullptr), -1);
+    expect_log(G_LOG_LEVEL_WARNING, line);
+    expect_no_log();
+}
+
+/* Teardown. */
+
+TEST_F(ConnectionTest, TeardownOfNullDoesNothing)
+{
+    LibsystemdCalls calls;
+    sonobrik_dbus_teardown(nullptr);
+    EXPECT_EQ(calls.made, Steps{});
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, TeardownReleasesSourceSlotAndConnectionInTurn)
+{
+    connect();
+    sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
+    GSource *source = g_source_ref(&conn->source->source);
+    {
+        LibsystemdCalls calls;
+        sonobrik_dbus_teardown(conn);
+        EXPECT_EQ(calls.made, (Steps{"sd_bus_slot_unref", "sd_bus_flush_close_unref"}));
+    }
+    EXPECT_TRUE(g_source_is_destroyed(source));
+    g_source_unref(source);
+    EXPECT_EQ(conn->source, nullptr);
+    EXPECT_EQ(conn->slot, nullptr);
+    EXPECT_EQ(conn->bus, nullptr);
+    EXPECT_TRUE(loses_owner(stranger, SERVICE));
+}
+
+TEST_F(ConnectionTest, SourceGoesWithTheTeardown)
+{
+    connect();
+    /* Its event loop is then the connection's alone. */
+    sd_event *event = sd_event_ref(conn->source->event);
+    bool is_gone = false;
+    sd_event_source *kept = nullptr;
+    const auto nothing = [](sd_event_source *, void *) {
+        return 0;
+    };
+    ASSERT_GE(sd_event_add_exit(event, &kept, nothing, &is_gone), 0);
+    ASSERT_GE(sd_event_source_set_floating(kept, true), 0);
+    sd_event_source_set_destroy_callback(kept,
+                                         [](void *gone) { *static_cast<bool *>(gone) = true; });
+    sd_event_source_unref(kept);
+    sonobrik_dbus_teardown(conn);
+    EXPECT_FALSE(is_gone);
+    sd_event_unref(event);
+    EXPECT_TRUE(is_gone);
+}
+
+TEST_F(ConnectionTest, SecondTeardownDoesNothing)
+{
+    connect();
+    sonobrik_dbus_teardown(conn);
+    sonobrik_dbus_teardown(conn);
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, ConnectionIsClosedThoughLostSlotsKeepItAlive)
+{
+    connect();
+    sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
+    sonobrik_dbus_add_vtable(conn, OBJECT, INTERFACE, table, nullptr);
+    sonobrik_dbus_teardown(conn);
+    EXPECT_TRUE(loses_owner(stranger, SERVICE));
+    g_free(conn);
+    connect(); /* the name is free */
+}
+
+TEST_F(ConnectionTest, TeardownSendsWhatIsQueued)
+{
+    connect();
+    SignalLog heard(stranger, SERVICE);
+    bus.freeze();
+    uint64_t queued = 0;
+    int sent = 0;
+    const std::string ballast(100000, 'x');
+    while (queued == 0) {
+        ASSERT_GE(sd_bus_emit_signal(conn->bus, OBJECT, INTERFACE, "Said", "s", ballast.c_str()),
+                  0);
+        ASSERT_GE(sd_bus_get_n_queued_write(conn->bus, &queued), 0);
+        sent++;
+    }
+    bus.thaw();
+    sonobrik_dbus_teardown(conn);
+    EXPECT_TRUE(run_until([&] { return static_cast<int>(heard.lines.size()) == sent; }));
+}
