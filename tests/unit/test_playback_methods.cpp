@@ -1,0 +1,408 @@
+#include "playback_methods.h"
+
+#include <cerrno>
+
+#include "audioclip_dbus.h"
+#include "fake_audio_clip.h"
+#include "libsystemd_calls.h"
+#include "private_bus.h"
+#include "served_bus.h"
+
+namespace
+{
+
+using Calls = std::vector<std::string>;
+
+constexpr const char *NONCHARACTER = "\xEF\xBF\xBE"; /* U+FFFE */
+constexpr const char *BUSY = "A clip is already playing.";
+
+class PlaybackTest : public BusTest
+{
+  protected:
+    PlaybackTest()
+    {
+        playback_methods_setup();
+        served.serve("/PlayClip", sonobrik_play_clip_synchronous, &clip);
+        served.serve("/StartPlayingClip", sonobrik_play_clip_asynchronous, &clip);
+        served.serve("/StopPlayingClip", sonobrik_stop_clip, &clip);
+    }
+
+    ~PlaybackTest() override
+    {
+        playback_methods_teardown();
+    }
+
+    /* Calls the method from a caller that waits. Each has an object of its own here. */
+    std::string call(const std::string &method, GVariant *arguments)
+    {
+        return bus_call(stranger, served.name, "/" + method, "com.vesk.Test", method, arguments);
+    }
+
+    std::string call(const std::string &method, const char *options)
+    {
+        return call(method, g_variant_new("(s)", options));
+    }
+
+    /* Makes a call whose answer may be held, and has it handled. */
+    std::unique_ptr<PendingCall> begin(const std::string &method, const char *options)
+    {
+        auto pending = std::make_unique<PendingCall>(stranger, served.name, ("/" + method).c_str(),
+                                                     "com.vesk.Test", method.c_str(),
+                                                     g_variant_new("(s)", options));
+        settle(stranger, served.name);
+        return pending;
+    }
+
+    AudioClip clip;
+    ServedBus served;
+    LibsystemdCalls library;
+};
+
+/* What all three methods have in common. */
+class AnyPlaybackMethodTest : public PlaybackTest,
+                              public ::testing::WithParamInterface<const char *>
+{
+  protected:
+    std::string error(const std::string &text)
+    {
+        return std::string("com.vesk.Sonobrik.") + GetParam() + ": " + text;
+    }
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Methods, AnyPlaybackMethodTest,
+                         ::testing::Values("PlayClip", "StartPlayingClip", "StopPlayingClip"),
+                         [](const auto &method) { return std::string(method.param); });
+
+TEST_P(AnyPlaybackMethodTest, ArgumentOfAnotherTypeIsAnsweredWithTheReason)
+{
+    EXPECT_EQ(call(GetParam(), g_variant_new("(i)", 5)),
+              error("Failed to parse parameter(s): No such device or address."));
+    EXPECT_EQ(clip.calls, Calls{});
+    expect_no_log();
+}
+
+TEST_P(AnyPlaybackMethodTest, OptionsThatSdBusRefusesAreAnsweredWithTheReason)
+{
+    EXPECT_EQ(call(GetParam(), NONCHARACTER), error("Failed to parse parameter(s): Bad message."));
+    EXPECT_EQ(clip.calls, Calls{});
+    expect_no_log();
+}
+
+TEST_P(AnyPlaybackMethodTest, NothingIsDoneWithoutAReply)
+{
+    library.fail("sd_bus_message_new_method_return", -ENOMEM);
+    EXPECT_EQ(call(GetParam(), "options"),
+              "org.freedesktop.DBus.Error.AccessDenied: Operation not permitted");
+    EXPECT_EQ(clip.calls, Calls{});
+    expect_log(G_LOG_LEVEL_INFO, "sonobrik_dbus_method_new_reply failed to create dbus method "
+                                 "reply message due to 'Cannot allocate memory'");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "sonobrik_dbus_method_send_reply has been called with invalid arguments");
+    expect_no_log();
+}
+
+TEST_P(AnyPlaybackMethodTest, CallThatWantsNoAnswerIsServed)
+{
+    g_dbus_connection_call(stranger, served.name.c_str(), (std::string("/") + GetParam()).c_str(),
+                           "com.vesk.Test", GetParam(), g_variant_new("(s)", "options"), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
+    settle(stranger, served.name);
+    EXPECT_EQ(clip.calls.size(), 1U);
+    clip.end();
+    settle(stranger, served.name);
+}
+
+/* StartPlayingClip. */
+
+TEST_F(PlaybackTest, StartIsAnsweredAtOnce)
+{
+    EXPECT_EQ(call("StartPlayingClip", "location=a%20b.wav&repeat=1"), "('OK',)");
+    EXPECT_EQ(clip.calls, Calls{"start location=a%20b.wav&repeat=1"});
+    expect_log(G_LOG_LEVEL_INFO,
+               "sonobrik_play_clip_asynchronous with options: location=a%20b.wav&repeat=1");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, StartThatIsRefusedAnswersThePlayersText)
+{
+    clip.refusal = "Failed to parse/validate option string: 'volume=%s'";
+    EXPECT_EQ(call("StartPlayingClip", "volume=%s"),
+              "com.vesk.Sonobrik.StartPlayingClip: Failed to parse/validate option string: "
+              "'volume=%s'");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, StartThatIsRefusedWhilePlayClipIsHeldIsNotOk)
+{
+    const auto held = begin("PlayClip", "first");
+    clip.refusal = BUSY;
+    EXPECT_EQ(call("StartPlayingClip", "second"),
+              std::string("com.vesk.Sonobrik.StartPlayingClip: ") + BUSY);
+    EXPECT_FALSE(held->is_answered());
+}
+
+TEST_F(PlaybackTest, StartWhoseReplyTakesNoResultAnswersNok)
+{
+    library.fail("sd_bus_message_append", -ENOMEM);
+    EXPECT_EQ(call("StartPlayingClip", "options"), "com.vesk.Sonobrik.StartPlayingClip: NOK");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, StartWhoseReplyCannotBeSentAnswersTheError)
+{
+    library.fail("sd_bus_send", -ENOBUFS);
+    EXPECT_EQ(call("StartPlayingClip", "options"),
+              "com.vesk.Sonobrik.StartPlayingClip: Failed to send a positive dbus response");
+}
+
+TEST_F(PlaybackTest, EndOfAStartedClipAnswersNobody)
+{
+    call("StartPlayingClip", "options");
+    clear_log();
+    clip.end();
+    EXPECT_EQ(library.count("sd_bus_reply_method_return"), 0);
+    expect_no_log();
+}
+
+/* StopPlayingClip. */
+
+TEST_F(PlaybackTest, StopIsAnsweredAlsoWhenNothingPlays)
+{
+    EXPECT_EQ(call("StopPlayingClip", "options"), "('OK',)");
+    EXPECT_EQ(clip.calls, Calls{"stop options"});
+    expect_log(G_LOG_LEVEL_INFO, "sonobrik_stop_clip with options: options");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, StopThatFailsAnswersNok)
+{
+    clip.stops = false;
+    EXPECT_EQ(call("StopPlayingClip", "options"), "com.vesk.Sonobrik.StopPlayingClip: NOK");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, StopWhoseReplyTakesNoResultAnswersNok)
+{
+    library.fail("sd_bus_message_append", -ENOMEM);
+    EXPECT_EQ(call("StopPlayingClip", "options"), "com.vesk.Sonobrik.StopPlayingClip: NOK");
+    EXPECT_EQ(clip.calls, Calls{"stop options"});
+    expect_no_log();
+}
+
+/* PlayClip. */
+
+TEST_F(PlaybackTest, PlayIsAnsweredWhenItsClipHasEnded)
+{
+    const auto held = begin("PlayClip", "location=a.wav");
+    EXPECT_EQ(clip.calls, Calls{"start location=a.wav"});
+    EXPECT_FALSE(held->is_answered());
+    clip.end();
+    EXPECT_EQ(held->wait(), "('OK',)");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, HeldCallIsAnsweredOnce)
+{
+    const auto held = begin("PlayClip", "options");
+    clip.end();
+    clip.end();
+    EXPECT_EQ(library.count("sd_bus_reply_method_return"), 1);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayAfterAPlayIsHeldInItsTurn)
+{
+    const auto first = begin("PlayClip", "first");
+    clip.end();
+    EXPECT_EQ(first->wait(), "('OK',)");
+    const auto second = begin("PlayClip", "second");
+    EXPECT_FALSE(second->is_answered());
+    clip.end();
+    EXPECT_EQ(second->wait(), "('OK',)");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayThatIsRefusedAnswersThePlayersText)
+{
+    clip.refusal = "Failed to parse/validate option string: 'volume=-1'";
+    EXPECT_EQ(call("PlayClip", "volume=-1"),
+              "com.vesk.Sonobrik.PlayClip: Failed to parse/validate option string: 'volume=-1'");
+    clip.end();
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, StopAnswersTheHeldCallerFirst)
+{
+    const auto held = begin("PlayClip", "options");
+    PendingCall stop(stranger, served.name, "/StopPlayingClip", "com.vesk.Test", "StopPlayingClip",
+                     g_variant_new("(s)", "options"));
+    EXPECT_EQ(stop.wait(), "('OK',)");
+    ASSERT_TRUE(held->is_answered());
+    EXPECT_EQ(held->wait(), "('OK',)");
+    EXPECT_EQ(held->rank() + 1, stop.rank());
+}
+
+TEST_F(PlaybackTest, StopThatFailsAnswersTheHeldCallerToo)
+{
+    clip.stops = false;
+    const auto held = begin("PlayClip", "options");
+    EXPECT_EQ(call("StopPlayingClip", "options"), "com.vesk.Sonobrik.StopPlayingClip: NOK");
+    EXPECT_EQ(held->wait(), "('OK',)");
+}
+
+TEST_F(PlaybackTest, PlayWhileAPlayIsHeldIsOkAtOnce)
+{
+    const auto held = begin("PlayClip", "first");
+    clip.refusal = BUSY;
+    EXPECT_EQ(call("PlayClip", "second"), "('OK',)");
+    expect_log(G_LOG_LEVEL_INFO, "sonobrik_play_clip_synchronous with options: second");
+    EXPECT_FALSE(held->is_answered());
+    clip.end();
+    EXPECT_EQ(held->wait(), "('OK',)");
+    EXPECT_EQ(library.count("sd_bus_reply_method_return"), 1);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayWhileAPlayIsHeldAnswersThePlayersTextIfItsReplyTakesNoResult)
+{
+    const auto held = begin("PlayClip", "first");
+    clip.refusal = BUSY;
+    library.fail("sd_bus_message_append", -ENOMEM);
+    EXPECT_EQ(call("PlayClip", "second"), std::string("com.vesk.Sonobrik.PlayClip: ") + BUSY);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayWhileAStartedClipPlaysAnswersThePlayersText)
+{
+    call("StartPlayingClip", "first");
+    clear_log();
+    clip.refusal = BUSY;
+    EXPECT_EQ(call("PlayClip", "second"), std::string("com.vesk.Sonobrik.PlayClip: ") + BUSY);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayThatIsRefusedAfterTheHeldClipBecameInactiveAnswersThePlayersText)
+{
+    const auto held = begin("PlayClip", "first");
+    clip.active = false; /* nobody was told */
+    clip.refusal = "No supported file(s) found at 'second'.";
+    EXPECT_EQ(call("PlayClip", "second"),
+              "com.vesk.Sonobrik.PlayClip: No supported file(s) found at 'second'.");
+    EXPECT_FALSE(held->is_answered());
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayThatStartsWhileOneIsHeldTakesItsPlace)
+{
+    const auto old = begin("PlayClip", "first");
+    const auto held = begin("PlayClip", "second");
+    expect_log(LOG_LEVEL_ERROR, "No synchronous message should exist at this point.");
+    clip.end();
+    EXPECT_EQ(held->wait(), "('OK',)");
+    settle(stranger, served.name);
+    EXPECT_FALSE(old->is_answered());
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, PlayThatCannotBeHeldIsNotPending)
+{
+    library.fail("sd_bus_message_ref", 0);
+    const auto lost = begin("PlayClip", "options");
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to obtain reference to the sd_bus_message.");
+    EXPECT_FALSE(lost->is_answered());
+    clip.end();
+    settle(stranger, served.name);
+    EXPECT_FALSE(lost->is_answered());
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, EndWithoutTheCallThatIsPendingIsLoggedOnce)
+{
+    const auto old = begin("PlayClip", "first");
+    library.fail("sd_bus_message_ref", 0);
+    const auto lost = begin("PlayClip", "second");
+    expect_log(LOG_LEVEL_ERROR, "No synchronous message should exist at this point.");
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to obtain reference to the sd_bus_message.");
+    clip.end();
+    expect_log(LOG_LEVEL_ERROR, "audioclip_dbus_synchronous_sd_bus_reply was called unexpectedly");
+    clip.end();
+    EXPECT_EQ(library.count("sd_bus_reply_method_return"), 0);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, HeldCallWhoseAnswerCannotBeSentIsGivenUp)
+{
+    const auto held = begin("PlayClip", "options");
+    library.fail("sd_bus_reply_method_return", -ENOBUFS);
+    clip.end();
+    expect_log(G_LOG_LEVEL_WARNING, "Could not send the D-Bus response: No buffer space available");
+    library.mend("sd_bus_reply_method_return");
+    clip.end();
+    settle(stranger, served.name);
+    EXPECT_FALSE(held->is_answered());
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, CallerThatLeftBeforeItsAnswerDoesNoHarm)
+{
+    GDBusConnection *visitor = bus.connect();
+    {
+        const PendingCall left(visitor, served.name, "/PlayClip", "com.vesk.Test", "PlayClip",
+                               g_variant_new("(s)", "options"));
+        settle(visitor, served.name);
+    }
+    g_dbus_connection_close_sync(visitor, nullptr, nullptr);
+    g_object_unref(visitor);
+    clip.end();
+    EXPECT_EQ(library.count("sd_bus_reply_method_return"), 1);
+    settle(stranger, served.name);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, EndWithoutAHeldCallDoesNothing)
+{
+    library.made.clear();
+    audioclip_dbus_notify_request_finished();
+    EXPECT_EQ(library.made, Calls{});
+    expect_no_log();
+}
+
+/* Set-up and teardown. */
+
+TEST_F(PlaybackTest, TeardownDropsTheHeldCall)
+{
+    const auto held = begin("PlayClip", "options");
+    playback_methods_teardown();
+    settle(stranger, served.name);
+    EXPECT_FALSE(held->is_answered());
+    EXPECT_EQ(library.count("sd_bus_reply_method_return"), 0);
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, EndAfterTheTeardownFindsNoCall)
+{
+    const auto held = begin("PlayClip", "options");
+    playback_methods_teardown();
+    clip.end();
+    expect_log(LOG_LEVEL_ERROR, "audioclip_dbus_synchronous_sd_bus_reply was called unexpectedly");
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, SetUpBeginsWithoutAHeldCall)
+{
+    const auto held = begin("PlayClip", "options");
+    playback_methods_teardown();
+    playback_methods_setup();
+    clip.end();
+    expect_no_log();
+}
+
+TEST_F(PlaybackTest, SecondTeardownDoesNothing)
+{
+    const auto held = begin("PlayClip", "options");
+    playback_methods_teardown();
+    playback_methods_teardown();
+    expect_no_log();
+}
