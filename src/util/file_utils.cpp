@@ -9,6 +9,16 @@ namespace
 
 constexpr double KIB_PER_BYTE = 1.0 / 1024;
 
+/*
+ * GLib matches characters of UTF-8: a name that is none would be read and written beyond its end.
+ * Each of its stray bytes counts as one character.
+ */
+bool name_matches(GPatternSpec *pattern, const char *name)
+{
+    g_autofree char *text = g_utf8_make_valid(name, -1);
+    return g_pattern_spec_match_string(pattern, text);
+}
+
 } // namespace
 
 GSList *file_utils_get_files_from_wildcard(const char *path_pattern)
@@ -25,10 +35,11 @@ GSList *file_utils_get_files_from_wildcard(const char *path_pattern)
         return nullptr;
     }
 
-    g_autoptr(GPatternSpec) pattern = g_pattern_spec_new(name_pattern);
+    g_autofree char *pattern_text = g_utf8_make_valid(name_pattern, -1);
+    g_autoptr(GPatternSpec) pattern = g_pattern_spec_new(pattern_text);
     GSList *files = nullptr;
     while (const char *name = g_dir_read_name(dir)) {
-        if (g_pattern_spec_match_string(pattern, name)) {
+        if (name_matches(pattern, name)) {
             files = g_slist_prepend(files, g_strjoin("/", dir_name, name, nullptr));
         }
     }
