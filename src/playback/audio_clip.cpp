@@ -65,16 +65,58 @@ void announce_file(const char *uri, gint32 audio_output, gint32 audio_device_id,
     sonobrik_events_set_file(path, audio_output, audio_device_id, audio_output_id);
 }
 
+struct StateChange {
+    GstElement *pipeline; /* borrowed; kept by the player unless the change succeeds */
+    GAsyncQueue *results; /* a reference; takes the result plus one, since null is no entry */
+};
+
+gpointer set_pipeline_to_null(gpointer data)
+{
+    auto *change = static_cast<StateChange *>(data);
+    const GstStateChangeReturn result = gst_element_set_state(change->pipeline, GST_STATE_NULL);
+    g_async_queue_push(change->results, GINT_TO_POINTER(result + 1));
+    g_async_queue_unref(change->results);
+    g_free(change);
+    return nullptr;
+}
+
+/*
+ * Sets the pipeline to null. The change is asynchronous if it is not through in time. A sink whose
+ * device takes no more samples blocks for ever in it, so it runs on a thread of its own, which is
+ * then left behind.
+ */
+GstStateChangeReturn silence(GstElement *pipeline)
+{
+    g_autoptr(GAsyncQueue) results = g_async_queue_new();
+    auto *change = g_new0(StateChange, 1);
+    *change = {pipeline, g_async_queue_ref(results)};
+    GThread *thread = g_thread_try_new("silence", set_pipeline_to_null, change, nullptr);
+    if (!thread) {
+        set_pipeline_to_null(change);
+    }
+    const gpointer entry =
+        g_async_queue_timeout_pop(results, GST_TIME_AS_USECONDS(STATE_CHANGE_TIMEOUT));
+    if (!entry) {
+        g_thread_unref(thread);
+        return GST_STATE_CHANGE_ASYNC;
+    }
+    if (thread) {
+        g_thread_join(thread);
+    }
+    const auto result = static_cast<GstStateChangeReturn>(GPOINTER_TO_INT(entry) - 1);
+    if (result != GST_STATE_CHANGE_ASYNC) {
+        return result;
+    }
+    return gst_element_get_state(pipeline, nullptr, nullptr, STATE_CHANGE_TIMEOUT);
+}
+
 /* Caller holds the locks, where there is another thread to hold them against. */
 void audio_clip_stop_pipeline(AudioClip *clip, bool exit_on_failure)
 {
     if (clip->pipeline) {
-        GstStateChangeReturn result = gst_element_set_state(clip->pipeline, GST_STATE_NULL);
+        const GstStateChangeReturn result = silence(clip->pipeline);
         if (result == GST_STATE_CHANGE_ASYNC) {
-            result = gst_element_get_state(clip->pipeline, nullptr, nullptr, STATE_CHANGE_TIMEOUT);
-            if (result == GST_STATE_CHANGE_ASYNC) {
-                g_warning("%sIt took too long to set the pipeline to GST_STATE_NULL.", "");
-            }
+            g_warning("%sIt took too long to set the pipeline to GST_STATE_NULL.", "");
         }
         if (result == GST_STATE_CHANGE_SUCCESS || result == GST_STATE_CHANGE_NO_PREROLL) {
             gst_object_unref(g_steal_pointer(&clip->pipeline));
