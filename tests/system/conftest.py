@@ -9,7 +9,7 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
-from sandbox import Sandbox, SandboxError, has_several_users  # noqa: E402 (found by the path above)
+from sandbox import Player, Sandbox, SandboxError, has_several_users  # noqa: E402 (found by the path above)
 
 
 def pytest_addoption(parser):
@@ -58,3 +58,9 @@ def sandbox(tmp_path, build_dir, cache):
 def daemon(sandbox):
     """The running daemon in `sandbox`, with its defaults."""
     return sandbox.start_daemon()
+
+
+@pytest.fixture
+def player(sandbox, daemon):
+    """The running daemon in `sandbox` as a caller and listener sees it."""
+    return Player(sandbox.bus)

@@ -34,6 +34,11 @@ class Clip:
     def frames(self):
         return len(self.samples) // self.channels
 
+    @property
+    def location(self):
+        """The option that names it, for a path without characters that need an escape."""
+        return f"location={self.path}"
+
 
 def noise(frames, channels=1, seed=0):
     """Noise without a zero in it, so that no sample can be taken for silence."""

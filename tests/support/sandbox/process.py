@@ -17,6 +17,9 @@ LOG_LINE = re.compile(r"^sonobrik\[\d+\]: (\w+): (.*)$")
 SANITIZER_REPORT = re.compile(
     r"(ERROR|WARNING): (Address|Leak|Memory|Thread|UndefinedBehavior)Sanitizer|: runtime error: ")
 
+# What GLib and GStreamer say when they are used wrongly: "critical: GStreamer: ...".
+MISUSE = re.compile(r": (critical|fatal): (GLib|GStreamer|Gst)[\w-]*: ")
+
 # The exit status of a program whose sanitizer found something, unlike any of the programs' own.
 SANITIZER_STATUS = 86
 
@@ -71,6 +74,8 @@ class Process:
         reports = [line for line in self.lines if SANITIZER_REPORT.search(line)]
         if reports or self.popen.returncode == SANITIZER_STATUS:
             raise AssertionError("a sanitizer reports:\n" + "\n".join(self.lines))
+        if any(MISUSE.search(line) for line in self.lines):
+            raise AssertionError("a library was misused:\n" + "\n".join(self.lines))
         return self.popen.returncode
 
     def __str__(self):
@@ -94,6 +99,15 @@ class Daemon(Process):
         """Waits for a line of this level and exactly this text."""
         wanted = LogLine(level, text)
         wait_until(lambda: wanted in self.log, deadline, f"{wanted} is logged")
+
+    @property
+    def texts(self):
+        """The lines so far as "level: text"."""
+        return [f"{line.level}: {line.text}" for line in self.log]
+
+    def count(self, level, text):
+        """How many lines there are of this level and exactly this text."""
+        return self.log.count(LogLine(level, text))
 
     def stop(self, number=signal.SIGTERM, deadline=20):
         """Asks the daemon to end, and returns its exit status."""
