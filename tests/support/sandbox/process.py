@@ -4,6 +4,7 @@ import dataclasses
 import json
 import os
 import re
+import select
 import signal
 import socket
 import subprocess
@@ -34,26 +35,49 @@ class Process:
     """A program that runs, and the lines that it writes to its standard error."""
 
     def __init__(self, command, env):
-        self.lines = []
+        self._text = b""
+        self._lock = threading.Lock()  # guards `_text` and the reading of more
         self.expected = False  # the test knows that it has ended, or ends it
         reader, writer = os.pipe()
         try:
             self.popen = subprocess.Popen(
                 [*command[:1], "--info-fd", str(writer), *command[1:]], env=env, pass_fds=[writer],
-                stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, errors="replace",
-                start_new_session=True)
+                stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
         finally:
             os.close(writer)
         # bubblewrap forks; this is the pid of the program itself. Empty: it could not even start.
         with os.fdopen(reader) as info:
             text = info.read()
         self.pid = json.loads(text)["child-pid"] if text else 0
+        os.set_blocking(self.popen.stderr.fileno(), False)
+        # So that the program never waits for somebody to read.
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
     def _read(self):
-        for line in self.popen.stderr:
-            self.lines.append(line.rstrip("\n"))
+        while self._drain():
+            select.select([self.popen.stderr], [], [])
+
+    def _drain(self):
+        """Reads what has been written; false at the end."""
+        with self._lock:
+            while True:
+                try:
+                    part = os.read(self.popen.stderr.fileno(), 65536)
+                except BlockingIOError:
+                    return True
+                if not part:
+                    return False
+                self._text += part
+
+    @property
+    def lines(self):
+        """All lines that the program has written until now."""
+        if self._reader.is_alive():
+            self._drain()
+        with self._lock:
+            text = self._text.decode(errors="replace")
+        return text.removesuffix("\n").split("\n") if text else []
 
     @property
     def is_running(self):
@@ -88,7 +112,7 @@ class Daemon(Process):
     @property
     def log(self):
         """All lines so far, as LogLine."""
-        return [self._parse(line) for line in list(self.lines)]
+        return [self._parse(line) for line in self.lines]
 
     @staticmethod
     def _parse(line):

@@ -1,0 +1,313 @@
+"""One clip after the other: what callers are told, and what reaches the sound card."""
+
+import os
+import time
+import urllib.parse
+
+import pytest
+from sandbox import BusError, clips, wait_until
+
+BUSY = "A clip is already playing."
+
+START = "sonobrik_play_clip_asynchronous with options: "
+PLAY = "sonobrik_play_clip_synchronous with options: "
+STOP = "sonobrik_stop_clip with options: "
+
+
+def heard(sandbox, samples):
+    return any(take.find(samples) >= 0 for take in sandbox.card(0).takes)
+
+
+def wait_heard(sandbox, samples):
+    wait_until(lambda: heard(sandbox, samples), 20, "the clip was heard")
+
+
+def wait_sounding(sandbox, opened=1):
+    """Waits until the card plays for the given time."""
+    card = sandbox.card(0)
+    wait_until(lambda: card.count("start") == opened, what="the card plays")
+
+
+@pytest.fixture
+def short(sandbox):
+    """50 ms."""
+    return sandbox.write_clip("short.wav", clips.noise(2400, seed=1))
+
+
+@pytest.fixture
+def long(sandbox):
+    """10 s."""
+    return sandbox.write_clip("long.wav", clips.noise(480000, seed=2))
+
+
+# Replies
+
+
+def test_play_clip_is_answered_when_the_clip_has_ended(sandbox, daemon, player, short):
+    reply = player.send("PlayClip", short.location)
+    assert reply.wait(20) == ("OK",)
+    assert not sandbox.card(0).is_open
+    start, = [event for event in sandbox.card(0).events if event.name == "start"]
+    # Its own length, and 300 ms in which the output plays out what it holds.
+    assert reply.time - start.time >= (0.05 + 0.3) * 1e9
+    assert heard(sandbox, short.samples)
+    assert daemon.stop() == 0
+    assert daemon.texts == ["info: Vesk audiosink not supported"]
+
+
+def test_start_playing_clip_is_answered_at_once(sandbox, daemon, player, long):
+    assert player.call("StartPlayingClip", long.location) == "OK"
+    assert not heard(sandbox, long.samples)
+    wait_sounding(sandbox)
+    assert player.call("StopPlayingClip", "whatever") == "OK"
+    assert not sandbox.card(0).is_open
+    assert daemon.stop() == 0
+    assert daemon.texts == ["info: Vesk audiosink not supported",
+                            f"info: {START}{long.location}", f"info: {STOP}whatever"]
+
+
+def test_a_stop_answers_the_held_caller_first(sandbox, player, long):
+    held = player.send("PlayClip", long.location)
+    wait_sounding(sandbox)
+    stop = player.send("StopPlayingClip")
+    assert (held.wait(), stop.wait()) == (("OK",), ("OK",))
+    assert held.arrival < stop.arrival
+    assert not heard(sandbox, long.samples)
+
+
+def test_a_second_play_clip_is_answered_at_once_and_plays_nothing(sandbox, daemon, player, short,
+                                                                  long):
+    held = player.send("PlayClip", long.location)
+    wait_sounding(sandbox)
+    for _ in range(2):
+        assert player.call("PlayClip", short.location) == "OK"
+    assert not held.done
+    assert daemon.count("info", f"{PLAY}{short.location}") == 2
+    assert player.call("StopPlayingClip") == "OK"
+    assert held.wait() == ("OK",)
+    assert sandbox.card(0).count("open") == 1
+    assert not heard(sandbox, short.samples)
+    assert daemon.count("info", f"{PLAY}{long.location}") == 0
+
+
+def test_a_second_play_clip_is_told_ok_whatever_it_asks_for(sandbox, player, long):
+    player.send("PlayClip", long.location)
+    wait_sounding(sandbox)
+    assert player.call("PlayClip", "nonsense") == "OK"
+    assert player.call("PlayClip", "") == "OK"
+
+
+@pytest.mark.parametrize("method", ["PlayClip", "StartPlayingClip"])
+def test_nothing_is_played_beside_a_clip_that_nobody_waits_for(sandbox, daemon, player, short,
+                                                              long, method):
+    assert player.call("StartPlayingClip", long.location) == "OK"
+    assert player.fail(method, short.location) == BUSY
+    assert player.fail(method, "nonsense") == BUSY
+    wait_sounding(sandbox)
+    assert player.call("StopPlayingClip") == "OK"
+    assert sandbox.card(0).count("open") == 1
+    assert daemon.count("info", f"{START}{short.location}") == 0
+
+
+def test_start_playing_clip_is_refused_while_a_caller_is_held(sandbox, player, short, long):
+    held = player.send("PlayClip", long.location)
+    assert player.fail("StartPlayingClip", short.location) == BUSY
+    assert not held.done
+
+
+def test_a_caller_who_was_answered_leaves_nothing_behind(sandbox, player, short, long):
+    assert player.call("PlayClip", short.location) == "OK"
+    assert player.call("StartPlayingClip", long.location) == "OK"
+    assert player.fail("PlayClip", short.location) == BUSY
+
+
+def test_a_stop_while_nothing_plays_is_fine(sandbox, daemon, player):
+    for options in ("", "a=b", "ä\n"):
+        assert player.call("StopPlayingClip", options) == "OK"
+    player.fence()
+    assert player.events == []
+    assert daemon.texts[1:] == [f"info: {STOP}{options}" for options in ("", "a=b", "ä\\x0a")]
+
+
+def test_a_clip_plays_on_when_its_caller_gives_up(sandbox, daemon, player):
+    clip = sandbox.write_clip("a.wav", clips.noise(24000))
+    caller = sandbox.connect()
+    caller.send("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik", "PlayClip", "(s)",
+                clip.location)
+    wait_sounding(sandbox)
+    caller.close()
+    wait_until(lambda: len(player.events) == 3, 20, "it has ended")
+    assert heard(sandbox, clip.samples)
+    assert player.call("PlayClip", clip.location) == "OK"
+    assert daemon.stop() == 0
+    assert daemon.texts == ["info: Vesk audiosink not supported"]
+
+
+# The 300 ms between the end of a clip and its answer
+
+
+def test_the_end_of_a_stopped_clip_does_not_end_the_next(sandbox, player, short):
+    following = sandbox.write_clip("next.wav", clips.noise(28800, seed=3))  # 600 ms
+    held = player.send("PlayClip", short.location)
+    wait_heard(sandbox, short.samples)
+    # Well within the 300 ms, if the machine is quick enough.
+    stream_end = time.monotonic() + 0.1
+    wait_until(lambda: time.monotonic() >= stream_end)
+    stop = player.send("StopPlayingClip")
+    start = player.send("PlayClip", following.location)
+    assert [reply.wait() for reply in (held, stop, start)] == [("OK",)] * 3
+    assert heard(sandbox, following.samples)
+
+
+def test_a_clip_that_has_ended_plays_until_it_is_answered(sandbox, player, short):
+    held = player.send("PlayClip", short.location)
+    wait_heard(sandbox, short.samples)
+    second = player.send("PlayClip", short.location)
+    assert (held.wait(), second.wait()) == (("OK",), ("OK",))
+    # Either it came in time to be told of the clip that plays, or it was played in full itself.
+    assert (second.arrival < held.arrival) == (sandbox.card(0).count("open") == 1)
+
+
+# Errors
+
+
+@pytest.mark.parametrize("options, line", [
+    ("", "warning: Failed to acquire option hash."),
+    ("location=/a.wav&location=/a.wav", "warning: Failed to acquire option hash."),
+    ("volume=1&%76olume=1&location=/a.wav", "warning: Failed to acquire option hash."),
+    ("&&", "error: Missing location."),
+    ("location=", "error: Missing location."),
+    ("location", "error: Missing location."),
+    ("Location=/a.wav", "error: Missing location."),
+    ("location=/a.wav&volume=1001", "info: Invalid volume parameter '1001'."),
+    ("location=/a.wav&volume=-1", "info: Invalid volume parameter '-1'."),
+    ("location=/a.wav&volume=4294967396", "info: Invalid volume parameter '4294967396'."),
+    ("location=/a.wav&volume=ten", "info: Invalid volume parameter 'ten'."),
+    ("location=/a.wav&volume=50%25", "info: Invalid volume parameter '50%'."),
+    ("location=/a.wav&repeat=-2", "info: Invalid repeat parameter '-2'."),
+    ("location=/a.wav&repeat=1.5", "info: Invalid repeat parameter '1.5'."),
+    ("location=/a.wav&repeat=99999999999999999999",
+     "info: Invalid repeat parameter '99999999999999999999'."),
+])
+def test_options_that_cannot_be_used_are_named(daemon, player, options, line):
+    for method in ("PlayClip", "StartPlayingClip"):
+        assert player.fail(method, options) == (
+            f"Failed to parse/validate option string: '{options}'")
+    assert daemon.texts[1:] == [line] * 2
+
+
+@pytest.mark.parametrize("location, path", [
+    ("/etc/audioclips/missing.wav", "/etc/audioclips/missing.wav"),
+    ("/etc/audioclips/none-*.wav", "/etc/audioclips/none-*.wav"),
+    ("%2Fetc%2fa+b%2Bc", "/etc/a b+c"),
+    ("/etc/100%", "/etc/100%"),
+    ("/etc/caf%E9", "/etc/café"),
+    ("/etc/%EF%BF%BE%EF%B7%90", "/etc/\ufffd\ufffd"),  # what the bus would not carry
+])
+def test_a_location_without_clips_is_named_as_it_was_understood(player, location, path):
+    for method in ("PlayClip", "StartPlayingClip"):
+        assert player.fail(method, f"location={location}") == (
+            f"No supported file(s) found at '{path}'.")
+
+
+def test_a_missing_folder_is_logged(daemon, player):
+    player.fail("PlayClip", "location=/etc/none/*.wav")
+    assert daemon.texts[1:] == ["info: The specified directory of '/etc/none/*.wav' does not exist"]
+
+
+@pytest.mark.parametrize("length", [255, 256, 300, 100000])
+def test_an_error_text_has_255_bytes_at_most(daemon, player, length):
+    before, after = "No supported file(s) found at '", "'."
+    name = "/" + "x" * (length - len(before) - len(after) - 1)
+    text = f"{before}{name}{after}"
+    assert player.fail("PlayClip", f"location={name}") == text[:255]
+    line = f"sonobrik_dbus_method_error_msg the error message '{text}' has been truncated."
+    if length == 100000:  # a log takes no such line as a whole
+        assert any(entry.level == "warning" and line.startswith(entry.text.removesuffix(" [cut]"))
+                   for entry in daemon.log)
+    else:
+        assert daemon.count("warning", line) == (length > 255)
+
+
+@pytest.mark.parametrize("character", ["é", "€", "😀"])
+@pytest.mark.parametrize("offset", range(4))
+def test_an_error_text_is_cut_between_characters(player, character, offset):
+    name = "/" + "x" * offset + character * 100
+    text = f"No supported file(s) found at '{name}'."
+    expected = text.encode()[:255].decode(errors="ignore")
+    assert player.fail("PlayClip", f"location={name}") == expected
+
+
+# Samples
+
+
+@pytest.mark.parametrize("volume, gain", [("", 1), ("&volume=", 1), ("&volume=100", 1),
+                                          ("&volume=50", 0.5), ("&volume=1000", 10)])
+def test_each_sample_reaches_the_card_at_the_volume_asked_for(sandbox, player, short, volume, gain):
+    assert player.call("PlayClip", short.location + volume) == "OK"
+    take, = sandbox.card(0).takes
+    at = next(i for i, sample in enumerate(take.samples) if sample)
+    expected = [max(-32768, min(32767, sample * gain)) for sample in short.samples]
+    played = take.samples[at:at + short.frames]
+    assert max(abs(a - b) for a, b in zip(played, expected, strict=True)) <= (gain != 1)
+    assert not any(take.samples[:at])
+    assert not any(take.samples[at + short.frames:])
+
+
+def test_volume_0_is_silence(sandbox, player, short):
+    assert player.call("PlayClip", f"{short.location}&volume=0") == "OK"
+    take, = sandbox.card(0).takes
+    assert take.frames >= short.frames
+    assert not any(take.samples)
+
+
+@pytest.mark.parametrize("name", [
+    "a b.wav", "a+b&c=d.wav", "50%.wav", "%41.wav", "[a]*?.wav", "Übung ♪.wav", "#?x;.wav",
+    "'\"\\.wav", "line\nfeed.wav"])
+def test_a_clip_of_any_name_is_played_by_its_escaped_name(sandbox, player, name):
+    clip = sandbox.write_clip(name, clips.noise(480))
+    # Would be taken by the wildcards in the third of the names above.
+    sandbox.write_clip("[a]xx.wav", clips.noise(480, seed=1))
+    assert player.call("PlayClip", f"location={urllib.parse.quote(clip.path)}") == "OK"
+    assert heard(sandbox, clip.samples)
+    assert player.events[1] == ("CurrentlyPlaying", 1, 0, 0, clip.path)
+
+
+def test_an_escape_in_another_encoding_is_understood(sandbox, player):
+    clip = sandbox.write_clip("café.wav", clips.noise(480))
+    assert player.call("PlayClip", "location=/etc/audioclips/caf%E9.wav") == "OK"
+    assert heard(sandbox, clip.samples)
+
+
+@pytest.mark.parametrize("name", [b"n\xe9.wav", b"n.wa\xe9", b"n\xff\xfe"])
+def test_a_clip_whose_name_is_no_text_is_played_by_wildcards(sandbox, player, name):
+    clip = sandbox.write_clip("n.wav", clips.noise(480))
+    os.rename(clip.file, os.path.join(os.fsencode(clip.file.parent), name))
+    assert player.call("PlayClip", "location=/etc/audioclips/n*") == "OK"
+    assert heard(sandbox, clip.samples)
+    shown = "/etc/audioclips/" + name.decode(errors="replace")
+    assert player.events[1] == ("CurrentlyPlaying", 1, 0, 0, shown)
+
+
+@pytest.mark.parametrize("name", [b"n.wa\xe9", b"\xfc", b"\xe9\xe9\xe9"])
+def test_a_name_that_is_no_text_does_no_harm(sandbox, player, name):
+    open(os.path.join(os.fsencode(sandbox.etc / "audioclips"), name), "w").close()
+    for pattern in ("n*.wav", "?*xyz", "*é", "??*"):
+        player.fail("PlayClip", f"location=/etc/audioclips/{pattern}")
+
+
+def test_wildcards_leave_out_what_cannot_be_played(sandbox, daemon, player, short):
+    sandbox.write_file("set-0.wav", b"no sound\n")
+    sandbox.write_clip("set-1.wav", short.samples)
+    sandbox.write_clip("other.wav", clips.noise(480))
+    os.mkfifo(sandbox.etc / "audioclips/set-2.wav")
+    (sandbox.etc / "audioclips/set-3.wav").mkdir()
+    assert player.call("PlayClip", "location=/etc/audioclips/set-?.*") == "OK"
+    assert heard(sandbox, short.samples)
+    assert daemon.texts[1:] == ["info: Discoverer error: 'Could not determine type of stream.'."]
+
+
+def test_unknown_options_are_ignored(sandbox, player, short):
+    options = f"x=y&{short.location}&&=&%FF=1&Volume=0&bare"
+    assert player.call("PlayClip", options) == "OK"
+    assert heard(sandbox, short.samples)
