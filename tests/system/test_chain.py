@@ -1,0 +1,157 @@
+"""Chains of clips: what "repeat" plays, without a gap."""
+
+import itertools
+
+import pytest
+from sandbox import clips, wait_until
+
+
+def files_of(player):
+    return [event[-1] for event in player.events if event[0] == "CurrentlyPlaying"]
+
+
+def find_chain(card, count, samples):
+    """Frames at which `samples` were played, one after the other; `count` of them are there."""
+    take, = card.takes
+    found = []
+    while (at := take.find(samples, found[-1] + 1 if found else 0)) >= 0:
+        found.append(at)
+    assert len(found) == count
+    return found
+
+
+@pytest.fixture
+def three(sandbox):
+    """Three clips of 300 ms, by their path."""
+    written = [sandbox.write_clip(f"set-{i}.wav", clips.noise(14400, seed=i)) for i in range(3)]
+    return {clip.path: clip for clip in written}
+
+
+@pytest.mark.parametrize("repeat", [1, 2, 5])
+def test_a_repeated_clip_reaches_the_card_without_a_gap(sandbox, player, repeat):
+    clip = sandbox.write_clip("a.wav", clips.noise(9600))
+    assert player.call("PlayClip", f"{clip.location}&repeat={repeat}") == "OK"
+    found = find_chain(sandbox.card(0), repeat + 1, clip.samples)
+    assert found == [found[0] + i * clip.frames for i in range(repeat + 1)]
+    assert sandbox.card(0).count("underrun") == 0
+    assert files_of(player) == [clip.path] * (repeat + 1)
+
+
+def test_a_repeated_clip_keeps_its_volume(sandbox, player):
+    clip = sandbox.write_clip("a.wav", [2 * (i % 5000 + 1) for i in range(9600)])
+    assert player.call("PlayClip", f"{clip.location}&repeat=1&volume=50") == "OK"
+    half = clips.noise(0)
+    half.extend(sample // 2 for sample in clip.samples)
+    found = find_chain(sandbox.card(0), 2, half)
+    assert found[1] == found[0] + clip.frames
+
+
+@pytest.mark.parametrize("repeat", ["", "&repeat=", "&repeat=0"])
+def test_a_clip_is_played_once_without_repeat(sandbox, player, repeat):
+    clip = sandbox.write_clip("a.wav", clips.noise(2400))
+    assert player.call("PlayClip", clip.location + repeat) == "OK"
+    find_chain(sandbox.card(0), 1, clip.samples)
+    player.fence()
+    assert files_of(player) == [clip.path]
+
+
+def test_a_chain_of_three_files_plays_no_file_twice_in_a_row(sandbox, player, three):
+    for _ in range(3):
+        before = len(player.events)
+        assert player.call("PlayClip", "location=/etc/audioclips/set-*.wav&repeat=2") == "OK"
+        player.fence()
+        played = files_of(player)[-3:]
+        assert [event[0] for event in player.events[before:]] == [
+            "Playing", *["CurrentlyPlaying"] * 3, "Playing"]
+        assert all(first != second for first, second in itertools.pairwise(played))
+        # The card has them in the order in which the events named them, and without a gap.
+        take, = sandbox.card(0).takes
+        chain = clips.noise(0)
+        for path in played:
+            chain.extend(three[path].samples)
+        assert take.find(chain) >= 0
+
+
+def test_an_escaped_name_is_chained_too(sandbox, player):
+    clip = sandbox.write_clip("a b.wav", clips.noise(9600))
+    assert player.call("PlayClip", "location=/etc/audioclips/a+b.wav&repeat=1") == "OK"
+    find_chain(sandbox.card(0), 2, clip.samples)
+    assert files_of(player) == [clip.path] * 2
+
+
+def test_an_endless_chain_plays_until_it_is_stopped(sandbox, player, three):
+    reply = player.send("PlayClip", "location=/etc/audioclips/set-*.wav&repeat=-1")
+    wait_until(lambda: len(files_of(player)) >= 6, 30, "six clips have begun")
+    assert not reply.done
+    assert player.call("StopPlayingClip") == "OK"
+    assert reply.wait() == ("OK",)
+    played = files_of(player)
+    assert all(first != second for first, second in itertools.pairwise(played))
+    assert player.call("PlayClip", next(iter(three.values())).location) == "OK"
+    assert files_of(player)[len(played):] == [next(iter(three))]
+
+
+def test_a_chain_that_runs_counts_down_while_a_start_is_refused(sandbox, player, three):
+    reply = player.send("PlayClip", "location=/etc/audioclips/set-0.wav&repeat=2")
+    wait_until(lambda: sandbox.card(0).count("start") == 1, what="the card plays")
+    assert player.fail("StartPlayingClip", "location=/etc/audioclips/set-1.wav&repeat=-1") == (
+        "A clip is already playing.")
+    assert reply.wait() == ("OK",)
+    assert files_of(player) == ["/etc/audioclips/set-0.wav"] * 3
+
+
+def test_clips_of_several_formats_are_chained(sandbox, player):
+    written = [sandbox.write_clip("set-1.wav", clips.noise(44100, channels=2), 44100, 2),
+               sandbox.write_clip("set-2.wav", clips.noise(48000), 48000, 1)]
+    assert player.call("PlayClip", "location=/etc/audioclips/set-*.wav&repeat=1") == "OK"
+    first, second = sorted(written, key=lambda clip: files_of(player).index(clip.path))
+    # The card is set up anew between them, and drops what it holds then: up to 200 ms.
+    takes = sandbox.card(0).takes
+    assert [take.rate for take in takes] == [first.rate, second.rate]
+    assert takes[0].find(first.samples[:len(first.samples) // 2]) >= 0
+    assert takes[1].find(second.samples) >= 0
+
+
+def test_a_chain_ends_with_its_error_when_the_next_file_has_gone(sandbox, daemon, player):
+    clip = sandbox.write_clip("a.wav", clips.noise(48000))
+    reply = player.send("PlayClip", f"{clip.location}&repeat=-1")
+    wait_until(lambda: sandbox.card(0).count("start") == 1, what="the card plays")
+    clip.file.unlink()
+    assert reply.wait(20) == ("OK",)
+    wait_until(lambda: ("Playing", 1, 0, 0, False) in player.events, what="it has ended")
+    other = sandbox.write_clip("b.wav", clips.noise(2400, seed=1))
+    assert player.call("PlayClip", other.location) == "OK"
+    assert daemon.stop() == 0
+    assert daemon.texts[1:] == ["error: Error received from element 'source': Resource not found."]
+
+
+# Stops at any moment
+
+
+@pytest.mark.parametrize("milliseconds", [1, 10, 50])
+def test_chains_are_stopped_at_any_moment(sandbox, daemon, player, milliseconds):
+    sandbox.write_clip("set-0.wav", clips.noise(48 * milliseconds))
+    sandbox.write_clip("set-1.wav", clips.noise(48 * milliseconds))
+    for number in range(30):
+        start = player.send("StartPlayingClip", "location=/etc/audioclips/set-*.wav&repeat=-1")
+        if number % 3:
+            start.wait()
+        if number % 3 == 2:
+            opened = number // 3 + 1
+            wait_until(lambda: len(files_of(player)) >= 2 * opened, what="it is chained")
+        assert player.call("StopPlayingClip") == "OK"
+        assert start.wait() == ("OK",)
+    player.fence()
+    states = [event[-1] for event in player.events if event[0] == "Playing"]
+    assert states == [True, False] * 30
+    assert daemon.stop() == 0
+    assert {text.split(":")[0] for text in daemon.texts} == {"info"}
+
+
+def test_held_chains_are_stopped_at_any_moment(sandbox, player):
+    clip = sandbox.write_clip("a.wav", clips.noise(480))
+    for _ in range(30):
+        held = player.send("PlayClip", f"{clip.location}&repeat=-1")
+        stop = player.send("StopPlayingClip")
+        assert (held.wait(), stop.wait()) == (("OK",), ("OK",))
+        assert held.arrival < stop.arrival
