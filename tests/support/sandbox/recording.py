@@ -89,7 +89,9 @@ class Recording:
 
     @property
     def takes(self):
-        return [Take(path) for path in sorted(self.folder.glob("[0-9]*.wav"))]
+        # What has no header yet is being begun.
+        return [Take(path) for path in sorted(self.folder.glob("[0-9]*.wav"))
+                if path.stat().st_size >= HEADER.size]
 
     @property
     def frames(self):
