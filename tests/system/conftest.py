@@ -51,7 +51,8 @@ def sandbox(tmp_path, build_dir, cache):
         box.start_bus()
         yield box
         if box.daemon:
-            print("The daemon's log:", *box.daemon.lines, sep="\n")
+            print("The end of the daemon's log:",
+                  *(line[:500] for line in box.daemon.lines[-100:]), sep="\n")
 
 
 @pytest.fixture

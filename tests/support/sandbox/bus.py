@@ -88,13 +88,24 @@ class Bus:
 
         `signature` is that of the arguments with parentheses around it, as GLib has it.
         """
-        message = Gio.DBusMessage.new_method_call(destination, path, interface, member)
-        message.set_body(GLib.Variant(signature, args))
+        message = self._new_call(destination, path, interface, member, signature, args)
         reply = Reply()
         limit = GLib.MAXINT if timeout < 0 else round(timeout * 1000)
         self.connection.send_message_with_reply(
             message, Gio.DBusSendMessageFlags.NONE, limit, None, reply._deliver)
         return reply
+
+    def post(self, destination, path, interface, member, signature="()", *args):
+        """Sends a call that wants no answer."""
+        message = self._new_call(destination, path, interface, member, signature, args)
+        message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+        self.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+
+    @staticmethod
+    def _new_call(destination, path, interface, member, signature, args):
+        message = Gio.DBusMessage.new_method_call(destination, path, interface, member)
+        message.set_body(GLib.Variant(signature, args))
+        return message
 
     def call(self, destination, path, interface, member, signature="()", *args, timeout=10):
         """Calls, waits, and returns the tuple of values, or raises BusError."""

@@ -27,6 +27,10 @@ class Player:
         """Sends a call of a method that takes a text, and returns its Reply."""
         return self.bus.send(NAME, PATH, NAME, method, "(s)", text, timeout=timeout)
 
+    def post(self, method, text=""):
+        """Calls a method that takes a text, and wants no answer."""
+        self.bus.post(NAME, PATH, NAME, method, "(s)", text)
+
     def call(self, method, text="", timeout=20):
         """Calls a method that takes and returns a text, and returns that."""
         reply = self.send(method, text, timeout)

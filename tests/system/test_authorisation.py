@@ -1,0 +1,250 @@
+"""Who may call the daemon: the policy file, by the real bus's word on who calls."""
+
+import pytest
+from sandbox import BusError, Player, clips, wait_until
+
+NAME = "com.vesk.Sonobrik"
+PATH = "/com/vesk/Sonobrik"
+DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+POLICY = "/etc/vesk/access.conf"
+
+NOBODY = 65534
+DAEMON = 1
+AUDIO = 29
+METHODS = ("StartPlayingClip", "PlayClip", "StopPlayingClip", "SupportedFile")
+
+
+def assert_refused(player, method, text=""):
+    with pytest.raises(BusError) as error:
+        player.call(method, text)
+    assert error.value.name == DENIED
+
+
+def refused_by(group, uid=0, method="StopPlayingClip"):
+    return (f"info: Failed to authorize: uid {uid} may not perform {NAME}.{method}: [{group}] of "
+            f"{POLICY} lists neither it nor a group of it")
+
+
+@pytest.fixture
+def serve(sandbox):
+    """Starts the daemon with a policy, and returns it as its callers see it."""
+    def start(policy, **options):
+        sandbox.set_access(policy)
+        sandbox.start_daemon(**options)
+        return Player(sandbox.bus)
+    return start
+
+
+def call_as(sandbox, uid, groups=(), method="StopPlayingClip", text=""):
+    """Calls a method as another user, and returns what dbus-send says."""
+    result = sandbox.run(["dbus-send", "--system", "--print-reply=literal", f"--dest={NAME}", PATH,
+                          f"{NAME}.{method}", f"string:{text}"], uid=uid, groups=groups,
+                         check=False)
+    return (result.stdout + result.stderr).strip()
+
+
+# A caller who is refused
+
+
+@pytest.mark.parametrize("method", METHODS)
+def test_a_refused_call_is_denied_and_not_run(sandbox, serve, method):
+    clip = sandbox.write_clip("a.wav", clips.noise(4800))
+    player = serve({NAME: {"users": "nobody"}})
+    assert_refused(player, method, clip.location)
+    assert_refused(player, method, clip.path)
+    assert sandbox.daemon.texts[1:] == [refused_by(NAME, method=method)] * 2
+    player.fence()
+    assert player.events == []
+    assert not sandbox.card(0).events
+
+
+def test_a_refused_stop_stops_nothing(sandbox, serve):
+    clip = sandbox.write_clip("a.wav", clips.noise(24000))
+    player = serve({NAME: {"users": "root"}, f"{NAME}.StopPlayingClip": {"users": "nobody"}})
+    held = player.send("PlayClip", clip.location)
+    wait_until(lambda: sandbox.card(0).frames > 0, what="it sounds")
+    assert_refused(player, "StopPlayingClip")
+    assert held.wait() == ("OK",)
+    assert sandbox.card(0).takes[0].find(clip.samples) >= 0
+
+
+@pytest.mark.parametrize("signature, values", [("(i)", (1,)), ("()", ())])
+def test_a_refused_caller_does_not_learn_what_a_method_takes(sandbox, serve, signature, values):
+    serve({NAME: {"users": "nobody"}})
+    for member in (*METHODS, "Unknown"):
+        with pytest.raises(BusError) as error:
+            sandbox.bus.call(NAME, PATH, NAME, member, signature, *values)
+        assert error.value.name == DENIED
+
+
+def test_a_call_that_names_no_interface_runs_nothing(sandbox, serve):
+    player = serve({NAME: {"users": "nobody"}})
+    with pytest.raises(BusError) as error:
+        player.bus.call(NAME, PATH, None, "StopPlayingClip", "(s)", "")
+    assert error.value.name == "org.freedesktop.DBus.Error.UnknownMethod"
+    assert sandbox.daemon.texts[1:] == []
+
+
+def test_the_standard_interfaces_are_open(sandbox, serve):
+    serve({NAME: {"users": "nobody"}})
+    assert "PlayClip" in sandbox.bus.introspect(NAME, PATH)
+    sandbox.bus.call(NAME, PATH, "org.freedesktop.DBus.Peer", "Ping")
+    assert sandbox.bus.call(NAME, PATH, "org.freedesktop.DBus.Properties", "GetAll", "(s)",
+                            NAME) == ({},)
+    assert sandbox.daemon.texts[1:] == []
+
+
+# The policy file
+
+
+@pytest.mark.parametrize("policy", [
+    {NAME: {"users": "*"}},
+    {NAME: {"users": "root"}},
+    {NAME: {"users": "0"}},
+    {NAME: {"users": " nobody ; root ;"}},
+    {NAME: {"groups": "root"}},
+    {NAME: {"groups": "audio;0"}},
+    {"com.vesk": {"users": "root"}},
+    {"com": {"users": "root"}},
+    {"com.vesk": {"users": "nobody"}, NAME: {"users": "root"}},
+    {NAME: {"users": "nobody"}, f"{NAME}.StopPlayingClip": {"users": "root"}},
+    None,
+])
+def test_a_listed_caller_is_served(serve, policy):
+    assert serve(policy).call("StopPlayingClip") == "OK"
+
+
+@pytest.mark.parametrize("policy, group", [
+    ({NAME: {"users": "nobody"}}, NAME),
+    ({NAME: {}}, NAME),
+    ({NAME: {"users": ""}}, NAME),
+    ({NAME: {"groups": "audio"}}, NAME),
+    ({NAME: {"users": "00x0"}}, NAME),
+    ({"com.vesk": {"users": "root"}, NAME: {"users": "nobody"}}, NAME),
+    ({NAME: {"users": "root"}, f"{NAME}.StopPlayingClip": {"users": "nobody"}},
+     f"{NAME}.StopPlayingClip"),
+    ({"com": {"users": "daemon"}}, "com"),
+])
+def test_a_caller_who_is_not_listed_is_refused(sandbox, serve, policy, group):
+    assert_refused(serve(policy), "StopPlayingClip")
+    assert sandbox.daemon.texts[-1] == refused_by(group)
+
+
+@pytest.mark.parametrize("policy", ["", {"com.vesk.Sono": {"users": "*"}},
+                                    {f"{NAME}.PlayClip": {"users": "*"}},
+                                    {"com.vesk.sonobrik": {"users": "*"}}])
+def test_without_a_group_for_it_a_call_is_refused(sandbox, serve, policy):
+    assert_refused(serve(policy), "StopPlayingClip")
+    assert sandbox.daemon.texts[1:] == [
+        f"info: Failed to authorize: uid 0 may not perform {NAME}.StopPlayingClip: no group of "
+        f"{POLICY} covers it"]
+
+
+def test_an_unknown_name_is_skipped_and_told_once(sandbox, serve):
+    player = serve({NAME: {"users": "alibi;root", "groups": "noband"}})
+    for _ in range(3):
+        assert player.call("StopPlayingClip") == "OK"
+    assert [text for text in sandbox.daemon.texts if text.startswith("warning")] == [
+        f"warning: {POLICY}: 'alibi' in users of [{NAME}] is not known here and is skipped"]
+
+
+def test_without_a_file_root_alone_is_served_and_the_log_says_so(sandbox, serve):
+    assert serve(None).call("StopPlayingClip") == "OK"
+    assert sandbox.daemon.texts[1] == (
+        f"info: Only uid 0 is allowed anything: there is no {POLICY}")
+
+
+# Edits while it runs
+
+
+def test_an_edit_counts_from_the_next_call_on(sandbox, serve):
+    player = serve({NAME: {"users": "root"}})
+    for _ in range(20):
+        assert player.call("StopPlayingClip") == "OK"
+        sandbox.set_access({NAME: {"users": "nobody"}})
+        assert_refused(player, "StopPlayingClip")
+        sandbox.set_access({NAME: {"users": "root"}})
+
+
+def test_an_edit_in_place_counts_too(sandbox, serve):
+    player = serve({NAME: {"users": "root"}})
+    file = sandbox.etc / "vesk/access.conf"
+    for _ in range(20):
+        # The same length and, as likely as not, the same time stamps.
+        file.write_text(f"[{NAME}]\nusers=sync\n")
+        assert_refused(player, "StopPlayingClip")
+        file.write_text(f"[{NAME}]\nusers=root\n")
+        assert player.call("StopPlayingClip") == "OK"
+
+
+def test_a_broken_edit_leaves_root_alone_and_is_told_once(sandbox, serve):
+    player = serve({NAME: {"users": "nobody"}})
+    assert_refused(player, "StopPlayingClip")
+    sandbox.set_access("nonsense\n")
+    for _ in range(3):
+        assert player.call("StopPlayingClip") == "OK"
+    told = ("warning: Only uid 0 is allowed anything until this is mended: /etc/vesk/access.conf: "
+            "Key file contains line “nonsense” which is not a key-value pair, group, or comment")
+    assert sandbox.daemon.texts.count(told) == 1
+    sandbox.set_access({NAME: {"users": "nobody"}})
+    assert_refused(player, "StopPlayingClip")
+
+
+def test_a_file_that_is_removed_leaves_root_alone(sandbox, serve):
+    player = serve({NAME: {"users": "nobody"}})
+    assert_refused(player, "StopPlayingClip")
+    sandbox.set_access(None)
+    assert player.call("StopPlayingClip") == "OK"
+
+
+# Other users
+
+
+@pytest.mark.needs_root
+def test_another_user_is_told_apart(sandbox, serve):
+    player = serve({NAME: {"users": "root"}})
+    assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
+    assert sandbox.daemon.texts[1:] == [refused_by(NAME, NOBODY)]
+    sandbox.set_access({NAME: {"users": "nobody"}})
+    assert call_as(sandbox, NOBODY) == "OK"
+    assert_refused(player, "StopPlayingClip")
+
+
+@pytest.mark.needs_root
+def test_another_user_is_served_for_a_group_of_it(sandbox, serve):
+    serve({NAME: {"groups": "audio"}})
+    assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
+    assert call_as(sandbox, NOBODY, [AUDIO]) == "OK"
+    assert call_as(sandbox, DAEMON, [7, AUDIO, 9]) == "OK"
+    assert call_as(sandbox, DAEMON, [7, 9]).startswith(f"Error {DENIED}")
+    assert sandbox.daemon.texts.count(refused_by(NAME, DAEMON)) == 1
+
+
+@pytest.mark.needs_root
+def test_another_user_is_refused_without_a_file_and_with_a_broken_one(sandbox, serve):
+    serve(None)
+    assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
+    assert sandbox.daemon.texts[-1] == (
+        f"info: Failed to authorize: uid {NOBODY} may not perform {NAME}.StopPlayingClip: there is "
+        f"no {POLICY}")
+    sandbox.set_access("nonsense\n")
+    assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
+    assert sandbox.daemon.texts[-1] == (
+        f"info: Failed to authorize: uid {NOBODY} may not perform {NAME}.StopPlayingClip: {POLICY} "
+        "cannot be used")
+
+
+@pytest.mark.needs_root
+def test_another_user_introspects(sandbox, serve):
+    serve({NAME: {"users": "root"}})
+    result = sandbox.run(["busctl", "--system", "introspect", NAME, PATH, NAME], uid=NOBODY)
+    assert ".PlayClip" in result.stdout
+
+
+@pytest.mark.needs_root
+def test_a_daemon_that_is_not_root_serves_and_plays(sandbox, serve):
+    clip = sandbox.write_clip("a.wav", clips.noise(2400))
+    player = serve({NAME: {"groups": "audio"}}, uid=DAEMON, groups=[AUDIO])
+    assert call_as(sandbox, NOBODY, [AUDIO], "PlayClip", clip.location) == "OK"
+    assert sandbox.card(0).takes[0].find(clip.samples) >= 0
+    assert_refused(player, "StopPlayingClip")
