@@ -87,7 +87,19 @@ WRAP_POINTER(const char, sd_bus_message_get_member, (sd_bus_message * message), 
 WRAP_POINTER(sd_event, sd_event_unref, (sd_event * event), (event))
 WRAP_POINTER(sd_bus_slot, sd_bus_slot_unref, (sd_bus_slot * slot), (slot))
 WRAP_POINTER(sd_bus, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
-WRAP_POINTER(void, g_try_malloc0, (gsize size), (size))
+
+/* g_try_new0() is one of the two, depending on optimisation. */
+void *__real_g_try_malloc0(gsize size);
+void *__wrap_g_try_malloc0(gsize size)
+{
+    return record("g_try_new0") ? nullptr : __real_g_try_malloc0(size);
+}
+
+void *__real_g_try_malloc0_n(gsize count, gsize size);
+void *__wrap_g_try_malloc0_n(gsize count, gsize size)
+{
+    return record("g_try_new0") ? nullptr : __real_g_try_malloc0_n(count, size);
+}
 
 int __real_sd_bus_attach_event(sd_bus *bus, sd_event *event, int priority);
 int __wrap_sd_bus_attach_event(sd_bus *bus, sd_event *event, int priority)

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The calls of the code under test into libsystemd. */
+/* The calls of the code under test into libsystemd, and GLib's g_try_new0(). */
 
 #include <map>
 #include <string>

@@ -105,11 +105,11 @@ TEST_F(ConnectionTest, WithoutAServiceNameThereIsNoConnection)
 TEST_F(ConnectionTest, WithoutMemoryThereIsNoConnection)
 {
     LibsystemdCalls calls;
-    calls.fail("g_try_malloc0", 0);
+    calls.fail("g_try_new0", 0);
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to allocate structure");
     expect_no_log();
-    EXPECT_EQ(calls.made, Steps{"g_try_malloc0"});
+    EXPECT_EQ(calls.made, Steps{"g_try_new0"});
 }
 
 TEST_F(ConnectionTest, WithoutABusThereIsNoConnection)
@@ -182,7 +182,7 @@ TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
 {
     LibsystemdCalls calls;
     connect();
-    EXPECT_EQ(calls.made, (Steps{"g_try_malloc0", "sd_bus_open_system", "sd_bus_error_add_map",
+    EXPECT_EQ(calls.made, (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
                                  "sd_bus_request_name", "sd_event_new", "sd_bus_attach_event",
                                  "sd_event_unref"}));
     EXPECT_EQ(calls.priority, SD_EVENT_PRIORITY_NORMAL);
