@@ -1,0 +1,192 @@
+#include "audio_clip_test.h"
+
+#include <atomic>
+#include <thread>
+#include <utility>
+
+/* Clips that follow each other within one request. */
+
+namespace
+{
+
+class AudioClipChain : public AudioClipTest
+{
+  protected:
+    void SetUp() override
+    {
+        AudioClipTest::SetUp();
+        fakes.uris = {"file:///clips/a.wav", "file:///clips/b.wav", "file:///clips/c.wav"};
+    }
+
+    void about_to_finish()
+    {
+        g_signal_emit_by_name(fakes.pipeline, "about-to-finish");
+    }
+
+    void about_to_finish(int times)
+    {
+        for (int i = 0; i < times; i++) {
+            about_to_finish();
+        }
+    }
+
+    std::string next_uri()
+    {
+        g_autofree char *uri = nullptr;
+        g_object_get(fakes.pipeline, "uri", &uri, nullptr);
+        return uri ? uri : "none";
+    }
+};
+
+} // namespace
+
+TEST_F(AudioClipChain, TakesTheStepsInOrderUnderBothLocks)
+{
+    fakes.repeat = 1;
+    start_playing();
+    fakes.note_locks = true;
+    about_to_finish();
+    EXPECT_EQ(take_calls(), Calls({
+                                "try request",
+                                "lock state",
+                                "draw, not none",
+                                "file /clips/b.wav on 0 -1 -1",
+                                "unlock state",
+                                "unlock request",
+                            }));
+}
+
+TEST_F(AudioClipChain, GivesThePipelineTheNextClip)
+{
+    fakes.repeat = 1;
+    start_playing();
+    about_to_finish();
+    EXPECT_EQ(next_uri(), "file:///clips/b.wav");
+}
+
+TEST_F(AudioClipChain, TellsTheEventsWhichOutputPlaysTheNextClip)
+{
+    fakes.repeat = 1;
+    fakes.audio_output = -1;
+    fakes.audio_device_id = 2;
+    fakes.audio_output_id = 4;
+    start_playing();
+    about_to_finish();
+    EXPECT_EQ(take_calls("file "), Calls({"file /clips/b.wav on -1 2 4"}));
+}
+
+TEST_F(AudioClipChain, TellsTheEventsThePathInsteadOfTheUri)
+{
+    fakes.repeat = 1;
+    fakes.uris = {"file:///clips/a.wav", "file:///clips/two%20words.wav"};
+    start_playing();
+    about_to_finish();
+    EXPECT_EQ(take_calls("file "), Calls({"file /clips/two words.wav on 0 -1 -1"}));
+}
+
+TEST_F(AudioClipChain, ChainsAsManyClipsAsAreRepeated)
+{
+    fakes.repeat = 2;
+    start_playing();
+    about_to_finish(5);
+    EXPECT_EQ(take_calls("file "), Calls({
+                                       "file /clips/b.wav on 0 -1 -1",
+                                       "file /clips/c.wav on 0 -1 -1",
+                                   }));
+}
+
+TEST_F(AudioClipChain, DrawsNothingOnceNoClipIsLeft)
+{
+    fakes.repeat = 1;
+    start_playing();
+    about_to_finish();
+    take_calls();
+    fakes.note_locks = true;
+    about_to_finish();
+    EXPECT_EQ(take_calls(), Calls({"try request", "lock state", "unlock state", "unlock request"}));
+}
+
+TEST_F(AudioClipChain, NeverEndsWithoutABound)
+{
+    fakes.repeat = -1;
+    start_playing();
+    about_to_finish(10);
+    EXPECT_EQ(take_calls("file ").size(), 10u);
+}
+
+TEST_F(AudioClipChain, CountsADrawWithoutAFileToo)
+{
+    fakes.repeat = 1;
+    start_playing();
+    const std::vector<std::string> uris = std::exchange(fakes.uris, {});
+    about_to_finish();
+    fakes.uris = uris;
+    about_to_finish();
+    EXPECT_EQ(take_calls(), Calls({"draw, not none"}));
+    EXPECT_EQ(next_uri(), "file:///clips/a.wav");
+}
+
+TEST_F(AudioClipChain, IsUntouchedByARefusedRequest)
+{
+    fakes.repeat = 2;
+    fakes.audio_output = 1;
+    start_playing();
+    fakes.repeat = 7;
+    fakes.audio_output = 5;
+    EXPECT_EQ(start(), "A clip is already playing.");
+    about_to_finish(5);
+    EXPECT_EQ(take_calls(), Calls({
+                                "draw, not none",
+                                "file /clips/b.wav on 1 -1 -1",
+                                "draw, not none",
+                                "file /clips/c.wav on 1 -1 -1",
+                            }));
+}
+
+TEST_F(AudioClipChain, EndsWithAStop)
+{
+    fakes.repeat = -1;
+    start_playing();
+    g_autoptr(GstElement) pipeline = GST_ELEMENT(gst_object_ref(fakes.pipeline));
+    audio_clip_stop(clip, nullptr);
+    take_calls();
+    g_signal_emit_by_name(pipeline, "about-to-finish");
+    EXPECT_EQ(take_calls(), Calls());
+}
+
+/* What a stop with a signal that is still on its way has to fear: the stop waits for the thread. */
+TEST_F(AudioClipChain, DoesNotWaitForAStopThatWaitsForIt)
+{
+    fakes.repeat = -1;
+    start_playing();
+    std::thread streaming;
+    std::atomic<bool> returned = false;
+    bool returned_within_stop = false;
+    GstElement *pipeline = GST_ELEMENT(gst_object_ref(fakes.pipeline));
+    fakes.on_null = [&] {
+        streaming = std::thread([&] {
+            g_signal_emit_by_name(pipeline, "about-to-finish");
+            returned = true;
+        });
+        const gint64 deadline = g_get_monotonic_time() + 20 * G_USEC_PER_SEC;
+        while (!returned && g_get_monotonic_time() < deadline) {
+            std::this_thread::yield();
+        }
+        returned_within_stop = returned;
+    };
+    audio_clip_stop(clip, nullptr);
+    streaming.join();
+    gst_object_unref(pipeline);
+    EXPECT_TRUE(returned_within_stop);
+    EXPECT_EQ(take_calls("draw"), Calls());
+}
+
+TEST_F(AudioClipChain, GivesUpWhenTheRequestLockIsHeld)
+{
+    fakes.repeat = 1;
+    start_playing();
+    fakes.failing_trylock = "request";
+    fakes.note_locks = true;
+    about_to_finish();
+    EXPECT_EQ(take_calls(), Calls({"try request"}));
+}
