@@ -1,13 +1,31 @@
 #pragma once
 
-/* A folder of a test's own. */
+/* Folders and files of a test's own. */
 
 #include <filesystem>
 #include <fstream>
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
+#include <string_view>
 #include <system_error>
+
+/* Makes the file `path` hold `content`, in place: an existing file keeps its inode. */
+inline void write_file(const std::string &path, std::string_view content)
+{
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << content;
+    file.close();
+    ASSERT_TRUE(file) << path;
+}
+
+/* The content of the file `path`; empty when there is none. */
+inline std::string read_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 /* A new empty folder, which goes with all that it holds at the end of its scope. */
 class TempDir
@@ -38,7 +56,7 @@ class TempDir
     /* Makes a file and returns its path. */
     std::string file(const std::string &name, const std::string &content = "") const
     {
-        std::ofstream(path(name), std::ios::binary) << content;
+        write_file(path(name), content);
         return path(name);
     }
 
@@ -60,4 +78,22 @@ class TempDir
     }
 
     std::string root;
+};
+
+/* One that is the working directory meanwhile. */
+class WorkingTempDir : public TempDir
+{
+  public:
+    WorkingTempDir() : previous(std::filesystem::current_path())
+    {
+        std::filesystem::current_path(root);
+    }
+
+    ~WorkingTempDir()
+    {
+        std::filesystem::current_path(previous);
+    }
+
+  private:
+    std::filesystem::path previous;
 };

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "private_bus.h"
-#include "scratch_folder.h"
+#include "temp_dir.h"
 
 namespace
 {
@@ -27,7 +27,7 @@ class AccessPolicy : public BusTest
 
     static void init(const std::string &text)
     {
-        ScratchFolder::write("access.conf", text);
+        write_file("access.conf", text);
         ASSERT_TRUE(access_policy_init(nullptr));
     }
 
@@ -57,7 +57,7 @@ class AccessPolicy : public BusTest
         return peer;
     }
 
-    ScratchFolder folder;
+    WorkingTempDir folder;
 };
 
 std::string policy_for_me()
@@ -73,7 +73,7 @@ TEST_F(AccessPolicy, InitialisesWithoutABus)
 
 TEST_F(AccessPolicy, DoesNotInitialiseWithABrokenFile)
 {
-    ScratchFolder::write("access.conf", "?");
+    write_file("access.conf", "?");
     g_autoptr(GError) error = nullptr;
     EXPECT_FALSE(access_policy_init(&error));
     ASSERT_NE(error, nullptr);

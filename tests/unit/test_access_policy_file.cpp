@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "log_test.h"
-#include "scratch_folder.h"
+#include "temp_dir.h"
 
 namespace
 {
@@ -24,7 +24,7 @@ class AccessPolicyFile : public LogTest
     /* The file's text, as the daemon finds it when it starts. */
     static void load(const std::string &text)
     {
-        ScratchFolder::write(FILE_NAME, text);
+        write_file(FILE_NAME, text);
         g_autoptr(GError) error = nullptr;
         EXPECT_TRUE(access_policy_file_load(&error)) << error->message;
     }
@@ -52,7 +52,7 @@ class AccessPolicyFile : public LogTest
         return error ? error->message : "no error";
     }
 
-    ScratchFolder folder;
+    WorkingTempDir folder;
 };
 
 TEST_F(AccessPolicyFile, AdmitsAUserByNumber)
@@ -236,19 +236,19 @@ TEST_F(AccessPolicyFile, AdmitsUidZeroAloneWithoutAFile)
 
 TEST_F(AccessPolicyFile, DoesNotLoadWhatIsNoKeyFile)
 {
-    ScratchFolder::write(FILE_NAME, "users=root\n");
+    write_file(FILE_NAME, "users=root\n");
     EXPECT_EQ(load_error(), "access.conf: Key file does not start with a group");
 }
 
 TEST_F(AccessPolicyFile, DoesNotLoadAListThatIsNotText)
 {
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\ngroups=caf\xe9\n");
+    write_file(FILE_NAME, "[com.vesk]\ngroups=caf\xe9\n");
     EXPECT_NE(load_error().find("access.conf: "), std::string::npos);
 }
 
 TEST_F(AccessPolicyFile, DoesNotLoadAListWithABrokenEscape)
 {
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=a\\q\n");
+    write_file(FILE_NAME, "[com.vesk]\nusers=a\\q\n");
     EXPECT_NE(load_error().find("access.conf: "), std::string::npos);
 }
 
@@ -266,7 +266,7 @@ TEST_F(AccessPolicyFile, DoesNotWaitForAPipe)
 
 TEST_F(AccessPolicyFile, DoesNotLoadAFileBeyondReason)
 {
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\n#" + std::string(1024 * 1024, 'x'));
+    write_file(FILE_NAME, "[com.vesk]\n#" + std::string(1024 * 1024, 'x'));
     EXPECT_EQ(load_error(), "access.conf: File too large");
 }
 
@@ -281,7 +281,7 @@ TEST_F(AccessPolicyFile, DoesNotLoadWhatItMayNotRead)
     if (geteuid() == 0) {
         GTEST_SKIP() << "root may read every file";
     }
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\n");
+    write_file(FILE_NAME, "[com.vesk]\n");
     std::filesystem::permissions(FILE_NAME, std::filesystem::perms::none);
     EXPECT_EQ(load_error(), "access.conf: Permission denied");
 }
@@ -290,9 +290,9 @@ TEST_F(AccessPolicyFile, FollowsAnEditInPlaceOfTheSameSize)
 {
     load("[com.vesk]\nusers=4242\n");
     for (int i = 0; i < 50; i++) {
-        ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=1234\n");
+        write_file(FILE_NAME, "[com.vesk]\nusers=1234\n");
         ASSERT_FALSE(admits(ANN, {}));
-        ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+        write_file(FILE_NAME, "[com.vesk]\nusers=4242\n");
         ASSERT_TRUE(admits(ANN, {}));
     }
 }
@@ -300,14 +300,14 @@ TEST_F(AccessPolicyFile, FollowsAnEditInPlaceOfTheSameSize)
 TEST_F(AccessPolicyFile, FollowsAFileMovedIntoItsPlace)
 {
     load("[com.vesk]\nusers=4242\n");
-    ScratchFolder::write("new", "[com.vesk]\nusers=1234\n");
+    write_file("new", "[com.vesk]\nusers=1234\n");
     std::filesystem::rename("new", FILE_NAME);
     EXPECT_FALSE(admits(ANN, {}));
 }
 
 TEST_F(AccessPolicyFile, FollowsAnEditLongAfterItWasRead)
 {
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+    write_file(FILE_NAME, "[com.vesk]\nusers=4242\n");
     struct stat st = {};
     ASSERT_EQ(stat(FILE_NAME, &st), 0);
     while (g_get_real_time() / G_USEC_PER_SEC < st.st_ctim.tv_sec + 3) {
@@ -315,7 +315,7 @@ TEST_F(AccessPolicyFile, FollowsAnEditLongAfterItWasRead)
     }
     ASSERT_TRUE(access_policy_file_load(nullptr));
     EXPECT_TRUE(admits(ANN, {}));
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=1234\n");
+    write_file(FILE_NAME, "[com.vesk]\nusers=1234\n");
     EXPECT_FALSE(admits(ANN, {}));
 }
 
@@ -330,7 +330,7 @@ TEST_F(AccessPolicyFile, FollowsTheRemovalOfTheFile)
 TEST_F(AccessPolicyFile, FollowsTheAppearanceOfAFile)
 {
     ASSERT_TRUE(access_policy_file_load(nullptr));
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+    write_file(FILE_NAME, "[com.vesk]\nusers=4242\n");
     EXPECT_TRUE(admits(ANN, {}));
     EXPECT_FALSE(admits(0, {}));
 }
@@ -338,7 +338,7 @@ TEST_F(AccessPolicyFile, FollowsTheAppearanceOfAFile)
 TEST_F(AccessPolicyFile, AdmitsUidZeroAloneAfterABrokenEdit)
 {
     load("[com.vesk]\nusers=4242\n");
-    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    write_file(FILE_NAME, "users=4242\n");
     EXPECT_EQ(refusal(ANN, {}), "uid 4242 may not perform com.vesk.Sonobrik.PlayClip: access.conf "
                                 "cannot be used");
     EXPECT_TRUE(admits(0, {}));
@@ -348,7 +348,7 @@ TEST_F(AccessPolicyFile, AdmitsUidZeroAloneAfterABrokenEdit)
 TEST_F(AccessPolicyFile, LogsABrokenEditOnce)
 {
     load("[com.vesk]\nusers=4242\n");
-    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    write_file(FILE_NAME, "users=4242\n");
     admits(ANN, {});
     admits(ANN, {});
     expect_log(G_LOG_LEVEL_WARNING, "Only uid 0 is allowed anything until this is mended: "
@@ -359,10 +359,10 @@ TEST_F(AccessPolicyFile, LogsABrokenEditOnce)
 TEST_F(AccessPolicyFile, LogsTheNextBrokenEditAgain)
 {
     load("[com.vesk]\nusers=4242\n");
-    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    write_file(FILE_NAME, "users=4242\n");
     admits(ANN, {});
     clear_log();
-    ScratchFolder::write(FILE_NAME, "users=4242;1\n");
+    write_file(FILE_NAME, "users=4242;1\n");
     admits(ANN, {});
     expect_log(G_LOG_LEVEL_WARNING, "Only uid 0 is allowed anything until this is mended: "
                                     "access.conf: Key file does not start with a group");
@@ -371,10 +371,10 @@ TEST_F(AccessPolicyFile, LogsTheNextBrokenEditAgain)
 TEST_F(AccessPolicyFile, ForgetsABrokenEditOnceItIsMended)
 {
     load("[com.vesk]\nusers=1\n");
-    ScratchFolder::write(FILE_NAME, "users=4242\n");
+    write_file(FILE_NAME, "users=4242\n");
     admits(ANN, {});
     clear_log();
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=4242\n");
+    write_file(FILE_NAME, "[com.vesk]\nusers=4242\n");
     EXPECT_TRUE(admits(ANN, {}));
 }
 
@@ -383,7 +383,7 @@ TEST_F(AccessPolicyFile, LogsAnUnknownNameAgainAfterAnEdit)
     load("[com.vesk]\nusers=no-such-user\n");
     admits(ANN, {});
     clear_log();
-    ScratchFolder::write(FILE_NAME, "[com.vesk]\nusers=no-such-user;1\n");
+    write_file(FILE_NAME, "[com.vesk]\nusers=no-such-user;1\n");
     admits(ANN, {});
     expect_log(
         G_LOG_LEVEL_WARNING,

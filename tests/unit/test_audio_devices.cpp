@@ -13,7 +13,7 @@ extern "C" {
 #include <alsa/asoundlib.h>
 
 #include "log_test.h"
-#include "temp_folder.h"
+#include "temp_dir.h"
 
 /* How often the configuration was loaded, and the failure that loads shall have. */
 static int loads;
@@ -49,7 +49,7 @@ class AudioDevices : public LogTest
     AudioDevices()
     {
         setenv("ALSA_CONFIG_PATH", path("alsa.conf").c_str(), 1);
-        setenv("HOME", folder.path.c_str(), 1);
+        setenv("HOME", folder.root.c_str(), 1);
         loads = 0;
         load_failure = 0;
     }
@@ -62,7 +62,7 @@ class AudioDevices : public LogTest
 
     std::string path(const std::string &name) const
     {
-        return folder.path + "/" + name;
+        return folder.root + "/" + name;
     }
 
     /* A configuration that loads `names` of the test's folder and defines audiosink0. */
@@ -136,7 +136,7 @@ class AudioDevices : public LogTest
                    "The ALSA configuration cannot be read, or not in full: " + reason);
     }
 
-    TempFolder folder;
+    WorkingTempDir folder;
 };
 
 TEST_F(AudioDevices, ListsAPcmNamedAudiosinkAsDeviceWithOutput0)

@@ -20,7 +20,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "temp_folder.h"
+#include "temp_dir.h"
 
 using Lines = std::vector<std::string>;
 
@@ -157,7 +157,7 @@ class LogRedirect : public ::testing::Test
         return std::to_string(priority) + " " + text;
     }
 
-    TempFolder folder;
+    WorkingTempDir folder;
     int listener = -1;
     Lines to_syslog;
     Lines to_stderr;

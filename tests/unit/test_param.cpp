@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "log_test.h"
-#include "temp_folder.h"
+#include "temp_dir.h"
 
 using namespace std::string_view_literals;
 
@@ -27,7 +27,7 @@ class Param : public LogTest
         write_file("parameters.conf", content);
     }
 
-    TempFolder folder;
+    WorkingTempDir folder;
     int error = 0;
 };
 

@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "temp_folder.h"
+#include "temp_dir.h"
 
 /*
  * The system calls of a synced write, which a test can watch and fail. All else passes through them
@@ -231,12 +231,12 @@ class UtilWriteFile : public ::testing::Test
         EXPECT_EQ(names(), std::vector<std::string>{"M1.json"});
     }
 
-    TempFolder folder;
+    WorkingTempDir folder;
 };
 
 TEST_F(UtilWriteFile, MakesANewFile)
 {
-    EXPECT_TRUE(write(folder.path + "/M1.json", "text"));
+    EXPECT_TRUE(write(folder.root + "/M1.json", "text"));
     EXPECT_EQ(read_file("M1.json"), "text");
     EXPECT_EQ(names(), std::vector<std::string>{"M1.json"});
 }
