@@ -65,3 +65,18 @@ def daemon(sandbox):
 def player(sandbox, daemon):
     """The running daemon in `sandbox` as a caller and listener sees it."""
     return Player(sandbox.bus)
+
+
+@pytest.fixture(scope="module")
+def shared(tmp_path_factory, build_dir, cache):
+    """A sandbox whose running daemon serves all of a file's tests that play nothing in it."""
+    with Sandbox(tmp_path_factory.mktemp("shared") / "sandbox", build_dir, cache) as box:
+        box.start_bus()
+        box.start_daemon()
+        yield box
+
+
+@pytest.fixture(scope="module")
+def asked(shared):
+    """The daemon of `shared` as a caller sees it."""
+    return Player(shared.bus)

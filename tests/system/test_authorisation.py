@@ -183,7 +183,7 @@ def test_a_broken_edit_leaves_root_alone_and_is_told_once(sandbox, serve):
     sandbox.set_access("nonsense\n")
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
-    told = ("warning: Only uid 0 is allowed anything until this is mended: /etc/vesk/access.conf: "
+    told = (f"warning: Only uid 0 is allowed anything until this is mended: {POLICY}: "
             "Key file contains line “nonsense” which is not a key-value pair, group, or comment")
     assert sandbox.daemon.texts.count(told) == 1
     sandbox.set_access({NAME: {"users": "nobody"}})

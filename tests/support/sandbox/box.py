@@ -25,7 +25,17 @@ PROGRAMS = {
 # What programs need of the machine's own /etc: users, and where libraries are.
 HOST_FILES = ("alternatives", "group", "ld.so.cache", "localtime", "nsswitch.conf", "passwd")
 
-SANITIZER_OPTIONS = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS")
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+
+# What each sanitizer is told beside its exit status. Leaks are known by functions deep in their
+# stacks, which run through libraries.
+SANITIZER_OPTIONS = {
+    "ASAN_OPTIONS": "",
+    "LSAN_OPTIONS": "fast_unwind_on_malloc=0:print_suppressions=0:"
+                    f"suppressions={ROOT}/tests/support/lsan.supp",
+    "TSAN_OPTIONS": "",
+    "UBSAN_OPTIONS": "print_stacktrace=1",
+}
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 
@@ -243,7 +253,7 @@ class Sandbox:
         command += ["--bind", self.folder / "etc", "/etc", "--bind", self.folder / "run", "/run",
                     "--bind", self.folder / "tmp", "/tmp"]
         # The tree may have stood below what is now covered, and where other users cannot go.
-        for path in (pathlib.Path(__file__).resolve().parents[3], self.build_dir):
+        for path in (ROOT, self.build_dir):
             command += ["--ro-bind", path, path]
         command += ["--ro-bind", self.build_dir, "/run/build", "--bind", self.cache, "/run/cache",
                     "--chdir", "/"]
@@ -273,8 +283,8 @@ class Sandbox:
                 "GST_REGISTRY_1_0": f"{cache}/registry-vendor.bin",
                 "VESKAUDIOSINK_FOLDER": f"/run/cards/{self.vendor_sink.folder.name}",
             }
-        for name in SANITIZER_OPTIONS:
-            variables[name] = ":".join(filter(None, (f"exitcode={SANITIZER_STATUS}",
+        for name, options in SANITIZER_OPTIONS.items():
+            variables[name] = ":".join(filter(None, (f"exitcode={SANITIZER_STATUS}", options,
                                                      os.environ.get(name))))
         return variables | (env or {})
 
