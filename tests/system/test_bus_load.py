@@ -1,9 +1,12 @@
 """Many calls, while GStreamer's threads add and remove sources of the loop that answers them."""
 
 import itertools
+import os
+import signal
 
 import pytest
-from sandbox import BusError, Player, clips, wait_until
+from sandbox import BusError, Player, Sandbox, clips, wait_until
+from sandbox.bus import DRIVER
 
 NAME = "com.vesk.Sonobrik"
 
@@ -98,6 +101,27 @@ def test_a_flood_does_not_keep_a_clip_from_ending(sandbox, player, clip):
     assert answered > 100
     assert sandbox.card(0).takes[-1].find(clip.samples) >= 0
     flood.bus.close()
+
+
+def test_answers_that_the_bus_does_not_take_at_once_leave_when_it_does(tmp_path, build_dir, cache):
+    with Sandbox(tmp_path / "sandbox", build_dir, cache) as sandbox:
+        bus = sandbox.start_bus()
+        daemon = sandbox.start_daemon()
+        player = Player(sandbox.bus)
+        assert player.call("StopPlayingClip") == "OK"  # so that the daemon knows who calls
+        os.kill(daemon.pid, signal.SIGSTOP)
+        # Answers of 2 KB each: more than the daemon's socket holds.
+        replies = [sandbox.bus.send(NAME, "/com/vesk/Sonobrik",
+                                    "org.freedesktop.DBus.Introspectable", "Introspect")
+                   for _ in range(120)]
+        replies.append(player.send("StopPlayingClip", "last"))
+        sandbox.bus.call(*DRIVER, "GetId")  # the bus has passed on what came before
+        os.kill(bus.pid, signal.SIGSTOP)
+        os.kill(daemon.pid, signal.SIGCONT)
+        daemon.wait_log("info", "sonobrik_stop_clip with options: last", 60)
+        os.kill(bus.pid, signal.SIGCONT)
+        wait_until(lambda: all(reply.done for reply in replies), 60, "all are answered")
+        assert replies[-1].wait() == ("OK",)
 
 
 def test_a_call_that_wants_no_answer_is_carried_out(sandbox, player, clip):
