@@ -354,7 +354,7 @@ class Sandbox:
             (self.folder / "run/notify").unlink(missing_ok=True)
             self.notify = NotifySocket(f"/proc/self/fd/{self._run_fd}/notify")
             env |= {"NOTIFY_SOCKET": "/run/notify", "WATCHDOG_USEC": str(watchdog_usec)}
-        program = program or self.build_dir / "src/sonobrik"
+        program = program or "/run/build/src/sonobrik"
         self.daemon = self.spawn([program], uid, groups, env, vendor_sink, Daemon)
         if wait:
             self._wait_name("com.vesk.Sonobrik", self.daemon, deadline)
