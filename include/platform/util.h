@@ -29,8 +29,8 @@ char *util_str_extract(const char *text, const char *prefix, const char *suffix)
 
 /*
  * Makes `path` hold exactly the `length` bytes at `text`, in a new file with the permission bits
- * `mode` less the process's umask; a symbolic link at `path` is replaced. On return the bytes are on
- * storage. Whoever reads `path` at any moment, also after a crash or a power cut, finds the old
+ * `mode` less the process's umask; a symbolic link at `path` is replaced. On return the bytes are
+ * on storage. Whoever reads `path` at any moment, also after a crash or a power cut, finds the old
  * content or the new one, never a part. A crash may leave one hidden file, ".NAME.new", which the
  * next write of `path` removes. Returns non-zero on success. On failure returns 0, the old file is
  * whole, and nothing is left beside it; only when the very last step fails, the sync of the folder,

@@ -1,9 +1,6 @@
 #include "log_test.h"
 
-LogTest::LogTest()
-    : previous_handler(g_log_set_default_handler(record, this))
-{
-}
+LogTest::LogTest() : previous_handler(g_log_set_default_handler(record, this)) {}
 
 LogTest::~LogTest()
 {

@@ -12,8 +12,8 @@
 
 /*
  * Collects what the code under test logs, debug lines apart. A test takes the lines that it expects
- * with expect_log(), oldest first; a line of a warning's weight or more that no test line took fails
- * the test at its end.
+ * with expect_log(), oldest first; a line of a warning's weight or more that no test line took
+ * fails the test at its end.
  */
 class LogTest : public ::testing::Test
 {

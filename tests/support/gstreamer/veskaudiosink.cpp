@@ -87,10 +87,10 @@ gboolean sink_open(GstAudioSink *object)
     return r == 0;
 }
 
-gboolean sink_prepare(GstAudioSink *object, GstAudioRingBufferSpec *spec)
+gboolean sink_prepare(GstAudioSink *object, GstAudioRingBufferSpec *wanted)
 {
     VeskAudioSink *sink = get_sink(object);
-    const GstAudioInfo *info = &spec->info;
+    const GstAudioInfo *info = &wanted->info;
     const RecordingFormat format = {
         .rate = static_cast<uint32_t>(GST_AUDIO_INFO_RATE(info)),
         .channels = static_cast<uint32_t>(GST_AUDIO_INFO_CHANNELS(info)),
@@ -102,10 +102,11 @@ gboolean sink_prepare(GstAudioSink *object, GstAudioRingBufferSpec *spec)
         recording_add_event(&sink->recording,
                             "params file=%03u rate=%u channels=%u latency-time=%" G_GUINT64_FORMAT,
                             sink->recording.number, format.rate, format.channels,
-                            spec->latency_time);
+                            wanted->latency_time);
     sink->pending = g_byte_array_new();
     sink->frame_size = static_cast<size_t>(GST_AUDIO_INFO_BPF(info));
-    sink->buffer_size = static_cast<size_t>(spec->segsize) * static_cast<size_t>(spec->segtotal);
+    sink->buffer_size =
+        static_cast<size_t>(wanted->segsize) * static_cast<size_t>(wanted->segtotal);
     sink->rate = format.rate;
     sink->running = false;
     g_mutex_unlock(&sink->lock);
