@@ -1,8 +1,10 @@
 """Adds up JUnit result files and prints "N passed, N failed[, N skipped]" as the last line.
 
-Exits with 1 when a test failed or none passed.
+A file that is missing, since its runner did not get as far, counts as one failure. Exits with 1 when
+something failed or nothing passed.
 """
 
+import os
 import sys
 import xml.etree.ElementTree as ElementTree
 
@@ -19,6 +21,9 @@ def outcome(case):
 def main(paths):
     counts = {"passed": 0, "failed": 0, "skipped": 0}
     for path in paths:
+        if not os.path.exists(path):
+            counts["failed"] += 1
+            continue
         for case in ElementTree.parse(path).iter("testcase"):
             counts[outcome(case)] += 1
     line = f"{counts['passed']} passed, {counts['failed']} failed"
