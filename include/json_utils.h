@@ -8,7 +8,10 @@
 
 #include <jansson.h>
 
-/* Returns the value that the file holds, as a new reference, or null with a log line. */
+/*
+ * Returns the value that the file holds, as a new reference, or null with a log line. Never blocks:
+ * a FIFO, a socket or a device is refused.
+ */
 json_t *json_utils_load_from_file(const char *path);
 
 /*

@@ -12,6 +12,19 @@ bool is_noncharacter(gunichar c)
 
 } // namespace
 
+bool bus_text_is_valid(const char *text)
+{
+    if (!text || !g_utf8_validate(text, -1, nullptr)) {
+        return false;
+    }
+    for (const char *p = text; *p != '\0'; p = g_utf8_next_char(p)) {
+        if (is_noncharacter(g_utf8_get_char(p))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 char *bus_text_make_valid(const char *text)
 {
     if (!text) {

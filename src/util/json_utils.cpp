@@ -4,6 +4,7 @@
 #include <cstring>
 #include <glib.h>
 #include <memory>
+#include <sys/stat.h>
 
 #include "platform/util.h"
 
@@ -12,11 +13,25 @@ namespace
 
 constexpr mode_t FILE_MODE = 0644;
 
+/*
+ * Could reading `path` go on for ever? A FIFO without a writer would hold the main loop, a device
+ * may never end.
+ */
+bool may_never_end(const char *path)
+{
+    struct stat status;
+    return stat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+}
+
 } // namespace
 
 json_t *json_utils_load_from_file(const char *path)
 {
     if (!path) {
+        return nullptr;
+    }
+    if (may_never_end(path)) {
+        g_warning("%sFailed to load JSON, line %d error '%s'", "", -1, "not a regular file");
         return nullptr;
     }
     json_error_t error;
