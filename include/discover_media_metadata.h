@@ -25,6 +25,8 @@ discover_media_metadata *discover_media_get_metadata(const char *path);
 /* Null does nothing. */
 void discover_media_free_metadata(discover_media_metadata *m);
 
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(discover_media_metadata, discover_media_free_metadata)
+
 /* Borrowed from the record; null for a null record. */
 json_t *discover_media_metadata_get_media_types(const discover_media_metadata *m);
 json_t *discover_media_metadata_get_properties(const discover_media_metadata *m);

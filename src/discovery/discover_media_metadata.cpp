@@ -4,8 +4,6 @@
 #include "discover_media.h"
 #include "file_utils.h"
 
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(discover_media_metadata, discover_media_free_metadata)
-
 discover_media_metadata *discover_media_get_metadata(const char *path)
 {
     g_autoptr(json_t) media_info = json_object();

@@ -14,8 +14,6 @@
 #include "log_test.h"
 #include "temp_dir.h"
 
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(discover_media_metadata, discover_media_free_metadata)
-
 namespace
 {
 

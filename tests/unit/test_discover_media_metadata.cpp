@@ -57,8 +57,6 @@ json_t *json_object()
     return fake.json_object_fails ? nullptr : real();
 }
 
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(discover_media_metadata, discover_media_free_metadata)
-
 namespace
 {
 

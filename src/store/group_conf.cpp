@@ -1,0 +1,83 @@
+#include "sonobrik_group_conf.h"
+
+#include "file_utils.h"
+#include "parameter.h"
+#include "platform/util.h"
+
+/* Unit tests bring their own. */
+#ifndef SONOBRIK_GROUP_DIRECTORY
+#define SONOBRIK_GROUP_DIRECTORY "/etc/dynamic/sonobrik/clip_data"
+#endif
+
+namespace
+{
+
+constexpr const char *MAX_GROUPS_PARAMETER = "root.SonoBrik.MaxGroups";
+
+constexpr gint32 NOT_KNOWN = -1;
+
+/*
+ * The highest valid index. A parameter of 0 makes it -1 as well; the parameter is then read at each
+ * call, and no index is valid, which comes to the same.
+ */
+gint32 max_group_index = NOT_KNOWN;
+
+/* Reads the bound into the cache. Returns false while it cannot be read. */
+bool read_max_group_index()
+{
+    g_autofree char *text = get_parameter(MAX_GROUPS_PARAMETER);
+    gint32 count = 0;
+    if (!text || !util_str_to_int(text, &count)) {
+        return false;
+    }
+    max_group_index = count > G_MININT32 ? count - 1 : count;
+    return true;
+}
+
+} // namespace
+
+bool sonobrik_group_conf_get_max_group_index(gint32 *max_index)
+{
+    if (!max_index || (max_group_index == NOT_KNOWN && !read_max_group_index())) {
+        g_warning("%s%s can not determine the value of '%s'", "",
+                  "sonobrik_group_conf_get_max_group_index", MAX_GROUPS_PARAMETER);
+        return false;
+    }
+    *max_index = max_group_index;
+    return true;
+}
+
+bool sonobrik_group_conf_valid_group_index(gint32 index)
+{
+    gint32 max_index = 0;
+    return sonobrik_group_conf_get_max_group_index(&max_index) && index >= 0 && index <= max_index;
+}
+
+char *sonobrik_group_conf_get_file_path(gint32 index)
+{
+    if (!sonobrik_group_conf_valid_group_index(index)) {
+        g_warning("%s%s invalid index '%d'", "", "sonobrik_group_conf_get_file_path", index);
+        return nullptr;
+    }
+    return g_strdup_printf("%s/M%d.json", SONOBRIK_GROUP_DIRECTORY, index);
+}
+
+gint32 sonobrik_group_conf_get_param_index(const char *path)
+{
+    gint32 index = -1;
+    g_autofree char *text = util_str_extract(path, SONOBRIK_GROUP_DIRECTORY "/M", ".json");
+    if (!util_str_to_int(text, &index)) {
+        g_warning("%sCould not obtain parameter index from '%s'", "", text);
+    }
+    return index;
+}
+
+GSList *sonobrik_group_conf_get_param_file_list()
+{
+    return file_utils_get_files_from_wildcard(SONOBRIK_GROUP_DIRECTORY "/M*.json");
+}
+
+void sonobrik_group_conf_free_param_file_list(GSList **list)
+{
+    file_utils_free_list(list);
+}

@@ -1,0 +1,114 @@
+#include "sonobrik_group.h"
+
+#include "autoptr.h"
+#include "bus_text.h"
+#include "json_utils.h"
+#include "log_level.h"
+#include "sonobrik_group_conf.h"
+
+namespace
+{
+
+/*
+ * Can every text of the record be sent over the bus? One that cannot would fail each method that
+ * lists the records, for all of them, so it is kept out of the store.
+ */
+bool texts_are_valid(const SonobrikGroup *group)
+{
+    return bus_text_is_valid(group->location) && bus_text_is_valid(group->name) &&
+           bus_text_is_valid(group->type);
+}
+
+/* Returns the object that the record's file holds, a new reference; null with a log line. */
+json_t *sonobrik_group_json_pack(const SonobrikGroup *group)
+{
+    json_error_t error = {};
+    json_t *object =
+        json_pack_ex(&error, 0, "{s:s, s:s, s:s, s:O}", "location", group->location, "name",
+                     group->name, "type", group->type, "metadata", group->metadata);
+    const char *reason = error.text;
+    if (object && !texts_are_valid(group)) {
+        reason = "The bus cannot carry a text of it";
+        json_decref(g_steal_pointer(&object));
+    }
+    if (!object) {
+        log_error("%s%s Failed to create object, error '%s'", "", "sonobrik_group_json_pack",
+                  reason);
+    }
+    return object;
+}
+
+/*
+ * Returns a new record with the texts and the metadata of a file's document, without an index; null
+ * with a log line.
+ */
+SonobrikGroup *sonobrik_group_json_unpack(json_t *document)
+{
+    const char *location = nullptr;
+    const char *name = nullptr;
+    const char *type = nullptr;
+    g_autoptr(json_t) metadata = nullptr;
+    json_error_t error = {};
+    if (json_unpack_ex(document, &error, 0, "{s:s, s:s, s:s, s?O}", "location", &location, "name",
+                       &name, "type", &type, "metadata", &metadata) != 0) {
+        log_error("%s%s Failed to unpack object, error '%s'", "", "sonobrik_group_json_unpack",
+                  error.text);
+        return nullptr;
+    }
+    /* The texts belong to the document until now. */
+    auto *group = g_new0(SonobrikGroup, 1);
+    group->location = g_strdup(location);
+    group->name = g_strdup(name);
+    group->type = g_strdup(type);
+    group->metadata = g_steal_pointer(&metadata);
+    return group;
+}
+
+} // namespace
+
+bool sonobrik_group_save(SonobrikGroup *group)
+{
+    if (!sonobrik_group_valid_parameter(group)) {
+        log_error("%s%s was called with an invalid 'param' argument", "", "sonobrik_group_save");
+        return false;
+    }
+    if (!group->metadata) {
+        group->metadata = json_object();
+    }
+    g_autoptr(json_t) object = sonobrik_group_json_pack(group);
+    if (!object) {
+        log_error("%s%s failed to pack json object", "", "sonobrik_group_save");
+        return false;
+    }
+    g_autofree char *path = sonobrik_group_conf_get_file_path(group->index);
+    if (!json_utils_save_to_file(path, object)) {
+        log_error("%s%s failed to save json object", "", "sonobrik_group_save");
+        return false;
+    }
+    return true;
+}
+
+SonobrikGroup *sonobrik_group_from_file(const char *path)
+{
+    if (!path) {
+        g_warning("%s%s was called with invalid arguments", "", "sonobrik_group_from_file");
+        return nullptr;
+    }
+    g_autoptr(json_t) document = json_utils_load_from_file(path);
+    if (!document) {
+        log_error("%s%s could not obtain json object from file '%s'", "",
+                  "sonobrik_group_from_file", path);
+        return nullptr;
+    }
+    g_autoptr(SonobrikGroup) group = sonobrik_group_json_unpack(document);
+    if (!group) {
+        g_warning("%s%s could not obtain a parameter object", "", "sonobrik_group_from_file");
+        return nullptr;
+    }
+    group->index = sonobrik_group_conf_get_param_index(path);
+    if (group->index < 0) {
+        log_error("%sNo index value found in '%s'", "", path);
+        return nullptr;
+    }
+    return g_steal_pointer(&group);
+}

@@ -1,0 +1,170 @@
+#include "sonobrik_group_metadata.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include "autoptr.h"
+#include "bus_text.h"
+#include "discover_media_metadata.h"
+#include "log_level.h"
+
+namespace
+{
+
+/* Jansson's texts come from malloc(), which need not be GLib's allocator. */
+using JsonText = std::unique_ptr<char, decltype(&free)>;
+
+/* Returns the description as the records keep it, a new reference; null with a log line. */
+json_t *pack_metadata(const discover_media_metadata *m)
+{
+    json_t *media_types = discover_media_metadata_get_media_types(m);
+    const json_int_t size = discover_media_metadata_get_media_size_kb(m);
+    const json_int_t duration = discover_media_metadata_get_duration_ms(m);
+    if (!media_types || size < 0 || duration < 0) {
+        log_error("%sInvalid metadata, can not pack metadata", "");
+        return nullptr;
+    }
+    json_error_t error = {};
+    json_t *metadata = json_pack_ex(&error, 0, "{s:O, s:I, s:I}", "mediaTypes", media_types, "size",
+                                    size, "duration", duration);
+    if (!metadata) {
+        log_error("%sFailed to create metadata object, error '%s'", "", error.text);
+    }
+    return metadata;
+}
+
+/* Computes the record's metadata and stores it. */
+bool compute_metadata(SonobrikGroup *group)
+{
+    const char *location = sonobrik_group_get_location(group);
+    if (!location) {
+        return false;
+    }
+    g_autoptr(discover_media_metadata) m = discover_media_get_metadata(location);
+    if (!m) {
+        g_warning("%sCould not get metadata for location: %s", "", location);
+        return false;
+    }
+    json_t *metadata = pack_metadata(m);
+    return metadata && sonobrik_group_set_media_metadata(group, metadata);
+}
+
+/* Returns the record's object of the reply, a new reference; null with a log line. */
+json_t *pack_reply(const SonobrikGroup *group)
+{
+    json_t *metadata = sonobrik_group_get_media_metadata(group);
+    g_autofree char *file_name = g_path_get_basename(sonobrik_group_get_location(group));
+    g_autofree char *index = g_strdup_printf("%d", sonobrik_group_get_index(group));
+
+    json_t *media_types = nullptr;
+    if (json_unpack(metadata, "{s:o}", "mediaTypes", &media_types) != 0) {
+        g_warning("%s%s failed to obtain the media types of the media file", "",
+                  "sonobrik_group_metadata");
+    }
+    json_int_t size = -1;
+    if (json_unpack(metadata, "{s:I}", "size", &size) != 0) {
+        g_warning("%s%s failed to obtain the size of the media file", "",
+                  "sonobrik_group_metadata");
+    }
+    json_int_t duration = -1;
+    if (json_unpack(metadata, "{s:I}", "duration", &duration) != 0) {
+        g_warning("%s%s failed to obtain the duration of the media file", "",
+                  "sonobrik_group_metadata");
+    }
+
+    json_error_t error = {};
+    json_t *reply = json_pack_ex(&error, 0, "{s :{s:s, s:s, s:O, s:I, s:I}}", index, "name",
+                                 sonobrik_group_get_name(group), "fileName", file_name,
+                                 "mediaTypes", media_types, "size", size, "duration", duration);
+    if (!reply) {
+        log_error("%sFailed to create parameter object, error '%s'", "", error.text);
+    }
+    return reply;
+}
+
+/*
+ * Returns the record's object as it can be sent over the bus. A text in a file that cannot be sent
+ * would otherwise fail the reply for all records.
+ */
+json_t *sendable_metadata(SonobrikGroup *group)
+{
+    g_autoptr(json_t) metadata = sonobrik_group_metadata(group);
+    if (metadata) {
+        const JsonText text(json_dumps(metadata, JSON_COMPACT), free);
+        if (!bus_text_is_valid(text.get())) {
+            return nullptr;
+        }
+    }
+    return g_steal_pointer(&metadata);
+}
+
+} // namespace
+
+bool sonobrik_group_metadata_valid(const SonobrikGroup *group)
+{
+    json_t *metadata = sonobrik_group_get_media_metadata(group);
+    if (!sonobrik_group_valid_parameter(group) || json_object_size(metadata) == 0) {
+        return false;
+    }
+    json_error_t error = {};
+    if (json_unpack_ex(metadata, &error, JSON_VALIDATE_ONLY, "{s:O, s:I, s:I}", "mediaTypes",
+                       "size", "duration") != 0) {
+        log_error("%sThe metadata object is not valid, error '%s'", "", error.text);
+        return false;
+    }
+    return true;
+}
+
+bool sonobrik_group_set_media_metadata(SonobrikGroup *group, json_t *metadata)
+{
+    if (!group || !metadata) {
+        json_decref(metadata);
+        return false;
+    }
+    sonobrik_group_clear_media_metadata(group);
+    group->metadata = metadata;
+    if (!sonobrik_group_metadata_valid(group)) {
+        g_warning("%sReceived invalid metadata", "");
+        return false;
+    }
+    if (!sonobrik_group_save(group)) {
+        log_error("%sFailed to save valid media metadata", "");
+        return false;
+    }
+    return true;
+}
+
+json_t *sonobrik_group_metadata(SonobrikGroup *group)
+{
+    if (!group) {
+        return nullptr;
+    }
+    if (!sonobrik_group_metadata_valid(group) && !compute_metadata(group)) {
+        g_warning("%sFailed to create metadata for clip at location: %s", "",
+                  sonobrik_group_get_location(group));
+        return nullptr;
+    }
+    return pack_reply(group);
+}
+
+char *sonobrik_group_get_metadata()
+{
+    g_autoptr(json_t) array = json_array();
+    if (!array) {
+        return nullptr;
+    }
+    GSList *groups = sonobrik_group_get_parameter_list();
+    for (GSList *node = groups; node; node = node->next) {
+        auto *group = static_cast<SonobrikGroup *>(node->data);
+        json_t *metadata = sendable_metadata(group);
+        if (!metadata) {
+            log_error("%sCould not obtain metadata for clip at location: %s", "",
+                      sonobrik_group_get_location(group));
+        } else if (json_array_append_new(array, metadata) != 0) {
+            log_error("%sFailed to append metadata", "");
+        }
+    }
+    const JsonText text(json_dumps(array, JSON_COMPACT), free);
+    sonobrik_group_release_parameter_list(&groups);
+    return g_strdup(text.get());
+}
