@@ -1,0 +1,151 @@
+#include "platform/change_notifier.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform_bus.h"
+#include "platform_error.h"
+#include "platform_text.h"
+
+struct ChangeNotifier {
+    std::string path; /* of the object that announces the changes */
+    sd_bus *bus;      /* held; not open after a loss, until the next use */
+    bool has_change;  /* one was begun and not sent */
+    std::vector<std::pair<std::string, std::string>> values; /* of that change */
+};
+
+namespace
+{
+
+constexpr const char *INTERFACE_NAME = "com.vesk.ConfigurationChanges1";
+
+/* Makes sure that the notifier has a connection that works. */
+bool connect_bus(ChangeNotifier *notifier, GError **error)
+{
+    if (platform_bus_is_open(notifier->bus)) {
+        return true;
+    }
+    platform_bus_release(g_steal_pointer(&notifier->bus));
+    notifier->bus = platform_bus_acquire(error);
+    return notifier->bus != nullptr;
+}
+
+bool set_invalid(GError **error, const char *what)
+{
+    g_set_error(error, PLATFORM_ERROR, EINVAL, "%s", what);
+    return false;
+}
+
+int append_values(const ChangeNotifier *notifier, sd_bus_message *signal)
+{
+    int r = sd_bus_message_open_container(signal, SD_BUS_TYPE_ARRAY, "{ss}");
+    for (const auto &[key, value] : notifier->values) {
+        if (r >= 0) {
+            r = sd_bus_message_append(signal, "{ss}", key.c_str(), value.c_str());
+        }
+    }
+    return r < 0 ? r : sd_bus_message_close_container(signal);
+}
+
+int send_signal(const ChangeNotifier *notifier, const char *service, const char *object_path,
+                const char *interface, const char *entry_path, bool is_change)
+{
+    g_autoptr(sd_bus_message) signal = nullptr;
+    int r = sd_bus_message_new_signal(notifier->bus, &signal, notifier->path.c_str(),
+                                      INTERFACE_NAME, "EntryChanged");
+    if (r >= 0) {
+        r = sd_bus_message_append(signal, "ssssb", service, object_path, interface, entry_path,
+                                  static_cast<int>(is_change));
+    }
+    if (r >= 0) {
+        r = append_values(notifier, signal);
+    }
+    return r < 0 ? r : sd_bus_send(notifier->bus, signal, nullptr);
+}
+
+} // namespace
+
+ChangeNotifier *change_notifier_new(const char *source_name, EventProducer *producer,
+                                    GError **error)
+{
+    const std::string path =
+        std::string("/com/vesk/ConfigurationChanges1/") + (source_name ? source_name : "");
+    /* The source is one element of the path; a "/" in its name would make it several. */
+    if (!source_name || strchr(source_name, '/') || sd_bus_object_path_is_valid(path.c_str()) <= 0) {
+        set_invalid(error, "the source of changes needs a name of letters, digits and underscores");
+        return nullptr;
+    }
+    if (!producer) {
+        set_invalid(error, "changes are announced on behalf of an event producer, and there is none");
+        return nullptr;
+    }
+    auto *notifier = new ChangeNotifier{};
+    notifier->path = path;
+    if (!connect_bus(notifier, error)) {
+        delete notifier;
+        return nullptr;
+    }
+    return notifier;
+}
+
+void change_notifier_free(ChangeNotifier *notifier)
+{
+    if (notifier) {
+        platform_bus_release(notifier->bus);
+        delete notifier;
+    }
+}
+
+/* The signal says with each change what it refers to, so all that a declaration can be is wrong. */
+bool change_notifier_declare(ChangeNotifier *notifier, const char *service, const char *object_path,
+                             const char *interface, GError **error)
+{
+    if (!notifier || !service || sd_bus_service_name_is_valid(service) <= 0 || !object_path ||
+        sd_bus_object_path_is_valid(object_path) <= 0 || !interface ||
+        sd_bus_interface_name_is_valid(interface) <= 0) {
+        return set_invalid(error, "changes refer to a service, an object path and an interface");
+    }
+    return true;
+}
+
+void change_notifier_begin_change(ChangeNotifier *notifier)
+{
+    if (notifier) {
+        notifier->has_change = true;
+        notifier->values.clear();
+    }
+}
+
+void change_notifier_append_pair(ChangeNotifier *notifier, const char *key, const char *value)
+{
+    if (notifier && key && value) {
+        g_autofree char *valid_key = platform_text_make_valid(key);
+        g_autofree char *valid_value = platform_text_make_valid(value);
+        notifier->values.emplace_back(valid_key, valid_value);
+    }
+}
+
+bool change_notifier_send(ChangeNotifier *notifier, const char *service, const char *object_path,
+                          const char *interface, const char *entry_path, bool is_change,
+                          GError **error)
+{
+    if (!notifier || !notifier->has_change || !service || !object_path || !interface ||
+        !entry_path) {
+        return set_invalid(error, "a change is begun, and refers to an entry, before it is sent");
+    }
+    if (!connect_bus(notifier, error)) {
+        return false;
+    }
+    const int r =
+        send_signal(notifier, service, object_path, interface, entry_path, is_change);
+    notifier->has_change = false;
+    notifier->values.clear();
+    if (r < 0) {
+        g_set_error_literal(error, PLATFORM_ERROR, -r, g_strerror(-r));
+        return false;
+    }
+    return true;
+}
