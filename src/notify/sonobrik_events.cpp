@@ -6,6 +6,7 @@
 #include "event_templates.h"
 #include "log_level.h"
 #include "platform/event_service.h"
+#include "sonobrik_param_events.h"
 
 namespace
 {
@@ -183,11 +184,12 @@ bool sonobrik_events_setup()
     state.event_ids_by_device = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr);
     device_utils_for_each_id(declare_playing_event);
     device_utils_for_each_id(declare_currently_playing_event);
-    return state.producer != nullptr;
+    return sonobrik_param_events_setup(state.producer);
 }
 
 void sonobrik_events_teardown()
 {
+    sonobrik_param_events_teardown();
     g_clear_pointer(&state.event_ids_by_device, g_hash_table_destroy);
     g_clear_pointer(&state.producer, event_service_close);
 }

@@ -4,6 +4,7 @@
 
 #include "../../src/notify/event_templates.h"
 #include "device_utils.h"
+#include "sonobrik_param_events.h"
 
 struct EventProducer {
     std::string name;
@@ -61,6 +62,17 @@ Event *prepare(const char *how, const EventProducer *producer, guint id)
 }
 
 } // namespace
+
+bool sonobrik_param_events_setup(EventProducer *producer)
+{
+    note("set up change notices of " + (producer ? producer->name : std::string("nobody")));
+    return !platform.change_notices_fail;
+}
+
+void sonobrik_param_events_teardown()
+{
+    note("tear down change notices");
+}
 
 bool device_utils_for_each_id(DeviceUtilsCallback callback)
 {

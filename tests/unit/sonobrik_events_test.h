@@ -25,6 +25,7 @@ struct Device {
 struct Platform {
     std::vector<Device> devices;
     bool open_fails = false;
+    bool change_notices_fail = false;
     bool prepare_fails = false;
     bool set_fails = false;
     bool playing_template_fails = false;

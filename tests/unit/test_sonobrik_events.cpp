@@ -22,13 +22,20 @@ TEST_F(SonobrikEvents, DeclaresAllPlayingEventsBeforeTheOthers)
                                 "list devices",
                                 "declare and notify CurrentlyPlaying 0 0 0 as 12",
                                 "declare and notify CurrentlyPlaying 3 3 1 as 13",
+                                "set up change notices of SonoBrikEvents",
                             }));
 }
 
-TEST_F(SonobrikEvents, FailsToSetUpWithoutAnEventSystem)
+TEST_F(SonobrikEvents, SetsUpTheChangeNoticesWithoutAnEventSystemToo)
 {
     platform.open_fails = true;
-    platform.devices = {{0, 0, 0}};
+    EXPECT_TRUE(sonobrik_events_setup());
+    EXPECT_EQ(take_calls().back(), "set up change notices of nobody");
+}
+
+TEST_F(SonobrikEvents, FailsToSetUpWithoutChangeNotices)
+{
+    platform.change_notices_fail = true;
     EXPECT_FALSE(sonobrik_events_setup());
 }
 
@@ -43,6 +50,7 @@ TEST_F(SonobrikEvents, DeclaresNothingWithoutAPlayingTemplate)
                                 "no template for Playing 1 1 0",
                                 "list devices",
                                 "declare and notify CurrentlyPlaying 1 1 0 as 10",
+                                "set up change notices of SonoBrikEvents",
                             }));
 }
 
@@ -57,6 +65,7 @@ TEST_F(SonobrikEvents, DeclaresNothingWithoutACurrentlyPlayingTemplate)
                                 "declare Playing 1 1 0 as 10",
                                 "list devices",
                                 "no template for CurrentlyPlaying 1 1 0",
+                                "set up change notices of SonoBrikEvents",
                             }));
 }
 
@@ -64,7 +73,7 @@ TEST_F(SonobrikEvents, ClosesTheProducerAtTheEnd)
 {
     set_up({{0, 0, 0}});
     sonobrik_events_teardown();
-    EXPECT_EQ(take_calls(), Calls({"close"}));
+    EXPECT_EQ(take_calls(), Calls({"tear down change notices", "close"}));
 }
 
 TEST_F(SonobrikEvents, ClosesTheProducerOnce)
@@ -73,7 +82,7 @@ TEST_F(SonobrikEvents, ClosesTheProducerOnce)
     sonobrik_events_teardown();
     take_calls();
     sonobrik_events_teardown();
-    EXPECT_EQ(take_calls(), Calls());
+    EXPECT_EQ(take_calls(), Calls({"tear down change notices"}));
 }
 
 TEST_F(SonobrikEventsState, SaysThatAnOutputPlays)
