@@ -58,6 +58,8 @@ int devices_changed(sd_bus_message *message, void *, sd_bus_error *)
 
 constexpr sd_bus_vtable method_table[] = {
     SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("AddClip", "sss", "i", sonobrik_add_clip, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("GetMetadata", "", "s", sonobrik_get_metadata, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("StartPlayingClip", "s", "s", sonobrik_play_clip_asynchronous,
                   SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD("PlayClip", "s", "s", sonobrik_play_clip_synchronous, SD_BUS_VTABLE_UNPRIVILEGED),

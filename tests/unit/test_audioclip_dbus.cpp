@@ -20,8 +20,12 @@ constexpr const char *OBJECT = "/com/vesk/Sonobrik";
 constexpr const char *INTERFACE = "com.vesk.Sonobrik";
 constexpr const char *DENIED = "org.freedesktop.DBus.Error.AccessDenied: Operation not permitted";
 
-constexpr const char *METHODS[] = {"StartPlayingClip", "PlayClip", "StopPlayingClip",
-                                   "SupportedFile"};
+constexpr const char *METHODS[] = {"AddClip",  "GetMetadata",     "StartPlayingClip",
+                                   "PlayClip", "StopPlayingClip", "SupportedFile"};
+
+/* Those that take one text. */
+constexpr const char *TEXT_METHODS[] = {"StartPlayingClip", "PlayClip", "StopPlayingClip",
+                                        "SupportedFile"};
 
 /* What the fakes below were asked, and what they answer. */
 struct World {
@@ -249,6 +253,15 @@ TEST_F(ServiceTest, IntrospectionListsTheMethodsForARefusedCallerToo)
     ASSERT_NE(begin, std::string::npos) << xml;
     const size_t end = xml.find(" </interface>", begin);
     EXPECT_EQ(xml.substr(begin, end - begin), R"( <interface name="com.vesk.Sonobrik">
+  <method name="AddClip">
+   <arg type="s" direction="in"/>
+   <arg type="s" direction="in"/>
+   <arg type="s" direction="in"/>
+   <arg type="i" direction="out"/>
+  </method>
+  <method name="GetMetadata">
+   <arg type="s" direction="out"/>
+  </method>
   <method name="StartPlayingClip">
    <arg type="s" direction="in"/>
    <arg type="s" direction="out"/>
@@ -366,6 +379,14 @@ TEST_F(ServiceTest, MethodsReachThePlayerAndTheDiscovery)
     EXPECT_EQ(world.inspected, Lines{"c"});
 }
 
+TEST_F(ServiceTest, MethodsReachTheClipStore)
+{
+    setup();
+    EXPECT_EQ(call(INTERFACE, "AddClip", g_variant_new("(sss)", "/etc/audioclips/a", "A", "audio")),
+              "(7,)");
+    EXPECT_EQ(call(INTERFACE, "GetMetadata", nullptr), "('[]',)");
+}
+
 TEST_F(ServiceTest, HeldCallerIsAnsweredBeforeTheOneWhoStops)
 {
     setup();
@@ -380,7 +401,7 @@ TEST_F(ServiceTest, HeldCallerIsAnsweredBeforeTheOneWhoStops)
 TEST_F(ServiceTest, ArgumentsOfOtherTypesAreRefused)
 {
     setup();
-    for (const char *method : METHODS) {
+    for (const char *method : TEXT_METHODS) {
         EXPECT_EQ(call(INTERFACE, method, g_variant_new("(i)", 5)),
                   std::string("org.freedesktop.DBus.Error.InvalidArgs: Invalid arguments 'i' to "
                               "call com.vesk.Sonobrik.") +
@@ -396,7 +417,7 @@ TEST_F(ServiceTest, ArgumentsOfOtherTypesAreRefused)
 TEST_F(ServiceTest, ArgumentThatSdBusRefusesIsAnswered)
 {
     setup();
-    for (const char *method : METHODS) {
+    for (const char *method : TEXT_METHODS) {
         EXPECT_EQ(call(INTERFACE, method, g_variant_new("(s)", "\xEF\xBF\xBE")),
                   std::string("com.vesk.Sonobrik.") + method +
                       ": Failed to parse parameter(s): Bad message.");
