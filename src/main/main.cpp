@@ -10,6 +10,8 @@
 #include "audioclip_dbus.h"
 #include "platform/log_redirect.h"
 #include "sonobrik_events.h"
+#include "sonobrik_osc.h"
+#include "sonobrik_parameters.h"
 
 namespace
 {
@@ -84,6 +86,15 @@ bool start(int *argc, char ***argv)
         return false;
     }
 
+    if (!sonobrik_osc_setup()) {
+        g_warning("%sFailed to add features to onscreencontrols.", "");
+    }
+
+    if (!sonobrik_parameters_setup()) {
+        g_critical("%sFailed to initialize sonobrik parameters.", "");
+        return false;
+    }
+
     if (audioclip_dbus_setup(audio_clip) < 0) {
         g_critical("%sFailed to setup the audioclip dbus service.", "");
         return false;
@@ -109,7 +120,9 @@ void stop()
         audio_clip_unref(clip);
     }
     audioclip_dbus_teardown();
+    sonobrik_parameters_teardown();
     sonobrik_events_teardown();
+    sonobrik_osc_teardown();
     remove_source(&spare_source_id);
     remove_source(&watchdog_source_id);
     g_clear_pointer(&main_loop, g_main_loop_unref);

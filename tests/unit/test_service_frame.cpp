@@ -17,6 +17,8 @@
 #include "audioclip_dbus.h"
 #include "platform/log_redirect.h"
 #include "sonobrik_events.h"
+#include "sonobrik_osc.h"
+#include "sonobrik_parameters.h"
 
 /*
  * The whole program runs in a death test. Whatever the frame calls writes "[CALL]" to standard
@@ -35,6 +37,8 @@ namespace
 struct Surroundings {
     bool loop_fails = false;
     bool clip_fails = false;
+    bool osc_result = true;
+    bool parameters_result = true;
     int dbus_result = 0;
     int watchdog_result = 0;
     uint64_t watchdog_usec = 0;
@@ -100,8 +104,11 @@ std::string literally(const std::string &text)
 
 const std::string setup_to_player = "[log_redirect sonobrik 24][loop_new][events_setup][signal 2]"
                                     "[signal 15][gst_init 2 --gst-version][clip_ref]";
-const std::string setup = setup_to_player + "[dbus_setup][watchdog_enabled 0]";
-const std::string teardown = "[clip_unref][dbus_teardown][events_teardown]";
+const std::string setup_to_parameters = setup_to_player + "[osc_setup][parameters_setup]";
+const std::string setup = setup_to_parameters + "[dbus_setup][watchdog_enabled 0]";
+const std::string teardown_without_player =
+    "[dbus_teardown][parameters_teardown][events_teardown][osc_teardown]";
+const std::string teardown = "[clip_unref]" + teardown_without_player;
 
 class ServiceFrame : public ::testing::Test
 {
@@ -150,6 +157,28 @@ AudioClip *audio_clip_ref()
 void audio_clip_unref(AudioClip *clip)
 {
     say(clip == &the_clip ? "clip_unref" : "clip_unref of something else");
+}
+
+bool sonobrik_osc_setup()
+{
+    say("osc_setup");
+    return surroundings.osc_result;
+}
+
+void sonobrik_osc_teardown()
+{
+    say("osc_teardown");
+}
+
+bool sonobrik_parameters_setup()
+{
+    say("parameters_setup");
+    return surroundings.parameters_result;
+}
+
+void sonobrik_parameters_teardown()
+{
+    say("parameters_teardown");
 }
 
 int audioclip_dbus_setup(AudioClip *clip)
@@ -269,21 +298,39 @@ TEST_F(ServiceFrame, EndsWithTheStatusOfAQuitRequest)
 TEST_F(ServiceFrame, EndsWith1WithoutAMainLoop)
 {
     surroundings.loop_fails = true;
-    expect_run(1, "[log_redirect sonobrik 24][loop_new][dbus_teardown][events_teardown]");
+    expect_run(1, "[log_redirect sonobrik 24][loop_new]" + teardown_without_player);
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutAPlayer)
 {
     surroundings.clip_fails = true;
-    expect_run(1, setup_to_player + "[8: Failed to initialize the audio clip struct.]"
-                                    "[dbus_teardown][events_teardown][loop_unref]");
+    expect_run(1, setup_to_player + "[8: Failed to initialize the audio clip struct.]" +
+                      teardown_without_player + "[loop_unref]");
+}
+
+TEST_F(ServiceFrame, GoesOnWithoutOnScreenControls)
+{
+    surroundings.osc_result = false;
+    surroundings.on_loop_run = quit_with(0);
+    expect_run(0, setup_to_player +
+                      "[osc_setup][16: Failed to add features to onscreencontrols.]"
+                      "[parameters_setup][dbus_setup][watchdog_enabled 0][loop_run]" +
+                      teardown + "[loop_unref]");
+}
+
+TEST_F(ServiceFrame, EndsWith1WithoutAClipStore)
+{
+    surroundings.parameters_result = false;
+    expect_run(1, setup_to_parameters + "[8: Failed to initialize sonobrik parameters.]" +
+                      teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutABusService)
 {
     surroundings.dbus_result = -1;
-    expect_run(1, setup_to_player + "[dbus_setup][8: Failed to setup the audioclip dbus service.]" +
-                      teardown + "[loop_unref]");
+    expect_run(1, setup_to_parameters +
+                      "[dbus_setup][8: Failed to setup the audioclip dbus service.]" + teardown +
+                      "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, TakesAPositiveResultOfTheBusServiceForSuccess)

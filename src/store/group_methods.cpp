@@ -1,0 +1,253 @@
+#include "group_methods.h"
+
+#include <cstring>
+
+#include "autoptr.h"
+#include "bus_text.h"
+#include "log_level.h"
+#include "sonobrik_dbus_method.h"
+#include "sonobrik_group.h"
+#include "sonobrik_osc.h"
+
+namespace
+{
+
+/* With the terminating zero: 255 bytes of text pass, though the warning names 256. It is meant so.
+ */
+constexpr size_t VALUE_SIZE = 256;
+
+bool add_configuration(sd_bus_message *message, sd_bus_message *reply)
+{
+    gint32 index = -1;
+    if (sd_bus_message_read(message, "i", &index) < 0) {
+        g_warning("%s%s, failed to parse incoming message", "", "sonobrik_group_add_configuration");
+        return false;
+    }
+    gint32 new_index = index;
+    if (!sonobrik_group_create_group(&new_index, nullptr, nullptr, nullptr)) {
+        g_info("%s%s failed to create new sonobrik group for index '%d'", "",
+               "sonobrik_group_add_configuration", index);
+        return false;
+    }
+    if (sd_bus_message_append(reply, "i", new_index) < 0) {
+        log_error("%s%s failed to add parameter index to the reply message", "",
+                  "sonobrik_group_add_configuration");
+        return false;
+    }
+    return true;
+}
+
+bool remove_configuration(sd_bus_message *message)
+{
+    gint32 index = -1;
+    if (sd_bus_message_read(message, "i", &index) < 0) {
+        g_warning("%s%s, failed to parse incoming message", "",
+                  "sonobrik_group_remove_configuration");
+        return false;
+    }
+    if (!sonobrik_group_remove_group(index)) {
+        g_info("%s%s Failed to remove parameter with index '%d'", "",
+               "sonobrik_group_remove_configuration", index);
+        return false;
+    }
+    return true;
+}
+
+bool get_configuration(sd_bus_message *message, sd_bus_message *reply)
+{
+    gint32 index = -1;
+    const char *name = nullptr;
+    if (sd_bus_message_read(message, "is", &index, &name) < 0) {
+        g_warning("%s%s, failed to parse incoming message", "", "sonobrik_group_get_configuration");
+        return false;
+    }
+    g_autoptr(SonobrikGroup) group = sonobrik_group_from_index(index);
+    if (!group) {
+        return false;
+    }
+    const char *value = sonobrik_group_get_property(group, name);
+    return value && sd_bus_message_append(reply, "s", name) >= 0 &&
+           sd_bus_message_append(reply, "v", "s", value) >= 0;
+}
+
+/*
+ * Reads the value of a property, a variant with an array of bytes, into the zero-filled `text`. A
+ * variant that holds something else leaves it empty, on purpose. Returns false, with a warning, for
+ * a value that is too long.
+ */
+bool read_value(sd_bus_message *message, const char *name, char (&text)[VALUE_SIZE])
+{
+    if (sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, "ay") <= 0) {
+        return true;
+    }
+    bool fits = true;
+    if (sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "y") > 0) {
+        guint8 byte = 0;
+        size_t length = 0;
+        while (fits && sd_bus_message_read_basic(message, SD_BUS_TYPE_BYTE, &byte) > 0) {
+            text[length++] = static_cast<char>(byte);
+            fits = length < VALUE_SIZE;
+        }
+        if (!fits) {
+            g_warning("%sThe value of property '%s' exceeds the limit of %d characters", "", name,
+                      static_cast<int>(VALUE_SIZE));
+        }
+        sd_bus_message_exit_container(message);
+    }
+    sd_bus_message_exit_container(message);
+    return fits;
+}
+
+bool set_configuration(sd_bus_message *message)
+{
+    gint32 index = -1;
+    const char *name = nullptr;
+    if (sd_bus_message_read(message, "is", &index, &name) < 0) {
+        g_warning("%s%s, failed to parse incoming message", "", "sonobrik_group_set_configuration");
+        return false;
+    }
+    char text[VALUE_SIZE] = {};
+    if (!read_value(message, name, text)) {
+        return false;
+    }
+    if (strcmp(name, "Name") != 0) {
+        g_warning("%sUnable to change value of property called '%s' for group number %d", "", name,
+                  index);
+        return false;
+    }
+    g_autoptr(SonobrikGroup) group = sonobrik_group_from_index(index);
+    return group && sonobrik_group_set_property(group, "Name", text);
+}
+
+/*
+ * Can all properties of the record be sent? A file that others wrote may hold a text that sd-bus
+ * refuses; it spoils its own entry only.
+ */
+bool can_be_sent(const SonobrikGroup *group)
+{
+    for (guint i = 0; i < SONOBRIK_GROUP_PROPERTY_COUNT; i++) {
+        const char *value = sonobrik_group_get_enum_property(group, i);
+        if (value && !bus_text_is_valid(value)) {
+            g_warning("%s%s can not send the %s of group number %d over the bus", "",
+                      "sonobrik_group_get_configurations", sonobrik_group_get_property_name(i),
+                      sonobrik_group_get_index(group));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool append_property(sd_bus_message *reply, const char *name, const char *value)
+{
+    return sd_bus_message_open_container(reply, SD_BUS_TYPE_DICT_ENTRY, "sv") >= 0 &&
+           sd_bus_message_append(reply, "sv", name, "s", value) >= 0 &&
+           sd_bus_message_close_container(reply) >= 0;
+}
+
+/* Returns false when a property is missing or cannot be appended: the whole reply then fails. */
+bool append_properties(sd_bus_message *reply, const SonobrikGroup *group)
+{
+    for (guint i = 0; i < SONOBRIK_GROUP_PROPERTY_COUNT; i++) {
+        const char *name = sonobrik_group_get_property_name(i);
+        const char *value = sonobrik_group_get_enum_property(group, i);
+        if (!name || !value || !append_property(reply, name, value)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* Appends the record's entry. A record without one is skipped; false fails the whole reply. */
+bool append_group(sd_bus_message *reply, const SonobrikGroup *group)
+{
+    const gint32 index = sonobrik_group_get_index(group);
+    if (index < 0 || !can_be_sent(group) ||
+        sd_bus_message_open_container(reply, SD_BUS_TYPE_DICT_ENTRY, "ia{sv}") < 0) {
+        return true;
+    }
+    if (sd_bus_message_append(reply, "i", index) < 0 ||
+        sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{sv}") < 0) {
+        sd_bus_message_close_container(reply);
+        return true;
+    }
+    if (!append_properties(reply, group)) {
+        return false;
+    }
+    sd_bus_message_close_container(reply);
+    sd_bus_message_close_container(reply);
+    return true;
+}
+
+bool get_configurations(sd_bus_message *reply)
+{
+    GSList *groups = sonobrik_group_get_parameter_list();
+    if (!groups) {
+        return false; /* an empty store fails the call, on purpose */
+    }
+    sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{ia{sv}}");
+    bool appended = true;
+    for (GSList *node = groups; node && appended; node = node->next) {
+        appended = append_group(reply, static_cast<SonobrikGroup *>(node->data));
+    }
+    sd_bus_message_close_container(reply);
+    sonobrik_group_release_parameter_list(&groups);
+    return appended;
+}
+
+/*
+ * The frame of every handler: answers the call with the reply that `work`, given that reply,
+ * filled, or with the error `error_name` if it returns false.
+ */
+template <typename Work>
+int answer(sd_bus_message *message, sd_bus_error *ret_error, const char *error_name, Work work)
+{
+    sonobrik_dbus_method state = {message, 0, error_name, ""};
+    g_autoptr(sd_bus_message) reply = sonobrik_dbus_method_new_reply(&state);
+    if (reply && work(reply)) {
+        sonobrik_dbus_method_set_successful(&state, true);
+    }
+    sonobrik_dbus_method_send_reply(&state, reply, ret_error);
+    return sonobrik_dbus_method_return_code(&state);
+}
+
+} // namespace
+
+int sonobrik_group_add_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
+{
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.AddConfiguration",
+                  [&](sd_bus_message *reply) { return add_configuration(message, reply); });
+}
+
+int sonobrik_group_remove_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
+{
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.RemoveConfiguration",
+                  [&](sd_bus_message *) { return remove_configuration(message); });
+}
+
+int sonobrik_group_get_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
+{
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.GetConfigurationEntry",
+                  [&](sd_bus_message *reply) { return get_configuration(message, reply); });
+}
+
+int sonobrik_group_set_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
+{
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.SetConfigurationEntry",
+                  [&](sd_bus_message *) { return set_configuration(message); });
+}
+
+int sonobrik_group_get_configurations(sd_bus_message *message, void *, sd_bus_error *ret_error)
+{
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.GetConfigurations",
+                  [](sd_bus_message *reply) { return get_configurations(reply); });
+}
+
+int sonobrik_group_sync(sd_bus_message *message, void *, sd_bus_error *ret_error)
+{
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.Sync", [](sd_bus_message *) {
+        if (!sonobrik_osc_update()) {
+            g_warning("%sFailed to update onscreencontrols while syncing parameters", "");
+        }
+        return true;
+    });
+}
