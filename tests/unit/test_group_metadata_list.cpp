@@ -1,0 +1,176 @@
+#include "sonobrik_group_metadata.h"
+
+#include <string>
+
+#include "failing_calls.h"
+#include "fake_discovery.h"
+#include "log_test.h"
+#include "store_folder.h"
+
+namespace
+{
+
+constexpr const char *NONCHARACTER = "\xEF\xBF\xBE"; /* U+FFFE */
+
+/* The metadata of all records that are stored. */
+class GroupMetadataList : public LogTest
+{
+  protected:
+    GroupMetadataList()
+    {
+        discovery = {};
+        discovery.found["/etc/audioclips/door.wav"] = {};
+    }
+
+    ~GroupMetadataList() override
+    {
+        EXPECT_EQ(discovery.handles, 0) << "a handle was kept";
+    }
+
+    static std::string reply_of_all()
+    {
+        g_autofree char *text = sonobrik_group_get_metadata();
+        return text ? text : "null pointer";
+    }
+
+    void expect_not_created(const std::string &location)
+    {
+        expect_log(G_LOG_LEVEL_WARNING,
+                   "Failed to create metadata for clip at location: " + location);
+    }
+
+    /* The record of this location, and no other, is left out. */
+    void expect_left_out(const std::string &location)
+    {
+        expect_log(LOG_LEVEL_ERROR, "Could not obtain metadata for clip at location: " + location);
+        expect_no_log();
+    }
+
+    StoreFolder store;
+    FailingCalls calls;
+};
+
+} // namespace
+
+TEST_F(GroupMetadataList, NoRecordsAreAnEmptyArray)
+{
+    EXPECT_EQ(reply_of_all(), "[]");
+    expect_no_log();
+}
+
+TEST_F(GroupMetadataList, AllRecordsAreRepliedCompact)
+{
+    StoreFolder::write(
+        "M4.json", record_file("/etc/audioclips/door.wav", "A \\\"d\\\" \xC3\xBC", "audio", VALID));
+    EXPECT_EQ(reply_of_all(),
+              "[{\"4\":{\"name\":\"A \\\"d\\\" \xC3\xBC\",\"fileName\":\"door.wav\","
+              "\"mediaTypes\":[\"audio/x-wav\"],\"size\":5,\"duration\":50}}]");
+    expect_no_log();
+}
+
+TEST_F(GroupMetadataList, RecordsAreRepliedInTheFoldersOrder)
+{
+    std::string expected;
+    for (const int index : {3, 11, 0, 7, 5, 12, 1, 9, 2}) {
+        StoreFolder::write("M" + std::to_string(index) + ".json",
+                           record_file("/a", "A", "audio", VALID));
+    }
+    for (const std::string &name : StoreFolder::names()) {
+        expected += (expected.empty() ? "[{\"" : ",{\"") + name.substr(1, name.find('.') - 1) +
+                    R"(":{"name":"A","fileName":"a","mediaTypes":["audio/x-wav"],"size":5,)"
+                    R"("duration":50}})";
+    }
+    EXPECT_EQ(reply_of_all(), expected + "]");
+}
+
+TEST_F(GroupMetadataList, NewRecordIsComputedAndItsFileWritten)
+{
+    StoreFolder::write("M4.json", record_file("/etc/audioclips/door.wav", "Door", "audio"));
+    EXPECT_EQ(reply_of_all(), R"([{"4":{"name":"Door","fileName":"door.wav",)"
+                              R"("mediaTypes":["audio/x-wav"],"size":5,"duration":50}}])");
+    EXPECT_EQ(StoreFolder::read("M4.json"),
+              record_file("/etc/audioclips/door.wav", "Door", "audio", VALID_FILE_METADATA));
+    expect_no_log();
+}
+
+TEST_F(GroupMetadataList, MissingClipIsLeftOutAmongGoodOnes)
+{
+    StoreFolder::write("M1.json", record_file("/gone.wav", "Gone", "audio"));
+    StoreFolder::write("M4.json", record_file("/etc/audioclips/door.wav", "Door", "audio"));
+    EXPECT_EQ(reply_of_all(), R"([{"4":{"name":"Door","fileName":"door.wav",)"
+                              R"("mediaTypes":["audio/x-wav"],"size":5,"duration":50}}])");
+    expect_log(G_LOG_LEVEL_WARNING, "Could not get metadata for location: /gone.wav");
+    expect_not_created("/gone.wav");
+    expect_left_out("/gone.wav");
+    EXPECT_EQ(StoreFolder::read("M1.json"), record_file("/gone.wav", "Gone", "audio"));
+}
+
+TEST_F(GroupMetadataList, RecordBeyondTheBoundIsRepliedFromItsFileButNotComputed)
+{
+    StoreFolder::write("M99.json", record_file("/a", "A", "audio", VALID));
+    StoreFolder::write("M98.json", record_file("/etc/audioclips/door.wav", "Door", "audio"));
+    EXPECT_EQ(reply_of_all(), R"([{"99":{"name":"A","fileName":"a",)"
+                              R"("mediaTypes":["audio/x-wav"],"size":5,"duration":50}}])");
+    expect_log(G_LOG_LEVEL_WARNING, "sonobrik_group_conf_get_file_path invalid index '98'");
+    expect_log(LOG_LEVEL_ERROR, "sonobrik_group_save failed to save json object");
+    expect_log(LOG_LEVEL_ERROR, "Failed to save valid media metadata");
+    expect_not_created("/etc/audioclips/door.wav");
+    expect_left_out("/etc/audioclips/door.wav");
+}
+
+/* Texts that Jansson reads and sd-bus refuses. */
+
+TEST_F(GroupMetadataList, NameThatTheBusRefusesSpoilsItsOwnEntryOnly)
+{
+    StoreFolder::write("M1.json", record_file("/a", NONCHARACTER, "audio", VALID));
+    StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
+    EXPECT_EQ(reply_of_all(), R"([{"4":{"name":"A","fileName":"a",)"
+                              R"("mediaTypes":["audio/x-wav"],"size":5,"duration":50}}])");
+    expect_left_out("/a");
+}
+
+TEST_F(GroupMetadataList, FileNameThatTheBusRefusesSpoilsItsOwnEntryOnly)
+{
+    const std::string location = std::string("/a/") + NONCHARACTER;
+    StoreFolder::write("M1.json", record_file(location, "N", "audio", VALID));
+    EXPECT_EQ(reply_of_all(), "[]");
+    expect_left_out(location);
+}
+
+TEST_F(GroupMetadataList, MediaTypeThatTheBusRefusesSpoilsItsOwnEntryOnly)
+{
+    StoreFolder::write(
+        "M1.json",
+        record_file("/a", "N", "audio", R"({"mediaTypes":{"\uFFFE":1},"size":5,"duration":50})"));
+    EXPECT_EQ(reply_of_all(), "[]");
+    expect_left_out("/a");
+}
+
+TEST_F(GroupMetadataList, TextThatIsNotRepliedMayBeAnything)
+{
+    StoreFolder::write("M1.json",
+                       record_file(std::string("/") + NONCHARACTER + "/a", "A", NONCHARACTER,
+                                   R"({"mediaTypes":[],"size":5,"duration":50,"\uFFFE":1})"));
+    EXPECT_EQ(reply_of_all(),
+              R"([{"1":{"name":"A","fileName":"a","mediaTypes":[],"size":5,"duration":50}}])");
+    expect_no_log();
+}
+
+/* Out of memory. */
+
+TEST_F(GroupMetadataList, NoArrayIsNoReply)
+{
+    StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
+    calls.fail("json_array");
+    EXPECT_EQ(sonobrik_group_get_metadata(), nullptr);
+    expect_no_log();
+}
+
+TEST_F(GroupMetadataList, ObjectThatCannotBeAppendedIsLeftOut)
+{
+    StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
+    calls.fail("json_array_append_new");
+    EXPECT_EQ(reply_of_all(), "[]");
+    expect_log(LOG_LEVEL_ERROR, "Failed to append metadata");
+    expect_no_log();
+}
