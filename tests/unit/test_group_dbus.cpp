@@ -1,0 +1,255 @@
+#include "group_dbus.h"
+
+#include <string>
+#include <vector>
+
+#include "failing_calls.h"
+#include "group_methods.h"
+#include "private_bus.h"
+#include "served_bus.h"
+
+namespace
+{
+
+constexpr const char *SERVICE = "com.vesk.Sonobrik.Legacy";
+constexpr const char *OBJECT = "/com/vesk/Sonobrik";
+constexpr const char *INTERFACE = "com.vesk.Configuration.Legacy";
+
+std::vector<std::string> handled; /* the methods whose handlers ran */
+
+int answer(sd_bus_message *call, const char *method, const char *types)
+{
+    handled.emplace_back(method);
+    if (*types == 'i') {
+        return sd_bus_reply_method_return(call, types, 7);
+    }
+    if (*types == 'a') {
+        return sd_bus_reply_method_return(call, types, 1, 7, 1, "Name", "s", "Door");
+    }
+    if (*types == 's') {
+        return sd_bus_reply_method_return(call, types, "Name", "s", "Door");
+    }
+    return sd_bus_reply_method_return(call, types);
+}
+
+class GroupDbus : public BusTest
+{
+  protected:
+    GroupDbus()
+    {
+        handled.clear();
+    }
+
+    ~GroupDbus() override
+    {
+        sonobrik_group_dbus_teardown();
+    }
+
+    std::string call(const std::string &method, GVariant *arguments = nullptr,
+                     const std::string &object = OBJECT, const std::string &interface = INTERFACE)
+    {
+        return bus_call(stranger, SERVICE, object, interface, method, arguments);
+    }
+
+    bool has_owner()
+    {
+        return bus_call(stranger, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                        "org.freedesktop.DBus", "NameHasOwner",
+                        g_variant_new("(s)", SERVICE)) == "(true,)";
+    }
+
+    /* The bus learns of the end of a connection in its own time. */
+    bool loses_owner()
+    {
+        return run_until([this] { return !has_owner(); });
+    }
+};
+
+} // namespace
+
+int sonobrik_group_add_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    EXPECT_EQ(user_data, nullptr);
+    return answer(message, "AddConfiguration", "i");
+}
+
+int sonobrik_group_remove_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    EXPECT_EQ(user_data, nullptr);
+    return answer(message, "RemoveConfiguration", "");
+}
+
+int sonobrik_group_get_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    EXPECT_EQ(user_data, nullptr);
+    return answer(message, "GetConfigurationEntry", "sv");
+}
+
+int sonobrik_group_set_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    EXPECT_EQ(user_data, nullptr);
+    return answer(message, "SetConfigurationEntry", "");
+}
+
+int sonobrik_group_get_configurations(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    EXPECT_EQ(user_data, nullptr);
+    return answer(message, "GetConfigurations", "a{ia{sv}}");
+}
+
+int sonobrik_group_sync(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    EXPECT_EQ(user_data, nullptr);
+    return answer(message, "Sync", "");
+}
+
+TEST_F(GroupDbus, EachMethodHasItsHandler)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_EQ(call("AddConfiguration", g_variant_new("(i)", -1)), "(7,)");
+    EXPECT_EQ(call("RemoveConfiguration", g_variant_new("(i)", 3)), "()");
+    EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(is)", 3, "Name")),
+              "('Name', <'Door'>)");
+    EXPECT_EQ(call("SetConfigurationEntry",
+                   g_variant_new("(isv)", 3, "Name", g_variant_new_bytestring("Bell"))),
+              "()");
+    EXPECT_EQ(call("GetConfigurations"), "({7: {'Name': <'Door'>}},)");
+    EXPECT_EQ(call("Sync"), "()");
+    const std::vector<std::string> expected = {"AddConfiguration",      "RemoveConfiguration",
+                                               "GetConfigurationEntry", "SetConfigurationEntry",
+                                               "GetConfigurations",     "Sync"};
+    EXPECT_EQ(handled, expected);
+    expect_no_log();
+}
+
+TEST_F(GroupDbus, InterfaceIsDescribedToTheLetter)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    const std::string text =
+        call("Introspect", nullptr, OBJECT, "org.freedesktop.DBus.Introspectable");
+    const size_t begin = text.find(" <interface name=\"com.vesk.Configuration.Legacy\">");
+    ASSERT_NE(begin, std::string::npos) << text;
+    const std::string end = "</interface>";
+    EXPECT_EQ(text.substr(begin, text.find(end, begin) - begin + end.size()),
+              R"( <interface name="com.vesk.Configuration.Legacy">\n)"
+              R"(  <method name="AddConfiguration">\n)"
+              R"(   <arg type="i" direction="in"/>\n)"
+              R"(   <arg type="i" direction="out"/>\n)"
+              R"(  </method>\n)"
+              R"(  <method name="RemoveConfiguration">\n)"
+              R"(   <arg type="i" direction="in"/>\n)"
+              R"(  </method>\n)"
+              R"(  <method name="GetConfigurationEntry">\n)"
+              R"(   <arg type="i" direction="in"/>\n)"
+              R"(   <arg type="s" direction="in"/>\n)"
+              R"(   <arg type="v" direction="out"/>\n)"
+              R"(  </method>\n)"
+              R"(  <method name="SetConfigurationEntry">\n)"
+              R"(   <arg type="i" direction="in"/>\n)"
+              R"(   <arg type="s" direction="in"/>\n)"
+              R"(   <arg type="v" direction="in"/>\n)"
+              R"(  </method>\n)"
+              R"(  <method name="GetConfigurations">\n)"
+              R"(   <arg type="a{ia{sv}}" direction="out"/>\n)"
+              R"(  </method>\n)"
+              R"(  <method name="Sync">\n)"
+              R"(  </method>\n)"
+              R"( </interface>)");
+}
+
+/* The call of GetConfigurationEntry that is answered ahead of the table. */
+
+TEST_F(GroupDbus, EntryAskedForWithOtherArgumentsIsLeftToTheTable)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(s)", "Name")),
+              "org.freedesktop.DBus.Error.InvalidArgs: Invalid arguments 's' to call "
+              "com.vesk.Configuration.Legacy.GetConfigurationEntry(), expecting 'is'.");
+    EXPECT_TRUE(handled.empty());
+}
+
+TEST_F(GroupDbus, EntryOfAnotherObjectIsUnknown)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(is)", 3, "Name"), "/com/vesk"),
+              "org.freedesktop.DBus.Error.UnknownObject: Unknown object '/com/vesk'.");
+    EXPECT_TRUE(handled.empty());
+}
+
+TEST_F(GroupDbus, EntryOfAnotherInterfaceIsUnknown)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(is)", 3, "Name"), OBJECT,
+                   "com.vesk.Sonobrik"),
+              "org.freedesktop.DBus.Error.UnknownMethod: Unknown method GetConfigurationEntry or "
+              "interface com.vesk.Sonobrik.");
+    EXPECT_TRUE(handled.empty());
+}
+
+TEST_F(GroupDbus, OtherMemberWithTheSameArgumentsIsUnknown)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_EQ(call("GetConfigurationEntries", g_variant_new("(is)", 3, "Name")),
+              "org.freedesktop.DBus.Error.UnknownMethod: Unknown method GetConfigurationEntries or "
+              "interface com.vesk.Configuration.Legacy.");
+    EXPECT_TRUE(handled.empty());
+}
+
+TEST_F(GroupDbus, SignalIsNoCall)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_TRUE(g_dbus_connection_emit_signal(stranger, SERVICE, OBJECT, INTERFACE,
+                                              "GetConfigurationEntry",
+                                              g_variant_new("(is)", 3, "Name"), nullptr));
+    settle(stranger, SERVICE);
+    EXPECT_TRUE(handled.empty());
+}
+
+TEST_F(GroupDbus, EntryAskedForWithoutAnInterfaceIsLeftToTheTable)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    for (const char *method : {"GetConfigurationEntry", "Sync"}) {
+        PendingCall pending(stranger, SERVICE, OBJECT, nullptr, method,
+                            g_variant_new("(is)", 3, "Name"));
+        EXPECT_EQ(pending.wait(), "org.freedesktop.DBus.Error.UnknownObject: Unknown object "
+                                  "'/com/vesk/Sonobrik'.");
+    }
+    EXPECT_TRUE(handled.empty());
+}
+
+/* Coming and going. */
+
+TEST_F(GroupDbus, NameIsOwnedFromSetupToTeardown)
+{
+    EXPECT_FALSE(has_owner());
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    EXPECT_TRUE(has_owner());
+    sonobrik_group_dbus_teardown();
+    EXPECT_TRUE(loses_owner());
+    expect_no_log();
+}
+
+TEST_F(GroupDbus, MissingBusFailsTheSetup)
+{
+    FailingCalls calls;
+    calls.fail("sd_bus_open_system", 0, -ENOENT);
+    EXPECT_FALSE(sonobrik_group_dbus_setup());
+    expect_log(LOG_LEVEL_ERROR, "Failed to connect to system bus: No such file or directory.");
+    expect_log(LOG_LEVEL_ERROR, "Failed to connect to the system bus");
+    expect_no_log();
+}
+
+TEST_F(GroupDbus, FailureAfterTheConnectionFailsTheSetup)
+{
+    for (const char *function : {"sd_bus_add_object_vtable", "sd_bus_add_filter"}) {
+        FailingCalls calls;
+        calls.fail(function, 0, -ENOMEM);
+        EXPECT_FALSE(sonobrik_group_dbus_setup()) << function;
+        expect_log(LOG_LEVEL_ERROR, "Failed to setup the dbus object /com/vesk/Sonobrik: Cannot "
+                                    "allocate memory.");
+        expect_no_log();
+        EXPECT_TRUE(has_owner()) << "the connection stays until the teardown";
+        sonobrik_group_dbus_teardown();
+        EXPECT_TRUE(loses_owner());
+    }
+}
