@@ -1,0 +1,211 @@
+#include "sonobrik_osc.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "failing_calls.h"
+#include "osc_document.h"
+#include "played_controls.h"
+#include "private_bus.h"
+
+namespace
+{
+
+const char *document; /* null: it cannot be made */
+int documents;
+
+class SonobrikOsc : public BusTest
+{
+  protected:
+    SonobrikOsc()
+    {
+        document = R"({"name":"playClip"})";
+        documents = 0;
+    }
+
+    ~SonobrikOsc() override
+    {
+        sonobrik_osc_teardown();
+    }
+
+    /* The step of this number failed. */
+    void expect_failure(int number, const std::string &text)
+    {
+        expect_log(LOG_LEVEL_ERROR, "Failed to execute sd-bus command (line " +
+                                        std::to_string(number) + "): " + text);
+        expect_no_log();
+    }
+
+    FailingCalls calls;
+};
+
+constexpr const char *REQUEST = "com.vesk.Onscreencontrols1 /com/vesk/Onscreencontrols1 "
+                                "com.vesk.Onscreencontrols1.AddFeatures "
+                                R"(('en-us', 'English', '{"name":"playClip"}', @a{sv} {}))";
+
+} // namespace
+
+char *osc_document_new()
+{
+    documents++;
+    return document ? strdup(document) : nullptr;
+}
+
+TEST_F(SonobrikOsc, FeaturesAreAdded)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(controls.requests(), std::vector<std::string>{REQUEST});
+    expect_no_log();
+}
+
+TEST_F(SonobrikOsc, SetupAddsTheFeatures)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_setup());
+    EXPECT_EQ(controls.requests(), std::vector<std::string>{REQUEST});
+}
+
+TEST_F(SonobrikOsc, AnswerMayHoldAnything)
+{
+    PlayedControls controls(bus);
+    controls.answer = PlayedControls::Answer::TEXT;
+    EXPECT_TRUE(sonobrik_osc_update());
+    expect_no_log();
+}
+
+TEST_F(SonobrikOsc, CallWaitsForTheBussTimeOut)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(calls.call_timeout, 0U);
+}
+
+TEST_F(SonobrikOsc, ErrorOfTheServiceIsLogged)
+{
+    PlayedControls controls(bus);
+    controls.answer = PlayedControls::Answer::ERROR;
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_failure(135, "Permission denied");
+    EXPECT_EQ(controls.requests().size(), 1U);
+}
+
+TEST_F(SonobrikOsc, MissingServiceIsLogged)
+{
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_failure(135, "No route to host");
+}
+
+TEST_F(SonobrikOsc, SetupReportsAMissingService)
+{
+    EXPECT_FALSE(sonobrik_osc_setup());
+    expect_failure(135, "No route to host");
+}
+
+TEST_F(SonobrikOsc, ServiceThatAppearsLaterIsReached)
+{
+    EXPECT_FALSE(sonobrik_osc_update());
+    clear_log();
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(controls.requests().size(), 1U);
+    EXPECT_EQ(calls.count("sd_bus_open_system"), 1);
+    expect_no_log();
+}
+
+TEST_F(SonobrikOsc, SecondUpdateReusesTheConnectionAndMakesTheDocumentAnew)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    document = "{}";
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(calls.count("sd_bus_open_system"), 1);
+    EXPECT_EQ(documents, 2);
+    ASSERT_EQ(controls.requests().size(), 2U);
+    EXPECT_NE(controls.requests()[1].find("'{}'"), std::string::npos);
+    EXPECT_EQ(controls.callers().size(), 1U);
+}
+
+TEST_F(SonobrikOsc, MissingBusIsLogged)
+{
+    calls.fail("sd_bus_open_system", 0, -ENOENT);
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_log(LOG_LEVEL_ERROR, "Failed to connect to the system bus.");
+    expect_no_log();
+    EXPECT_EQ(documents, 0);
+}
+
+TEST_F(SonobrikOsc, BusThatAppearsLaterIsUsed)
+{
+    PlayedControls controls(bus);
+    calls.fail("sd_bus_open_system", 1, -ENOENT);
+    EXPECT_FALSE(sonobrik_osc_update());
+    clear_log();
+    EXPECT_TRUE(sonobrik_osc_update());
+}
+
+TEST_F(SonobrikOsc, NothingIsSentWithoutADocument)
+{
+    PlayedControls controls(bus);
+    document = nullptr;
+    EXPECT_FALSE(sonobrik_osc_update());
+    EXPECT_EQ(calls.count("sd_bus_message_new_method_call"), 0);
+    EXPECT_TRUE(controls.requests().empty());
+    expect_no_log();
+}
+
+TEST_F(SonobrikOsc, EachStepThatFailsHasItsNumber)
+{
+    PlayedControls controls(bus);
+    const struct {
+        const char *function;
+        int number;
+    } steps[] = {{"sd_bus_message_new_method_call", 119},
+                 {"sd_bus_message_append", 127},
+                 {"sd_bus_message_close_container", 132},
+                 {"sd_bus_call", 135}};
+    for (const auto &step : steps) {
+        calls.fail(step.function, 1, -ENOMEM);
+        EXPECT_FALSE(sonobrik_osc_update()) << step.function;
+        expect_failure(step.number, "Cannot allocate memory");
+    }
+    EXPECT_TRUE(controls.requests().empty());
+    EXPECT_TRUE(sonobrik_osc_update()) << "the connection was kept";
+    EXPECT_EQ(calls.count("sd_bus_open_system"), 1);
+}
+
+TEST_F(SonobrikOsc, ContainerThatDoesNotOpenShowsAtItsEnd)
+{
+    PlayedControls controls(bus);
+    calls.fail("sd_bus_message_open_container");
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_failure(132, "Invalid argument");
+}
+
+TEST_F(SonobrikOsc, DocumentThatTheBusRefusesIsLogged)
+{
+    PlayedControls controls(bus);
+    document = "\xEF\xBF\xBE";
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_failure(127, "Invalid argument");
+}
+
+TEST_F(SonobrikOsc, TeardownEndsTheConnection)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    sonobrik_osc_teardown();
+    EXPECT_EQ(calls.count("sd_bus_flush_close_unref"), 1);
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(calls.count("sd_bus_open_system"), 2);
+    EXPECT_EQ(controls.callers().size(), 2U);
+}
+
+TEST_F(SonobrikOsc, TeardownWithoutAConnectionIsHarmless)
+{
+    sonobrik_osc_teardown();
+    sonobrik_osc_teardown();
+    expect_no_log();
+}
