@@ -9,7 +9,8 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
-from sandbox import Player, Sandbox, SandboxError, has_several_users  # noqa: E402 (found by the path above)
+from sandbox import (  # noqa: E402 (found by the path above)
+    Player, Sandbox, SandboxError, Store, has_several_users)
 
 
 def pytest_addoption(parser):
@@ -65,6 +66,12 @@ def daemon(sandbox):
 def player(sandbox, daemon):
     """The running daemon in `sandbox` as a caller and listener sees it."""
     return Player(sandbox.bus)
+
+
+@pytest.fixture
+def store(sandbox):
+    """The clips of a running daemon with its defaults."""
+    return Store(sandbox).start()
 
 
 @pytest.fixture(scope="module")

@@ -18,6 +18,7 @@ from .bus import Bus, BusError, Signal
 from .player import Player, describe_event, read_events
 from .process import Daemon, LogLine, Process
 from .recording import Event, Recording, Take
+from .store import Store
 from .wait import wait_until
 
 # Whom to call: bus name, object path, interface.
@@ -26,6 +27,6 @@ LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configurat
 
 __all__ = [
     "Bus", "BusError", "Daemon", "Event", "LEGACY", "LogLine", "PLAYBACK", "Player", "Process",
-    "Recording", "Sandbox", "SandboxError", "Signal", "Take", "clips", "describe_event",
+    "Recording", "Sandbox", "SandboxError", "Signal", "Store", "Take", "clips", "describe_event",
     "has_several_users", "read_events", "wait_until",
 ]

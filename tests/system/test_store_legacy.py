@@ -1,0 +1,247 @@
+"""The legacy configuration interface: its methods, replies and errors."""
+
+import xml.etree.ElementTree
+
+import pytest
+from sandbox import BusError
+from sandbox.store import (FOLDER, LEGACY_INTERFACE, LEGACY_NAME, NO_CONTROLS,
+                           NO_CONTROLS_FOR_SYNC, write_record)
+
+PATH = "/com/vesk/Sonobrik"
+
+METHODS = [
+    ("AddConfiguration", "i", "i"),
+    ("RemoveConfiguration", "i", ""),
+    ("GetConfigurationEntry", "is", "v"),
+    ("SetConfigurationEntry", "isv", ""),
+    ("GetConfigurations", "", "a{ia{sv}}"),
+    ("Sync", "", ""),
+]
+
+DOOR = write_record("/etc/audioclips/door.wav", "Door", "audio", {"volume": 7})
+
+
+def no_such_file(index):
+    return f"info: sonobrik_group_remove_group file '{FOLDER}/M{index}.json' does not exit"
+
+
+def not_removed(index):
+    return ("info: sonobrik_group_remove_configuration Failed to remove parameter with index "
+            f"'{index}'")
+
+
+def not_created(index):
+    return ("info: sonobrik_group_add_configuration failed to create new sonobrik group for index "
+            f"'{index}'")
+
+
+def invalid(index):
+    return f"warning: sonobrik_group_conf_get_file_path invalid index '{index}'"
+
+
+NO_INDEX = "warning: sonobrik_group_create_group invalid index or no more indexes available"
+
+
+def taken(index):
+    return f"warning: sonobrik_group_create_group a group with index {index} already exists"
+
+
+# How it describes itself, and what is none of its methods
+
+
+def split_signature(text):
+    return {"is": ["i", "s"], "isv": ["i", "s", "v"]}.get(text, [text] if text else [])
+
+
+def test_it_describes_its_methods_in_their_order(store):
+    node = xml.etree.ElementTree.fromstring(store.bus.introspect(LEGACY_NAME, PATH))
+    assert [child.get("name") for child in node] == [
+        "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable",
+        "org.freedesktop.DBus.Properties", LEGACY_INTERFACE]
+    assert [(method.tag, method.attrib) for method in node[-1]] == [
+        ("method", {"name": name}) for name, _, _ in METHODS]
+    for method, (_, inwards, outwards) in zip(node[-1], METHODS):
+        assert [(child.tag, child.attrib) for child in method] == (
+            [("arg", {"type": kind, "direction": "in"}) for kind in split_signature(inwards)]
+            + [("arg", {"type": kind, "direction": "out"}) for kind in split_signature(outwards)])
+
+
+def test_arguments_of_another_type_are_refused(store):
+    for member, wanted, _ in METHODS:
+        with pytest.raises(BusError) as error:
+            store.call(member, "(d)", 1.5)
+        assert error.value.name == "org.freedesktop.DBus.Error.InvalidArgs"
+        assert error.value.text == (f"Invalid arguments 'd' to call {LEGACY_INTERFACE}.{member}(), "
+                                    f"expecting '{wanted}'.")
+
+
+def test_an_entry_is_read_by_one_method_of_one_object(store):
+    store.write("M0.json", DOOR)
+    for path, interface, member, name in [
+            (PATH, LEGACY_INTERFACE, "getConfigurationEntry", "UnknownMethod"),
+            (PATH, "com.vesk.Sonobrik", "GetConfigurationEntry", "UnknownMethod"),
+            ("/com/vesk", LEGACY_INTERFACE, "GetConfigurationEntry", "UnknownObject"),
+            (PATH + "/0", LEGACY_INTERFACE, "GetConfigurationEntry", "UnknownObject")]:
+        with pytest.raises(BusError) as error:
+            store.bus.call(LEGACY_NAME, path, interface, member, "(is)", 0, "Name")
+        assert error.value.name == f"org.freedesktop.DBus.Error.{name}"
+
+
+def test_a_text_that_the_bus_passes_and_its_library_does_not_is_answered(store):
+    store.write("M0.json", DOOR)
+    store.fail("GetConfigurationEntry", "(is)", 0, "Name\ufffe")
+    store.fail("SetConfigurationEntry", "(isv)", 0, "Name\ufffe", store.make_bytes(b"a"))
+    assert store.take_log() == [
+        "warning: sonobrik_group_get_configuration, failed to parse incoming message",
+        "warning: sonobrik_group_set_configuration, failed to parse incoming message"]
+    assert store.read(0) == DOOR
+
+
+def test_nobody_is_refused(sandbox, store):
+    sandbox.set_access({"com.vesk.Sonobrik": {"users": "nobody"}})
+    assert store.call("AddConfiguration", "(i)", -1) == (0,)
+    assert store.call("GetConfigurationEntry", "(is)", 0, "Name") == ("Name", "")
+    store.rename(0, "Door")
+    assert store.call("GetConfigurations") == (
+        {0: {"Location": "", "Name": "Door", "Type": ""}},)
+    assert store.call("RemoveConfiguration", "(i)", 0) == ()
+    assert store.call("Sync") == ()
+
+
+# AddConfiguration
+
+
+def test_an_added_clip_is_empty(store):
+    assert store.call("AddConfiguration", "(i)", -1) == (0,)
+    assert store.read(0) == (
+        '{\n  "location": "",\n  "name": "",\n  "type": "",\n  "metadata": {}\n}')
+    assert store.list() == ["M0.json"]
+    assert store.take_log() == []
+
+
+def test_a_clip_is_added_at_the_lowest_free_index(store):
+    store.write("M0.json", DOOR)
+    store.write("M2.json", DOOR)
+    assert [store.call("AddConfiguration", "(i)", -1) for _ in range(3)] == [(1,), (3,), (4,)]
+
+
+def test_a_clip_is_added_at_the_index_that_is_asked_for(store):
+    assert store.call("AddConfiguration", "(i)", 99) == (99,)
+    assert store.call("AddConfiguration", "(i)", 7) == (7,)
+    assert sorted(store.list()) == ["M7.json", "M99.json"]
+
+
+def test_a_clip_is_not_added_where_one_is(store):
+    store.write("M7.json", DOOR)
+    store.fail("AddConfiguration", "(i)", 7)
+    assert store.take_log() == [taken(7), not_created(7)]
+    assert store.read(7) == DOOR
+
+
+def test_a_clip_is_not_added_out_of_bounds(store):
+    for index in (-2, 100, -2**31, 2**31 - 1):
+        store.fail("AddConfiguration", "(i)", index)
+        assert store.take_log() == [NO_INDEX, not_created(index)]
+    assert store.list() == []
+
+
+# RemoveConfiguration
+
+
+def test_a_removed_clip_is_gone(store):
+    store.write("M0.json", DOOR)
+    store.write("M1.json", DOOR)
+    reply = store.send("RemoveConfiguration", "(i)", 0)
+    assert (reply.wait(), reply.signature) == ((), "")
+    assert store.list() == ["M1.json"]
+    assert store.take_log() == []
+    store.fail("GetConfigurationEntry", "(is)", 0, "Name")
+
+
+def test_what_is_not_there_is_not_removed(store):
+    store.fail("RemoveConfiguration", "(i)", 3)
+    assert store.take_log() == [no_such_file(3), not_removed(3)]
+
+
+def test_what_is_out_of_bounds_is_not_removed(store):
+    for index in (-1, 100):
+        store.write(f"M{index}.json", DOOR)
+        store.fail("RemoveConfiguration", "(i)", index)
+        assert store.take_log() == [invalid(index), not_removed(index)]
+        assert store.read(index) == DOOR
+
+
+def test_what_cannot_be_removed_stays(store):
+    (store.folder / "M4.json").mkdir()
+    (store.folder / "M4.json/kept").touch()
+    store.fail("RemoveConfiguration", "(i)", 4)
+    assert store.take_log() == [
+        f"info: sonobrik_group_remove_group failed to remove file '{FOLDER}/M4.json'",
+        not_removed(4)]
+
+
+# GetConfigurationEntry
+
+
+def test_an_entry_answers_its_name_and_its_value(store):
+    store.write("M0.json", DOOR)
+    for name, value in [("Location", "/etc/audioclips/door.wav"), ("Name", "Door"),
+                        ("Type", "audio")]:
+        reply = store.send("GetConfigurationEntry", "(is)", 0, name)
+        assert (reply.wait(), reply.signature) == ((name, value), "sv")
+    assert store.take_log() == []
+
+
+def test_an_unknown_name_is_no_entry(store):
+    store.write("M0.json", DOOR)
+    for name in ("name", "NAME", "Name ", "Metadata", ""):
+        store.fail("GetConfigurationEntry", "(is)", 0, name)
+        assert store.take_log() == [f"warning: Invalid property '{name}'"]
+
+
+def test_a_missing_clip_has_no_entry(store):
+    store.fail("GetConfigurationEntry", "(is)", 5, "name")
+    assert store.take_log() == []
+
+
+def test_a_clip_out_of_bounds_has_no_entry(store):
+    for index in (-1, 100):
+        store.write(f"M{index}.json", DOOR)
+        store.fail("GetConfigurationEntry", "(is)", index, "Name")
+        assert store.take_log() == [invalid(index)]
+
+
+# GetConfigurations
+
+
+def test_no_clips_are_an_error(store):
+    store.fail("GetConfigurations")
+    assert store.take_log() == []
+
+
+def test_all_clips_are_listed_with_their_properties_in_order(store):
+    store.write("M0.json", DOOR)
+    store.write("M3.json", write_record("/x", "Glöckchen \"♫\"\n", ""))
+    reply = store.send("GetConfigurations")
+    listed, = reply.wait()
+    assert reply.signature == "a{ia{sv}}"
+    assert {index: list(properties.items()) for index, properties in listed.items()} == {
+        0: [("Location", "/etc/audioclips/door.wav"), ("Name", "Door"), ("Type", "audio")],
+        3: [("Location", "/x"), ("Name", "Glöckchen \"♫\"\n"), ("Type", "")]}
+    assert store.take_log() == []
+
+
+def test_clips_are_listed_in_the_order_of_the_folder(store):
+    for index in (9, 3, 14, 0, 27, 8, 61, 40, 2, 99):
+        store.write(f"M{index}.json", DOOR)
+    listed, = store.call("GetConfigurations")
+    assert [f"M{index}.json" for index in listed] == store.list()
+
+
+# Sync
+
+
+def test_sync_succeeds_without_on_screen_controls(store):
+    reply = store.send("Sync")
+    assert (reply.wait(), reply.signature) == ((), "")
+    assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_SYNC]
