@@ -3,6 +3,7 @@
 import dataclasses
 import json
 import os
+import pathlib
 import re
 import select
 import signal
@@ -90,6 +91,17 @@ class Process:
         self.expected = True
         if self.is_running and self.pid:
             os.kill(self.pid, number)
+
+    def open_folder(self, path):
+        """The folder `path` as the program sees it."""
+        return pathlib.Path(f"/proc/{self.pid}/root{path}")
+
+    def pause(self):
+        """Stops the program until go_on(); what it is sent meanwhile then is there at once."""
+        os.kill(self.pid, signal.SIGSTOP)
+
+    def go_on(self):
+        os.kill(self.pid, signal.SIGCONT)
 
     def wait_exit(self, deadline=20):
         """The exit status, 128 + the signal's number if one ended it. All lines are read then."""

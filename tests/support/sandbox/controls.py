@@ -1,0 +1,81 @@
+"""The device's on-screen controls service, played by python-dbusmock, and a look at the bus."""
+
+import json
+
+from .wait import wait_until
+
+NAME = "com.vesk.Onscreencontrols1"
+PATH = "/com/vesk/Onscreencontrols1"
+
+# Tells that it was asked, and answers once it is let. The test's folder is the mock's /tmp.
+SILENCE = """
+open("/tmp/asked", "a").write("x")
+while not os.path.exists("/tmp/answer"):
+    time.sleep(0.01)
+"""
+
+REFUSAL = "raise dbus.exceptions.DBusException('no room', name='com.vesk.Error.Full')"
+
+
+class Controls:
+    """The service, which takes all features that it is given, in `sandbox`."""
+
+    def __init__(self, sandbox):
+        self._bus = sandbox.bus
+        self._asked = sandbox.folder / "tmp/asked"
+        self._answer = sandbox.folder / "tmp/answer"
+        self.process = sandbox.start_mock(NAME, PATH, NAME)
+        self._reply_with("")
+
+    def _reply_with(self, code):
+        self._call("AddMethod", "(sssss)", NAME, "AddFeatures", "sssa{sv}", "", code)
+
+    def _call(self, method, signature, *args):
+        return self._bus.call(NAME, PATH, "org.freedesktop.DBus.Mock", method, signature, *args)
+
+    def refuse(self):
+        """Answers with an error from now on."""
+        self._reply_with(REFUSAL)
+
+    def hold(self):
+        """Does not answer from now on, until release()."""
+        self._asked.unlink(missing_ok=True)
+        self._answer.unlink(missing_ok=True)
+        self._reply_with(SILENCE)
+
+    def wait_asked(self):
+        """Waits until the daemon waits for an answer that is held."""
+        wait_until(self._asked.exists, 20, "the on-screen controls are asked")
+
+    def release(self):
+        self._answer.touch()
+
+    @property
+    def calls(self):
+        """The arguments of all calls so far."""
+        return [args for _, args in self._call("GetMethodCalls", "(s)", "AddFeatures")[0]]
+
+    @property
+    def clips(self):
+        """The clips that may be chosen from since the last call: (name, number)."""
+        play = json.loads(self.calls[-1][2])["features"][0]
+        return [(value["niceName"], value["value"])
+                for value in play["parameters"]["clip"]["values"]]
+
+
+class Monitor:
+    """The messages on the bus that match a rule, from now on, as they are on the wire."""
+
+    def __init__(self, sandbox, *rules):
+        self._output = sandbox.folder / "tmp/monitor"
+        matches = " ".join(f"--match={rule}" for rule in rules)
+        monitor = sandbox.spawn(["sh", "-c", "exec busctl monitor --system --json=short "
+                                             f"{matches} >/tmp/monitor"])
+        wait_until(lambda: monitor.lines, 20, "the bus is watched")
+
+    def wait(self, count):
+        """Waits for this many messages and returns what is known of them."""
+        def read():
+            lines = self._output.read_text().split("\n")[:-1]
+            return [json.loads(line) for line in lines] if len(lines) >= count else None
+        return wait_until(read, 20, f"there are {count} messages")

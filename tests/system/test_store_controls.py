@@ -1,0 +1,254 @@
+"""The on-screen controls: what they are told, when, and what their silence costs whom."""
+
+import pytest
+from sandbox import Player, Store, clips, wait_until
+from sandbox.bus import DRIVER
+from sandbox.controls import Controls, Monitor
+from sandbox.store import (LEGACY_NAME, NO_CONTROLS, NO_CONTROLS_AT_START, NO_CONTROLS_FOR_CLIP,
+                           NO_CONTROLS_FOR_SYNC, write_record)
+
+NAME = "com.vesk.Sonobrik"
+FAILED = "error: Failed to execute sd-bus command (line 135): {}"
+
+DOCUMENT = (
+    '{"name":"playClip","niceName":"Play sono brik","featureGroups":[],"features":['
+    '{"user":["operator"],"info":"Select clip","name":"sonobrik","niceName":"Select clip",'
+    '"requestType":"GET","requestURL":"/vesk-cgi/sonobrik.cgi?action=play&clip={clip}",'
+    '"parameters":{"clip":{"niceName":"Clip","type":"multiOptions","values":[%s]}}},'
+    '{"user":["operator"],"info":"Stop clip","name":"stopclip","niceName":"Stop clip",'
+    '"requestType":"GET","requestURL":"/vesk-cgi/sonobrik.cgi?action=stop"}]}')
+
+
+@pytest.fixture
+def controls(sandbox):
+    return Controls(sandbox)
+
+
+@pytest.fixture
+def held_call(sandbox, controls):
+    """Starts the daemon, plays a long clip, and makes the controls silent."""
+    clip = sandbox.write_clip("long.wav", clips.noise(480000))
+    store = Store(sandbox).start()
+    reply = Player(sandbox.bus).send("PlayClip", clip.location)
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    controls.hold()
+    return store, reply
+
+
+def fence(bus):
+    """Returns when what the daemon had sent before it fell silent has been delivered."""
+    bus.call(*DRIVER, "GetId")
+
+
+# What they are told
+
+
+def test_they_are_told_at_the_start_over_the_wire(sandbox, controls):
+    monitor = Monitor(sandbox, "member=AddFeatures")
+    Store(sandbox).start()
+    call, = monitor.wait(1)
+    assert (call["type"], call["destination"], call["path"], call["interface"]) == (
+        "method_call", "com.vesk.Onscreencontrols1", "/com/vesk/Onscreencontrols1",
+        "com.vesk.Onscreencontrols1")
+    assert call["payload"] == {
+        "type": "sssa{sv}", "data": ["en-us", "English", DOCUMENT % "", {}]}
+    assert sandbox.daemon.texts == ["info: Vesk audiosink not supported"]
+
+
+def test_they_are_told_of_all_clips_in_the_order_of_the_folder(sandbox, controls):
+    store = Store(sandbox)
+    names = {4: "Door", 1: "Glöckchen \\\"♫\\\"", 12: "", 7: "Bell"}
+    for index, name in names.items():
+        store.write(f"M{index}.json", '{"location": "/x", "type": "", "name": "%s"}' % name)
+    store.start()
+    values = (f'{{"niceName":"{names[int(name[1:-5])]}","value":{name[1:-5]}}}'
+              for name in store.list())
+    assert controls.calls == [["en-us", "English", DOCUMENT % ",".join(values), {}]]
+
+
+def test_a_clip_whose_name_cannot_be_sent_is_left_out(sandbox, controls):
+    store = Store(sandbox)
+    store.write("M0.json", write_record("/x", "Door\ufffe"))
+    store.write("M1.json", write_record("/x", "Bell"))
+    store.start()
+    assert controls.clips == [("Bell", 1)]
+    assert sandbox.daemon.texts == [
+        "info: Vesk audiosink not supported",
+        "warning: sonobrik_osc_update can not send the name of group number 0 over the bus"]
+
+
+def test_only_an_added_clip_and_a_sync_tell_them_anew(sandbox, controls):
+    store = Store(sandbox).start()
+    assert store.call("AddConfiguration", "(i)", 3) == (3,)
+    store.rename(3, "Three")
+    store.call("GetConfigurations")
+    store.refuse_clip("/elsewhere", "x")
+    store.get_metadata()
+    assert len(controls.calls) == 1
+    store.call("Sync")
+    assert (len(controls.calls), controls.clips) == (2, [("Three", 3)])
+    store.call("RemoveConfiguration", "(i)", 3)
+    assert len(controls.calls) == 2
+    assert store.add_clip("/etc/audioclips/a.wav", "Zero") == 0
+    assert (len(controls.calls), controls.clips) == (3, [("Zero", 0)])
+    store.call("Sync")
+    assert len(controls.calls) == 4
+    assert NO_CONTROLS not in store.take_log()
+
+
+def test_one_connection_tells_them_each_time(sandbox, controls):
+    monitor = Monitor(sandbox, "member=AddFeatures")
+    store = Store(sandbox).start()
+    store.call("Sync")
+    store.add_clip("/etc/audioclips/a.wav")
+    assert len({call["sender"] for call in monitor.wait(3)}) == 1
+
+
+# When they are absent or refuse
+
+
+def test_without_them_the_daemon_serves(sandbox):
+    store = Store(sandbox).start()
+    assert sandbox.daemon.texts == [
+        "info: Vesk audiosink not supported", NO_CONTROLS, NO_CONTROLS_AT_START]
+    assert store.add_clip("/etc/audioclips/a.wav", "A") == 0
+    assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_CLIP]
+    assert store.call("Sync") == ()
+    assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_SYNC]
+    # They come later, and are told with the next occasion.
+    late = Controls(sandbox)
+    store.call("Sync")
+    assert late.clips == [("A", 0)]
+    assert store.take_log() == []
+
+
+def test_their_refusal_changes_no_reply(sandbox, controls):
+    controls.refuse()
+    store = Store(sandbox).start()
+    refused = FAILED.format("Input/output error")
+    assert sandbox.daemon.texts == [
+        "info: Vesk audiosink not supported", refused, NO_CONTROLS_AT_START]
+    assert store.add_clip("/etc/audioclips/a.wav") == 0
+    assert store.call("Sync") == ()
+    assert store.take_log() == [refused, NO_CONTROLS_FOR_CLIP, refused, NO_CONTROLS_FOR_SYNC]
+
+
+def test_their_end_before_the_answer_changes_no_reply(sandbox, controls):
+    store = Store(sandbox).start()
+    controls.hold()
+    sync = store.send("Sync")
+    controls.wait_asked()
+    controls.process.kill()
+    assert sync.wait() == ()
+    assert store.take_log()[-1] == NO_CONTROLS_FOR_SYNC
+
+
+def test_their_silence_ends_with_the_time_out_of_the_bus(sandbox, controls):
+    # 25 s if nothing else is said.
+    store = Store(sandbox).start(env={"SYSTEMD_BUS_TIMEOUT": "1"})
+    controls.hold()
+    assert store.add_clip("/etc/audioclips/a.wav") == 0
+    assert store.take_log() == [FAILED.format("Connection timed out"), NO_CONTROLS_FOR_CLIP]
+    controls.release()
+    store.call("Sync")
+    assert store.take_log() == []
+
+
+# When they are slow to answer
+
+
+def test_the_daemon_has_no_name_until_they_answer(sandbox, controls):
+    controls.hold()
+    sandbox.start_daemon(wait=False)
+    controls.wait_asked()
+    assert sandbox.bus.get_owner("com.vesk.Events1.SonoBrikEvents")
+    assert sandbox.bus.get_owner(LEGACY_NAME) is None
+    assert sandbox.bus.get_owner(NAME) is None
+    controls.release()
+    for name in (LEGACY_NAME, NAME):
+        wait_until(lambda: sandbox.bus.get_owner(name), 20, f"{name} has an owner")
+
+
+def test_an_added_clip_is_answered_after_they_are(sandbox, controls):
+    store = Store(sandbox).start()
+    controls.hold()
+    added = store.send_clip("/etc/audioclips/a.wav", "A")
+    controls.wait_asked()
+    fence(sandbox.bus)
+    assert not added.done
+    assert store.read(0) == write_record("/etc/audioclips/a.wav", "A", "audio")
+    controls.release()
+    assert added.wait() == (0,)
+
+
+def test_the_change_is_announced_before_they_are_told(sandbox, controls):
+    monitor = Monitor(sandbox, "member=AddFeatures", "member=EntryChanged")
+    store = Store(sandbox).start()
+    controls.hold()
+    added = store.send_clip("/etc/audioclips/a.wav", "A")
+    controls.wait_asked()
+    assert [message["member"] for message in monitor.wait(3)] == [
+        "AddFeatures", "EntryChanged", "AddFeatures"]
+    assert not added.done
+    controls.release()
+    assert added.wait() == (0,)
+
+
+def test_a_sync_is_answered_after_they_are(sandbox, controls):
+    store = Store(sandbox).start()
+    controls.hold()
+    sync = store.send("Sync")
+    controls.wait_asked()
+    fence(sandbox.bus)
+    assert not sync.done
+    controls.release()
+    assert sync.wait() == ()
+
+
+def test_a_held_caller_is_answered_while_they_keep_a_sync_waiting(sandbox, controls, held_call):
+    store, played = held_call
+    daemon = sandbox.daemon
+    daemon.pause()
+    # All three have arrived when the daemon goes on; the first of them makes Sync the second on
+    # its connection, so that the stop and Sync are one after the other.
+    first = store.send("GetConfigurations")
+    stopped = Player(sandbox.bus).send("StopPlayingClip")
+    sync = store.send("Sync")
+    fence(sandbox.bus)
+    daemon.go_on()
+    controls.wait_asked()
+    assert (played.wait(), stopped.wait()) == (("OK",), ("OK",))
+    assert first.done
+    assert not sync.done
+    controls.release()
+    assert sync.wait() == ()
+
+
+def test_a_held_caller_is_answered_while_they_keep_an_added_clip_waiting(sandbox, controls,
+                                                                         held_call):
+    store, played = held_call
+    daemon = sandbox.daemon
+    daemon.pause()
+    stopped = Player(sandbox.bus).send("StopPlayingClip")
+    added = store.send_clip("/etc/audioclips/a.wav")
+    fence(sandbox.bus)
+    daemon.go_on()
+    controls.wait_asked()
+    assert (played.wait(), stopped.wait()) == (("OK",), ("OK",))
+    assert not added.done
+    controls.release()
+    assert added.wait() == (0,)
+
+
+def test_a_clip_plays_on_while_they_keep_a_sync_waiting(sandbox, controls):
+    clip = sandbox.write_clip("a.wav", clips.noise(24000))
+    store = Store(sandbox).start()
+    played = Player(sandbox.bus).send("PlayClip", clip.location)
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    controls.hold()
+    sync = store.send("Sync")
+    controls.wait_asked()
+    wait_until(lambda: sandbox.card(0).takes[0].find(clip.samples) >= 0, 20, "it sounded")
+    assert not played.done
+    controls.release()
+    assert (sync.wait(), played.wait()) == ((), ("OK",))
