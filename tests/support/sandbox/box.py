@@ -115,6 +115,7 @@ class Sandbox:
         self.daemon = None
         self.notify = None
         self._processes = []
+        self._disks = {}
         self._namespace = find_namespace_options()
         self._make_files()
         # Paths into the sandbox by this descriptor are short enough for a socket's address.
@@ -172,6 +173,11 @@ class Sandbox:
         if isinstance(parameters, dict):
             parameters = "".join(f"{name}={value}\n" for name, value in parameters.items())
         self._replace(self.etc / "vesk/parameters.conf", parameters)
+
+    def set_disk(self, path, size):
+        """Gives each program that is started from now on an empty file system of its own at `path`,
+        which holds `size` bytes; Process.open_folder() looks into it."""
+        self._disks[path] = size
 
     def set_outputs(self, outputs):
         """The ALSA outputs, each on a sound card of card().
@@ -252,6 +258,8 @@ class Sandbox:
             command += ["--dev-bind", device, device]
         command += ["--bind", self.folder / "etc", "/etc", "--bind", self.folder / "run", "/run",
                     "--bind", self.folder / "tmp", "/tmp"]
+        for path, size in self._disks.items():
+            command += ["--size", size, "--tmpfs", path]
         # The tree may have stood below what is now covered, and where other users cannot go.
         for path in (ROOT, self.build_dir):
             command += ["--ro-bind", path, path]

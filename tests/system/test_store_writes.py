@@ -1,0 +1,179 @@
+"""Writes that fail, and writes that are cut off: the old file or the new one, never less."""
+
+import random
+
+import pytest
+from sandbox import Store, clips
+from sandbox.store import FOLDER, NO_CONTROLS, NO_CONTROLS_FOR_CLIP, write_record
+
+LOCATION = "/etc/audioclips/" + "x" * 50000  # so that a write takes its time
+
+NOT_SAVED = "error: sonobrik_group_save failed to save json object"
+NOT_RENAMED = "warning: sonobrik_group_set_enum_property Failed to update parameter"
+NOT_CREATED = "warning: sonobrik_group_create_group Failed to save the new parameter group"
+
+
+def not_written(index):
+    return (f"warning: json_utils_save_to_file failed to save json data to file "
+            f"'{FOLDER}/M{index}.json'")
+
+
+def not_added(index):
+    return ("info: sonobrik_group_add_configuration failed to create new sonobrik group for index "
+            f"'{index}'")
+
+
+def assert_cannot_write(store):
+    """Each method that writes fails, with its warning; clip 0 is there, clip 1 is not."""
+    store.fail("SetConfigurationEntry", "(isv)", 0, "Name", store.make_bytes(b"New"))
+    assert store.take_log() == [not_written(0), NOT_SAVED, NOT_RENAMED]
+    store.fail("AddConfiguration", "(i)", 1)
+    assert store.take_log() == [not_written(1), NOT_SAVED, NOT_CREATED, not_added(1)]
+    store.refuse_clip("/etc/audioclips/a.wav", "A")
+    assert store.take_log() == [not_written(1), NOT_SAVED, NOT_CREATED]
+
+
+# A folder that is not there, or not for the daemon
+
+
+def test_without_its_folder_the_store_is_empty_and_cannot_be_written(store):
+    store.folder.rmdir()
+    missing = ("info: The specified directory of '/etc/dynamic/sonobrik/clip_data/M*.json' does "
+               "not exist")
+    store.fail("AddConfiguration", "(i)", -1)
+    assert store.take_log() == [not_written(0), NOT_SAVED, NOT_CREATED, not_added(-1)]
+    store.refuse_clip("/etc/audioclips/a.wav", "A")
+    assert store.take_log() == [not_written(0), NOT_SAVED, NOT_CREATED]
+    store.fail("SetConfigurationEntry", "(isv)", 0, "Name", store.make_bytes(b"New"))
+    store.fail("GetConfigurationEntry", "(is)", 0, "Name")
+    assert store.take_log() == []
+    store.fail("GetConfigurations")
+    assert store.get_metadata() == "[]"
+    assert store.take_log() == [missing, missing]
+    store.fail("RemoveConfiguration", "(i)", 0)
+    assert not store.folder.exists()
+    # Once it is there, all is well.
+    store.folder.mkdir()
+    assert store.add_clip("/etc/audioclips/a.wav", "A") == 0
+
+
+def test_a_folder_that_may_not_be_written_keeps_its_files(store):
+    old = write_record("/etc/audioclips/door.wav", "Door", "audio")
+    store.write("M0.json", old)
+    store.folder.chmod(0o555)
+    assert_cannot_write(store)
+    store.fail("RemoveConfiguration", "(i)", 0)
+    assert store.take_log() == [
+        f"info: sonobrik_group_remove_group failed to remove file '{FOLDER}/M0.json'",
+        "info: sonobrik_group_remove_configuration Failed to remove parameter with index '0'"]
+    assert (store.list(), store.read(0)) == (["M0.json"], old)
+
+
+def test_metadata_that_cannot_be_kept_is_not_answered(sandbox, store):
+    clip = sandbox.write_clip("door.wav", clips.noise(2400))
+    known = {"mediaTypes": [], "size": 1, "duration": 2}
+    store.write("M0.json", write_record(clip.path, "New", "audio"))
+    store.write("M1.json", write_record(clip.path, "Known", "audio", known))
+    store.folder.chmod(0o555)
+    assert store.get_metadata() == (
+        '[{"1":{"name":"Known","fileName":"door.wav","mediaTypes":[],"size":1,"duration":2}}]')
+    assert store.take_log() == [
+        not_written(0), NOT_SAVED, "error: Failed to save valid media metadata",
+        f"warning: Failed to create metadata for clip at location: {clip.path}",
+        f"error: Could not obtain metadata for clip at location: {clip.path}"]
+
+
+# A full disk
+
+
+@pytest.fixture
+def small(sandbox):
+    """A store on a file system of 128 KiB, with one clip."""
+    sandbox.set_disk(FOLDER, 128 * 1024)
+    store = Store(sandbox).start()
+    store.folder = sandbox.daemon.open_folder(FOLDER)
+    store.add_clip("/etc/audioclips/door.wav", "Door")
+    store.take_log()
+    return store
+
+
+def fill(path):
+    """Writes to `path` until the disk is full."""
+    with open(path, "wb", buffering=0) as file:
+        try:
+            while file.write(b"x" * 4096) == 4096:
+                pass
+        except OSError:
+            return
+
+
+def test_a_full_disk_leaves_the_old_files_and_nothing_else(small):
+    old = small.read(0)
+    fill(small.folder / "ballast")
+    assert_cannot_write(small)
+    assert (sorted(small.list()), small.read(0)) == (["M0.json", "ballast"], old)
+    assert small.call("GetConfigurationEntry", "(is)", 0, "Name") == ("Name", "Door")
+    (small.folder / "ballast").unlink()
+    small.rename(0, "New")
+    assert small.add_clip("/etc/audioclips/a.wav", "A") == 1
+    assert small.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_CLIP]
+    assert sorted(small.list()) == ["M0.json", "M1.json"]
+
+
+def test_a_record_of_which_a_part_fits_is_not_stored(small):
+    # 128 KiB hold the old file and two more of 50 kB, but not three.
+    assert [small.add_clip(LOCATION) for _ in range(2)] == [1, 2]
+    small.refuse_clip(LOCATION)
+    small.fail("SetConfigurationEntry", "(isv)", 1, "Name", small.make_bytes(b"New"))
+    assert small.take_log() == 2 * [NO_CONTROLS, NO_CONTROLS_FOR_CLIP] + [
+        not_written(3), NOT_SAVED, NOT_CREATED, not_written(1), NOT_SAVED, NOT_RENAMED]
+    assert sorted(small.list()) == ["M0.json", "M1.json", "M2.json"]
+    assert small.read(1) == write_record(LOCATION, "", "audio")
+    small.call("RemoveConfiguration", "(i)", 2)
+    small.rename(1, "New")
+    assert small.read(1) == write_record(LOCATION, "New", "audio")
+
+
+# A daemon that is killed
+
+
+def kill_after(sandbox, replies, count):
+    """Kills the daemon when `count` of the replies have arrived, and returns how many had."""
+    for reply in replies[:count]:
+        reply.wait(20)
+    sandbox.daemon.kill()
+    assert sandbox.daemon.wait_exit() == 128 + 9
+    return count
+
+
+@pytest.mark.parametrize("seed", range(8))
+def test_a_kill_leaves_the_old_name_or_the_new_one(sandbox, seed):
+    store = Store(sandbox)
+    names = [f"Name {number}" * (1 + number % 5) for number in range(60)]
+    texts = [write_record(LOCATION, name, "audio") for name in names]
+    store.write("M0.json", texts[0])
+    # What a crash left, which must not add up.
+    store.write(".M0.json.new", texts[0][:1000])
+    store.start()
+    replies = [store.send_name(0, name) for name in names]
+    answered = kill_after(sandbox, replies, random.Random(seed).randrange(1, 50))
+    # The file is that of a call that was not answered yet, or of the last that was.
+    assert store.read(0) in texts[answered - 1:]
+    assert {"M0.json"} <= set(store.list()) <= {"M0.json", ".M0.json.new"}
+    store.start()
+    store.rename(0, "Last")
+    assert store.list() == ["M0.json"]
+    assert store.read(0) == write_record(LOCATION, "Last", "audio")
+
+
+@pytest.mark.parametrize("seed", range(3))
+def test_a_kill_leaves_whole_clips_only(sandbox, seed):
+    store = Store(sandbox).start()
+    replies = [store.send_clip(LOCATION, str(number)) for number in range(40)]
+    answered = kill_after(sandbox, replies, random.Random(seed).randrange(1, 35))
+    whole = [name for name in store.list() if not name.startswith(".")]
+    assert sorted(whole) == sorted(f"M{number}.json" for number in range(len(whole)))
+    assert len(whole) >= answered
+    for number in range(len(whole)):
+        assert store.read(number) == write_record(LOCATION, str(number), "audio")
+    assert len(store.list()) - len(whole) <= 1
