@@ -1,0 +1,129 @@
+"""The clip store at the daemon's start and end."""
+
+import xml.etree.ElementTree
+
+from sandbox import Store, clips
+from sandbox.bus import DRIVER
+from sandbox.store import (FOLDER, LEGACY_NAME, NO_CONTROLS, NO_CONTROLS_AT_START, write_record)
+
+NAME = "com.vesk.Sonobrik"
+PATH = "/com/vesk/Sonobrik"
+EVENTS_NAME = "com.vesk.Events1.SonoBrikEvents"
+
+NO_VENDOR_SINK = "info: Vesk audiosink not supported"
+START = [NO_VENDOR_SINK, NO_CONTROLS, NO_CONTROLS_AT_START]
+
+METHODS = [("AddClip", "sss", "i"), ("GetMetadata", "", "s"), ("StartPlayingClip", "s", "s"),
+           ("PlayClip", "s", "s"), ("StopPlayingClip", "s", "s"), ("SupportedFile", "s", "s")]
+
+
+def fail_to_start(sandbox):
+    """Starts a daemon that cannot, and returns its log."""
+    daemon = sandbox.start_daemon(wait=False)
+    assert daemon.wait_exit() == 1
+    return daemon.texts
+
+
+def test_each_service_has_a_connection_of_its_own(sandbox, daemon):
+    owners = {sandbox.bus.get_owner(name) for name in (NAME, LEGACY_NAME, EVENTS_NAME)}
+    assert len(owners) == 3 and None not in owners
+    for name in (NAME, LEGACY_NAME):
+        assert sandbox.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", name) == (daemon.pid,)
+
+
+def test_the_main_interface_has_the_methods_of_the_store(sandbox, daemon):
+    node = xml.etree.ElementTree.fromstring(sandbox.bus.introspect(NAME, PATH))
+    interface, = node.findall(f"interface[@name='{NAME}']")
+    assert [(child.tag, child.attrib) for child in interface] == [
+        ("method", {"name": name}) for name, _, _ in METHODS]
+    for method, (_, inwards, outwards) in zip(interface, METHODS):
+        assert [child.attrib for child in method] == (
+            [{"type": kind, "direction": "in"} for kind in inwards]
+            + [{"type": outwards, "direction": "out"}])
+
+
+def test_it_does_not_start_where_another_has_the_legacy_name(sandbox):
+    sandbox.bus.own_name(LEGACY_NAME)
+    assert fail_to_start(sandbox) == [
+        *START,
+        f"error: Failed to acquire service name {LEGACY_NAME}: File exists.",
+        "error: Failed to connect to the system bus",
+        "critical: Failed to initialize sonobrik parameters."]
+    assert sandbox.bus.get_owner(LEGACY_NAME) == sandbox.bus.unique_name
+    assert sandbox.bus.get_owner(NAME) is None
+    assert sandbox.bus.get_owner(EVENTS_NAME) is None
+
+
+def test_the_store_is_up_before_the_main_service(sandbox):
+    sandbox.bus.own_name(NAME)
+    owners = sandbox.bus.subscribe(sender=DRIVER[0], member="NameOwnerChanged")
+    assert fail_to_start(sandbox) == [
+        *START,
+        f"error: Failed to acquire service name {NAME}: File exists.",
+        "error: Failed to connect to the system bus",
+        "critical: Failed to setup the audioclip dbus service."]
+    sandbox.bus.call(*DRIVER, "GetId")
+    assert [signal.args[0] for signal in owners if signal.args[0] == LEGACY_NAME] == 2 * [
+        LEGACY_NAME]
+    assert sandbox.bus.get_owner(LEGACY_NAME) is None
+
+
+def test_without_a_bus_it_does_not_start(sandbox):
+    (sandbox.folder / "run/dbus/system_bus_socket").unlink()
+    assert fail_to_start(sandbox) == [
+        "warning: Events cannot be sent: The system bus cannot be reached: "
+        "No such file or directory",
+        "warning: Unable to create param event object",
+        NO_VENDOR_SINK,
+        "error: Failed to connect to the system bus.",
+        NO_CONTROLS_AT_START,
+        "error: Failed to connect to system bus: No such file or directory.",
+        "error: Failed to connect to the system bus",
+        "critical: Failed to initialize sonobrik parameters."]
+
+
+def test_the_start_reads_no_clip_but_for_the_on_screen_controls(sandbox):
+    sandbox.set_parameters(None)
+    store = Store(sandbox)
+    store.write("Mx.json", write_record())
+    store.start()
+    assert sandbox.daemon.texts == [
+        NO_VENDOR_SINK,
+        "warning: Could not obtain parameter index from 'x'",
+        f"error: No index value found in '{FOLDER}/Mx.json'",
+        "warning: sonobrik_group_get_parameter_list failed to create parameter from file "
+        f"{FOLDER}/Mx.json",
+        NO_CONTROLS, NO_CONTROLS_AT_START]
+
+
+def test_it_starts_without_the_folder_of_the_clips(sandbox):
+    store = Store(sandbox)
+    store.folder.rmdir()
+    store.start()
+    assert sandbox.daemon.texts == [
+        NO_VENDOR_SINK,
+        f"info: The specified directory of '{FOLDER}/M*.json' does not exist",
+        NO_CONTROLS, NO_CONTROLS_AT_START]
+
+
+def test_clips_outlive_the_daemon(sandbox, store):
+    clip = sandbox.write_clip("door.wav", clips.noise(2400))
+    store.add_clip(clip.path, "Door")
+    store.get_metadata()
+    kept = store.read(0)
+    assert sandbox.daemon.stop() == 0
+    for name in (NAME, LEGACY_NAME, EVENTS_NAME):
+        assert sandbox.bus.get_owner(name) is None
+    store.start()
+    assert store.read(0) == kept
+    assert store.call("GetConfigurations") == (
+        {0: {"Location": clip.path, "Name": "Door", "Type": "audio"}},)
+
+
+def test_a_stored_clip_plays_by_its_location(sandbox, store):
+    clip = sandbox.write_clip("door & co.wav", clips.noise(2400))
+    store.add_clip(clip.path, "Door")
+    _, location = store.call("GetConfigurationEntry", "(is)", 0, "Location")
+    assert sandbox.bus.call(NAME, PATH, NAME, "PlayClip", "(s)",
+                            f"location={location.replace('&', '%26')}", timeout=20) == ("OK",)
+    assert sandbox.card(0).takes[0].find(clip.samples) >= 0
