@@ -1,4 +1,4 @@
-"""Plays a chime through the daemon in a sandbox and prints what a caller sees.
+"""Keeps a chime as a clip of the daemon in a sandbox, plays it, and prints what a caller sees.
 
 usage: try_clip.py BUILD-FOLDER
 """
@@ -13,7 +13,8 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
-from sandbox import PLAYBACK, BusError, Sandbox, SandboxError, wait_until  # noqa: E402
+from sandbox import (  # noqa: E402
+    LEGACY, PLAYBACK, BusError, Sandbox, SandboxError, Store, wait_until)
 
 RATE = 48000
 
@@ -60,6 +61,36 @@ def describe(signal):
     return f"{topics}: {values}"
 
 
+def show(call, send):
+    """Sends a call and prints it with its answer, which is returned; null for an error."""
+    try:
+        values = send().wait(60)
+    except BusError as error:
+        print(f"  > {call}\n    error {error}", flush=True)
+        return None
+    answer = ", ".join(f'"{value}"' if isinstance(value, str) else str(value) for value in values)
+    print(f"  > {call}\n    {answer or 'done'}", flush=True)
+    return values
+
+
+def keep(sandbox, clip):
+    """Adds the clip to the store, looks at it, and names it anew. Returns its location, or null."""
+    store = Store(sandbox)
+    added = show(f'AddClip "{clip.path}" "Chime" "audio"',
+                 lambda: store.send_clip(clip.path, "Chime"))
+    if not added:
+        return None
+    number, = added
+    show("GetMetadata", lambda: sandbox.bus.send(*PLAYBACK, "GetMetadata"))
+    show(f'SetConfigurationEntry {number} "Name" "Door bell"',
+         lambda: store.send_name(number, "Door bell"))
+    show(f'GetConfigurationEntry {number} "Name"',
+         lambda: store.send("GetConfigurationEntry", "(is)", number, "Name"))
+    entry = show(f'GetConfigurationEntry {number} "Location"',
+                 lambda: store.send("GetConfigurationEntry", "(is)", number, "Location"))
+    return entry[1] if entry else None
+
+
 def play(sandbox, options):
     """Calls PlayClip and prints the events and the reply as they arrive. Returns whether it played."""
     events = sandbox.bus.subscribe(interface="com.vesk.Events1.Event", member="Sent")
@@ -68,19 +99,19 @@ def play(sandbox, options):
     reply = sandbox.bus.send(*PLAYBACK, "PlayClip", "(s)", options)
     shown = 0
 
-    def show():
+    def show_events():
         nonlocal shown
         for event in events[shown:]:
-            print(f"  {time.monotonic() - start:5.2f} s  event  {describe(event)}", flush=True)
+            print(f"    {time.monotonic() - start:.2f} s  event  {describe(event)}", flush=True)
         shown = len(events)
         return reply.done
 
-    wait_until(show, 60, "PlayClip is answered")
+    wait_until(show_events, 60, "PlayClip is answered")
     try:
         text = f'"{reply.wait()[0]}"'
     except BusError as error:
         text = f"error {error}"
-    print(f"  {time.monotonic() - start:5.2f} s  reply  {text}", flush=True)
+    print(f"    {time.monotonic() - start:.2f} s  reply  {text}", flush=True)
     return text == '"OK"' and not any("Error received" in line for line in sandbox.daemon.lines)
 
 
@@ -94,8 +125,12 @@ def try_output(folder, build, loudspeaker):
         clip = sandbox.write_clip("chime.wav", make_chime(), RATE)
         sandbox.start_bus()
         daemon = sandbox.start_daemon()
-        print(f"The daemon is up, as {PLAYBACK[0]} on a private system bus.")
-        played = play(sandbox, f"location={clip.path}&repeat=1")
+        print(f"The daemon is up, as {PLAYBACK[0]} and {LEGACY[0]}\non a private system bus. "
+              "A chime becomes a clip:")
+        location = keep(sandbox, clip)
+        if location:
+            print("It plays, twice without a gap:")
+        played = location is not None and play(sandbox, f"location={location}&repeat=1")
         if loudspeaker:
             if played:
                 print("You heard it from this machine's loudspeaker.")
