@@ -108,6 +108,32 @@ def test_nobody_is_refused(sandbox, store):
     assert store.call("Sync") == ()
 
 
+@pytest.mark.needs_root
+def test_other_users_may_call(sandbox, store):
+    def call(*words):
+        return sandbox.run(["busctl", "--system", "call", *words], uid=65534).stdout
+    legacy = (LEGACY_NAME, PATH, LEGACY_INTERFACE)
+    assert call(*legacy, "AddConfiguration", "i", "--", "-1") == "i 0\n"
+    assert call(*legacy, "SetConfigurationEntry", "isv", 0, "Name", "ay", 2, 72, 105) == ""
+    assert call(*legacy, "GetConfigurationEntry", "is", 0, "Name") == 'sv "Name" s "Hi"\n'
+    assert call(*legacy, "GetConfigurations") == (
+        'a{ia{sv}} 1 0 3 "Location" s "" "Name" s "Hi" "Type" s ""\n')
+    assert call(*legacy, "Sync") == ""
+    assert call(*legacy, "RemoveConfiguration", "i", 0) == ""
+    assert store.list() == []
+
+
+def test_a_caller_who_wants_no_answer_is_served(store):
+    legacy = (LEGACY_NAME, PATH, LEGACY_INTERFACE)
+    store.bus.post(*legacy, "AddConfiguration", "(i)", -1)
+    store.bus.post(*legacy, "GetConfigurationEntry", "(is)", 0, "Name")
+    store.bus.post(*legacy, "GetConfigurationEntry", "(is)", 1, "Name")
+    store.bus.post(*legacy, "SetConfigurationEntry", "(isv)", 0, "Name", store.make_bytes(b"Hi"))
+    store.bus.post(*legacy, "GetConfigurations")
+    assert store.call("GetConfigurationEntry", "(is)", 0, "Name") == ("Name", "Hi")
+    assert store.take_log() == []
+
+
 # AddConfiguration
 
 
