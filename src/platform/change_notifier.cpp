@@ -50,8 +50,8 @@ int append_values(const ChangeNotifier *notifier, sd_bus_message *signal)
     return r < 0 ? r : sd_bus_message_close_container(signal);
 }
 
-int send_signal(const ChangeNotifier *notifier, const char *service, const char *object_path,
-                const char *interface, const char *entry_path, bool is_change)
+bool send_signal(const ChangeNotifier *notifier, const char *service, const char *object_path,
+                 const char *interface, const char *entry_path, bool is_change, GError **error)
 {
     g_autoptr(sd_bus_message) signal = nullptr;
     int r = sd_bus_message_new_signal(notifier->bus, &signal, notifier->path.c_str(),
@@ -63,7 +63,13 @@ int send_signal(const ChangeNotifier *notifier, const char *service, const char 
     if (r >= 0) {
         r = append_values(notifier, signal);
     }
-    return r < 0 ? r : sd_bus_send(notifier->bus, signal, nullptr);
+    if (r >= 0) {
+        r = sd_bus_send(notifier->bus, signal, nullptr);
+    }
+    if (r < 0) {
+        g_set_error_literal(error, PLATFORM_ERROR, -r, g_strerror(-r));
+    }
+    return r >= 0;
 }
 
 } // namespace
@@ -74,12 +80,14 @@ ChangeNotifier *change_notifier_new(const char *source_name, EventProducer *prod
     const std::string path =
         std::string("/com/vesk/ConfigurationChanges1/") + (source_name ? source_name : "");
     /* The source is one element of the path; a "/" in its name would make it several. */
-    if (!source_name || strchr(source_name, '/') || sd_bus_object_path_is_valid(path.c_str()) <= 0) {
+    if (!source_name || strchr(source_name, '/') ||
+        sd_bus_object_path_is_valid(path.c_str()) <= 0) {
         set_invalid(error, "the source of changes needs a name of letters, digits and underscores");
         return nullptr;
     }
     if (!producer) {
-        set_invalid(error, "changes are announced on behalf of an event producer, and there is none");
+        set_invalid(error,
+                    "changes are announced on behalf of an event producer, and there is none");
         return nullptr;
     }
     auto *notifier = new ChangeNotifier{};
@@ -136,16 +144,10 @@ bool change_notifier_send(ChangeNotifier *notifier, const char *service, const c
         !entry_path) {
         return set_invalid(error, "a change is begun, and refers to an entry, before it is sent");
     }
-    if (!connect_bus(notifier, error)) {
-        return false;
-    }
-    const int r =
-        send_signal(notifier, service, object_path, interface, entry_path, is_change);
+    const bool is_sent =
+        connect_bus(notifier, error) &&
+        send_signal(notifier, service, object_path, interface, entry_path, is_change, error);
     notifier->has_change = false;
     notifier->values.clear();
-    if (r < 0) {
-        g_set_error_literal(error, PLATFORM_ERROR, -r, g_strerror(-r));
-        return false;
-    }
-    return true;
+    return is_sent;
 }
