@@ -2,6 +2,7 @@
 
 import pytest
 from sandbox import BusError, Player, clips, wait_until
+from sandbox.log_lines import START
 
 NAME = "com.vesk.Sonobrik"
 PATH = "/com/vesk/Sonobrik"
@@ -52,7 +53,7 @@ def test_a_refused_call_is_denied_and_not_run(sandbox, serve, method):
     player = serve({NAME: {"users": "nobody"}})
     assert_refused(player, method, clip.location)
     assert_refused(player, method, clip.path)
-    assert sandbox.daemon.texts[1:] == [refused_by(NAME, method=method)] * 2
+    assert sandbox.daemon.texts == START + [refused_by(NAME, method=method)] * 2
     player.fence()
     assert player.events == []
     assert not sandbox.card(0).events
@@ -82,7 +83,7 @@ def test_a_call_that_names_no_interface_runs_nothing(sandbox, serve):
     with pytest.raises(BusError) as error:
         player.bus.call(NAME, PATH, None, "StopPlayingClip", "(s)", "")
     assert error.value.name == "org.freedesktop.DBus.Error.UnknownMethod"
-    assert sandbox.daemon.texts[1:] == []
+    assert sandbox.daemon.texts == START
 
 
 def test_the_standard_interfaces_are_open(sandbox, serve):
@@ -91,7 +92,7 @@ def test_the_standard_interfaces_are_open(sandbox, serve):
     sandbox.bus.call(NAME, PATH, "org.freedesktop.DBus.Peer", "Ping")
     assert sandbox.bus.call(NAME, PATH, "org.freedesktop.DBus.Properties", "GetAll", "(s)",
                             NAME) == ({},)
-    assert sandbox.daemon.texts[1:] == []
+    assert sandbox.daemon.texts == START
 
 
 # The policy file
@@ -135,7 +136,7 @@ def test_a_caller_who_is_not_listed_is_refused(sandbox, serve, policy, group):
                                     {"com.vesk.sonobrik": {"users": "*"}}])
 def test_without_a_group_for_it_a_call_is_refused(sandbox, serve, policy):
     assert_refused(serve(policy), "StopPlayingClip")
-    assert sandbox.daemon.texts[1:] == [
+    assert sandbox.daemon.texts == START + [
         f"info: Failed to authorize: uid 0 may not perform {NAME}.StopPlayingClip: no group of "
         f"{POLICY} covers it"]
 
@@ -144,13 +145,13 @@ def test_an_unknown_name_is_skipped_and_told_once(sandbox, serve):
     player = serve({NAME: {"users": "alibi;root", "groups": "noband"}})
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
-    assert [text for text in sandbox.daemon.texts if text.startswith("warning")] == [
+    assert [text for text in sandbox.daemon.texts[len(START):] if text.startswith("warning")] == [
         f"warning: {POLICY}: 'alibi' in users of [{NAME}] is not known here and is skipped"]
 
 
 def test_without_a_file_root_alone_is_served_and_the_log_says_so(sandbox, serve):
     assert serve(None).call("StopPlayingClip") == "OK"
-    assert sandbox.daemon.texts[1] == (
+    assert sandbox.daemon.texts[len(START)] == (
         f"info: Only uid 0 is allowed anything: there is no {POLICY}")
 
 
@@ -204,7 +205,7 @@ def test_a_file_that_is_removed_leaves_root_alone(sandbox, serve):
 def test_another_user_is_told_apart(sandbox, serve):
     player = serve({NAME: {"users": "root"}})
     assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
-    assert sandbox.daemon.texts[1:] == [refused_by(NAME, NOBODY)]
+    assert sandbox.daemon.texts == START + [refused_by(NAME, NOBODY)]
     sandbox.set_access({NAME: {"users": "nobody"}})
     assert call_as(sandbox, NOBODY) == "OK"
     assert_refused(player, "StopPlayingClip")

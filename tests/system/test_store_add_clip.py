@@ -3,8 +3,8 @@
 import pytest
 from sandbox import BusError
 from sandbox.controls import Controls, Monitor
-from sandbox.store import (NO_CONTROLS, NO_CONTROLS_FOR_CLIP, Store, fence_changes,
-                           subscribe_changes, write_record)
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP
+from sandbox.store import Store, fence_changes, subscribe_changes, write_record
 
 NAME = "com.vesk.Sonobrik"
 PATH = "/com/vesk/Sonobrik"

@@ -2,7 +2,8 @@
 
 import pytest
 from sandbox import Store
-from sandbox.store import NO_CONTROLS, NO_CONTROLS_FOR_CLIP, write_record
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP
+from sandbox.store import write_record
 
 PARAMETER = "root.SonoBrik.MaxGroups"
 CREATE = "sonobrik_group_create_group"

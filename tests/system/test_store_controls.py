@@ -4,8 +4,9 @@ import pytest
 from sandbox import Player, Store, clips, wait_until
 from sandbox.bus import DRIVER
 from sandbox.controls import Controls, Monitor
-from sandbox.store import (LEGACY_NAME, NO_CONTROLS, NO_CONTROLS_AT_START, NO_CONTROLS_FOR_CLIP,
-                           NO_CONTROLS_FOR_SYNC, write_record)
+from sandbox.log_lines import (NO_CONTROLS, NO_CONTROLS_AT_START, NO_CONTROLS_FOR_CLIP,
+                               NO_CONTROLS_FOR_SYNC, NO_VENDOR_SINK, START)
+from sandbox.store import LEGACY_NAME, write_record
 
 NAME = "com.vesk.Sonobrik"
 FAILED = "error: Failed to execute sd-bus command (line 135): {}"
@@ -52,7 +53,7 @@ def test_they_are_told_at_the_start_over_the_wire(sandbox, controls):
         "com.vesk.Onscreencontrols1")
     assert call["payload"] == {
         "type": "sssa{sv}", "data": ["en-us", "English", DOCUMENT % "", {}]}
-    assert sandbox.daemon.texts == ["info: Vesk audiosink not supported"]
+    assert sandbox.daemon.texts == [NO_VENDOR_SINK]
 
 
 def test_they_are_told_of_all_clips_in_the_order_of_the_folder(sandbox, controls):
@@ -73,7 +74,7 @@ def test_a_clip_whose_name_cannot_be_sent_is_left_out(sandbox, controls):
     store.start()
     assert controls.clips == [("Bell", 1)]
     assert sandbox.daemon.texts == [
-        "info: Vesk audiosink not supported",
+        NO_VENDOR_SINK,
         "warning: sonobrik_osc_update can not send the name of group number 0 over the bus"]
 
 
@@ -109,8 +110,7 @@ def test_one_connection_tells_them_each_time(sandbox, controls):
 
 def test_without_them_the_daemon_serves(sandbox):
     store = Store(sandbox).start()
-    assert sandbox.daemon.texts == [
-        "info: Vesk audiosink not supported", NO_CONTROLS, NO_CONTROLS_AT_START]
+    assert sandbox.daemon.texts == START
     assert store.add_clip("/etc/audioclips/a.wav", "A") == 0
     assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_CLIP]
     assert store.call("Sync") == ()
@@ -127,7 +127,7 @@ def test_their_refusal_changes_no_reply(sandbox, controls):
     store = Store(sandbox).start()
     refused = FAILED.format("Input/output error")
     assert sandbox.daemon.texts == [
-        "info: Vesk audiosink not supported", refused, NO_CONTROLS_AT_START]
+        NO_VENDOR_SINK, refused, NO_CONTROLS_AT_START]
     assert store.add_clip("/etc/audioclips/a.wav") == 0
     assert store.call("Sync") == ()
     assert store.take_log() == [refused, NO_CONTROLS_FOR_CLIP, refused, NO_CONTROLS_FOR_SYNC]

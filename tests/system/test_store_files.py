@@ -4,7 +4,8 @@ import json
 import os
 
 import pytest
-from sandbox.store import FOLDER, NO_CONTROLS, NO_CONTROLS_FOR_SYNC, write_record
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_SYNC
+from sandbox.store import FOLDER, write_record
 
 NO_DOCUMENT = "error: sonobrik_group_from_file could not obtain json object from file '{}'"
 NO_RECORD = "warning: sonobrik_group_from_file could not obtain a parameter object"

@@ -4,8 +4,8 @@ import xml.etree.ElementTree
 
 import pytest
 from sandbox import BusError
-from sandbox.store import (FOLDER, LEGACY_INTERFACE, LEGACY_NAME, NO_CONTROLS,
-                           NO_CONTROLS_FOR_SYNC, write_record)
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_SYNC
+from sandbox.store import FOLDER, LEGACY_INTERFACE, LEGACY_NAME, write_record
 
 PATH = "/com/vesk/Sonobrik"
 

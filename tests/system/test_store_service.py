@@ -1,20 +1,13 @@
 """The clip store at the daemon's start and end."""
 
-import xml.etree.ElementTree
-
 from sandbox import Store, clips
 from sandbox.bus import DRIVER
-from sandbox.store import (FOLDER, LEGACY_NAME, NO_CONTROLS, NO_CONTROLS_AT_START, write_record)
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_AT_START, NO_VENDOR_SINK, START
+from sandbox.store import FOLDER, LEGACY_NAME, write_record
 
 NAME = "com.vesk.Sonobrik"
 PATH = "/com/vesk/Sonobrik"
 EVENTS_NAME = "com.vesk.Events1.SonoBrikEvents"
-
-NO_VENDOR_SINK = "info: Vesk audiosink not supported"
-START = [NO_VENDOR_SINK, NO_CONTROLS, NO_CONTROLS_AT_START]
-
-METHODS = [("AddClip", "sss", "i"), ("GetMetadata", "", "s"), ("StartPlayingClip", "s", "s"),
-           ("PlayClip", "s", "s"), ("StopPlayingClip", "s", "s"), ("SupportedFile", "s", "s")]
 
 
 def fail_to_start(sandbox):
@@ -29,17 +22,6 @@ def test_each_service_has_a_connection_of_its_own(sandbox, daemon):
     assert len(owners) == 3 and None not in owners
     for name in (NAME, LEGACY_NAME):
         assert sandbox.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", name) == (daemon.pid,)
-
-
-def test_the_main_interface_has_the_methods_of_the_store(sandbox, daemon):
-    node = xml.etree.ElementTree.fromstring(sandbox.bus.introspect(NAME, PATH))
-    interface, = node.findall(f"interface[@name='{NAME}']")
-    assert [(child.tag, child.attrib) for child in interface] == [
-        ("method", {"name": name}) for name, _, _ in METHODS]
-    for method, (_, inwards, outwards) in zip(interface, METHODS):
-        assert [child.attrib for child in method] == (
-            [{"type": kind, "direction": "in"} for kind in inwards]
-            + [{"type": outwards, "direction": "out"}])
 
 
 def test_it_does_not_start_where_another_has_the_legacy_name(sandbox):
@@ -66,20 +48,6 @@ def test_the_store_is_up_before_the_main_service(sandbox):
     assert [signal.args[0] for signal in owners if signal.args[0] == LEGACY_NAME] == 2 * [
         LEGACY_NAME]
     assert sandbox.bus.get_owner(LEGACY_NAME) is None
-
-
-def test_without_a_bus_it_does_not_start(sandbox):
-    (sandbox.folder / "run/dbus/system_bus_socket").unlink()
-    assert fail_to_start(sandbox) == [
-        "warning: Events cannot be sent: The system bus cannot be reached: "
-        "No such file or directory",
-        "warning: Unable to create param event object",
-        NO_VENDOR_SINK,
-        "error: Failed to connect to the system bus.",
-        NO_CONTROLS_AT_START,
-        "error: Failed to connect to system bus: No such file or directory.",
-        "error: Failed to connect to the system bus",
-        "critical: Failed to initialize sonobrik parameters."]
 
 
 def test_the_start_reads_no_clip_but_for_the_on_screen_controls(sandbox):

@@ -4,7 +4,8 @@ import random
 
 import pytest
 from sandbox import Store, clips
-from sandbox.store import FOLDER, NO_CONTROLS, NO_CONTROLS_FOR_CLIP, write_record
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP
+from sandbox.store import FOLDER, write_record
 
 LOCATION = "/etc/audioclips/" + "x" * 50000  # so that a write takes its time
 

@@ -12,12 +12,6 @@ LEGACY_INTERFACE = "com.vesk.Configuration.Legacy"
 
 FOLDER = "/etc/dynamic/sonobrik/clip_data"
 
-# What is logged when the on-screen controls service is absent, and by whom.
-NO_CONTROLS = "error: Failed to execute sd-bus command (line 135): No route to host"
-NO_CONTROLS_AT_START = "warning: Failed to add features to onscreencontrols."
-NO_CONTROLS_FOR_CLIP = "warning: Failed to update onscreencontrols while adding clip"
-NO_CONTROLS_FOR_SYNC = "warning: Failed to update onscreencontrols while syncing parameters"
-
 
 def write_record(location="", name="", kind="", metadata=None):
     """The text of a clip's file, as the daemon writes it."""
@@ -88,10 +82,6 @@ class Store:
         """The text that GetMetadata answers."""
         text, = self.bus.call(NAME, PATH, NAME, "GetMetadata", timeout=20)
         return text
-
-    def refuse_metadata(self, text):
-        """Calls GetMetadata, which must fail with its own error and this text."""
-        expect_error(self.bus.send(NAME, PATH, NAME, "GetMetadata"), f"{NAME}.GetMetadata", text)
 
     # The files
 
