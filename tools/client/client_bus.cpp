@@ -1,0 +1,127 @@
+#include "client_bus.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <string_view>
+
+#include "autoptr.h"
+
+const ClientInterface CLIENT_SONOBRIK = {
+    .service = "com.vesk.Sonobrik",
+    .object = "/com/vesk/Sonobrik",
+    .interface = "com.vesk.Sonobrik",
+};
+
+const ClientInterface CLIENT_LEGACY = {
+    .service = "com.vesk.Sonobrik.Legacy",
+    .object = "/com/vesk/Sonobrik",
+    .interface = "com.vesk.Configuration.Legacy",
+};
+
+G_DEFINE_QUARK(sonobrik - client - error, client_error)
+
+namespace
+{
+
+/* What the bus or the service manager says in the daemon's place. A bus error ends with its name, a
+ * family of errors with a dot. */
+constexpr std::array<std::string_view, 7> AWAY = {
+    "org.freedesktop.DBus.Error.NameHasNoOwner",
+    "org.freedesktop.DBus.Error.NoReply",
+    "org.freedesktop.DBus.Error.ServiceUnknown",
+    "org.freedesktop.DBus.Error.Spawn.",
+    "org.freedesktop.DBus.Error.TimedOut",
+    "org.freedesktop.DBus.Error.Timeout",
+    "org.freedesktop.systemd1.",
+};
+
+bool means_away(std::string_view name)
+{
+    return std::ranges::any_of(AWAY, [name](std::string_view away) {
+        return away.ends_with('.') ? name.starts_with(away) : name == away;
+    });
+}
+
+ClientErrorCode code_of(int reason, std::string_view name)
+{
+    if (name == SD_BUS_ERROR_ACCESS_DENIED) {
+        return CLIENT_ERROR_DENIED;
+    }
+    if (means_away(name)) {
+        return CLIENT_ERROR_NO_DAEMON;
+    }
+    if (name.starts_with("com.vesk.")) {
+        return CLIENT_ERROR_METHOD;
+    }
+    if (reason == -ECONNRESET || reason == -ENOTCONN || reason == -EPIPE) {
+        return CLIENT_ERROR_NO_BUS;
+    }
+    return CLIENT_ERROR_REPLY;
+}
+
+} // namespace
+
+sd_bus *client_bus_open(GError **error)
+{
+    sd_bus *bus = nullptr;
+    const int r = sd_bus_open_system(&bus);
+    if (r < 0) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS, "%s", g_strerror(-r));
+        return nullptr;
+    }
+    return bus;
+}
+
+sd_bus_message *client_bus_new_call(sd_bus *bus, const ClientInterface *interface,
+                                    const char *member, GError **error, const char *types, ...)
+{
+    g_autoptr(sd_bus_message) call = nullptr;
+    int r = sd_bus_message_new_method_call(bus, &call, interface->service, interface->object,
+                                           interface->interface, member);
+    if (r >= 0 && types) {
+        va_list values;
+        va_start(values, types);
+        r = sd_bus_message_appendv(call, types, values);
+        va_end(values);
+    }
+    if (r == -ENOTCONN) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS, "%s", g_strerror(-r));
+        return nullptr;
+    }
+    if (r < 0) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_ARGUMENT, "%s", g_strerror(-r));
+        return nullptr;
+    }
+    return g_steal_pointer(&call);
+}
+
+sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **error)
+{
+    if (!call) {
+        return nullptr;
+    }
+    sd_bus_error bus_error = SD_BUS_ERROR_NULL;
+    sd_bus_message *answer = nullptr;
+    const int r = sd_bus_call(bus, call, UINT64_MAX, &bus_error, &answer);
+    sd_bus_message_unref(call);
+    if (r < 0) {
+        client_bus_set_error(error, r, &bus_error);
+    }
+    sd_bus_error_free(&bus_error);
+    return r < 0 ? nullptr : answer;
+}
+
+void client_bus_set_error(GError **error, int reason, const sd_bus_error *bus_error)
+{
+    const char *name = bus_error && bus_error->name ? bus_error->name : "";
+    const char *text = bus_error && bus_error->message ? bus_error->message : "";
+    const ClientErrorCode code = code_of(reason, name);
+    /* An empty text of the method's own is an answer; elsewhere it would leave the reader alone. */
+    if (*text == '\0' && code != CLIENT_ERROR_METHOD) {
+        text = *name != '\0' ? name : g_strerror(-reason);
+    }
+    g_set_error_literal(error, CLIENT_ERROR, code, text);
+}

@@ -1,0 +1,266 @@
+#include "client_clips.h"
+
+#include <string>
+
+#include "autoptr.h"
+#include "client_bus.h"
+
+namespace
+{
+
+constexpr gint64 NOT_KNOWN = -1;
+
+ClientClip *new_clip(gint32 number)
+{
+    auto *clip = g_new0(ClientClip, 1);
+    clip->number = number;
+    clip->name = g_strdup("");
+    clip->location = g_strdup("");
+    clip->size_kib = NOT_KNOWN;
+    clip->duration_ms = NOT_KNOWN;
+    return clip;
+}
+
+void free_clip(void *clip)
+{
+    client_clip_free(static_cast<ClientClip *>(clip));
+}
+
+int compare_numbers(const void *a, const void *b)
+{
+    const auto *first = *static_cast<const ClientClip *const *>(a);
+    const auto *second = *static_cast<const ClientClip *const *>(b);
+    return first->number < second->number ? -1 : first->number > second->number;
+}
+
+/* Reads one {sv}; a property that the client does not know, or of another type, is skipped. */
+int read_property(sd_bus_message *m, ClientClip *clip)
+{
+    const char *property = nullptr;
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
+    if (r <= 0 || (r = sd_bus_message_read(m, "s", &property)) < 0) {
+        return r;
+    }
+    const bool is_name = g_str_equal(property, "Name");
+    const bool is_location = g_str_equal(property, "Location");
+    const char *contents = nullptr;
+    if ((r = sd_bus_message_peek_type(m, nullptr, &contents)) < 0) {
+        return r;
+    }
+    if ((is_name || is_location) && g_strcmp0(contents, "s") == 0) {
+        const char *value = nullptr;
+        if ((r = sd_bus_message_read(m, "v", "s", &value)) < 0) {
+            return r;
+        }
+        char **text = is_name ? &clip->name : &clip->location;
+        g_free(*text);
+        *text = g_strdup(value);
+    } else if ((r = sd_bus_message_skip(m, "v")) < 0) {
+        return r;
+    }
+    r = sd_bus_message_exit_container(m);
+    return r < 0 ? r : 1;
+}
+
+/* Reads one {ia{sv}} into `clips`. Returns 0 when there are no more. */
+int read_clip(sd_bus_message *m, GPtrArray *clips)
+{
+    gint32 number = 0;
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "ia{sv}");
+    if (r <= 0 || (r = sd_bus_message_read(m, "i", &number)) < 0) {
+        return r;
+    }
+    g_autoptr(ClientClip) clip = new_clip(number);
+    if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}")) < 0) {
+        return r;
+    }
+    while ((r = read_property(m, clip)) > 0) {
+    }
+    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0 ||
+        (r = sd_bus_message_exit_container(m)) < 0) {
+        return r;
+    }
+    g_ptr_array_add(clips, g_steal_pointer(&clip));
+    return 1;
+}
+
+int read_clips(sd_bus_message *m, GPtrArray *clips)
+{
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{ia{sv}}");
+    while (r >= 0 && (r = read_clip(m, clips)) > 0) {
+    }
+    return r;
+}
+
+/* The daemon answers with an error, an empty one, when there is no clip at all. */
+bool means_no_clips(const GError *error)
+{
+    return g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_METHOD);
+}
+
+bool list_entries(sd_bus *bus, GPtrArray *clips, GError **error)
+{
+    g_autoptr(GError) failure = nullptr;
+    sd_bus_message *call =
+        client_bus_new_call(bus, &CLIENT_LEGACY, "GetConfigurations", &failure, nullptr);
+    g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, &failure);
+    if (!answer) {
+        if (means_no_clips(failure)) {
+            return true;
+        }
+        g_propagate_error(error, g_steal_pointer(&failure));
+        return false;
+    }
+    const int r = read_clips(answer, clips);
+    if (r < 0) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
+        return false;
+    }
+    g_ptr_array_sort(clips, compare_numbers);
+    return true;
+}
+
+/* Digits alone, of a number that fits; without sign or leading zero, as the daemon writes it. */
+bool read_number(const char *text, gint64 *number)
+{
+    g_autofree char *again = nullptr;
+    *number = g_ascii_strtoll(text, nullptr, 10);
+    again = g_strdup_printf("%" G_GINT64_FORMAT, *number);
+    return *number >= 0 && g_str_equal(text, again);
+}
+
+ClientClip *find_by_number(const GPtrArray *clips, gint64 number)
+{
+    for (guint i = 0; i < clips->len; i++) {
+        auto *clip = static_cast<ClientClip *>(g_ptr_array_index(clips, i));
+        if (clip->number == number) {
+            return clip;
+        }
+    }
+    return nullptr;
+}
+
+char **copy_texts(const json_t *array)
+{
+    GPtrArray *texts = g_ptr_array_new();
+    size_t i = 0;
+    const json_t *text = nullptr;
+    json_array_foreach(array, i, text)
+    {
+        if (json_is_string(text)) {
+            g_ptr_array_add(texts, g_strdup(json_string_value(text)));
+        }
+    }
+    g_ptr_array_add(texts, nullptr);
+    return reinterpret_cast<char **>(g_ptr_array_free(texts, FALSE));
+}
+
+/* Takes over what `description`, the member "NUMBER" of an element, says. */
+void take_metadata(ClientClip *clip, const json_t *description)
+{
+    const json_t *media_types = json_object_get(description, "mediaTypes");
+    const json_t *size = json_object_get(description, "size");
+    const json_t *duration = json_object_get(description, "duration");
+    if (!json_is_array(media_types)) {
+        return;
+    }
+    g_strfreev(clip->media_types);
+    clip->media_types = copy_texts(media_types);
+    clip->size_kib = json_is_integer(size) ? json_integer_value(size) : NOT_KNOWN;
+    clip->duration_ms = json_is_integer(duration) ? json_integer_value(duration) : NOT_KNOWN;
+}
+
+bool add_metadata(sd_bus *bus, const GPtrArray *clips, GError **error)
+{
+    sd_bus_message *call =
+        client_bus_new_call(bus, &CLIENT_SONOBRIK, "GetMetadata", error, nullptr);
+    g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, error);
+    if (!answer) {
+        return false;
+    }
+    const char *text = nullptr;
+    const int r = sd_bus_message_read(answer, "s", &text);
+    if (r < 0) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
+        return false;
+    }
+    json_error_t fault = {};
+    g_autoptr(json_t) elements = json_loads(text, 0, &fault);
+    if (!json_is_array(elements)) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "not a JSON array%s%s",
+                    elements ? "" : ": ", elements ? "" : fault.text);
+        return false;
+    }
+    size_t i = 0;
+    json_t *element = nullptr;
+    json_array_foreach(elements, i, element)
+    {
+        const char *key = nullptr;
+        json_t *description = nullptr;
+        json_object_foreach(element, key, description)
+        {
+            gint64 number = 0;
+            ClientClip *clip = read_number(key, &number) ? find_by_number(clips, number) : nullptr;
+            if (clip) {
+                take_metadata(clip, description);
+            }
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+void client_clip_free(ClientClip *clip)
+{
+    if (!clip) {
+        return;
+    }
+    g_free(clip->name);
+    g_free(clip->location);
+    g_strfreev(clip->media_types);
+    g_free(clip);
+}
+
+GPtrArray *client_clips_list(sd_bus *bus, bool with_metadata, GError **error)
+{
+    g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(free_clip);
+    if (!list_entries(bus, clips, error)) {
+        return nullptr;
+    }
+    if (with_metadata && clips->len > 0 && !add_metadata(bus, clips, error)) {
+        return nullptr;
+    }
+    return g_steal_pointer(&clips);
+}
+
+const ClientClip *client_clips_get(const GPtrArray *clips, gint64 number)
+{
+    return find_by_number(clips, number);
+}
+
+const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GError **error)
+{
+    gint64 number = 0;
+    const ClientClip *found = read_number(text, &number) ? find_by_number(clips, number) : nullptr;
+    if (found) {
+        return found;
+    }
+    std::string numbers;
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        if (g_str_equal(clip->name, text)) {
+            numbers += (numbers.empty() ? "" : ", ") + std::to_string(clip->number);
+            found = clip;
+        }
+    }
+    if (numbers.find(',') != std::string::npos) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP,
+                    "several clips have the name '%s': %s; give the number", text, numbers.c_str());
+        return nullptr;
+    }
+    if (!found) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP, "no clip '%s'", text);
+    }
+    return found;
+}
