@@ -1,15 +1,17 @@
 #include "failing_calls.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <glib.h>
 #include <jansson.h>
+#include <systemd/sd-event.h>
 
 namespace
 {
 
 FailingCalls *current;
 
-const int *enter(const char *function)
+const int *enter(const std::string &function)
 {
     return current ? current->enter(function) : nullptr;
 }
@@ -26,23 +28,32 @@ FailingCalls::~FailingCalls()
     current = nullptr;
 }
 
-void FailingCalls::fail(const std::string &function, int number, int result)
+void FailingCalls::fail(const std::string &function, int result)
 {
-    failures[function] = {number == 0 ? 0 : counts[function] + number, result};
+    failures[function] = {0, result};
+}
+
+void FailingCalls::fail_one(const std::string &function, int number, int result)
+{
+    failures[function] = {count(function) + number, result};
+}
+
+void FailingCalls::mend(const std::string &function)
+{
+    failures.erase(function);
 }
 
 int FailingCalls::count(const std::string &function) const
 {
-    const auto found = counts.find(function);
-    return found == counts.end() ? 0 : found->second;
+    return static_cast<int>(std::count(made.begin(), made.end(), function));
 }
 
 const int *FailingCalls::enter(const std::string &function)
 {
-    const int number = ++counts[function];
+    made.push_back(function);
     const auto failure = failures.find(function);
     if (failure == failures.end() ||
-        (failure->second.number != 0 && failure->second.number != number)) {
+        (failure->second.number != 0 && failure->second.number != count(function))) {
         return nullptr;
     }
     return &failure->second.result;
@@ -66,24 +77,88 @@ const int *FailingCalls::enter(const std::string &function)
 
 extern "C" {
 
-WRAP(sd_bus_open_system, (sd_bus * *bus), (bus))
-WRAP(sd_bus_add_filter,
-     (sd_bus * bus, sd_bus_slot **slot, sd_bus_message_handler_t callback, void *user_data),
-     (bus, slot, callback, user_data))
+WRAP(sd_bus_error_add_map, (const sd_bus_error_map *map), (map))
+WRAP(sd_bus_request_name, (sd_bus * bus, const char *name, uint64_t flags), (bus, name, flags))
+WRAP(sd_bus_add_object,
+     (sd_bus * bus, sd_bus_slot **slot, const char *path, sd_bus_message_handler_t callback,
+      void *user_data),
+     (bus, slot, path, callback, user_data))
 WRAP(sd_bus_add_object_vtable,
      (sd_bus * bus, sd_bus_slot **slot, const char *path, const char *interface,
       const sd_bus_vtable *vtable, void *user_data),
      (bus, slot, path, interface, vtable, user_data))
+WRAP(sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message **reply),
+     (call, reply))
+WRAP(sd_bus_add_filter,
+     (sd_bus * bus, sd_bus_slot **slot, sd_bus_message_handler_t callback, void *user_data),
+     (bus, slot, callback, user_data))
 WRAP(sd_bus_message_new_method_call,
      (sd_bus * bus, sd_bus_message **message, const char *destination, const char *path,
       const char *interface, const char *member),
      (bus, message, destination, path, interface, member))
-WRAP(sd_bus_message_new_method_return, (sd_bus_message * call, sd_bus_message **reply),
-     (call, reply))
 WRAP(sd_bus_message_open_container, (sd_bus_message * message, char type, const char *contents),
      (message, type, contents))
 WRAP(sd_bus_message_close_container, (sd_bus_message * message), (message))
+WRAP(sd_bus_send, (sd_bus * bus, sd_bus_message *message, uint64_t *cookie), (bus, message, cookie))
+WRAP(sd_event_new, (sd_event * *event), (event))
+WRAP(sd_event_dispatch, (sd_event * event), (event))
+
+WRAP_POINTER(sd_bus_message, sd_bus_message_ref, (sd_bus_message * message), (message))
+WRAP_POINTER(const char, sd_bus_message_get_member, (sd_bus_message * message), (message))
+WRAP_POINTER(sd_event, sd_event_unref, (sd_event * event), (event))
+WRAP_POINTER(sd_bus_slot, sd_bus_slot_unref, (sd_bus_slot * slot), (slot))
 WRAP_POINTER(sd_bus, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
+
+/* g_try_new0() is one of the two, depending on optimisation. */
+void *__real_g_try_malloc0(gsize size);
+void *__wrap_g_try_malloc0(gsize size)
+{
+    return enter("g_try_new0") ? nullptr : __real_g_try_malloc0(size);
+}
+
+void *__real_g_try_malloc0_n(gsize count, gsize size);
+void *__wrap_g_try_malloc0_n(gsize count, gsize size)
+{
+    return enter("g_try_new0") ? nullptr : __real_g_try_malloc0_n(count, size);
+}
+
+int __real_sd_bus_attach_event(sd_bus *bus, sd_event *event, int priority);
+int __wrap_sd_bus_attach_event(sd_bus *bus, sd_event *event, int priority)
+{
+    const int *failure = enter("sd_bus_attach_event");
+    if (current) {
+        current->priority = priority;
+    }
+    return failure ? *failure : __real_sd_bus_attach_event(bus, event, priority);
+}
+
+int __real_sd_bus_open_system(sd_bus **bus);
+int __wrap_sd_bus_open_system(sd_bus **bus)
+{
+    const int *failure = enter("sd_bus_open_system");
+    if (failure) {
+        return *failure;
+    }
+    const int r = __real_sd_bus_open_system(bus);
+    if (current && r >= 0) {
+        current->opened = *bus;
+    }
+    return r;
+}
+
+/* Recorded with its member. */
+int __real_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender,
+                               const char *path, const char *interface, const char *member,
+                               sd_bus_message_handler_t callback, void *user_data);
+int __wrap_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender,
+                               const char *path, const char *interface, const char *member,
+                               sd_bus_message_handler_t callback, void *user_data)
+{
+    const int *failure = enter(std::string("sd_bus_match_signal ") + member);
+    return failure ? *failure
+                   : __real_sd_bus_match_signal(bus, slot, sender, path, interface, member,
+                                                callback, user_data);
+}
 
 int __wrap_sd_bus_message_append(sd_bus_message *message, const char *types, ...)
 {
@@ -94,6 +169,19 @@ int __wrap_sd_bus_message_append(sd_bus_message *message, const char *types, ...
     va_list values;
     va_start(values, types);
     const int r = sd_bus_message_appendv(message, types, values);
+    va_end(values);
+    return r;
+}
+
+int __wrap_sd_bus_reply_method_return(sd_bus_message *call, const char *types, ...)
+{
+    const int *failure = enter("sd_bus_reply_method_return");
+    if (failure) {
+        return *failure;
+    }
+    va_list values;
+    va_start(values, types);
+    const int r = sd_bus_reply_method_returnv(call, types, values);
     va_end(values);
     return r;
 }

@@ -4,7 +4,7 @@
 
 #include "discover_media_supported.h"
 #include "fake_audio_clip.h"
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 #include "platform/access_policy.h"
 #include "private_bus.h"
 #include "served_bus.h"
@@ -107,7 +107,7 @@ class ServiceTest : public BusTest
     }
 
     AudioClip clip;
-    LibsystemdCalls library;
+    FailingCalls library;
     bool left_open = false;
 };
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "discover_media_supported.h"
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 #include "private_bus.h"
 #include "served_bus.h"
 
@@ -43,7 +43,7 @@ class ClipMethodsTest : public BusTest
     }
 
     ServedBus served;
-    LibsystemdCalls library;
+    FailingCalls library;
 };
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 #include "private_bus.h"
 #include "served_bus.h"
 
@@ -53,7 +53,7 @@ class DevicesListenerTest : public BusTest
 
     ServedBus served;
     sonobrik_dbus conn = {served.bus, nullptr, nullptr};
-    LibsystemdCalls library;
+    FailingCalls library;
 };
 
 } // namespace

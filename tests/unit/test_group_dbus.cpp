@@ -232,7 +232,7 @@ TEST_F(GroupDbus, NameIsOwnedFromSetupToTeardown)
 TEST_F(GroupDbus, MissingBusFailsTheSetup)
 {
     FailingCalls calls;
-    calls.fail("sd_bus_open_system", 0, -ENOENT);
+    calls.fail("sd_bus_open_system", -ENOENT);
     EXPECT_FALSE(sonobrik_group_dbus_setup());
     expect_log(LOG_LEVEL_ERROR, "Failed to connect to system bus: No such file or directory.");
     expect_log(LOG_LEVEL_ERROR, "Failed to connect to the system bus");
@@ -243,7 +243,7 @@ TEST_F(GroupDbus, FailureAfterTheConnectionFailsTheSetup)
 {
     for (const char *function : {"sd_bus_add_object_vtable", "sd_bus_add_filter"}) {
         FailingCalls calls;
-        calls.fail(function, 0, -ENOMEM);
+        calls.fail(function, -ENOMEM);
         EXPECT_FALSE(sonobrik_group_dbus_setup()) << function;
         expect_log(LOG_LEVEL_ERROR, "Failed to setup the dbus object /com/vesk/Sonobrik: Cannot "
                                     "allocate memory.");

@@ -380,7 +380,7 @@ TEST_F(GroupMetadata, IncompleteDescriptionIsNotStored)
 
 TEST_F(GroupMetadata, DescriptionThatCannotBePackedIsNotStored)
 {
-    calls.fail("json_pack_ex", 1);
+    calls.fail_one("json_pack_ex", 1);
     EXPECT_EQ(sonobrik_group_metadata(record("{}")), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to create metadata object, error 'Out of memory'");
     expect_not_created();
@@ -399,7 +399,7 @@ TEST_F(GroupMetadata, ComputedMetadataThatCannotBeSavedIsNotReplied)
 
 TEST_F(GroupMetadata, ReplyThatCannotBePackedIsReported)
 {
-    calls.fail("json_pack_ex", 1);
+    calls.fail_one("json_pack_ex", 1);
     EXPECT_EQ(sonobrik_group_metadata(record(VALID)), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to create parameter object, error 'Out of memory'");
     expect_no_log();

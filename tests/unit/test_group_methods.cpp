@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(Methods, AnyGroupMethod,
 TEST_P(AnyGroupMethod, DoesNothingWithoutAReply)
 {
     StoreFolder::write("M0.json", record_file("", "", ""));
-    calls.fail("sd_bus_message_new_method_return", 0, -ENOMEM);
+    calls.fail("sd_bus_message_new_method_return", -ENOMEM);
     EXPECT_EQ(call(GetParam(), g_variant_new("(isv)", 0, "Name", g_variant_new_bytestring("A"))),
               "org.freedesktop.DBus.Error.AccessDenied: Operation not permitted");
     expect_log(G_LOG_LEVEL_INFO, "sonobrik_dbus_method_new_reply failed to create dbus method "
@@ -263,7 +263,7 @@ TEST_F(GroupMethods, PropertyThatTheReplyDoesNotTakeFails)
 {
     StoreFolder::write("M0.json", record_file("/door.wav", "Door", "audio"));
     for (const int number : {1, 2}) {
-        calls.fail("sd_bus_message_append", number);
+        calls.fail_one("sd_bus_message_append", number);
         EXPECT_EQ(get(0, "Name"), failure("GetConfigurationEntry"));
     }
     expect_no_log();
@@ -478,7 +478,7 @@ TEST_F(GroupMethods, EntryThatCannotBeOpenedIsSkipped)
     StoreFolder::write("M1.json", record_file("/a", "same", "audio"));
     StoreFolder::write("M2.json", record_file("/a", "same", "audio"));
     const std::string second = StoreFolder::names()[1].substr(1, 1);
-    calls.fail("sd_bus_message_open_container", 2); /* the first opens the array */
+    calls.fail_one("sd_bus_message_open_container", 2); /* the first opens the array */
     EXPECT_EQ(call("GetConfigurations"), "({" + entry(second, "/a", "same", "audio") + "},)");
     expect_no_log();
 }
@@ -487,7 +487,7 @@ TEST_F(GroupMethods, EntryWhosePropertiesCannotBeAppendedFailsTheCall)
 {
     StoreFolder::write("M1.json", record_file("/a", "A", "audio"));
     StoreFolder::write("M2.json", record_file("/a", "A", "audio"));
-    calls.fail("sd_bus_message_append", 2); /* the first appends the index */
+    calls.fail_one("sd_bus_message_append", 2); /* the first appends the index */
     EXPECT_EQ(call("GetConfigurations"), failure("GetConfigurations"));
     expect_no_log();
 }

@@ -138,7 +138,7 @@ TEST_F(OscDocument, FailsForAClipWithoutAName)
 TEST_F(OscDocument, FailsWithoutRoomForAClip)
 {
     clips = {{1, "Door"}, {2, "Bell"}};
-    calls.fail("json_array_append_new", 2);
+    calls.fail_one("json_array_append_new", 2);
     EXPECT_EQ(document(), "null");
     expect_errors({"Failed to add clip to parameters.",
                    "Failed to generate clip parameters for 'Select clip' action.",
@@ -149,7 +149,7 @@ TEST_F(OscDocument, FailsWithoutRoomForAClip)
 
 TEST_F(OscDocument, FailsWithoutThePlayAction)
 {
-    calls.fail("json_pack", 1);
+    calls.fail_one("json_pack", 1);
     EXPECT_EQ(document(), "null");
     expect_errors({"Failed to pack json object for 'Select clip' action.",
                    "Failed to generate json object for play action."});
@@ -158,7 +158,7 @@ TEST_F(OscDocument, FailsWithoutThePlayAction)
 TEST_F(OscDocument, FailsWithoutTheClipParameter)
 {
     clips = {{1, "Door"}};
-    calls.fail("json_pack", 3);
+    calls.fail_one("json_pack", 3);
     EXPECT_EQ(document(), "null");
     expect_errors({"Failed to pack json object for clip parameters.",
                    "Failed to generate clip parameters for 'Select clip' action.",
@@ -176,7 +176,7 @@ TEST_F(OscDocument, FailsWhenTheActionDoesNotTakeTheParameter)
 
 TEST_F(OscDocument, FailsWithoutTheStopAction)
 {
-    calls.fail("json_pack", 3);
+    calls.fail_one("json_pack", 3);
     EXPECT_EQ(document(), "null");
     expect_errors({"Failed to pack json object for 'Stop clip' action.",
                    "Failed to generate json object for stop action."});
@@ -184,7 +184,7 @@ TEST_F(OscDocument, FailsWithoutTheStopAction)
 
 TEST_F(OscDocument, FailsWithoutTheWhole)
 {
-    calls.fail("json_pack", 4);
+    calls.fail_one("json_pack", 4);
     EXPECT_EQ(document(), "null");
     expect_errors({"Failed to pack json object for all actions."});
 }

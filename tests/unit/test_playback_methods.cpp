@@ -4,7 +4,7 @@
 
 #include "audioclip_dbus.h"
 #include "fake_audio_clip.h"
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 #include "private_bus.h"
 #include "served_bus.h"
 
@@ -55,7 +55,7 @@ class PlaybackTest : public BusTest
 
     AudioClip clip;
     ServedBus served;
-    LibsystemdCalls library;
+    FailingCalls library;
 };
 
 /* What all three methods have in common. */

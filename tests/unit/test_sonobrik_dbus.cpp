@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 #include "private_bus.h"
 #include "sonobrik_dbus_source.h"
 
@@ -76,7 +76,7 @@ class ConnectionTest : public BusTest
     }
 
     /* A connection that a failed set-up left open. */
-    static void close_what_is_left(const LibsystemdCalls &calls)
+    static void close_what_is_left(const FailingCalls &calls)
     {
         sd_bus_flush_close_unref(calls.opened);
     }
@@ -95,7 +95,7 @@ class ConnectionTest : public BusTest
 
 TEST_F(ConnectionTest, WithoutAServiceNameThereIsNoConnection)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     EXPECT_EQ(sonobrik_dbus_setup(nullptr), nullptr);
     expect_log(LOG_LEVEL_ERROR, "A dbus service name must be specified.");
     expect_no_log();
@@ -104,7 +104,7 @@ TEST_F(ConnectionTest, WithoutAServiceNameThereIsNoConnection)
 
 TEST_F(ConnectionTest, WithoutMemoryThereIsNoConnection)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     calls.fail("g_try_new0", 0);
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to allocate structure");
@@ -115,7 +115,7 @@ TEST_F(ConnectionTest, WithoutMemoryThereIsNoConnection)
 TEST_F(ConnectionTest, WithoutABusThereIsNoConnection)
 {
     bus.stop();
-    LibsystemdCalls calls;
+    FailingCalls calls;
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to connect to system bus: No such file or directory.");
     expect_no_log();
@@ -124,7 +124,7 @@ TEST_F(ConnectionTest, WithoutABusThereIsNoConnection)
 
 TEST_F(ConnectionTest, RefusedErrorMapEndsTheSetUp)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     calls.fail("sd_bus_error_add_map", -ENOMEM);
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to add custom error map: Cannot allocate memory.");
@@ -135,7 +135,7 @@ TEST_F(ConnectionTest, RefusedErrorMapEndsTheSetUp)
 
 TEST_F(ConnectionTest, NameThatIsOwnedEndsTheSetUp)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     bus_call(stranger, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
              "RequestName", g_variant_new("(su)", SERVICE, 0));
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
@@ -147,7 +147,7 @@ TEST_F(ConnectionTest, NameThatIsOwnedEndsTheSetUp)
 
 TEST_F(ConnectionTest, NameThatIsNoneEndsTheSetUp)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     EXPECT_EQ(sonobrik_dbus_setup("no name"), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to acquire service name no name: Invalid argument.");
     expect_no_log();
@@ -156,7 +156,7 @@ TEST_F(ConnectionTest, NameThatIsNoneEndsTheSetUp)
 
 TEST_F(ConnectionTest, WithoutAnEventLoopTheSetUpEnds)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     calls.fail("sd_event_new", -EMFILE);
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(G_LOG_LEVEL_WARNING, "Failed to create event: Too many open files.");
@@ -168,7 +168,7 @@ TEST_F(ConnectionTest, WithoutAnEventLoopTheSetUpEnds)
 
 TEST_F(ConnectionTest, EventLoopThatTakesNoConnectionIsGivenBack)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     calls.fail("sd_bus_attach_event", -EBUSY);
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(G_LOG_LEVEL_WARNING, "Failed to attach event: Device or resource busy.");
@@ -180,7 +180,7 @@ TEST_F(ConnectionTest, EventLoopThatTakesNoConnectionIsGivenBack)
 
 TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     connect();
     EXPECT_EQ(calls.made, (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
                                  "sd_bus_request_name", "sd_event_new", "sd_bus_attach_event",
@@ -361,7 +361,7 @@ TEST_F(ConnectionTest, AddMatchRefusesEachNullArgument)
 
 TEST_F(ConnectionTest, TeardownOfNullDoesNothing)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     sonobrik_dbus_teardown(nullptr);
     EXPECT_EQ(calls.made, Steps{});
     expect_no_log();
@@ -373,7 +373,7 @@ TEST_F(ConnectionTest, TeardownReleasesSourceSlotAndConnectionInTurn)
     sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
     GSource *source = g_source_ref(&conn->source->source);
     {
-        LibsystemdCalls calls;
+        FailingCalls calls;
         sonobrik_dbus_teardown(conn);
         EXPECT_EQ(calls.made, (Steps{"sd_bus_slot_unref", "sd_bus_flush_close_unref"}));
     }

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "autoptr.h"
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 #include "private_bus.h"
 #include "served_bus.h"
 
@@ -82,7 +82,7 @@ class MethodOnBusTest : public BusTest
     }
 
     ServedBus served;
-    LibsystemdCalls calls;
+    FailingCalls calls;
     Script script;
 };
 

@@ -11,7 +11,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "libsystemd_calls.h"
+#include "failing_calls.h"
 
 namespace
 {
@@ -310,7 +310,7 @@ TEST_F(SourceTest, EventLoopThatHasEndedHasNoEvents)
 
 TEST_F(SourceTest, OnlyADispatchResultAboveZeroKeepsTheSource)
 {
-    LibsystemdCalls calls;
+    FailingCalls calls;
     calls.fail("sd_event_dispatch", 0);
     EXPECT_FALSE(dispatch());
     calls.fail("sd_event_dispatch", -EIO);

@@ -130,7 +130,7 @@ TEST_F(SonobrikOsc, SecondUpdateReusesTheConnectionAndMakesTheDocumentAnew)
 
 TEST_F(SonobrikOsc, MissingBusIsLogged)
 {
-    calls.fail("sd_bus_open_system", 0, -ENOENT);
+    calls.fail("sd_bus_open_system", -ENOENT);
     EXPECT_FALSE(sonobrik_osc_update());
     expect_log(LOG_LEVEL_ERROR, "Failed to connect to the system bus.");
     expect_no_log();
@@ -140,7 +140,7 @@ TEST_F(SonobrikOsc, MissingBusIsLogged)
 TEST_F(SonobrikOsc, BusThatAppearsLaterIsUsed)
 {
     PlayedControls controls(bus);
-    calls.fail("sd_bus_open_system", 1, -ENOENT);
+    calls.fail_one("sd_bus_open_system", 1, -ENOENT);
     EXPECT_FALSE(sonobrik_osc_update());
     clear_log();
     EXPECT_TRUE(sonobrik_osc_update());
@@ -167,7 +167,7 @@ TEST_F(SonobrikOsc, EachStepThatFailsHasItsNumber)
                  {"sd_bus_message_close_container", 132},
                  {"sd_bus_call", 135}};
     for (const auto &step : steps) {
-        calls.fail(step.function, 1, -ENOMEM);
+        calls.fail_one(step.function, 1, -ENOMEM);
         EXPECT_FALSE(sonobrik_osc_update()) << step.function;
         expect_failure(step.number, "Cannot allocate memory");
     }
