@@ -1,0 +1,68 @@
+/*
+ * The log goes to standard error, each line with its level in front: "<4>sonobrik: TEXT". A service
+ * manager that reads standard error takes the level from there.
+ */
+
+#include "platform/log_redirect.h"
+
+#include <stdio.h>
+#include <syslog.h>
+
+static const char *log_identity = "";
+
+static int find_level(GLogLevelFlags level)
+{
+    if (level & (G_LOG_LEVEL_ERROR | G_LOG_LEVEL_CRITICAL)) {
+        return LOG_CRIT;
+    }
+    if (level & (1 << G_LOG_LEVEL_USER_SHIFT)) {
+        return LOG_ERR;
+    }
+    if (level & G_LOG_LEVEL_WARNING) {
+        return LOG_WARNING;
+    }
+    if (level & G_LOG_LEVEL_INFO) {
+        return LOG_INFO;
+    }
+    return level & G_LOG_LEVEL_DEBUG ? LOG_DEBUG : LOG_NOTICE;
+}
+
+static void write_line(GLogLevelFlags level, const char *domain, const char *text)
+{
+    /* Callers choose parts of a text; without its control characters it stays one line. */
+    g_autofree char *line = g_strescape(text ? text : "", "\"\\");
+    fprintf(stderr, "<%d>%s: %s%s%s\n", find_level(level), log_identity, domain ? domain : "",
+            domain ? ": " : "", line);
+}
+
+static void handle_log(const char *domain, GLogLevelFlags level, const char *text, void *user_data)
+{
+    (void)user_data;
+    write_line(level, domain, text);
+}
+
+/* Libraries that use structured logging get here, past the default handler. */
+static GLogWriterOutput write_structured(GLogLevelFlags level, const GLogField *fields,
+                                         gsize n_fields, void *user_data)
+{
+    (void)user_data;
+    const char *domain = NULL;
+    const char *text = NULL;
+    for (gsize i = 0; i < n_fields; i++) {
+        if (g_str_equal(fields[i].key, "GLIB_DOMAIN")) {
+            domain = fields[i].value;
+        } else if (g_str_equal(fields[i].key, "MESSAGE")) {
+            text = fields[i].value;
+        }
+    }
+    write_line(level, domain, text);
+    return G_LOG_WRITER_HANDLED;
+}
+
+void log_redirect_to_syslog(const char *identity, int facility)
+{
+    (void)facility;
+    log_identity = identity;
+    g_log_set_default_handler(handle_log, NULL);
+    g_log_set_writer_func(write_structured, NULL, NULL);
+}
