@@ -1,0 +1,93 @@
+"""The interface files that are installed for code generators say what the running daemon says."""
+
+import pathlib
+import xml.etree.ElementTree
+
+import pytest
+from gi.repository import Gio
+from sandbox import LEGACY, PLAYBACK, Store
+from sandbox.player import EVENT_INTERFACE, EVENTS_NAME, EVENTS_PATH
+from sandbox.store import fence_changes
+
+FOLDER = pathlib.Path(__file__).resolve().parents[2] / "data/dbus/interfaces"
+
+NOTICE_PATH = "/com/vesk/ConfigurationChanges1/SonoBrik"
+
+# Where each interface is served: bus name, object, interface.
+SERVED = [PLAYBACK, LEGACY, (EVENTS_NAME, f"{EVENTS_PATH}/1", EVENT_INTERFACE)]
+
+# What every object has, by the bus library.
+LIBRARY = "org.freedesktop.DBus."
+
+
+def read_file(name):
+    """The interface of a file, which describes no other, and the object that the file names."""
+    node = xml.etree.ElementTree.parse(FOLDER / f"{name}.xml").getroot()
+    interface, = node
+    assert interface.get("name") == name
+    return interface, node.get("name")
+
+
+def describe(interface):
+    """Everything that an interface element says, in its order, but the arguments' names."""
+    return [(member.tag, member.attrib,
+             [(child.tag, child.get("type"), child.get("direction")) if child.tag == "arg"
+              else (child.tag, child.attrib) for child in member])
+            for member in interface]
+
+
+def name_arguments(interface):
+    """The arguments' names by member; null where there is none."""
+    return {member.get("name"): [arg.get("name") for arg in member.findall("arg")]
+            for member in interface}
+
+
+def test_each_interface_of_the_daemon_has_its_file():
+    names = {interface for _, _, interface in SERVED} | {"com.vesk.ConfigurationChanges1"}
+    assert {path.name for path in FOLDER.glob("*.xml")} == {f"{name}.xml" for name in names}
+
+
+@pytest.mark.parametrize("name, path, interface", SERVED)
+def test_a_file_says_what_the_daemon_says(shared, name, path, interface):
+    written, written_path = read_file(interface)
+    assert written_path in (path, None)  # an event has many objects
+    served = xml.etree.ElementTree.fromstring(shared.bus.introspect(name, path))
+    running, = [element for element in served.findall("interface")
+                if not element.get("name").startswith(LIBRARY)]
+    assert running.get("name") == interface
+    assert describe(written) == describe(running)
+
+
+@pytest.mark.parametrize("name, path, interface", SERVED)
+def test_a_file_names_every_argument_and_as_the_daemon_does_where_it_does(shared, name, path,
+                                                                          interface):
+    written = name_arguments(read_file(interface)[0])
+    served = xml.etree.ElementTree.fromstring(shared.bus.introspect(name, path))
+    running = name_arguments(served.find(f"interface[@name='{interface}']"))
+    for member, names in running.items():
+        assert all(written[member]), member
+        assert [own or other for own, other in zip(names, written[member])] == written[member]
+
+
+def test_the_change_notices_have_the_arguments_of_their_file(sandbox, daemon):
+    interface, path = read_file("com.vesk.ConfigurationChanges1")
+    assert path == NOTICE_PATH
+    signals = []
+
+    def deliver(_connection, _sender, _path, name, member, values):
+        signals.append((name, member, values.get_type_string()))
+
+    sandbox.bus.connection.signal_subscribe(None, None, None, NOTICE_PATH, None,
+                                            Gio.DBusSignalFlags.NONE, deliver)
+    # The bus takes the messages of one connection in their order: the match is there by now.
+    Store(sandbox).add_clip("/etc/audioclips/a.wav", "a")
+    fence_changes(sandbox.bus)
+    assert signals == [(interface.get("name"), member.get("name"),
+                        "(" + "".join(arg.get("type") for arg in member) + ")")
+                       for member in interface]
+
+
+def test_the_answer_with_two_values_is_written_down():
+    # Its description says one; who generates code from the file has to read of the second.
+    text = (FOLDER / f"{LEGACY[2]}.xml").read_text()
+    assert '"sv"' in text.partition('<method name="GetConfigurationEntry">')[0]
