@@ -1,0 +1,91 @@
+"""The manual pages are well-formed, and what they name is there."""
+
+import json
+import pathlib
+import re
+import subprocess
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PAGES = sorted((ROOT / "man").glob("*.[0-9]"))
+
+
+def read_tree(*folders):
+    return "\n".join(path.read_text() for folder in folders
+                     for path in sorted((ROOT / folder).rglob("*")) if path.is_file())
+
+
+def read_macros(page, macro):
+    """The arguments of all lines of this macro, also where it follows another ("It Pa ...")."""
+    lines = re.findall(rf"^\.(?:It )?{macro} (.*)$", page.read_text(), re.MULTILINE)
+    return [word for line in lines for word in line.split() if word not in ",.;()"]
+
+
+@pytest.fixture(scope="module")
+def sources():
+    return read_tree("src", "include", "data")
+
+
+@pytest.fixture(scope="module")
+def installed(build_dir):
+    """Where files are installed, and the folders of those places."""
+    answer = subprocess.run(["meson", "introspect", "--installed", build_dir], check=True,
+                            capture_output=True, text=True, timeout=60)
+    files = [pathlib.Path(path) for path in json.loads(answer.stdout).values()]
+    return {str(path) for file in files for path in (file, *file.parents)}
+
+
+@pytest.fixture(params=PAGES, ids=lambda path: path.name)
+def page(request):
+    return request.param
+
+
+def test_there_are_pages_that_name_files():
+    assert len(PAGES) >= 3
+    assert "/etc/vesk/access.conf" in read_macros(ROOT / "man/sonobrik.8", "Pa")
+
+
+def test_a_page_is_well_formed(page):
+    result = subprocess.run(["mandoc", "-Tlint", "-W", "warning", page], check=False,
+                            capture_output=True, text=True, timeout=60)
+    assert (result.returncode, result.stdout + result.stderr) == (0, "")
+
+
+def test_the_paths_of_a_page_are_those_of_the_program_or_of_its_installation(page, sources,
+                                                                             installed):
+    paths = [path for path in read_macros(page, "Pa") if path.startswith("/")]
+    paths += [path for path in read_macros(page, "Nm") if path.startswith("/")]
+    assert [path for path in paths if path not in sources and path not in installed] == []
+
+
+def test_the_names_on_the_bus_of_a_page_are_those_of_the_program(page, sources):
+    names = [name for name in read_macros(page, "Dv") if name.startswith("com.")]
+    # One is made of a prefix and the name of the producer.
+    assert [name for name in names if name not in sources
+            and name != "com.vesk.Events1.SonoBrikEvents"] == []
+
+
+@pytest.mark.parametrize("name", ["access", "parameters"])
+def test_the_keys_of_a_file_are_those_that_are_read_and_shipped(name):
+    page = ROOT / f"man/vesk-{name}.conf.5"
+    keys = read_macros(page, "Ic")
+    shipped = (ROOT / f"data/vesk/{name}.conf").read_text()
+    assert keys
+    for key in keys:
+        assert re.search(rf'"{re.escape(key)}"', read_tree("src")), key
+        assert re.search(rf"^{re.escape(key)}=", shipped, re.MULTILINE), key
+
+
+def test_the_example_of_each_file_is_what_is_shipped():
+    for name in ("access", "parameters"):
+        shipped = [line for line in (ROOT / f"data/vesk/{name}.conf").read_text().splitlines()
+                   if line and not line.startswith("#")]
+        assert "\n".join(shipped) in (ROOT / f"man/vesk-{name}.conf.5").read_text()
+
+
+def test_the_statuses_of_the_daemon_are_those_of_the_program():
+    text = (ROOT / "man/sonobrik.8").read_text()
+    statuses = re.findall(r"^\.It (\d+)$", text.partition(".Sh EXIT STATUS")[2], re.MULTILINE)
+    changed = re.search(r"EXIT_DEVICES_CHANGED = (\d+);", read_tree("src/dbus")).group(1)
+    assert statuses == ["0", "1", changed]
