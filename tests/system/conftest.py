@@ -10,7 +10,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
 from sandbox import (  # noqa: E402 (found by the path above)
-    Player, Sandbox, SandboxError, Store, has_several_users)
+    Installation, Player, Sandbox, SandboxError, Store, has_several_users)
 
 
 def pytest_addoption(parser):
@@ -39,6 +39,15 @@ def build_dir(pytestconfig):
 def cache(tmp_path_factory):
     """What sandboxes share to start faster."""
     return tmp_path_factory.mktemp("cache")
+
+
+@pytest.fixture(scope="session")
+def installation(build_dir, tmp_path_factory):
+    """What is installed of the build."""
+    tree = Installation(build_dir, tmp_path_factory.mktemp("installation"))
+    if not tree.has_unit:
+        pytest.skip("the build has no systemd, so it installs no user")
+    return tree
 
 
 @pytest.fixture

@@ -15,6 +15,7 @@ not touched. The system tests use it, and so does scripts/try.
 from . import clips
 from .box import Sandbox, SandboxError, has_several_users
 from .bus import Bus, BusError, Signal
+from .installation import Installation
 from .player import Player, describe_event, read_events
 from .process import Daemon, LogLine, Process
 from .recording import Event, Recording, Take
@@ -26,7 +27,7 @@ PLAYBACK = ("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik")
 LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configuration.Legacy")
 
 __all__ = [
-    "Bus", "BusError", "Daemon", "Event", "LEGACY", "LogLine", "PLAYBACK", "Player", "Process",
-    "Recording", "Sandbox", "SandboxError", "Signal", "Store", "Take", "clips", "describe_event",
-    "has_several_users", "read_events", "wait_until",
+    "Bus", "BusError", "Daemon", "Event", "Installation", "LEGACY", "LogLine", "PLAYBACK", "Player",
+    "Process", "Recording", "Sandbox", "SandboxError", "Signal", "Store", "Take", "clips",
+    "describe_event", "has_several_users", "read_events", "wait_until",
 ]

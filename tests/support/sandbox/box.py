@@ -116,6 +116,7 @@ class Sandbox:
         self.notify = None
         self._processes = []
         self._disks = {}
+        self._binds = {}
         self._namespace = find_namespace_options()
         self._make_files()
         # Paths into the sandbox by this descriptor are short enough for a socket's address.
@@ -178,6 +179,11 @@ class Sandbox:
         """Gives each program that is started from now on an empty file system of its own at `path`,
         which holds `size` bytes; Process.open_folder() looks into it."""
         self._disks[path] = size
+
+    def bind(self, source, path):
+        """Gives each program that is started from now on `source` of the machine at `path`, where
+        the machine has something too; it is read-only there."""
+        self._binds[path] = source
 
     def set_outputs(self, outputs):
         """The ALSA outputs, each on a sound card of card().
@@ -260,6 +266,8 @@ class Sandbox:
                     "--bind", self.folder / "tmp", "/tmp"]
         for path, size in self._disks.items():
             command += ["--size", size, "--tmpfs", path]
+        for path, source in self._binds.items():
+            command += ["--ro-bind", source, path]
         # The tree may have stood below what is now covered, and where other users cannot go.
         for path in (ROOT, self.build_dir):
             command += ["--ro-bind", path, path]

@@ -1,0 +1,220 @@
+"""The bus policy that is installed: who may own the daemon's names and send what to them."""
+
+import itertools
+import xml.etree.ElementTree as ElementTree
+
+import pytest
+from sandbox import LEGACY, PLAYBACK, Player, Sandbox, Store, clips
+from sandbox.controls import Controls
+from sandbox.installation import User, allow_peer, find_id, send_as
+from sandbox.store import fence_changes, subscribe_changes
+
+EVENTS = "com.vesk.Events1.SonoBrikEvents"
+NAMES = (PLAYBACK[0], LEGACY[0], EVENTS)
+PATHS = {PLAYBACK[0]: PLAYBACK[1], LEGACY[0]: LEGACY[1], EVENTS: "/com/vesk/Events1/SonoBrikEvents"}
+STANDARD = "org.freedesktop.DBus"
+DEVICES = ("/com/vesk/AudioControl", f"{STANDARD}.ObjectManager")
+
+READING = ("GetConfigurations", "GetConfigurationEntry")
+CHANGING = ("AddConfiguration", "RemoveConfiguration", "SetConfigurationEntry", "Sync")
+
+# Of other types than the method takes: who gets past the bus changes nothing.
+WRONG = ("(d)", (0.5,))
+
+USERS = ("root", "stranger", "audio", "config")
+
+pytestmark = pytest.mark.needs_root
+
+
+@pytest.fixture(scope="module")
+def box(tmp_path_factory, build_dir, cache, installation):
+    """A sandbox whose daemon runs as its own user on a bus with the installed policy."""
+    with Sandbox(tmp_path_factory.mktemp("policy") / "sandbox", build_dir, cache) as box:
+        start(box, installation)
+        yield box
+
+
+def start(box, installation, extra=""):
+    user = installation.make_users(box)
+    installation.set_bus(box, extra)
+    box.start_bus()
+    box.start_daemon(**user.options)
+    return user
+
+
+@pytest.fixture(scope="module")
+def users(box):
+    audio, config = (find_id(box, "group", name) for name in ("audio", "sonobrik-config"))
+    return {"root": User(0), "stranger": User(65534), "audio": User(1, (audio,)),
+            "config": User(2, (config,)), "daemon": User(find_id(box, "passwd", "sonobrik"))}
+
+
+def make_calls(destinations, interface, members, path):
+    return [("call", destination, path, interface, member, *WRONG)
+            for destination, member in itertools.product(destinations, members)]
+
+
+def find_refused(box, user, messages):
+    """Which of the messages the bus refuses, as (destination, interface, member)."""
+    refused = send_as(box, user, messages)
+    return {(message[1], message[3], message[4])
+            for message, is_refused in zip(messages, refused) if is_refused}
+
+
+def as_rows(messages):
+    return {(message[1], message[3], message[4]) for message in messages}
+
+
+def both_names(box, name):
+    """The name and the unique one of its owner."""
+    return name, box.bus.get_owner(name)
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_the_main_interface_is_open_to_all(box, users, who):
+    calls = make_calls(both_names(box, PLAYBACK[0]), PLAYBACK[2],
+                       ("PlayClip", "StartPlayingClip", "StopPlayingClip", "SupportedFile", "AddClip",
+                        "GetMetadata"), PLAYBACK[1])
+    assert find_refused(box, users[who], calls) == set()
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_anybody_may_look_at_what_is_there(box, users, who):
+    calls = [call for name in NAMES for call in (
+        *make_calls(both_names(box, name), f"{STANDARD}.Introspectable", ["Introspect"],
+                    PATHS[name]),
+        *make_calls(both_names(box, name), f"{STANDARD}.Peer", ["Ping", "GetMachineId"],
+                    PATHS[name]),
+        *make_calls(both_names(box, name), f"{STANDARD}.Properties", ["Get", "GetAll"],
+                    PATHS[name]))]
+    calls += make_calls(both_names(box, EVENTS), f"{STANDARD}.ObjectManager", ["GetManagedObjects"],
+                        PATHS[EVENTS])
+    assert find_refused(box, users[who], calls) == set()
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_nobody_may_set_properties(box, users, who):
+    calls = [call for name in NAMES
+             for call in make_calls(both_names(box, name), f"{STANDARD}.Properties", ["Set"],
+                                    PATHS[name])]
+    assert find_refused(box, users[who], calls) == as_rows(calls)
+
+
+@pytest.mark.parametrize("who, open_members", [
+    ("root", [*READING, *CHANGING]),
+    ("config", [*READING, *CHANGING]),
+    ("audio", [*READING]),
+    ("stranger", []),
+])
+def test_the_legacy_interface_is_open_to_those_who_may(box, users, who, open_members):
+    names = both_names(box, LEGACY[0])
+    calls = make_calls(names, LEGACY[2], [*READING, *CHANGING], LEGACY[1])
+    closed = [call for call in calls if call[4] not in open_members]
+    assert find_refused(box, users[who], calls) == as_rows(closed)
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_the_legacy_interface_is_at_its_own_name_alone(box, users, who):
+    calls = make_calls([*both_names(box, PLAYBACK[0]), *both_names(box, EVENTS)], LEGACY[2],
+                       [*READING, *CHANGING], LEGACY[1])
+    assert find_refused(box, users[who], calls) == as_rows(calls)
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_a_call_that_names_no_interface_is_refused(box, users, who):
+    calls = [call for name in NAMES
+             for call in make_calls(both_names(box, name), None,
+                                    ["PlayClip", "Sync", "GetConfigurations", "Introspect"],
+                                    PATHS[name])]
+    assert find_refused(box, users[who], calls) == as_rows(calls)
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_nobody_may_send_a_signal_to_its_names(box, users, who):
+    signals = [("signal", destination, DEVICES[0], interface, member, "()", ())
+               for name in NAMES for destination in both_names(box, name)
+               for interface, member in ((DEVICES[1], "InterfacesAdded"),
+                                         (PLAYBACK[2], "PlayClip"), (LEGACY[2], "Sync"),
+                                         (LEGACY[2], "GetConfigurations"))]
+    assert find_refused(box, users[who], signals) == as_rows(signals)
+
+
+def test_a_signal_to_somebody_else_passes(box, users):
+    """What the test above sees is the policy for those names."""
+    other = box.bus.unique_name
+    signals = [("signal", other, *DEVICES, "InterfacesAdded", "()", ())]
+    assert find_refused(box, users["stranger"], signals) == set()
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_nobody_else_may_own_its_names(box, users, who):
+    requests = [("call", STANDARD, "/org/freedesktop/DBus", STANDARD, "RequestName", "(su)",
+                 (name, 4)) for name in NAMES]
+    assert send_as(box, users[who], requests) == [True] * len(NAMES)
+
+
+def test_its_own_user_may_own_its_names_and_no_other(box, users):
+    requests = [("call", STANDARD, "/org/freedesktop/DBus", STANDARD, "RequestName", "(su)",
+                 (name, 4)) for name in (*NAMES, "com.vesk.Sonobrik.Other", "com.vesk.AudioControl")]
+    assert send_as(box, users["daemon"], requests) == [False, False, False, True, True]
+
+
+def test_every_legacy_method_is_in_the_policy_of_those_who_configure(box, installation):
+    introspected = ElementTree.fromstring(box.bus.introspect(LEGACY[0], LEGACY[1]))
+    methods = {method.get("name")
+               for method in introspected.findall(f"interface[@name='{LEGACY[2]}']/method")}
+    assert methods == {*READING, *CHANGING}
+    policy = ElementTree.parse(installation.find("usr/share/dbus-1/system.d/*.conf"))
+    for who in ("policy[@user='root']", "policy[@group='sonobrik-config']"):
+        assert {allow.get("send_member") for allow in policy.findall(f"{who}/allow")} == methods
+
+
+# What works with it
+
+
+@pytest.fixture
+def served(tmp_path, build_dir, cache, installation):
+    """Starts a daemon as its own user on a bus with the installed policy and one for a peer."""
+    with Sandbox(tmp_path / "sandbox", build_dir, cache) as box:
+        def serve(peer=""):
+            start(box, installation, allow_peer(peer) if peer else "")
+            return box
+        yield serve
+
+
+def test_it_plays_and_stores_and_tells_those_who_listen(served):
+    box = served()
+    player, store = Player(box.bus), Store(box)
+    clip = box.write_clip("a.wav", clips.noise(4800))
+    assert player.call("PlayClip", clip.location) == "OK"
+    assert box.card(0).takes[0].find(clip.samples) >= 0
+    player.fence()
+    assert [event[0] for event in player.events] == ["Playing", "CurrentlyPlaying", "Playing"]
+    notices = subscribe_changes(box.bus)
+    number = store.add_clip(clip.path, "Door")
+    store.rename(number, "Bell")
+    assert store.call("GetConfigurationEntry", "(is)", number, "Name") == ("Name", "Bell")
+    fence_changes(box.bus)
+    assert [notice.args[3] for notice in notices] == [f"/com/vesk/Sonobrik/{number}"]
+
+
+def test_it_hears_of_devices_that_come_and_go(served):
+    box = served("com.vesk.AudioControl")
+    box.bus.own_name("com.vesk.AudioControl")
+    # Meant for the daemon alone, as a stranger might; it would end if it got there.
+    for name in NAMES:
+        box.bus.emit(*DEVICES, "InterfacesRemoved", destination=name)
+    Player(box.bus).fence()
+    assert box.daemon.is_running
+    box.bus.emit(*DEVICES, "InterfacesRemoved")
+    assert box.daemon.wait_exit() == 75
+
+
+def test_it_tells_the_on_screen_controls(served):
+    box = served("com.vesk.Onscreencontrols1")
+    controls = Controls(box)
+    Store(box).call("Sync")
+    assert len(controls.calls) == 1
+    refused = ("call", "com.vesk.Onscreencontrols1", "/com/vesk/Onscreencontrols1",
+               "com.vesk.Onscreencontrols1", "AddFeatures", *WRONG)
+    assert send_as(box, User(65534), [refused]) == [True]
