@@ -1,0 +1,37 @@
+"""scripts/shell, the sandbox for people."""
+
+import os
+import pathlib
+import subprocess
+
+from sandbox import PLAYBACK
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def run_shell(build_dir, *command, **env):
+    return subprocess.run([ROOT / "scripts/shell", *command], stdin=subprocess.DEVNULL, text=True,
+                          capture_output=True, timeout=120, check=False,
+                          env=os.environ | {"SONOBRIK_BUILD_DIR": str(build_dir)} | env)
+
+
+def test_a_command_calls_the_daemon_of_the_sandbox(build_dir):
+    result = run_shell(build_dir, "busctl", "--system", "call", *PLAYBACK, "SupportedFile", "s",
+                       "/etc/audioclips/noise.wav")
+    assert (result.returncode, result.stdout) == (0, 's "OK"\n')
+
+
+def test_the_variables_lead_to_the_daemon_and_its_world(build_dir):
+    script = ('cat "/proc/$PID/comm"; tr "\\0" "\\n" <"/proc/$PID/environ" | grep GST_DEBUG; '
+              'cat "$SANDBOX/tmp/log"; exit 3')
+    result = run_shell(build_dir, "sh", "-c", script, GST_DEBUG="1")
+    assert result.returncode == 3
+    assert result.stdout.startswith("sonobrik\nGST_DEBUG=1\n")
+    assert "Vesk audiosink not supported" in result.stdout
+
+
+def test_without_a_build_it_says_so_and_makes_nothing(tmp_path):
+    result = run_shell(tmp_path / "build", "true")
+    assert (result.returncode, result.stdout, result.stderr) == (
+        1, "", f"shell: no daemon in {tmp_path}/build; scripts/test builds one\n")
+    assert list(tmp_path.iterdir()) == []
