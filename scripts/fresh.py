@@ -39,6 +39,8 @@ TREE = "/root/sonobrik"  # of the clone, on the first machine
 APT_OPTIONS = re.compile(r"^Acquire::(http|https|Check-Valid-Until|Check-Date|ForceIPv4)\b")
 PROXIES = ("http_proxy", "https_proxy", "no_proxy")
 
+ENTRIES = ("bwrap", "unshare")  # the programs that enter a machine
+
 CARD_LIBRARY = "libasound_module_pcm_clockcard.so"
 # In front of the package's own output 0: the sound card that records what it plays.
 ALSA = f"""\
@@ -75,11 +77,13 @@ class Step:
     def run(self, command, **options):
         """Runs a program to its end; what it prints goes into the log."""
         command = [str(word) for word in command]
-        self.say(f"+ {' '.join(command[-1:] if 'bwrap' in command else command)}")
+        # On a machine, a program of the shell; elsewhere a command.
+        shown = command[-1].strip() if command[0] in ENTRIES else " ".join(command)
+        self.say(f"+ {shown}")
         result = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=self._file,
                                 stderr=subprocess.STDOUT, check=False, **options)
         if result.returncode != 0:
-            raise StepError(f"'{command[-1]}' ended with {result.returncode}")
+            raise StepError(f"'{shown.splitlines()[0]}' ended with {result.returncode}")
 
     def say(self, text):
         print(text, file=self._file, flush=True)
