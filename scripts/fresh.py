@@ -52,6 +52,7 @@ pcm.!audiosink0 {{ type plug slave.pcm {{ type clockcard folder "/tmp/card" }} }
 PLAY = """\
 set -eu
 mkdir -p /run/dbus
+rm -f /run/dbus/pid  # of a run before this
 dbus-daemon --system
 trap 'kill $(pidof dbus-daemon sonobrik)' EXIT
 sonobrikctl play --wait /etc/audioclips/fresh.wav
@@ -74,8 +75,8 @@ class Step:
         self.log = FOLDER / f"{name}.log"
         self._file = open(self.log, "w")
 
-    def run(self, command, **options):
-        """Runs a program to its end; what it prints goes into the log."""
+    def run(self, command, what=None, **options):
+        """Runs a program to its end; what it prints goes into the log. `what` names a long one."""
         command = [str(word) for word in command]
         # On a machine, a program of the shell; elsewhere a command.
         shown = command[-1].strip() if command[0] in ENTRIES else " ".join(command)
@@ -83,7 +84,7 @@ class Step:
         result = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=self._file,
                                 stderr=subprocess.STDOUT, check=False, **options)
         if result.returncode != 0:
-            raise StepError(f"'{shown.splitlines()[0]}' ended with {result.returncode}")
+            raise StepError(f"status {result.returncode} of {what or shown}")
 
     def say(self, text):
         print(text, file=self._file, flush=True)
@@ -202,7 +203,7 @@ def play_clip(step):
     card.chmod(0o1777)
     samples = clips.noise(48000)
     clips.write_wav(TARGET / "etc/audioclips/fresh.wav", samples)
-    step.run(enter_plainly(TARGET, PLAY), env=environment())
+    step.run(enter_plainly(TARGET, PLAY), "the playing", env=environment())
     takes = Recording(card).takes
     if not any(take.find(samples) >= 0 for take in takes):
         raise StepError(f"the clip was not heard; {len(takes)} recordings in {card}")
