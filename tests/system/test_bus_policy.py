@@ -73,8 +73,8 @@ def both_names(box, name):
 @pytest.mark.parametrize("who", USERS)
 def test_the_main_interface_is_open_to_all(box, users, who):
     calls = make_calls(both_names(box, PLAYBACK[0]), PLAYBACK[2],
-                       ("PlayClip", "StartPlayingClip", "StopPlayingClip", "SupportedFile", "AddClip",
-                        "GetMetadata"), PLAYBACK[1])
+                       ("PlayClip", "StartPlayingClip", "StopPlayingClip", "SupportedFile",
+                        "AddClip", "GetMetadata"), PLAYBACK[1])
     assert find_refused(box, users[who], calls) == set()
 
 
@@ -155,7 +155,8 @@ def test_nobody_else_may_own_its_names(box, users, who):
 
 def test_its_own_user_may_own_its_names_and_no_other(box, users):
     requests = [("call", STANDARD, "/org/freedesktop/DBus", STANDARD, "RequestName", "(su)",
-                 (name, 4)) for name in (*NAMES, "com.vesk.Sonobrik.Other", "com.vesk.AudioControl")]
+                 (name, 4))
+                for name in (*NAMES, "com.vesk.Sonobrik.Other", "com.vesk.AudioControl")]
     assert send_as(box, users["daemon"], requests) == [False, False, False, True, True]
 
 

@@ -257,7 +257,7 @@ class Sandbox:
 
     # Programs
 
-    def _bwrap_command(self, uid, groups):
+    def _bwrap_command(self, uid, groups, launcher=None):
         command = ["bwrap", *self._namespace, "--die-with-parent", "--ro-bind", "/", "/",
                    "--dev", "/dev"]
         for device in self.devices:
@@ -273,7 +273,11 @@ class Sandbox:
             command += ["--ro-bind", path, path]
         command += ["--ro-bind", self.build_dir, "/run/build", "--bind", self.cache, "/run/cache",
                     "--chdir", "/"]
-        if os.getuid() == 0:
+        if launcher:
+            if not has_several_users():
+                raise SandboxError("a launcher in the sandbox needs root")
+            command += ["--cap-add", "ALL", *launcher]
+        elif os.getuid() == 0:
             # Root is then kept out of a file by its mode like anybody else.
             command += ["--cap-drop", "ALL"]
         if uid is not None:
@@ -305,13 +309,14 @@ class Sandbox:
         return variables | (env or {})
 
     def run(self, command, uid=None, groups=(), env=None, vendor_sink=False, deadline=60,
-            check=True):
+            check=True, launcher=None):
         """Runs a program to its end, and returns its subprocess.CompletedProcess with its texts.
 
         `uid`: as another user, with `groups` beside its own; only where the test runs as root.
+        `launcher`: a command in front of the program, which it starts; it has all of root's rights.
         """
         result = subprocess.run(
-            [*self._bwrap_command(uid, groups), *map(str, command)], stdin=subprocess.DEVNULL,
+            [*self._bwrap_command(uid, groups, launcher), *map(str, command)], stdin=subprocess.DEVNULL,
             capture_output=True, text=True, errors="replace", timeout=deadline, check=False,
             env=self._make_env(uid, env, vendor_sink))
         if check and result.returncode != 0:
@@ -319,12 +324,13 @@ class Sandbox:
                                  f"{result.stdout}{result.stderr}")
         return result
 
-    def spawn(self, command, uid=None, groups=(), env=None, vendor_sink=False, kind=Process):
+    def spawn(self, command, uid=None, groups=(), env=None, vendor_sink=False, kind=Process,
+              launcher=None):
         """Starts a program that runs on, and returns it as a `kind`; close() kills it.
 
         What it writes to its standard output goes to that of the test.
         """
-        process = kind([*self._bwrap_command(uid, groups), *map(str, command)],
+        process = kind([*self._bwrap_command(uid, groups, launcher), *map(str, command)],
                        self._make_env(uid, env, vendor_sink))
         self._processes.append(process)
         return process
@@ -360,7 +366,7 @@ class Sandbox:
         return mock
 
     def start_daemon(self, program=None, env=None, uid=None, groups=(), vendor_sink=False,
-                     watchdog_usec=None, wait=True, deadline=30):
+                     watchdog_usec=None, wait=True, deadline=30, launcher=None):
         """Starts the daemon, and waits until it owns its name unless `wait` is false.
 
         With `watchdog_usec` it is supervised by `notify`.
@@ -371,7 +377,7 @@ class Sandbox:
             self.notify = NotifySocket(f"/proc/self/fd/{self._run_fd}/notify")
             env |= {"NOTIFY_SOCKET": "/run/notify", "WATCHDOG_USEC": str(watchdog_usec)}
         program = program or "/run/build/src/sonobrik"
-        self.daemon = self.spawn([program], uid, groups, env, vendor_sink, Daemon)
+        self.daemon = self.spawn([program], uid, groups, env, vendor_sink, Daemon, launcher)
         if wait:
             self._wait_name("com.vesk.Sonobrik", self.daemon, deadline)
         return self.daemon

@@ -12,7 +12,8 @@ MACHINE_BUS = pathlib.Path("/usr/share/dbus-1/system.conf")
 # What the machine's bus does as a service of the machine, and a sandbox's cannot.
 BUS_OF_THE_MACHINE = re.compile(
     r"<user>.*?</user>|<fork/>|<syslog/>|<pidfile>.*?</pidfile>|<servicehelper>.*?</servicehelper>"
-    r"|<standard_system_servicedirs/>|<includedir>.*?</includedir>|<include .*?</include>", re.DOTALL)
+    r"|<standard_system_servicedirs/>|<includedir>.*?</includedir>|<include .*?</include>",
+    re.DOTALL)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -88,8 +89,8 @@ def allow_peer(name):
             'send_interface="org.freedesktop.DBus.Mock"/></policy>')
 
 
-# Sends messages and prints, for each, who answered and the error's name. A signal is answered by the
-# bus alone, when it refuses it.
+# Sends messages and prints, for each, who answered and the error's name. A signal is answered by
+# the bus alone, when it refuses it.
 CALLER = """
 import json, sys
 from gi.repository import Gio, GLib

@@ -163,6 +163,7 @@ class NotifySocket:
     def __init__(self, address):
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._socket.bind(address)
+        os.chmod(address, 0o777)  # as the service manager's is
         self._messages = []
 
     @property

@@ -1,0 +1,354 @@
+"""Starts a program under the restrictions of a systemd unit, where no systemd runs.
+
+usage: unit_launcher.py UNIT UID:GID[:GROUP...] probe|PROGRAM
+
+It imposes what the kernel can impose on any process: system-call filters, capabilities, namespaces
+and the view of the file system, in the way in which systemd does, and nothing that takes a cgroup.
+A directive that it does not know ends it.
+Runs as root in a mount namespace of its own. "probe" prints, as JSON, what can be done under them.
+"""
+
+import ctypes
+import os
+import pathlib
+import re
+import resource
+import subprocess
+import sys
+
+import seccomp
+
+import unit_probe
+
+# Restrictions that are not imposed here, and why.
+NOT_IMPOSED = {
+    "DeviceAllow": "takes a cgroup; the sandbox has no device but the harmless ones",
+    "DevicePolicy": "takes a cgroup",
+}
+
+# What the service manager does beside a process.
+SUPERVISION = {
+    "BusName", "Restart", "RestartForceExitStatus", "RestartSec", "SuccessExitStatus", "Type",
+    "WatchdogSec",
+}
+
+# What is imposed, below.
+IMPOSED = {
+    "CacheDirectory", "CacheDirectoryMode", "CapabilityBoundingSet", "Environment", "ExecPaths",
+    "ExecStart", "LockPersonality", "MemoryDenyWriteExecute", "NoExecPaths", "NoNewPrivileges",
+    "PrivateMounts", "PrivateNetwork", "PrivateTmp", "PrivateUsers", "ProcSubset", "ProtectClock",
+    "ProtectControlGroups", "ProtectHome", "ProtectHostname", "ProtectKernelLogs",
+    "ProtectKernelModules", "ProtectKernelTunables", "ProtectProc", "ProtectSystem",
+    "ReadWritePaths", "RestrictAddressFamilies", "RestrictNamespaces", "RestrictRealtime",
+    "RestrictSUIDSGID", "SystemCallArchitectures", "SystemCallErrorNumber", "SystemCallFilter",
+    "UMask", "User",
+}
+
+CACHE = "/var/cache"
+
+# They stand in for the sound cards' devices, and for the libraries that are installed.
+CARDS, LIBRARIES = "/run/cards", "/run/build/tests/support"
+PROGRAM = "/run/build/src/sonobrik"
+
+libc = ctypes.CDLL(None, use_errno=True)
+
+AT_FDCWD, AT_RECURSIVE = -100, 0x8000
+MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
+MOUNT_ATTR_RDONLY, MOUNT_ATTR_NOSUID, MOUNT_ATTR_NOEXEC = 1, 2, 8
+SYS_MOUNT_SETATTR = 442
+CLONE_NEWUTS, CLONE_NEWUSER, CLONE_NEWNET = 0x04000000, 0x10000000, 0x40000000
+NAMESPACES = 0x7e020080  # of clone(): cgroup, IPC, network, mount, pid, user, UTS and time
+PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS, PR_SET_MDWE = 24, 38, 65
+
+
+def check(result, what):
+    if result < 0:
+        number = ctypes.get_errno()
+        raise OSError(number, os.strerror(number), what)
+    return result
+
+
+class Unit:
+    """A unit's [Service] section."""
+
+    def __init__(self, path):
+        self.items = []
+        section = None
+        for line in pathlib.Path(path).read_text().splitlines():
+            if line.startswith("["):
+                section = line
+            elif section == "[Service]" and line and not line.startswith("#"):
+                key, value = line.split("=", 1)
+                self.items.append((key, value.replace("%C", CACHE)))
+
+    def get_all(self, key):
+        return [value for name, value in self.items if name == key]
+
+    def get(self, key, default=None):
+        values = self.get_all(key)
+        return values[-1] if values else default
+
+    def is_on(self, key):
+        return self.get(key) == "yes"
+
+    def get_words(self, key):
+        return " ".join(self.get_all(key)).split()
+
+    def require(self, key, *values):
+        """For a directive of which only some values are known here."""
+        if self.get(key) is not None and self.get(key) not in values:
+            sys.exit(f"unit_launcher: {key}={self.get(key)} is not known here")
+        return self.get(key) is not None
+
+
+# The view of the file system
+
+
+def mount(source, target, kind=None, flags=0, data=None):
+    words = [word.encode() if word else None for word in (source, target, kind)]
+    check(libc.mount(*words, ctypes.c_ulong(flags), data.encode() if data else None),
+          f"mount {target}")
+
+
+def set_mount(path, add=0, clear=0, recursive=True):
+    attributes = (ctypes.c_uint64 * 4)(add, clear, 0, 0)
+    check(libc.syscall(SYS_MOUNT_SETATTR, AT_FDCWD, path.encode(),
+                       AT_RECURSIVE if recursive else 0, attributes, 32), f"mount_setattr {path}")
+
+
+def bind_itself(path):
+    mount(path, path, flags=MS_BIND | MS_REC)
+
+
+def hide(path):
+    """As inaccessible as systemd makes it."""
+    if os.path.isdir(path):
+        mount("tmpfs", path, "tmpfs", data="mode=000,size=0")
+        set_mount(path, MOUNT_ATTR_RDONLY)
+    elif os.path.exists(path):
+        mount("/dev/null", path, flags=MS_BIND)
+
+
+def find_paths(words):
+    """Paths of a directive: resolved, without those that are missing and may be."""
+    paths = []
+    for word in words:
+        path = os.path.realpath(word.removeprefix("-"))
+        if os.path.exists(path):
+            paths.append(path)
+        elif not word.startswith("-"):
+            sys.exit(f"unit_launcher: {word} is missing")
+    return list(dict.fromkeys(paths))
+
+
+def make_view(unit, uid, gid, program):
+    mount(None, "/", flags=MS_REC | MS_PRIVATE)
+    mount("tmpfs", CACHE, "tmpfs")
+    writable = [CARDS]
+    if unit.get("CacheDirectory"):
+        folder = f"{CACHE}/{unit.get('CacheDirectory')}"
+        os.mkdir(folder)
+        os.chmod(folder, int(unit.get("CacheDirectoryMode", "0755"), 8))
+        os.chown(folder, uid, gid)
+        writable.append(folder)
+    writable += find_paths(unit.get_words("ReadWritePaths"))
+    # The program stands in for the installed one.
+    executable = [word for word in unit.get_words("ExecPaths") if word != unit.get("ExecStart")]
+    executable = [*find_paths(executable), program, LIBRARIES]
+    for path in {*writable, *executable}:
+        bind_itself(path)
+    if unit.require("NoExecPaths", "/"):
+        set_mount("/", MOUNT_ATTR_NOEXEC)
+        for path in executable:
+            set_mount(path, clear=MOUNT_ATTR_NOEXEC)
+    if unit.require("ProtectSystem", "strict"):
+        set_mount("/", MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID)
+        for path in writable:
+            set_mount(path, clear=MOUNT_ATTR_RDONLY)
+    if unit.is_on("PrivateTmp"):
+        for path in ("/tmp", "/var/tmp"):
+            mount("tmpfs", path, "tmpfs", data="mode=1777")
+            set_mount(path, MOUNT_ATTR_NOEXEC | MOUNT_ATTR_NOSUID)
+    hidden = []
+    if unit.require("ProtectHome", "yes"):
+        hidden += ["/home", "/root", "/run/user"]
+    if unit.is_on("ProtectKernelModules"):
+        hidden += find_paths(["-/usr/lib/modules", "-/lib/modules"])
+    if unit.is_on("ProtectKernelLogs"):
+        hidden += ["/dev/kmsg", "/proc/kmsg"]
+    for path in hidden:
+        hide(path)
+    if unit.is_on("ProtectKernelTunables") or unit.is_on("ProtectControlGroups"):
+        bind_itself("/sys")
+        set_mount("/sys", MOUNT_ATTR_RDONLY)
+    proc = {"ProtectProc": {"invisible": "hidepid=invisible"}, "ProcSubset": {"pid": "subset=pid"}}
+    options = [values[unit.get(key)] for key, values in proc.items() if unit.require(key, *values)]
+    mount("proc", "/proc", "proc", data=",".join(options))
+    set_mount("/proc", MOUNT_ATTR_NOEXEC | MOUNT_ATTR_NOSUID)
+
+
+# Who it is, and what it may
+
+
+def become(unit, uid, gid, groups):
+    flags = 0
+    if unit.is_on("PrivateNetwork"):
+        flags |= CLONE_NEWNET
+    if unit.is_on("ProtectHostname"):
+        flags |= CLONE_NEWUTS
+    check(libc.unshare(flags), "unshare")
+    os.setgroups(groups)
+    if unit.is_on("PrivateUsers"):
+        enter_private_users(uid, gid)
+    if unit.require("CapabilityBoundingSet", ""):
+        for capability in range(64):
+            if libc.prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) < 0:
+                break
+    os.setresgid(gid, gid, gid)
+    os.setresuid(uid, uid, uid)  # which takes the capabilities away
+    os.umask(int(unit.get("UMask", "0022"), 8))
+    if unit.is_on("NoNewPrivileges"):
+        check(libc.prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no_new_privs")
+
+
+def enter_private_users(uid, gid):
+    """A user namespace that knows root and the unit's user, as a process outside it has to write."""
+    ready_out, ready_in = os.pipe()
+    target = os.getpid()
+    helper = os.fork()
+    if helper == 0:
+        os.close(ready_in)
+        os.read(ready_out, 1)
+        for name, number in (("uid_map", uid), ("gid_map", gid)):
+            pathlib.Path(f"/proc/{target}/{name}").write_text(f"0 0 1\n{number} {number} 1\n")
+        os._exit(0)
+    os.close(ready_out)
+    check(libc.unshare(CLONE_NEWUSER), "unshare")
+    os.write(ready_in, b"x")
+    os.close(ready_in)
+    if os.waitpid(helper, 0)[1] != 0:
+        sys.exit("unit_launcher: the user namespace cannot be set up")
+
+
+# System calls
+
+
+def expand(name):
+    """The system calls of a set, or the call itself."""
+    if not name.startswith("@"):
+        return {name}
+    text = subprocess.run(["systemd-analyze", "--no-pager", "syscall-filter", name], check=True,
+                          capture_output=True, text=True).stdout
+    words = [line.strip() for line in text.splitlines()[1:]]
+    return set().union(*(expand(word) for word in words if word and not word.startswith("#")))
+
+
+def is_known(call):
+    try:
+        return seccomp.resolve_syscall(seccomp.Arch(), call) >= 0
+    except (RuntimeError, ValueError):
+        return False
+
+
+def make_allowed(unit):
+    """The calls that SystemCallFilter= leaves; its first line is a list of what is allowed."""
+    allowed = set()
+    for value in unit.get_all("SystemCallFilter"):
+        calls = set().union(*(expand(word) for word in value.removeprefix("~").split()))
+        allowed = allowed - calls if value.startswith("~") else allowed | calls
+    return allowed | expand("@default")  # which is always allowed
+
+
+def make_filters(unit):
+    """The filters, the one that allows the least last."""
+    deny = seccomp.SyscallFilter(seccomp.ALLOW)
+    arg = seccomp.Arg
+
+    def refuse(call, *conditions, error="EPERM"):
+        if is_known(call):
+            deny.add_rule(seccomp.ERRNO(getattr(unit_probe.errno, error)), call, *conditions)
+
+    if unit.is_on("MemoryDenyWriteExecute"):
+        refuse("mmap", arg(2, seccomp.MASKED_EQ, 6, 6))
+        for call in ("mprotect", "pkey_mprotect"):
+            refuse(call, arg(2, seccomp.MASKED_EQ, 4, 4))
+        refuse("shmat", arg(2, seccomp.MASKED_EQ, 0o100000, 0o100000))
+    if unit.require("RestrictAddressFamilies", "AF_UNIX"):
+        refuse("socket", arg(0, seccomp.NE, 1), error="EAFNOSUPPORT")
+    if unit.is_on("RestrictNamespaces"):
+        for bit in range(32):
+            if NAMESPACES & 1 << bit:
+                refuse("clone", arg(0, seccomp.MASKED_EQ, 1 << bit, 1 << bit))
+        refuse("clone3", error="ENOSYS")  # whose flags no filter sees
+        refuse("unshare")
+        refuse("setns")
+    if unit.is_on("LockPersonality"):
+        refuse("personality", arg(0, seccomp.NE, 0))
+    if unit.is_on("RestrictRealtime"):
+        for policy in (1, 2, 6):
+            refuse("sched_setscheduler", arg(1, seccomp.EQ, policy))
+    if unit.is_on("RestrictSUIDSGID"):
+        for call, number in (("chmod", 1), ("fchmod", 1), ("fchmodat", 2), ("mkdir", 1),
+                             ("mkdirat", 2), ("mknod", 1), ("mknodat", 2), ("creat", 1),
+                             ("open", 2), ("openat", 3)):
+            for bit in (0o4000, 0o2000):
+                flags = {"open": 1, "openat": 2}.get(call)
+                made = [arg(flags, seccomp.MASKED_EQ, os.O_CREAT, os.O_CREAT)] if flags else []
+                refuse(call, *made, arg(number, seccomp.MASKED_EQ, bit, bit))
+        refuse("openat2", error="ENOSYS")
+    protected = {
+        "ProtectClock": expand("@clock"),
+        "ProtectHostname": {"sethostname", "setdomainname"},
+        "ProtectKernelLogs": {"syslog"},
+        "ProtectKernelModules": expand("@module"),
+    }
+    for key, calls in protected.items():
+        for call in calls if unit.is_on(key) else ():
+            refuse(call)
+    filters = [deny]
+    if unit.get("SystemCallFilter"):
+        error = getattr(unit_probe.errno, unit.get("SystemCallErrorNumber", "EPERM"))
+        allow = seccomp.SyscallFilter(seccomp.ERRNO(error))
+        for call in filter(is_known, make_allowed(unit)):
+            allow.add_rule(seccomp.ALLOW, call)
+        filters.append(allow)
+    return filters
+
+
+# What systemd gives a service; the rest is how the sandbox's instruments are reached.
+KEPT = re.compile(r"LANG|PATH|NOTIFY_SOCKET|WATCHDOG_USEC|G_MESSAGES_DEBUG|GST_DEBUG.*")
+
+
+def make_environment(unit):
+    environment = {key: value for key, value in os.environ.items() if KEPT.fullmatch(key)}
+    environment |= {"HOME": "/", "LOGNAME": unit.get("User"), "USER": unit.get("User"),
+                    "SHELL": "/usr/sbin/nologin"}
+    if unit.get("CacheDirectory"):
+        environment["CACHE_DIRECTORY"] = f"{CACHE}/{unit.get('CacheDirectory')}"
+    return environment | dict(word.split("=", 1) for word in unit.get_words("Environment"))
+
+
+def main(path, user, program):
+    unit = Unit(path)
+    unknown = {key for key, _ in unit.items} - IMPOSED - SUPERVISION - set(NOT_IMPOSED)
+    if unknown:
+        sys.exit(f"unit_launcher: not known here: {' '.join(sorted(unknown))}")
+    uid, gid, *groups = map(int, user.split(":"))
+    unit.require("SystemCallArchitectures", "native")  # what libseccomp's filters permit
+    filters = make_filters(unit)
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    make_view(unit, uid, gid, PROGRAM)
+    become(unit, uid, gid, groups)
+    if unit.is_on("MemoryDenyWriteExecute"):
+        libc.prctl(PR_SET_MDWE, 1, 0, 0, 0)  # as later versions of systemd do, where the kernel can
+    environment = make_environment(unit)
+    for each in filters:
+        each.load()
+    if program == "probe":
+        unit_probe.run(CACHE, unit.get("CacheDirectory"))
+    else:
+        os.execve(program, [program], environment)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
