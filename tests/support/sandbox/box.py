@@ -337,12 +337,12 @@ class Sandbox:
 
     # The bus and the daemon
 
-    def start_bus(self):
+    def start_bus(self, uid=None, groups=()):
         """Starts the system bus, connects `bus` to it, and returns its process."""
         socket = self.folder / "run/dbus/system_bus_socket"
         socket.unlink(missing_ok=True)
         daemon = self.spawn(["dbus-daemon", "--config-file=/etc/bus.conf", "--nofork",
-                             "--nopidfile", "--nosyslog"])
+                             "--nopidfile", "--nosyslog"], uid, groups)
         self.bus = wait_until(lambda: self._try_connect(daemon), 10, "the bus answers")
         return daemon
 

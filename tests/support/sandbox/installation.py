@@ -36,6 +36,7 @@ class Installation:
         subprocess.run(
             ["/usr/bin/meson", "install", "-C", build_dir, "--no-rebuild", "--quiet", "--destdir",
              self.folder], check=True, capture_output=True)
+        self.folder.chmod(0o755)  # for the other users that programs run as
 
     def find(self, pattern):
         """The one installed file that matches."""
