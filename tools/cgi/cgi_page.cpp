@@ -1,0 +1,201 @@
+#include "cgi_page.h"
+
+#include <algorithm>
+#include <array>
+#include <glib.h>
+#include <string_view>
+
+#include "cgi_template.h"
+#include "client_text.h"
+#include "page_template.h"
+
+namespace
+{
+
+constexpr gint64 DEFAULT_VOLUME = 100;
+constexpr gint32 OUTPUT_COUNT = 6; /* of a request; which there are is known from the events */
+
+struct Repeat {
+    gint64 value;
+    const char *text;
+};
+
+constexpr std::array<Repeat, 5> REPEATS = {{
+    {0, "once"},
+    {1, "twice"},
+    {2, "3 times"},
+    {9, "10 times"},
+    {-1, "until stopped"},
+}};
+
+/* What a section takes to be shown once, or not at all. */
+std::vector<CgiValues> show_if(bool condition)
+{
+    return std::vector<CgiValues>(condition ? 1 : 0);
+}
+
+std::string escape(const std::string &text)
+{
+    g_autofree char *escaped = client_text_escape(text.c_str());
+    return escaped;
+}
+
+/* The path as people need it: those of the clips' own folder without that. */
+std::string shorten(const std::string &location)
+{
+    constexpr std::string_view FOLDER = "/etc/audioclips/";
+    return escape(location.starts_with(FOLDER) ? location.substr(FOLDER.size()) : location);
+}
+
+std::string name_clip(const CgiClip &clip)
+{
+    return clip.name.empty() ? "Clip " + std::to_string(clip.number) : escape(clip.name);
+}
+
+bool is_playing(const CgiClip &clip, const CgiNow &now)
+{
+    return std::ranges::any_of(now.outputs, [&clip](const CgiOutput &output) {
+        return output.playing && output.file == clip.location;
+    });
+}
+
+bool plays_anything(const CgiNow &now)
+{
+    return std::ranges::any_of(now.outputs, &CgiOutput::playing);
+}
+
+CgiValues describe_clip(const CgiClip &clip, const CgiNow &now)
+{
+    const bool is_gone = clip.file == CGI_FILE_GONE;
+    const bool has_length = clip.duration_ms >= 0;
+    g_autofree char *length = client_text_duration(clip.duration_ms);
+    CgiValues values;
+    values.texts = {
+        {"number", std::to_string(clip.number)},
+        {"name", name_clip(clip)},
+        {"location", clip.location},
+        {"file", clip.location.empty() ? "no file" : shorten(clip.location)},
+        {"length", length},
+        {"state", is_playing(clip, now) ? "playing" : ""},
+    };
+    values.sections = {
+        {"has_length", show_if(has_length && !is_gone)},
+        {"no_length", show_if(!has_length && !is_gone)},
+        {"gone", show_if(is_gone)},
+    };
+    return values;
+}
+
+CgiValues make_choice(const std::string &value, const std::string &text, bool is_chosen)
+{
+    CgiValues values;
+    values.texts = {{"value", value}, {"text", text}};
+    values.sections = {{"chosen", show_if(is_chosen)}};
+    return values;
+}
+
+std::vector<CgiValues> list_outputs(const CgiRequest &request, const CgiNow &now)
+{
+    std::vector<CgiValues> choices = {
+        make_choice("", "the first", request.output == CLIENT_NOT_GIVEN)};
+    for (gint32 number = 0; number < OUTPUT_COUNT; number++) {
+        bool is_there = !now.is_known;
+        for (const CgiOutput &output : now.outputs) {
+            is_there |= output.number == number;
+        }
+        if (is_there) {
+            const std::string text = std::to_string(number);
+            choices.push_back(make_choice(text, "output " + text, request.output == number));
+        }
+    }
+    return choices;
+}
+
+std::vector<CgiValues> list_repeats(const CgiRequest &request)
+{
+    const gint64 chosen = request.repeat == CLIENT_NOT_GIVEN ? 0 : request.repeat;
+    std::vector<CgiValues> choices;
+    for (const Repeat &repeat : REPEATS) {
+        choices.push_back(
+            make_choice(std::to_string(repeat.value), repeat.text, chosen == repeat.value));
+    }
+    return choices;
+}
+
+/* The result that the page was called with, as a sentence; empty for none that is known. */
+std::string tell_result(const CgiRequest &request, const CgiState &state)
+{
+    const CgiTelling *telling = cgi_result_find(request.result);
+    if (!telling || telling->result == CGI_OK) {
+        return "";
+    }
+    for (const CgiClip &clip : state.clips) {
+        if (telling->result == CGI_PLAYING && clip.number == request.clip) {
+            return "Started " + name_clip(clip) + ".";
+        }
+    }
+    return telling->text;
+}
+
+/* The content of the template's only element of this kind. */
+std::string_view find_element(std::string_view tag)
+{
+    const std::string opening = "<" + std::string(tag) + ">";
+    const std::string closing = "</" + std::string(tag) + ">";
+    const size_t begin = PAGE_TEMPLATE.find(opening) + opening.size();
+    return PAGE_TEMPLATE.substr(begin, PAGE_TEMPLATE.find(closing, begin) - begin);
+}
+
+/* Names an element's content in a content security policy. */
+std::string make_hash(std::string_view content)
+{
+    g_autoptr(GChecksum) checksum = g_checksum_new(G_CHECKSUM_SHA256);
+    guint8 digest[32];
+    gsize length = sizeof(digest);
+    g_checksum_update(checksum, reinterpret_cast<const guchar *>(content.data()),
+                      static_cast<gssize>(content.size()));
+    g_checksum_get_digest(checksum, digest, &length);
+    g_autofree char *text = g_base64_encode(digest, length);
+    return "'sha256-" + std::string(text) + "'";
+}
+
+} // namespace
+
+std::string cgi_page_make(const CgiRequest &request, const CgiState &state,
+                          const CgiOutcome &outcome)
+{
+    const bool is_well = outcome.result == CGI_OK;
+    const std::string result = is_well ? tell_result(request, state) : "";
+    const bool is_good = request.result == cgi_result_tell(CGI_PLAYING)->code ||
+                         request.result == cgi_result_tell(CGI_STOPPED)->code;
+    const gint64 volume = request.volume == CLIENT_NOT_GIVEN ? DEFAULT_VOLUME : request.volume;
+    CgiValues values;
+    values.texts = {
+        {"now", cgi_now_describe(state.now)},
+        {"now_state", plays_anything(state.now) ? "playing" : ""},
+        {"result", result},
+        {"result_kind", result.empty() || is_good ? "" : "bad"},
+        {"volume", std::to_string(volume)},
+        {"trouble", cgi_outcome_describe(outcome)},
+    };
+    values.sections = {
+        {"is_well", show_if(is_well)},
+        {"is_trouble", show_if(!is_well)},
+        {"is_empty", show_if(is_well && state.clips.empty())},
+        {"outputs", list_outputs(request, state.now)},
+        {"repeats", list_repeats(request)},
+        {"has_clips", show_if(is_well && !state.clips.empty())},
+    };
+    for (const CgiClip &clip : state.clips) {
+        values.sections["clips"].push_back(describe_clip(clip, state.now));
+    }
+    return cgi_template_fill(PAGE_TEMPLATE, values);
+}
+
+std::string cgi_page_policy()
+{
+    return "Content-Security-Policy: default-src 'none'; style-src " +
+           make_hash(find_element("style")) + "; script-src " + make_hash(find_element("script")) +
+           "; connect-src 'self'; img-src data:; form-action 'self'; base-uri 'none'; "
+           "frame-ancestors 'none'\r\n";
+}
