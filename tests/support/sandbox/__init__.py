@@ -21,6 +21,7 @@ from .process import Daemon, LogLine, Process
 from .recording import Event, Recording, Take
 from .store import Store
 from .wait import wait_until
+from .web import Web, find_server
 
 # Whom to call: bus name, object path, interface.
 PLAYBACK = ("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik")
@@ -28,6 +29,6 @@ LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configurat
 
 __all__ = [
     "Bus", "BusError", "Daemon", "Event", "Installation", "LEGACY", "LogLine", "PLAYBACK", "Player",
-    "Process", "Recording", "Sandbox", "SandboxError", "Signal", "Store", "Take", "clips",
-    "describe_event", "has_several_users", "read_events", "wait_until",
+    "Process", "Recording", "Sandbox", "SandboxError", "Signal", "Store", "Take", "Web", "clips",
+    "describe_event", "find_server", "has_several_users", "read_events", "wait_until",
 ]

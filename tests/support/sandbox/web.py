@@ -1,0 +1,120 @@
+"""A web server in the sandbox, with the program that it runs for people."""
+
+import dataclasses
+import pathlib
+import shutil
+import socket
+import subprocess
+
+from .process import SANITIZER_REPORT
+from .wait import wait_until
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+
+PROGRAM = "/usr/libexec/vesk-cgi/sonobrik.cgi"
+PATH = "/vesk-cgi/sonobrik.cgi"
+
+USER = "anna:s3cret"
+# Of "s3cret", as "openssl passwd -6 -salt salt" prints it.
+HASH = ("$6$salt$DGAQW8l.nT4RCbPNEQZjx6ZZzjHy2eW5krORahM6YQzUbUKsZPuhNkX7AUpx1TMPuF37mzmXtWWdUw3"
+        "tTKEd.1")
+
+
+def find_server(name):
+    """The path of a web server's program, or null; they are outside of many people's PATH."""
+    return shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin")
+
+
+@dataclasses.dataclass(frozen=True)
+class Answer:
+    status: int
+    headers: dict  # by name in lower case; of the last one of a name
+    text: str
+
+
+class Web:
+    """A web server in `sandbox`, which serves the program of the sandbox's build with the
+    configuration that comes with it."""
+
+    def __init__(self, sandbox):
+        self._sandbox = sandbox
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            self.port = probe.getsockname()[1]
+        self.address = f"http://127.0.0.1:{self.port}{PATH}"
+        self.processes = []
+
+    def start_lighttpd(self):
+        self._write("lighttpd/sonobrik.users", f"anna:{HASH}\n")
+        self._write("lighttpd/sonobrik.conf", self._read_shipped("lighttpd"))
+        self._write("lighttpd/lighttpd.conf",
+                    'server.document-root = "/run/home"\n'
+                    'server.bind = "127.0.0.1"\n'
+                    f"server.port = {self.port}\n"
+                    # As the distribution's own does; both load it.
+                    'server.modules = ( "mod_alias" )\n'
+                    'include "sonobrik.conf"\n')
+        self._start([find_server("lighttpd"), "-D", "-f", "/etc/lighttpd/lighttpd.conf"])
+        return self
+
+    def start_nginx(self):
+        text = self._read_shipped("nginx").replace("/run/fcgiwrap.socket", "/run/home/fcgi")
+        self._write("nginx/sonobrik.users", f"anna:{HASH}\n")
+        self._write("nginx/snippets/sonobrik.conf", text)
+        temporary = "".join(f"  {name}_temp_path /run/home/{name};\n" for name in
+                            ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
+        self._write("nginx/nginx.conf",
+                    "user root; daemon off; master_process off; pid /run/home/nginx.pid;\n"
+                    "error_log stderr;\nevents {}\n"
+                    f"http {{\n  access_log off;\n{temporary}"
+                    f"  server {{ listen 127.0.0.1:{self.port};\n"
+                    "    include /etc/nginx/snippets/sonobrik.conf;\n  }\n}\n")
+        check = self._sandbox.run([find_server("nginx"), "-t", "-c", "/etc/nginx/nginx.conf"])
+        self.processes.append(self._sandbox.spawn(
+            [find_server("fcgiwrap"), "-s", "unix:/run/home/fcgi"]))
+        socket_path = self._sandbox.folder / "run/home/fcgi"
+        wait_until(socket_path.exists, 20, "the wrapper listens")
+        self._start([find_server("nginx"), "-c", "/etc/nginx/nginx.conf"])
+        return check.stderr
+
+    def _read_shipped(self, server):
+        text = (ROOT / "data" / server / "sonobrik.conf").read_text()
+        return text.replace(PROGRAM, "/run/build/tools/cgi/sonobrik.cgi")
+
+    def _write(self, name, text):
+        path = self._sandbox.etc / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text)
+
+    def _start(self, command):
+        server = self._sandbox.spawn(command)
+        self.processes.append(server)
+        wait_until(lambda: not server.is_running or self._answers(), 20, "the web server answers")
+        assert server.is_running, server.lines
+
+    def _answers(self):
+        try:
+            socket.create_connection(("127.0.0.1", self.port), 1).close()
+        except OSError:
+            return False
+        return True
+
+    def get(self, query="", *options, user=USER):
+        """What curl gets for a query; `options` are further ones of curl's."""
+        address = f"{self.address}?{query}" if query else self.address
+        command = ["curl", "--silent", "--show-error", "--include", "--max-time", "120",
+                   "--noproxy", "*", *(["--user", user] if user else []), *options, address]
+        result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, check=True)
+        head, _, body = result.stdout.partition(b"\r\n\r\n")
+        first, *lines = head.decode("latin-1").split("\r\n")
+        pairs = (line.partition(":") for line in lines)
+        return Answer(int(first.split()[1]),
+                      {name.lower(): value.strip() for name, _, value in pairs}, body.decode())
+
+    def post(self, form, *options, user=USER):
+        return self.get("", "--data", form, *options, user=user)
+
+    def check(self):
+        """Fails if the program had something to say beside its answers."""
+        lines = [line for process in self.processes for line in process.lines]
+        assert not any(SANITIZER_REPORT.search(line) for line in lines), "\n".join(lines)

@@ -1,0 +1,312 @@
+"""The program behind a web server, as curl and the on-screen controls meet it."""
+
+import shutil
+import urllib.parse
+
+import pytest
+
+from sandbox import Store, Web, clips, find_server, wait_until
+
+if not find_server("lighttpd") or not shutil.which("curl"):
+    pytest.skip("lighttpd or curl is not installed", allow_module_level=True)
+
+PLAIN = "text/plain; charset=utf-8"
+
+
+@pytest.fixture(scope="module")
+def web(shared):
+    """A web server; what is asked of it plays nothing that lasts."""
+    server = Web(shared).start_lighttpd()
+    yield server
+    server.check()
+
+
+@pytest.fixture(scope="module")
+def clip_store(shared):
+    return Store(shared)
+
+
+@pytest.fixture
+def door(shared, clip_store):
+    """A clip, which stays; its number."""
+    path = shared.write_clip("door.wav", clips.tone(440, 0.2)).path
+    number = clip_store.add_clip(path, "Door")
+    yield number
+    clip_store.call("RemoveConfiguration", "(i)", number)
+
+
+@pytest.fixture
+def quiet(shared, asked):
+    """Nothing plays before, and nothing after."""
+    asked.call("StopPlayingClip")
+    yield asked
+    asked.call("StopPlayingClip")
+
+
+@pytest.mark.parametrize("send", ["get", "post"])
+def test_a_clip_is_played_and_stopped(web, door, quiet, send):
+    first = len(quiet.events)
+    answer = getattr(web, send)(f"action=play&clip={door}&volume=50&repeat=-1&audiooutput=0")
+    assert (answer.status, answer.text) == (200, "The clip plays.\n")
+    assert answer.headers["content-type"] == PLAIN
+    assert answer.headers["cache-control"] == "no-store"
+    wait_until(lambda: ("CurrentlyPlaying", 1, 0, 0, "/etc/audioclips/door.wav")
+               in quiet.events[first:], 20, "the clip is announced")
+    answer = getattr(web, send)("action=stop")
+    assert (answer.status, answer.text) == (200, "Stopped.\n")
+    wait_until(lambda: quiet.events[-1] == ("Playing", 1, 0, 0, False), 20, "the clip has ended")
+
+
+def test_stopping_nothing_succeeds(web, quiet):
+    assert web.get("action=stop").status == 200
+
+
+def test_a_second_clip_is_a_conflict(web, door, quiet):
+    assert web.get(f"action=play&clip={door}&repeat=-1").status == 200
+    answer = web.get(f"action=play&clip={door}")
+    assert answer.status == 409
+    assert answer.text.startswith("A clip is already playing.")
+
+
+def test_options_reach_the_daemon_as_they_were_given(shared, web, door, quiet):
+    logged = len(shared.daemon.texts)
+    assert web.get(f"action=play&clip={door}&volume=7&repeat=2&audiooutput=0").status == 200
+    line = ("info: sonobrik_play_clip_asynchronous with options: "
+            "location=/etc/audioclips/door.wav&volume=7&repeat=2&audiooutput=0")
+    wait_until(lambda: line in shared.daemon.texts[logged:], 20, "the request is logged")
+
+
+@pytest.mark.parametrize("query", [
+    "action=play", "action=play&clip=", "action=play&clip=00", "action=play&clip=%2B0",
+    "action=play&clip=-1", "action=play&clip=0x0", "action=play&clip=2147483648",
+    "action=play&clip=99999999999999999999", "action=play&clip=Door",
+    "action=play&clip=0&clip=0", "action=play&action=stop&clip=0", "action=dance", "action=Play",
+    "action=play&clip=0&volume=1001", "action=play&clip=0&volume=-1",
+    "action=play&clip=0&volume=1.5",
+    "action=play&clip=0&repeat=-2", "action=play&clip=0&repeat=2147483648",
+    "action=play&clip=0&audiooutput=6", "action=play&clip=0&audiooutput=-1",
+    "action=play&clip=0&volum=5", "action=play&clip=%", "action=play&clip=%4",
+    "action=play&clip=%zz",
+    "location=/etc/audioclips/door.wav&action=play", "%3Cscript%3E=1&action=stop",
+])
+def test_what_cannot_be_read_is_refused(web, door, quiet, query):
+    answer = web.get(query)
+    assert (answer.status, answer.headers["content-type"]) == (400, PLAIN)
+    assert answer.text.startswith("The request cannot be read. ")
+
+
+@pytest.mark.parametrize("form", ["action=play&clip=0%00", "action=%ff%fe", "a%00ction=stop"])
+def test_what_is_no_text_is_refused(web, form):
+    assert web.get(form).status == 400  # by the web server itself
+    answer = web.post(form)
+    assert (answer.status, answer.headers["content-type"]) == (400, PLAIN)
+    assert answer.text == ("The request cannot be read. "
+                           "It has something that is not UTF-8 text.\n")
+
+
+def test_an_output_that_is_not_there_is_refused(web, door, quiet):
+    answer = web.get(f"action=play&clip={door}&audiooutput=3")
+    assert answer.status == 400
+    assert "is there such an output?" in answer.text
+
+
+def test_an_unknown_number_is_not_found(web, door):
+    answer = web.get(f"action=play&clip={door + 1}")
+    assert (answer.status, answer.text) == (404, "There is no such clip.\n")
+
+
+def test_a_clip_without_a_file_is_not_found(shared, web, clip_store):
+    number, = clip_store.call("AddConfiguration", "(i)", -1)
+    answer = web.get(f"action=play&clip={number}")
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    assert (answer.status, answer.text) == (404, "The clip's file is gone.\n")
+
+
+@pytest.mark.parametrize("name", ["gone.wav", "d*.wav", "doo?.wav", "*", "door.wav/door.wav"])
+def test_a_file_that_is_gone_is_not_found_whatever_its_name(web, clip_store, door, quiet, name):
+    number = clip_store.add_clip(f"/etc/audioclips/{name}", "Gone")
+    first = len(quiet.events)
+    answer = web.get(f"action=play&clip={number}")
+    page = web.get()
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    assert (answer.status, answer.text) == (404, "The clip's file is gone.\n")
+    quiet.fence()
+    assert quiet.events[first:] == []
+    assert f'value="{number}" disabled aria-describedby="gone-{number}"' in page.text
+
+
+def test_a_name_with_wildcards_plays_its_own_file(shared, web, clip_store, door, quiet):
+    clip = shared.write_clip("d*?.wav", clips.tone(660, 0.2))
+    number = clip_store.add_clip(clip.path, "Star")
+    first = len(quiet.events)
+    answer = web.get(f"action=play&clip={number}&repeat=3")
+    wait_until(lambda: len(quiet.events) >= first + 3, 20, "it is chained")
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    clip.file.unlink()
+    assert answer.status == 200
+    assert {event[-1] for event in quiet.events[first:] if event[0] == "CurrentlyPlaying"} == {
+        clip.path}
+
+
+def test_a_file_with_wildcards_that_cannot_be_played_widens_into_no_set(
+        shared, web, clip_store, door, quiet):
+    number = clip_store.add_clip(shared.write_file("d*", b"no media"), "Notes")
+    first = len(quiet.events)
+    answer = web.get(f"action=play&clip={number}")
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    assert answer.status == 422
+    quiet.fence()
+    assert quiet.events[first:] == []
+
+
+@pytest.mark.parametrize("name", ["a b+c&d=e%41.wav", "töne ♫.wav", "a'\"<b>.wav",
+                                  "back\\slash.wav"])
+def test_names_are_escaped_on_their_way(shared, web, clip_store, quiet, name):
+    clip = shared.write_clip(name, clips.tone(550, 0.2))
+    number = clip_store.add_clip(clip.path, "")
+    first = len(quiet.events)
+    answer = web.get(f"action=play&clip={number}")
+    wait_until(lambda: ("CurrentlyPlaying", 1, 0, 0, clip.path) in quiet.events[first:], 20,
+               "the clip is announced")
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    clip.file.unlink()
+    assert answer.status == 200
+
+
+def test_what_plays_now_is_told(web, door, quiet):
+    assert web.get("action=status").text.startswith(
+        '{"known":true,"text":"Nothing plays now.","outputs":[{"output":0,"playing":false,')
+    web.get(f"action=play&clip={door}&repeat=-1")
+    answer = wait_until(
+        lambda: (a := web.get("action=status")) and "door.wav plays" in a.text and a, 20,
+        "the clip is told")
+    assert answer.headers["content-type"] == "application/json"
+    assert answer.text == ('{"known":true,"text":"door.wav plays on output 0.","outputs":'
+                           '[{"output":0,"playing":true,"file":"/etc/audioclips/door.wav"}]}\n')
+
+
+@pytest.mark.parametrize("method", ["PUT", "DELETE", "OPTIONS"])
+def test_other_methods_are_refused(web, method):
+    answer = web.get("action=stop", "--request", method)
+    assert (answer.status, answer.headers["allow"]) == (405, "GET, HEAD, POST")
+
+
+def test_head_does_nothing(web, door, quiet):
+    first = len(quiet.events)
+    answer = web.get(f"action=play&clip={door}", "--head")
+    assert (answer.status, answer.headers["allow"], answer.text) == (405, "GET, POST", "")
+    answer = web.get("", "--head")
+    assert (answer.status, answer.text) == (200, "")
+    quiet.fence()
+    assert quiet.events[first:] == []
+
+
+@pytest.mark.parametrize("form, status", [
+    ("x" * 9000, 413), ("x" * 70000, 413), ("action=stop&x=" + "y" * 8000, 400), ("%", 400),
+])
+def test_a_body_is_bounded_and_read_strictly(web, form, status):
+    assert web.post(form).status == status
+
+
+def test_a_body_of_another_kind_is_refused(web):
+    answer = web.post("{}", "--header", "Content-Type: application/json")
+    assert answer.status == 415
+
+
+def test_a_key_counts_once_in_query_and_body_together(web):
+    assert web.get("action=stop", "--data", "action=stop").status == 400
+
+
+def test_the_page_is_gone_back_to(web, door, quiet):
+    answer = web.post(f"page=1&action=play&clip={door}&volume=30&repeat=0&audiooutput=")
+    assert answer.status == 303
+    assert answer.headers["location"] == f"?result=playing&clip={door}&volume=30&repeat=0"
+    page = web.get(answer.headers["location"][1:])
+    assert page.status == 200
+    assert "Started Door." in page.text
+    assert 'max="1000" value="30"' in page.text
+    answer = web.post("page=1&action=play&clip=77")
+    assert answer.headers["location"] == "?result=noclip&clip=77"
+    assert "There is no such clip." in web.get(answer.headers["location"][1:]).text
+    answer = web.post("page=1&action=play&clip=77&volume=2000")
+    assert answer.headers["location"].startswith("?result=unreadable")
+
+
+# Which of these a browser sends depends on its age and on whether the connection is encrypted.
+OWN = "http://127.0.0.1:{port}"
+OTHER = "http://evil.example"
+
+
+@pytest.mark.parametrize("headers, status", [
+    ([], 200),
+    (["Sec-Fetch-Site: same-origin"], 200),
+    (["Sec-Fetch-Site: none"], 200),
+    (["Sec-Fetch-Site: cross-site"], 403),
+    (["Sec-Fetch-Site: same-site"], 403),
+    (["Sec-Fetch-Site: new-kind"], 403),
+    ([f"Origin: {OWN}"], 200),
+    ([f"Origin: {OTHER}"], 403),
+    (["Origin: null"], 403),
+    (["Origin: http://127.0.0.1"], 403),
+    (["Sec-Fetch-Site: same-origin", f"Origin: {OTHER}"], 403),
+    ([f"Referer: {OWN}/vesk-cgi/sonobrik.cgi"], 200),
+    ([f"Referer: {OTHER}/{OWN}"], 403),
+    ([f"Referer: {OTHER}@{{port}}/"], 403),
+    (["Purpose: prefetch"], 403),
+    (["Sec-Purpose: prefetch;prerender"], 403),
+])
+def test_other_sites_are_refused(web, headers, status):
+    options = [word for header in headers for word in ("--header", header.format(port=web.port))]
+    assert web.get("action=stop", *options).status == status
+    assert web.post("action=stop", *options).status == status
+    assert web.get("", *options).status == 200  # the page itself does nothing
+
+
+def test_another_site_may_not_frame_the_page(web):
+    policy = web.get().headers["content-security-policy"]
+    assert "default-src 'none'" in policy and "frame-ancestors 'none'" in policy
+    assert "unsafe" not in policy
+
+
+@pytest.mark.parametrize("user, query", [
+    (None, ""), (None, "action=stop"), (None, "action=status"), ("anna:wrong", "action=stop"),
+    ("berta:s3cret", "action=stop"),
+])
+def test_a_person_has_to_log_in(web, user, query):
+    answer = web.get(query, user=user)
+    assert answer.status == 401
+    assert answer.headers["www-authenticate"].startswith('Basic realm="sonobrik"')
+
+
+@pytest.mark.parametrize("path", ["/vesk-cgi/", "/vesk-cgi/other.cgi",
+                                  "/vesk-cgi/sonobrik.cgi.bak"])
+def test_nothing_is_served_beside_the_program(web, path):
+    address = urllib.parse.urlsplit(web.address)._replace(path=path).geturl()
+    program, web.address = web.address, address
+    try:
+        assert web.get().status in (403, 404)
+    finally:
+        web.address = program
+
+
+def test_a_page_without_clips_says_how_to_add_one(web):
+    page = web.get()
+    assert page.status == 200
+    assert "There are no clips yet." in page.text
+    assert "sonobrikctl add" in page.text
+
+
+def test_a_page_shows_odd_names_as_text(shared, web, clip_store):
+    names = ["<script>alert(1)</script>", "\"'&amp;", "{{now}}", "a\x1b[31m\x07b", "\u202egnp"]
+    for name in names:
+        clip_store.add_clip("/etc/audioclips/</li>.wav", name)
+    page = web.get().text
+    for number in range(len(names)):
+        clip_store.call("RemoveConfiguration", "(i)", number)
+    assert page.count("<script>") == 1
+    assert "&lt;script&gt;alert(1)&lt;/script&gt;" in page
+    assert "&quot;&#39;&amp;amp;" in page
+    assert "{{now}}" in page
+    assert "a\\x1b[31m\\x07b" in page
+    assert "\\u202egnp" in page
+    assert "&lt;/li&gt;.wav" in page

@@ -1,0 +1,193 @@
+"""The program when the daemon is away, refuses, or says what nobody expects; and run by hand."""
+
+import shutil
+
+import pytest
+
+from sandbox import Store, Web, clips, find_server
+
+PROGRAM = "/run/build/tools/cgi/sonobrik.cgi"
+
+NAME = "com.vesk.Sonobrik"
+PATH = "/com/vesk/Sonobrik"
+LEGACY = "com.vesk.Configuration.Legacy"
+MOCK = "org.freedesktop.DBus.Mock"
+
+ACTIONS = ("action=play&clip=0", "action=stop")
+
+
+@pytest.fixture
+def web(sandbox):
+    if not find_server("lighttpd") or not shutil.which("curl"):
+        pytest.skip("lighttpd or curl is not installed")
+    server = Web(sandbox).start_lighttpd()
+    yield server
+    server.check()
+
+
+def run(sandbox, query="", status=0, **variables):
+    """Runs the program as a web server does, and returns its HTTP status and what it wrote."""
+    variables = {"REQUEST_METHOD": "GET", "QUERY_STRING": query} | variables
+    result = sandbox.run([PROGRAM], env=variables, check=False)
+    assert (result.returncode, result.stderr) == (status, "")
+    head, _, body = result.stdout.partition("\n\n")
+    assert head.startswith("Status: ")
+    return int(head.split()[1]), head, body
+
+
+def expect_away(web):
+    page = web.get()
+    assert (page.status, page.headers["retry-after"]) == (503, "10")
+    assert page.headers["content-type"] == "text/html; charset=utf-8"
+    assert "The clips cannot be shown" in page.text
+    assert "The daemon is not there. Try again in a moment." in page.text
+    for query in (*ACTIONS, "action=status"):
+        answer = web.get(query)
+        assert (answer.status, answer.headers["retry-after"]) == (503, "10")
+        assert answer.text == "The daemon is not there. Try again in a moment.\n"
+    answer = web.post("page=1&action=stop")
+    assert (answer.status, answer.headers["location"]) == (303, "?result=away")
+
+
+def test_a_daemon_that_is_away(web):
+    expect_away(web)
+
+
+def test_a_bus_that_is_away(sandbox, web):
+    (sandbox.folder / "run/dbus/system_bus_socket").unlink()
+    expect_away(web)
+
+
+def test_a_refusal_tells_who_may(sandbox, web):
+    sandbox.set_access({NAME: {"users": "4711", "groups": "audio;video"}})
+    store = Store(sandbox).start()
+    store.write("M0.json", '{"location": "/etc/audioclips/door.wav", "name": "Door", '
+                           '"type": "audio", "metadata": {}}')
+    sandbox.write_clip("door.wav", clips.tone(440, 0.1))
+    hint = "Allowed are: 4711, and members of the groups audio, video."
+    for query in ACTIONS:
+        answer = web.get(query)
+        assert answer.status == 403
+        assert answer.text.startswith("Not allowed: ") and hint in answer.text
+    page = web.get()
+    assert page.status == 403
+    assert hint in page.text
+    answer = web.post("page=1&action=play&clip=0")
+    assert answer.headers["location"] == "?result=denied&clip=0"
+
+
+def test_an_output_that_does_not_open_is_the_daemons_failure(sandbox, web):
+    sandbox.set_alsa('pcm.audiosink0 { type hw card 77 }\n')
+    store = Store(sandbox).start()
+    store.add_clip(sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path, "Door")
+    answer = web.get("action=play&clip=0")
+    assert answer.status == 500
+    assert "It says: Error playing clip: " in answer.text
+
+
+def test_a_clip_that_the_daemon_may_not_read(sandbox, web):
+    clip = sandbox.write_clip("door.wav", clips.tone(440, 0.1))
+    clip.file.chmod(0)
+    Store(sandbox).start().add_clip(clip.path, "Door")
+    answer = web.get("action=play&clip=0")
+    assert answer.status == 422
+    assert "the daemon may not read it" in answer.text
+    assert "length not known" in web.get().text
+
+
+class Mock:
+    """Something in the daemon's place, whose methods answer as a test says."""
+
+    def __init__(self, sandbox):
+        self._bus = sandbox.bus
+        sandbox.start_mock(NAME, PATH, NAME)
+        self.answer("TakeName", "", "", f"self.connection.request_name('{NAME}.Legacy')")
+        self._bus.call(NAME, PATH, NAME, "TakeName")
+
+    def answer(self, method, takes, gives, code, interface=NAME):
+        self._bus.call(NAME, PATH, MOCK, "AddMethod", "(sssss)", interface, method, takes, gives,
+                       code)
+
+
+def test_answers_that_nobody_expects(sandbox, web):
+    mock = Mock(sandbox)
+    path = sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path
+    list_clips = ("GetConfigurations", "")
+
+    # No such method, another type, properties of other types.
+    pages = [web.get()]
+    mock.answer(*list_clips, "s", "ret = 'x'", LEGACY)
+    pages += [web.get()]
+    assert [page.status for page in pages] == [502, 502]
+    assert web.get("action=play&clip=0").status == 502
+    assert web.get("action=stop").status == 502
+    mock.answer(*list_clips, "a{ia{sv}}",
+                f"ret = {{0: {{'Location': '{path}', 'Name': 7, 'Other': ['x']}}, -3: {{}}}}",
+                LEGACY)
+    assert web.get().status == 502  # its GetMetadata is not there
+
+    # What the files hold, told in ways of all kinds.
+    for text in ("", "7", "{}", "[1, null]", '[{"0": 7}]', "[" * 5000,
+                 '[{"0": {"mediaTypes": [1], "duration": "x", "size": -1}, "99": {}}]'):
+        mock.answer("GetMetadata", "", "s", f"ret = {text!r}")
+        page = web.get()
+        assert page.status in (200, 502), text
+        assert page.status == 502 or "Play<span class=\"hidden\"> Clip 0</span>" in page.text
+    mock.answer("GetMetadata", "", "s",
+                "raise dbus.exceptions.DBusException('no', name='com.vesk.Sonobrik.GetMetadata')")
+    assert "length not known" in web.get().text
+
+    for gives, code, status in (("i", "ret = 7", 502), ("s", "ret = 'NOK'", 502), ("", "", 502),
+                                ("s", "ret = 'OK'", 200)):
+        mock.answer("StartPlayingClip", "s", gives, code)
+        mock.answer("StopPlayingClip", "s", gives, code)
+        assert [web.get(query).status for query in ACTIONS] == [status] * 2
+    mock.answer("StartPlayingClip", "s", "s", "raise dbus.exceptions.DBusException("
+                "'a\\x1b[1m\\nb', name='com.vesk.Sonobrik.StartPlayingClip')")
+    answer = web.get("action=play&clip=0")
+    assert (answer.status, answer.text.count("\n")) == (500, 1)
+    assert "It says: a\\x1b[1m\\x0ab" in answer.text
+
+    # No events on the bus.
+    assert "What plays now is not known on this device." in web.get().text
+    assert web.get("action=status").text.startswith('{"known":false,')
+
+
+def test_an_environment_of_any_kind(sandbox):
+    assert run(sandbox, REQUEST_METHOD="")[0] == 400
+    assert run(sandbox, REQUEST_METHOD="get")[0] == 405
+    assert run(sandbox, "x" * 8193)[0] == 413
+    assert run(sandbox, "&&&")[0] == 503
+    assert run(sandbox, "action=stop", HTTP_HOST="", HTTP_ORIGIN="http://")[0] == 403
+    post = {"REQUEST_METHOD": "POST", "CONTENT_TYPE": "application/x-www-form-urlencoded"}
+    for length, status in (("", 503), ("0", 503), ("10", 400), ("-1", 400), ("1e3", 400),
+                           ("8193", 413), ("9" * 40, 413), ("010", 413)):
+        assert run(sandbox, CONTENT_LENGTH=length, **post)[0] == status, length
+    result = sandbox.run(["env", "-i", PROGRAM])
+    assert result.stdout.startswith("Status: 400 ")
+
+
+def test_nothing_is_written_to_a_server_that_is_gone(sandbox):
+    result = sandbox.run(["sh", "-c", f"REQUEST_METHOD=GET {PROGRAM} >/dev/full"], check=False)
+    assert result.returncode == 1
+
+
+def test_nginx_runs_it_too(sandbox):
+    if not find_server("nginx") or not find_server("fcgiwrap") or not shutil.which("curl"):
+        pytest.skip("nginx, fcgiwrap or curl is not installed")
+    store = Store(sandbox).start()
+    store.add_clip(sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path, "Door")
+    server = Web(sandbox)
+    check = server.start_nginx()
+    assert "test is successful" in check
+    assert server.get(user=None).status == 401
+    page = server.get()
+    assert page.status == 200
+    assert "Play<span class=\"hidden\"> Door</span>" in page.text
+    own = ["--header", f"Origin: http://127.0.0.1:{server.port}"]
+    assert server.post("action=play&clip=0&repeat=-1", *own).text == "The clip plays.\n"
+    answer = server.post("page=1&action=stop", *own)
+    assert (answer.status, answer.headers["location"]) == (303, "?result=stopped")
+    assert server.get("action=stop", "--header", "Origin: http://127.0.0.1:1").status == 403
+    assert server.get("action=play&clip=9").status == 404
+    server.check()
