@@ -132,7 +132,7 @@ def test_answers_that_nobody_expects(sandbox, web):
         mock.answer("GetMetadata", "", "s", f"ret = {text!r}")
         page = web.get()
         assert page.status in (200, 502), text
-        assert page.status == 502 or "Play<span class=\"hidden\"> Clip 0</span>" in page.text
+        assert page.status == 502 or '> Clip 0</span>' in page.text
     mock.answer("GetMetadata", "", "s",
                 "raise dbus.exceptions.DBusException('no', name='com.vesk.Sonobrik.GetMetadata')")
     assert "length not known" in web.get().text
@@ -183,7 +183,7 @@ def test_nginx_runs_it_too(sandbox):
     assert server.get(user=None).status == 401
     page = server.get()
     assert page.status == 200
-    assert "Play<span class=\"hidden\"> Door</span>" in page.text
+    assert '> Door</span>' in page.text
     own = ["--header", f"Origin: http://127.0.0.1:{server.port}"]
     assert server.post("action=play&clip=0&repeat=-1", *own).text == "The clip plays.\n"
     answer = server.post("page=1&action=stop", *own)

@@ -97,7 +97,7 @@ CgiValues make_choice(const std::string &value, const std::string &text, bool is
 std::vector<CgiValues> list_outputs(const CgiRequest &request, const CgiNow &now)
 {
     std::vector<CgiValues> choices = {
-        make_choice("", "the first", request.output == CLIENT_NOT_GIVEN)};
+        make_choice("", "first output", request.output == CLIENT_NOT_GIVEN)};
     for (gint32 number = 0; number < OUTPUT_COUNT; number++) {
         bool is_there = !now.is_known;
         for (const CgiOutput &output : now.outputs) {

@@ -1,0 +1,268 @@
+"""The page in a browser, as a person uses it."""
+
+import pytest
+
+from sandbox import Store, Web, clips, find_server, wait_until
+from sandbox.browser import find_browser, open_browser
+
+if not find_server("lighttpd") or not find_browser():
+    pytest.skip("lighttpd, chromium, its driver or selenium is not installed",
+                allow_module_level=True)
+
+from selenium.common.exceptions import WebDriverException  # noqa: E402 (it is there by now)
+from selenium.webdriver.common.by import By  # noqa: E402
+from selenium.webdriver.common.keys import Keys  # noqa: E402
+from selenium.webdriver.support.select import Select  # noqa: E402
+
+DOOR = "/etc/audioclips/door.wav"
+BELL = "/etc/audioclips/bell.wav"
+
+# What a screen reader is given.
+LISTEN = "Accessibility.getFullAXTree"
+
+
+@pytest.fixture(scope="module")
+def web(shared):
+    server = Web(shared).start_lighttpd()
+    store = Store(shared)
+    for name in ("Door", "Bell"):
+        path = shared.write_clip(f"{name.lower()}.wav", clips.tone(440, 0.5)).path
+        store.add_clip(path, name)
+    store.add_clip("/etc/audioclips/old.wav", "Old <b>bell</b>")
+    yield server
+    server.check()
+
+
+@pytest.fixture(scope="module")
+def scripted(web, tmp_path_factory):
+    """A browser at a phone's width that has logged in."""
+    with open_browser(tmp_path_factory.mktemp("browser"), 390, 800) as driver:
+        yield driver
+
+
+@pytest.fixture(scope="module")
+def plain(web, tmp_path_factory):
+    """A browser that runs no script."""
+    with open_browser(tmp_path_factory.mktemp("browser"), script=False) as driver:
+        yield driver
+
+
+@pytest.fixture
+def quiet(asked):
+    asked.call("StopPlayingClip")
+    yield asked
+    asked.call("StopPlayingClip")
+
+
+def show(driver, web, query=""):
+    driver.get(web.address.replace("http://", "http://anna:s3cret@") + query)
+    return driver
+
+
+def list_controls(driver):
+    """Role, name, and whether it can be used, of all that a screen reader finds."""
+    nodes = driver.execute_cdp_cmd(LISTEN, {})["nodes"]
+    return [(node["role"]["value"], node["name"]["value"],
+             not any(p["name"] == "disabled" and p["value"]["value"]
+                     for p in node.get("properties", [])))
+            for node in nodes if not node["ignored"] and node.get("name", {}).get("value")]
+
+
+def find_button(driver, name):
+    """The button with this accessible name."""
+    found = [button for button in driver.find_elements(By.TAG_NAME, "button")
+             if button.accessible_name == name]
+    assert len(found) == 1, name
+    return found[0]
+
+
+def read(driver, name):
+    """The text of the element of this name, empty while a new page comes."""
+    try:
+        return driver.find_element(By.ID, name).text
+    except WebDriverException:
+        return ""
+
+
+def await_event(player, first, event):
+    wait_until(lambda: event in player.events[first:], 20, f"{event} is sent")
+
+
+def expect_no_faults(driver):
+    """Nothing was kept from the page by its own policy, and nothing failed but what a test did."""
+    lines = [line["message"] for line in driver.get_log("browser")]
+    assert [line for line in lines if "Failed to load resource" not in line] == []
+
+
+def test_play_and_stop_with_script(web, quiet, scripted):
+    first = len(quiet.events)
+    driver = show(scripted, web)
+    address = driver.current_url
+    find_button(driver, "Play Door").click()
+    await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, DOOR))
+    wait_until(lambda: read(driver, "result") == "Started Door.", 20, "the page tells it")
+    find_button(driver, "Stop Door").click()
+    wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page tells it")
+    await_event(quiet, first, ("Playing", 1, 0, 0, False))
+    wait_until(lambda: read(driver, "now-text") == "Nothing plays now.", 20, "it is shown")
+    assert driver.current_url == address
+    expect_no_faults(driver)
+
+
+def test_what_plays_now_is_shown_as_it_changes(web, quiet, scripted):
+    driver = show(scripted, web)
+    assert read(driver, "now-text") == "Nothing plays now."
+    quiet.call("StartPlayingClip", f"location={BELL}&repeat=-1")
+    wait_until(lambda: read(driver, "now-text") == "bell.wav plays on output 0.", 20, "it is shown")
+    marked = "return [...document.querySelectorAll('li.playing h3')].map((e) => e.textContent)"
+    assert driver.execute_script(marked) == ["Bell"]
+    find_button(driver, "Play Door").click()
+    wait_until(lambda: read(driver, "result").startswith("A clip is already playing."), 20,
+               "the conflict is told")
+    quiet.call("StopPlayingClip")
+    wait_until(lambda: read(driver, "now-text") == "Nothing plays now.", 20, "it is shown")
+    assert driver.execute_script(marked) == []
+    expect_no_faults(driver)
+
+
+def test_the_choices_are_sent(shared, web, quiet, scripted):
+    driver = show(scripted, web)
+    logged = len(shared.daemon.texts)
+    volume = driver.find_element(By.ID, "volume")
+    volume.clear()
+    volume.send_keys("25")
+    Select(driver.find_element(By.ID, "output")).select_by_visible_text("output 0")
+    Select(driver.find_element(By.ID, "repeat")).select_by_visible_text("until stopped")
+    find_button(driver, "Play Bell").click()
+    line = ("info: sonobrik_play_clip_asynchronous with options: "
+            f"location={BELL}&volume=25&repeat=-1&audiooutput=0")
+    wait_until(lambda: line in shared.daemon.texts[logged:], 20, "the request is logged")
+
+
+def test_by_keyboard_alone(web, quiet, scripted):
+    first = len(quiet.events)
+    driver = show(scripted, web)
+    names = []
+    for _ in range(12):
+        driver.switch_to.active_element.send_keys(Keys.TAB)
+        element = driver.switch_to.active_element
+        names.append(element.accessible_name)
+        outline = element.value_of_css_property("outline-style")
+        assert element.tag_name == "body" or outline == "solid", names
+        if names[-1] == "Play Bell":
+            break
+    assert names == ["Stop", "Volume in percent", "Where", "How often", "Play Door", "Stop Door",
+                     "Play Bell"]
+    driver.switch_to.active_element.send_keys(Keys.ENTER)
+    await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, BELL))
+
+
+def test_enter_in_a_field_plays_nothing(web, quiet, scripted, plain):
+    first = len(quiet.events)
+    for driver in (scripted, plain):
+        show(driver, web)
+        driver.find_element(By.ID, "volume").send_keys(Keys.ENTER)
+        find_button(driver, "Stop").click()  # answered after what came before
+        wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page tells it")
+    quiet.fence()
+    assert quiet.events[first:] == []
+
+
+def test_a_screen_reader_is_told_everything(web, quiet, scripted):
+    controls = list_controls(show(scripted, web))
+    assert ("heading", "Sonobrik", True) in controls
+    assert [name for role, name, _ in controls if role == "heading"] == [
+        "Sonobrik", "Clips", "Door", "Bell", "Old <b>bell</b>"]
+    assert [(name, usable) for role, name, usable in controls if role == "button"] == [
+        ("Stop", True), ("Play Door", True), ("Stop Door", True), ("Play Bell", True),
+        ("Stop Bell", True), ("Play Old <b>bell</b>", False), ("Stop Old <b>bell</b>", True)]
+    assert ("spinbutton", "Volume in percent", True) in controls
+    assert {("combobox", "Where", True), ("combobox", "How often", True)} <= set(controls)
+    driver = scripted
+    assert driver.execute_script("return document.documentElement.lang") == "en"
+
+
+def test_a_phone_shows_it_without_scrolling_sideways(web, scripted):
+    driver = show(scripted, web)
+    inner, outer = driver.execute_script(
+        "return [document.documentElement.scrollWidth, innerWidth]")
+    assert inner <= outer == 390
+    sizes = driver.execute_script(
+        "return [...document.querySelectorAll('button')].filter((e) => e.offsetWidth)"
+        ".map((e) => Math.min(e.offsetWidth, e.offsetHeight))")
+    assert len(sizes) == 7 and min(sizes) >= 44
+
+
+# The least contrast of the texts on the page with what is behind them, as WCAG computes it.
+CONTRAST = """
+const parse = (color) => color.match(/[\\d.]+/g).map(Number);
+const light = (color) => {
+    const [r, g, b] = parse(color).slice(0, 3).map((value) => value / 255)
+        .map((v) => v <= 0.04045 ? v / 12.92 : ((v + 0.055) / 1.055) ** 2.4);
+    return 0.2126 * r + 0.7152 * g + 0.0722 * b;
+};
+const ground = (element) => {
+    for (let e = element; e; e = e.parentElement) {
+        const color = getComputedStyle(e).backgroundColor;
+        if ((parse(color)[3] ?? 1) > 0) {
+            return color;
+        }
+    }
+    return "rgb(255, 255, 255)";
+};
+const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+const ratios = [];
+while (walker.nextNode()) {
+    const element = walker.currentNode.parentElement;
+    if (walker.currentNode.data.trim() && element.checkVisibility()) {
+        const pair = [light(getComputedStyle(element).color), light(ground(element))];
+        ratios.push((Math.max(...pair) + 0.05) / (Math.min(...pair) + 0.05));
+    }
+}
+return [ratios.length, Math.min(...ratios)];
+"""
+
+
+@pytest.mark.parametrize("scheme", ["light", "dark"])
+@pytest.mark.parametrize("result", ["playing&clip=0", "busy"])
+def test_texts_can_be_read(web, quiet, scripted, scheme, result):
+    quiet.call("StartPlayingClip", f"location={BELL}&repeat=-1")
+    scripted.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [
+        {"name": "prefers-color-scheme", "value": scheme}]})
+    count, least = show(scripted, web, f"?result={result}").execute_script(CONTRAST)
+    assert count > 20
+    assert least >= 4.5
+
+
+def test_play_and_stop_without_script(web, quiet, plain):
+    first = len(quiet.events)
+    driver = show(plain, web)
+    find_button(driver, "Play Bell").click()
+    await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, BELL))
+    wait_until(lambda: read(driver, "result") == "Started Bell.", 20, "the page tells it")
+    count = len(quiet.events)
+    driver.refresh()
+    assert read(driver, "result") == "Started Bell."
+    find_button(driver, "Stop Bell").click()
+    wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page tells it")
+    await_event(quiet, first, ("Playing", 1, 0, 0, False))
+    quiet.fence()
+    assert [event for event in quiet.events[count:] if event[:1] == ("Playing",)
+            and event[-1]] == []  # the reload played nothing
+    assert "Look again" in read(driver, "now")  # as no page with a script says
+    expect_no_faults(driver)
+
+
+def test_a_link_on_another_site_plays_nothing(web, quiet, scripted):
+    first = len(quiet.events)
+    driver = show(scripted, web)
+    # The same machine under another name is another site.
+    driver.get(web.address.replace("127.0.0.1", "localhost") + "?page=1")
+    driver.execute_script("""
+        document.documentElement.innerHTML = '<a id="link">x</a>';
+        document.getElementById("link").href = arguments[0];
+        document.getElementById("link").click();
+    """, web.address + "?action=play&clip=0")
+    wait_until(lambda: "other sites are refused" in driver.page_source, 20, "it is refused")
+    quiet.fence()
+    assert quiet.events[first:] == []
