@@ -1,0 +1,211 @@
+#include "cgi_request.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr const char *VARIABLES[] = {
+    "CONTENT_LENGTH",      "CONTENT_TYPE",     "HTTP_HOST",      "HTTP_ORIGIN",
+    "HTTP_PURPOSE",        "HTTP_REFERER",     "HTTP_X_MOZ",     "QUERY_STRING",
+    "HTTP_SEC_FETCH_SITE", "HTTP_SEC_PURPOSE", "REQUEST_METHOD",
+};
+
+using Environment = std::map<std::string, std::string>;
+
+/* Reads the request of this environment and body. */
+CgiResult read(const Environment &environment, const std::string &body = "",
+               CgiRequest *request = nullptr)
+{
+    for (const char *name : VARIABLES) {
+        g_unsetenv(name);
+    }
+    for (const auto &[name, value] : environment) {
+        g_setenv(name.c_str(), value.c_str(), TRUE);
+    }
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    EXPECT_EQ(write(fds[1], body.data(), body.size()), static_cast<ssize_t>(body.size()));
+    close(fds[1]);
+    CgiRequest local;
+    const CgiOutcome outcome = cgi_request_read(request ? request : &local, fds[0]);
+    close(fds[0]);
+    return outcome.result;
+}
+
+CgiResult read_query(const std::string &query, CgiRequest *request = nullptr)
+{
+    return read({{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", query}}, "", request);
+}
+
+Environment make_post(const std::string &length)
+{
+    return {{"REQUEST_METHOD", "POST"},
+            {"CONTENT_TYPE", "application/x-www-form-urlencoded; charset=utf-8"},
+            {"CONTENT_LENGTH", length}};
+}
+
+CgiResult read_body(const std::string &body, CgiRequest *request = nullptr)
+{
+    return read(make_post(std::to_string(body.size())), body, request);
+}
+
+TEST(CgiRequest, WithoutMethodItIsUnreadable)
+{
+    EXPECT_EQ(read({}), CGI_UNREADABLE);
+}
+
+TEST(CgiRequest, OtherMethodsAreRefused)
+{
+    for (const char *method : {"PUT", "get", "OPTIONS", "GET "}) {
+        EXPECT_EQ(read({{"REQUEST_METHOD", method}}), CGI_METHOD) << method;
+    }
+}
+
+TEST(CgiRequest, WithoutActionItIsForThePage)
+{
+    CgiRequest request;
+    EXPECT_EQ(read({{"REQUEST_METHOD", "GET"}}, "", &request), CGI_OK);
+    EXPECT_EQ(request.action, CGI_SHOW_PAGE);
+    EXPECT_EQ(read_query("action=&result=busy", &request), CGI_OK);
+    EXPECT_EQ(request.action, CGI_SHOW_PAGE);
+    EXPECT_EQ(request.result, "busy");
+}
+
+TEST(CgiRequest, PlayTakesItsNumbers)
+{
+    CgiRequest request;
+    EXPECT_EQ(read_query("action=play&clip=7&volume=0&repeat=-1&audiooutput=5", &request), CGI_OK);
+    EXPECT_EQ(request.action, CGI_PLAY);
+    EXPECT_EQ(request.clip, 7);
+    EXPECT_EQ(request.volume, 0);
+    EXPECT_EQ(request.repeat, -1);
+    EXPECT_EQ(request.output, 5);
+}
+
+TEST(CgiRequest, EmptyNumberIsNotGiven)
+{
+    CgiRequest request;
+    EXPECT_EQ(read_query("action=play&clip=7&volume=&repeat=&audiooutput=", &request), CGI_OK);
+    EXPECT_EQ(request.volume, CLIENT_NOT_GIVEN);
+    EXPECT_EQ(request.repeat, CLIENT_NOT_GIVEN);
+    EXPECT_EQ(request.output, CLIENT_NOT_GIVEN);
+    EXPECT_EQ(read_query("action=play&clip="), CGI_UNREADABLE);
+}
+
+TEST(CgiRequest, NumbersAreCanonicalAndInRange)
+{
+    for (const char *clip : {"0", "1", "2147483647"}) {
+        EXPECT_EQ(read_query(std::string("action=play&clip=") + clip), CGI_OK) << clip;
+    }
+    for (const char *clip : {"-0", "00", "01", "%2B1", "1+", "+1", "1.0", "1e1", "-1", "2147483648",
+                             "9223372036854775808", "-9223372036854775809", "\u0661", "a"}) {
+        EXPECT_EQ(read_query(std::string("action=play&clip=") + clip), CGI_UNREADABLE) << clip;
+    }
+    for (const char *option : {"volume=1001", "volume=-1", "repeat=-2", "repeat=2147483648",
+                               "audiooutput=6", "audiooutput=-1"}) {
+        EXPECT_EQ(read_query(std::string("action=play&clip=1&") + option), CGI_UNREADABLE)
+            << option;
+    }
+}
+
+TEST(CgiRequest, UnknownKeysAndActionsAreRefused)
+{
+    EXPECT_EQ(read_query("action=stop&volum=1"), CGI_UNREADABLE);
+    EXPECT_EQ(read_query("Action=stop"), CGI_UNREADABLE);
+    EXPECT_EQ(read_query("action=pause"), CGI_UNREADABLE);
+}
+
+TEST(CgiRequest, HeadDoesNothing)
+{
+    CgiRequest request;
+    EXPECT_EQ(read({{"REQUEST_METHOD", "HEAD"}, {"QUERY_STRING", "action=stop"}}, "", &request),
+              CGI_METHOD);
+    EXPECT_TRUE(request.is_head);
+    EXPECT_EQ(read({{"REQUEST_METHOD", "HEAD"}, {"QUERY_STRING", "action=status"}}), CGI_OK);
+}
+
+TEST(CgiRequest, BodyOfAPostIsRead)
+{
+    CgiRequest request;
+    EXPECT_EQ(read_body("action=play&clip=3&page=1", &request), CGI_OK);
+    EXPECT_EQ(request.action, CGI_PLAY);
+    EXPECT_EQ(request.clip, 3);
+    EXPECT_TRUE(request.is_from_page);
+}
+
+TEST(CgiRequest, OnlyAPostIsFromThePage)
+{
+    CgiRequest request;
+    EXPECT_EQ(read_query("action=stop&page=1", &request), CGI_OK);
+    EXPECT_FALSE(request.is_from_page);
+}
+
+TEST(CgiRequest, FaultyFormOfThePageIsKnownAsOne)
+{
+    CgiRequest request;
+    EXPECT_EQ(read_body("action=play&clip=x&page=1", &request), CGI_UNREADABLE);
+    EXPECT_TRUE(request.is_from_page);
+}
+
+TEST(CgiRequest, KeyCountsOnceInQueryAndBodyTogether)
+{
+    Environment environment = make_post("11");
+    environment["QUERY_STRING"] = "action=stop";
+    EXPECT_EQ(read(environment, "action=stop"), CGI_UNREADABLE);
+    environment["QUERY_STRING"] = "clip=1";
+    EXPECT_EQ(read(environment, "action=play"), CGI_OK);
+}
+
+TEST(CgiRequest, SizesAreBounded)
+{
+    EXPECT_EQ(read_query("action=stop" + std::string(CGI_REQUEST_MAX, '&')), CGI_TOO_LARGE);
+    EXPECT_EQ(read_query("action=stop" + std::string(CGI_REQUEST_MAX - 11, '&')), CGI_OK);
+    EXPECT_EQ(read_body("action=stop" + std::string(CGI_REQUEST_MAX, '&')), CGI_TOO_LARGE);
+    EXPECT_EQ(read_body("action=stop" + std::string(CGI_REQUEST_MAX - 11, '&')), CGI_OK);
+}
+
+TEST(CgiRequest, LengthThatLiesIsRefused)
+{
+    EXPECT_EQ(read(make_post("12"), "action=stop"), CGI_UNREADABLE);
+    EXPECT_EQ(read(make_post("10"), "action=stop"), CGI_UNREADABLE); /* "sto" */
+    EXPECT_EQ(read(make_post("-11"), "action=stop"), CGI_UNREADABLE);
+    EXPECT_EQ(read(make_post("11 "), "action=stop"), CGI_UNREADABLE);
+    EXPECT_EQ(read(make_post("99999999999999999999"), "action=stop"), CGI_TOO_LARGE);
+}
+
+TEST(CgiRequest, BodyOfAnotherKindIsRefused)
+{
+    Environment environment = make_post("11");
+    for (const char *type : {"", "text/plain", "application/x-www-form-urlencodedx"}) {
+        environment["CONTENT_TYPE"] = type;
+        EXPECT_EQ(read(environment, "action=stop"), CGI_MEDIA_TYPE) << type;
+    }
+}
+
+TEST(CgiRequest, OtherSitesMayLookAndDoNothing)
+{
+    Environment environment = {{"REQUEST_METHOD", "GET"},
+                               {"HTTP_HOST", "device.example"},
+                               {"HTTP_SEC_FETCH_SITE", "cross-site"}};
+    EXPECT_EQ(read(environment), CGI_OK);
+    for (const char *query :
+         {"action=play&clip=1", "action=stop", "action=status", "action=nothing"}) {
+        environment["QUERY_STRING"] = query;
+        EXPECT_EQ(read(environment), CGI_FOREIGN) << query;
+    }
+}
+
+TEST(CgiRequest, BrowserThatLooksAheadDoesNothing)
+{
+    for (const char *name : {"HTTP_SEC_PURPOSE", "HTTP_PURPOSE", "HTTP_X_MOZ"}) {
+        EXPECT_EQ(
+            read({{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", "action=stop"}, {name, "prefetch"}}),
+            CGI_AHEAD);
+    }
+}
+
+} // namespace
