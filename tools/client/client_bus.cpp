@@ -103,7 +103,7 @@ sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **erro
     if (!call) {
         return nullptr;
     }
-    sd_bus_error bus_error = SD_BUS_ERROR_NULL;
+    sd_bus_error bus_error = {};
     sd_bus_message *answer = nullptr;
     const int r = sd_bus_call(bus, call, UINT64_MAX, &bus_error, &answer);
     sd_bus_message_unref(call);
