@@ -1,5 +1,7 @@
 """The program when the daemon is away, refuses, or says what nobody expects; and run by hand."""
 
+import grp
+import pwd
 import shutil
 
 import pytest
@@ -74,6 +76,19 @@ def test_a_refusal_tells_who_may(sandbox, web):
     assert hint in page.text
     answer = web.post("page=1&action=play&clip=0")
     assert answer.headers["location"] == "?result=denied&clip=0"
+
+
+@pytest.mark.needs_root
+def test_the_web_servers_user_plays_as_a_member_of_the_group(sandbox):
+    audio = grp.getgrnam("audio").gr_gid
+    sandbox.set_access({NAME: {"users": "root", "groups": "audio"}})
+    store = Store(sandbox).start()
+    store.add_clip(sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path, "Door")
+    for groups, query, status in (((), "", 403), ((), ACTIONS[0], 403), ([audio], "", 200),
+                                  ([audio], ACTIONS[0], 200)):
+        result = sandbox.run([PROGRAM], uid=pwd.getpwnam("www-data").pw_uid, groups=groups,
+                             env={"REQUEST_METHOD": "GET", "QUERY_STRING": query})
+        assert result.stdout.startswith(f"Status: {status} "), (groups, query)
 
 
 def test_an_output_that_does_not_open_is_the_daemons_failure(sandbox, web):

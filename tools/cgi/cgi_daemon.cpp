@@ -126,8 +126,8 @@ bool is_away(sd_bus *bus)
     g_autoptr(GError) error = nullptr;
     sd_bus_message *ping = client_bus_new_call(bus, &PEER, "Ping", &error, nullptr);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, ping, &error);
-    return g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON) ||
-           g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS);
+    return !answer && (g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON) ||
+                       g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS));
 }
 
 /* Reads what plays now. It stays unknown where the platform keeps no events, or none like these. */
