@@ -36,7 +36,7 @@ SUPERVISION = {
 IMPOSED = {
     "CacheDirectory", "CacheDirectoryMode", "CapabilityBoundingSet", "Environment", "ExecPaths",
     "ExecStart", "LockPersonality", "MemoryDenyWriteExecute", "NoExecPaths", "NoNewPrivileges",
-    "PrivateMounts", "PrivateNetwork", "PrivateTmp", "PrivateUsers", "ProcSubset", "ProtectClock",
+    "PrivateMounts", "PrivateNetwork", "PrivateTmp", "ProcSubset", "ProtectClock",
     "ProtectControlGroups", "ProtectHome", "ProtectHostname", "ProtectKernelLogs",
     "ProtectKernelModules", "ProtectKernelTunables", "ProtectProc", "ProtectSystem",
     "ReadWritePaths", "RestrictAddressFamilies", "RestrictNamespaces", "RestrictRealtime",
@@ -56,7 +56,7 @@ AT_FDCWD, AT_RECURSIVE = -100, 0x8000
 MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
 MOUNT_ATTR_RDONLY, MOUNT_ATTR_NOSUID, MOUNT_ATTR_NOEXEC = 1, 2, 8
 SYS_MOUNT_SETATTR = 442
-CLONE_NEWUTS, CLONE_NEWUSER, CLONE_NEWNET = 0x04000000, 0x10000000, 0x40000000
+CLONE_NEWUTS, CLONE_NEWNET = 0x04000000, 0x40000000
 NAMESPACES = 0x7e020080  # of clone(): cgroup, IPC, network, mount, pid, user, UTS and time
 PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS, PR_SET_MDWE = 24, 38, 65
 
@@ -198,8 +198,6 @@ def become(unit, uid, gid, groups):
         flags |= CLONE_NEWUTS
     check(libc.unshare(flags), "unshare")
     os.setgroups(groups)
-    if unit.is_on("PrivateUsers"):
-        enter_private_users(uid, gid)
     if unit.require("CapabilityBoundingSet", ""):
         for capability in range(64):
             if libc.prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) < 0:
@@ -209,25 +207,6 @@ def become(unit, uid, gid, groups):
     os.umask(int(unit.get("UMask", "0022"), 8))
     if unit.is_on("NoNewPrivileges"):
         check(libc.prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no_new_privs")
-
-
-def enter_private_users(uid, gid):
-    """A user namespace that knows root and the unit's user, as a process outside it has to write."""
-    ready_out, ready_in = os.pipe()
-    target = os.getpid()
-    helper = os.fork()
-    if helper == 0:
-        os.close(ready_in)
-        os.read(ready_out, 1)
-        for name, number in (("uid_map", uid), ("gid_map", gid)):
-            pathlib.Path(f"/proc/{target}/{name}").write_text(f"0 0 1\n{number} {number} 1\n")
-        os._exit(0)
-    os.close(ready_out)
-    check(libc.unshare(CLONE_NEWUSER), "unshare")
-    os.write(ready_in, b"x")
-    os.close(ready_in)
-    if os.waitpid(helper, 0)[1] != 0:
-        sys.exit("unit_launcher: the user namespace cannot be set up")
 
 
 # System calls

@@ -71,7 +71,9 @@ def read_unit(installation, key):
 # Without running it
 
 
+@pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="needs systemd-analyze")
 def test_the_exposure_is_small(installation):
+    """1.0 on a scale to 10, as systemd rates it."""
     analysis = subprocess.run(
         ["systemd-analyze", "security", "--offline=yes", "--threshold=10", "--no-pager",
          installation.unit], check=False, capture_output=True, text=True)
@@ -108,8 +110,6 @@ def test_it_forbids_what_it_says(box, launcher):
     assert probe["status"] == {
         "CapBnd": "0" * 16, "CapEff": "0" * 16, "CapPrm": "0" * 16, "NoNewPrivs": "1",
         "Seccomp": "2"}
-    uid = str(box.user.uid)
-    assert probe["users"] == ["0", "0", "1", uid, uid, "1"]
     assert probe["networks"] == ["lo"]
     assert probe["umask"] == "0o77"
     assert probe["results"] == {
