@@ -24,7 +24,7 @@ class Heard:
         self.frames = 0
 
     def take(self):
-        """Since the last time: rate, peak, seconds from the first to the last sample that sounds."""
+        """Since the last time: rate, peak, seconds from the first to the last sample heard."""
         take, = self.card.takes
         samples = take.samples[self.frames * take.channels:]
         self.frames = take.frames
