@@ -1,0 +1,253 @@
+#include "ctl.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "autoptr.h"
+#include "client_bus.h"
+#include "client_events.h"
+#include "client_text.h"
+#include "ctl_clips.h"
+#include "ctl_json.h"
+#include "ctl_options.h"
+#include "ctl_say.h"
+#include "ctl_terminal.h"
+
+namespace
+{
+
+/* The path below the clips' folder, or the whole of one elsewhere. */
+std::string shorten(const char *location)
+{
+    const size_t length = strlen(CTL_CLIP_FOLDER);
+    return g_str_has_prefix(location, CTL_CLIP_FOLDER) && location[length] == '/'
+               ? location + length + 1
+               : location;
+}
+
+/* "ogg/vorbis" of "application/ogg" and "audio/x-vorbis". The daemon keeps what it once knew of a
+ * file that is gone. */
+std::string describe_format(const ClientClip &clip)
+{
+    if (access(clip.location, F_OK) < 0 && errno == ENOENT) {
+        return "no file";
+    }
+    std::string text;
+    for (char **type = clip.media_types; type && *type; type++) {
+        const char *slash = strchr(*type, '/');
+        const char *name = slash ? slash + 1 : *type;
+        text += text.empty() ? "" : "/";
+        text += g_str_has_prefix(name, "x-") ? name + 2 : name;
+    }
+    return text.empty() ? "-" : text;
+}
+
+std::string take(char *text)
+{
+    std::string copy = text;
+    g_free(text);
+    return copy;
+}
+
+void print_clips(const GPtrArray *clips)
+{
+    CtlTable table = {
+        .is_right = {true, false, false, false, true, true},
+        .rows = {{"NUMBER", "NAME", "FILE", "FORMAT", "LENGTH", "SIZE"}},
+    };
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        table.rows.push_back({
+            std::to_string(clip->number),
+            clip->name,
+            shorten(clip->location),
+            describe_format(*clip),
+            take(client_text_duration(clip->duration_ms)),
+            take(client_text_size(clip->size_kib)),
+        });
+    }
+    if (clips->len == 0) {
+        ctl_error("there are no clips yet; add one: sonobrikctl add FILE");
+        return;
+    }
+    ctl_table_print(&table);
+}
+
+void print_clips_json(const GPtrArray *clips)
+{
+    g_autoptr(json_t) array = json_array();
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        json_t *types = clip->media_types ? json_array() : json_null();
+        for (char **type = clip->media_types; type && *type; type++) {
+            json_array_append_new(types, ctl_json_text(*type));
+        }
+        json_t *object = json_object();
+        json_object_set_new(object, "number", json_integer(clip->number));
+        json_object_set_new(object, "name", ctl_json_text(clip->name));
+        json_object_set_new(object, "location", ctl_json_text(clip->location));
+        json_object_set_new(object, "mediaTypes", types);
+        json_object_set_new(object, "sizeKiB", ctl_json_known(clip->size_kib));
+        json_object_set_new(object, "durationMs", ctl_json_known(clip->duration_ms));
+        json_array_append_new(array, object);
+    }
+    ctl_json_print(array, true);
+}
+
+/* Whether the clip can be called by its name, in one line of text. */
+bool has_usable_name(const GPtrArray *clips, const ClientClip &clip)
+{
+    g_autofree char *escaped = client_text_escape(clip.name);
+    return *clip.name != '\0' && g_str_equal(escaped, clip.name) &&
+           client_clips_find(clips, clip.name, nullptr) == &clip;
+}
+
+void print_names(const GPtrArray *clips)
+{
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        if (has_usable_name(clips, *clip)) {
+            puts(clip->name);
+        }
+    }
+}
+
+void print_outputs(const GPtrArray *outputs)
+{
+    CtlTable table = {
+        .is_right = {true, true, true, false, false},
+        .rows = {{"OUTPUT", "DEVICE", "DEVICE-OUTPUT", "STATE", "FILE"}},
+    };
+    for (guint i = 0; i < outputs->len; i++) {
+        const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
+        table.rows.push_back({
+            std::to_string(output->output),
+            std::to_string(output->device),
+            std::to_string(output->device_output),
+            output->playing ? "playing" : "idle",
+            output->playing ? output->file_name : "",
+        });
+    }
+    if (outputs->len == 0) {
+        ctl_error(
+            "there are no outputs; a PCM 'audiosink0' in ALSA's configuration makes output 0");
+        return;
+    }
+    ctl_table_print(&table);
+}
+
+void print_outputs_json(const GPtrArray *outputs)
+{
+    g_autoptr(json_t) array = json_array();
+    for (guint i = 0; i < outputs->len; i++) {
+        const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
+        json_t *object = json_object();
+        json_object_set_new(object, "output", json_integer(output->output));
+        json_object_set_new(object, "device", json_integer(output->device));
+        json_object_set_new(object, "deviceOutput", json_integer(output->device_output));
+        json_object_set_new(object, "playing", json_boolean(output->playing));
+        json_object_set_new(object, "file",
+                            output->playing ? ctl_json_text(output->file_name) : json_null());
+        json_array_append_new(array, object);
+    }
+    ctl_json_print(array, true);
+}
+
+/* Whether the daemon is there, after the bus has started it if it can. */
+bool wake_daemon(sd_bus *bus, GError **error)
+{
+    sd_bus_message *call = client_bus_new_call(bus, &CTL_BUS_DRIVER, "GetNameOwner", nullptr, "s",
+                                               CLIENT_SONOBRIK.service);
+    g_autoptr(sd_bus_message) owner = client_bus_call(bus, call, nullptr);
+    if (owner) {
+        return true;
+    }
+    call = client_bus_new_call(bus, &CTL_BUS_DRIVER, "StartServiceByName", error, "su",
+                               CLIENT_SONOBRIK.service, 0);
+    g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, error);
+    return answer != nullptr;
+}
+
+} // namespace
+
+int ctl_list(const CtlCommand *command, char **words)
+{
+    gboolean as_json = FALSE;
+    gboolean names_only = FALSE;
+    const GOptionEntry entries[] = {
+        {"json", 0, 0, G_OPTION_ARG_NONE, &as_json, "For programs: a JSON array", nullptr},
+        {"names", 0, 0, G_OPTION_ARG_NONE, &names_only,
+         "Only the names by which clips can be called, one a line", nullptr},
+        {},
+    };
+    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 0, 0);
+    if (!operands) {
+        return CTL_USAGE;
+    }
+    if (as_json && names_only) {
+        ctl_error("give --json or --names, not both");
+        return CTL_USAGE;
+    }
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    if (!bus) {
+        return ctl_explain_bus(error);
+    }
+    int status = CTL_OK;
+    g_autoptr(GPtrArray) clips = ctl_clips_list(bus, !names_only, &status);
+    if (!clips) {
+        return status;
+    }
+    if (names_only) {
+        print_names(clips);
+    } else if (as_json) {
+        print_clips_json(clips);
+    } else {
+        print_clips(clips);
+    }
+    return CTL_OK;
+}
+
+int ctl_outputs(const CtlCommand *command, char **words)
+{
+    gboolean as_json = FALSE;
+    const GOptionEntry entries[] = {
+        {"json", 0, 0, G_OPTION_ARG_NONE, &as_json, "For programs: a JSON array", nullptr},
+        {},
+    };
+    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 0, 0);
+    if (!operands) {
+        return CTL_USAGE;
+    }
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    if (!bus) {
+        return ctl_explain_bus(error);
+    }
+    const CtlCall call = {
+        .bus = bus,
+        .interface = &CLIENT_SONOBRIK,
+        .method = "GetManagedObjects",
+        .path = nullptr,
+    };
+    if (!wake_daemon(bus, &error)) {
+        return ctl_explain(&call, error);
+    }
+    g_autoptr(GPtrArray) outputs = client_outputs_list(bus, &error);
+    if (!outputs && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON)) {
+        ctl_error("the daemon runs, and this platform does not list its outputs on the bus");
+        return CTL_FAILED;
+    }
+    if (!outputs) {
+        return ctl_explain(&call, error);
+    }
+    if (as_json) {
+        print_outputs_json(outputs);
+    } else {
+        print_outputs(outputs);
+    }
+    return CTL_OK;
+}

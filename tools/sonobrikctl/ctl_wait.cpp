@@ -1,0 +1,168 @@
+#include "ctl_wait.h"
+
+#include <csignal>
+#include <cstdint>
+#include <initializer_list>
+#include <sys/signalfd.h>
+#include <systemd/sd-event.h>
+
+#include "client_bus.h"
+#include "ctl_terminal.h"
+
+namespace
+{
+
+constexpr uint64_t REDRAW_US = 100000;
+constexpr uint64_t PATIENCE_US = 5000000;
+
+struct Wait {
+    sd_bus *bus;
+    sd_event *event;
+    GError **error;
+    CtlProgress progress;
+    int signal;
+};
+
+/* Reads an answer. */
+void take_answer(Wait *wait, sd_bus_message *answer)
+{
+    if (sd_bus_message_is_method_error(answer, nullptr)) {
+        client_bus_set_error(wait->error, -sd_bus_message_get_errno(answer),
+                             sd_bus_message_get_error(answer));
+    }
+    sd_event_exit(wait->event, 0);
+}
+
+int on_played(sd_bus_message *answer, void *data, sd_bus_error *)
+{
+    auto *wait = static_cast<Wait *>(data);
+    /* The clip that is stopped ends too; what counts then is the answer to the stop. */
+    if (wait->signal == 0) {
+        take_answer(wait, answer);
+    }
+    return 0;
+}
+
+int on_stopped(sd_bus_message *answer, void *data, sd_bus_error *)
+{
+    take_answer(static_cast<Wait *>(data), answer);
+    return 0;
+}
+
+int on_impatience(sd_event_source *source, uint64_t, void *)
+{
+    return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
+int on_signal(sd_event_source *source, const struct signalfd_siginfo *info, void *data)
+{
+    auto *wait = static_cast<Wait *>(data);
+    if (wait->signal != 0) {
+        return sd_event_exit(wait->event, 0);
+    }
+    wait->signal = static_cast<int>(info->ssi_signo);
+    sd_bus_message *stop =
+        client_bus_new_call(wait->bus, &CLIENT_SONOBRIK, "StopPlayingClip", wait->error, "s", "");
+    if (!stop) {
+        return sd_event_exit(wait->event, 0);
+    }
+    const int r = sd_bus_call_async(wait->bus, nullptr, stop, on_stopped, wait, UINT64_MAX);
+    sd_bus_message_unref(stop);
+    if (r < 0) {
+        client_bus_set_error(wait->error, r, nullptr);
+        return sd_event_exit(wait->event, 0);
+    }
+    return sd_event_add_time_relative(sd_event_source_get_event(source), nullptr, CLOCK_MONOTONIC,
+                                      PATIENCE_US, 0, on_impatience, wait);
+}
+
+int on_redraw(sd_event_source *source, uint64_t, void *data)
+{
+    ctl_progress_show(&static_cast<Wait *>(data)->progress, false);
+    sd_event_source_set_time_relative(source, REDRAW_US);
+    return sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+}
+
+/* A shell's background job ignores the terminal's Ctrl-C, and shall go on doing so. */
+int watch_signals(Wait *wait)
+{
+    for (const int number : {SIGINT, SIGTERM}) {
+        struct sigaction action = {};
+        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+            continue;
+        }
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, number);
+        sigprocmask(SIG_BLOCK, &mask, nullptr);
+        const int r = sd_event_add_signal(wait->event, nullptr, number, on_signal, wait);
+        if (r < 0) {
+            return r;
+        }
+    }
+    return 0;
+}
+
+int run(Wait *wait, sd_bus_message *play)
+{
+    int r = watch_signals(wait);
+    if (r < 0 || (r = sd_bus_attach_event(wait->bus, wait->event, SD_EVENT_PRIORITY_NORMAL)) < 0 ||
+        (r = sd_bus_call_async(wait->bus, nullptr, play, on_played, wait, UINT64_MAX)) < 0) {
+        return r;
+    }
+    if (wait->progress.is_shown &&
+        (r = sd_event_add_time_relative(wait->event, nullptr, CLOCK_MONOTONIC, REDRAW_US, 0,
+                                        on_redraw, wait)) < 0) {
+        return r;
+    }
+    r = sd_event_loop(wait->event);
+    sd_bus_detach_event(wait->bus);
+    return r;
+}
+
+} // namespace
+
+bool ctl_wait_shows_progress()
+{
+    return ctl_terminal_is_rich(stderr);
+}
+
+CtlCall ctl_wait_stop_call(sd_bus *bus)
+{
+    return {
+        .bus = bus,
+        .interface = &CLIENT_SONOBRIK,
+        .method = "StopPlayingClip",
+        .path = nullptr,
+    };
+}
+
+CtlWaitResult ctl_wait(sd_bus *bus, sd_bus_message *play, gint64 length_ms, const char *label,
+                       GError **error)
+{
+    GError *failure = nullptr;
+    Wait wait = {
+        .bus = bus,
+        .event = nullptr,
+        .error = &failure,
+        .progress = ctl_progress_begin(length_ms, label),
+        .signal = 0,
+    };
+    int r = sd_event_new(&wait.event);
+    if (r >= 0) {
+        r = run(&wait, play);
+    }
+    sd_bus_message_unref(play);
+    sd_event_unref(wait.event);
+    if (r < 0 && !failure) {
+        client_bus_set_error(&failure, r, nullptr);
+    }
+    if (!failure && wait.signal == 0) {
+        ctl_progress_show(&wait.progress, true);
+    }
+    ctl_progress_end(&wait.progress);
+    if (failure) {
+        g_propagate_error(error, failure);
+    }
+    return {.signal = wait.signal, .stop = ctl_wait_stop_call(bus)};
+}
