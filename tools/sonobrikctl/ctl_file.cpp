@@ -15,7 +15,7 @@
 
 #include "autoptr.h"
 #include "client_bus.h"
-#include "ctl_say.h"
+#include "ctl_driver.h"
 
 namespace
 {

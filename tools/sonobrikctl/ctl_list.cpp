@@ -11,6 +11,7 @@
 #include "client_events.h"
 #include "client_text.h"
 #include "ctl_clips.h"
+#include "ctl_driver.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_say.h"

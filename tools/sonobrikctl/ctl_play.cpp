@@ -217,7 +217,7 @@ int start(sd_bus *bus, const Target &target, ClientPlay *play, bool is_waiting)
             return error ? ctl_explain(&result.stop, error) : CTL_SIGNAL + result.signal;
         }
     } else {
-        g_autoptr(sd_bus_message) answer = client_bus_call(bus, message, &error);
+        sd_bus_message_unref(client_bus_call(bus, message, &error));
     }
     return error ? explain_failure(call, target, error) : CTL_OK;
 }

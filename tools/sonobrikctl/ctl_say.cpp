@@ -8,12 +8,6 @@
 #include "ctl.h"
 #include "ctl_file.h"
 
-const ClientInterface CTL_BUS_DRIVER = {
-    .service = "org.freedesktop.DBus",
-    .object = "/org/freedesktop/DBus",
-    .interface = "org.freedesktop.DBus",
-};
-
 namespace
 {
 

@@ -7,9 +7,6 @@
 
 #include "client_bus.h"
 
-/* The message bus itself, which knows who is there. */
-extern const ClientInterface CTL_BUS_DRIVER;
-
 /* Writes a line to standard error, escaped. */
 void ctl_error(const char *format, ...) G_GNUC_PRINTF(1, 2);
 

@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr uint64_t REDRAW_US = 100000;
+constexpr uint64_t ACCURACY_US = 10000;
 constexpr uint64_t PATIENCE_US = 5000000;
 
 struct Wait {
@@ -111,8 +112,8 @@ int run(Wait *wait, sd_bus_message *play)
         return r;
     }
     if (wait->progress.is_shown &&
-        (r = sd_event_add_time_relative(wait->event, nullptr, CLOCK_MONOTONIC, REDRAW_US, 0,
-                                        on_redraw, wait)) < 0) {
+        (r = sd_event_add_time_relative(wait->event, nullptr, CLOCK_MONOTONIC, REDRAW_US,
+                                        ACCURACY_US, on_redraw, wait)) < 0) {
         return r;
     }
     r = sd_event_loop(wait->event);

@@ -1,0 +1,220 @@
+#include "client_clips.h"
+
+#include "autoptr.h"
+#include "client_bus.h"
+#include "played_daemon.h"
+#include "private_bus.h"
+
+namespace
+{
+
+constexpr const char *DOOR = R"([{"0":{"name":"Door","fileName":"door.wav",)"
+                             R"("mediaTypes":["audio/x-wav"],"size":113,"duration":1200}}])";
+
+/* Two clips, the higher number first, with properties that no client knows. */
+int reply_clips(sd_bus_message *call)
+{
+    return sd_bus_reply_method_return(call, "a{ia{sv}}", 2, 7, 2, "Name", "s", "Bell", "Location",
+                                      "s", "/etc/audioclips/bell.opus", 0, 5, "Location", "s",
+                                      "/etc/audioclips/door.wav", "Name", "s", "Door", "Type", "s",
+                                      "audio", "Colour", "(ii)", 1, 2, "Name2", "as", 1, "x");
+}
+
+class ClientClips : public BusTest
+{
+  protected:
+    ClientClips()
+        : client(client_bus_open(nullptr)),
+          daemon({CLIENT_SONOBRIK.service, CLIENT_LEGACY.service}, [this](sd_bus_message *call) {
+              return sd_bus_message_is_method_call(call, nullptr, "GetMetadata")
+                         ? reply_metadata(call)
+                         : reply_entries(call);
+          })
+    {
+    }
+
+    ~ClientClips() override
+    {
+        sd_bus_flush_close_unref(client);
+    }
+
+    /* The next list is answered so. */
+    void answer(PlayedDaemon::Handler entries, const char *metadata = "[]")
+    {
+        reply_entries = std::move(entries);
+        reply_metadata = [metadata](sd_bus_message *call) {
+            return sd_bus_reply_method_return(call, "s", metadata);
+        };
+    }
+
+    /* A line a clip, or "code: message". */
+    std::string list(bool with_metadata = true)
+    {
+        g_autoptr(GError) error = nullptr;
+        g_autoptr(GPtrArray) clips = client_clips_list(client, with_metadata, &error);
+        EXPECT_EQ(clips == nullptr, error != nullptr);
+        if (!clips) {
+            return std::to_string(error->code) + ": " + error->message;
+        }
+        std::string text;
+        for (guint i = 0; i < clips->len; i++) {
+            const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+            g_autofree char *types =
+                clip->media_types ? g_strjoinv("+", clip->media_types) : g_strdup("none");
+            text += std::to_string(clip->number) + " " + clip->name + " " + clip->location + " " +
+                    types + " " + std::to_string(clip->size_kib) + " " +
+                    std::to_string(clip->duration_ms) + "\n";
+        }
+        return text;
+    }
+
+    std::string unexpected(const char *text = "")
+    {
+        return std::to_string(CLIENT_ERROR_REPLY) + ": " + text;
+    }
+
+    sd_bus *client;
+    PlayedDaemon::Handler reply_entries;
+    PlayedDaemon::Handler reply_metadata;
+    PlayedDaemon daemon;
+};
+
+TEST_F(ClientClips, AreSortedByNumber)
+{
+    answer(reply_clips);
+    EXPECT_EQ(list(false), "0 Door /etc/audioclips/door.wav none -1 -1\n"
+                           "7 Bell /etc/audioclips/bell.opus none -1 -1\n");
+}
+
+TEST_F(ClientClips, TakeOverWhatIsKnownOfTheirFiles)
+{
+    answer(reply_clips, DOOR);
+    EXPECT_EQ(list(), "0 Door /etc/audioclips/door.wav audio/x-wav 113 1200\n"
+                      "7 Bell /etc/audioclips/bell.opus none -1 -1\n");
+}
+
+TEST_F(ClientClips, AreNoneWhenTheDaemonHasNone)
+{
+    answer([](sd_bus_message *call) {
+        return sd_bus_reply_method_errorf(call, "com.vesk.Sonobrik.Legacy.GetConfigurations", "%s",
+                                          "");
+    });
+    EXPECT_EQ(list(), "");
+}
+
+TEST_F(ClientClips, KeepOtherErrors)
+{
+    answer([](sd_bus_message *call) {
+        return sd_bus_reply_method_errorf(call, "org.freedesktop.DBus.Error.AccessDenied", "no");
+    });
+    EXPECT_EQ(list(), std::to_string(CLIENT_ERROR_DENIED) + ": no");
+}
+
+TEST_F(ClientClips, RefuseAnAnswerOfOtherTypes)
+{
+    answer([](sd_bus_message *call) { return sd_bus_reply_method_return(call, nullptr); });
+    EXPECT_TRUE(list().starts_with(unexpected()));
+    answer([](sd_bus_message *call) { return sd_bus_reply_method_return(call, "s", "no list"); });
+    EXPECT_TRUE(list().starts_with(unexpected()));
+    answer([](sd_bus_message *call) {
+        return sd_bus_reply_method_return(call, "a{sa{sv}}", 1, "0", 1, "Name", "s", "Door");
+    });
+    EXPECT_TRUE(list().starts_with(unexpected()));
+}
+
+TEST_F(ClientClips, SkipPropertiesOfOtherTypes)
+{
+    answer([](sd_bus_message *call) {
+        return sd_bus_reply_method_return(call, "a{ia{sv}}", 1, 3, 2, "Name", "i", 5, "Location",
+                                          "ay", 2, 1, 2);
+    });
+    EXPECT_EQ(list(), "3   none -1 -1\n");
+}
+
+TEST_F(ClientClips, RefuseMetadataThatIsNoArray)
+{
+    answer(reply_clips, "{}");
+    EXPECT_EQ(list(), unexpected("not a JSON array"));
+    answer(reply_clips, "[{");
+    EXPECT_TRUE(list().starts_with(unexpected("not a JSON array: "))) << list();
+    answer(reply_clips, "");
+    EXPECT_TRUE(list().starts_with(unexpected("not a JSON array: "))) << list();
+    reply_metadata = [](sd_bus_message *call) {
+        return sd_bus_reply_method_return(call, "i", 4);
+    };
+    EXPECT_TRUE(list().starts_with(unexpected()));
+}
+
+TEST_F(ClientClips, SkipMetadataThatIsNotUnderstood)
+{
+    const char *none = "0 Door /etc/audioclips/door.wav none -1 -1\n"
+                       "7 Bell /etc/audioclips/bell.opus none -1 -1\n";
+    for (const char *odd : {
+             "[1, null, \"0\", [], {}]",
+             R"([{"0": 5}, {"7": null}])",
+             R"([{"0": {"mediaTypes": "audio/x-wav"}}])",
+             R"([{"00": {"mediaTypes": ["a"]}}, {"+7": {"mediaTypes": ["a"]}}])",
+             R"([{"-1": {"mediaTypes": ["a"]}}, {"5": {"mediaTypes": ["a"]}}])",
+             R"([{"4294967296": {"mediaTypes": ["a"]}}, {"": {"mediaTypes": ["a"]}}])",
+             R"([{"99999999999999999999": {"mediaTypes": ["a"]}}])",
+         }) {
+        answer(reply_clips, odd);
+        EXPECT_EQ(list(), none) << odd;
+    }
+    answer(reply_clips,
+           R"([{"0": {"mediaTypes": [1, "a", null], "size": "big", "duration": 1.5}}])");
+    EXPECT_TRUE(list().starts_with("0 Door /etc/audioclips/door.wav a -1 -1\n")) << list();
+}
+
+TEST_F(ClientClips, KeepNamesAsTheyAre)
+{
+    answer([](sd_bus_message *call) {
+        return sd_bus_reply_method_return(call, "a{ia{sv}}", 1, 3, 1, "Name", "s", "a\n\x1b[2J\t");
+    });
+    EXPECT_EQ(list(), "3 a\n\x1b[2J\t  none -1 -1\n");
+}
+
+/* Finding one, in a list of the test's own. */
+
+void add(GPtrArray *clips, gint32 number, const char *name)
+{
+    auto *clip = g_new0(ClientClip, 1);
+    clip->number = number;
+    clip->name = g_strdup(name);
+    clip->location = g_strdup("");
+    g_ptr_array_add(clips, clip);
+}
+
+std::string find(const GPtrArray *clips, const char *text)
+{
+    g_autoptr(GError) error = nullptr;
+    const ClientClip *clip = client_clips_find(clips, text, &error);
+    EXPECT_EQ(clip == nullptr, g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP));
+    return clip ? std::to_string(clip->number) : error->message;
+}
+
+TEST(ClientClipsFind, TakesANumberBeforeAName)
+{
+    g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(
+        [](gpointer clip) { client_clip_free(static_cast<ClientClip *>(clip)); });
+    add(clips, 0, "Door");
+    add(clips, 1, "0");
+    add(clips, 2, "twice");
+    add(clips, 3, "twice");
+    add(clips, 4, "17");
+    add(clips, 5, "");
+    EXPECT_EQ(find(clips, "Door"), "0");
+    EXPECT_EQ(find(clips, "0"), "0");
+    EXPECT_EQ(find(clips, "17"), "4");
+    EXPECT_EQ(find(clips, "door"), "no clip 'door'");
+    EXPECT_EQ(find(clips, "00"), "no clip '00'");
+    EXPECT_EQ(find(clips, "-1"), "no clip '-1'");
+    EXPECT_EQ(find(clips, "4294967296"), "no clip '4294967296'");
+    EXPECT_EQ(find(clips, "twice"), "several clips have the name 'twice': 2, 3; give the number");
+    EXPECT_EQ(find(clips, "Doo\xff"), "no clip 'Doo\xff'");
+    EXPECT_EQ(client_clips_get(clips, 3)->number, 3);
+    EXPECT_EQ(client_clips_get(clips, 6), nullptr);
+    EXPECT_EQ(client_clips_get(clips, G_MAXINT64), nullptr);
+}
+
+} // namespace
