@@ -8,3 +8,6 @@ inline constexpr ClientInterface CTL_BUS_DRIVER = {
     .object = "/org/freedesktop/DBus",
     .interface = "org.freedesktop.DBus",
 };
+
+/* Whether somebody on the bus owns `name`. */
+bool ctl_driver_has_owner(sd_bus *bus, const char *name);

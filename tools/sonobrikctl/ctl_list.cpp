@@ -160,14 +160,11 @@ void print_outputs_json(const GPtrArray *outputs)
 /* Whether the daemon is there, after the bus has started it if it can. */
 bool wake_daemon(sd_bus *bus, GError **error)
 {
-    sd_bus_message *call = client_bus_new_call(bus, &CTL_BUS_DRIVER, "GetNameOwner", nullptr, "s",
-                                               CLIENT_SONOBRIK.service);
-    g_autoptr(sd_bus_message) owner = client_bus_call(bus, call, nullptr);
-    if (owner) {
+    if (ctl_driver_has_owner(bus, CLIENT_SONOBRIK.service)) {
         return true;
     }
-    call = client_bus_new_call(bus, &CTL_BUS_DRIVER, "StartServiceByName", error, "su",
-                               CLIENT_SONOBRIK.service, 0);
+    sd_bus_message *call = client_bus_new_call(bus, &CTL_BUS_DRIVER, "StartServiceByName", error,
+                                               "su", CLIENT_SONOBRIK.service, 0);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, error);
     return answer != nullptr;
 }
@@ -238,7 +235,8 @@ int ctl_outputs(const CtlCommand *command, char **words)
         return ctl_explain(&call, error);
     }
     g_autoptr(GPtrArray) outputs = client_outputs_list(bus, &error);
-    if (!outputs && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON)) {
+    if (!outputs && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON) &&
+        !ctl_driver_has_owner(bus, CLIENT_EVENTS_SERVICE)) {
         ctl_error("the daemon runs, and this platform does not list its outputs on the bus");
         return CTL_FAILED;
     }

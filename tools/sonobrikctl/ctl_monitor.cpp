@@ -181,21 +181,12 @@ int watch(sd_bus *bus, Monitor *monitor)
     return r;
 }
 
-bool has_owner(sd_bus *bus, const char *name)
-{
-    sd_bus_message *call =
-        client_bus_new_call(bus, &CTL_BUS_DRIVER, "NameHasOwner", nullptr, "s", name);
-    g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, nullptr);
-    int has = 0;
-    return answer && sd_bus_message_read(answer, "b", &has) >= 0 && has;
-}
-
 /* Says that there is something to wait for, or not yet, or perhaps never. */
 void say_ready(sd_bus *bus)
 {
-    if (has_owner(bus, CLIENT_EVENTS_SERVICE)) {
+    if (ctl_driver_has_owner(bus, CLIENT_EVENTS_SERVICE)) {
         ctl_error("watching; Ctrl-C ends");
-    } else if (has_owner(bus, CLIENT_SONOBRIK.service)) {
+    } else if (ctl_driver_has_owner(bus, CLIENT_SONOBRIK.service)) {
         ctl_error("the daemon runs, and this platform announces no events on the bus; waiting "
                   "all the same");
     } else {

@@ -101,6 +101,18 @@ bool take_file(const char *text, Target *target, int *status)
     return true;
 }
 
+int explain_failure(const CtlCall &call, const Target &target, const GError *error)
+{
+    const bool is_gone = target.number >= 0 && error->code == CLIENT_ERROR_METHOD &&
+                         !exists(target.location.c_str()) && errno == ENOENT;
+    if (is_gone) {
+        ctl_error("the file of clip %d is gone: '%s'", target.number, target.location.c_str());
+        ctl_error("bring it back, or remove the clip: sonobrikctl remove %d", target.number);
+        return CTL_NO_CLIP;
+    }
+    return ctl_explain(&call, error);
+}
+
 /*
  * Takes a stored clip. Its file has to be there if its name holds wildcards: the daemon would
  * otherwise play others that they match.
@@ -121,7 +133,7 @@ bool take_clip(sd_bus *bus, const ClientClip &clip, Target *target, int *status)
         return true;
     }
     const CtlCall call = ctl_clips_supported_call(bus, clip.location);
-    *status = ctl_explain(&call, error);
+    *status = explain_failure(call, *target, error);
     return false;
 }
 
@@ -178,18 +190,6 @@ bool is_busy(sd_bus *bus)
         }
     }
     return false;
-}
-
-int explain_failure(const CtlCall &call, const Target &target, const GError *error)
-{
-    const bool is_gone = target.number >= 0 && error->code == CLIENT_ERROR_METHOD &&
-                         !exists(target.location.c_str()) && errno == ENOENT;
-    if (is_gone) {
-        ctl_error("the file of clip %d is gone: '%s'", target.number, target.location.c_str());
-        ctl_error("bring it back, or remove the clip: sonobrikctl remove %d", target.number);
-        return CTL_NO_CLIP;
-    }
-    return ctl_explain(&call, error);
 }
 
 int start(sd_bus *bus, const Target &target, ClientPlay *play, bool is_waiting)
