@@ -10,7 +10,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
 from sandbox import (  # noqa: E402 (found by the path above)
-    Installation, Player, Sandbox, SandboxError, Store, has_several_users)
+    Installation, Player, Sandbox, SandboxError, Shell, Store, has_several_users)
 
 
 def pytest_addoption(parser):
@@ -81,6 +81,12 @@ def player(sandbox, daemon):
 def store(sandbox):
     """The clips of a running daemon with its defaults."""
     return Store(sandbox).start()
+
+
+@pytest.fixture
+def shell(sandbox):
+    """The command-line client in `sandbox`."""
+    return Shell(sandbox)
 
 
 @pytest.fixture(scope="module")

@@ -19,6 +19,7 @@ from .installation import Installation
 from .player import Player, describe_event, read_events
 from .process import Daemon, LogLine, Process
 from .recording import Event, Recording, Take
+from .shell import Shell
 from .store import Store
 from .wait import wait_until
 from .web import Web, find_server
@@ -29,6 +30,6 @@ LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configurat
 
 __all__ = [
     "Bus", "BusError", "Daemon", "Event", "Installation", "LEGACY", "LogLine", "PLAYBACK", "Player",
-    "Process", "Recording", "Sandbox", "SandboxError", "Signal", "Store", "Take", "Web", "clips",
-    "describe_event", "find_server", "has_several_users", "read_events", "wait_until",
+    "Process", "Recording", "Sandbox", "SandboxError", "Shell", "Signal", "Store", "Take", "Web",
+    "clips", "describe_event", "find_server", "has_several_users", "read_events", "wait_until",
 ]

@@ -1,0 +1,71 @@
+"""The command-line client as people use it: in a pipe and on a terminal."""
+
+import json
+
+from .box import ROOT
+from .wait import wait_until
+
+PROGRAM = "/run/build/tools/sonobrikctl/sonobrikctl"
+
+
+class Shell:
+    """Runs sonobrikctl in `sandbox`."""
+
+    def __init__(self, sandbox):
+        self.sandbox = sandbox
+
+    def run(self, *words, **options):
+        """Runs it in a pipe; returns its CompletedProcess."""
+        return self.sandbox.run([PROGRAM, *words], check=False, **options)
+
+    def ok(self, *words, **options):
+        """Runs it, which must succeed without a word on standard error; returns what it printed."""
+        result = self.run(*words, **options)
+        assert (result.returncode, result.stderr) == (0, ""), (words, result)
+        return result.stdout
+
+    def fail(self, status, *words, **options):
+        """Runs it, which must end with `status` and print nothing; returns its lines of error."""
+        result = self.run(*words, **options)
+        assert (result.returncode, result.stdout) == (status, ""), (words, result)
+        lines = result.stderr.splitlines()
+        assert lines and all(line.startswith("sonobrikctl: ") for line in lines), result.stderr
+        return [line.removeprefix("sonobrikctl: ") for line in lines]
+
+    def on_terminal(self, *words, steps=(), columns=80, env=None, command=None):
+        """Runs it, or `command`, on a terminal; `steps` are pairs of a text to wait for and keys to
+        press then. Returns what the terminal got, and the exit status."""
+        task = {"command": [*(command or [PROGRAM]), *words], "columns": columns,
+                "steps": list(steps)}
+        result = self.sandbox.run(
+            ["/usr/bin/python3", "-B", ROOT / "tests/support/on_terminal.py", json.dumps(task)],
+            env={"TERM": "xterm"} | (env or {}), deadline=120)
+        answer = json.loads(result.stdout)
+        assert not answer["left"], answer
+        return answer["output"], answer["status"]
+
+    def start(self, *words):
+        """Starts it, with its standard output in a file of the sandbox; returns the Running."""
+        return Running(self.sandbox, words)
+
+
+class Running:
+    """A sonobrikctl that runs on."""
+
+    def __init__(self, sandbox, words):
+        self._output = sandbox.folder / "tmp/ctl-output"
+        self._output.write_bytes(b"")
+        self.process = sandbox.spawn(
+            ["sh", "-c", 'exec "$0" "$@" >/tmp/ctl-output', PROGRAM, *words])
+
+    @property
+    def lines(self):
+        """The whole lines that it has printed so far."""
+        return self._output.read_text().split("\n")[:-1]
+
+    def wait_lines(self, count):
+        wait_until(lambda: len(self.lines) >= count, 20, f"there are {count} lines")
+        return self.lines
+
+    def wait_error(self, text):
+        wait_until(lambda: f"sonobrikctl: {text}" in self.process.lines, 20, f"it says {text}")

@@ -1,0 +1,233 @@
+"""sonobrikctl: the list of clips, in a pipe."""
+
+import json
+import os
+import stat
+
+import pytest
+from sandbox import clips
+from sandbox.controls import Controls
+from sandbox.shell import PROGRAM
+from sandbox.store import Store, write_record
+
+DOOR = "/etc/audioclips/door.wav"
+
+
+@pytest.fixture
+def door(sandbox, daemon):
+    """A second of sound that the daemon can play, not stored."""
+    return sandbox.write_clip("door.wav", clips.noise(48000))
+
+
+@pytest.fixture
+def elsewhere(sandbox, daemon):
+    """A file outside the folder of clips, readable for its owner alone."""
+    path = sandbox.folder / "tmp/chime.wav"
+    clips.write_wav(path, clips.noise(4800))
+    path.chmod(0o600)
+    return "/tmp/chime.wav"
+
+
+def list_json(shell):
+    return json.loads(shell.ok("list", "--json"))
+
+
+def test_an_empty_list_says_how_to_begin(shell, daemon):
+    result = shell.run("list")
+    assert (result.returncode, result.stdout) == (0, "")
+    assert result.stderr == ("sonobrikctl: there are no clips yet; add one: sonobrikctl add "
+                             "FILE\n")
+    assert list_json(shell) == []
+
+
+def test_a_clip_is_added_listed_renamed_and_removed(shell, door):
+    assert shell.ok("add", DOOR) == "0\n"
+    assert shell.ok("list") == (
+        "NUMBER  NAME  FILE      FORMAT  LENGTH    SIZE\n"
+        "     0  door  door.wav  wav     0:01.0  94 KiB\n")
+    assert shell.ok("rename", "door", "Front door") == ""
+    assert shell.ok("list", "--names") == "Front door\n"
+    assert list_json(shell) == [{
+        "number": 0, "name": "Front door", "location": DOOR, "mediaTypes": ["audio/x-wav"],
+        "sizeKiB": 94, "durationMs": 1000}]
+    assert shell.ok("remove", "--yes", "Front door") == ""
+    assert list_json(shell) == []
+    assert door.file.exists()
+
+
+def test_columns_are_aligned_by_what_is_seen(shell, sandbox, daemon):
+    for name in ("door.wav", "bell/bell.opus"):
+        sandbox.write_clip(name, clips.noise(24000))
+    shell.ok("add", DOOR, "--name", "Tür")
+    shell.ok("add", "/etc/audioclips/bell/bell.opus", "--name=鈴")
+    assert [line.split()[:4] for line in shell.ok("list").splitlines()[1:]] == [
+        ["0", "Tür", "door.wav", "wav"], ["1", "鈴", "bell/bell.opus", "ogg/opus"]]
+    head, first, second = shell.ok("list").splitlines()
+    assert head.index("FILE") == first.index("door.wav") == second.index("bell/") + 1
+
+
+def test_names_cannot_act_on_the_terminal(shell, sandbox, door):
+    name = "a\x1b[2Jb\nc‮d\x9be\\"
+    assert shell.ok("add", DOOR, "--name", name) == "0\n"
+    table = shell.ok("list")
+    assert "a\\x1b[2Jb\\x0ac\\u202ed\\u009be\\ " in table
+    assert len(table.splitlines()) == 2
+    assert list_json(shell)[0]["name"] == name
+    assert shell.ok("list", "--json").replace("\n", "").isprintable()
+    assert shell.ok("list", "--json").isascii()
+    assert shell.ok("list", "--names") == ""
+    shell.ok("rename", name, "plain")
+    assert shell.ok("list", "--names") == "plain\n"
+
+
+def test_a_name_that_names_no_one_clip_is_not_offered_and_refused(shell, sandbox, door):
+    for name in ("same", "same", "1", ""):
+        shell.ok("add", DOOR, "--name", name)
+    assert shell.ok("list", "--names") == ""
+    assert shell.fail(5, "remove", "--yes", "same") == [
+        "several clips have the name 'same': 0, 1; give the number",
+        "'sonobrikctl list' shows all clips"]
+    shell.ok("remove", "--yes", "1")
+    assert [clip["number"] for clip in list_json(shell)] == [0, 2, 3]
+    assert shell.ok("list", "--names") == "same\n1\n"
+
+
+def test_a_clip_without_a_file_is_listed(shell, sandbox):
+    store = Store(sandbox)
+    store.write("M3.json", write_record("/etc/audioclips/gone.wav", "Gone", "audio"))
+    store.write("M4.json", write_record("", "", ""))
+    store.start()
+    assert list_json(shell)[0] == {
+        "number": 3, "name": "Gone", "location": "/etc/audioclips/gone.wav", "mediaTypes": None,
+        "sizeKiB": None, "durationMs": None}
+    assert [line.split() for line in shell.ok("list").splitlines()[1:]] == [
+        ["3", "Gone", "gone.wav", "no", "file", "-", "-"], ["4", "no", "file", "-", "-"]]
+
+
+# add
+
+
+def test_a_file_elsewhere_is_refused_with_the_place_to_put_it(shell, elsewhere):
+    assert shell.fail(2, "add", elsewhere) == [
+        "'/tmp/chime.wav' is not below /etc/audioclips, where clips have to lie",
+        "move it there and add it then, or let it be copied: sonobrikctl add --copy FILE"]
+    assert list_json(shell) == []
+
+
+def test_a_folder_whose_name_only_begins_so_is_elsewhere(shell, sandbox, daemon):
+    (sandbox.etc / "audioclipsX").mkdir()
+    clips.write_wav(sandbox.etc / "audioclipsX/a.wav", clips.noise(480))
+    assert "not below" in shell.fail(2, "add", "/etc/audioclipsX/a.wav")[0]
+    assert "not below" in shell.fail(2, "add", "/etc/audioclips/../audioclipsX/a.wav")[0]
+
+
+def test_a_file_is_found_by_any_way_into_the_folder(shell, sandbox, door):
+    (sandbox.etc / "way").symlink_to("/etc/audioclips")
+    shell.ok("add", "/etc/way/../audioclips/./door.wav")
+    shell.ok("add", "/etc/way/door.wav")
+    shell.ok("add", "etc/audioclips/door.wav")  # the working folder is /
+    assert {clip["location"] for clip in list_json(shell)} == {DOOR}
+
+
+def test_a_copy_is_readable_for_the_daemon_whatever_the_umask(shell, sandbox, elsewhere):
+    result = sandbox.run(["sh", "-c", 'umask 077; exec "$0" "$@"', PROGRAM, "add", "--copy",
+                          elsewhere])
+    assert result.stdout == "0\n"
+    copy = sandbox.etc / "audioclips/chime.wav"
+    assert stat.S_IMODE(copy.stat().st_mode) == 0o644
+    assert copy.read_bytes() == (sandbox.folder / "tmp/chime.wav").read_bytes()
+    assert list_json(shell)[0]["location"] == "/etc/audioclips/chime.wav"
+
+
+def test_a_copy_replaces_nothing(shell, sandbox, elsewhere):
+    sandbox.write_file("chime.wav", b"precious")
+    assert shell.fail(1, "add", "--copy", elsewhere) == [
+        "there is a '/etc/audioclips/chime.wav' already, and it stays; add that one, or rename "
+        "yours"]
+    assert (sandbox.etc / "audioclips/chime.wav").read_bytes() == b"precious"
+
+
+def test_a_copy_goes_when_the_clip_cannot_be_stored(shell, sandbox, elsewhere):
+    sandbox.set_access({"com.vesk.Sonobrik": {"users": "*"},
+                        "com.vesk.Sonobrik.AddClip": {"users": "nobody"}})
+    shell.fail(4, "add", "--copy", elsewhere)
+    sandbox.set_access({"com.vesk.Sonobrik": {"users": "*"}})
+    (sandbox.folder / "tmp/notes.txt").write_text("no clip")
+    assert shell.fail(1, "add", "--copy", "/tmp/notes.txt")[0].startswith(
+        "Could not determine the media format")
+    assert os.listdir(sandbox.etc / "audioclips") == []
+    assert list_json(shell) == []
+
+
+def test_what_is_no_file_is_not_added(shell, sandbox, daemon):
+    assert shell.fail(5, "add", "/etc/audioclips/no.wav") == [
+        "cannot add '/etc/audioclips/no.wav': No such file or directory"]
+    assert "is a folder" in shell.fail(2, "add", "/etc/audioclips")[0]
+    os.mkfifo(sandbox.folder / "tmp/pipe")
+    assert shell.fail(1, "add", "--copy", "/tmp/pipe") == ["'/tmp/pipe' is no regular file"]
+
+
+def test_a_full_store_points_at_the_log(shell, sandbox):
+    sandbox.set_parameters({"root.SonoBrik.MaxGroups": "1"})
+    sandbox.write_clip("door.wav", clips.noise(480))
+    sandbox.start_daemon()
+    shell.ok("add", DOOR)
+    assert shell.fail(1, "add", DOOR) == [
+        "NOK", "the daemon's log says why: journalctl -t sonobrik"]
+
+
+# rename, remove, sync
+
+
+def test_a_name_may_have_255_bytes(shell, door):
+    shell.ok("add", DOOR)
+    shell.ok("rename", "0", "ü" * 127 + "x")
+    assert list_json(shell)[0]["name"] == "ü" * 127 + "x"
+    assert shell.fail(2, "rename", "0", "ü" * 128) == [
+        "a name is UTF-8, and has 255 bytes at most"]
+    shell.fail(2, "rename", "0", b"\xff".decode(errors="surrogateescape"))
+    shell.ok("rename", "0", "")
+    assert list_json(shell)[0]["name"] == ""
+
+
+def test_nobody_is_asked_in_a_pipe(shell, door):
+    shell.ok("add", DOOR)
+    assert shell.fail(2, "remove", "0") == [
+        "nobody can be asked here; to remove the clip without a question, give --yes"]
+    assert len(list_json(shell)) == 1
+
+
+def test_the_controls_are_told_anew(shell, sandbox, door):
+    controls = Controls(sandbox)
+    shell.ok("add", DOOR)
+    shell.ok("rename", "0", "Bell")
+    assert controls.clips == [("door", 0)]
+    shell.ok("sync")
+    assert controls.clips == [("Bell", 0)]
+
+
+# check
+
+
+def test_check_says_of_each_file_what_it_is(shell, sandbox, door):
+    notes = sandbox.write_file("notes\n.txt", b"text")
+    result = shell.run("check", DOOR, notes, "/no/a.wav")
+    assert result.stdout.splitlines() == [
+        f"{DOOR}: can be played",
+        "/etc/audioclips/notes\\x0a.txt: Could not determine the media format of file: "
+        "'/etc/audioclips/notes\\x0a.txt'",
+        "/no/a.wav: Could not determine the media format of file: '/no/a.wav'; there is no '/no'"]
+    assert (result.returncode, result.stderr) == (1, "")
+    assert shell.ok("check", DOOR) == f"{DOOR}: can be played\n"
+    assert shell.run("check", "/no/a.wav").returncode == 5
+
+
+def test_a_name_that_is_no_text_is_explained(shell, sandbox, daemon):
+    path = b"/etc/audioclips/\xff.wav".decode(errors="surrogateescape")
+    result = shell.run("check", path)
+    assert result.returncode == 1
+    assert result.stdout == ("/etc/audioclips/\\xff.wav: its name is not UTF-8, so it cannot be "
+                             "asked for\n")
+    clips.write_wav(sandbox.etc / "audioclips" / os.fsdecode(b"\xff.wav"), clips.noise(480))
+    assert shell.fail(2, "add", path) == ["names of clips and files have to be UTF-8"]
+

@@ -1,0 +1,128 @@
+"""sonobrikctl on a terminal: the bar, Ctrl-C, the question, colour."""
+
+import re
+
+import pytest
+from sandbox import clips, wait_until
+from sandbox.store import Store, write_record
+
+INTERRUPT = "\x03"
+END_OF_INPUT = "\x04"
+
+BAR = re.compile(r"\r\[(=*)>? *\] (\d+:\d\d\.\d) / (\d+:\d\d\.\d)  ([^\x1b]*)\x1b\[K")
+
+
+@pytest.fixture
+def door(sandbox, shell, player):
+    clip = sandbox.write_clip("door.wav", clips.noise(48000))
+    shell.ok("add", clip.path)
+    return clip
+
+
+def test_a_bar_shows_how_far_the_clip_is(shell, door):
+    output, status = shell.on_terminal("play", "--wait", "door")
+    bars = BAR.findall(output)
+    assert status == 0
+    assert [bar[2:] for bar in bars] == [("0:01.0", "door")] * len(bars)
+    assert [len(bar[0]) for bar in bars] == sorted(len(bar[0]) for bar in bars)
+    assert bars[-1][:2] == ("=" * 40, "0:01.0")
+    assert output.endswith("\x1b[K\r\n")
+    assert BAR.sub("", output) == "\r\n"
+
+
+def test_the_bar_is_of_all_repeats(shell, door):
+    output, _ = shell.on_terminal("play", "--wait", "door", "--repeat", "1")
+    assert {bar[2] for bar in BAR.findall(output)} == {"0:02.0"}
+
+
+@pytest.mark.parametrize("columns", [1, 12, 30, 37, 200])
+def test_the_bar_keeps_to_its_line(shell, door, columns):
+    shell.ok("rename", "0", "鈴" * 50)
+    output, status = shell.on_terminal("play", "--wait", "0", columns=columns)
+    assert status == 0
+    for line in output.removesuffix("\r\n").split("\r")[1:]:
+        text = line.removesuffix("\x1b[K")
+        assert len(text) + text.count("鈴") < max(columns, 17)
+
+
+@pytest.mark.parametrize("words", [["/etc/audioclips/door.wav"], ["door", "--repeat", "forever"]])
+def test_without_a_known_length_the_time_runs_and_ctrl_c_stops(shell, sandbox, player, door, words):
+    output, status = shell.on_terminal("play", "--wait", *words, steps=[("0:00.3", INTERRUPT)])
+    assert status == 130
+    assert re.match(r"\r0:00\.\d  (/etc/audioclips/door.wav|door)\x1b\[K\r", output)
+    assert "[" not in output.replace("\x1b[K", "")
+    player.fence()
+    assert player.events[-1] == ("Playing", 1, 0, 0, False)
+
+
+@pytest.mark.parametrize("env", [{"TERM": "dumb"}, {"TERM": ""}])
+def test_a_plain_terminal_gets_neither_bar_nor_emphasis(shell, door, env):
+    assert shell.on_terminal("play", "--wait", "door", env=env) == ("", 0)
+    assert "\x1b" not in shell.on_terminal("list", env=env)[0]
+
+
+def test_heads_of_tables_are_emphasised(shell, door):
+    for words in (["list"], ["outputs"]):
+        output, status = shell.on_terminal(*words)
+        assert status == 0
+        assert re.match(r"\x1b\[1m[A-Z -]*\x1b\[0m\r\n[^\x1b]*$", output)
+
+
+def test_who_wants_no_colour_gets_none_and_keeps_the_bar(shell, door):
+    assert "\x1b" not in shell.on_terminal("list", env={"NO_COLOR": "1"})[0]
+    assert "\x1b[1m" in shell.on_terminal("list", env={"NO_COLOR": ""})[0]
+    assert BAR.search(shell.on_terminal("play", "--wait", "door", env={"NO_COLOR": "1"})[0])
+
+
+# The question
+
+
+@pytest.mark.parametrize("answer", ["n\n", "\n", "yesterday\n", "yes, do it, and more words\n",
+                                    END_OF_INPUT])
+def test_a_clip_stays_unless_the_answer_is_yes(shell, door, answer):
+    output, status = shell.on_terminal("remove", "door", steps=[("[y/N] ", answer)])
+    assert status == 1
+    assert output.startswith("Remove clip 0, 'door'? Its file '/etc/audioclips/door.wav' stays. ")
+    assert output.endswith("sonobrikctl: the clip stays\r\n")
+    assert shell.ok("list", "--names") == "door\n"
+
+
+@pytest.mark.parametrize("answer", ["y\n", "YES\n"])
+def test_a_clip_goes_when_the_answer_is_yes(shell, door, answer):
+    assert shell.on_terminal("remove", "0", steps=[("[y/N] ", answer)])[1] == 0
+    assert shell.ok("list", "--names") == ""
+    assert door.file.exists()
+
+
+def test_ctrl_c_at_the_question_removes_nothing(shell, door):
+    assert shell.on_terminal("remove", "0", steps=[("[y/N] ", INTERRUPT)])[1] == 130
+    assert shell.ok("list", "--names") == "door\n"
+
+
+def test_yes_is_not_asked(shell, door):
+    assert shell.on_terminal("remove", "--yes", "door") == ("", 0)
+
+
+def test_the_question_shows_what_would_act_on_the_terminal(shell, sandbox):
+    Store(sandbox).write("M0.json", write_record("/etc/audioclips/\x1b[2J", "a\rb\x9b", "audio"))
+    sandbox.start_daemon()
+    output, _ = shell.on_terminal("remove", "0", steps=[("[y/N] ", "n\n")])
+    assert output.startswith("Remove clip 0, 'a\\x0db\\u009b'? Its file "
+                             "'/etc/audioclips/\\x1b[2J' stays. [y/N] ")
+
+
+# The monitor
+
+
+def test_ctrl_c_ends_the_monitor(shell, daemon):
+    _, status = shell.on_terminal("monitor", steps=[("watching; Ctrl-C ends", INTERRUPT)])
+    assert status == 130
+
+
+def test_the_bar_is_not_in_the_way_of_an_error(shell, sandbox, player):
+    clip = sandbox.write_clip("long.wav", clips.noise(48000 * 60))
+    shell.ok("play", clip.path)
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    output, status = shell.on_terminal("play", "--wait", clip.path)
+    assert status == 1
+    assert output.startswith("sonobrikctl: A clip is already playing.\r\n")
