@@ -1,0 +1,182 @@
+"""The completion of sonobrikctl in bash: what it offers, and that names of clips stay names."""
+
+import os
+import pathlib
+import shlex
+
+import pytest
+from sandbox import Sandbox, Shell, clips
+from sandbox.box import ROOT
+from sandbox.shell import PROGRAM
+from sandbox.store import Store, write_record
+
+LIBRARY = pathlib.Path("/usr/share/bash-completion/bash_completion")
+
+# The words of the line come as arguments; bash has them as they stand on the line, quotes and all.
+CALL = f"""
+source {LIBRARY}
+source {ROOT}/data/bash-completion/sonobrikctl
+COMP_WORDS=("$@")
+COMP_CWORD=$(($# - 1))
+COMP_LINE="$*"
+COMP_POINT=${{#COMP_LINE}}
+COMP_TYPE=9
+_sonobrikctl
+((${{#COMPREPLY[@]}} == 0)) || printf '%s\\0' "${{COMPREPLY[@]}}"
+"""
+
+# Names that do harm wherever they are evaluated, expanded or split.
+HARM = [
+    "$(touch /tmp/harm)", "`touch /tmp/harm`", "; touch /tmp/harm #", "a|touch /tmp/harm",
+    "$((x[$(touch /tmp/harm)]))", "${x:=harm}", "<(touch /tmp/harm)", "*", "{a,b}", "a\\", "~root",
+    "!!", "it's", 'say "so"', "two  blanks", "tab'\"mix$", "%s%n", "Tür 鈴", "a=b:c",
+]
+
+# Those that are not offered: they would be an option or a path, or hold several lines.
+HIDDEN = ["--yes", "/etc/x", "./x", "../x", "line\nbreak", "\x1b[2J", "", "same", "same"]
+
+
+@pytest.fixture(scope="module", autouse=True)
+def clip_list(tmp_path_factory, build_dir, cache):
+    """A Shell whose daemon has clips of all those names."""
+    if not LIBRARY.exists():
+        pytest.skip("needs bash-completion")
+    with Sandbox(tmp_path_factory.mktemp("completion") / "sandbox", build_dir, cache) as box:
+        box.start_bus()
+        store = Store(box)
+        for number, name in enumerate([*HARM, *HIDDEN, "Front door", "Front yard"]):
+            store.write(f"M{number}.json", write_record("/etc/audioclips/a.wav", name, "audio"))
+        box.write_clip("a b.wav", clips.noise(480))
+        box.write_clip("$(touch harm).wav", clips.noise(480))
+        box.start_daemon()
+        yield Shell(box)
+
+
+@pytest.fixture
+def complete(clip_list):
+    """Completes the last one of the words, and returns what is offered."""
+    def run(*words):
+        result = clip_list.sandbox.run(
+            ["bash", "--norc", "-c", CALL, "bash", "sonobrikctl", *words],
+            env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin"})
+        assert result.stderr == ""
+        assert_unharmed(clip_list.sandbox)
+        return result.stdout.split("\0")[:-1]
+    return run
+
+
+def assert_unharmed(sandbox):
+    assert not (sandbox.folder / "tmp/harm").exists()
+    assert not (sandbox.etc / "audioclips/harm").exists()
+
+
+def test_commands_are_offered(complete):
+    assert sorted(complete("")) == sorted([
+        "add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "stop", "sync",
+        "--help", "--version"])
+    assert complete("re") == ["remove", "rename"]
+    assert complete("$(touch /tmp/harm)") == []
+
+
+@pytest.mark.parametrize("words, offered", [
+    (["play", "--o"], ["--output"]),
+    (["play", "--device"], ["--device", "--device-output"]),
+    (["play", "x", "--w"], ["--wait"]),
+    (["play", "--repeat", "f"], ["forever"]),
+    (["list", "-"], ["--help", "--json", "--names"]),
+    (["add", "--c"], ["--copy"]),
+    (["remove", "--y"], ["--yes"]),
+    (["monitor", "--j"], ["--json"]),
+    (["stop", ""], []),
+    (["rename", "Front\\ door", ""], []),
+    (["play", "Front\\ door", ""], []),
+    (["add", "--name", "Fr"], []),
+])
+def test_what_fits_the_command_is_offered(complete, words, offered):
+    assert complete(*words) == offered
+
+
+def test_every_option_of_every_command_is_offered(clip_list, complete):
+    for command in complete(""):
+        if command.startswith("-"):
+            continue
+        text = clip_list.ok(command, "--help")
+        options = {word.split("=")[0].rstrip(",") for word in text.split()
+                   if word.startswith("--")}
+        assert set(complete(command, "--")) == options, command
+
+
+@pytest.mark.parametrize("command", ["play", "remove", "rename"])
+def test_every_name_is_offered_as_one_word(clip_list, complete, command):
+    offered = complete(command, "")
+    assert sorted(shlex_all(offered, clip_list.sandbox)) == sorted(
+        [*HARM, "Front door", "Front yard"])
+
+
+def shlex_all(words, sandbox):
+    """What bash makes of the words, each in a command line of its own."""
+    lines = "".join(f"printf '%s\\0' {word}\n" for word in words)
+    result = sandbox.run(["bash", "--norc", "-c", lines])
+    assert_unharmed(sandbox)
+    return result.stdout.split("\0")[:-1]
+
+
+@pytest.mark.parametrize("typed, offered", [
+    ("Fr", [r"Front\ door", r"Front\ yard"]),
+    (r"Front\ d", [r"Front\ door"]),
+    ('"Front d', ["Front door"]),
+    ("'Front d", ["Front door"]),
+    ("it", [r"it\'s"]),
+    ('"it', ["it's"]),
+    ("'it", []),  # cannot be written so
+    ('"say', [r"say \"so\""]),
+    ('"$(', []),  # bash itself completes these
+    ("'$(t", ["$(touch /tmp/harm)"]),
+    (r"\$\(t", [r"\$\(touch\ /tmp/harm\)"]),
+    ('"!', []),
+    ("T", [r"Tür\ 鈴"]),
+    ("a=", ["b:c"]),
+    ("nothing", []),
+])
+def test_a_word_is_completed_as_it_was_begun(complete, typed, offered):
+    result = complete("remove", typed)
+    if typed == '"$(':
+        result = [word for word in result if word.startswith("$(")]
+    assert result == offered
+
+
+def test_files_are_offered_where_files_are_meant(complete):
+    assert complete("check", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
+    assert complete("add", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
+    assert complete("play", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
+    assert complete("check", "one", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
+    assert "/etc/audioclips/$(touch harm).wav" in complete("check", "/etc/audioclips/")
+
+
+def test_a_daemon_that_is_away_leaves_the_line_alone(complete, clip_list):
+    result = clip_list.sandbox.run(
+        ["bash", "--norc", "-c", CALL, "bash", "sonobrikctl", "remove", ""],
+        env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin",
+             "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/tmp/no"})
+    assert (result.stdout, result.stderr) == ("", "")
+
+
+@pytest.mark.parametrize("typed, line", [
+    ("play Front\\ d\t", "play Front\\ door "),
+    ('remove "Front d\t', 'remove "Front door" '),
+    ("remove \\$\\(t\t", "remove \\$\\(touch\\ /tmp/harm\\) "),
+    ("check /etc/audioclips/a\t", "check /etc/audioclips/a\\ b.wav "),
+    ("check /etc/audioclips/\\$\t", "check /etc/audioclips/\\$\\(touch\\ harm\\).wav "),
+])
+def test_the_line_is_completed_as_a_person_types_it(clip_list, typed, line):
+    setup = (f"PS1='rea''dy> '; source {LIBRARY}; source {ROOT}/data/bash-completion/sonobrikctl; "
+             "bind 'set enable-bracketed-paste off'; sonobrikctl() { "
+             f"""if [ "$1" = list ]; then {PROGRAM} "$@"; else printf '[%s]' "$@"; echo; fi; }}\n""")
+    output, status = clip_list.on_terminal(
+        command=["bash", "--norc", "--noprofile", "-i"], columns=500,
+        steps=[("$ " if os.getuid() else "# ", setup), ("ready> ", f"sonobrikctl {typed}"),
+               (f"sonobrikctl {line}", "\n"), ("]", "exit\n")])
+    words = shlex.split(line)
+    assert "".join(f"[{word}]" for word in words) in output
+    assert status == 0
+    assert_unharmed(clip_list.sandbox)
