@@ -2,10 +2,11 @@
 
 import json
 import os
+import signal
 import stat
 
 import pytest
-from sandbox import clips
+from sandbox import clips, wait_until
 from sandbox.controls import Controls
 from sandbox.shell import PROGRAM
 from sandbox.store import Store, write_record
@@ -157,6 +158,19 @@ def test_a_copy_goes_when_the_clip_cannot_be_stored(shell, sandbox, elsewhere):
         "Could not determine the media format")
     assert os.listdir(sandbox.etc / "audioclips") == []
     assert list_json(shell) == []
+
+
+def test_ctrl_c_leaves_no_half_of_a_copy(sandbox, daemon):
+    size = 1 << 26
+    with open(sandbox.folder / "tmp/huge.wav", "wb") as file:
+        file.truncate(size)
+    copy = sandbox.etc / "audioclips/huge.wav"
+    adding = sandbox.spawn([PROGRAM, "add", "--copy", "/tmp/huge.wav"])
+    wait_until(lambda: copy.exists() or not adding.is_running, 20, "it copies")
+    adding.kill(signal.SIGINT)
+    adding.wait_exit()
+    # It is whole, or has gone again since the daemon cannot play it.
+    assert not copy.exists() or copy.stat().st_size == size
 
 
 def test_what_is_no_file_is_not_added(shell, sandbox, daemon):

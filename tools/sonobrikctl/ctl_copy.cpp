@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <glib.h>
+#include <initializer_list>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,6 +64,19 @@ bool fill(int from, int to, const char *path)
     return is_whole;
 }
 
+/* Holds back what would end the program; what came meanwhile does so when it is given back. */
+sigset_t hold_signals()
+{
+    sigset_t ending;
+    sigset_t before;
+    sigemptyset(&ending);
+    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+        sigaddset(&ending, number);
+    }
+    sigprocmask(SIG_BLOCK, &ending, &before);
+    return before;
+}
+
 void explain_open(const std::string &path)
 {
     if (errno == EEXIST) {
@@ -97,11 +112,14 @@ std::string ctl_copy_to_clips(const char *source)
         close(from);
         return "";
     }
+    /* Half a copy would be in the way of the next one. */
+    const sigset_t signals = hold_signals();
     const int to = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FOR_NOBODY_YET);
     if (to < 0) {
         explain_open(path);
     }
     const bool is_copied = to >= 0 && fill(from, to, path.c_str());
+    sigprocmask(SIG_SETMASK, &signals, nullptr);
     close(from);
     return is_copied ? path : "";
 }
