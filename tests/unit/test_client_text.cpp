@@ -22,6 +22,7 @@ TEST(ClientTextEscape, LeavesWhatPeopleRead)
 {
     EXPECT_EQ(escape(""), "");
     EXPECT_EQ(escape("Tür \\ \"1\" 鈴 🔔"), "Tür \\ \"1\" 鈴 🔔");
+    EXPECT_EQ(escape("می\u200cخواهم 👨\u200d👧"), "می\u200cخواهم 👨\u200d👧");
 }
 
 TEST(ClientTextEscape, ShowsWhatATerminalWouldObey)

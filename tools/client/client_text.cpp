@@ -3,8 +3,15 @@
 namespace
 {
 
+/* They join or part the characters around them, in Persian words and in signs of a family. */
+constexpr gunichar ZERO_WIDTH_NON_JOINER = 0x200C;
+constexpr gunichar ZERO_WIDTH_JOINER = 0x200D;
+
 bool is_harmless(gunichar c)
 {
+    if (c == ZERO_WIDTH_NON_JOINER || c == ZERO_WIDTH_JOINER) {
+        return true;
+    }
     switch (g_unichar_type(c)) {
     case G_UNICODE_CONTROL:
     case G_UNICODE_FORMAT: /* the marks of writing direction are among these */
