@@ -232,6 +232,14 @@ def test_the_page_is_gone_back_to(web, door, quiet):
     assert answer.headers["location"].startswith("?result=unreadable")
 
 
+@pytest.mark.parametrize("page", ["", "page=1&"])
+def test_what_was_sent_is_told_without_acting(web, page):
+    answer = web.post(f"{page}a%0d%0aSet-Cookie:+b%1b[31m=1")
+    assert "set-cookie" not in answer.headers
+    assert answer.text == ("The request cannot be read. "
+                           "'a\\x0d\\x0aSet-Cookie: b\\x1b[31m' is no parameter of it.\n")
+
+
 # Which of these a browser sends depends on its age and on whether the connection is encrypted.
 OWN = "http://127.0.0.1:{port}"
 OTHER = "http://evil.example"

@@ -68,15 +68,21 @@ std::string list_headers(const CgiRequest &request, CgiResult result)
     }
 }
 
-CgiAnswer answer_text(const CgiRequest &request, const CgiOutcome &outcome)
+/* The outcome in one line. */
+std::string make_line(const CgiOutcome &outcome)
 {
     const std::string text = cgi_outcome_describe(outcome);
     g_autofree char *escaped = client_text_escape(text.c_str());
+    return std::string(escaped) + "\n";
+}
+
+CgiAnswer answer_text(const CgiRequest &request, const CgiOutcome &outcome)
+{
     return {
         .status = cgi_result_tell(outcome.result)->status,
         .content_type = PLAIN,
         .headers = NOTHING_ALLOWED + list_headers(request, outcome.result),
-        .body = std::string(escaped) + "\n",
+        .body = make_line(outcome),
     };
 }
 
@@ -100,7 +106,7 @@ CgiAnswer answer_page_form(const CgiRequest &request, const CgiOutcome &outcome)
         .status = 303,
         .content_type = PLAIN,
         .headers = NOTHING_ALLOWED + ("Location: " + address + "\r\n"),
-        .body = cgi_outcome_describe(outcome) + "\n",
+        .body = make_line(outcome),
     };
 }
 
