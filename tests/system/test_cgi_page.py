@@ -10,6 +10,7 @@ if not find_server("lighttpd") or not find_browser():
                 allow_module_level=True)
 
 from selenium.common.exceptions import WebDriverException  # noqa: E402 (it is there by now)
+from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
 from selenium.webdriver.support.select import Select  # noqa: E402
@@ -191,6 +192,43 @@ def test_a_phone_shows_it_without_scrolling_sideways(web, scripted):
         "return [...document.querySelectorAll('button')].filter((e) => e.offsetWidth)"
         ".map((e) => Math.min(e.offsetWidth, e.offsetHeight))")
     assert len(sizes) == 7 and min(sizes) >= 44
+
+
+def test_large_text_has_room_on_a_phone(web, scripted):
+    driver = show(scripted, web)
+    inner, widths = driver.execute_script("""
+        document.documentElement.style.fontSize = "200%";
+        return [document.documentElement.scrollWidth,
+                [...document.querySelectorAll(".now p, .about")].map((e) => e.offsetWidth)];
+    """)
+    assert inner <= 390
+    assert len(widths) == 4 and min(widths) >= 200
+
+
+def test_the_result_is_seen_far_down_and_hides_no_focus(web, quiet, scripted):
+    driver = show(scripted, web)
+    driver.execute_script("""
+        const list = document.querySelector(".clips");
+        for (let i = 0; i < 20; i++) {
+            list.prepend(list.querySelector("li").cloneNode(true));
+        }
+    """)
+    quiet.call("StartPlayingClip", f"location={BELL}&repeat=-1")
+    find_button(driver, "Play Bell").click()
+    wait_until(lambda: read(driver, "result").startswith("A clip is already playing."), 20,
+               "the conflict is told")
+    top, bottom = driver.execute_script("""
+        const box = document.getElementById("result").getBoundingClientRect();
+        return [box.top, box.bottom];
+    """)
+    assert 0 <= top < bottom < 200
+    for _ in range(40):
+        ActionChains(driver).key_down(Keys.SHIFT).send_keys(Keys.TAB).key_up(Keys.SHIFT).perform()
+        focus = driver.execute_script("""
+            return document.activeElement.closest(".clips") &&
+                document.activeElement.getBoundingClientRect().top;
+        """)
+        assert focus is None or focus >= bottom
 
 
 # The least contrast of the texts on the page with what is behind them, as WCAG computes it.
