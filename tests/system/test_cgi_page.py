@@ -304,3 +304,19 @@ def test_a_link_on_another_site_plays_nothing(web, quiet, scripted):
     wait_until(lambda: "other sites are refused" in driver.page_source, 20, "it is refused")
     quiet.fence()
     assert quiet.events[first:] == []
+
+
+def test_a_daemon_that_goes_away_is_told(sandbox, tmp_path):
+    sandbox.start_daemon()
+    server = Web(sandbox).start_lighttpd()
+    with open_browser(tmp_path / "browser", 390, 800) as driver:
+        show(driver, server)
+        assert read(driver, "now-text") == "Nothing plays now."
+        assert sandbox.daemon.stop() == 0
+        text = ("What plays now is not known. "
+                "The daemon is not there. Try again in a moment.")
+        wait_until(lambda: read(driver, "now-text") == text, 20, "the page tells it")
+        find_button(driver, "Stop").click()
+        wait_until(lambda: read(driver, "result").startswith("The daemon is not there."), 20,
+                   "the page tells it")
+    server.check()
