@@ -39,9 +39,13 @@ def gain_execution():
 
 
 def map_file(path):
-    write(path)
     with open(path, "rb") as file:
         mmap.mmap(file.fileno(), 1, mmap.MAP_PRIVATE, mmap.PROT_READ | mmap.PROT_EXEC).close()
+
+
+def map_written(path):
+    write(path)
+    map_file(path)
 
 
 def set_suid(path):
@@ -109,7 +113,8 @@ def make_probes(folder):
         "map memory that is both": lambda: map_memory(
             mmap.PROT_READ | mmap.PROT_WRITE | mmap.PROT_EXEC),
         "execute what was written": gain_execution,
-        "execute a file of its own": lambda: map_file(f"{folder}/code"),
+        "execute a file of its own": lambda: map_written(f"{folder}/code"),
+        "execute a library of the device": lambda: map_file("/usr/local/lib/library"),
         "execute a program": lambda: execute("/usr/bin/true"),
         "give a file rights": lambda: set_suid(f"{folder}/suid"),
         "make a namespace": lambda: call(libc.unshare, CLONE_NEWUSER),

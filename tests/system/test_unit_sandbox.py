@@ -92,6 +92,17 @@ def test_it_starts_anew_for_new_devices_without_a_limit(installation):
     assert read_unit(installation, "StartLimitIntervalSec") == ["0"]
 
 
+def test_it_starts_anew_after_a_failure(installation):
+    assert read_unit(installation, "Type") == ["dbus"]
+    assert read_unit(installation, "Restart") == ["on-failure"]
+
+
+def test_it_is_left_the_sound_cards_alone(installation):
+    """What the launcher cannot impose."""
+    assert read_unit(installation, "DevicePolicy") == ["closed"]
+    assert read_unit(installation, "DeviceAllow") == ["char-alsa rw"]
+
+
 def test_every_restriction_has_its_reason(installation):
     """A line belongs to the comment above it, with the lines that follow."""
     lines = installation.unit.read_text().splitlines()
@@ -105,7 +116,10 @@ def test_every_restriction_has_its_reason(installation):
 
 
 @pytest.mark.needs_root
-def test_it_forbids_what_it_says(box, launcher):
+def test_it_forbids_what_it_says(box, launcher, tmp_path):
+    (tmp_path / "lib").mkdir()
+    (tmp_path / "lib/library").write_text("x")
+    box.bind(tmp_path / "lib", "/usr/local/lib")
     probe = json.loads(box.run(["probe"], launcher=launcher).stdout)
     assert probe["status"] == {
         "CapBnd": "0" * 16, "CapEff": "0" * 16, "CapPrm": "0" * 16, "NoNewPrivs": "1",
@@ -132,6 +146,7 @@ def test_it_forbids_what_it_says(box, launcher):
         "map memory that is both": "EPERM",
         "execute what was written": "EPERM",
         "execute a file of its own": "EPERM",
+        "execute a library of the device": "done",
         "execute a program": "EACCES",
         "give a file rights": "EPERM",
         "make a namespace": "EPERM",
