@@ -181,6 +181,9 @@ def test_a_screen_reader_is_told_everything(web, quiet, scripted):
     assert {("combobox", "Where", True), ("combobox", "How often", True)} <= set(controls)
     driver = scripted
     assert driver.execute_script("return document.documentElement.lang") == "en"
+    # What is told later is told in places that are there from the start.
+    nodes = driver.execute_cdp_cmd(LISTEN, {})["nodes"]
+    assert [node["role"]["value"] for node in nodes if not node["ignored"]].count("status") == 2
 
 
 def test_a_phone_shows_it_without_scrolling_sideways(web, scripted):

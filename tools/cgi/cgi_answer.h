@@ -7,9 +7,9 @@
 #include "cgi_request.h"
 
 struct CgiAnswer {
-    int status = 200;         /* of HTTP */
-    std::string content_type; /* empty: there is no body */
-    std::string headers;      /* further lines, each with its line end */
+    int status = 200; /* of HTTP */
+    std::string content_type;
+    std::string headers; /* further lines, each with its line end */
     std::string body;
 };
 
