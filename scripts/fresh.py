@@ -103,8 +103,8 @@ def environment():
 def enter(machine, command, folder="/"):
     """The command that runs a shell command on a machine, in a container that permits another."""
     return ["bwrap", "--bind", machine, "/", "--proc", "/proc", "--dev", "/dev",
-            "--ro-bind", "/sys", "/sys", "--unshare-pid", "--die-with-parent", "--cap-add", "ALL", "--chdir", folder,
-            "/bin/bash", "-c", command]
+            "--ro-bind", "/sys", "/sys", "--unshare-pid", "--die-with-parent", "--cap-add", "ALL",
+            "--chdir", folder, "/bin/bash", "-c", command]
 
 
 def enter_plainly(machine, command):
