@@ -367,7 +367,7 @@ class Sandbox:
 
     def start_daemon(self, program=None, env=None, uid=None, groups=(), vendor_sink=False,
                      watchdog_usec=None, wait=True, deadline=30, launcher=None):
-        """Starts the daemon, and waits until it owns its name unless `wait` is false.
+        """Starts the daemon, and waits until it answers unless `wait` is false.
 
         With `watchdog_usec` it is supervised by `notify`.
         """
@@ -380,6 +380,9 @@ class Sandbox:
         self.daemon = self.spawn([program], uid, groups, env, vendor_sink, Daemon, launcher)
         if wait:
             self._wait_name("com.vesk.Sonobrik", self.daemon, deadline)
+            # Which it owns before it hears signals; it answers when it does all that it does.
+            self.bus.call("com.vesk.Sonobrik", "/", "org.freedesktop.DBus.Peer", "Ping",
+                          timeout=deadline)
         return self.daemon
 
     def _wait_name(self, name, process, deadline):
