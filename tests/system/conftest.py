@@ -20,6 +20,8 @@ def pytest_addoption(parser):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "needs_root: runs programs as several users")
+    config.addinivalue_line("markers", "alone: hears what a busy machine spoils, so nothing else is "
+                                       "run beside it")
 
 
 def pytest_runtest_setup(item):

@@ -6,6 +6,8 @@ import pytest
 from sandbox import clips, wait_until
 from sandbox.log_lines import START
 
+pytestmark = pytest.mark.alone
+
 
 def files_of(player):
     return [event[-1] for event in player.events if event[0] == "CurrentlyPlaying"]

@@ -187,6 +187,7 @@ def test_a_clip_of_50_ms_reaches_the_card_from_its_first_to_its_last_sample(sand
     assert_silent(take.samples[at + clip.frames:])
 
 
+@pytest.mark.alone
 def test_a_chain_of_wav_clips_reaches_the_card_without_a_gap(sandbox):
     chained = [sandbox.write_clip(f"{i}.wav", clips.noise(24000, seed=i)) for i in range(3)]
     chain(sandbox, ALSASINK, *chained)

@@ -88,6 +88,7 @@ def test_the_sink_serves_one_request_after_the_other(sandbox, vendor, clip):
     assert opened(sandbox) == [{"source-id": "BRIMOSonoBrik"}] * 4
 
 
+@pytest.mark.alone
 def test_a_chain_through_the_sink_has_no_gap(sandbox, vendor):
     clip = sandbox.write_clip("a.wav", clips.noise(28800))
     chain = clips.noise(0)
