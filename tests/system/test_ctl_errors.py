@@ -48,8 +48,8 @@ def test_a_bus_that_is_away_is_told(shell, words):
 
 
 def test_a_daemon_that_ends_meanwhile_ends_the_wait(shell, sandbox, daemon):
-    clip = sandbox.write_clip("long.wav", clips.noise(48000 * 60))
-    waiting = shell.start("play", "--wait", clip.path)
+    clip = sandbox.write_clip("a.wav", clips.noise(48000))
+    waiting = shell.start("play", "--wait", clip.path, "--repeat", "forever")
     wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
     daemon.kill()
     assert waiting.process.wait_exit() == 3
@@ -59,8 +59,8 @@ def test_a_daemon_that_ends_meanwhile_ends_the_wait(shell, sandbox, daemon):
 def test_a_bus_that_ends_meanwhile_ends_the_wait(shell, sandbox):
     bus = sandbox.start_bus()
     daemon = sandbox.start_daemon()
-    clip = sandbox.write_clip("long.wav", clips.noise(48000 * 60))
-    waiting = shell.start("play", "--wait", clip.path)
+    clip = sandbox.write_clip("a.wav", clips.noise(48000))
+    waiting = shell.start("play", "--wait", clip.path, "--repeat", "forever")
     wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
     bus.kill()
     assert waiting.process.wait_exit() == 3

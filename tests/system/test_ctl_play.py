@@ -16,7 +16,7 @@ def door(sandbox, player):
 
 @pytest.fixture
 def long(sandbox, player):
-    return sandbox.write_clip("long.wav", clips.noise(48000 * 60))
+    return sandbox.write_clip("long.wav", clips.noise(48000) * 60)
 
 
 def played(player):

@@ -120,7 +120,7 @@ def test_ctrl_c_ends_the_monitor(shell, daemon):
 
 
 def test_the_bar_is_not_in_the_way_of_an_error(shell, sandbox, player):
-    clip = sandbox.write_clip("long.wav", clips.noise(48000 * 60))
+    clip = sandbox.write_clip("long.wav", clips.noise(48000) * 60)
     shell.ok("play", clip.path)
     wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
     output, status = shell.on_terminal("play", "--wait", clip.path)

@@ -156,5 +156,10 @@ class Bus:
         return self.call(destination, path, "org.freedesktop.DBus.Introspectable", "Introspect")[0]
 
     def close(self):
-        if not self.connection.is_closed():
+        try:
             self.connection.close_sync(None)
+        except GLib.Error as error:
+            # A bus that has ended has closed it, or is just found to have.
+            if not any(error.matches(Gio.io_error_quark(), code) for code in
+                       (Gio.IOErrorEnum.CLOSED, Gio.IOErrorEnum.BROKEN_PIPE)):
+                raise
