@@ -14,8 +14,6 @@
 #include "client_policy.h"
 #include "client_text.h"
 
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus, sd_bus_flush_close_unref)
-
 namespace
 {
 

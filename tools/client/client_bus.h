@@ -7,6 +7,8 @@
 
 #include "client_error.h"
 
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus, sd_bus_flush_close_unref)
+
 /* What can be called: an interface of an object of a service. */
 struct ClientInterface {
     const char *service;

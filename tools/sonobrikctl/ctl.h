@@ -5,8 +5,6 @@
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus, sd_bus_flush_close_unref)
-
 /* The exit statuses, as sonobrikctl(1) has them. One that a signal ended has 128 and its number. */
 enum CtlStatus {
     CTL_OK = 0,

@@ -141,10 +141,9 @@ int ctl_add(const CtlCommand *command, char **words)
         ctl_error("names of clips and files have to be UTF-8");
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     if (is_elsewhere) {
         location = ctl_copy_to_clips(path.c_str());

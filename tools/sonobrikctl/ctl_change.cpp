@@ -85,10 +85,9 @@ int ctl_rename(const CtlCommand *command, char **words)
         ctl_error("a name is UTF-8, and has %zu bytes at most", MAX_NAME);
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     int status = CTL_OK;
     g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, &status);
@@ -111,10 +110,9 @@ int ctl_remove(const CtlCommand *command, char **words)
         ctl_error("nobody can be asked here; to remove the clip without a question, give --yes");
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     int status = CTL_OK;
     g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, &status);
@@ -135,10 +133,9 @@ int ctl_sync(const CtlCommand *command, char **words)
     if (!operands) {
         return CTL_USAGE;
     }
-    g_autoptr(GError) open_error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&open_error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(open_error);
+        return CTL_AWAY;
     }
     GError *error = nullptr;
     sd_bus_message *message = client_bus_new_call(bus, &CLIENT_LEGACY, "Sync", &error, nullptr);

@@ -51,10 +51,9 @@ int ctl_check(const CtlCommand *command, char **words)
     if (!operands) {
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     int worst = CTL_OK;
     for (char **file = operands; *file; file++) {

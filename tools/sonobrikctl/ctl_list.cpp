@@ -189,10 +189,9 @@ int ctl_list(const CtlCommand *command, char **words)
         ctl_error("give --json or --names, not both");
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     int status = CTL_OK;
     g_autoptr(GPtrArray) clips = ctl_clips_list(bus, !names_only, &status);
@@ -220,10 +219,9 @@ int ctl_outputs(const CtlCommand *command, char **words)
     if (!operands) {
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     const CtlCall call = {
         .bus = bus,
@@ -231,6 +229,7 @@ int ctl_outputs(const CtlCommand *command, char **words)
         .method = "GetManagedObjects",
         .path = nullptr,
     };
+    g_autoptr(GError) error = nullptr;
     if (!wake_daemon(bus, &error)) {
         return ctl_explain(&call, error);
     }

@@ -226,10 +226,9 @@ int ctl_monitor(const CtlCommand *command, char **words)
     if (!operands) {
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     Monitor monitor = {.event = nullptr, .as_json = as_json != FALSE};
     if (sd_event_new(&monitor.event) < 0) {

@@ -246,10 +246,9 @@ int ctl_play(const CtlCommand *command, char **words)
     if (!operands || !read_numbers(options, &play)) {
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     Target target = {.location = "", .label = "", .number = -1, .length_ms = -1};
     const bool with_length = options.is_waiting && ctl_wait_shows_progress();
@@ -266,12 +265,12 @@ int ctl_stop(const CtlCommand *command, char **words)
     if (!operands) {
         return CTL_USAGE;
     }
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = ctl_bus_open();
     if (!bus) {
-        return ctl_explain_bus(error);
+        return CTL_AWAY;
     }
     const CtlCall call = ctl_wait_stop_call(bus);
+    g_autoptr(GError) error = nullptr;
     sd_bus_message *message =
         client_bus_new_call(bus, call.interface, call.method, &error, "s", "");
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, message, &error);

@@ -123,3 +123,13 @@ int ctl_explain_bus(const GError *error)
     ctl_error("is it running? See: systemctl status dbus");
     return CTL_AWAY;
 }
+
+sd_bus *ctl_bus_open()
+{
+    g_autoptr(GError) error = nullptr;
+    sd_bus *bus = client_bus_open(&error);
+    if (!bus) {
+        ctl_explain_bus(error);
+    }
+    return bus;
+}

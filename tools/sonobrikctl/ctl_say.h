@@ -23,3 +23,9 @@ int ctl_explain(const CtlCall *call, const GError *error);
 
 /* Explains and returns the exit status for a connection that could not be made. */
 int ctl_explain_bus(const GError *error);
+
+/*
+ * Returns a connection to the system bus, to be ended with sd_bus_flush_close_unref(), or null
+ * after saying why; the command then ends with CTL_AWAY.
+ */
+sd_bus *ctl_bus_open(void);
