@@ -154,6 +154,8 @@ def make_machines(step):
         machine.mkdir()
         step.run(["tar", "-C", machine, "-xf", BASE])
         shutil.copy("/etc/resolv.conf", machine / "etc/resolv.conf")
+        # Which an installer would have written.
+        (machine / "etc/hosts").write_text("127.0.0.1 localhost\n::1 localhost\n")
     step.run(["git", "clone", "--quiet", "--no-hardlinks", ROOT, f"{BUILDER}{TREE}"])
 
 

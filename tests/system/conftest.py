@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import signal
 import sys
 
 import pytest
@@ -19,6 +20,8 @@ def pytest_addoption(parser):
 
 
 def pytest_configure(config):
+    # A shell that runs the tests in the background has this ignored, and so would what they start.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     config.addinivalue_line("markers", "needs_root: runs programs as several users")
     config.addinivalue_line("markers", "alone: hears what a busy machine spoils, so nothing else is "
                                        "run beside it")
