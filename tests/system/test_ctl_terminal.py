@@ -47,9 +47,11 @@ def test_the_bar_keeps_to_its_line(shell, door, columns):
 
 @pytest.mark.parametrize("words", [["/etc/audioclips/door.wav"], ["door", "--repeat", "forever"]])
 def test_without_a_known_length_the_time_runs_and_ctrl_c_stops(shell, sandbox, player, door, words):
-    output, status = shell.on_terminal("play", "--wait", *words, steps=[("0:00.3", INTERRUPT)])
+    # Which tenths are shown depends on how busy the machine is; the second time is another one.
+    output, status = shell.on_terminal("play", "--wait", *words,
+                                       steps=[("0:0", ""), ("0:0", INTERRUPT)])
     assert status == 130
-    assert re.match(r"\r0:00\.\d  (/etc/audioclips/door.wav|door)\x1b\[K\r", output)
+    assert re.match(r"\r0:\d\d\.\d  (/etc/audioclips/door.wav|door)\x1b\[K\r0:", output)
     assert "[" not in output.replace("\x1b[K", "")
     player.fence()
     assert ("Playing", 1, 0, 0, False) in player.events
