@@ -14,12 +14,10 @@
 
 #include "platform_error.h"
 
-#ifndef VESK_ACCESS_FILE
-#define VESK_ACCESS_FILE "/etc/vesk/access.conf"
-#endif
-
 namespace
 {
+
+const char *access_file = "/etc/vesk/access.conf";
 
 constexpr const char *USERS_KEY = "users";
 constexpr const char *GROUPS_KEY = "groups";
@@ -61,7 +59,7 @@ gint64 in_nsec(const struct timespec &time)
 Stamps take_stamps()
 {
     struct stat st = {};
-    if (stat(VESK_ACCESS_FILE, &st) < 0) {
+    if (stat(access_file, &st) < 0) {
         return {.fault = errno};
     }
     return {
@@ -81,7 +79,7 @@ bool is_absent(const Stamps &stamps)
 
 bool set_file_error(GError **error, int fault, const char *reason)
 {
-    g_set_error(error, PLATFORM_ERROR, fault, "%s: %s", VESK_ACCESS_FILE, reason);
+    g_set_error(error, PLATFORM_ERROR, fault, "%s: %s", access_file, reason);
     return false;
 }
 
@@ -117,7 +115,7 @@ bool read_text(int fd, std::string *text, GError **error)
 
 bool read_file(std::string *text, GError **error)
 {
-    const int fd = open(VESK_ACCESS_FILE, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const int fd = open(access_file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         return set_file_error(error, errno, g_strerror(errno));
     }
@@ -170,7 +168,7 @@ bool load(const Stamps &stamps, GError **error)
         g_key_file_unref(g_steal_pointer(&policy.groups));
     }
     if (is_absent(stamps)) {
-        policy.why_none = "there is no " VESK_ACCESS_FILE;
+        policy.why_none = std::string("there is no ") + access_file;
         return true;
     }
 
@@ -180,7 +178,7 @@ bool load(const Stamps &stamps, GError **error)
         policy.groups = parse(text, &fault);
     }
     if (!policy.groups) {
-        policy.why_none = VESK_ACCESS_FILE " cannot be used";
+        policy.why_none = std::string(access_file) + " cannot be used";
         g_propagate_error(error, g_steal_pointer(&fault));
         return false;
     }
@@ -252,8 +250,8 @@ void log_unknown_once(const char *group, const char *key, const char *name)
         return;
     }
     policy.unknown.push_back(entry);
-    g_warning("%s%s: '%s' in %s of [%s] is not known here and is skipped", "", VESK_ACCESS_FILE,
-              name, key, group);
+    g_warning("%s%s: '%s' in %s of [%s] is not known here and is skipped", "", access_file, name,
+              key, group);
 }
 
 /*
@@ -309,7 +307,7 @@ bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const cha
     if (!group) {
         g_set_error(error, PLATFORM_ERROR, EACCES,
                     "uid %u may not perform %s: no group of %s covers it", uid, action,
-                    VESK_ACCESS_FILE);
+                    access_file);
         return false;
     }
     if (lists_one(group, USERS_KEY, {&uid, 1}) || lists_one(group, GROUPS_KEY, gids)) {
@@ -317,6 +315,11 @@ bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const cha
     }
     g_set_error(error, PLATFORM_ERROR, EACCES,
                 "uid %u may not perform %s: [%s] of %s lists neither it nor a group of it", uid,
-                action, group, VESK_ACCESS_FILE);
+                action, group, access_file);
     return false;
+}
+
+void access_policy_file_set_path(const char *path)
+{
+    access_file = path;
 }

@@ -26,3 +26,6 @@ bool access_policy_file_load(GError **error);
  */
 bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const char *action,
                                GError **error);
+
+/* For the unit tests and the fuzzers only: reads the policy from `path`, which is borrowed. */
+void access_policy_file_set_path(const char *path);

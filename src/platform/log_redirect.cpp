@@ -13,10 +13,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-/* Unit tests bring their own. */
-#ifndef VESK_LOG_SOCKET
-#define VESK_LOG_SOCKET "/dev/log"
-#endif
+#include "log_redirect_socket.h"
 
 /*
  * A pipe takes a line of this length whole, so that lines of several writers never mix; and system
@@ -46,6 +43,7 @@ static constexpr std::array<Level, 7> levels = {{
 static constexpr Level other_level = {0, LOG_NOTICE, "notice"};
 
 static const char *log_identity = "";
+static const char *log_socket = "/dev/log";
 
 static const Level &find_level(int glib_level)
 {
@@ -97,7 +95,8 @@ static bool system_log_listens()
     if (fd < 0) {
         return false;
     }
-    const struct sockaddr_un address = {AF_UNIX, VESK_LOG_SOCKET};
+    struct sockaddr_un address = {AF_UNIX, ""};
+    g_strlcpy(address.sun_path, log_socket, sizeof address.sun_path);
     const int result =
         connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
     /* A stream socket listens as well; syslog(3) finds out by itself. */
@@ -180,4 +179,9 @@ void log_redirect_to_syslog(const char *identity, int facility)
     openlog(identity, LOG_PID, facility);
     g_log_set_default_handler(handle_log, nullptr);
     g_log_set_writer_func(write_structured, nullptr, nullptr);
+}
+
+void log_redirect_set_socket(const char *path)
+{
+    log_socket = path;
 }

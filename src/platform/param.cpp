@@ -7,10 +7,9 @@
 #include <string_view>
 #include <unistd.h>
 
-/* Unit tests bring their own. */
-#ifndef VESK_PARAMETERS_FILE
-#define VESK_PARAMETERS_FILE "/etc/vesk/parameters.conf"
-#endif
+#include "param_file.h"
+
+static const char *parameters_file = "/etc/vesk/parameters.conf";
 
 /* Far beyond any real list of parameters; keeps a device node or a mistake from filling memory. */
 static constexpr size_t MAX_FILE_SIZE = 1024 * 1024;
@@ -107,7 +106,7 @@ char *param_get(const char *name, const struct ParamOptions *options, int *error
         return nullptr;
     }
     std::string content;
-    if (const int error = read_file(VESK_PARAMETERS_FILE, &content)) {
+    if (const int error = read_file(parameters_file, &content)) {
         *error_code = error;
         return nullptr;
     }
@@ -117,4 +116,9 @@ char *param_get(const char *name, const struct ParamOptions *options, int *error
         return nullptr;
     }
     return g_strndup(value->data(), value->size());
+}
+
+void param_set_file(const char *path)
+{
+    parameters_file = path;
 }

@@ -5,14 +5,10 @@
 
 #include "platform_error.h"
 
-#ifndef PLATFORM_BUS_TIMEOUT_MS
-#define PLATFORM_BUS_TIMEOUT_MS 5000
-#endif
-
 namespace
 {
 
-constexpr uint64_t TIMEOUT_USEC = PLATFORM_BUS_TIMEOUT_MS * UINT64_C(1000);
+uint64_t timeout_usec = UINT64_C(5000) * 1000;
 
 /* A peer that floods the connection gets no more than this many messages served per turn of the
  * loop, so that the loop's other sources go on. */
@@ -133,7 +129,7 @@ GSource *bus_source_new(sd_bus *bus)
  */
 int wait_until_ready(sd_bus *bus)
 {
-    const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(TIMEOUT_USEC);
+    const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(timeout_usec);
     int r = 0;
     while ((r = sd_bus_is_ready(bus)) == 0) {
         r = sd_bus_process(bus, nullptr);
@@ -156,7 +152,7 @@ bool open_shared(GError **error)
         r = wait_until_ready(bus);
     }
     if (r >= 0) {
-        r = sd_bus_set_method_call_timeout(bus, TIMEOUT_USEC);
+        r = sd_bus_set_method_call_timeout(bus, timeout_usec);
     }
     if (r < 0) {
         g_set_error(error, PLATFORM_ERROR, -r, "The system bus cannot be reached: %s",
@@ -203,4 +199,9 @@ void platform_bus_release(sd_bus *bus)
         }
     }
     sd_bus_unref(bus);
+}
+
+void platform_bus_set_timeout(uint64_t usec)
+{
+    timeout_usec = usec;
 }

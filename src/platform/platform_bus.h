@@ -35,3 +35,9 @@ bool platform_bus_is_open(sd_bus *bus);
  * was sent has left the process.
  */
 void platform_bus_release(sd_bus *bus);
+
+/*
+ * For the unit tests only: bounds the opening of a connection, and the calls on connections that
+ * are opened later, by `usec` microseconds.
+ */
+void platform_bus_set_timeout(uint64_t usec);

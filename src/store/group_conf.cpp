@@ -1,13 +1,11 @@
 #include "sonobrik_group_conf.h"
 
+#include <string>
+
 #include "file_utils.h"
+#include "group_conf_directory.h"
 #include "parameter.h"
 #include "platform/util.h"
-
-/* Unit tests bring their own. */
-#ifndef SONOBRIK_GROUP_DIRECTORY
-#define SONOBRIK_GROUP_DIRECTORY "/etc/dynamic/sonobrik/clip_data"
-#endif
 
 namespace
 {
@@ -15,6 +13,8 @@ namespace
 constexpr const char *MAX_GROUPS_PARAMETER = "root.SonoBrik.MaxGroups";
 
 constexpr gint32 NOT_KNOWN = -1;
+
+const char *group_directory = SONOBRIK_GROUP_DIRECTORY;
 
 /*
  * The highest valid index. A parameter of 0 makes it -1 as well; the parameter is then read at each
@@ -59,13 +59,14 @@ char *sonobrik_group_conf_get_file_path(gint32 index)
         g_warning("%s%s invalid index '%d'", "", "sonobrik_group_conf_get_file_path", index);
         return nullptr;
     }
-    return g_strdup_printf("%s/M%d.json", SONOBRIK_GROUP_DIRECTORY, index);
+    return g_strdup_printf("%s/M%d.json", group_directory, index);
 }
 
 gint32 sonobrik_group_conf_get_param_index(const char *path)
 {
     gint32 index = -1;
-    g_autofree char *text = util_str_extract(path, SONOBRIK_GROUP_DIRECTORY "/M", ".json");
+    const std::string prefix = std::string(group_directory) + "/M";
+    g_autofree char *text = util_str_extract(path, prefix.c_str(), ".json");
     if (!util_str_to_int(text, &index)) {
         g_warning("%sCould not obtain parameter index from '%s'", "", text);
     }
@@ -74,10 +75,17 @@ gint32 sonobrik_group_conf_get_param_index(const char *path)
 
 GSList *sonobrik_group_conf_get_param_file_list()
 {
-    return file_utils_get_files_from_wildcard(SONOBRIK_GROUP_DIRECTORY "/M*.json");
+    const std::string pattern = std::string(group_directory) + "/M*.json";
+    return file_utils_get_files_from_wildcard(pattern.c_str());
 }
 
 void sonobrik_group_conf_free_param_file_list(GSList **list)
 {
     file_utils_free_list(list);
+}
+
+void sonobrik_group_conf_start_over(const char *directory)
+{
+    group_directory = directory;
+    max_group_index = NOT_KNOWN;
 }

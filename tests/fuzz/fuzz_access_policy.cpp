@@ -1,6 +1,7 @@
 /* /etc/vesk/access.conf, which an administrator writes. */
 
 #include <glib.h>
+#include <string>
 #include <string_view>
 
 #include "access_policy_file.h"
@@ -10,15 +11,18 @@
 static constexpr uid_t STRANGER = 4000000001;
 static constexpr std::string_view STRANGER_TEXT = "4000000001";
 
+static std::string file;
+
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    fuzz_input_setup();
+    file = fuzz_input_setup("access_policy") + "/access.conf";
+    access_policy_file_set_path(file.c_str());
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fuzz_input_write(VESK_ACCESS_FILE, data, size);
+    fuzz_input_write(file, data, size);
     g_autoptr(GError) fault = nullptr;
     const bool loaded = access_policy_file_load(&fault);
     g_assert(loaded == !fault);

@@ -4,17 +4,19 @@
 #include <glib.h>
 #include <glib/gstdio.h>
 
-void fuzz_input_setup()
+std::string fuzz_input_setup(const char *name)
 {
     g_log_set_default_handler([](const char *, GLogLevelFlags, const char *, gpointer) {}, nullptr);
-    g_assert(g_mkdir_with_parents(FUZZ_FOLDER, 0755) == 0);
+    const std::string folder = std::string(FUZZ_FOLDER "/") + name;
+    g_assert(g_mkdir_with_parents(folder.c_str(), 0755) == 0);
+    return folder;
 }
 
-void fuzz_input_write(const char *path, const uint8_t *data, size_t size)
+void fuzz_input_write(const std::string &path, const uint8_t *data, size_t size)
 {
     /* A file that is cut and written anew goes to the disk at once; a new one has time. */
-    g_unlink(path);
-    FILE *file = fopen(path, "wb");
+    g_unlink(path.c_str());
+    FILE *file = fopen(path.c_str(), "wb");
     g_assert(file);
     g_assert(fwrite(data, 1, size, file) == size);
     g_assert(fclose(file) == 0);

@@ -4,12 +4,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 /*
- * Called once, before the first input: makes the fuzzer's folder FUZZ_FOLDER, in which its files
- * are written and stay, and silences the log, which would be all that the run does.
+ * Called once, before the first input: makes the folder of the fuzzer `name`, in which its files
+ * are written and stay, and silences the log, which would be all that the run does. Returns the
+ * folder's path.
  */
-void fuzz_input_setup();
+std::string fuzz_input_setup(const char *name);
 
 /* Makes the file `path` hold the input. */
-void fuzz_input_write(const char *path, const uint8_t *data, size_t size);
+void fuzz_input_write(const std::string &path, const uint8_t *data, size_t size);

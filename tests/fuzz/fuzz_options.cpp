@@ -24,7 +24,7 @@ void audio_devices_free(AudioDevice **) {}
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    fuzz_input_setup();
+    fuzz_input_setup("options");
     return 0;
 }
 

@@ -3,20 +3,25 @@
 #include <cerrno>
 #include <cstring>
 #include <glib.h>
+#include <string>
 #include <string_view>
 
 #include "fuzz_input.h"
+#include "param_file.h"
 #include "platform/param.h"
+
+static std::string file;
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    fuzz_input_setup();
+    file = fuzz_input_setup("parameters") + "/parameters.conf";
+    param_set_file(file.c_str());
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fuzz_input_write(VESK_PARAMETERS_FILE, data, size);
+    fuzz_input_write(file, data, size);
     ParamOptions options;
     param_reset_options(&options);
     int error = 0;

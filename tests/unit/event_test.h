@@ -4,7 +4,9 @@
 
 #include <vector>
 
+#include "impatient.h"
 #include "platform/event_service.h"
+#include "platform_bus.h"
 #include "private_bus.h"
 
 inline constexpr const char *SERVICE = "com.vesk.Events1.SonoBrikEvents";
@@ -49,6 +51,11 @@ inline bool set_not_playing(Event *event, void *)
 class EventService : public BusTest
 {
   protected:
+    EventService()
+    {
+        platform_bus_set_timeout(IMPATIENT_USEC);
+    }
+
     void SetUp() override
     {
         producer = event_service_open("SonoBrikEvents");

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The device's parameters and the platform's utilities, as a test wants them. */
+/* The device's parameters and the platform's write of a file, as a test wants them. */
 
 #include <optional>
 #include <string>

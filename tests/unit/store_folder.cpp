@@ -8,25 +8,26 @@
 #include <sys/fsuid.h>
 #include <unistd.h>
 
-/* Built in here, so that each test can begin as the daemon does: the bound is kept for good. */
-#include "../../src/store/group_conf.cpp" /* NOLINT(bugprone-suspicious-include) */
+#include "group_conf_directory.h"
 
 namespace
 {
 
+constexpr const char *DIRECTORY = "clip_data";
+
 std::string path_of(const std::string &name)
 {
-    return std::string(SONOBRIK_GROUP_DIRECTORY) + "/" + name;
+    return std::string(DIRECTORY) + "/" + name;
 }
 
 } // namespace
 
 StoreFolder::StoreFolder()
 {
-    max_group_index = NOT_KNOWN;
+    sonobrik_group_conf_start_over(DIRECTORY);
     fake_platform = {};
     fake_platform.parameter = "10";
-    std::filesystem::create_directory(SONOBRIK_GROUP_DIRECTORY);
+    std::filesystem::create_directory(DIRECTORY);
 }
 
 void StoreFolder::write(const std::string &name, const std::string &text)
@@ -43,7 +44,7 @@ std::string StoreFolder::read(const std::string &name)
 std::vector<std::string> StoreFolder::names()
 {
     std::vector<std::string> found;
-    DIR *folder = opendir(SONOBRIK_GROUP_DIRECTORY);
+    DIR *folder = opendir(DIRECTORY);
     while (const dirent *entry = readdir(folder)) {
         if (entry->d_name[0] == 'M') {
             found.emplace_back(entry->d_name);

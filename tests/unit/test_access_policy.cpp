@@ -4,6 +4,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "access_policy_file.h"
+#include "impatient.h"
+#include "platform_bus.h"
 #include "private_bus.h"
 #include "temp_dir.h"
 
@@ -18,6 +21,12 @@ constexpr const char *LOST_LINE =
 class AccessPolicy : public BusTest
 {
   protected:
+    AccessPolicy()
+    {
+        access_policy_file_set_path("access.conf");
+        platform_bus_set_timeout(IMPATIENT_USEC);
+    }
+
     /* The service keeps its connection: the next test's bus finds it lost. */
     ~AccessPolicy() override
     {

@@ -21,6 +21,11 @@ constexpr gid_t SINGERS = 4343;
 class AccessPolicyFile : public LogTest
 {
   protected:
+    AccessPolicyFile()
+    {
+        access_policy_file_set_path(FILE_NAME);
+    }
+
     /* The file's text, as the daemon finds it when it starts. */
     static void load(const std::string &text)
     {

@@ -1,8 +1,5 @@
 #include "audio_clip_options.h"
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <dlfcn.h>
 #include <optional>
 #include <set>
@@ -11,7 +8,6 @@
 
 #include "device_utils.h"
 #include "log_test.h"
-#include "platform/util.h"
 
 namespace
 {
@@ -41,20 +37,12 @@ gint32 device_utils_find_suitable_id()
     return fake.suitable_id;
 }
 
-int util_str_to_int(const char *text, int32_t *value)
+extern "C" int __real_util_str_to_int(const char *text, int32_t *value);
+
+extern "C" int __wrap_util_str_to_int(const char *text, int32_t *value)
 {
     fake.numbers_read.emplace_back(text);
-    const char *digits = text + (*text == '+' || *text == '-');
-    if (*digits == '\0' || digits[strspn(digits, "0123456789")] != '\0') {
-        return 0;
-    }
-    errno = 0;
-    const long number = strtol(text, nullptr, 10);
-    if (errno != 0 || number < G_MININT32 || number > G_MAXINT32) {
-        return 0;
-    }
-    *value = static_cast<int32_t>(number);
-    return 1;
+    return __real_util_str_to_int(text, value);
 }
 
 /* Stands before GLib's own: each byte has a meaning in ISO-8859-1, so only memory makes it fail. */

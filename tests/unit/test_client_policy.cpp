@@ -8,6 +8,11 @@ namespace
 class ClientPolicy : public ::testing::Test
 {
   protected:
+    ClientPolicy()
+    {
+        client_policy_set_file("access.conf");
+    }
+
     /* Who may call PlayClip by a file of this text. */
     static std::string describe(const std::string &text)
     {

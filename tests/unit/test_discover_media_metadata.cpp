@@ -5,7 +5,7 @@
 #include <string>
 
 #include "autoptr.h"
-#include "discover_media.h"
+#include "fake_discover_media.h"
 #include "file_utils.h"
 #include "log_test.h"
 
@@ -27,9 +27,7 @@ struct Fake {
 
 Fake fake;
 
-} // namespace
-
-bool discover_media(const char *path, json_t *media_info)
+bool describe(const char *path, json_t *media_info)
 {
     fake.discoveries++;
     fake.path = path;
@@ -43,6 +41,8 @@ bool discover_media(const char *path, json_t *media_info)
     json_object_update(media_info, given);
     return true;
 }
+
+} // namespace
 
 gint32 file_utils_get_file_size_kb(const char *path)
 {
@@ -69,6 +69,7 @@ class DiscoverMediaMetadata : public LogTest
     DiscoverMediaMetadata()
     {
         fake = Fake();
+        fake_discover_media = describe;
     }
 
     void TearDown() override

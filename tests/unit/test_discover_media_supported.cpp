@@ -4,7 +4,7 @@
 #include <string>
 
 #include "autoptr.h"
-#include "discover_media.h"
+#include "fake_discover_media.h"
 #include "log_test.h"
 
 namespace
@@ -19,9 +19,7 @@ struct Fake {
 
 Fake fake;
 
-} // namespace
-
-bool discover_media(const char *path, json_t *media_info)
+bool describe(const char *path, json_t *media_info)
 {
     fake.calls++;
     fake.path = path ? path : "(null)";
@@ -36,9 +34,6 @@ bool discover_media(const char *path, json_t *media_info)
     json_object_update(media_info, given);
     return true;
 }
-
-namespace
-{
 
 const std::string UNSUPPORTED = "'/clips/a.wav' is not supported on this device.";
 const std::string UNDETERMINED = "Could not determine the media format of file: '/clips/a.wav'";
@@ -56,6 +51,7 @@ class DiscoverMediaSupported : public LogTest
     DiscoverMediaSupported()
     {
         fake = Fake();
+        fake_discover_media = describe;
     }
 
     /* "" if the file is supported, else the message. */

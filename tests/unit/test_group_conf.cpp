@@ -1,14 +1,11 @@
-/*
- * Built in here, so that each test can begin as the daemon does: the bound is kept for good. The
- * folder is the daemon's own, of which nothing is touched.
- */
-#undef SONOBRIK_GROUP_DIRECTORY
-#include "../../src/store/group_conf.cpp" /* NOLINT(bugprone-suspicious-include) */
+#include "sonobrik_group_conf.h"
 
 #include <string>
 #include <vector>
 
 #include "fake_platform.h"
+#include "file_utils.h"
+#include "group_conf_directory.h"
 #include "log_test.h"
 
 namespace
@@ -28,12 +25,18 @@ class GroupConf : public LogTest
   protected:
     GroupConf()
     {
-        max_group_index = NOT_KNOWN;
+        start_over();
         fake_platform = {};
         fake_platform.parameter = "20";
         listed_pattern.clear();
         listed = nullptr;
         freed = nullptr;
+    }
+
+    /* The folder is the daemon's, in which nothing is touched. */
+    static void start_over()
+    {
+        sonobrik_group_conf_start_over(SONOBRIK_GROUP_DIRECTORY);
     }
 
     /* The highest valid index; -100 when it is not known. */
@@ -157,7 +160,7 @@ TEST_F(GroupConf, ParameterZeroIsReadAgainAtEachCall)
 TEST_F(GroupConf, NoIndexIsValidBelowANegativeParameter)
 {
     for (const char *text : {"-1", "-5", "-2147483648"}) {
-        max_group_index = NOT_KNOWN;
+        start_over();
         fake_platform.parameter = text;
         EXPECT_FALSE(sonobrik_group_conf_valid_group_index(0)) << text;
         EXPECT_FALSE(sonobrik_group_conf_valid_group_index(-1)) << text;

@@ -20,6 +20,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "log_redirect_socket.h"
 #include "temp_dir.h"
 
 using Lines = std::vector<std::string>;
@@ -91,6 +92,7 @@ class LogRedirect : public ::testing::Test
   protected:
     LogRedirect()
     {
+        log_redirect_set_socket("log");
         unsetenv("G_MESSAGES_DEBUG");
         unsetenv("G_DEBUG");
     }
@@ -106,7 +108,7 @@ class LogRedirect : public ::testing::Test
     void listen_to_system_log(int type = SOCK_DGRAM)
     {
         listener = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-        const sockaddr_un address = {AF_UNIX, VESK_LOG_SOCKET};
+        const sockaddr_un address = {AF_UNIX, "log"};
         ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
         if (type == SOCK_STREAM) {
             ASSERT_EQ(listen(listener, 1), 0);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include "log_test.h"
+#include "param_file.h"
 #include "temp_dir.h"
 
 using namespace std::string_view_literals;
@@ -12,6 +13,11 @@ using namespace std::string_view_literals;
 class Param : public LogTest
 {
   protected:
+    Param()
+    {
+        param_set_file("parameters.conf");
+    }
+
     /* The value of `name`; an absent one leaves its reason in `error`. */
     std::optional<std::string> get(const char *name)
     {

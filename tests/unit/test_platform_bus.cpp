@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "impatient.h"
 #include "private_bus.h"
 
 namespace
@@ -15,6 +16,11 @@ constexpr const char *LOST_LINE =
 class PlatformBus : public BusTest
 {
   protected:
+    PlatformBus()
+    {
+        platform_bus_set_timeout(IMPATIENT_USEC);
+    }
+
     sd_bus *acquire()
     {
         g_autoptr(GError) error = nullptr;

@@ -16,6 +16,7 @@
 #include "audio_clip.h"
 #include "audioclip_dbus.h"
 #include "platform/log_redirect.h"
+#include "run_tests.h"
 #include "sonobrik_events.h"
 #include "sonobrik_osc.h"
 #include "sonobrik_parameters.h"
@@ -25,7 +26,14 @@
  * error, a log line "[LEVEL: TEXT]"; the sequence is what a test expects.
  */
 
-int sonobrik_main(int argc, char **argv);
+/* The linker's option --wrap=main gives the program's own main() this name. */
+extern "C" int __real_main(int argc, char **argv);
+
+/* Where this program starts. */
+extern "C" int __wrap_main(int argc, char **argv)
+{
+    return run_tests(argc, argv);
+}
 
 struct AudioClip {
 };
@@ -73,7 +81,7 @@ void run()
     char program[] = "sonobrik";
     char option[] = "--gst-version";
     char *argv[] = {program, option, nullptr};
-    sonobrik_main(2, argv);
+    __real_main(2, argv);
     say("returned");
 }
 

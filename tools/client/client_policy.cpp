@@ -3,12 +3,10 @@
 #include <glib.h>
 #include <string>
 
-#ifndef VESK_ACCESS_FILE
-#define VESK_ACCESS_FILE "/etc/vesk/access.conf"
-#endif
-
 namespace
 {
+
+const char *access_file = "/etc/vesk/access.conf";
 
 /* Returns the most specific group of the file for `action`; empty if there is none. */
 std::string find_group(GKeyFile *policy, std::string action)
@@ -33,7 +31,7 @@ std::string list_names(GKeyFile *policy, const std::string &group, const char *k
 char *client_policy_describe(const char *method)
 {
     g_autoptr(GKeyFile) policy = g_key_file_new();
-    if (!g_key_file_load_from_file(policy, VESK_ACCESS_FILE, G_KEY_FILE_NONE, nullptr)) {
+    if (!g_key_file_load_from_file(policy, access_file, G_KEY_FILE_NONE, nullptr)) {
         return nullptr;
     }
     const std::string group = find_group(policy, std::string("com.vesk.Sonobrik.") + method);
@@ -51,4 +49,9 @@ char *client_policy_describe(const char *method)
     const bool several = groups.find(',') != std::string::npos;
     return g_strdup_printf("%s%smembers of the group%s %s", users.c_str(),
                            users.empty() ? "" : ", and ", several ? "s" : "", groups.c_str());
+}
+
+void client_policy_set_file(const char *path)
+{
+    access_file = path;
 }

@@ -8,3 +8,6 @@
  * nobody. A hint for people: the daemon decides.
  */
 char *client_policy_describe(const char *method);
+
+/* For the unit tests only: reads the policy from `path`, which is borrowed. */
+void client_policy_set_file(const char *path);
