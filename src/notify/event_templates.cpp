@@ -5,7 +5,7 @@
 namespace
 {
 
-/* Where the initial value of a key comes from. */
+/* The source of a key's initial value. */
 enum class Initial {
     NONE,
     TEXT,
@@ -17,55 +17,79 @@ enum class Initial {
 struct Key {
     const char *name;
     EventValueType type;
-    Initial initial;
-    const char *text; /* of Initial::TEXT */
-    const char *name_space;
-    const char *nice_name;
-    const char *value_nice_name;
-    const char *tag;
+    Initial initial = Initial::NONE;
+    const char *text = nullptr; /* the initial value, for Initial::TEXT */
+    const char *name_space = nullptr;
+    const char *nice_name = nullptr;
+    const char *value_nice_name = nullptr;
+    const char *tag = nullptr;
 };
 
 constexpr Key playing_keys[] = {
-    {"topic0", EVENT_VALUE_STRING, Initial::TEXT, "SonoBrik", "tnsvesk", nullptr, "Sono Brik",
-     nullptr},
-    {"topic1", EVENT_VALUE_STRING, Initial::TEXT, "Playing", "tnsvesk", nullptr, "Playing",
-     nullptr},
-    {"AudioOutput", EVENT_VALUE_INT, Initial::AUDIO_OUTPUT, nullptr, nullptr, "Audio Output",
-     nullptr, "onvif-source"},
-    {"AudioDeviceId", EVENT_VALUE_INT, Initial::AUDIO_DEVICE_ID, nullptr, nullptr,
-     "Audio Device Id", nullptr, nullptr},
-    {"AudioOutputId", EVENT_VALUE_INT, Initial::AUDIO_OUTPUT_ID, nullptr, nullptr,
-     "Audio Output Id", nullptr, nullptr},
-    {"Playing", EVENT_VALUE_BOOL, Initial::NONE, nullptr, nullptr, "Playing Status", nullptr,
-     "onvif-data"},
+    {.name = "topic0",
+     .type = EVENT_VALUE_STRING,
+     .initial = Initial::TEXT,
+     .text = "SonoBrik",
+     .name_space = "tnsvesk",
+     .value_nice_name = "Sono Brik"},
+    {.name = "topic1",
+     .type = EVENT_VALUE_STRING,
+     .initial = Initial::TEXT,
+     .text = "Playing",
+     .name_space = "tnsvesk",
+     .value_nice_name = "Playing"},
+    {.name = "AudioOutput",
+     .type = EVENT_VALUE_INT,
+     .initial = Initial::AUDIO_OUTPUT,
+     .nice_name = "Audio Output",
+     .tag = "onvif-source"},
+    {.name = "AudioDeviceId",
+     .type = EVENT_VALUE_INT,
+     .initial = Initial::AUDIO_DEVICE_ID,
+     .nice_name = "Audio Device Id"},
+    {.name = "AudioOutputId",
+     .type = EVENT_VALUE_INT,
+     .initial = Initial::AUDIO_OUTPUT_ID,
+     .nice_name = "Audio Output Id"},
+    {.name = "Playing",
+     .type = EVENT_VALUE_BOOL,
+     .nice_name = "Playing Status",
+     .tag = "onvif-data"},
 };
 
 constexpr Key currently_playing_keys[] = {
-    {"topic0", EVENT_VALUE_STRING, Initial::TEXT, "SonoBrik", "tnsvesk", nullptr, "Sono Brik",
-     nullptr},
-    {"topic1", EVENT_VALUE_STRING, Initial::TEXT, "CurrentlyPlaying", "tnsvesk", nullptr,
-     "Currently Playing Sono Brik", nullptr},
-    {"AudioOutput", EVENT_VALUE_INT, Initial::AUDIO_OUTPUT, nullptr, nullptr, "Audio Output",
-     nullptr, "onvif-source"},
-    {"AudioDeviceId", EVENT_VALUE_INT, Initial::AUDIO_DEVICE_ID, nullptr, nullptr,
-     "Audio Device Id", nullptr, nullptr},
-    {"AudioOutputId", EVENT_VALUE_INT, Initial::AUDIO_OUTPUT_ID, nullptr, nullptr,
-     "Audio Output Id", nullptr, nullptr},
-    {"FileName", EVENT_VALUE_STRING, Initial::NONE, nullptr, nullptr, "File Name", nullptr,
-     "onvif-data"},
-};
-
-/* The output that a template is built for. */
-struct Output {
-    gint32 audio_output;
-    gint32 audio_device_id;
-    gint32 audio_output_id;
+    {.name = "topic0",
+     .type = EVENT_VALUE_STRING,
+     .initial = Initial::TEXT,
+     .text = "SonoBrik",
+     .name_space = "tnsvesk",
+     .value_nice_name = "Sono Brik"},
+    {.name = "topic1",
+     .type = EVENT_VALUE_STRING,
+     .initial = Initial::TEXT,
+     .text = "CurrentlyPlaying",
+     .name_space = "tnsvesk",
+     .value_nice_name = "Currently Playing Sono Brik"},
+    {.name = "AudioOutput",
+     .type = EVENT_VALUE_INT,
+     .initial = Initial::AUDIO_OUTPUT,
+     .nice_name = "Audio Output",
+     .tag = "onvif-source"},
+    {.name = "AudioDeviceId",
+     .type = EVENT_VALUE_INT,
+     .initial = Initial::AUDIO_DEVICE_ID,
+     .nice_name = "Audio Device Id"},
+    {.name = "AudioOutputId",
+     .type = EVENT_VALUE_INT,
+     .initial = Initial::AUDIO_OUTPUT_ID,
+     .nice_name = "Audio Output Id"},
+    {.name = "FileName", .type = EVENT_VALUE_STRING, .nice_name = "File Name", .tag = "onvif-data"},
 };
 
 /*
- * Performs one step of building a template. A step that fails is performed once more, and what it
- * yields then is logged; a template with a failed step is given up either way. The second try is
- * meant.
+ * Performs one step of building a template. If the step fails, performs it a second time, logs that
+ * result, which is normally 0 again, and returns false; the template is discarded whatever the
+ * second result was.
  */
 template <typename Step> bool perform(Step step)
 {
@@ -77,7 +101,7 @@ template <typename Step> bool perform(Step step)
     return false;
 }
 
-bool add_key(EventTemplate *event_template, const Key &key, const Output &output)
+bool add_key(EventTemplate *event_template, const Key &key, const AudioOutput &output)
 {
     const auto listed_output = static_cast<int>(static_cast<guint32>(output.audio_output) + 1);
     switch (key.initial) {
@@ -97,8 +121,8 @@ bool add_key(EventTemplate *event_template, const Key &key, const Output &output
     return event_template_add_key(event_template, key.name, key.type);
 }
 
-/* Adds the key with its name space, its names for people and its tag, as far as it has them. */
-bool build_key(EventTemplate *event_template, const Key &key, const Output &output)
+/* Adds the key with the name space, nice names and tag that its row has. */
+bool build_key(EventTemplate *event_template, const Key &key, const AudioOutput &output)
 {
     if (!perform([&] { return add_key(event_template, key, output); })) {
         return false;
@@ -118,7 +142,7 @@ bool build_key(EventTemplate *event_template, const Key &key, const Output &outp
            perform([&] { return event_template_add_tag(event_template, key.name, key.tag); });
 }
 
-EventTemplate *build_template(std::span<const Key> keys, const Output &output)
+EventTemplate *build_template(std::span<const Key> keys, const AudioOutput &output)
 {
     g_autoptr(EventTemplate) event_template = nullptr;
     if (!perform([&] { return (event_template = event_template_new()) != nullptr; })) {
@@ -140,11 +164,9 @@ bool reset_playing_state(Event *event, void *)
 
 } // namespace
 
-EventTemplate *event_templates_new_playing(gint32 audio_output, gint32 audio_device_id,
-                                           gint32 audio_output_id)
+EventTemplate *event_templates_new_playing(const AudioOutput &output)
 {
-    g_autoptr(EventTemplate) event_template =
-        build_template(playing_keys, {audio_output, audio_device_id, audio_output_id});
+    g_autoptr(EventTemplate) event_template = build_template(playing_keys, output);
     if (!event_template || !perform([&] {
             return event_template_set_state_key(event_template, "Playing", reset_playing_state,
                                                 nullptr);
@@ -154,8 +176,7 @@ EventTemplate *event_templates_new_playing(gint32 audio_output, gint32 audio_dev
     return g_steal_pointer(&event_template);
 }
 
-EventTemplate *event_templates_new_currently_playing(gint32 audio_output, gint32 audio_device_id,
-                                                     gint32 audio_output_id)
+EventTemplate *event_templates_new_currently_playing(const AudioOutput &output)
 {
-    return build_template(currently_playing_keys, {audio_output, audio_device_id, audio_output_id});
+    return build_template(currently_playing_keys, output);
 }

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "audio_output.h"
 #include "device_utils.h"
 #include "event_templates.h"
 #include "log_level.h"
@@ -15,7 +16,7 @@ constexpr gint32 NO_ID = -1;
 constexpr size_t OUTPUT_COUNT = DEVICE_UTILS_MAX_ID + 1;
 constexpr guint MAX_RETRIES = 5;
 
-/* The two kinds of event, as the keys of `event_ids_by_device` number them. */
+/* The numbers of the two kinds of event in the keys of `event_ids_by_device`. */
 enum EventKind { CURRENTLY_PLAYING_EVENT = 0, PLAYING_EVENT = 1 };
 
 /* Ids of declared events by audio output number; 0 where there is none. */
@@ -26,7 +27,7 @@ struct sonobrik_events_state {
     EventIds file_name_event_ids;
     EventIds playing_event_ids;
     GHashTable *event_ids_by_device; /* owned; "kind:device:output" to event id */
-    bool declared;                   /* the event system has taken a CurrentlyPlaying declaration */
+    bool declared; /* the event system has acknowledged a CurrentlyPlaying event */
 };
 
 sonobrik_events_state state;
@@ -34,9 +35,7 @@ sonobrik_events_state state;
 /* A file name on its way to the main loop. */
 struct event_file_request {
     char *file_name; /* owned */
-    gint32 audio_output;
-    guint audio_device_id;
-    guint audio_output_id;
+    AudioOutput output;
     guint retries;
 };
 
@@ -45,51 +44,51 @@ EventIds &event_ids(EventKind kind)
     return kind == PLAYING_EVENT ? state.playing_event_ids : state.file_name_event_ids;
 }
 
-char *device_key(EventKind kind, guint audio_device_id, guint audio_output_id)
+/* Returns the hash key of an output's event, a new string. */
+char *device_key(EventKind kind, const AudioOutput &output)
 {
-    return g_strdup_printf("%d:%u:%u", kind, audio_device_id, audio_output_id);
+    return g_strdup_printf("%d:%u:%u", kind, static_cast<guint>(output.audio_device_id),
+                           static_cast<guint>(output.audio_output_id));
+}
+
+bool has_slot(gint32 audio_output)
+{
+    return audio_output >= 0 && audio_output <= DEVICE_UTILS_MAX_ID;
 }
 
 /*
- * Notes the id of a declared event. An output number beyond those that a request can name has no
- * slot: its events are found by their device alone.
+ * Stores the id of a declared event. An output whose number is above DEVICE_UTILS_MAX_ID has no
+ * slot: no request can name it by number, so its events are found by its device alone.
  */
-void store_event_id(EventKind kind, guint id, gint32 audio_output, gint32 audio_device_id,
-                    gint32 audio_output_id)
+void store_event_id(EventKind kind, guint id, const AudioOutput &output)
 {
-    if (audio_output >= 0 && audio_output <= DEVICE_UTILS_MAX_ID) {
-        event_ids(kind)[audio_output] = id;
+    if (has_slot(output.audio_output)) {
+        event_ids(kind)[output.audio_output] = id;
     }
-    if (audio_device_id != NO_ID && audio_output_id != NO_ID) {
-        g_hash_table_insert(state.event_ids_by_device,
-                            device_key(kind, audio_device_id, audio_output_id),
+    if (output.audio_device_id != NO_ID && output.audio_output_id != NO_ID) {
+        g_hash_table_insert(state.event_ids_by_device, device_key(kind, output),
                             GUINT_TO_POINTER(id));
     }
 }
 
 /* Returns the id of an output's event, or 0. */
-guint find_event_id(EventKind kind, gint32 audio_output, guint audio_device_id,
-                    guint audio_output_id)
+guint find_event_id(EventKind kind, const AudioOutput &output)
 {
-    if (audio_output == NO_ID) {
-        if (!state.event_ids_by_device) {
-            return 0;
-        }
-        g_autofree char *key = device_key(kind, audio_device_id, audio_output_id);
-        return GPOINTER_TO_UINT(g_hash_table_lookup(state.event_ids_by_device, key));
+    if (output.audio_output != NO_ID) {
+        return has_slot(output.audio_output) ? event_ids(kind)[output.audio_output] : 0;
     }
-    if (audio_output < 0 || audio_output > DEVICE_UTILS_MAX_ID) {
+    if (!state.event_ids_by_device) {
         return 0;
     }
-    return event_ids(kind)[audio_output];
+    g_autofree char *key = device_key(kind, output);
+    return GPOINTER_TO_UINT(g_hash_table_lookup(state.event_ids_by_device, key));
 }
 
-void log_event_not_found(const char *operation, gint32 audio_output, gint32 audio_device_id,
-                         gint32 audio_output_id)
+void log_event_not_found(const char *operation, const AudioOutput &output)
 {
     g_warning(
         "%s%s Failed to find event id for audio output %d or audio device id %d and audio output id %d",
-        "", operation, audio_output, audio_device_id, audio_output_id);
+        "", operation, output.audio_output, output.audio_device_id, output.audio_output_id);
 }
 
 void on_currently_playing_declared(guint, void *)
@@ -107,34 +106,31 @@ void on_event_sent(guint id, void *, GError *error)
 
 void declare_playing_event(gint32 audio_output, gint32 audio_device_id, gint32 audio_output_id)
 {
-    g_autoptr(EventTemplate) event_template =
-        event_templates_new_playing(audio_output, audio_device_id, audio_output_id);
+    const AudioOutput output = {audio_output, audio_device_id, audio_output_id};
+    g_autoptr(EventTemplate) event_template = event_templates_new_playing(output);
     if (event_template) {
         const guint id = event_service_declare(state.producer, event_template);
-        store_event_id(PLAYING_EVENT, id, audio_output, audio_device_id, audio_output_id);
+        store_event_id(PLAYING_EVENT, id, output);
     }
 }
 
 void declare_currently_playing_event(gint32 audio_output, gint32 audio_device_id,
                                      gint32 audio_output_id)
 {
-    g_autoptr(EventTemplate) event_template =
-        event_templates_new_currently_playing(audio_output, audio_device_id, audio_output_id);
+    const AudioOutput output = {audio_output, audio_device_id, audio_output_id};
+    g_autoptr(EventTemplate) event_template = event_templates_new_currently_playing(output);
     if (event_template) {
         const guint id = event_service_declare_notify(state.producer, event_template,
                                                       on_currently_playing_declared, nullptr);
-        store_event_id(CURRENTLY_PLAYING_EVENT, id, audio_output, audio_device_id, audio_output_id);
+        store_event_id(CURRENTLY_PLAYING_EVENT, id, output);
     }
 }
 
 void send_file_name(const event_file_request *request)
 {
-    const guint id = find_event_id(CURRENTLY_PLAYING_EVENT, request->audio_output,
-                                   request->audio_device_id, request->audio_output_id);
+    const guint id = find_event_id(CURRENTLY_PLAYING_EVENT, request->output);
     if (id == 0) {
-        log_event_not_found("event_set_file_mainloop", request->audio_output,
-                            static_cast<gint32>(request->audio_device_id),
-                            static_cast<gint32>(request->audio_output_id));
+        log_event_not_found("event_set_file_mainloop", request->output);
         return;
     }
     Event *event = event_service_prepare(state.producer, id);
@@ -151,8 +147,8 @@ void send_file_name(const event_file_request *request)
 }
 
 /*
- * Runs on the main loop, as an idle source that owns the request. A file name that comes before its
- * event is declared waits for a few turns of the loop.
+ * Runs on the main loop as an idle source that owns the request. If no CurrentlyPlaying event has
+ * been acknowledged yet, waits for a few turns of the loop, then drops the request.
  */
 gboolean event_set_file_mainloop(gpointer user_data)
 {
@@ -197,10 +193,10 @@ void sonobrik_events_teardown()
 void sonobrik_events_set_file_state(bool playing, gint32 audio_output, gint32 audio_device_id,
                                     gint32 audio_output_id)
 {
-    const guint id = find_event_id(PLAYING_EVENT, audio_output, audio_device_id, audio_output_id);
+    const AudioOutput output = {audio_output, audio_device_id, audio_output_id};
+    const guint id = find_event_id(PLAYING_EVENT, output);
     if (id == 0) {
-        log_event_not_found("sonobrik_events_set_file_state", audio_output, audio_device_id,
-                            audio_output_id);
+        log_event_not_found("sonobrik_events_set_file_state", output);
         return;
     }
     Event *event = event_service_prepare_async(state.producer, id);
@@ -225,9 +221,7 @@ void sonobrik_events_set_file(const char *file_name, gint32 audio_output, gint32
     }
     auto *request = g_new0(event_file_request, 1);
     request->file_name = g_strdup(file_name);
-    request->audio_output = audio_output;
-    request->audio_device_id = static_cast<guint>(audio_device_id);
-    request->audio_output_id = static_cast<guint>(audio_output_id);
+    request->output = {audio_output, audio_device_id, audio_output_id};
     g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, event_set_file_mainloop, request,
                     event_file_request_free);
 }

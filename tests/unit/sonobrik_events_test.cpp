@@ -83,18 +83,16 @@ bool device_utils_for_each_id(DeviceUtilsCallback callback)
     return false;
 }
 
-EventTemplate *event_templates_new_playing(gint32 audio_output, gint32 audio_device_id,
-                                           gint32 audio_output_id)
+EventTemplate *event_templates_new_playing(const AudioOutput &output)
 {
-    return make_template("Playing", platform.playing_template_fails, audio_output, audio_device_id,
-                         audio_output_id);
+    return make_template("Playing", platform.playing_template_fails, output.audio_output,
+                         output.audio_device_id, output.audio_output_id);
 }
 
-EventTemplate *event_templates_new_currently_playing(gint32 audio_output, gint32 audio_device_id,
-                                                     gint32 audio_output_id)
+EventTemplate *event_templates_new_currently_playing(const AudioOutput &output)
 {
     return make_template("CurrentlyPlaying", platform.currently_playing_template_fails,
-                         audio_output, audio_device_id, audio_output_id);
+                         output.audio_output, output.audio_device_id, output.audio_output_id);
 }
 
 void event_template_free(EventTemplate *event_template)

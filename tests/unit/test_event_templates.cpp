@@ -109,7 +109,7 @@ const Steps currently_playing_steps = {
 /* The failure of one step of building one kind of event. */
 struct Failure {
     const char *kind;
-    EventTemplate *(*make)(gint32, gint32, gint32);
+    EventTemplate *(*make)(const AudioOutput &output);
     const Steps &steps;
     size_t number;
 };
@@ -213,28 +213,28 @@ bool event_value_set(Event *event, const char *key, const void *value)
 
 TEST_F(EventTemplates, BuildsThePlayingEventKeyByKey)
 {
-    g_autoptr(EventTemplate) built = event_templates_new_playing(2, 2, 7);
+    g_autoptr(EventTemplate) built = event_templates_new_playing({2, 2, 7});
     EXPECT_NE(built, nullptr);
     EXPECT_EQ(steps, playing_steps);
 }
 
 TEST_F(EventTemplates, BuildsTheCurrentlyPlayingEventKeyByKey)
 {
-    g_autoptr(EventTemplate) built = event_templates_new_currently_playing(2, 2, 7);
+    g_autoptr(EventTemplate) built = event_templates_new_currently_playing({2, 2, 7});
     EXPECT_NE(built, nullptr);
     EXPECT_EQ(steps, currently_playing_steps);
 }
 
 TEST_F(EventTemplates, CountsOutputsFromOne)
 {
-    g_autoptr(EventTemplate) built = event_templates_new_playing(0, 0, 0);
+    g_autoptr(EventTemplate) built = event_templates_new_playing({0, 0, 0});
     EXPECT_NE(built, nullptr);
     EXPECT_EQ(steps[7], "value AudioOutput 1 1");
 }
 
 TEST_F(EventTemplates, CarriesIdsAsTheyAre)
 {
-    g_autoptr(EventTemplate) built = event_templates_new_currently_playing(0, -1, 12);
+    g_autoptr(EventTemplate) built = event_templates_new_currently_playing({0, -1, 12});
     EXPECT_NE(built, nullptr);
     EXPECT_EQ(steps[10], "value AudioDeviceId 1 -1");
     EXPECT_EQ(steps[12], "value AudioOutputId 1 12");
@@ -242,8 +242,8 @@ TEST_F(EventTemplates, CarriesIdsAsTheyAre)
 
 TEST_F(EventTemplates, LogsNothingWhenAllGoesWell)
 {
-    g_autoptr(EventTemplate) playing = event_templates_new_playing(0, 0, 0);
-    g_autoptr(EventTemplate) currently = event_templates_new_currently_playing(0, 0, 0);
+    g_autoptr(EventTemplate) playing = event_templates_new_playing({0, 0, 0});
+    g_autoptr(EventTemplate) currently = event_templates_new_currently_playing({0, 0, 0});
     EXPECT_NE(playing, nullptr);
     EXPECT_NE(currently, nullptr);
     expect_no_log();
@@ -251,7 +251,7 @@ TEST_F(EventTemplates, LogsNothingWhenAllGoesWell)
 
 TEST_F(EventTemplates, StartsAsNotPlaying)
 {
-    g_autoptr(EventTemplate) built = event_templates_new_playing(0, 0, 0);
+    g_autoptr(EventTemplate) built = event_templates_new_playing({0, 0, 0});
     EXPECT_NE(built, nullptr);
     ASSERT_NE(initialiser, nullptr);
     EXPECT_EQ(initialiser_data, nullptr);
@@ -262,7 +262,7 @@ TEST_F(EventTemplates, StartsAsNotPlaying)
 
 TEST_F(EventTemplates, ReportsAStateThatCannotBeSet)
 {
-    g_autoptr(EventTemplate) built = event_templates_new_playing(0, 0, 0);
+    g_autoptr(EventTemplate) built = event_templates_new_playing({0, 0, 0});
     EXPECT_NE(built, nullptr);
     ASSERT_NE(initialiser, nullptr);
     Event event = {"", false};
@@ -273,7 +273,7 @@ TEST_P(FailingStep, IsPerformedOnceMoreAndEndsTheTemplate)
 {
     const Failure &failure = GetParam();
     failing_steps = {failure.number, failure.number + 1};
-    EXPECT_EQ(failure.make(2, 2, 7), nullptr);
+    EXPECT_EQ(failure.make({2, 2, 7}), nullptr);
     Steps expected(failure.steps.begin(), failure.steps.begin() + failure.number + 1);
     expected.push_back(failure.steps[failure.number]);
     EXPECT_EQ(steps, expected);
@@ -286,7 +286,7 @@ TEST_P(FailingStep, EndsTheTemplateAlsoWhenTheSecondTrySucceeds)
 {
     const Failure &failure = GetParam();
     failing_steps = {failure.number};
-    EXPECT_EQ(failure.make(2, 2, 7), nullptr);
+    EXPECT_EQ(failure.make({2, 2, 7}), nullptr);
     EXPECT_EQ(steps.size(), failure.number + 2);
     expect_log(G_LOG_LEVEL_WARNING, "Internal error when setting up events: NULL/FALSE from\"1\"");
     expect_no_log();
