@@ -1,39 +1,40 @@
 #pragma once
 
 /*
- * The clip records' files: their names, and the numbers that they may have. A record's number is
- * its index; indexes go from 0 up to a bound that a device parameter sets. Called on the main
- * thread.
+ * The files of the clip records: their names and the range of their indexes. The index of a record
+ * is its number, from 0 up to a bound that a device parameter sets. Called on the main thread.
  */
 
 #include <glib.h>
 
 /*
- * Stores the highest valid index in `*max_index`; below zero, no index is valid. Returns false,
- * with a warning, while the parameter cannot be read. Once read it is kept: a later change of the
- * parameter takes effect at the next start of the daemon.
+ * Stores the highest valid index in `*max_index`; if it is negative, no index is valid. Returns
+ * false with a warning if the parameter cannot be read. The value is cached after the first
+ * successful read, so a changed parameter takes effect when the daemon restarts.
  */
 bool sonobrik_group_conf_get_max_group_index(gint32 *max_index);
 
-/* Is `index` from 0 to the highest valid one? False, with a warning, while that is not known. */
+/*
+ * Returns true if `index` is from 0 to the highest valid index; false, with a warning, if that is
+ * unknown.
+ */
 bool sonobrik_group_conf_valid_group_index(gint32 index);
 
 /*
- * Returns the path of the file of the record with this index, whether there is one or not, as a new
- * string to be freed with g_free(); null, with a warning, for an invalid index.
+ * Returns the path of the file of the record with this index, whether it exists or not, as a new
+ * string; free it with g_free(). Returns null with a warning for an invalid index.
  */
 char *sonobrik_group_conf_get_file_path(gint32 index);
 
 /*
- * Returns the index that the path of a record's file holds, or -1 with a warning. The bound is not
- * looked at.
+ * Returns the index in the path of a record's file, or -1 with a warning. The index is not compared
+ * with the bound.
  */
 gint32 sonobrik_group_conf_get_param_index(const char *path);
 
 /*
- * Lists the paths of all record files, in the order in which the directory yields them, which is
- * not that of their indexes. Null if there are none; free it with
- * sonobrik_group_conf_free_param_file_list().
+ * Returns the paths of all record files, in the order of the directory, not of their indexes.
+ * Returns null if there are none; free the list with sonobrik_group_conf_free_param_file_list().
  */
 GSList *sonobrik_group_conf_get_param_file_list();
 

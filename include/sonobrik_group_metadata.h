@@ -1,9 +1,9 @@
 #pragma once
 
 /*
- * What the clip records know of their media files: computed by media discovery when it is first
- * asked for, and kept in the record's file from then on, even if the media file changes. Called on
- * the main thread.
+ * Media metadata of the clip records: media discovery computes it when it is first asked for, and
+ * the record's file keeps it from then on, even if the media file changes. Called on the main
+ * thread.
  */
 
 #include <jansson.h>
@@ -11,28 +11,28 @@
 #include "sonobrik_group.h"
 
 /*
- * Is the record's metadata complete: "mediaTypes" of any kind, and "size" and "duration" as
- * integers? Metadata that is there but wrong is logged.
+ * Returns true if the record's metadata is complete: "mediaTypes" of any JSON type, and "size" and
+ * "duration" as integers. Logs metadata that is present but wrong.
  */
 bool sonobrik_group_metadata_valid(const SonobrikGroup *group);
 
 /*
- * Gives the record new metadata, of which it takes the reference, and saves it. Returns false, with
- * a log line unless an argument is null, when it is not valid or the record cannot be saved; the
- * record in memory keeps it nevertheless.
+ * Replaces the record's metadata, taking the reference to `metadata`, and saves the record. Returns
+ * false if an argument is null, or with a log line if the metadata is not valid or the record
+ * cannot be saved; the record in memory keeps the new metadata in both of the latter cases.
  */
 bool sonobrik_group_set_media_metadata(SonobrikGroup *group, json_t *metadata);
 
 /*
  * Returns a new object with one member, named by the record's index: an object with "name",
- * "fileName", "mediaTypes", "size" (kibibytes) and "duration" (ms). Computes and saves the metadata
- * if the record has none that is valid; may then block for the discoverer's time-out. Null with a
- * log line.
+ * "fileName", "mediaTypes", "size" (KiB) and "duration" (ms). If the record has no valid metadata,
+ * computes and saves it first, which may block for the discoverer's time-out. Returns null with a
+ * log line on failure.
  */
 json_t *sonobrik_group_metadata(SonobrikGroup *group);
 
 /*
- * Returns the objects of all records as the text of a JSON array, to be freed with g_free(), or
- * null. A record whose object cannot be had, or not be sent over the bus, is logged and left out.
+ * Returns the objects of all records as the text of a JSON array; free it with g_free(). A record
+ * whose object cannot be made is logged and left out. Returns null on failure.
  */
 char *sonobrik_group_get_metadata();

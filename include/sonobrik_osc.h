@@ -1,18 +1,17 @@
 #pragma once
 
 /*
- * On-screen control features: offers the actions "play a clip", with the stored clips to choose
- * from, and "stop" to the device's on-screen controls service. Called on the main thread. The call
- * to the service is synchronous: it blocks the main loop until the service answers or the bus's
- * time-out of 25 s is over.
+ * On-screen control features: registers the actions "play a clip", with the stored clips to choose
+ * from, and "stop" with the device's on-screen controls service. Called on the main thread. Each
+ * registration blocks the main loop until the service answers, at most 25 s.
  */
 
-/* As sonobrik_osc_update(), at the start of the daemon. */
+/* Registers the features at start-up; see sonobrik_osc_update(). */
 bool sonobrik_osc_setup();
 
 /*
- * Registers the features with the clips as they are stored now. Returns false, with a log line, on
- * failure, such as when there is no on-screen controls service.
+ * Registers the features with the clips that are stored now. Returns false with a log line on
+ * failure, for example if there is no on-screen controls service.
  */
 bool sonobrik_osc_update();
 

@@ -1,10 +1,11 @@
 #pragma once
 
-/* The clip store as the service frame sees it. Called on the main thread. */
+/* Start and stop of the clip store, for the service frame. Called on the main thread. */
 
-/* Brings up the store's interface on the bus; no file is read. False, with a log line, on failure.
+/*
+ * Starts the store's D-Bus interface; reads no file. Returns false with a log line on failure.
  */
 bool sonobrik_parameters_setup();
 
-/* Takes it down, also when it was never up. */
+/* Stops the interface; safe without a set-up. */
 void sonobrik_parameters_teardown();

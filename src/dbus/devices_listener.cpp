@@ -5,7 +5,7 @@
 namespace
 {
 
-/* No slot is kept: the match lives as long as the connection. */
+/* Without a slot, the match lives as long as the connection. */
 int match_signal(sd_bus *bus, const char *member, sd_bus_message_handler_t callback)
 {
     return sd_bus_match_signal(bus, nullptr, "com.vesk.AudioControl", "/com/vesk/AudioControl",

@@ -1,14 +1,10 @@
 #include "sonobrik_param_events.h"
 
+#include "bus_names.h"
 #include "platform/change_notifier.h"
 
 namespace
 {
-
-/* What the changes refer to. */
-constexpr const char *SERVICE_NAME = "com.vesk.Sonobrik.Legacy";
-constexpr const char *OBJECT_PATH = "/com/vesk/Sonobrik";
-constexpr const char *INTERFACE_NAME = "com.vesk.Configuration.Legacy";
 
 ChangeNotifier *change_notifier;
 
@@ -29,7 +25,8 @@ bool sonobrik_param_events_setup(EventProducer *producer)
         g_warning("%sUnable to create param event object", "");
         return false;
     }
-    change_notifier_declare(change_notifier, SERVICE_NAME, OBJECT_PATH, INTERFACE_NAME, &error);
+    change_notifier_declare(change_notifier, SONOBRIK_LEGACY_SERVICE, SONOBRIK_OBJECT_PATH,
+                            SONOBRIK_LEGACY_INTERFACE, &error);
     if (error) {
         g_warning("%sUnable to declare param event bus: %s", "", error->message);
         return false;
@@ -53,10 +50,10 @@ bool sonobrik_param_events_send(bool is_change, gint32 number, const char *locat
     append_text("Location", location);
     append_text("Name", name);
     append_text("Type", type);
-    g_autofree char *entry_path = g_strdup_printf("%s/%d", OBJECT_PATH, number);
+    g_autofree char *entry_path = g_strdup_printf("%s/%d", SONOBRIK_OBJECT_PATH, number);
     g_autoptr(GError) error = nullptr;
-    change_notifier_send(change_notifier, SERVICE_NAME, OBJECT_PATH, INTERFACE_NAME, entry_path,
-                         is_change, &error);
+    change_notifier_send(change_notifier, SONOBRIK_LEGACY_SERVICE, SONOBRIK_OBJECT_PATH,
+                         SONOBRIK_LEGACY_INTERFACE, entry_path, is_change, &error);
     if (error) {
         g_warning("%sUnable to %s clip entry with number %d to param cache: %s", "",
                   is_change ? "change" : "add", number, error->message);

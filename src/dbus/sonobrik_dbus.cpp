@@ -1,8 +1,11 @@
 #include "sonobrik_dbus.h"
 
+#include <cstdlib>
 #include <cstring>
 
+#include "autoptr.h"
 #include "log_level.h"
+#include "service_frame.h"
 #include "sonobrik_dbus_source.h"
 
 namespace
@@ -10,8 +13,7 @@ namespace
 
 constexpr int ERROR_NUMBER = 65535;
 
-/* AddClip's error name is not among them: it has always been left out, and callers see no
- * difference but the errno. */
+/* AddClip's error name is missing. Callers do not notice: the bus carries names, not errnos. */
 constexpr sd_bus_error_map error_map[] = {
     SD_BUS_ERROR_MAP("com.vesk.Sonobrik.StartPlayingClip", ERROR_NUMBER),
     SD_BUS_ERROR_MAP("com.vesk.Sonobrik.PlayClip", ERROR_NUMBER),
@@ -51,7 +53,7 @@ bool connect_as(sonobrik_dbus *conn, const char *service_name)
 /* Returns a new event loop that runs the connection, or null with a log line. */
 sd_event *attach_event(sd_bus *bus)
 {
-    sd_event *event = nullptr;
+    g_autoptr(sd_event) event = nullptr;
     int r = sd_event_new(&event);
     if (r < 0) {
         g_warning("%sFailed to create event: %s.", "", strerror(-r));
@@ -60,23 +62,39 @@ sd_event *attach_event(sd_bus *bus)
     r = sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0) {
         g_warning("%sFailed to attach event: %s.", "", strerror(-r));
-        sd_event_unref(event);
         return nullptr;
     }
-    return event;
+    return g_steal_pointer(&event);
 }
 
-bool attach_to_main_loop(sonobrik_dbus *conn)
+/* sd-bus calls this once, after the connection has broken. */
+int on_disconnected(sd_bus_message *, void *user_data, sd_bus_error *)
 {
-    sd_event *event = attach_event(conn->bus);
-    if (!event) {
-        log_error("%sFailed to attach to gMainLoop.", "");
-        return false;
-    }
-    conn->source = sonobrik_dbus_source_new(event);
-    g_source_attach(&conn->source->source, nullptr);
-    sd_event_unref(event);
-    return true;
+    auto *conn = static_cast<sonobrik_dbus *>(user_data);
+    conn->on_lost(conn);
+    return 0;
+}
+
+/* The match is local to this process: the bus cannot tell us that the bus is gone. */
+int watch_disconnect(sonobrik_dbus *conn)
+{
+    return sd_bus_match_signal(conn->bus, nullptr, nullptr, "/org/freedesktop/DBus/Local",
+                               "org.freedesktop.DBus.Local", "Disconnected", on_disconnected, conn);
+}
+
+/* The source calls this when it cannot dispatch the connection any more, and removes itself. */
+gboolean on_dispatch_failed(gpointer user_data)
+{
+    auto *conn = static_cast<sonobrik_dbus *>(user_data);
+    conn->on_lost(conn);
+    return G_SOURCE_REMOVE;
+}
+
+/* Without its bus name the daemon is of no use, so it exits and systemd restarts it. */
+void on_service_lost(sonobrik_dbus *conn)
+{
+    log_error("%sThe connection of %s to the system bus was lost.", "", conn->service_name);
+    sonobrik_quit_main_loop(EXIT_FAILURE);
 }
 
 int invalid_arguments(const char *operation)
@@ -98,10 +116,34 @@ sonobrik_dbus *sonobrik_dbus_setup(const char *service_name)
         log_error("%sFailed to allocate structure", "");
         return nullptr;
     }
-    if (!connect_as(conn, service_name) || !attach_to_main_loop(conn)) {
+    conn->service_name = service_name;
+    if (!connect_as(conn, service_name) || !sonobrik_dbus_attach(conn, on_service_lost)) {
         return nullptr;
     }
     return g_steal_pointer(&conn);
+}
+
+bool sonobrik_dbus_attach(sonobrik_dbus *conn, void (*on_lost)(sonobrik_dbus *conn))
+{
+    if (!conn || !conn->bus || !on_lost) {
+        g_warning("%s%s: called with invalid arguments", "", "sonobrik_dbus_attach");
+        return false;
+    }
+    conn->on_lost = on_lost;
+    g_autoptr(sd_event) event = attach_event(conn->bus);
+    const int r = event ? watch_disconnect(conn) : 0;
+    if (r < 0) {
+        g_warning("%sFailed to watch the connection: %s.", "", strerror(-r));
+    }
+    if (!event || r < 0) {
+        log_error("%sFailed to attach to gMainLoop.", "");
+        return false;
+    }
+    conn->source = sonobrik_dbus_source_new(event);
+    GSource *source = &conn->source->source;
+    g_source_set_callback(source, on_dispatch_failed, conn, nullptr);
+    g_source_attach(source, nullptr);
+    return true;
 }
 
 void sonobrik_dbus_teardown(sonobrik_dbus *conn)

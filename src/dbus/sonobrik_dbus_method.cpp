@@ -8,9 +8,8 @@
 namespace
 {
 
-/* Ends a text that was cut to a number of bytes before the character that it may have been cut in.
- */
-void remove_cut_character(char *text)
+/* Removes a partial UTF-8 character from the end of a truncated string. */
+void remove_partial_character(char *text)
 {
     const char *end = nullptr;
     if (!g_utf8_validate(text, -1, &end)) {
@@ -52,11 +51,11 @@ void sonobrik_dbus_method_error_msg(sonobrik_dbus_method *m, const char *text)
     if (!m || !text) {
         return;
     }
-    /* An error that sd-bus refuses to send would leave its caller without any answer. */
+    /* sd-bus refuses to send invalid text, and the caller would never get an answer. */
     g_autofree char *valid_text = bus_text_make_valid(text);
     if (g_strlcpy(m->error_message, valid_text, sizeof m->error_message) >=
         sizeof m->error_message) {
-        remove_cut_character(m->error_message);
+        remove_partial_character(m->error_message);
         g_warning("%s%s the error message '%s' has been truncated.", "",
                   "sonobrik_dbus_method_error_msg", text);
     }
@@ -95,4 +94,9 @@ int sonobrik_dbus_method_send_reply(sonobrik_dbus_method *m, sd_bus_message *rep
 int sonobrik_dbus_method_return_code(const sonobrik_dbus_method *m)
 {
     return m && m->successful ? 1 : -1;
+}
+
+bool sonobrik_dbus_method_append_ok(sd_bus_message *reply)
+{
+    return sd_bus_message_append(reply, "s", "OK") >= 0;
 }

@@ -9,12 +9,12 @@ sd_event *get_event(GSource *source)
 }
 
 /*
- * The time-out is left alone: sd-event's timers show on its descriptor.
+ * Leaves GLib's timeout alone, since sd-event's timers wake its file descriptor.
  *
- * A loop that was prepared is not always checked: GLib skips that when a source of higher priority
- * is ready, and when another thread attached or removed a source while it polled. The event loop is
- * then still armed and would refuse to be prepared again. Waiting for nothing either takes what has
- * arrived or disarms it; preparing anew then sees what was queued for sending in the meantime.
+ * GLib does not always call check() after prepare(): not when a source of higher priority is ready,
+ * and not when another thread attached or removed a source while GLib polled. The event loop is
+ * then still armed and refuses to be prepared again. A wait of zero either collects the events that
+ * have arrived or disarms the loop, and the new prepare sees what was queued for sending meanwhile.
  */
 gboolean source_prepare(GSource *source, gint *)
 {
@@ -30,10 +30,19 @@ gboolean source_check(GSource *source)
     return sd_event_wait(get_event(source), 0) > 0;
 }
 
-/* What cannot be dispatched ends the source, as GLib understands a false result. */
-gboolean source_dispatch(GSource *source, GSourceFunc, gpointer)
+/*
+ * Returning false makes GLib remove the source, so a dispatch error disconnects it. The callback
+ * tells the owner.
+ */
+gboolean source_dispatch(GSource *source, GSourceFunc callback, gpointer user_data)
 {
-    return sd_event_dispatch(get_event(source)) > 0;
+    if (sd_event_dispatch(get_event(source)) > 0) {
+        return G_SOURCE_CONTINUE;
+    }
+    if (callback) {
+        callback(user_data);
+    }
+    return G_SOURCE_REMOVE;
 }
 
 void source_finalize(GSource *source)

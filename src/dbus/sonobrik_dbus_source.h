@@ -1,6 +1,6 @@
 #pragma once
 
-/* Drives an sd-event loop from the GLib main loop. Main thread only. */
+/* Runs an sd-event loop inside the GLib main loop. Main thread only. */
 
 #include <glib.h>
 #include <systemd/sd-event.h>
@@ -8,11 +8,12 @@
 struct sonobrik_dbus_source {
     GSource source;
     GPollFD poll_fd;
-    sd_event *event; /* one reference owned by the source */
+    sd_event *event; /* owned */
 };
 
 /*
- * Returns a new source that runs `event`, to be released with g_source_unref(). It removes itself
- * from its context when the event loop has ended.
+ * Returns a new source that runs `event`; release it with g_source_unref(). When the event loop has
+ * ended or fails, the source calls its callback, if it has one, and removes itself from its
+ * context.
  */
 sonobrik_dbus_source *sonobrik_dbus_source_new(sd_event *event);

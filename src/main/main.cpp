@@ -18,17 +18,17 @@ namespace
 
 GMainLoop *main_loop;
 
-/* Failure until a quit request says otherwise, so that every failed start exits with it. */
+/* Stays EXIT_FAILURE until a quit request sets it, so a failed start-up exits with 1. */
 gint32 exit_status = EXIT_FAILURE;
 
 AudioClip *audio_clip;
 
 guint watchdog_source_id;
 
-/* A second timer that teardown would remove; nothing sets it. */
+/* Reserved for a second timer, which the teardown removes too; nothing sets it. */
 guint spare_source_id;
 
-/* Each of the two signals is answered once: its source goes away with the first delivery. */
+/* Each signal source is removed after its first delivery. */
 gboolean quit_signal_handler(gpointer)
 {
     sonobrik_quit_main_loop(EXIT_SUCCESS);
@@ -41,7 +41,7 @@ gboolean watchdog_timeout_cb(gpointer)
     return G_SOURCE_CONTINUE;
 }
 
-/* Feeds the service manager's watchdog, if it has one for us, twice in its period. */
+/* Pings systemd's watchdog at half its interval, if one is configured. */
 void watchdog_setup()
 {
     uint64_t usec = 0;
@@ -55,15 +55,13 @@ void watchdog_setup()
         return;
     }
 
-    /* A period below 2 s gives an interval of 0, which busies the loop; it is taken as it stands.
-     */
+    /* Below 2 s the interval rounds to 0 and the loop spins; the unit's period is well above. */
     const guint interval = static_cast<guint32>(usec / G_USEC_PER_SEC) >> 1;
     watchdog_source_id = g_timeout_add_seconds_full(G_PRIORITY_HIGH, interval, watchdog_timeout_cb,
                                                     nullptr, nullptr);
 }
 
-/* Sets the subsystems up, in an order that they rely on. Returns false when one that we cannot do
- * without fails. */
+/* Sets up the subsystems, each after those that it uses. Returns false if a required step fails. */
 bool start(int *argc, char ***argv)
 {
     log_redirect_to_syslog("sonobrik", LOG_DAEMON);
@@ -104,15 +102,7 @@ bool start(int *argc, char ***argv)
     return true;
 }
 
-void remove_source(guint *source_id)
-{
-    if (*source_id != 0) {
-        g_source_remove(*source_id);
-        *source_id = 0;
-    }
-}
-
-/* Undoes start(), however far it came. */
+/* Tears down what start() has set up, even if it failed half-way. */
 void stop()
 {
     AudioClip *clip = g_steal_pointer(&audio_clip);
@@ -123,8 +113,8 @@ void stop()
     sonobrik_parameters_teardown();
     sonobrik_events_teardown();
     sonobrik_osc_teardown();
-    remove_source(&spare_source_id);
-    remove_source(&watchdog_source_id);
+    g_clear_handle_id(&spare_source_id, g_source_remove);
+    g_clear_handle_id(&watchdog_source_id, g_source_remove);
     g_clear_pointer(&main_loop, g_main_loop_unref);
 }
 

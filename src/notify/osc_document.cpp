@@ -1,31 +1,21 @@
 #include "osc_document.h"
 
 #include "autoptr.h"
-#include "bus_text.h"
 #include "log_level.h"
 #include "sonobrik_group.h"
 
 namespace
 {
 
-/*
- * Adds the clip to the values that the user may choose from. A name that sd-bus refuses to send
- * would keep all clips from the user, so its clip is left out.
- */
+/* Adds the clip to the values that the user can choose from. Returns false on failure. */
 bool add_clip(json_t *values, const SonobrikGroup *group)
 {
-    const char *name = sonobrik_group_get_name(group);
-    const gint32 index = sonobrik_group_get_index(group);
-    if (name && !bus_text_is_valid(name)) {
-        g_warning("%s%s can not send the name of group number %d over the bus", "",
-                  "sonobrik_osc_update", index);
-        return true;
-    }
-    json_t *value = json_pack("{s:s, s:i}", "niceName", name, "value", index);
+    json_t *value = json_pack("{s:s, s:i}", "niceName", sonobrik_group_get_name(group), "value",
+                              sonobrik_group_get_index(group));
     return value && json_array_append_new(values, value) == 0;
 }
 
-/* Returns the array of all stored clips, a new reference; null with a log line. */
+/* Returns a new reference to the array of all stored clips; null with a log line. */
 json_t *create_clip_values()
 {
     g_autoptr(json_t) values = json_array();
@@ -42,7 +32,7 @@ json_t *create_clip_values()
     return g_steal_pointer(&values);
 }
 
-/* Returns the object that describes the "clip" parameter, a new reference; null with a log line. */
+/* Returns a new reference to the object of the "clip" parameter; null with a log line. */
 json_t *create_clip_parameter()
 {
     g_autoptr(json_t) values = create_clip_values();
@@ -71,7 +61,7 @@ bool add_clip_parameter(json_t *action, const char *info)
     return true;
 }
 
-/* Returns the object of one action, a new reference; null with a log line. */
+/* Returns a new reference to the object of one action; null with a log line. */
 json_t *sonobrik_osc_create_action(const char *info, const char *name, const char *nice_name,
                                    const char *request_url, bool with_clip_parameter)
 {

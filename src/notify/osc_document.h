@@ -1,9 +1,9 @@
 #pragma once
 
-/* The document that describes the features to the on-screen controls service. Main thread only. */
+/* The document that describes our features to the on-screen controls service. Main thread only. */
 
 /*
- * Returns the document, compact JSON with the clips as they are stored now, as a new text to be
- * freed with free(); null with a log line.
+ * Returns the document, compact JSON with the clips that are stored now, as a new string; free it
+ * with free(). Returns null with a log line on failure.
  */
 char *osc_document_new();

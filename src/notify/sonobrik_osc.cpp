@@ -1,13 +1,12 @@
 #include "sonobrik_osc.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <glib.h>
-#include <memory>
 
 #include "autoptr.h"
 #include "log_level.h"
 #include "osc_document.h"
+#include "sonobrik_dbus.h"
 
 namespace
 {
@@ -15,12 +14,10 @@ namespace
 constexpr const char *SERVICE_NAME = "com.vesk.Onscreencontrols1";
 constexpr const char *OBJECT_PATH = "/com/vesk/Onscreencontrols1";
 
-/* Opened by the first update and kept for those that follow. */
-sd_bus *bus;
+/* Opened by the first update, and again by the next update after it was lost. */
+sonobrik_dbus connection;
 
-/*
- * Logs a step that failed. The numbers stand for the steps, as people who read the logs of devices
- * know them; they are fixed, whichever line the step is on now.
+/* Logs a failed step. Log searches on devices know each step by its number, so these never change.
  */
 bool fail(int number, int r)
 {
@@ -28,8 +25,58 @@ bool fail(int number, int r)
     return false;
 }
 
+bool connect_to_bus()
+{
+    if (connection.bus && sd_bus_is_open(connection.bus) <= 0) {
+        sonobrik_dbus_teardown(&connection); /* lost since the main loop last ran it */
+    }
+    if (connection.bus) {
+        return true;
+    }
+    if (sd_bus_open_system(&connection.bus) < 0 ||
+        !sonobrik_dbus_attach(&connection, sonobrik_dbus_teardown)) {
+        log_error("%sFailed to connect to the system bus.", "");
+        sonobrik_dbus_teardown(&connection);
+        return false;
+    }
+    return true;
+}
+
+struct Answer {
+    bool arrived;
+    int r; /* 0, or a negative errno value */
+};
+
+int on_answer(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    auto *answer = static_cast<Answer *>(user_data);
+    answer->arrived = true;
+    answer->r = -sd_bus_message_get_errno(message);
+    return 1; /* so that sd_bus_process() reports progress, for a time-out too */
+}
+
+/*
+ * Sends the call and waits for its answer. Returns 0 or a negative errno value. sd_bus_call() would
+ * keep every other message that arrives meanwhile, with its file descriptors; this loop drops them.
+ */
+int call(sd_bus *bus, sd_bus_message *message)
+{
+    sd_bus_ref(bus); /* a loss of the connection releases the reference of `connection` */
+    g_autoptr(sd_bus_slot) slot = nullptr;
+    Answer answer = {};
+    int r = sd_bus_call_async(bus, &slot, message, on_answer, &answer, 0);
+    while (r >= 0 && !answer.arrived) {
+        r = sd_bus_process(bus, nullptr);
+        if (r == 0) {
+            r = sd_bus_wait(bus, UINT64_MAX); /* the time-out of the call ends it */
+        }
+    }
+    sd_bus_unref(bus);
+    return answer.arrived ? answer.r : r;
+}
+
 /* Sends the document and waits for the answer. Returns false with a log line. */
-bool add_features(const char *document)
+bool add_features(sd_bus *bus, const char *document)
 {
     g_autoptr(sd_bus_message) message = nullptr;
     int r = sd_bus_message_new_method_call(bus, &message, SERVICE_NAME, OBJECT_PATH, SERVICE_NAME,
@@ -46,9 +93,7 @@ bool add_features(const char *document)
     if (r < 0) {
         return fail(132, r);
     }
-    sd_bus_error error = {};
-    r = sd_bus_call(bus, message, 0, &error, nullptr);
-    sd_bus_error_free(&error);
+    r = call(bus, message);
     return r >= 0 || fail(135, r);
 }
 
@@ -61,17 +106,14 @@ bool sonobrik_osc_setup()
 
 bool sonobrik_osc_update()
 {
-    if (!bus && sd_bus_open_system(&bus) < 0) {
-        log_error("%sFailed to connect to the system bus.", "");
-    }
-    if (!bus) {
+    if (!connect_to_bus()) {
         return false;
     }
-    const std::unique_ptr<char, decltype(&free)> document(osc_document_new(), free);
-    return document && add_features(document.get());
+    g_auto(JsonText) document = osc_document_new();
+    return document && add_features(connection.bus, document);
 }
 
 void sonobrik_osc_teardown()
 {
-    sd_bus_flush_close_unref(g_steal_pointer(&bus));
+    sonobrik_dbus_teardown(&connection);
 }

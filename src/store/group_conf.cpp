@@ -17,12 +17,12 @@ constexpr gint32 NOT_KNOWN = -1;
 const char *group_directory = SONOBRIK_GROUP_DIRECTORY;
 
 /*
- * The highest valid index. A parameter of 0 makes it -1 as well; the parameter is then read at each
- * call, and no index is valid, which comes to the same.
+ * The highest valid index, once it is known. If the parameter is 0 this stays -1: the parameter is
+ * then read on every call, and no index is valid.
  */
 gint32 max_group_index = NOT_KNOWN;
 
-/* Reads the bound into the cache. Returns false while it cannot be read. */
+/* Reads the bound into the cache. Returns false if it cannot be read. */
 bool read_max_group_index()
 {
     g_autofree char *text = get_parameter(MAX_GROUPS_PARAMETER);

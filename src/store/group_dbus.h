@@ -1,12 +1,13 @@
 #pragma once
 
 /*
- * The legacy configuration interface: "com.vesk.Sonobrik.Legacy" on a connection of its own to the
- * system bus, with which the device's configuration front end lists, reads, renames, adds and
- * removes clip records. Any peer may call it. Main thread only.
+ * The legacy configuration interface: the service "com.vesk.Sonobrik.Legacy" on a bus connection of
+ * its own. The device's configuration front end lists, reads, renames, adds and removes clip
+ * records with it. The daemon lets any peer call it; the bus policy limits the callers. Main thread
+ * only.
  */
 
-/* Opens the connection and publishes the methods. Returns false with a log line. */
+/* Opens the connection and registers the methods. Returns false with a log line on failure. */
 bool sonobrik_group_dbus_setup();
 
 /* Closes the connection, if there is one. */

@@ -9,17 +9,40 @@
 namespace
 {
 
-/*
- * Can every text of the record be sent over the bus? One that cannot would fail each method that
- * lists the records, for all of them, so it is kept out of the store.
- */
-bool texts_are_valid(const SonobrikGroup *group)
+/* Returns true if the bus can carry every string and key in `value`, which may be null. */
+bool json_can_be_sent(json_t *value)
 {
-    return bus_text_is_valid(group->location) && bus_text_is_valid(group->name) &&
-           bus_text_is_valid(group->type);
+    switch (value ? json_typeof(value) : JSON_NULL) {
+    case JSON_STRING:
+        return bus_text_is_valid(json_string_value(value));
+    case JSON_ARRAY: {
+        size_t i = 0;
+        json_t *element = nullptr;
+        json_array_foreach(value, i, element)
+        {
+            if (!json_can_be_sent(element)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    case JSON_OBJECT: {
+        const char *key = nullptr;
+        json_t *member = nullptr;
+        json_object_foreach(value, key, member)
+        {
+            if (!bus_text_is_valid(key) || !json_can_be_sent(member)) {
+                return false;
+            }
+        }
+        return true;
+    }
+    default:
+        return true;
+    }
 }
 
-/* Returns the object that the record's file holds, a new reference; null with a log line. */
+/* Returns a new reference to the object that the record's file contains; null with a log line. */
 json_t *sonobrik_group_json_pack(const SonobrikGroup *group)
 {
     json_error_t error = {};
@@ -27,8 +50,8 @@ json_t *sonobrik_group_json_pack(const SonobrikGroup *group)
         json_pack_ex(&error, 0, "{s:s, s:s, s:s, s:O}", "location", group->location, "name",
                      group->name, "type", group->type, "metadata", group->metadata);
     const char *reason = error.text;
-    if (object && !texts_are_valid(group)) {
-        reason = "The bus cannot carry a text of it";
+    if (object && !sonobrik_group_can_be_sent(group)) {
+        reason = "It contains text that D-Bus cannot transmit";
         json_decref(g_steal_pointer(&object));
     }
     if (!object) {
@@ -38,10 +61,7 @@ json_t *sonobrik_group_json_pack(const SonobrikGroup *group)
     return object;
 }
 
-/*
- * Returns a new record with the texts and the metadata of a file's document, without an index; null
- * with a log line.
- */
+/* Returns a new record made from a file's document, without an index; null with a log line. */
 SonobrikGroup *sonobrik_group_json_unpack(json_t *document)
 {
     const char *location = nullptr;
@@ -55,7 +75,7 @@ SonobrikGroup *sonobrik_group_json_unpack(json_t *document)
                   error.text);
         return nullptr;
     }
-    /* The texts belong to the document until now. */
+    /* The unpacked texts belong to the document, so the record gets copies. */
     auto *group = g_new0(SonobrikGroup, 1);
     group->location = g_strdup(location);
     group->name = g_strdup(name);
@@ -65,6 +85,12 @@ SonobrikGroup *sonobrik_group_json_unpack(json_t *document)
 }
 
 } // namespace
+
+bool sonobrik_group_can_be_sent(const SonobrikGroup *group)
+{
+    return group && bus_text_is_valid(group->location) && bus_text_is_valid(group->name) &&
+           bus_text_is_valid(group->type) && json_can_be_sent(group->metadata);
+}
 
 bool sonobrik_group_save(SonobrikGroup *group)
 {

@@ -13,8 +13,9 @@ bool index_is_taken(gint32 index)
 }
 
 /*
- * Returns the lowest free index, or the highest valid one when all below it are taken: whether that
- * one is free is for the caller to see. -1 while the bound is not known.
+ * Returns the lowest free index. If all below the highest valid index are taken, returns that one
+ * without checking it: the caller reports a full store by its number. Returns -1 while the bound is
+ * unknown.
  */
 gint32 find_free_index()
 {
@@ -92,12 +93,15 @@ GSList *sonobrik_group_get_parameter_list()
     GSList *paths = sonobrik_group_conf_get_param_file_list();
     for (GSList *path = paths; path; path = path->next) {
         auto *file = static_cast<const char *>(path->data);
-        SonobrikGroup *group = sonobrik_group_from_file(file);
-        if (group) {
-            groups = g_slist_prepend(groups, group);
-        } else {
+        g_autoptr(SonobrikGroup) group = sonobrik_group_from_file(file);
+        if (!group) {
             g_warning("%s%s failed to create parameter from file %s", "",
                       "sonobrik_group_get_parameter_list", file);
+        } else if (!sonobrik_group_can_be_sent(group)) {
+            /* One such record would make every reply and document with all records fail. */
+            g_warning("%sLeft out '%s', which contains text that D-Bus cannot transmit", "", file);
+        } else {
+            groups = g_slist_prepend(groups, g_steal_pointer(&group));
         }
     }
     sonobrik_group_conf_free_param_file_list(&paths);

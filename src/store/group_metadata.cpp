@@ -1,20 +1,13 @@
 #include "sonobrik_group_metadata.h"
 
-#include <cstdlib>
-#include <memory>
-
 #include "autoptr.h"
-#include "bus_text.h"
 #include "discover_media_metadata.h"
 #include "log_level.h"
 
 namespace
 {
 
-/* Jansson's texts come from malloc(), which need not be GLib's allocator. */
-using JsonText = std::unique_ptr<char, decltype(&free)>;
-
-/* Returns the description as the records keep it, a new reference; null with a log line. */
+/* Returns a new reference to the metadata as records store it; null with a log line. */
 json_t *pack_metadata(const discover_media_metadata *m)
 {
     json_t *media_types = discover_media_metadata_get_media_types(m);
@@ -33,7 +26,7 @@ json_t *pack_metadata(const discover_media_metadata *m)
     return metadata;
 }
 
-/* Computes the record's metadata and stores it. */
+/* Computes the record's metadata and saves it. Returns false with a log line. */
 bool compute_metadata(SonobrikGroup *group)
 {
     const char *location = sonobrik_group_get_location(group);
@@ -49,7 +42,7 @@ bool compute_metadata(SonobrikGroup *group)
     return metadata && sonobrik_group_set_media_metadata(group, metadata);
 }
 
-/* Returns the record's object of the reply, a new reference; null with a log line. */
+/* Returns a new reference to the record's object in the reply; null with a log line. */
 json_t *pack_reply(const SonobrikGroup *group)
 {
     json_t *metadata = sonobrik_group_get_media_metadata(group);
@@ -80,22 +73,6 @@ json_t *pack_reply(const SonobrikGroup *group)
         log_error("%sFailed to create parameter object, error '%s'", "", error.text);
     }
     return reply;
-}
-
-/*
- * Returns the record's object as it can be sent over the bus. A text in a file that cannot be sent
- * would otherwise fail the reply for all records.
- */
-json_t *sendable_metadata(SonobrikGroup *group)
-{
-    g_autoptr(json_t) metadata = sonobrik_group_metadata(group);
-    if (metadata) {
-        const JsonText text(json_dumps(metadata, JSON_COMPACT), free);
-        if (!bus_text_is_valid(text.get())) {
-            return nullptr;
-        }
-    }
-    return g_steal_pointer(&metadata);
 }
 
 } // namespace
@@ -156,7 +133,7 @@ char *sonobrik_group_get_metadata()
     GSList *groups = sonobrik_group_get_parameter_list();
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
-        json_t *metadata = sendable_metadata(group);
+        json_t *metadata = sonobrik_group_metadata(group);
         if (!metadata) {
             log_error("%sCould not obtain metadata for clip at location: %s", "",
                       sonobrik_group_get_location(group));
@@ -164,7 +141,7 @@ char *sonobrik_group_get_metadata()
             log_error("%sFailed to append metadata", "");
         }
     }
-    const JsonText text(json_dumps(array, JSON_COMPACT), free);
+    g_auto(JsonText) text = json_dumps(array, JSON_COMPACT);
     sonobrik_group_release_parameter_list(&groups);
-    return g_strdup(text.get());
+    return g_strdup(text);
 }

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "autoptr.h"
-#include "bus_text.h"
 #include "log_level.h"
 #include "sonobrik_dbus_method.h"
 #include "sonobrik_group.h"
@@ -12,7 +11,9 @@
 namespace
 {
 
-/* With the terminating zero: 255 bytes of text pass, though the warning names 256. It is meant so.
+/*
+ * The size of a value's buffer with its terminating zero: a value may have 255 bytes, although the
+ * warning about longer ones, whose text is fixed, names 256.
  */
 constexpr size_t VALUE_SIZE = 256;
 
@@ -37,7 +38,7 @@ bool add_configuration(sd_bus_message *message, sd_bus_message *reply)
     return true;
 }
 
-bool remove_configuration(sd_bus_message *message)
+bool remove_configuration(sd_bus_message *message, sd_bus_message *)
 {
     gint32 index = -1;
     if (sd_bus_message_read(message, "i", &index) < 0) {
@@ -71,9 +72,9 @@ bool get_configuration(sd_bus_message *message, sd_bus_message *reply)
 }
 
 /*
- * Reads the value of a property, a variant with an array of bytes, into the zero-filled `text`. A
- * variant that holds something else leaves it empty, on purpose. Returns false, with a warning, for
- * a value that is too long.
+ * Reads the value of a property, a variant with an array of bytes, into the zero-filled `text`. Any
+ * other content of the variant counts as an empty text. Returns false, with a warning, for a value
+ * that is too long.
  */
 bool read_value(sd_bus_message *message, const char *name, char (&text)[VALUE_SIZE])
 {
@@ -98,7 +99,7 @@ bool read_value(sd_bus_message *message, const char *name, char (&text)[VALUE_SI
     return fits;
 }
 
-bool set_configuration(sd_bus_message *message)
+bool set_configuration(sd_bus_message *message, sd_bus_message *)
 {
     gint32 index = -1;
     const char *name = nullptr;
@@ -119,24 +120,6 @@ bool set_configuration(sd_bus_message *message)
     return group && sonobrik_group_set_property(group, "Name", text);
 }
 
-/*
- * Can all properties of the record be sent? A file that others wrote may hold a text that sd-bus
- * refuses; it spoils its own entry only.
- */
-bool can_be_sent(const SonobrikGroup *group)
-{
-    for (guint i = 0; i < SONOBRIK_GROUP_PROPERTY_COUNT; i++) {
-        const char *value = sonobrik_group_get_enum_property(group, i);
-        if (value && !bus_text_is_valid(value)) {
-            g_warning("%s%s can not send the %s of group number %d over the bus", "",
-                      "sonobrik_group_get_configurations", sonobrik_group_get_property_name(i),
-                      sonobrik_group_get_index(group));
-            return false;
-        }
-    }
-    return true;
-}
-
 bool append_property(sd_bus_message *reply, const char *name, const char *value)
 {
     return sd_bus_message_open_container(reply, SD_BUS_TYPE_DICT_ENTRY, "sv") >= 0 &&
@@ -144,7 +127,7 @@ bool append_property(sd_bus_message *reply, const char *name, const char *value)
            sd_bus_message_close_container(reply) >= 0;
 }
 
-/* Returns false when a property is missing or cannot be appended: the whole reply then fails. */
+/* Returns false if a property is missing or cannot be appended. */
 bool append_properties(sd_bus_message *reply, const SonobrikGroup *group)
 {
     for (guint i = 0; i < SONOBRIK_GROUP_PROPERTY_COUNT; i++) {
@@ -157,12 +140,14 @@ bool append_properties(sd_bus_message *reply, const SonobrikGroup *group)
     return true;
 }
 
-/* Appends the record's entry. A record without one is skipped; false fails the whole reply. */
-bool append_group(sd_bus_message *reply, const SonobrikGroup *group)
+/*
+ * Appends the record's entry, or skips a record whose entry cannot be started. Returns false if the
+ * entry was started but cannot be completed: the whole reply is then unusable.
+ */
+bool append_or_skip_group(sd_bus_message *reply, const SonobrikGroup *group)
 {
     const gint32 index = sonobrik_group_get_index(group);
-    if (index < 0 || !can_be_sent(group) ||
-        sd_bus_message_open_container(reply, SD_BUS_TYPE_DICT_ENTRY, "ia{sv}") < 0) {
+    if (index < 0 || sd_bus_message_open_container(reply, SD_BUS_TYPE_DICT_ENTRY, "ia{sv}") < 0) {
         return true;
     }
     if (sd_bus_message_append(reply, "i", index) < 0 ||
@@ -178,36 +163,37 @@ bool append_group(sd_bus_message *reply, const SonobrikGroup *group)
     return true;
 }
 
-bool get_configurations(sd_bus_message *reply)
+bool get_configurations(sd_bus_message *, sd_bus_message *reply)
 {
     GSList *groups = sonobrik_group_get_parameter_list();
     if (!groups) {
-        return false; /* an empty store fails the call, on purpose */
+        return false; /* callers know an empty store by this error */
     }
     sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{ia{sv}}");
-    bool appended = true;
-    for (GSList *node = groups; node && appended; node = node->next) {
-        appended = append_group(reply, static_cast<SonobrikGroup *>(node->data));
+    bool complete = true;
+    for (GSList *node = groups; node && complete; node = node->next) {
+        complete = append_or_skip_group(reply, static_cast<SonobrikGroup *>(node->data));
     }
     sd_bus_message_close_container(reply);
     sonobrik_group_release_parameter_list(&groups);
-    return appended;
+    return complete;
 }
 
-/*
- * The frame of every handler: answers the call with the reply that `work`, given that reply,
- * filled, or with the error `error_name` if it returns false.
- */
+bool sync_controls(sd_bus_message *, sd_bus_message *)
+{
+    if (!sonobrik_osc_update()) {
+        g_warning("%sFailed to update onscreencontrols while syncing parameters", "");
+    }
+    return true;
+}
+
+/* Answers a call to a method that fails with an empty error text. */
 template <typename Work>
 int answer(sd_bus_message *message, sd_bus_error *ret_error, const char *error_name, Work work)
 {
-    sonobrik_dbus_method state = {message, 0, error_name, ""};
-    g_autoptr(sd_bus_message) reply = sonobrik_dbus_method_new_reply(&state);
-    if (reply && work(reply)) {
-        sonobrik_dbus_method_set_successful(&state, true);
-    }
-    sonobrik_dbus_method_send_reply(&state, reply, ret_error);
-    return sonobrik_dbus_method_return_code(&state);
+    return sonobrik_dbus_method_answer(
+        message, ret_error, error_name, "",
+        [&](auto *state, auto *reply) { return work(state->message, reply); });
 }
 
 } // namespace
@@ -215,39 +201,50 @@ int answer(sd_bus_message *message, sd_bus_error *ret_error, const char *error_n
 int sonobrik_group_add_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
 {
     return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.AddConfiguration",
-                  [&](sd_bus_message *reply) { return add_configuration(message, reply); });
+                  add_configuration);
 }
 
 int sonobrik_group_remove_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
 {
     return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.RemoveConfiguration",
-                  [&](sd_bus_message *) { return remove_configuration(message); });
+                  remove_configuration);
 }
 
 int sonobrik_group_get_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
 {
     return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.GetConfigurationEntry",
-                  [&](sd_bus_message *reply) { return get_configuration(message, reply); });
+                  get_configuration);
 }
 
 int sonobrik_group_set_configuration(sd_bus_message *message, void *, sd_bus_error *ret_error)
 {
     return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.SetConfigurationEntry",
-                  [&](sd_bus_message *) { return set_configuration(message); });
+                  set_configuration);
 }
 
 int sonobrik_group_get_configurations(sd_bus_message *message, void *, sd_bus_error *ret_error)
 {
     return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.GetConfigurations",
-                  [](sd_bus_message *reply) { return get_configurations(reply); });
+                  get_configurations);
 }
 
 int sonobrik_group_sync(sd_bus_message *message, void *, sd_bus_error *ret_error)
 {
-    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.Sync", [](sd_bus_message *) {
-        if (!sonobrik_osc_update()) {
-            g_warning("%sFailed to update onscreencontrols while syncing parameters", "");
-        }
-        return true;
-    });
+    return answer(message, ret_error, "com.vesk.Sonobrik.Legacy.Sync", sync_controls);
 }
+
+const sd_bus_vtable group_method_table[] = {
+    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("AddConfiguration", "i", "i", sonobrik_group_add_configuration,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("RemoveConfiguration", "i", "", sonobrik_group_remove_configuration,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("GetConfigurationEntry", "is", "v", sonobrik_group_get_configuration,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("SetConfigurationEntry", "isv", "", sonobrik_group_set_configuration,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("GetConfigurations", "", "a{ia{sv}}", sonobrik_group_get_configurations,
+                  SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD("Sync", "", "", sonobrik_group_sync, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_END,
+};

@@ -1,13 +1,16 @@
 #pragma once
 
 /*
- * The methods of the legacy configuration interface, as handlers for sd-bus; `user_data` is not
- * used. A call that fails answers with the method's error name and an empty text. Main thread only.
+ * The methods of "com.vesk.Configuration.Legacy" as sd-bus handlers, and their table. The user data
+ * is not used. A call that fails is answered with the method's error name and an empty text. Main
+ * thread only.
  */
 
 #include <systemd/sd-bus.h>
 
-/* (i index, -1 for the lowest that is free) -> (i new index): adds an empty record. */
+extern const sd_bus_vtable group_method_table[];
+
+/* (i index, -1 for the lowest free one) -> (i new index): adds an empty record. */
 int sonobrik_group_add_configuration(sd_bus_message *message, void *user_data,
                                      sd_bus_error *ret_error);
 
@@ -20,16 +23,15 @@ int sonobrik_group_get_configuration(sd_bus_message *message, void *user_data,
                                      sd_bus_error *ret_error);
 
 /*
- * (i index, s property, v value) -> (): changes "Name", the one property that may be changed; the
- * value holds the bytes (ay) of the text, at most 255, or counts as empty.
+ * (i index, s property, v value) -> (): changes the property "Name"; the others cannot be changed.
+ * The value is an array of at most 255 bytes (ay); a value of another type counts as empty.
  */
 int sonobrik_group_set_configuration(sd_bus_message *message, void *user_data,
                                      sd_bus_error *ret_error);
 
-/* () -> (a{ia{sv}}): all records with their properties; fails while there are none. */
+/* () -> (a{ia{sv}}): returns all records with their properties; fails if there are none. */
 int sonobrik_group_get_configurations(sd_bus_message *message, void *user_data,
                                       sd_bus_error *ret_error);
 
-/* () -> (): registers the on-screen controls anew, with the records as they are; always succeeds.
- */
+/* () -> (): updates the on-screen controls with the stored records; always succeeds. */
 int sonobrik_group_sync(sd_bus_message *message, void *user_data, sd_bus_error *ret_error);

@@ -16,7 +16,7 @@ constexpr Property properties[SONOBRIK_GROUP_PROPERTY_COUNT] = {
     {"Type", sonobrik_group_set_type, sonobrik_group_get_type},
 };
 
-/* As sonobrik_group_get_property_enum(), for a name that may be null, too. */
+/* Does the same as sonobrik_group_get_property_enum(), and accepts a null name. */
 bool find_property(const char *name, SonobrikGroupProperty *value)
 {
     if (!name) {

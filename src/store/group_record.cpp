@@ -8,7 +8,7 @@ bool replace_text(char **field, const char *text)
     if (!text) {
         return false;
     }
-    /* Copied first: the new text may be the old one. */
+    /* Copied before the old text is freed, because `text` may point to it. */
     char *copy = g_strdup(text);
     g_free(*field);
     *field = copy;

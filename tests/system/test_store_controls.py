@@ -75,7 +75,8 @@ def test_a_clip_whose_name_cannot_be_sent_is_left_out(sandbox, controls):
     assert controls.clips == [("Bell", 1)]
     assert sandbox.daemon.texts == [
         NO_VENDOR_SINK,
-        "warning: sonobrik_osc_update can not send the name of group number 0 over the bus"]
+        "warning: Left out '/etc/dynamic/sonobrik/clip_data/M0.json', which contains text that "
+        "D-Bus cannot transmit"]
 
 
 def test_only_an_added_clip_and_a_sync_tell_them_anew(sandbox, controls):

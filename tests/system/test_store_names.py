@@ -66,7 +66,7 @@ def test_256_bytes_are_too_many(door):
 @pytest.mark.parametrize("reason, values", [
     ("Invalid UTF-8 string", [b"\xff", b"Glocke\xe9", b"\xed\xa0\x80",
                               "é".encode() * 127 + b"\xc3"]),
-    ("The bus cannot carry a text of it", ["\ufffe".encode(), "Bell\uffff".encode(),
+    ("It contains text that D-Bus cannot transmit", ["\ufffe".encode(), "Bell\uffff".encode(),
                                            "\ufdd0".encode(), "\U0010fffe".encode()])])
 def test_a_name_that_cannot_be_kept_or_sent_is_refused(door, reason, values):
     for value in values:

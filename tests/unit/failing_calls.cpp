@@ -186,16 +186,17 @@ int __wrap_sd_bus_reply_method_return(sd_bus_message *call, const char *types, .
     return r;
 }
 
-int __real_sd_bus_call(sd_bus *bus, sd_bus_message *message, uint64_t usec, sd_bus_error *error,
-                       sd_bus_message **reply);
-int __wrap_sd_bus_call(sd_bus *bus, sd_bus_message *message, uint64_t usec, sd_bus_error *error,
-                       sd_bus_message **reply)
+int __real_sd_bus_call_async(sd_bus *bus, sd_bus_slot **slot, sd_bus_message *message,
+                             sd_bus_message_handler_t callback, void *user_data, uint64_t usec);
+int __wrap_sd_bus_call_async(sd_bus *bus, sd_bus_slot **slot, sd_bus_message *message,
+                             sd_bus_message_handler_t callback, void *user_data, uint64_t usec)
 {
-    const int *failure = enter("sd_bus_call");
+    const int *failure = enter("sd_bus_call_async");
     if (current) {
         current->call_timeout = usec;
     }
-    return failure ? *failure : __real_sd_bus_call(bus, message, usec, error, reply);
+    return failure ? *failure
+                   : __real_sd_bus_call_async(bus, slot, message, callback, user_data, usec);
 }
 
 WRAP_POINTER(json_t, json_object, (), ())

@@ -50,7 +50,7 @@ class FailingCalls
 
     int priority = -1; /* of the connection that was last attached to an event loop */
 
-    /* What sd_bus_call() was last asked to wait, in microseconds, where 0 is the bus's time-out. */
+    /* What sd_bus_call_async() was last asked to wait, in microseconds, where 0 is the bus's time-out. */
     uint64_t call_timeout = UINT64_MAX;
 
   private:

@@ -3,12 +3,12 @@
 #include <cerrno>
 
 #include "discover_media_supported.h"
-#include "fake_audio_clip.h"
 #include "failing_calls.h"
+#include "fake_audio_clip.h"
+#include "fake_service_frame.h"
 #include "platform/access_policy.h"
 #include "private_bus.h"
 #include "served_bus.h"
-#include "service_frame.h"
 
 namespace
 {
@@ -33,7 +33,6 @@ struct World {
     bool is_allowed = true;
     Lines checks; /* "SENDER ACTION" */
     Lines inspected;
-    std::vector<gint32> quits;
 };
 
 World world;
@@ -50,6 +49,7 @@ class ServiceTest : public BusTest
     ServiceTest()
     {
         world = {};
+        quits.clear();
     }
 
     ~ServiceTest() override
@@ -128,11 +128,6 @@ bool discover_media_is_supported(const char *path, char **)
 {
     world.inspected.emplace_back(path);
     return true;
-}
-
-void sonobrik_quit_main_loop(gint32 code)
-{
-    world.quits.push_back(code);
 }
 
 /* Set-up and teardown. */
@@ -442,9 +437,9 @@ TEST_F(ServiceTest, ChangeOfTheDevicesAsksForARestart)
     setup();
     own(stranger, "com.vesk.AudioControl");
     announce(nullptr, "InterfacesAdded");
-    EXPECT_EQ(world.quits, (std::vector<gint32>{75}));
+    EXPECT_EQ(quits, (std::vector<gint32>{75}));
     announce(nullptr, "InterfacesRemoved");
-    EXPECT_EQ(world.quits, (std::vector<gint32>{75, 75}));
+    EXPECT_EQ(quits, (std::vector<gint32>{75, 75}));
     expect_no_log();
 }
 
@@ -453,7 +448,7 @@ TEST_F(ServiceTest, OnlyTheAudioControlServiceTellsOfDevices)
     setup();
     announce(nullptr, "InterfacesAdded");
     announce(nullptr, "InterfacesRemoved");
-    EXPECT_TRUE(world.quits.empty());
+    EXPECT_TRUE(quits.empty());
 }
 
 TEST_F(ServiceTest, SignalToTheServiceAloneIsIgnored)
@@ -463,6 +458,6 @@ TEST_F(ServiceTest, SignalToTheServiceAloneIsIgnored)
     announce(SERVICE, "InterfacesRemoved");
     own(stranger, "com.vesk.AudioControl");
     announce(SERVICE, "InterfacesAdded");
-    EXPECT_TRUE(world.quits.empty());
+    EXPECT_TRUE(quits.empty());
     expect_no_log();
 }

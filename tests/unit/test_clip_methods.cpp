@@ -1,4 +1,4 @@
-#include "clip_methods.h"
+#include "audioclip_methods.h"
 
 #include <cerrno>
 

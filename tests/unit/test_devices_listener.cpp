@@ -52,7 +52,11 @@ class DevicesListenerTest : public BusTest
     }
 
     ServedBus served;
-    sonobrik_dbus conn = {served.bus, nullptr, nullptr};
+    sonobrik_dbus conn = {.bus = served.bus,
+                          .slot = nullptr,
+                          .source = nullptr,
+                          .service_name = nullptr,
+                          .on_lost = nullptr};
     FailingCalls library;
 };
 

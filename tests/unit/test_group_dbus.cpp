@@ -4,9 +4,10 @@
 #include <vector>
 
 #include "failing_calls.h"
-#include "group_methods.h"
 #include "private_bus.h"
 #include "served_bus.h"
+#include "sonobrik_group.h"
+#include "sonobrik_osc.h"
 
 namespace
 {
@@ -15,22 +16,7 @@ constexpr const char *SERVICE = "com.vesk.Sonobrik.Legacy";
 constexpr const char *OBJECT = "/com/vesk/Sonobrik";
 constexpr const char *INTERFACE = "com.vesk.Configuration.Legacy";
 
-std::vector<std::string> handled; /* the methods whose handlers ran */
-
-int answer(sd_bus_message *call, const char *method, const char *types)
-{
-    handled.emplace_back(method);
-    if (*types == 'i') {
-        return sd_bus_reply_method_return(call, types, 7);
-    }
-    if (*types == 'a') {
-        return sd_bus_reply_method_return(call, types, 1, 7, 1, "Name", "s", "Door");
-    }
-    if (*types == 's') {
-        return sd_bus_reply_method_return(call, types, "Name", "s", "Door");
-    }
-    return sd_bus_reply_method_return(call, types);
-}
+std::vector<std::string> handled; /* what the methods asked the store for */
 
 class GroupDbus : public BusTest
 {
@@ -67,40 +53,54 @@ class GroupDbus : public BusTest
 
 } // namespace
 
-int sonobrik_group_add_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+/* A store with one record, number 7, named "Door". */
+
+bool sonobrik_group_create_group(gint32 *index, const char *, const char *, const char *)
 {
-    EXPECT_EQ(user_data, nullptr);
-    return answer(message, "AddConfiguration", "i");
+    handled.emplace_back("create");
+    *index = 7;
+    return true;
 }
 
-int sonobrik_group_remove_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+bool sonobrik_group_remove_group(gint32)
 {
-    EXPECT_EQ(user_data, nullptr);
-    return answer(message, "RemoveConfiguration", "");
+    handled.emplace_back("remove");
+    return true;
 }
 
-int sonobrik_group_get_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+SonobrikGroup *sonobrik_group_from_index(gint32 index)
 {
-    EXPECT_EQ(user_data, nullptr);
-    return answer(message, "GetConfigurationEntry", "sv");
+    handled.emplace_back("load");
+    auto *group = g_new0(SonobrikGroup, 1);
+    group->index = index;
+    sonobrik_group_set_location(group, "/door.wav");
+    sonobrik_group_set_name(group, "Door");
+    sonobrik_group_set_type(group, "audio");
+    return group;
 }
 
-int sonobrik_group_set_configuration(sd_bus_message *message, void *user_data, sd_bus_error *)
+GSList *sonobrik_group_get_parameter_list()
 {
-    EXPECT_EQ(user_data, nullptr);
-    return answer(message, "SetConfigurationEntry", "");
+    return g_slist_append(nullptr, sonobrik_group_from_index(7));
 }
 
-int sonobrik_group_get_configurations(sd_bus_message *message, void *user_data, sd_bus_error *)
+void sonobrik_group_release_parameter_list(GSList **list)
 {
-    EXPECT_EQ(user_data, nullptr);
-    return answer(message, "GetConfigurations", "a{ia{sv}}");
+    g_slist_free_full(g_steal_pointer(list), [](gpointer group) {
+        sonobrik_group_free(static_cast<SonobrikGroup *>(group));
+    });
 }
 
-int sonobrik_group_sync(sd_bus_message *message, void *user_data, sd_bus_error *)
+bool sonobrik_group_save(SonobrikGroup *group)
 {
-    EXPECT_EQ(user_data, nullptr);
-    return answer(message, "Sync", "");
+    handled.push_back(std::string("save ") + group->name);
+    return true;
+}
+
+bool sonobrik_osc_update()
+{
+    handled.emplace_back("update controls");
+    return true;
 }
 
 TEST_F(GroupDbus, EachMethodHasItsHandler)
@@ -113,11 +113,11 @@ TEST_F(GroupDbus, EachMethodHasItsHandler)
     EXPECT_EQ(call("SetConfigurationEntry",
                    g_variant_new("(isv)", 3, "Name", g_variant_new_bytestring("Bell"))),
               "()");
-    EXPECT_EQ(call("GetConfigurations"), "({7: {'Name': <'Door'>}},)");
+    EXPECT_EQ(call("GetConfigurations"),
+              "({7: {'Location': <'/door.wav'>, 'Name': <'Door'>, 'Type': <'audio'>}},)");
     EXPECT_EQ(call("Sync"), "()");
-    const std::vector<std::string> expected = {"AddConfiguration",      "RemoveConfiguration",
-                                               "GetConfigurationEntry", "SetConfigurationEntry",
-                                               "GetConfigurations",     "Sync"};
+    const std::vector<std::string> expected = {"create",    "remove", "load",           "load",
+                                               "save Bell", "load",   "update controls"};
     EXPECT_EQ(handled, expected);
     expect_no_log();
 }

@@ -239,7 +239,7 @@ TEST_P(GroupFileNoncharacter, IsNotSavedInAnyText)
         char *good_text = *field;
         *field = g_strdup(text.c_str());
         EXPECT_FALSE(sonobrik_group_save(group));
-        expect_not_packed("The bus cannot carry a text of it");
+        expect_not_packed("It contains text that D-Bus cannot transmit");
         g_free(*field);
         *field = good_text;
     }

@@ -11,7 +11,6 @@
 namespace
 {
 
-constexpr const char *NONCHARACTER = "\xEF\xBF\xBE"; /* U+FFFE */
 
 struct Clip {
     gint32 index;
@@ -113,16 +112,6 @@ TEST_F(OscDocument, OffersAnyNameThatTheBusCarries)
     EXPECT_EQ(document(), document_with("{\"niceName\":\"\",\"value\":1},"
                                         "{\"niceName\":\"\\\"T\xC3\xBCr\\\" \\\\ {clip}\\n\","
                                         "\"value\":2}"));
-    expect_no_log();
-}
-
-TEST_F(OscDocument, LeavesOutANameThatTheBusRefuses)
-{
-    clips = {{1, "Door"}, {2, NONCHARACTER}, {3, "Bell"}};
-    EXPECT_EQ(document(), document_with(R"({"niceName":"Door","value":1},)"
-                                        R"({"niceName":"Bell","value":3})"));
-    expect_log(G_LOG_LEVEL_WARNING,
-               "sonobrik_osc_update can not send the name of group number 2 over the bus");
     expect_no_log();
 }
 

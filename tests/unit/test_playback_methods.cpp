@@ -1,10 +1,11 @@
-#include "playback_methods.h"
+#include "audioclip_methods.h"
 
 #include <cerrno>
 
 #include "audioclip_dbus.h"
 #include "fake_audio_clip.h"
 #include "failing_calls.h"
+#include "held_call.h"
 #include "private_bus.h"
 #include "served_bus.h"
 
@@ -21,7 +22,7 @@ class PlaybackTest : public BusTest
   protected:
     PlaybackTest()
     {
-        playback_methods_setup();
+        held_call_setup();
         served.serve("/PlayClip", sonobrik_play_clip_synchronous, &clip);
         served.serve("/StartPlayingClip", sonobrik_play_clip_asynchronous, &clip);
         served.serve("/StopPlayingClip", sonobrik_stop_clip, &clip);
@@ -29,7 +30,7 @@ class PlaybackTest : public BusTest
 
     ~PlaybackTest() override
     {
-        playback_methods_teardown();
+        held_call_teardown();
     }
 
     /* Calls the method from a caller that waits. Each has an object of its own here. */
@@ -374,7 +375,7 @@ TEST_F(PlaybackTest, EndWithoutAHeldCallDoesNothing)
 TEST_F(PlaybackTest, TeardownDropsTheHeldCall)
 {
     const auto held = begin("PlayClip", "options");
-    playback_methods_teardown();
+    held_call_teardown();
     settle(stranger, served.name);
     EXPECT_FALSE(held->is_answered());
     EXPECT_EQ(library.count("sd_bus_reply_method_return"), 0);
@@ -384,7 +385,7 @@ TEST_F(PlaybackTest, TeardownDropsTheHeldCall)
 TEST_F(PlaybackTest, EndAfterTheTeardownFindsNoCall)
 {
     const auto held = begin("PlayClip", "options");
-    playback_methods_teardown();
+    held_call_teardown();
     clip.end();
     expect_log(LOG_LEVEL_ERROR, "audioclip_dbus_synchronous_sd_bus_reply was called unexpectedly");
     expect_no_log();
@@ -393,8 +394,8 @@ TEST_F(PlaybackTest, EndAfterTheTeardownFindsNoCall)
 TEST_F(PlaybackTest, SetUpBeginsWithoutAHeldCall)
 {
     const auto held = begin("PlayClip", "options");
-    playback_methods_teardown();
-    playback_methods_setup();
+    held_call_teardown();
+    held_call_setup();
     clip.end();
     expect_no_log();
 }
@@ -402,7 +403,7 @@ TEST_F(PlaybackTest, SetUpBeginsWithoutAHeldCall)
 TEST_F(PlaybackTest, SecondTeardownDoesNothing)
 {
     const auto held = begin("PlayClip", "options");
-    playback_methods_teardown();
-    playback_methods_teardown();
+    held_call_teardown();
+    held_call_teardown();
     expect_no_log();
 }

@@ -1,9 +1,13 @@
 #include "sonobrik_dbus.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <sys/socket.h>
 
 #include "failing_calls.h"
+#include "fake_service_frame.h"
 #include "private_bus.h"
+#include "served_bus.h"
 #include "sonobrik_dbus_source.h"
 
 namespace
@@ -62,6 +66,11 @@ int errno_of(const char *error_name)
 class ConnectionTest : public BusTest
 {
   protected:
+    ConnectionTest()
+    {
+        quits.clear();
+    }
+
     ~ConnectionTest() override
     {
         sonobrik_dbus_teardown(conn);
@@ -178,13 +187,24 @@ TEST_F(ConnectionTest, EventLoopThatTakesNoConnectionIsGivenBack)
     close_what_is_left(calls);
 }
 
+TEST_F(ConnectionTest, LossThatCannotBeWatchedEndsTheSetUp)
+{
+    FailingCalls calls;
+    calls.fail("sd_bus_match_signal Disconnected");
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to watch the connection: Cannot allocate memory.");
+    expect_log(LOG_LEVEL_ERROR, "Failed to attach to gMainLoop.");
+    expect_no_log();
+    close_what_is_left(calls);
+}
+
 TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
 {
     FailingCalls calls;
     connect();
     EXPECT_EQ(calls.made, (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
                                  "sd_bus_request_name", "sd_event_new", "sd_bus_attach_event",
-                                 "sd_event_unref"}));
+                                 "sd_bus_match_signal Disconnected", "sd_event_unref"}));
     EXPECT_EQ(calls.priority, SD_EVENT_PRIORITY_NORMAL);
     expect_no_log();
 }
@@ -234,6 +254,53 @@ TEST_F(ConnectionTest, ErrorNameOfAddClipIsNotKnown)
 {
     connect();
     EXPECT_EQ(errno_of("com.vesk.Sonobrik.AddClip"), -EIO);
+}
+
+/* Loss. */
+
+TEST_F(ConnectionTest, LostConnectionIsLoggedAndEndsTheProcessWithOne)
+{
+    connect();
+    shutdown(sd_bus_get_fd(conn->bus), SHUT_RDWR);
+    EXPECT_TRUE(run_until([] { return !quits.empty(); }));
+    EXPECT_EQ(quits, std::vector<gint32>{EXIT_FAILURE});
+    expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
+    expect_no_log();
+}
+
+TEST_F(ConnectionTest, BusThatRestartsIsALoss)
+{
+    connect();
+    bus.stop();
+    EXPECT_TRUE(run_until([] { return !quits.empty(); }));
+    EXPECT_EQ(quits, std::vector<gint32>{EXIT_FAILURE});
+    expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
+    bus.start();
+}
+
+TEST_F(ConnectionTest, ConnectionThatCannotBeDispatchedIsLost)
+{
+    connect();
+    FailingCalls calls;
+    calls.fail("sd_event_dispatch", -EIO);
+    PendingCall pending(stranger, SERVICE, OBJECT, INTERFACE, "Ask", nullptr);
+    EXPECT_TRUE(run_until([] { return !quits.empty(); }));
+    EXPECT_EQ(quits, std::vector<gint32>{EXIT_FAILURE});
+    EXPECT_TRUE(g_source_is_destroyed(&conn->source->source));
+    expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
+}
+
+TEST_F(ConnectionTest, AttachNeedsAConnectionAndACallback)
+{
+    sonobrik_dbus closed = {};
+    EXPECT_FALSE(sonobrik_dbus_attach(nullptr, sonobrik_dbus_teardown));
+    EXPECT_FALSE(sonobrik_dbus_attach(&closed, sonobrik_dbus_teardown));
+    connect();
+    EXPECT_FALSE(sonobrik_dbus_attach(conn, nullptr));
+    for (int i = 0; i < 3; i++) {
+        expect_log(G_LOG_LEVEL_WARNING, "sonobrik_dbus_attach: called with invalid arguments");
+    }
+    expect_no_log();
 }
 
 /* Registrations. */

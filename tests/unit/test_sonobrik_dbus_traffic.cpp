@@ -294,4 +294,5 @@ TEST_F(TrafficTest, LostBusDoesNotKeepTheMainLoopBusy)
     }
     EXPECT_LT(iterations, 1000);
     EXPECT_FALSE(g_main_context_pending(nullptr));
+    expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
 }

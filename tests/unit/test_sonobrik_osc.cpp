@@ -2,13 +2,17 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <gio/gunixfdlist.h>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
 
 #include "failing_calls.h"
 #include "osc_document.h"
 #include "played_controls.h"
 #include "private_bus.h"
+#include "served_bus.h"
 
 namespace
 {
@@ -38,8 +42,26 @@ class SonobrikOsc : public BusTest
         expect_no_log();
     }
 
+    /* The stranger sends a signal with a file descriptor to the connection `name`. */
+    void send_signal_with_file(const std::string &name)
+    {
+        g_autoptr(GDBusMessage) signal = g_dbus_message_new_signal("/a", "com.vesk.Test", "Signal");
+        g_autoptr(GUnixFDList) files = g_unix_fd_list_new();
+        g_unix_fd_list_append(files, STDERR_FILENO, nullptr);
+        g_dbus_message_set_destination(signal, name.c_str());
+        g_dbus_message_set_unix_fd_list(signal, files);
+        g_dbus_connection_send_message(stranger, signal, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
+                                       nullptr);
+    }
+
     FailingCalls calls;
 };
+
+size_t count_open_files()
+{
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(files), end(files)));
+}
 
 constexpr const char *REQUEST = "com.vesk.Onscreencontrols1 /com/vesk/Onscreencontrols1 "
                                 "com.vesk.Onscreencontrols1.AddFeatures "
@@ -165,7 +187,7 @@ TEST_F(SonobrikOsc, EachStepThatFailsHasItsNumber)
     } steps[] = {{"sd_bus_message_new_method_call", 119},
                  {"sd_bus_message_append", 127},
                  {"sd_bus_message_close_container", 132},
-                 {"sd_bus_call", 135}};
+                 {"sd_bus_call_async", 135}};
     for (const auto &step : steps) {
         calls.fail_one(step.function, 1, -ENOMEM);
         EXPECT_FALSE(sonobrik_osc_update()) << step.function;
@@ -201,6 +223,41 @@ TEST_F(SonobrikOsc, TeardownEndsTheConnection)
     EXPECT_TRUE(sonobrik_osc_update());
     EXPECT_EQ(calls.count("sd_bus_open_system"), 2);
     EXPECT_EQ(controls.callers().size(), 2U);
+}
+
+TEST_F(SonobrikOsc, LostConnectionIsOpenedAgainByTheNextUpdate)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    shutdown(sd_bus_get_fd(calls.opened), SHUT_RDWR);
+    EXPECT_TRUE(run_until([this] { return calls.count("sd_bus_flush_close_unref") == 1; }));
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(controls.callers().size(), 2U);
+    expect_no_log();
+}
+
+TEST_F(SonobrikOsc, LossThatTheLoopHasNotSeenIsNoticedByTheUpdate)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    shutdown(sd_bus_get_fd(calls.opened), SHUT_RDWR);
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_failure(135, "Connection reset by peer");
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(controls.callers().size(), 2U);
+}
+
+TEST_F(SonobrikOsc, SignalsThatNobodyAskedForAreDropped)
+{
+    PlayedControls controls(bus);
+    EXPECT_TRUE(sonobrik_osc_update());
+    const std::string name = *controls.callers().begin();
+    const size_t open_files = count_open_files();
+    for (int i = 0; i < 100; i++) {
+        send_signal_with_file(name);
+    }
+    settle(stranger, name);
+    EXPECT_EQ(count_open_files(), open_files);
 }
 
 TEST_F(SonobrikOsc, TeardownWithoutAConnectionIsHarmless)

@@ -1,0 +1,8 @@
+#include "fake_service_frame.h"
+
+#include "service_frame.h"
+
+void sonobrik_quit_main_loop(gint32 code)
+{
+    quits.push_back(code);
+}
