@@ -1,9 +1,10 @@
 #pragma once
 
 /*
- * Access policy service: who may call which method of the daemon.
+ * Access policy service: decides who may call which method of the daemon.
  *
- * All operations are called on the main thread. Errors are GLib errors that the caller owns.
+ * All operations run on the main thread. On failure they set `error`, if it is not null, to a new
+ * GLib error; the caller frees it.
  */
 
 #include <glib.h>
@@ -12,17 +13,23 @@
 G_BEGIN_DECLS
 
 /*
- * Prepares the service; called once, before the first check. Returns false and sets `error` when
- * the policy cannot be used; the daemon then does not start.
+ * Prepares the service. The daemon calls it once, before the first check. Returns false and sets
+ * `error` if the policy cannot be used; the daemon then exits.
  */
 bool access_policy_init(GError **error);
 
 /*
- * May the bus client `sender` (its unique name, such as ":1.42"; no other is accepted) perform
- * `action`, the dotted name of a method ("com.vesk.Sonobrik.PlayClip")? A null sender or action is
- * refused, and so is everybody who cannot be identified. On refusal returns false and sets `error`
- * to a text that explains it to whoever reads the log; the caller of the method never sees that
- * text. May ask the message bus about the sender and wait for its answer.
+ * Returns true if the bus client `sender` is allowed to perform `action`.
+ *
+ * `sender` is the client's unique bus name, such as ":1.42". `action` is the dotted name of a
+ * method, such as "com.vesk.Sonobrik.PlayClip". The service copies what it needs of both.
+ *
+ * Returns false and sets `error` if the client is not allowed, if the client cannot be identified,
+ * if `sender` is not a unique name, or if an argument is null. The daemon logs the error's message.
+ * The client never sees it; the client only learns that access was denied.
+ *
+ * It may ask the message bus about the sender and wait for the answer. The daemon does nothing else
+ * during that time.
  */
 bool access_policy_check(const char *sender, const char *action, GError **error);
 

@@ -1,13 +1,14 @@
 #pragma once
 
 /*
- * Event producer service: declares events with their keys, and sends their changes to whoever
- * listens on the device.
+ * Event producer service: declares events with their keys, and sends them to listeners on the
+ * device.
  *
- * Everything runs on the main thread, and every callback is called from the main loop, never from
- * inside the operation that it was given to. Operations that return bool answer false for null
- * arguments, for a key that the template or event does not have, and when memory is short; nothing
- * is changed then.
+ * All operations run on the main thread. The service calls callbacks from the main loop, never from
+ * inside the operation that received them. The state initialiser is the one exception.
+ *
+ * Operations that return bool return false, and change nothing, if an argument is null or if the
+ * template or event does not have the key. The service copies the strings and values that it needs.
  */
 
 #include <glib.h>
@@ -16,114 +17,138 @@
 G_BEGIN_DECLS
 
 struct EventProducer; /* an open connection to the event system */
-struct EventTemplate; /* the description of an event, being built */
+struct EventTemplate; /* the description of an event that is to be declared */
 struct Event;         /* one occurrence of a declared event, with values for its keys */
 
-/* What a key holds, and what the value pointers of this service point at. */
+/* The type of a key's value. The value pointers of this service point to such a value. */
 enum EventValueType {
     EVENT_VALUE_INT = 1,  /* const int * */
     EVENT_VALUE_BOOL = 2, /* const gboolean * */
     /*
-     * const char *: the text itself. A platform whose event system carries UTF-8 only makes other
-     * text valid, rather than refuse it: file names are bytes.
+     * const char *, the text itself. The daemon sends file names, which need not be UTF-8. A
+     * platform that can only send UTF-8 replaces the invalid bytes and does not refuse the text.
      */
     EVENT_VALUE_STRING = 4,
 };
 
-/* The event system has taken the declaration of the event `id`. */
+/* Called once the event system has accepted the declaration of the event `id`. */
 typedef void (*EventDeclaredCallback)(unsigned int id, void *user_data);
 
-/* Sets the state key of `event` to the state that holds before anything was sent. */
+/*
+ * Sets the state key of `event` to its value before the first send. Must not keep `event`. Returns
+ * false on failure; the event is then not declared.
+ */
 typedef bool (*EventStateInitialiser)(struct Event *event, void *user_data);
 
 /*
- * The event `id` was sent (`error` null), or could not be sent: `error` says why, and the callback
- * owns it.
+ * Called when the event `id` was sent or could not be sent. `error` is null if it was sent;
+ * otherwise it gives the reason, and the callback must free it.
  */
 typedef void (*EventSentCallback)(unsigned int id, void *user_data, GError *error);
 
 /*
- * Opens a producer called `name` (letters, digits and underscores, no digit first), of which there
- * can be one on the device. Returns null, with a log line, for another name and when the event
- * system cannot be reached. Close it with event_service_close().
+ * Opens a producer. `name` consists of letters, digits and underscores and does not begin with a
+ * digit. Only one producer of a name can be open on the device.
+ *
+ * Returns null and logs the reason if the name is null, invalid or in use, or if the event system
+ * cannot be reached. The caller closes the producer with event_service_close().
  */
 struct EventProducer *event_service_open(const char *name);
 
 /*
- * Withdraws the producer's events and frees it; null does nothing. Callbacks that are still due
- * are not called any more.
+ * Withdraws the producer's events and frees the producer. Callbacks that are still pending are not
+ * called. Ignores null.
  */
 void event_service_close(struct EventProducer *producer);
 
-/* Returns an empty template; free it with event_template_free(), which accepts null. */
+/* Returns an empty template. The caller frees it with event_template_free(). */
 struct EventTemplate *event_template_new(void);
+
+/* Frees the template. Ignores null. */
 void event_template_free(struct EventTemplate *event_template);
 
 /*
- * Adds a key with the initial value that `value` points at (see EventValueType), which is copied.
- * A key can be added once.
+ * Adds a key with an initial value, which it copies. `value` points to a value of the type `type`.
+ * Returns false if the template already has the key, or if the event system cannot use the name.
  */
 bool event_template_add_key_value(struct EventTemplate *event_template, const char *key,
                                   const void *value, enum EventValueType type);
 
-/* Adds a key without an initial value: it holds 0, false or "" until one is set. */
+/*
+ * Adds a key without an initial value: it is 0, false or "" until a value is set. Returns false
+ * under the same conditions as event_template_add_key_value().
+ */
 bool event_template_add_key(struct EventTemplate *event_template, const char *key,
                             enum EventValueType type);
 
-/* Puts `key` into a name space; meant for the topic keys "topic0", "topic1" and so on. */
+/* Sets the name space of a topic key ("topic0", "topic1" and so on). */
 bool event_template_set_namespace(struct EventTemplate *event_template, const char *key,
                                   const char *name_space);
 
-/* Names for people, for the key and for its value; either may be null. */
+/* Sets human-readable names for the key and for its value. Either name may be null. */
 bool event_template_set_nice_names(struct EventTemplate *event_template, const char *key,
                                    const char *key_nice_name, const char *value_nice_name);
 
 /*
- * Adds a tag that tells listeners what the key is for ("onvif-source", "onvif-data"). A key has one
- * tag; another one, or an empty one, is refused.
+ * Sets the key's tag, which tells listeners what the key is for: "onvif-source" or "onvif-data". A
+ * key has at most one tag. Returns false if the tag is empty or if the key already has one.
  */
 bool event_template_add_tag(struct EventTemplate *event_template, const char *key, const char *tag);
 
 /*
- * Makes the event stateful, with `key` as its state. `initialiser` is called when the event is
- * declared, from inside the declaring operation.
+ * Makes the event stateful: listeners that join late can read the value of `key`, its state. The
+ * declaring operation calls `initialiser` with `user_data` before it returns.
  */
 bool event_template_set_state_key(struct EventTemplate *event_template, const char *key,
                                   EventStateInitialiser initialiser, void *user_data);
 
 /*
- * Declares an event; the template stays the caller's. Returns its id, or 0 on failure, which is
- * logged unless an argument is null. Declaring sends nothing. The second form calls `callback` once
- * the event system has taken the declaration, and not at all when the declaration fails.
+ * Declares an event and sends nothing. The template still belongs to the caller, who may free it
+ * afterwards.
+ *
+ * Returns the event's id, which is at least 1. Returns 0 on failure, and logs the reason unless an
+ * argument is null.
  */
 unsigned int event_service_declare(struct EventProducer *producer,
                                    const struct EventTemplate *event_template);
+
+/*
+ * Declares an event like event_service_declare(), then calls `callback` with `user_data` once the
+ * event system has accepted the declaration. If this operation returns 0, `callback` is not called.
+ * A null `callback` is allowed.
+ */
 unsigned int event_service_declare_notify(struct EventProducer *producer,
                                           const struct EventTemplate *event_template,
                                           EventDeclaredCallback callback, void *user_data);
 
 /*
- * Returns a new occurrence of the declared event `id`, holding its present values, which are those
- * that were sent last, whether the event is stateful or not; null for an unknown id. Release it
- * with event_release(). A platform may tell the two apart by whether it waits for its event system;
- * the result is used alike.
+ * Returns a new occurrence of the event `id`. Its keys have the values that were sent last, or
+ * their initial values before the first send. Returns null for an unknown id or a null producer.
+ * The caller frees it with event_release(), which it may also do after closing the producer.
  */
 struct Event *event_service_prepare(struct EventProducer *producer, unsigned int id);
+
+/*
+ * Does the same as event_service_prepare(). A platform may wait for its event system in
+ * event_service_prepare() and return without waiting here.
+ */
 struct Event *event_service_prepare_async(struct EventProducer *producer, unsigned int id);
 
-/* Sets `key` of `event` to the value that `value` points at (see EventValueType). */
+/* Sets `key` of `event` to the value that `value` points to, which has the type of the key. */
 bool event_value_set(struct Event *event, const char *key, const void *value);
 
 /*
- * Sends `event`, which stays the caller's, and returns at once; events leave in the order in which
- * they were sent. `callback`, which may be null, hears the outcome. What could not be sent is not
- * kept for later, nor are its values; an event system that was lost is looked for again with each
- * send.
+ * Sends `event` without waiting until listeners have it. Events arrive in the order in which they
+ * were sent. `event` still belongs to the caller.
+ *
+ * `callback` receives the outcome; it may be null. If sending fails, the service drops the event
+ * and its values and does not send them later. If the connection to the event system was lost, each
+ * send tries to reconnect. Does nothing if `producer` or `event` is null.
  */
 void event_service_send_async(struct EventProducer *producer, const struct Event *event,
                               EventSentCallback callback, void *user_data);
 
-/* Frees an occurrence; null does nothing. */
+/* Frees an occurrence. Ignores null. */
 void event_release(struct Event *event);
 
 G_END_DECLS

@@ -1,26 +1,30 @@
 #pragma once
 
-/* System-log redirect: sends the process's log to the system log. */
+/* System-log redirect: sends the log lines of the process to the system log. */
 
 #include <glib.h>
 
 G_BEGIN_DECLS
 
 /*
- * From now on every GLib log line of the process, of any domain and from any thread, goes to the
- * system log under `identity` (kept by reference: pass a string that lives as long as the process)
- * with the syslog(3) `facility`, such as LOG_DAEMON. Call it once, before anything can log.
+ * Sends all later GLib log lines of the process to the system log, from every domain and thread.
+ * The daemon calls it once, on the main thread, before anything can be logged. It cannot fail.
  *
- * Levels: critical, warning, info and debug map to their namesakes, message to notice, the first
- * user-defined GLib level (256) to LOG_ERR, the fatal error level to LOG_CRIT. A line with a log
- * domain begins with the domain, a colon and a blank. One line of the log is one line there:
- * control characters and bytes that are not UTF-8 are written as \xNN, and a line of more than
- * 4 KiB is cut and says so.
+ * `identity` is the name in front of each line. It is not copied, so it must stay valid until the
+ * process ends. `facility` is a facility of syslog(3), such as LOG_DAEMON.
  *
- * Where nobody reads the system log, and on a terminal as well, the same lines go to standard
- * error as "IDENTITY[PID]: LEVEL: TEXT", LEVEL being one of fatal, critical, error, warning,
- * notice, info and debug. Debug lines that have a domain are left out there, unless the environment
- * variable G_MESSAGES_DEBUG names the domain or "all".
+ * Levels: critical becomes LOG_CRIT, warning LOG_WARNING, message LOG_NOTICE, info LOG_INFO and
+ * debug LOG_DEBUG. GLib's fatal error level becomes LOG_CRIT. The daemon's own error level, the
+ * first user-defined GLib level (256), becomes LOG_ERR.
+ *
+ * Text: if a line has a log domain, the domain, a colon and a blank come first. Control characters
+ * and bytes that are not UTF-8 become \xNN, so one log line stays one line. Lines of more than
+ * 4 KiB are cut and end with a mark.
+ *
+ * If no system log is running, or if standard error is a terminal, the lines also go to standard
+ * error, as "IDENTITY[PID]: LEVEL: TEXT". LEVEL is fatal, critical, error, warning, notice, info or
+ * debug. Debug lines that have a domain appear there only if the environment variable
+ * G_MESSAGES_DEBUG contains the domain or "all".
  */
 void log_redirect_to_syslog(const char *identity, int facility);
 
