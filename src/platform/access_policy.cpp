@@ -15,32 +15,28 @@ namespace
 
 constexpr size_t CALLERS_MAX = 64;
 
-/* Who stands behind a unique bus name, which a bus gives away only once. */
+/* The owner of a unique bus name. A bus never gives the same unique name to two clients. */
 struct Caller {
     std::string name;
     uid_t uid = 0;
-    std::vector<gid_t> gids = {}; /* empty if the bus knows none */
+    std::vector<gid_t> gids = {}; /* empty if the bus reports none */
 };
 
 struct {
-    sd_bus *bus; /* held once it was needed */
+    sd_bus *bus; /* held from the first check until the process ends */
     std::array<Caller, CALLERS_MAX> callers;
-    size_t next; /* the entry to be replaced next, the oldest */
+    size_t next; /* index of the oldest entry, which the next caller replaces */
 } state;
 
-/* Makes sure of a connection. The names of one bus mean nothing on the next. */
 bool connect_bus(GError **error)
 {
-    if (platform_bus_is_open(state.bus)) {
-        return true;
+    if (!platform_bus_is_open(state.bus)) {
+        state.callers = {}; /* a restarted bus gives the same names to other clients */
     }
-    platform_bus_release(g_steal_pointer(&state.bus));
-    state.callers = {};
-    state.bus = platform_bus_acquire(error);
-    return state.bus != nullptr;
+    return platform_bus_hold(&state.bus, error);
 }
 
-/* Reads the bus driver's a{sv} of what it knows. */
+/* Reads uid and group ids from the bus driver's a{sv}. Returns a negative errno on failure. */
 int read_credentials(sd_bus_message *reply, Caller *caller, bool *has_uid)
 {
     int r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "{sv}");
@@ -75,7 +71,7 @@ int read_credentials(sd_bus_message *reply, Caller *caller, bool *has_uid)
     return r;
 }
 
-/* Asks the bus driver, not the caller, who `sender` is. */
+/* Asks the bus driver for the credentials of `sender`. */
 bool ask_bus(const char *sender, Caller *caller, GError **error)
 {
     g_auto(sd_bus_error) fault = {};
@@ -92,19 +88,19 @@ bool ask_bus(const char *sender, Caller *caller, GError **error)
         return false;
     }
     if (r < 0) {
-        g_set_error(error, PLATFORM_ERROR, -r, "the bus does not say who '%s' is: %s", sender,
-                    fault.message ? fault.message : g_strerror(-r));
+        g_set_error(error, PLATFORM_ERROR, -r, "the bus did not identify the caller '%s': %s",
+                    sender, fault.message ? fault.message : g_strerror(-r));
         return false;
     }
     if (!has_uid) {
-        g_set_error(error, PLATFORM_ERROR, ENODATA, "the bus does not know the user of '%s'",
-                    sender);
+        g_set_error(error, PLATFORM_ERROR, ENODATA,
+                    "the bus does not know the user of the caller '%s'", sender);
         return false;
     }
     return true;
 }
 
-/* Returns who `sender` is, valid until the next call, or null with `error` set. */
+/* Returns the caller `sender`, valid until the next call, or null with `error` set. */
 const Caller *identify(const char *sender, GError **error)
 {
     if (!connect_bus(error)) {
@@ -135,12 +131,12 @@ bool access_policy_init(GError **error)
 bool access_policy_check(const char *sender, const char *action, GError **error)
 {
     if (!sender || !action) {
-        g_set_error(error, PLATFORM_ERROR, EINVAL, "a call without a %s is refused",
+        g_set_error(error, PLATFORM_ERROR, EINVAL, "the call has no %s",
                     sender ? "method name" : "sender");
         return false;
     }
-    if (*sender != ':') { /* a well-known name may change hands */
-        g_set_error(error, PLATFORM_ERROR, EINVAL, "'%s' is no unique bus name", sender);
+    if (*sender != ':') { /* the owner of a well-known name may change */
+        g_set_error(error, PLATFORM_ERROR, EINVAL, "'%s' is not a unique bus name", sender);
         return false;
     }
     const Caller *caller = identify(sender, error);

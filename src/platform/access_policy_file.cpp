@@ -1,17 +1,15 @@
 #include "access_policy_file.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <grp.h>
+#include <optional>
 #include <pwd.h>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
+#include "config_file.h"
 #include "platform_error.h"
 
 namespace
@@ -22,59 +20,25 @@ const char *access_file = "/etc/vesk/access.conf";
 constexpr const char *USERS_KEY = "users";
 constexpr const char *GROUPS_KEY = "groups";
 constexpr const char *EVERYBODY = "*";
-constexpr size_t SIZE_MAX_BYTES = 1U << 20; /* a policy is some lines; beyond is a mistake */
 
 /*
- * A file system stamps a change with a clock that stands still for some milliseconds, so a second
- * change may leave the stamps of the first. A file is taken as unchanged only once its stamps are
- * older than this when it is read.
+ * The kernel takes the time stamps of a file from a clock that ticks every few milliseconds, so two
+ * changes within a tick have the same stamps. A stamp that was younger than this when the file was
+ * read therefore does not prove that the file is unchanged, and the file is read again.
  */
 constexpr gint64 SETTLED_USEC = G_USEC_PER_SEC;
 
-/* What differs when the file at the path changed. */
-struct Stamps {
-    int fault = -1; /* errno of stat(), 0 if it worked, -1 before the first read */
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    gint64 modified_nsec = 0;
-    gint64 changed_nsec = 0;
-
-    bool operator==(const Stamps &) const = default;
-};
-
 struct {
-    Stamps stamps;
-    bool settled;                     /* were the stamps old enough to show the next change? */
-    GKeyFile *groups;                 /* null without a usable file */
-    std::string why_none;             /* why `groups` is null */
-    std::vector<std::string> unknown; /* "key name" that were logged as unknown */
+    std::optional<ConfigFileStamp> stamp; /* of the file when it was read; none before that */
+    bool is_settled;                      /* an equal stamp proves that the file is unchanged */
+    GKeyFile *groups;                     /* null if there is no usable file */
+    std::string why_none;                 /* the reason if `groups` is null */
+    std::vector<std::string> unknown;     /* "KEY NAME" of the unknown names logged so far */
 } policy;
 
-gint64 in_nsec(const struct timespec &time)
+bool is_absent(const ConfigFileStamp &stamp)
 {
-    return static_cast<gint64>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
-Stamps take_stamps()
-{
-    struct stat st = {};
-    if (stat(access_file, &st) < 0) {
-        return {.fault = errno};
-    }
-    return {
-        .fault = 0,
-        .device = st.st_dev,
-        .inode = st.st_ino,
-        .size = st.st_size,
-        .modified_nsec = in_nsec(st.st_mtim),
-        .changed_nsec = in_nsec(st.st_ctim),
-    };
-}
-
-bool is_absent(const Stamps &stamps)
-{
-    return stamps.fault == ENOENT || stamps.fault == ENOTDIR;
+    return stamp.error == ENOENT || stamp.error == ENOTDIR;
 }
 
 bool set_file_error(GError **error, int fault, const char *reason)
@@ -83,48 +47,16 @@ bool set_file_error(GError **error, int fault, const char *reason)
     return false;
 }
 
-/* Reads the whole file from `fd`, which must be a regular one: to read from another may wait for
- * ever. */
-bool read_text(int fd, std::string *text, GError **error)
-{
-    struct stat st = {};
-    if (fstat(fd, &st) < 0) {
-        return set_file_error(error, errno, g_strerror(errno));
-    }
-    if (!S_ISREG(st.st_mode)) {
-        return set_file_error(error, EINVAL, "not a regular file");
-    }
-    std::array<char, 4096> part;
-    for (;;) {
-        const ssize_t length = read(fd, part.data(), part.size());
-        if (length < 0 && errno == EINTR) {
-            continue;
-        }
-        if (length < 0) {
-            return set_file_error(error, errno, g_strerror(errno));
-        }
-        if (length == 0) {
-            return true;
-        }
-        text->append(part.data(), static_cast<size_t>(length));
-        if (text->size() > SIZE_MAX_BYTES) {
-            return set_file_error(error, EFBIG, g_strerror(EFBIG));
-        }
-    }
-}
-
 bool read_file(std::string *text, GError **error)
 {
-    const int fd = open(access_file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) {
-        return set_file_error(error, errno, g_strerror(errno));
-    }
-    const bool read = read_text(fd, text, error);
-    close(fd);
-    return read;
+    const int fault = config_file_read(access_file, text);
+    return fault == 0 ||
+           set_file_error(error, fault, fault == EINVAL ? "not a regular file" : g_strerror(fault));
 }
 
-/* Can every list be read? So that a fault is found when the file is loaded, not when it is asked.
+/*
+ * Returns true if every list can be read. Checking them while the file is loaded reports a mistake
+ * at once, and not only when a caller needs that list.
  */
 bool check_lists(GKeyFile *groups, GError **error)
 {
@@ -142,7 +74,7 @@ bool check_lists(GKeyFile *groups, GError **error)
     return true;
 }
 
-/* Returns the groups of the file's text; g_key_file_unref(). */
+/* Parses the content of the file. The caller frees the result with g_key_file_unref(). */
 GKeyFile *parse(const std::string &text, GError **error)
 {
     g_autoptr(GKeyFile) groups = g_key_file_new();
@@ -154,21 +86,23 @@ GKeyFile *parse(const std::string &text, GError **error)
     return check_lists(groups, error) ? g_steal_pointer(&groups) : nullptr;
 }
 
-/* The stamps are taken before the file is opened: a change in between is found at the next check.
+/*
+ * Reads the file. `stamp` was taken before this call, so the next check notices a change that
+ * happens in between. Returns false if there is a file but it cannot be used.
  */
-bool load(const Stamps &stamps, GError **error)
+bool load(const ConfigFileStamp &stamp, GError **error)
 {
-    if (stamps != policy.stamps) {
+    if (stamp != policy.stamp) {
         policy.unknown.clear();
     }
-    policy.stamps = stamps;
-    policy.settled =
-        stamps.fault != 0 || stamps.changed_nsec / 1000 < g_get_real_time() - SETTLED_USEC;
+    policy.stamp = stamp;
+    policy.is_settled =
+        stamp.error != 0 || stamp.changed_nsec / 1000 < g_get_real_time() - SETTLED_USEC;
     if (policy.groups) {
         g_key_file_unref(g_steal_pointer(&policy.groups));
     }
-    if (is_absent(stamps)) {
-        policy.why_none = std::string("there is no ") + access_file;
+    if (is_absent(stamp)) {
+        policy.why_none = std::string(access_file) + " does not exist";
         return true;
     }
 
@@ -185,20 +119,21 @@ bool load(const Stamps &stamps, GError **error)
     return true;
 }
 
+/* Reads the file again if it may have changed. */
 void refresh()
 {
-    const Stamps stamps = take_stamps();
-    const bool changed = stamps != policy.stamps;
-    if (!changed && policy.settled) {
+    const ConfigFileStamp stamp = config_file_stamp(access_file);
+    const bool changed = stamp != policy.stamp;
+    if (!changed && policy.is_settled) {
         return;
     }
     g_autoptr(GError) error = nullptr;
-    if (!load(stamps, &error) && changed) {
-        g_warning("%sOnly uid 0 is allowed anything until this is mended: %s", "", error->message);
+    if (!load(stamp, &error) && changed) {
+        g_warning("%sOnly root is allowed until this is fixed: %s", "", error->message);
     }
 }
 
-/* Returns the most specific group that covers `action` (g_free()), or null. */
+/* Returns the most specific group for `action`, or null. The caller frees it with g_free(). */
 char *find_group(const char *action)
 {
     g_autofree char *name = g_strdup(action);
@@ -212,7 +147,7 @@ char *find_group(const char *action)
     return g_steal_pointer(&name);
 }
 
-/* Calls one of getpwnam_r() and getgrnam_r() with as large a buffer as the entry needs. */
+/* Calls getpwnam_r() or getgrnam_r() with a buffer that is large enough for the entry. */
 template <typename Entry, typename Id>
 bool look_up(int (*by_name)(const char *, Entry *, char *, size_t, Entry **), Id Entry::*member,
              const char *name, Id *id)
@@ -231,7 +166,10 @@ bool look_up(int (*by_name)(const char *, Entry *, char *, size_t, Entry **), Id
     return true;
 }
 
-/* Turns a user's or a group's number or name into its id; the last 32-bit number is nobody's id. */
+/*
+ * Converts the number or name of a user or group to its id. Refuses 2^32 - 1, which is not an id:
+ * the kernel uses it for "no change".
+ */
 bool resolve(const char *key, const char *name, id_t *id)
 {
     guint64 number = 0;
@@ -250,13 +188,13 @@ void log_unknown_once(const char *group, const char *key, const char *name)
         return;
     }
     policy.unknown.push_back(entry);
-    g_warning("%s%s: '%s' in %s of [%s] is not known here and is skipped", "", access_file, name,
-              key, group);
+    g_warning("%s%s: unknown %s '%s' in [%s] is ignored", "", access_file,
+              strcmp(key, USERS_KEY) == 0 ? "user" : "group", name, group);
 }
 
 /*
- * Does the list `key` of `group` name one of `ids`? Names are looked up each time, so that the
- * answer follows the machine's users and groups.
+ * Returns true if the list `key` of `group` contains one of `ids`. It looks the names up each time,
+ * because users and groups may be added to the machine while the daemon runs.
  */
 bool lists_one(const char *group, const char *key, std::span<const id_t> ids)
 {
@@ -282,11 +220,11 @@ bool lists_one(const char *group, const char *key, std::span<const id_t> ids)
 
 bool access_policy_file_load(GError **error)
 {
-    if (!load(take_stamps(), error)) {
+    if (!load(config_file_stamp(access_file), error)) {
         return false;
     }
     if (!policy.groups) {
-        g_info("%sOnly uid 0 is allowed anything: %s", "", policy.why_none.c_str());
+        g_info("%sOnly root is allowed: %s", "", policy.why_none.c_str());
     }
     return true;
 }
@@ -299,23 +237,25 @@ bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const cha
         if (uid == 0) {
             return true;
         }
-        g_set_error(error, PLATFORM_ERROR, EACCES, "uid %u may not perform %s: %s", uid, action,
-                    policy.why_none.c_str());
+        g_set_error(error, PLATFORM_ERROR, EACCES, "uid %u is not allowed to call %s: %s", uid,
+                    action, policy.why_none.c_str());
         return false;
     }
     g_autofree char *group = find_group(action);
     if (!group) {
         g_set_error(error, PLATFORM_ERROR, EACCES,
-                    "uid %u may not perform %s: no group of %s covers it", uid, action,
-                    access_file);
+                    "uid %u is not allowed to call %s: %s has no group for this method", uid,
+                    action, access_file);
         return false;
     }
     if (lists_one(group, USERS_KEY, {&uid, 1}) || lists_one(group, GROUPS_KEY, gids)) {
         return true;
     }
-    g_set_error(error, PLATFORM_ERROR, EACCES,
-                "uid %u may not perform %s: [%s] of %s lists neither it nor a group of it", uid,
-                action, group, access_file);
+    g_set_error(
+        error, PLATFORM_ERROR, EACCES,
+        "uid %u is not allowed to call %s: [%s] in %s lists neither this user nor any of its "
+        "groups",
+        uid, action, group, access_file);
     return false;
 }
 

@@ -1,28 +1,35 @@
 #pragma once
 
 /*
- * The access policy's file: a key file whose groups are named by an action or by a dotted prefix of
- * one, and list who may perform it:
+ * The file of the access policy. It is a key file. A group is named by an action or by a dotted
+ * prefix of an action, and lists the users and groups that may perform it:
  *
  *     [com.vesk.Sonobrik]
  *     users=root;1000
  *     groups=audio
  *
- * The most specific group that exists decides alone. Names and numbers may be mixed; `*` in `users`
- * is everybody. Where there is no file, uid 0 may do everything and nobody else anything.
+ * If several groups match an action, only the most specific one counts. The lists contain names or
+ * numbers; `*` in `users` means everybody. If the file does not exist, only uid 0 is allowed.
+ *
+ * Main thread only.
  */
 
 #include <glib.h>
 #include <span>
 #include <sys/types.h>
 
-/* Reads the file. False, with path and reason in `error`, when there is one that cannot be used. */
+/*
+ * Reads the file. A missing file is not an error. Returns false if the file exists but cannot be
+ * used, and sets `error` to a text with its path and the reason.
+ */
 bool access_policy_file_load(GError **error);
 
 /*
- * May `uid`, a member of the groups `gids`, perform `action`? Reads the file again if it changed;
- * one that became unusable admits uid 0 only, and is logged once. On refusal sets `error` to a text
- * with the uid, the action, and what in the file decided.
+ * Returns true if `uid`, a member of the groups `gids`, may perform `action`. If not, sets `error`
+ * to a text with the uid, the action, and the group of the file that decided.
+ *
+ * Reads the file again if it has changed. If it can then no longer be used, logs that once and
+ * allows only uid 0.
  */
 bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const char *action,
                                GError **error);

@@ -1,7 +1,6 @@
 #include "alsa_files.h"
 
 #include <alsa/asoundlib.h>
-#include <errno.h>
 #include <glib.h>
 #include <stdlib.h>
 #include <string.h>
@@ -11,43 +10,13 @@
 
 static void add_path(AlsaFiles *files, const std::string &path);
 
-static AlsaFileStamp look_at(const std::string &path)
-{
-    struct stat status;
-    if (stat(path.c_str(), &status) != 0) {
-        AlsaFileStamp missing = {};
-        missing.error = errno;
-        return missing;
-    }
-    return {
-        .error = 0,
-        .device = status.st_dev,
-        .inode = status.st_ino,
-        .mode = status.st_mode,
-        .size = status.st_size,
-        .modified = status.st_mtim,
-        .changed = status.st_ctim,
-    };
-}
-
-static bool same_time(const struct timespec &a, const struct timespec &b)
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-static bool same_stamp(const AlsaFileStamp &a, const AlsaFileStamp &b)
-{
-    return a.error == b.error && a.device == b.device && a.inode == b.inode && a.mode == b.mode &&
-           a.size == b.size && same_time(a.modified, b.modified) && same_time(a.changed, b.changed);
-}
-
 static std::string top_level_files()
 {
     const char *configured = getenv("ALSA_CONFIG_PATH");
     return configured ? configured : std::string(snd_config_topdir()) + "/alsa.conf";
 }
 
-/* Adds a path as the configuration has it, which may begin with "~". */
+/* Adds a path as it is written in the configuration; it may begin with "~". */
 static void add_configured_path(AlsaFiles *files, const std::string &path)
 {
     char *full_path = nullptr;
@@ -57,7 +26,7 @@ static void add_configured_path(AlsaFiles *files, const std::string &path)
     }
 }
 
-/* Adds the pieces of `text` between separators. */
+/* Adds each path of the list `text`. */
 static void add_path_list(AlsaFiles *files, const char *text, const char *separator)
 {
     g_auto(GStrv) paths = g_strsplit(text, separator, -1);
@@ -68,7 +37,8 @@ static void add_path_list(AlsaFiles *files, const char *text, const char *separa
     }
 }
 
-/* Adds what the array `list` of a hook names; an entry may be a choice, "first|||second". */
+/* Adds the paths in the array `list` of a hook. An entry may list alternatives, "first|||second".
+ */
 static void add_hook_files(AlsaFiles *files, snd_config_t *list)
 {
     snd_config_iterator_t position;
@@ -88,9 +58,9 @@ static bool is_compound(const snd_config_t *node)
 }
 
 /*
- * Adds the files of one entry of "@hooks". Names may be made up of functions (the home folder, an
- * environment variable), which alsa-lib works out. Those that need a sound card's number fail: the
- * files of one card define that card and none of the names that are listed.
+ * Adds the files of one entry of "@hooks". alsa-lib evaluates functions in the names, such as the
+ * home folder or an environment variable. Names that need the number of a sound card fail. They can
+ * be ignored: the files of one card define that card, and no PCM that this platform lists.
  */
 static void add_hook(AlsaFiles *files, snd_config_t *hook, snd_config_t *root)
 {
@@ -106,8 +76,9 @@ static void add_hook(AlsaFiles *files, snd_config_t *hook, snd_config_t *root)
 }
 
 /*
- * Takes the hooks out of the tree below `node`. They are evaluated after that: to look up a
- * function in a tree would run the hooks that it still has.
+ * Moves the hooks of the tree below `node` to `hooks`. They must leave the tree before they are
+ * evaluated, because evaluating a function searches the tree and runs the hooks that are still in
+ * it.
  */
 static void take_hooks(snd_config_t *node, std::vector<snd_config_t *> *hooks)
 {
@@ -129,7 +100,7 @@ static void take_hooks(snd_config_t *node, std::vector<snd_config_t *> *hooks)
     }
 }
 
-/* Adds the files that the hooks of the tree `root` name. */
+/* Adds the files that the hooks of the tree `root` load. */
 static void add_hooks(AlsaFiles *files, snd_config_t *root)
 {
     std::vector<snd_config_t *> hooks;
@@ -146,8 +117,8 @@ static void add_hooks(AlsaFiles *files, snd_config_t *root)
 }
 
 /*
- * Adds what stands between "<" and ">", alsa-lib's directive of inclusion. Read from the text,
- * since a file that does not parse may do so because of what it includes.
+ * Adds the files between "<" and ">", which alsa-lib includes. Searches the text and not the parsed
+ * tree, because an error in an included file makes the parsing fail.
  */
 static void add_includes(AlsaFiles *files, std::string_view text)
 {
@@ -172,34 +143,32 @@ static void add_includes(AlsaFiles *files, std::string_view text)
     }
 }
 
-/* Adds what the file `path` refers to. */
+/* Adds the files that the file `path` loads or includes. */
 static void add_references(AlsaFiles *files, const std::string &path)
 {
-    g_autofree char *text = nullptr;
-    gsize length;
-    /* alsa-lib takes a length of zero for "up to the NUL". */
-    if (!g_file_get_contents(path.c_str(), &text, &length, nullptr) || length == 0) {
+    std::string text;
+    if (config_file_read(path.c_str(), &text) != 0) {
         return;
     }
-    add_includes(files, {text, length});
-    /* Loaded by itself, without an update around it, a file keeps its hooks as plain entries. */
+    add_includes(files, text);
+    /* snd_config_load_string() does not run the hooks: they stay in the tree as plain entries. */
     snd_config_t *root = nullptr;
-    if (snd_config_load_string(&root, text, length) >= 0) {
+    if (snd_config_load_string(&root, text.c_str(), text.size()) >= 0) {
         add_hooks(files, root);
         snd_config_delete(root);
     }
 }
 
-/* Adds the file `path` unless it is known, which also ends circles of references. */
+/* Adds the file `path` unless it was added before, as happens when files include each other. */
 static void add_file(AlsaFiles *files, const std::string &path)
 {
-    const auto [entry, is_new] = files->stamps.emplace(path, look_at(path));
+    const auto [entry, is_new] = files->stamps.emplace(path, config_file_stamp(path.c_str()));
     if (is_new && S_ISREG(entry->second.mode)) {
         add_references(files, path);
     }
 }
 
-/* Adds a file, or a folder with its members, as a hook may name either. */
+/* Adds a file, or a folder and its members: a hook may name either. */
 static void add_path(AlsaFiles *files, const std::string &path)
 {
     add_file(files, path);
@@ -230,7 +199,7 @@ bool alsa_files_changed(const AlsaFiles &files)
         return true;
     }
     for (const auto &[path, stamp] : files.stamps) {
-        if (!same_stamp(stamp, look_at(path))) {
+        if (stamp != config_file_stamp(path.c_str())) {
             return true;
         }
     }

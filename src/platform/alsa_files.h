@@ -1,40 +1,33 @@
 #pragma once
 
 /*
- * The files and folders that make up the ALSA configuration, and whether one of them changed.
+ * Finds the files and folders of the ALSA configuration, and detects that one has changed.
  *
- * alsa-lib itself looks again only at its top-level file, not at what that loads: an edit of
- * /etc/asound.conf or a new file in /etc/alsa/conf.d passes unnoticed.
+ * alsa-lib cannot do this: it only watches its top-level file. It misses an edit of
+ * /etc/asound.conf and a new file in /etc/alsa/conf.d, which the top-level file loads.
+ *
+ * Main thread only.
  */
 
 #include <map>
 #include <string>
-#include <sys/types.h>
-#include <time.h>
 
-/* How a file or folder looked; whatever happens to it changes this. */
-struct AlsaFileStamp {
-    int error; /* errno value where there was nothing to look at; all else is zero then */
-    dev_t device;
-    ino_t inode;
-    mode_t mode;
-    off_t size;
-    struct timespec modified;
-    struct timespec changed;
-};
+#include "config_file.h"
 
 struct AlsaFiles {
-    std::string top_level;                       /* as configured: paths separated by colons */
-    std::map<std::string, AlsaFileStamp> stamps; /* by path; missing ones may appear */
+    std::string top_level;                         /* as configured: paths separated by colons */
+    std::map<std::string, ConfigFileStamp> stamps; /* by path, also of paths that do not exist */
 };
 
 /*
- * Returns all that the configuration consists of now: the top-level files, what their "load" hooks
- * name, what either includes, and so on; the members of folders, and paths where nothing is yet. A
- * path too many does no harm, so parts that cannot be understood are searched as far as possible.
- * What alsa-lib says about such parts goes to the thread's error handler.
+ * Returns everything that the configuration consists of now: the top-level files, the files that
+ * they load or include, and so on. Folders and their members are listed, and so are paths that do
+ * not exist yet.
+ *
+ * Parts with errors are searched as far as possible, because a superfluous path does no harm. The
+ * messages of alsa-lib about such parts go to the thread's error handler.
  */
 AlsaFiles alsa_files_find();
 
-/* Does anything look different from when `files` was returned? */
+/* Returns true if any of the files has changed since `files` was returned. */
 bool alsa_files_changed(const AlsaFiles &files);

@@ -12,8 +12,8 @@
 
 struct ChangeNotifier {
     std::string path; /* of the object that announces the changes */
-    sd_bus *bus;      /* held; not open after a loss, until the next use */
-    bool has_change;  /* one was begun and not sent */
+    sd_bus *bus;      /* held; if it is lost, the next use replaces it */
+    bool has_change;  /* a change was started and not yet sent */
     std::vector<std::pair<std::string, std::string>> values; /* of that change */
 };
 
@@ -22,20 +22,9 @@ namespace
 
 constexpr const char *INTERFACE_NAME = "com.vesk.ConfigurationChanges1";
 
-/* Makes sure that the notifier has a connection that works. */
-bool connect_bus(ChangeNotifier *notifier, GError **error)
+bool set_invalid(GError **error, const char *reason)
 {
-    if (platform_bus_is_open(notifier->bus)) {
-        return true;
-    }
-    platform_bus_release(g_steal_pointer(&notifier->bus));
-    notifier->bus = platform_bus_acquire(error);
-    return notifier->bus != nullptr;
-}
-
-bool set_invalid(GError **error, const char *what)
-{
-    g_set_error(error, PLATFORM_ERROR, EINVAL, "%s", what);
+    g_set_error_literal(error, PLATFORM_ERROR, EINVAL, reason);
     return false;
 }
 
@@ -79,20 +68,19 @@ ChangeNotifier *change_notifier_new(const char *source_name, EventProducer *prod
 {
     const std::string path =
         std::string("/com/vesk/ConfigurationChanges1/") + (source_name ? source_name : "");
-    /* The source is one element of the path; a "/" in its name would make it several. */
+    /* The name becomes one element of the path; a "/" in it would make several. */
     if (!source_name || strchr(source_name, '/') ||
         sd_bus_object_path_is_valid(path.c_str()) <= 0) {
-        set_invalid(error, "the source of changes needs a name of letters, digits and underscores");
+        set_invalid(error, "the source name must consist of letters, digits and underscores");
         return nullptr;
     }
     if (!producer) {
-        set_invalid(error,
-                    "changes are announced on behalf of an event producer, and there is none");
+        set_invalid(error, "the event producer is missing");
         return nullptr;
     }
     auto *notifier = new ChangeNotifier{};
     notifier->path = path;
-    if (!connect_bus(notifier, error)) {
+    if (!platform_bus_hold(&notifier->bus, error)) {
         delete notifier;
         return nullptr;
     }
@@ -107,14 +95,14 @@ void change_notifier_free(ChangeNotifier *notifier)
     }
 }
 
-/* The signal says with each change what it refers to, so all that a declaration can be is wrong. */
+/* Only checks the names, and stores nothing: each signal carries its names itself. */
 bool change_notifier_declare(ChangeNotifier *notifier, const char *service, const char *object_path,
                              const char *interface, GError **error)
 {
     if (!notifier || !service || sd_bus_service_name_is_valid(service) <= 0 || !object_path ||
         sd_bus_object_path_is_valid(object_path) <= 0 || !interface ||
         sd_bus_interface_name_is_valid(interface) <= 0) {
-        return set_invalid(error, "changes refer to a service, an object path and an interface");
+        return set_invalid(error, "the service, object path or interface is missing or invalid");
     }
     return true;
 }
@@ -142,10 +130,10 @@ bool change_notifier_send(ChangeNotifier *notifier, const char *service, const c
 {
     if (!notifier || !notifier->has_change || !service || !object_path || !interface ||
         !entry_path) {
-        return set_invalid(error, "a change is begun, and refers to an entry, before it is sent");
+        return set_invalid(error, "no change was started, or a name of its entry is missing");
     }
     const bool is_sent =
-        connect_bus(notifier, error) &&
+        platform_bus_hold(&notifier->bus, error) &&
         send_signal(notifier, service, object_path, interface, entry_path, is_change, error);
     notifier->has_change = false;
     notifier->values.clear();

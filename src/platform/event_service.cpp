@@ -12,17 +12,17 @@
 struct EventProducer {
     std::string bus_name;
     std::string path; /* of the object manager */
-    sd_bus *bus;      /* held; null or not open after a loss, until the next use */
+    sd_bus *bus;      /* held; if it is lost, the next use replaces it */
     sd_bus_slot *manager;
-    bool has_name;                                     /* on `bus` */
-    std::vector<std::unique_ptr<EventObject>> objects; /* the event of id 1 first */
-    std::vector<GSource *> due;                        /* callbacks to come, owned */
+    bool has_name;                                     /* owns `bus_name` on `bus` */
+    std::vector<std::unique_ptr<EventObject>> objects; /* the event with id 1 comes first */
+    std::vector<GSource *> due;                        /* pending callbacks, one reference each */
 };
 
 namespace
 {
 
-/* A callback on its way through the main loop. One of `declared` and `sent` is set. */
+/* A callback that the main loop will call. Either `declared` or `sent` is set. */
 struct Delivery {
     EventProducer *producer;
     GSource *source = nullptr;
@@ -30,7 +30,7 @@ struct Delivery {
     EventDeclaredCallback declared = nullptr;
     EventSentCallback sent = nullptr;
     void *user_data = nullptr;
-    GError *error = nullptr; /* owned, until `sent` takes it */
+    GError *error = nullptr; /* owned until `sent` receives it */
 };
 
 void delivery_free(gpointer data)
@@ -43,9 +43,9 @@ void delivery_free(gpointer data)
 gboolean deliver(gpointer data)
 {
     auto *delivery = static_cast<Delivery *>(data);
-    /* First of all, since the callback may close the producer. */
+    /* Must come before the callback, which may close and free the producer. */
     std::erase(delivery->producer->due, delivery->source);
-    g_source_unref(delivery->source); /* the loop holds it while it is dispatched */
+    g_source_unref(delivery->source); /* the loop holds its own reference during the dispatch */
     if (delivery->declared) {
         delivery->declared(delivery->id, delivery->user_data);
     } else {
@@ -55,8 +55,9 @@ gboolean deliver(gpointer data)
 }
 
 /*
- * Has the callback called by the loop's next turn: at the default priority, so that it comes before
- * anything that waits in an idle source.
+ * Calls the callback in the next turn of the loop. The default priority puts it before idle
+ * sources, because the daemon waits in an idle source for a declaration to be acknowledged, and
+ * gives up after a few turns.
  */
 void deliver_later(Delivery *delivery)
 {
@@ -68,7 +69,7 @@ void deliver_later(Delivery *delivery)
     g_source_attach(source, nullptr);
 }
 
-/* Leaves the connection, with whatever of the producer is on it. */
+/* Removes the producer's objects and name from the bus, and releases the connection. */
 void disconnect(EventProducer *producer)
 {
     for (const auto &object : producer->objects) {
@@ -76,7 +77,7 @@ void disconnect(EventProducer *producer)
     }
     producer->manager = sd_bus_slot_unref(producer->manager);
     if (producer->has_name && platform_bus_is_open(producer->bus)) {
-        /* Not waited for: a bus that hangs must not hold up the daemon's end. */
+        /* Does not wait for the reply: a bus that hangs must not delay the daemon's exit. */
         sd_bus_release_name_async(producer->bus, nullptr, producer->bus_name.c_str(), nullptr,
                                   nullptr);
     }
@@ -96,8 +97,8 @@ int publish(EventProducer *producer)
 }
 
 /*
- * Makes sure that the producer is on the bus: after a loss it comes back with its events, and they
- * with the values that were sent last.
+ * Connects the producer unless it is connected. After a loss it publishes the events again, with
+ * the values that were sent last.
  */
 bool connect_bus(EventProducer *producer, GError **error)
 {
@@ -105,11 +106,10 @@ bool connect_bus(EventProducer *producer, GError **error)
         return true;
     }
     disconnect(producer);
-    producer->bus = platform_bus_acquire(error);
-    if (!producer->bus) {
+    if (!platform_bus_hold(&producer->bus, error)) {
         return false;
     }
-    /* The name last: whoever waits for it finds the objects there. */
+    /* The name comes last, so that clients that wait for it find the objects. */
     int r = publish(producer);
     if (r >= 0) {
         r = sd_bus_request_name(producer->bus, producer->bus_name.c_str(), 0);
@@ -134,7 +134,7 @@ Event *new_occurrence(const EventObject &object)
     return new Event{object.id, object.description, object.values};
 }
 
-/* Lets the initialiser of a stateful event set the object's first values. */
+/* Runs the initialiser of a stateful event, which sets the object's first values. */
 bool initialise_state(EventObject *object)
 {
     const EventTemplate &description = *object->description;
@@ -163,12 +163,12 @@ std::unique_ptr<EventObject> new_object(const EventProducer *producer,
     return object;
 }
 
-/* Sends `event`, and keeps its values as those that were sent last. */
+/* Sends `event` and remembers its values as those that were sent last. */
 bool send(EventProducer *producer, const Event *event, GError **error)
 {
     EventObject *object = find_object(producer, event->id);
     if (!object || object->description != event->description) {
-        g_set_error(error, PLATFORM_ERROR, EINVAL, "the event is none of %s",
+        g_set_error(error, PLATFORM_ERROR, EINVAL, "the event does not belong to %s",
                     producer->bus_name.c_str());
         return false;
     }
@@ -184,7 +184,7 @@ bool send(EventProducer *producer, const Event *event, GError **error)
     return true;
 }
 
-/* Checks the producer's name, which becomes an element of a bus name and of object paths. */
+/* Returns true if `name` can be an element of a bus name and of an object path. */
 bool is_producer_name(const char *name, const std::string &bus_name)
 {
     return *name && strspn(name, G_CSET_A_2_Z G_CSET_a_2_z G_CSET_DIGITS "_") == strlen(name) &&
@@ -201,7 +201,7 @@ EventProducer *event_service_open(const char *name)
     }
     const std::string bus_name = std::string("com.vesk.Events1.") + name;
     if (!is_producer_name(name, bus_name)) {
-        g_warning("%s'%s' is no name for an event producer", "", name);
+        g_warning("%s'%s' is not a valid name for an event producer", "", name);
         return nullptr;
     }
     auto *producer = new EventProducer{};
@@ -248,7 +248,7 @@ unsigned int event_service_declare_notify(EventProducer *producer,
     }
     std::unique_ptr<EventObject> object = new_object(producer, *event_template);
     if (!initialise_state(object.get())) {
-        g_warning("%sAn event cannot be declared: its state '%s' has no initial value", "",
+        g_warning("%sAn event cannot be declared: its initialiser did not set the state '%s'", "",
                   event_template->state_key.c_str());
         return 0;
     }

@@ -1,54 +1,17 @@
 #include "platform/param.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
+#include "config_file.h"
 #include "param_file.h"
 
 static const char *parameters_file = "/etc/vesk/parameters.conf";
 
-/* Far beyond any real list of parameters; keeps a device node or a mistake from filling memory. */
-static constexpr size_t MAX_FILE_SIZE = 1024 * 1024;
-
-/* Reads all that `fd` holds. Returns 0 or an errno value. */
-static int read_all(int fd, std::string *content)
-{
-    char buffer[4096];
-    for (;;) {
-        const ssize_t count = read(fd, buffer, sizeof buffer);
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return errno;
-        }
-        if (count == 0) {
-            return 0;
-        }
-        if (content->size() + static_cast<size_t>(count) > MAX_FILE_SIZE) {
-            return EFBIG;
-        }
-        content->append(buffer, static_cast<size_t>(count));
-    }
-}
-
-static int read_file(const char *path, std::string *content)
-{
-    /* O_NONBLOCK: a FIFO in the file's place must not hold the caller. */
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        return errno;
-    }
-    const int error = read_all(fd, content);
-    close(fd);
-    return error;
-}
-
-/* A carriage return counts as blank, so that a file written elsewhere reads alike. */
+/* Removes blanks at both ends. A carriage return is a blank too: Windows editors end lines with it.
+ */
 static std::string_view trim(std::string_view text)
 {
     constexpr std::string_view blanks = " \t\r";
@@ -59,12 +22,13 @@ static std::string_view trim(std::string_view text)
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-/* The value that `line` gives to `name`, if it does. */
+/* Returns the value if `line` sets the parameter `name`. */
 static std::optional<std::string_view> match_line(std::string_view line, std::string_view name)
 {
     line = trim(line);
     const size_t equals = line.find('=');
-    /* A value is handed out as a C string: a line with a NUL would come out shorter than it is. */
+    /* The value is returned as a C string, which a NUL would truncate, so such a line is skipped.
+     */
     if (line.starts_with('#') || equals == std::string_view::npos ||
         line.find('\0') != std::string_view::npos) {
         return std::nullopt;
@@ -76,6 +40,7 @@ static std::optional<std::string_view> match_line(std::string_view line, std::st
     return trim(line.substr(equals + 1));
 }
 
+/* Returns the value of `name`; the last line that sets it wins. */
 static std::optional<std::string_view> find_value(std::string_view content, std::string_view name)
 {
     std::optional<std::string_view> found;
@@ -106,7 +71,7 @@ char *param_get(const char *name, const struct ParamOptions *options, int *error
         return nullptr;
     }
     std::string content;
-    if (const int error = read_file(parameters_file, &content)) {
+    if (const int error = config_file_read(parameters_file, &content)) {
         *error_code = error;
         return nullptr;
     }

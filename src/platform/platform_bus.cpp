@@ -10,8 +10,7 @@ namespace
 
 uint64_t timeout_usec = UINT64_C(5000) * 1000;
 
-/* A peer that floods the connection gets no more than this many messages served per turn of the
- * loop, so that the loop's other sources go on. */
+/* The most messages handled per turn of the loop. Other sources must run while a peer floods us. */
 constexpr unsigned MESSAGES_PER_TURN = 64;
 
 struct BusSource {
@@ -21,21 +20,21 @@ struct BusSource {
 };
 
 struct {
-    sd_bus *bus; /* one reference; null when there is no connection */
+    sd_bus *bus; /* one reference; null if there is no connection */
     GSource *source;
     unsigned holders;
 } shared;
 
 /*
- * Has sd-bus something to do that no descriptor announces: a call that timed out, or messages in
- * its read queue, which a synchronous call put there while it waited for its own answer? Otherwise
- * `*timeout_ms` says when it will have (-1: never).
+ * Returns true if sd-bus has work that poll() does not show: a call that has timed out, or messages
+ * that a synchronous call queued while it waited for its own reply. Otherwise stores in
+ * `*timeout_ms` when there will be such work, or -1 for never.
  */
 bool is_due(sd_bus *bus, gint *timeout_ms)
 {
     uint64_t due = UINT64_MAX;
     if (sd_bus_get_timeout(bus, &due) < 0) {
-        return true; /* closed: to be found out by dispatch */
+        return true; /* closed; dispatch will find that out */
     }
     *timeout_ms = -1;
     if (due == UINT64_MAX) {
@@ -51,8 +50,9 @@ bool is_due(sd_bus *bus, gint *timeout_ms)
 }
 
 /*
- * Prepare and check keep nothing between them but the events to poll for, which are set anew each
- * time: when other threads add or remove sources meanwhile, GLib calls prepare again without check.
+ * Prepare and check share no state but the events to poll for, which each prepare sets again. GLib
+ * does not always call check after prepare: if another thread adds or removes a source, it calls
+ * prepare again.
  */
 gboolean bus_source_prepare(GSource *base, gint *timeout_ms)
 {
@@ -69,17 +69,17 @@ gboolean bus_source_check(GSource *base)
     return source->poll.revents != 0 || is_due(source->bus, &timeout_ms);
 }
 
-/* Parts with the shared connection, which closes; its holders' references stay valid. */
+/* Closes the shared connection. Its holders still have valid references to it. */
 void drop_shared()
 {
     g_source_destroy(shared.source);
     g_source_unref(shared.source);
-    sd_bus_close(shared.bus); /* queued messages refer to the connection and would keep it */
+    sd_bus_close(shared.bus); /* queued messages hold references, so unref alone may not close it */
     sd_bus_unref(shared.bus);
     shared = {};
 }
 
-/* Logs the loss; a call may find it before the loop does. */
+/* Logs that the shared connection was lost, and closes it. */
 void lose_shared(int reason)
 {
     g_warning("%sThe platform's connection to the system bus was lost: %s.", "",
@@ -93,7 +93,7 @@ gboolean bus_source_dispatch(GSource *base, GSourceFunc, gpointer)
     int r = 1;
     for (unsigned i = 0; r > 0 && i < MESSAGES_PER_TURN; i++) {
         r = sd_bus_process(source->bus, nullptr);
-        if (g_source_is_destroyed(base)) { /* released by what was called */
+        if (g_source_is_destroyed(base)) { /* a callback released the connection */
             return G_SOURCE_REMOVE;
         }
     }
@@ -125,7 +125,9 @@ GSource *bus_source_new(sd_bus *bus)
     return base;
 }
 
-/* Opening only starts the log-in, which a bus that hangs never ends: wait for it, but not for ever.
+/*
+ * Waits until the connection is ready for use. sd_bus_open_system() only starts the authentication,
+ * and a bus that hangs never finishes it. Returns a negative errno on failure.
  */
 int wait_until_ready(sd_bus *bus)
 {
@@ -168,16 +170,21 @@ bool open_shared(GError **error)
 
 } // namespace
 
-sd_bus *platform_bus_acquire(GError **error)
+bool platform_bus_hold(sd_bus **bus, GError **error)
 {
+    if (platform_bus_is_open(*bus)) {
+        return true;
+    }
+    platform_bus_release(g_steal_pointer(bus));
     if (shared.bus && !platform_bus_is_open(shared.bus)) {
         lose_shared(ECONNRESET);
     }
     if (!shared.bus && !open_shared(error)) {
-        return nullptr;
+        return false;
     }
     shared.holders++;
-    return sd_bus_ref(shared.bus);
+    *bus = sd_bus_ref(shared.bus);
+    return true;
 }
 
 bool platform_bus_is_open(sd_bus *bus)

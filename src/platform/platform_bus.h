@@ -1,10 +1,13 @@
 #pragma once
 
 /*
- * The platform's own connection to the system bus, which its services share. It is served by the
- * default main context.
+ * The platform's connection to the system bus. The access policy, the events and the change notices
+ * share it. The default main context serves it.
  *
- * Main thread only; a forked child must not use the connection of its parent.
+ * The daemon has its own code for bus connections. The platform must not use it: a device can build
+ * parts of this platform into a library that knows nothing of the daemon.
+ *
+ * Main thread only. A forked child must not use the connection of its parent.
  */
 
 #include <glib.h>
@@ -14,25 +17,28 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus_message, sd_bus_message_unref)
 G_DEFINE_AUTO_CLEANUP_CLEAR_FUNC(sd_bus_error, sd_bus_error_free)
 
 /*
- * Returns the shared connection, ready for use and held for the caller until
- * platform_bus_release(). Opens one when there is none, or when the last one was lost; that may
- * take a few seconds on a bus that does not answer. Null, with `error` set, when the bus cannot be
- * reached.
+ * Makes `*bus` the shared connection, open and held for the caller. `*bus` is null or a connection
+ * that an earlier call returned:
  *
- * Whoever registers something keeps its slots and frees them before the release. Calls that wait
- * for an answer are bounded by the same few seconds.
+ * - If it is open, nothing happens.
+ * - If it is null, the caller becomes a holder. The first holder opens the connection.
+ * - If it was lost, it is released and replaced by a new connection. The caller must free its slots
+ *   before this call and register its objects on the new connection.
  *
- * A connection that is lost is logged once. Its holders find it not open (platform_bus_is_open()):
- * they release it, acquire the next one, and register there anew what they had registered.
+ * Returns false, leaves null in `*bus` and sets `error` if the bus cannot be reached. Waits at most
+ * a few seconds for a bus that does not answer; calls on the connection have the same limit.
  */
-sd_bus *platform_bus_acquire(GError **error);
+bool platform_bus_hold(sd_bus **bus, GError **error);
 
-/* Is `bus` there and not lost? */
+/* Returns true if `bus` is not null and was not lost. */
 bool platform_bus_is_open(sd_bus *bus);
 
 /*
- * Gives a held connection back; null does nothing. The last holder's release closes it, after what
- * was sent has left the process.
+ * Releases a held connection, whose slots the caller has freed. Ignores null. When the last holder
+ * releases it, the connection sends what is queued and closes.
+ *
+ * A lost connection is logged once, when the main loop, platform_bus_hold() or the last release
+ * notices the loss.
  */
 void platform_bus_release(sd_bus *bus);
 

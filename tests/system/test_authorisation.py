@@ -22,8 +22,8 @@ def assert_refused(player, method, text=""):
 
 
 def refused_by(group, uid=0, method="StopPlayingClip"):
-    return (f"info: Failed to authorize: uid {uid} may not perform {NAME}.{method}: [{group}] of "
-            f"{POLICY} lists neither it nor a group of it")
+    return (f"info: Failed to authorize: uid {uid} is not allowed to call {NAME}.{method}: "
+            f"[{group}] in {POLICY} lists neither this user nor any of its groups")
 
 
 @pytest.fixture
@@ -137,8 +137,8 @@ def test_a_caller_who_is_not_listed_is_refused(sandbox, serve, policy, group):
 def test_without_a_group_for_it_a_call_is_refused(sandbox, serve, policy):
     assert_refused(serve(policy), "StopPlayingClip")
     assert sandbox.daemon.texts == START + [
-        f"info: Failed to authorize: uid 0 may not perform {NAME}.StopPlayingClip: no group of "
-        f"{POLICY} covers it"]
+        f"info: Failed to authorize: uid 0 is not allowed to call {NAME}.StopPlayingClip: "
+        f"{POLICY} has no group for this method"]
 
 
 def test_an_unknown_name_is_skipped_and_told_once(sandbox, serve):
@@ -146,13 +146,13 @@ def test_an_unknown_name_is_skipped_and_told_once(sandbox, serve):
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
     assert [text for text in sandbox.daemon.texts[len(START):] if text.startswith("warning")] == [
-        f"warning: {POLICY}: 'alibi' in users of [{NAME}] is not known here and is skipped"]
+        f"warning: {POLICY}: unknown user 'alibi' in [{NAME}] is ignored"]
 
 
 def test_without_a_file_root_alone_is_served_and_the_log_says_so(sandbox, serve):
     assert serve(None).call("StopPlayingClip") == "OK"
     assert sandbox.daemon.texts[len(START)] == (
-        f"info: Only uid 0 is allowed anything: there is no {POLICY}")
+        f"info: Only root is allowed: {POLICY} does not exist")
 
 
 # Edits while it runs
@@ -184,7 +184,7 @@ def test_a_broken_edit_leaves_root_alone_and_is_told_once(sandbox, serve):
     sandbox.set_access("nonsense\n")
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
-    told = (f"warning: Only uid 0 is allowed anything until this is mended: {POLICY}: "
+    told = (f"warning: Only root is allowed until this is fixed: {POLICY}: "
             "Key file contains line “nonsense” which is not a key-value pair, group, or comment")
     assert sandbox.daemon.texts.count(told) == 1
     sandbox.set_access({NAME: {"users": "nobody"}})
@@ -226,13 +226,13 @@ def test_another_user_is_refused_without_a_file_and_with_a_broken_one(sandbox, s
     serve(None)
     assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
     assert sandbox.daemon.texts[-1] == (
-        f"info: Failed to authorize: uid {NOBODY} may not perform {NAME}.StopPlayingClip: there is "
-        f"no {POLICY}")
+        f"info: Failed to authorize: uid {NOBODY} is not allowed to call {NAME}.StopPlayingClip: "
+        f"{POLICY} does not exist")
     sandbox.set_access("nonsense\n")
     assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
     assert sandbox.daemon.texts[-1] == (
-        f"info: Failed to authorize: uid {NOBODY} may not perform {NAME}.StopPlayingClip: {POLICY} "
-        "cannot be used")
+        f"info: Failed to authorize: uid {NOBODY} is not allowed to call {NAME}.StopPlayingClip: "
+        f"{POLICY} cannot be used")
 
 
 @pytest.mark.needs_root

@@ -1,6 +1,7 @@
 #pragma once
 
-/* A test with a producer on a private bus, and the two kinds of event that the daemon declares. */
+/* A fixture with a producer on a private bus, and the two kinds of event that the daemon declares.
+ */
 
 #include <vector>
 
@@ -13,10 +14,10 @@ inline constexpr const char *SERVICE = "com.vesk.Events1.SonoBrikEvents";
 inline constexpr const char *OBJECT = "/com/vesk/Events1/SonoBrikEvents/1";
 inline constexpr const char *INTERFACE = "com.vesk.Events1.Event";
 
-/* The outcomes that a producer's callbacks told, oldest first. */
+/* The outcomes that the producer's callbacks reported, oldest first. */
 struct Told {
     std::vector<std::string> lines;
-    EventProducer *to_close = nullptr; /* by the next callback */
+    EventProducer *to_close = nullptr; /* the next callback closes it */
 
     static void note(void *user_data, std::string line)
     {
@@ -67,7 +68,7 @@ class EventService : public BusTest
         event_service_close(producer);
     }
 
-    /* An event with keys of all types: two topics, two numbers with a value, one key without. */
+    /* Returns an event with two topics, two numbers and the key `data_key` without a value. */
     static EventTemplate *make_template(const char *name, const char *data_key, EventValueType type)
     {
         EventTemplate *made = event_template_new();
@@ -126,7 +127,7 @@ class EventService : public BusTest
         return bus_get(stranger, SERVICE, object, INTERFACE, property);
     }
 
-    /* Everything that was to be heard or told so far is. */
+    /* Waits until all signals have arrived and all callbacks have run. */
     void settle()
     {
         bus_call(stranger, SERVICE, "/", "org.freedesktop.DBus.Peer", "Ping");

@@ -27,7 +27,7 @@ class AccessPolicy : public BusTest
         platform_bus_set_timeout(IMPATIENT_USEC);
     }
 
-    /* The service keeps its connection: the next test's bus finds it lost. */
+    /* The service keeps its connection, so the loop must notice its loss before the next test. */
     ~AccessPolicy() override
     {
         bus.stop();
@@ -53,7 +53,7 @@ class AccessPolicy : public BusTest
         return check(g_dbus_connection_get_unique_name(peer));
     }
 
-    /* A client of another user, who must have an account, or the bus turns it away; root only. */
+    /* Connects as another user; needs root. The bus refuses users that have no account. */
     GDBusConnection *connect_as(uid_t uid, gid_t gid, const std::vector<gid_t> &more)
     {
         EXPECT_EQ(setgroups(more.size(), more.data()), 0);
@@ -106,28 +106,28 @@ TEST_F(AccessPolicy, RefusesWhoIsNotListed)
     init("[com.vesk.Sonobrik]\nusers=4242\n");
     EXPECT_EQ(check(stranger),
               "uid " + std::to_string(geteuid()) +
-                  " may not perform com.vesk.Sonobrik.PlayClip: "
-                  "[com.vesk.Sonobrik] of access.conf lists neither it nor a group "
-                  "of it");
+                  " is not allowed to call com.vesk.Sonobrik.PlayClip: "
+                  "[com.vesk.Sonobrik] in access.conf lists neither this user nor any of its "
+                  "groups");
 }
 
 TEST_F(AccessPolicy, TellsUsersApart)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root has a second user at hand";
+        GTEST_SKIP() << "only root can connect as a second user";
     }
     init("[com.vesk.Sonobrik]\nusers=0\n");
     g_autoptr(GDBusConnection) other = connect_as(NOBODY, 65534, {});
     EXPECT_EQ(check(stranger), "admitted");
     EXPECT_EQ(check(other),
-              "uid 65534 may not perform com.vesk.Sonobrik.PlayClip: "
-              "[com.vesk.Sonobrik] of access.conf lists neither it nor a group of it");
+              "uid 65534 is not allowed to call com.vesk.Sonobrik.PlayClip: "
+              "[com.vesk.Sonobrik] in access.conf lists neither this user nor any of its groups");
 }
 
 TEST_F(AccessPolicy, KnowsSupplementaryGroups)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root has other groups at hand";
+        GTEST_SKIP() << "only root can connect with other groups";
     }
     init("[com.vesk.Sonobrik]\ngroups=4343\n");
     g_autoptr(GDBusConnection) member = connect_as(NOBODY, 65534, {29, 4343});
@@ -137,19 +137,19 @@ TEST_F(AccessPolicy, KnowsSupplementaryGroups)
 TEST_F(AccessPolicy, RefusesANullSender)
 {
     init("[com.vesk.Sonobrik]\nusers=*\n");
-    EXPECT_EQ(check(nullptr, ACTION), "a call without a sender is refused");
+    EXPECT_EQ(check(nullptr, ACTION), "the call has no sender");
 }
 
 TEST_F(AccessPolicy, RefusesANullAction)
 {
     init("[com.vesk.Sonobrik]\nusers=*\n");
-    EXPECT_EQ(check(":1.0", nullptr), "a call without a method name is refused");
+    EXPECT_EQ(check(":1.0", nullptr), "the call has no method name");
 }
 
 TEST_F(AccessPolicy, RefusesASenderThatIsNoUniqueName)
 {
     init("[com.vesk.Sonobrik]\nusers=*\n");
-    EXPECT_EQ(check("org.freedesktop.DBus"), "'org.freedesktop.DBus' is no unique bus name");
+    EXPECT_EQ(check("org.freedesktop.DBus"), "'org.freedesktop.DBus' is not a unique bus name");
 }
 
 TEST_F(AccessPolicy, RefusesASenderThatHasLeft)
@@ -161,8 +161,8 @@ TEST_F(AccessPolicy, RefusesASenderThatHasLeft)
 TEST_F(AccessPolicy, RefusesASenderThatTheBusCannotRead)
 {
     init("[com.vesk.Sonobrik]\nusers=*\n");
-    EXPECT_EQ(check(":\xff"), "the bus does not say who ':\xff' is: Invalid argument");
-    EXPECT_EQ(check(stranger), "admitted") << "the connection suffered";
+    EXPECT_EQ(check(":\xff"), "the bus did not identify the caller ':\xff': Invalid argument");
+    EXPECT_EQ(check(stranger), "admitted") << "the connection is broken";
 }
 
 TEST_F(AccessPolicy, AsksTheBusOnceAboutACaller)
@@ -181,7 +181,8 @@ TEST_F(AccessPolicy, RefusesWhileTheBusDoesNotAnswerAndAsksAgainLater)
     EXPECT_EQ(check(stranger), "admitted");
     bus.freeze();
     const std::string name = g_dbus_connection_get_unique_name(other);
-    EXPECT_EQ(check(other), "the bus does not say who '" + name + "' is: Connection timed out");
+    EXPECT_EQ(check(other),
+              "the bus did not identify the caller '" + name + "': Connection timed out");
     bus.thaw();
     EXPECT_EQ(check(other), "admitted");
 }
@@ -210,7 +211,7 @@ TEST_F(AccessPolicy, RefusesWithoutABusAndRecoversWithIt)
     init(policy_for_me());
     EXPECT_EQ(check(stranger), "admitted");
     bus.stop();
-    EXPECT_NE(check(":1.4242"), "admitted"); /* the call finds the loss before the loop does */
+    EXPECT_NE(check(":1.4242"), "admitted"); /* this call notices the loss before the loop does */
     EXPECT_EQ(check(":1.0"), "The system bus cannot be reached: No such file or directory");
     expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
     bus.start();
@@ -221,16 +222,17 @@ TEST_F(AccessPolicy, RefusesWithoutABusAndRecoversWithIt)
 TEST_F(AccessPolicy, DoesNotTakeACallerForOneOfAnEarlierBus)
 {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "only root has a second user at hand";
+        GTEST_SKIP() << "only root can connect as a second user";
     }
     init("[com.vesk.Sonobrik]\nusers=0\n");
     const std::string name = g_dbus_connection_get_unique_name(stranger);
     EXPECT_EQ(check(stranger), "admitted");
     bus.stop();
-    EXPECT_NE(check(":1.4242"), "admitted"); /* the call finds the loss before the loop does */
+    EXPECT_NE(check(":1.4242"), "admitted"); /* this call notices the loss before the loop does */
     bus.start();
     g_autoptr(GDBusConnection) other = connect_as(NOBODY, 65534, {});
-    ASSERT_EQ(name, g_dbus_connection_get_unique_name(other)) << "a bus counts its clients anew";
+    ASSERT_EQ(name, g_dbus_connection_get_unique_name(other))
+        << "the new bus must give the same name again";
     EXPECT_NE(check(other), "admitted");
     expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
 }

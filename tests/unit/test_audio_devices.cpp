@@ -6,7 +6,7 @@
 #include <dlfcn.h>
 #include <vector>
 
-/* One operation of this header is declared as C++ unless the header is told. */
+/* The header declares snd_lib_error_set_local() without extern "C". */
 extern "C" {
 #include <alsa/error.h>
 }
@@ -15,7 +15,7 @@ extern "C" {
 #include "log_test.h"
 #include "temp_dir.h"
 
-/* How often the configuration was loaded, and the failure that loads shall have. */
+/* Counts the loads of the configuration. If `load_failure` is not 0, each load fails with it. */
 static int loads;
 static int load_failure;
 
@@ -31,7 +31,7 @@ extern "C" int snd_config_update_r(snd_config_t **top, snd_config_update_t **upd
     return real(top, update, files);
 }
 
-/* What alsa-lib itself says about the configuration, which differs between its versions. */
+/* The messages of alsa-lib about the configuration; they differ between its versions. */
 static std::string alsa_messages;
 
 static void note_message(const char *, int, const char *, int error, const char *format,
@@ -42,7 +42,7 @@ static void note_message(const char *, int, const char *, int error, const char 
     alsa_messages += (alsa_messages.empty() ? "" : "; ") + std::string(text);
 }
 
-/* Each test has an ALSA configuration of its own, "alsa.conf" in its folder. */
+/* Each test has its own ALSA configuration, "alsa.conf" in its folder. */
 class AudioDevices : public LogTest
 {
   protected:
@@ -65,7 +65,7 @@ class AudioDevices : public LogTest
         return folder.root + "/" + name;
     }
 
-    /* A configuration that loads `names` of the test's folder and defines audiosink0. */
+    /* Returns a configuration that loads the quoted paths `names` and defines audiosink0. */
     std::string loading(const std::string &names) const
     {
         return "@hooks [ { func load files [ " + names +
@@ -77,7 +77,7 @@ class AudioDevices : public LogTest
         return '"' + path(name) + '"';
     }
 
-    /* The devices as text, "0:0 1:0,2" for device 0 with output 0 and device 1 with 0 and 2. */
+    /* Returns the devices as text: "0:0 1:0,2" is device 0 with output 0, device 1 with 0 and 2. */
     static std::string list()
     {
         AudioDevice **devices = audio_devices_get(nullptr);
@@ -94,7 +94,7 @@ class AudioDevices : public LogTest
         return text;
     }
 
-    /* The devices of a configuration that defines these PCMs. */
+    /* Returns the devices of a configuration that defines these PCMs. */
     static std::string list_of(const std::vector<std::string> &names)
     {
         std::string content;
@@ -105,7 +105,7 @@ class AudioDevices : public LogTest
         return list();
     }
 
-    /* The listing was "0:0" before and is `expected` after `edit`. */
+    /* Expects the listing "0:0" before `edit` and `expected` after it. */
     template <typename Edit> void expect_change(const char *expected, Edit edit)
     {
         EXPECT_EQ(list(), "0:0");
@@ -113,7 +113,7 @@ class AudioDevices : public LogTest
         EXPECT_EQ(list(), expected);
     }
 
-    /* One line was logged, which gives alsa-lib's reasons. */
+    /* Expects exactly one log line, with the messages of alsa-lib. */
     void expect_complaint()
     {
         alsa_messages.clear();
@@ -133,7 +133,7 @@ class AudioDevices : public LogTest
     void expect_complaint(const std::string &reason)
     {
         expect_log(G_LOG_LEVEL_WARNING,
-                   "The ALSA configuration cannot be read, or not in full: " + reason);
+                   "The ALSA configuration cannot be read completely: " + reason);
     }
 
     WorkingTempDir folder;

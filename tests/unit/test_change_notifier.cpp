@@ -8,12 +8,11 @@ namespace
 constexpr const char *LOST_LINE =
     "The platform's connection to the system bus was lost: Connection reset by peer.";
 constexpr const char *AWAY_TEXT = "The system bus cannot be reached: No such file or directory";
-constexpr const char *BAD_NAME =
-    "the source of changes needs a name of letters, digits and underscores";
-constexpr const char *BAD_REFERENCE = "changes refer to a service, an object path and an interface";
-constexpr const char *NOT_BEGUN = "a change is begun, and refers to an entry, before it is sent";
+constexpr const char *BAD_NAME = "the source name must consist of letters, digits and underscores";
+constexpr const char *BAD_REFERENCE = "the service, object path or interface is missing or invalid";
+constexpr const char *NOT_BEGUN = "no change was started, or a name of its entry is missing";
 
-/* As a stranger hears a change whose values print as `values`. */
+/* Returns the signal that a stranger receives for a change with `values`. */
 std::string change(const std::string &values, const char *is_change = "false")
 {
     return "/com/vesk/ConfigurationChanges1/Source com.vesk.ConfigurationChanges1.EntryChanged "
@@ -44,7 +43,7 @@ class ChangeNotifierTest : public EventService
                                     &error);
     }
 
-    /* The last failure said this. */
+    /* Expects this text from the last failure, and clears it. */
     void expect_error(const char *text)
     {
         ASSERT_NE(error, nullptr);
@@ -82,7 +81,7 @@ TEST_F(ChangeNotifierTest, SendsNothingBeforeAChangeIsSent)
 TEST_F(ChangeNotifierTest, NeedsAProducer)
 {
     EXPECT_EQ(change_notifier_new("Source", nullptr, &error), nullptr);
-    expect_error("changes are announced on behalf of an event producer, and there is none");
+    expect_error("the event producer is missing");
 }
 
 TEST_F(ChangeNotifierTest, NeedsASource)
@@ -310,7 +309,7 @@ TEST_F(ChangeNotifierTest, SendsAgainWhenTheBusIsBack)
 {
     lose_bus();
     bus.start();
-    declare_playing(); /* brings the producer's name back, by which the signal is told */
+    declare_playing(); /* reclaims the producer's name, which the log of signals filters by */
     GDBusConnection *late = bus.connect();
     {
         const SignalLog heard(late, SERVICE);

@@ -1,4 +1,4 @@
-/* What a stranger on the bus reads of an event. */
+/* Reads events as a stranger on the bus does. */
 
 #include "event_object.h"
 

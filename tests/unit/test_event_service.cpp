@@ -56,7 +56,7 @@ TEST_F(EventService, DoesNotOpenTwiceUnderOneName)
     expect_log(G_LOG_LEVEL_WARNING, "Events cannot be sent: com.vesk.Events1.SonoBrikEvents cannot "
                                     "be served on the system bus: Operation already in progress");
     declare_playing();
-    EXPECT_EQ(get("StateKey"), "'Playing'") << "the first producer suffered";
+    EXPECT_EQ(get("StateKey"), "'Playing'") << "the first producer no longer works";
 }
 
 TEST_F(EventService, DoesNotOpenUnderAnotherProcessesName)
@@ -77,7 +77,7 @@ TEST_P(EventServiceName, IsRefused)
 {
     EXPECT_EQ(event_service_open(GetParam()), nullptr);
     expect_log(G_LOG_LEVEL_WARNING,
-               std::string("'") + GetParam() + "' is no name for an event producer");
+               std::string("'") + GetParam() + "' is not a valid name for an event producer");
 }
 
 INSTANTIATE_TEST_SUITE_P(Bad, EventServiceName,
@@ -93,7 +93,7 @@ TEST_F(EventServiceAlone, ProducerNameBeyondTheBusLimitIsRefused)
 {
     const std::string name(300, 'a');
     EXPECT_EQ(event_service_open(name.c_str()), nullptr);
-    expect_log(G_LOG_LEVEL_WARNING, "'" + name + "' is no name for an event producer");
+    expect_log(G_LOG_LEVEL_WARNING, "'" + name + "' is not a valid name for an event producer");
 }
 
 TEST_F(EventService, DoesNotOpenWithoutABus)
@@ -183,10 +183,10 @@ TEST_F(EventService, DoesNotDeclareWhenTheInitialiserFails)
     EXPECT_EQ(event_service_declare_notify(producer, made, Told::declared, &told), 0U);
     event_template_free(made);
     expect_log(G_LOG_LEVEL_WARNING,
-               "An event cannot be declared: its state 'Playing' has no initial value");
+               "An event cannot be declared: its initialiser did not set the state 'Playing'");
     settle();
     EXPECT_TRUE(told.lines.empty());
-    EXPECT_EQ(declare_playing(), 1U) << "the failure took an id";
+    EXPECT_EQ(declare_playing(), 1U) << "the failed declaration used up an id";
 }
 
 TEST_F(EventService, AcknowledgesADeclarationFromTheLoopsFirstTurn)
@@ -262,7 +262,7 @@ TEST_F(EventService, SendsBeforeTheLoopTurnsAgain)
     const unsigned int id = declare_playing();
     const SignalLog subscription(stranger, SERVICE);
     settle();
-    /* Runs in the stranger's own thread, as if it were another process. */
+    /* Runs in the stranger's thread, like a signal that another process receives. */
     std::atomic<bool> arrived = false;
     const guint filter = g_dbus_connection_add_filter(
         stranger,
@@ -279,7 +279,7 @@ TEST_F(EventService, SendsBeforeTheLoopTurnsAgain)
         g_usleep(1000);
     }
     EXPECT_TRUE(arrived);
-    EXPECT_TRUE(told.lines.empty()) << "told without the loop";
+    EXPECT_TRUE(told.lines.empty()) << "the callback did not wait for the loop";
     g_dbus_connection_remove_filter(stranger, filter);
 }
 
@@ -401,8 +401,8 @@ TEST_F(EventService, SendsNoEventOfAnotherProducer)
     Event *event = event_service_prepare(producer, id);
     event_service_send_async(other, event, Told::sent, &told);
     settle();
-    EXPECT_EQ(told.lines,
-              std::vector<std::string>{"sent 1: the event is none of com.vesk.Events1.Other"});
+    EXPECT_EQ(told.lines, std::vector<std::string>{
+                              "sent 1: the event does not belong to com.vesk.Events1.Other"});
     event_release(event);
     event_service_close(other);
 }
@@ -415,7 +415,7 @@ TEST_F(EventService, LetsAnEventOutliveItsProducer)
     event_release(event);
 }
 
-/* A bus that goes and comes. */
+/* Losing the bus and reconnecting. */
 
 TEST_F(EventService, TellsWhyAnEventWasNotSent)
 {
@@ -464,7 +464,7 @@ TEST_F(EventService, SendsLaterWhatTheBusDoesNotReadAtOnce)
     const SignalLog heard(stranger, SERVICE);
     const std::string ballast(10000, 'x');
     bus.freeze();
-    constexpr size_t COUNT = 200; /* more than a socket holds */
+    constexpr size_t COUNT = 200; /* more than fit into the socket's buffer */
     for (size_t i = 0; i < COUNT; i++) {
         send_file_name(id, (ballast + std::to_string(i) + "!").c_str());
     }

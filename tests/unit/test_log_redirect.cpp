@@ -1,4 +1,4 @@
-/* The fakes below take the place of plain functions, which a fortified build does not call. */
+/* The fakes below replace plain functions. A fortified build would call others instead. */
 #undef _FORTIFY_SOURCE
 
 #include "platform/log_redirect.h"
@@ -25,7 +25,7 @@
 
 using Lines = std::vector<std::string>;
 
-/* What a child sends to the system log goes here, one packet a call. */
+/* The child writes its calls of syslog(3) to this pipe, one packet per call. */
 static int syslog_record = -1;
 
 static void record(const std::string &call)
@@ -53,7 +53,7 @@ extern "C" void syslog(int priority, const char *format, ...)
     va_end(arguments);
 }
 
-/* What a fortified build of the code under test calls instead. */
+/* A fortified build of the code under test calls this instead of syslog(). */
 extern "C" void __syslog_chk(int priority, int, const char *format, ...)
 {
     va_list arguments;
@@ -62,14 +62,14 @@ extern "C" void __syslog_chk(int priority, int, const char *format, ...)
     va_end(arguments);
 }
 
-/* A pipe that keeps the bounds of writes: a read returns what one write wrote. */
+/* A pipe in packet mode: each read returns the bytes of one write. */
 struct Packets {
     Packets()
     {
         EXPECT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
     }
 
-    /* All packets until the last writer is gone. */
+    /* Returns all packets once the last writer has closed the pipe. */
     Lines drain()
     {
         close(ends[1]);
@@ -86,7 +86,7 @@ struct Packets {
     int ends[2];
 };
 
-/* A child process whose log is redirected does the logging of each test. */
+/* Each test logs in a child process whose log is redirected. */
 class LogRedirect : public ::testing::Test
 {
   protected:
@@ -104,7 +104,7 @@ class LogRedirect : public ::testing::Test
         }
     }
 
-    /* Somebody reads the system log, through a socket of `type`. */
+    /* Starts a system log, which listens on a socket of `type`. */
     void listen_to_system_log(int type = SOCK_DGRAM)
     {
         listener = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
@@ -144,7 +144,7 @@ class LogRedirect : public ::testing::Test
             output.ends[1], [&] { to_stderr = output.drain(); }, body);
     }
 
-    /* What `body` wrote to standard error, one element a write, is `lines` with their prefix. */
+    /* Expects that `body` writes `lines` with their prefix to standard error, each in one write. */
     void expect_stderr(const Lines &lines)
     {
         Lines expected;

@@ -18,7 +18,7 @@ class Param : public LogTest
         param_set_file("parameters.conf");
     }
 
-    /* The value of `name`; an absent one leaves its reason in `error`. */
+    /* Returns the value of `name`. On failure the reason is in `error`. */
     std::optional<std::string> get(const char *name)
     {
         ParamOptions options;
@@ -46,8 +46,12 @@ TEST_F(Param, ReadsAValueByItsFullName)
 TEST_F(Param, LeavesTheErrorCodeAloneOnSuccess)
 {
     write("a=1\n");
-    get("a");
-    EXPECT_EQ(error, 0);
+    ParamOptions options;
+    param_reset_options(&options);
+    int code = EIO;
+    g_autofree char *value = param_get("a", &options, &code);
+    EXPECT_STREQ(value, "1");
+    EXPECT_EQ(code, EIO);
 }
 
 TEST_F(Param, AnswersAnUnknownNameWithENOENT)
@@ -177,12 +181,19 @@ TEST_F(Param, DoesNotWaitForAFifoInTheFilesPlace)
 {
     ASSERT_EQ(mkfifo("parameters.conf", 0600), 0);
     EXPECT_EQ(get("a"), std::nullopt);
-    EXPECT_EQ(error, ENOENT);
+    EXPECT_EQ(error, EINVAL);
 }
 
-TEST_F(Param, RefusesAFileWithoutEnd)
+TEST_F(Param, RefusesADeviceInTheFilesPlace)
 {
     std::filesystem::create_symlink("/dev/zero", "parameters.conf");
+    EXPECT_EQ(get("a"), std::nullopt);
+    EXPECT_EQ(error, EINVAL);
+}
+
+TEST_F(Param, RefusesAFileOfMoreThanAMebibyte)
+{
+    write("a=1\n#" + std::string(1024 * 1024, 'x'));
     EXPECT_EQ(get("a"), std::nullopt);
     EXPECT_EQ(error, EFBIG);
 }

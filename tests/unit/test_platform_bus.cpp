@@ -21,11 +21,11 @@ class PlatformBus : public BusTest
         platform_bus_set_timeout(IMPATIENT_USEC);
     }
 
-    sd_bus *acquire()
+    sd_bus *hold()
     {
         g_autoptr(GError) error = nullptr;
-        sd_bus *connection = platform_bus_acquire(&error);
-        EXPECT_NE(connection, nullptr) << error->message;
+        sd_bus *connection = nullptr;
+        EXPECT_TRUE(platform_bus_hold(&connection, &error)) << error->message;
         return connection;
     }
 
@@ -47,7 +47,7 @@ class PlatformBus : public BusTest
                         "NameHasOwner", g_variant_new("(s)", name.c_str())) == "(true,)";
     }
 
-    /* Lets the stranger send pings to `name`, and returns when they have reached its socket. */
+    /* Sends pings from the stranger to `name`, and returns when they have reached its socket. */
     void send_pings(const std::string &name, int count)
     {
         for (int i = 0; i < count; i++) {
@@ -68,8 +68,8 @@ class PlatformBus : public BusTest
     }
 
     /*
-     * Sends numbered signals to a bus that is frozen, until one is half written and some more wait
-     * behind it. Returns how many.
+     * Sends numbered signals to a frozen bus until one is only half written and a few more are
+     * queued. Returns their number.
      */
     static size_t send_more_than_fits(sd_bus *connection)
     {
@@ -88,8 +88,8 @@ class PlatformBus : public BusTest
 
 TEST_F(PlatformBus, IsOneConnectionForAllHolders)
 {
-    sd_bus *first = acquire();
-    sd_bus *second = acquire();
+    sd_bus *first = hold();
+    sd_bus *second = hold();
     EXPECT_EQ(first, second);
     platform_bus_release(first);
     platform_bus_release(second);
@@ -97,8 +97,8 @@ TEST_F(PlatformBus, IsOneConnectionForAllHolders)
 
 TEST_F(PlatformBus, StaysOpenForTheHolderThatIsLeft)
 {
-    sd_bus *first = acquire();
-    sd_bus *second = acquire();
+    sd_bus *first = hold();
+    sd_bus *second = hold();
     platform_bus_release(first);
     EXPECT_EQ(ping(unique_name(second)), "()");
     platform_bus_release(second);
@@ -106,7 +106,7 @@ TEST_F(PlatformBus, StaysOpenForTheHolderThatIsLeft)
 
 TEST_F(PlatformBus, ClosesWithTheLastHolder)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     const std::string name = unique_name(connection);
     EXPECT_TRUE(is_on_the_bus(name));
     platform_bus_release(connection);
@@ -115,15 +115,18 @@ TEST_F(PlatformBus, ClosesWithTheLastHolder)
 
 TEST_F(PlatformBus, OpensAgainAfterTheLastRelease)
 {
-    platform_bus_release(acquire());
-    sd_bus *connection = acquire();
+    platform_bus_release(hold());
+    sd_bus *connection = hold();
     EXPECT_EQ(ping(unique_name(connection)), "()");
     platform_bus_release(connection);
 }
 
 TEST_F(PlatformBus, ReleasesNothingForNull)
 {
+    sd_bus *connection = hold();
     platform_bus_release(nullptr);
+    EXPECT_TRUE(platform_bus_is_open(connection));
+    platform_bus_release(connection);
 }
 
 TEST_F(PlatformBus, IsNotOpenForNull)
@@ -133,7 +136,7 @@ TEST_F(PlatformBus, IsNotOpenForNull)
 
 TEST_F(PlatformBus, SendsWhatWasSentBeforeTheLastRelease)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     const SignalLog heard(stranger, unique_name(connection));
     bus.freeze();
     const size_t sent = send_more_than_fits(connection);
@@ -144,7 +147,7 @@ TEST_F(PlatformBus, SendsWhatWasSentBeforeTheLastRelease)
 
 TEST_F(PlatformBus, ServesWhatASynchronousCallFoundBeforeItsAnswer)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     send_pings(unique_name(connection), 3);
     ASSERT_GE(sd_bus_call_method(connection, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
                                  "GetId", nullptr, nullptr, nullptr),
@@ -155,7 +158,7 @@ TEST_F(PlatformBus, ServesWhatASynchronousCallFoundBeforeItsAnswer)
 
 TEST_F(PlatformBus, WritesLaterWhatTheBusDoesNotReadAtOnce)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     const SignalLog heard(stranger, unique_name(connection));
     bus.freeze();
     const size_t sent = send_more_than_fits(connection);
@@ -170,7 +173,7 @@ TEST_F(PlatformBus, WritesLaterWhatTheBusDoesNotReadAtOnce)
 
 TEST_F(PlatformBus, LetsOtherSourcesRunWhileItIsFlooded)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     int served = 0;
     const auto count = [](sd_bus_message *, void *data, sd_bus_error *) {
         ++*static_cast<int *>(data);
@@ -190,7 +193,7 @@ TEST_F(PlatformBus, LetsOtherSourcesRunWhileItIsFlooded)
 
 TEST_F(PlatformBus, TellsOfACallThatTimesOut)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     bus.freeze();
     int answered = 0;
     const auto answer = [](sd_bus_message *m, void *data, sd_bus_error *) {
@@ -203,7 +206,7 @@ TEST_F(PlatformBus, TellsOfACallThatTimesOut)
               0);
     ASSERT_GE(sd_bus_call_async(connection, nullptr, call, answer, &answered, 50000), 0);
     sd_bus_message_unref(call);
-    /* Nothing but the time-out itself may wake the loop. */
+    /* Only the time-out itself must wake the loop; the guard ends the test if it does not. */
     bool gave_up = false;
     const guint guard = g_timeout_add_seconds(
         10,
@@ -224,7 +227,7 @@ TEST_F(PlatformBus, TellsOfACallThatTimesOut)
 
 TEST_F(PlatformBus, AnswersWhileOtherThreadsAddAndRemoveSources)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     std::atomic<bool> enough = false;
     std::thread churn([&enough] {
         while (!enough) {
@@ -244,7 +247,7 @@ TEST_F(PlatformBus, AnswersWhileOtherThreadsAddAndRemoveSources)
 
 TEST_F(PlatformBus, CanBeReleasedByWhatItCalls)
 {
-    sd_bus *connection = acquire();
+    sd_bus *connection = hold();
     const std::string name = unique_name(connection);
     const auto release = [](sd_bus_message *, void *data, sd_bus_error *) {
         platform_bus_release(g_steal_pointer(static_cast<sd_bus **>(data)));
@@ -257,8 +260,8 @@ TEST_F(PlatformBus, CanBeReleasedByWhatItCalls)
 
 TEST_F(PlatformBus, LogsALossOnceAndLeavesItsHoldersAClosedConnection)
 {
-    sd_bus *first = acquire();
-    sd_bus *second = acquire();
+    sd_bus *first = hold();
+    sd_bus *second = hold();
     bus.stop();
     EXPECT_TRUE(run_until([&] { return !platform_bus_is_open(first); }));
     EXPECT_TRUE(run_until([&] { return !g_main_context_pending(nullptr); }));
@@ -271,27 +274,52 @@ TEST_F(PlatformBus, LogsALossOnceAndLeavesItsHoldersAClosedConnection)
 
 TEST_F(PlatformBus, OpensANewConnectionAfterALoss)
 {
-    sd_bus *lost = acquire();
+    sd_bus *lost = hold();
     bus.stop();
     EXPECT_TRUE(run_until([&] { return !platform_bus_is_open(lost); }));
     expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
     bus.start();
-    sd_bus *found = acquire();
+    sd_bus *found = hold();
     EXPECT_TRUE(platform_bus_is_open(found));
     platform_bus_release(lost);
     EXPECT_TRUE(platform_bus_is_open(found)) << "the release of the old one touched the new one";
     platform_bus_release(found);
 }
 
+TEST_F(PlatformBus, CountsAHolderOnceHoweverOftenItAsks)
+{
+    sd_bus *connection = hold();
+    const std::string name = unique_name(connection);
+    sd_bus *same = connection;
+    EXPECT_TRUE(platform_bus_hold(&same, nullptr));
+    EXPECT_EQ(same, connection);
+    platform_bus_release(connection);
+    EXPECT_TRUE(run_until([&] { return !is_on_the_bus(name); }));
+}
+
+TEST_F(PlatformBus, ReplacesALostConnectionThatIsHeld)
+{
+    sd_bus *connection = hold();
+    bus.stop();
+    EXPECT_TRUE(run_until([&] { return !platform_bus_is_open(connection); }));
+    expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
+    EXPECT_FALSE(platform_bus_hold(&connection, nullptr));
+    EXPECT_EQ(connection, nullptr);
+    bus.start();
+    EXPECT_TRUE(platform_bus_hold(&connection, nullptr));
+    EXPECT_TRUE(platform_bus_is_open(connection));
+    platform_bus_release(connection);
+}
+
 TEST_F(PlatformBus, OpensANewConnectionAfterALossThatACallFoundFirst)
 {
-    sd_bus *lost = acquire();
+    sd_bus *lost = hold();
     bus.stop();
     bus.start();
     EXPECT_LT(sd_bus_call_method(lost, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
                                  nullptr, nullptr, nullptr),
               0);
-    sd_bus *found = acquire();
+    sd_bus *found = hold();
     expect_log(G_LOG_LEVEL_WARNING, LOST_LINE);
     EXPECT_TRUE(platform_bus_is_open(found));
     platform_bus_release(lost);
@@ -300,7 +328,7 @@ TEST_F(PlatformBus, OpensANewConnectionAfterALossThatACallFoundFirst)
 
 TEST_F(PlatformBus, LogsALossThatACallFoundBeforeTheLastRelease)
 {
-    sd_bus *lost = acquire();
+    sd_bus *lost = hold();
     bus.stop();
     EXPECT_LT(sd_bus_call_method(lost, "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "GetId",
                                  nullptr, nullptr, nullptr),
@@ -313,7 +341,9 @@ TEST_F(PlatformBus, SaysThatThereIsNoBus)
 {
     bus.stop();
     g_autoptr(GError) error = nullptr;
-    EXPECT_EQ(platform_bus_acquire(&error), nullptr);
+    sd_bus *connection = nullptr;
+    EXPECT_FALSE(platform_bus_hold(&connection, &error));
+    EXPECT_EQ(connection, nullptr);
     ASSERT_NE(error, nullptr);
     EXPECT_STREQ(error->message, "The system bus cannot be reached: No such file or directory");
 }
@@ -322,7 +352,9 @@ TEST_F(PlatformBus, GivesUpOnABusThatDoesNotAnswer)
 {
     bus.freeze();
     g_autoptr(GError) error = nullptr;
-    EXPECT_EQ(platform_bus_acquire(&error), nullptr);
+    sd_bus *connection = nullptr;
+    EXPECT_FALSE(platform_bus_hold(&connection, &error));
+    EXPECT_EQ(connection, nullptr);
     bus.thaw();
     ASSERT_NE(error, nullptr);
     EXPECT_STREQ(error->message, "The system bus cannot be reached: Connection timed out");

@@ -16,14 +16,14 @@
 #include "temp_dir.h"
 
 /*
- * The system calls of a synced write, which a test can watch and fail. All else passes through them
- * untouched while `watching` is off.
+ * Intercepts the system calls of a synced write. A test can record them and make one fail. While
+ * `watching` is false they only do what they always do.
  */
 static struct {
     bool watching;
     std::vector<std::string> steps;
     size_t longest_write = SIZE_MAX;
-    int interruptions; /* so many calls are interrupted before they do anything */
+    int interruptions; /* the number of calls that fail with EINTR first */
     std::string failing;
     int failure;
     std::function<void()> on_file_sync;
@@ -82,7 +82,7 @@ extern "C" int renameat(int old_folder, const char *old_path, int new_folder,
 extern "C" int close(int fd)
 {
     const int result = static_cast<int>(syscall(SYS_close, fd));
-    /* The file's end is a step; the folder is only read. */
+    /* Records the close of the written file, but not that of the folder. */
     if (calls.watching && !calls.steps.empty() && calls.steps.back() == "sync file" &&
         call_fails("close")) {
         return -1;
@@ -222,7 +222,7 @@ class UtilWriteFile : public ::testing::Test
         return result;
     }
 
-    /* With the failure that was set up, the old file stays, alone. */
+    /* Expects that the prepared failure leaves the old file, and no other file. */
     static void expect_failure_that_keeps_the_old_file()
     {
         write_file("M1.json", "old");
@@ -288,7 +288,7 @@ TEST_F(UtilWriteFile, NeverShowsItsTemporaryFileToAListingOfTheTargets)
                 matches.push_back(name);
             }
         }
-        EXPECT_EQ(names().size(), 1U) << "the temporary file lies elsewhere";
+        EXPECT_EQ(names().size(), 1U) << "the temporary file is in another folder";
     };
     EXPECT_TRUE(write("M1.json", "text"));
     EXPECT_TRUE(matches.empty());
