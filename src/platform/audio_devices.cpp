@@ -8,7 +8,7 @@
 #include <string_view>
 #include <system_error>
 
-/* One operation of this header is declared as C++ unless the header is told. */
+/* The header declares snd_lib_error_set_local() without extern "C". */
 extern "C" {
 #include <alsa/error.h>
 }
@@ -16,22 +16,22 @@ extern "C" {
 
 #include "alsa_files.h"
 
-/* Outputs by device; both are numbers, and in their order. */
+/* The numbers of the devices, each with the numbers of its outputs. */
 using Devices = std::map<int, std::set<int>>;
 
 /*
- * What the configuration said when it was read last. It is read again only when one of its files
- * changed, since that takes fifty times as long as looking at them.
+ * The result of reading the configuration. It is cached until one of the files changes: reading
+ * takes fifty times as long as checking the files.
  */
 static struct {
-    bool is_read;    /* `files` holds */
-    bool is_usable;  /* the configuration could be parsed */
-    AlsaFiles files; /* as they were just before */
-    std::string complaints;
+    bool is_read;           /* `files` is valid */
+    bool is_usable;         /* the configuration could be parsed */
+    AlsaFiles files;        /* as they were just before the configuration was read */
+    std::string complaints; /* messages of alsa-lib */
     Devices devices;
 } listing;
 
-/* Appends one message of alsa-lib, which may explain a failure in several, to the complaints. */
+/* Appends a message of alsa-lib to the complaints. One failure may cause several messages. */
 static void note_complaint(const char *, int, const char *, int error, const char *format,
                            va_list arguments)
 {
@@ -46,8 +46,8 @@ static void note_complaint(const char *, int, const char *, int error, const cha
 }
 
 /*
- * Cuts `prefix` and a canonical decimal number off the beginning of `*text`: a name with a sign or
- * a leading zero would not be the one that the player makes out of the number.
+ * Removes `prefix` and a decimal number from the beginning of `*text`. Refuses a sign or a leading
+ * zero, because the player builds the PCM's name from the number and would not find such a PCM.
  */
 static bool cut_number(std::string_view *text, std::string_view prefix, int *number)
 {
@@ -65,6 +65,7 @@ static bool cut_number(std::string_view *text, std::string_view prefix, int *num
     return true;
 }
 
+/* Adds the device or the output that the PCM `name` stands for, if any. */
 static void add_name(std::string_view name, Devices *devices, Devices *outputs)
 {
     int device;
@@ -80,10 +81,10 @@ static void add_name(std::string_view name, Devices *devices, Devices *outputs)
     }
 }
 
-/* The devices that the names of PCMs in the configuration `top` make up. */
+/* Returns the devices that the PCM names in the configuration `top` define. */
 static Devices read_devices(snd_config_t *top)
 {
-    /* Hooks below the top level run when a PCM is looked for, as they will for the player. */
+    /* alsa-lib runs some hooks only when a PCM is searched, as the player will do. */
     snd_config_t *found = nullptr;
     if (snd_config_search_definition(top, "pcm", "audiosink", &found) >= 0) {
         snd_config_delete(found);
@@ -110,7 +111,7 @@ static Devices read_devices(snd_config_t *top)
     return devices;
 }
 
-/* Reads the configuration into the listing, from a tree of our own that is dropped at once. */
+/* Reads the configuration into the listing. Uses a private tree, which is freed at once. */
 static void read_configuration()
 {
     listing.complaints.clear();
@@ -129,8 +130,8 @@ static void read_configuration()
 }
 
 /*
- * Brings the listing up to date. A failure is tried again at each call, for it may lie elsewhere
- * than in the files, but it is logged once.
+ * Updates the listing. After a failure each call tries again, because the cause may lie outside the
+ * files (too many open files, for example). The same failure is logged only once.
  */
 static void refresh()
 {
@@ -141,16 +142,16 @@ static void refresh()
     const std::string known_complaints = changed ? "" : listing.complaints;
     const snd_local_error_handler_t previous = snd_lib_error_set_local(note_complaint);
     if (changed) {
-        /* Found before they are read, so that the next call notices an edit in between. */
+        /* Must come before the reading, so that the next call notices an edit in between. */
         listing.files = alsa_files_find();
         listing.is_read = true;
-        /* The tree that the player's PCMs come from; it is made anew when one is opened. */
+        /* The player's PCMs come from this tree. alsa-lib rebuilds it when one is opened. */
         snd_config_update_free_global();
     }
     read_configuration();
     snd_lib_error_set_local(previous);
     if (!listing.complaints.empty() && listing.complaints != known_complaints) {
-        g_warning("%sThe ALSA configuration cannot be read, or not in full: %s", "",
+        g_warning("%sThe ALSA configuration cannot be read completely: %s", "",
                   listing.complaints.c_str());
     }
 }

@@ -25,7 +25,7 @@ int append_value(sd_bus_message *m, EventValueType type, const EventValue &value
     return sd_bus_message_append(m, "v", "s", value.text.c_str());
 }
 
-/* Appends the a{sv} of every key with its value. */
+/* Appends all keys with their values, as a{sv}. */
 int append_keys(sd_bus_message *m, const EventTemplate &description,
                 const std::vector<EventValue> &values)
 {
@@ -48,7 +48,7 @@ int get_keys(sd_bus *, const char *, const char *, const char *, sd_bus_message 
     return append_keys(reply, *object.description, object.values);
 }
 
-/* The topics as they were declared, "topic0" first, up to the first number that is missing. */
+/* Appends the declared topics "topic0", "topic1" and so on, up to the first missing number. */
 int get_topics(sd_bus *, const char *, const char *, const char *, sd_bus_message *reply,
                void *user_data, sd_bus_error *)
 {
@@ -96,7 +96,10 @@ int get_state_key(sd_bus *, const char *, const char *, const char *, sd_bus_mes
     return sd_bus_message_append(reply, "s", object_of(user_data).description->state_key.c_str());
 }
 
-/* Reading is open to everybody. Keys tells of no change: the signal carries what changed. */
+/*
+ * Every client may read the properties. A change of `Keys` emits no PropertiesChanged, because the
+ * signal `Sent` already carries the new values.
+ */
 const sd_bus_vtable vtable[] = {
     SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_PROPERTY("Topics", "a(ss)", get_topics, 0, SD_BUS_VTABLE_PROPERTY_CONST),

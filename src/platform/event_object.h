@@ -1,6 +1,6 @@
 #pragma once
 
-/* A declared event as an object on the bus. */
+/* The object on the bus that represents a declared event. Main thread only. */
 
 #include <memory>
 #include <string>
@@ -9,20 +9,21 @@
 
 #include "event_template.h"
 
-/* A declared event, with the values that were sent last, or else those that it started with. */
 struct EventObject {
     unsigned int id;
     std::string path;
     std::shared_ptr<const EventTemplate> description;
-    std::vector<EventValue> values;
-    sd_bus_slot *slot; /* owned; null while it is on no bus */
+    std::vector<EventValue> values; /* sent last, or the initial values before the first send */
+    sd_bus_slot *slot;              /* owned; null while the object is not on a bus */
 };
 
-/* Makes `object`, which must stay where it is, visible on `bus`. Returns a negative errno on
- * failure. */
+/*
+ * Publishes `object` on `bus`. The address of `object` must not change until it is withdrawn.
+ * Returns a negative errno on failure.
+ */
 int event_object_publish(EventObject *object, sd_bus *bus);
 
-/* Takes it off the bus again, if it is on one. */
+/* Removes `object` from the bus, if it is on one. */
 void event_object_withdraw(EventObject *object);
 
 /* Sends the signal of `object` with `values` on `bus`. Returns a negative errno on failure. */

@@ -5,7 +5,7 @@
 namespace
 {
 
-/* Reads what `value` points at; see EventValueType. */
+/* Reads the value that `value` points to; EventValueType lists the C types. */
 EventValue read_value(EventValueType type, const void *value)
 {
     switch (type) {
@@ -25,7 +25,10 @@ bool is_type(EventValueType type)
     return type == EVENT_VALUE_INT || type == EVENT_VALUE_BOOL || type == EVENT_VALUE_STRING;
 }
 
-/* A key is found again by its name, so a name is never mended, but refused. */
+/*
+ * Returns true if the bus can carry the name. An invalid name is refused and not repaired, because
+ * callers look the key up by the name that they gave.
+ */
 bool is_name(const char *name)
 {
     g_autofree char *valid = platform_text_make_valid(name);

@@ -1,6 +1,6 @@
 #pragma once
 
-/* What an event is made of: its keys with their descriptions and values. Nothing of the bus. */
+/* The keys of an event, with their descriptions and values. This module does not use the bus. */
 
 #include <memory>
 #include <string>
@@ -9,35 +9,36 @@
 
 #include "platform/event_service.h"
 
-/* A value of one of the three types; the other member is unused. Text is fit for the bus. */
+/* A value of one of the three types. It uses one of the two members. */
 struct EventValue {
-    int number = 0; /* booleans too: 0 or 1 */
-    std::string text = {};
+    int number = 0;        /* an integer, or a boolean as 0 or 1 */
+    std::string text = {}; /* a string, made valid for the bus */
 };
 
+/* The texts are empty if they were not set. */
 struct EventKey {
     std::string name;
     EventValueType type;
-    EventValue initial = {}; /* the type's empty value if none was given */
+    EventValue initial = {}; /* 0, false or "" if none was given */
     std::string name_space = {};
-    std::string key_nice_name = {}; /* empty: none */
+    std::string key_nice_name = {};
     std::string value_nice_name = {};
-    std::string tag = {}; /* empty: none */
+    std::string tag = {};
 };
 
 struct EventTemplate {
     std::vector<EventKey> keys; /* in the order in which they were added */
-    std::string state_key;      /* empty: not stateful */
+    std::string state_key;      /* empty if the event is not stateful */
     EventStateInitialiser initialiser = nullptr;
     void *initialiser_data = nullptr;
 };
 
 struct Event {
     unsigned int id;
-    /* Shared with the declaration, and so valid when the producer is closed before the release. */
+    /* Shared with the declared event, because the producer may be closed before the release. */
     std::shared_ptr<const EventTemplate> description;
     std::vector<EventValue> values; /* one for each key of the description */
 };
 
-/* Returns the place of `name` in the template's keys, or -1. */
+/* Returns the index of the key `name` in the template's keys, or -1. */
 int event_template_find_key(const EventTemplate &event_template, std::string_view name);

@@ -16,8 +16,9 @@
 #include "log_redirect_socket.h"
 
 /*
- * A pipe takes a line of this length whole, so that lines of several writers never mix; and system
- * logs drop what is much longer, while callers of the daemon choose the length of some texts.
+ * The longest line, including its newline. A write of this length to a pipe is atomic, so lines of
+ * several threads do not mix. Some texts come from clients and can be long, and system logs drop
+ * lines that are much longer.
  */
 static constexpr size_t MAX_LINE = PIPE_BUF;
 static constexpr std::string_view CUT_MARK = " [cut]";
@@ -28,7 +29,7 @@ struct Level {
     const char *word;
 };
 
-/* The gravest first: a line with several levels counts as the gravest of them. */
+/* In order of severity: if a line has several levels, the most severe one counts. */
 static constexpr std::array<Level, 7> levels = {{
     {G_LOG_LEVEL_ERROR, LOG_CRIT, "fatal"},
     {G_LOG_LEVEL_CRITICAL, LOG_CRIT, "critical"},
@@ -39,7 +40,7 @@ static constexpr std::array<Level, 7> levels = {{
     {G_LOG_LEVEL_DEBUG, LOG_DEBUG, "debug"},
 }};
 
-/* A level of somebody's own: its weight is unknown, but it was meant to be seen. */
+/* For user-defined levels other than the daemon's own; their severity is unknown. */
 static constexpr Level other_level = {0, LOG_NOTICE, "notice"};
 
 static const char *log_identity = "";
@@ -52,7 +53,9 @@ static const Level &find_level(int glib_level)
     return level == levels.end() ? other_level : *level;
 }
 
-/* How many bytes at the start of `text` make up one character that may stand in a log; 0 if none.
+/*
+ * Returns the number of bytes of the first character of `text`, or 0 if it is a control character
+ * or not valid UTF-8 and must be escaped.
  */
 static size_t printable_length(std::string_view text)
 {
@@ -66,7 +69,7 @@ static size_t printable_length(std::string_view text)
     return static_cast<size_t>(g_utf8_next_char(text.data()) - text.data());
 }
 
-/* Appends `text` up to a line of `limit` bytes; what does not fit gives way to a mark. */
+/* Appends `text` with escapes. A line that would exceed `limit` bytes ends with a mark instead. */
 static void append_escaped(std::string *line, std::string_view text, size_t limit)
 {
     limit -= CUT_MARK.size();
@@ -88,7 +91,7 @@ static void append_escaped(std::string *line, std::string_view text, size_t limi
     }
 }
 
-/* syslog(3) itself drops a line silently when nobody listens. */
+/* Returns true if a system log is running. Without one, syslog(3) drops the line silently. */
 static bool system_log_listens()
 {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -99,7 +102,7 @@ static bool system_log_listens()
     g_strlcpy(address.sun_path, log_socket, sizeof address.sun_path);
     const int result =
         connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
-    /* A stream socket listens as well; syslog(3) finds out by itself. */
+    /* EPROTOTYPE means that the log listens on a stream socket, which syslog(3) can use too. */
     const bool listens = result == 0 || errno == EPROTOTYPE;
     close(fd);
     return listens;
@@ -112,8 +115,8 @@ static void write_to_stderr(const std::string &line)
 }
 
 /*
- * Standard error is read by people, so a library's debug lines go there only where G_MESSAGES_DEBUG
- * asks for its domain; a system log has a threshold of its own and gets them all.
+ * Returns true for debug lines of libraries whose domain is not in G_MESSAGES_DEBUG. They would
+ * flood a terminal. A system log receives them and applies its own threshold.
  */
 static bool is_noise(const Level &level, const std::string &domain)
 {
@@ -121,7 +124,7 @@ static bool is_noise(const Level &level, const std::string &domain)
            g_log_writer_default_would_drop(G_LOG_LEVEL_DEBUG, domain.c_str());
 }
 
-/* `domain` is empty for the daemon's own lines. */
+/* Writes one line to the system log or standard error. The daemon's own lines have no domain. */
 static void log_line(int glib_level, const std::string &domain, std::string_view message)
 {
     const Level &level = find_level(glib_level);
@@ -149,14 +152,14 @@ static void handle_log(const gchar *domain, GLogLevelFlags level, const gchar *m
     log_line(level, domain ? domain : "", message ? message : "(null)");
 }
 
-/* A field's value has the given length, or ends at a NUL where the length is negative. */
+/* Returns the text of a field. If the field's length is negative, the text ends with a NUL. */
 static std::string_view field_text(const GLogField &field)
 {
     const char *text = static_cast<const char *>(field.value);
     return field.length < 0 ? text : std::string_view(text, static_cast<size_t>(field.length));
 }
 
-/* Libraries that use structured logging get here, past the default handler. */
+/* Receives the lines of libraries with structured logging, which bypass the default handler. */
 static GLogWriterOutput write_structured(GLogLevelFlags level, const GLogField *fields,
                                          gsize n_fields, gpointer)
 {

@@ -1,7 +1,6 @@
 #pragma once
 
-/* The domain of the GLib errors that the stock platform makes itself; their codes are errno values.
- */
+/* The domain of the stock platform's own GLib errors. Their codes are errno values. */
 
 #include <glib.h>
 

@@ -7,7 +7,7 @@ namespace
 
 constexpr gunichar REPLACEMENT = 0xFFFD;
 
-/* sd-bus refuses Unicode's noncharacters, which are valid UTF-8 for GLib. */
+/* GLib accepts the noncharacters of Unicode in UTF-8, but sd-bus refuses them. */
 bool is_noncharacter(gunichar c)
 {
     return (c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE;

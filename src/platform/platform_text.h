@@ -1,10 +1,10 @@
 #pragma once
 
-/* Text for the bus, which refuses a message whose strings it does not like. */
+/* Makes text valid for the bus. sd-bus does not send a message that contains invalid text. */
 
 /*
- * Returns a copy (g_free()) of `text` that the bus carries: every byte that is not UTF-8, such as
- * those of a file name in another encoding, and every code point that the bus library refuses
- * becomes U+FFFD. Null gives null.
+ * Returns a copy of `text` that the bus can carry; the caller frees it with g_free(). U+FFFD
+ * replaces bytes that are not UTF-8, as in file names of other encodings, and code points that
+ * sd-bus refuses. Returns null for null. May run on any thread.
  */
 char *platform_text_make_valid(const char *text);

@@ -1,19 +1,17 @@
 #include "platform/util.h"
 
-#include <charconv>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <string.h>
-#include <string_view>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 
-/* Where a file lies: its folder, open, its name in there, and the name that it is written under. */
+/* The place of a file. */
 struct Place {
-    int folder;
-    char *name;
-    char *temporary_name;
+    int folder;           /* descriptor of the file's folder, or -1 */
+    char *name;           /* in the folder; owned */
+    char *temporary_name; /* in the folder, used until the file is complete; owned */
 };
 
 static void place_close(Place *place)
@@ -51,10 +49,10 @@ static bool sync_descriptor(int fd)
     return result == 0;
 }
 
-/* Leaves the whole text on storage under the temporary name, or nothing. */
+/* Writes and syncs the temporary file. Removes it on failure. */
 static bool write_temporary(const Place &place, const char *text, size_t length, mode_t mode)
 {
-    /* What a crash left behind; a link in its place goes too, instead of being followed. */
+    /* Removes a file that a crash left, or a link, which must not be followed. */
     unlinkat(place.folder, place.temporary_name, 0);
     const int fd = openat(place.folder, place.temporary_name,
                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
@@ -62,7 +60,7 @@ static bool write_temporary(const Place &place, const char *text, size_t length,
         return false;
     }
     const bool written = write_all(fd, text, length) && sync_descriptor(fd);
-    /* Some file systems report only here that there was no room; an interrupted close is done. */
+    /* Some file systems report a full disk only here. An interrupted close has closed the file. */
     const bool closed = close(fd) == 0 || errno == EINTR;
     if (!written || !closed) {
         unlinkat(place.folder, place.temporary_name, 0);
@@ -80,7 +78,7 @@ static bool rename_temporary(const Place &place)
     return false;
 }
 
-/* A file system that cannot sync a folder says EINVAL, and then keeps its own order of things. */
+/* EINVAL means that the file system cannot sync folders; there is nothing more to do then. */
 static bool sync_folder(const Place &place)
 {
     return sync_descriptor(place.folder) || errno == EINVAL;
@@ -91,20 +89,11 @@ int util_str_to_int(const char *text, int32_t *value)
     if (!text || !value) {
         return 0;
     }
-    std::string_view number = text;
-    if (number.starts_with('+')) {
-        number.remove_prefix(1);
-        if (number.starts_with('-')) {
-            return 0;
-        }
-    }
-    int32_t result;
-    const char *end = number.data() + number.size();
-    const auto [stop, error] = std::from_chars(number.data(), end, result, 10);
-    if (error != std::errc{} || stop != end) {
+    gint64 number = 0;
+    if (!g_ascii_string_to_signed(text, 10, INT32_MIN, INT32_MAX, &number, nullptr)) {
         return 0;
     }
-    *value = result;
+    *value = static_cast<int32_t>(number);
     return 1;
 }
 
