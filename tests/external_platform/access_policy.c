@@ -1,4 +1,4 @@
-/* Everybody may do everything, but nobody may ask this device whether it can play a file. */
+/* Allows everybody to call every method except SupportedFile, which nobody may call. */
 
 #include "platform/access_policy.h"
 
@@ -16,11 +16,12 @@ bool access_policy_init(GError **error)
 bool access_policy_check(const char *sender, const char *action, GError **error)
 {
     if (!sender || !action || *sender != ':') {
-        g_set_error(error, error_domain(), 0, "a call without a sender or a method is refused");
+        g_set_error(error, error_domain(), 0, "the call has no sender or no method");
         return false;
     }
     if (g_str_equal(action, "com.vesk.Sonobrik.SupportedFile")) {
-        g_set_error(error, error_domain(), 0, "this device does not tell %s", sender);
+        g_set_error(error, error_domain(), 0,
+                    "this device does not tell %s which files it supports", sender);
         return false;
     }
     return true;

@@ -1,4 +1,4 @@
-/* This device has one loudspeaker: the ALSA PCM "audiosink0", or "device0_output0". */
+/* Lists one device with one output: the ALSA PCM "audiosink0", or "device0_output0". */
 
 #include "platform/audio_devices.h"
 

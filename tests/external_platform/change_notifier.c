@@ -1,10 +1,10 @@
-/* A notice is a line of the log: nobody on this device keeps a copy of the clips. */
+/* Writes each change to the log, because nothing on this device caches the list of clips. */
 
 #include "platform/change_notifier.h"
 
 struct ChangeNotifier {
     char *source;
-    GString *values; /* of the description that was begun; null before the first */
+    GString *values; /* of the description; null if none was started */
 };
 
 static bool refuse_null(GError **error)

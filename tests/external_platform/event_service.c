@@ -1,4 +1,4 @@
-/* An event that is sent is a line of the log, at level notice: "event topic0=SonoBrik ...". */
+/* Writes each event that is sent to the log, at level notice: "event topic0=SonoBrik ...". */
 
 #include "platform/event_service.h"
 
@@ -6,8 +6,8 @@
 #include "event_values.h"
 
 struct EventProducer {
-    GPtrArray *events;   /* of the values that were sent last; the event `id` is number id - 1 */
-    GHashTable *pending; /* source ids of the callbacks that are due */
+    GPtrArray *events;   /* for each event the values sent last; the event `id` is at id - 1 */
+    GHashTable *pending; /* source ids of the callbacks that are still to be called */
 };
 
 struct Event {
@@ -15,7 +15,7 @@ struct Event {
     GHashTable *values; /* owned */
 };
 
-/* A callback on its way to the main loop: one of the two. */
+/* A callback that the main loop will call. Either `declared` or `sent` is set. */
 struct Callback {
     struct EventProducer *producer;
     unsigned int source;
@@ -83,7 +83,7 @@ unsigned int event_service_declare(struct EventProducer *producer,
     };
     if (event_template->initialiser &&
         !event_template->initialiser(&initial, event_template->user_data)) {
-        g_warning("event %u does not say in which state it begins", initial.id);
+        g_warning("the initialiser of event %u failed", initial.id);
         g_hash_table_unref(initial.values);
         return 0;
     }

@@ -35,7 +35,7 @@ static bool has_key(const struct EventTemplate *event_template, const char *key)
     return event_template && key && g_hash_table_contains(event_template->values, key);
 }
 
-/* Nobody on this device asks for name spaces, names for people and tags. */
+/* Nothing on this device uses name spaces, nice names or tags, so they are not stored. */
 
 bool event_template_set_namespace(struct EventTemplate *event_template, const char *key,
                                   const char *name_space)

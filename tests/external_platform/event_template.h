@@ -1,6 +1,6 @@
 #pragma once
 
-/* What event_service.c looks up in a template. */
+/* The members of a template, which event_service.c reads. */
 
 #include "platform/event_service.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The values of an event's keys by the keys' names: what templates and events are made of. */
+/* A table of an event's keys and their values. Templates and events contain one. */
 
 #include <glib.h>
 #include <stdbool.h>
@@ -10,15 +10,15 @@
 /* Returns an empty table; free it with g_hash_table_unref(). */
 GHashTable *event_values_new(void);
 
-/* A table of its own with the same keys and values. */
+/* Returns a copy of the table; free it with g_hash_table_unref(). */
 GHashTable *event_values_copy(GHashTable *values);
 
-/* Adds a key; a null `value` is 0, false or "". False if the key is there already. */
+/* Adds a key; a null `value` means 0, false or "". Returns false if the table has the key. */
 bool event_values_add(GHashTable *values, const char *key, const void *value,
                       enum EventValueType type);
 
-/* False if there is no such key. */
+/* Sets the value of a key. Returns false if the table does not have the key. */
 bool event_values_set(GHashTable *values, const char *key, const void *value);
 
-/* All keys with their values, "key=value" in the order of the names, as a new string. */
+/* Returns all keys as "key=value", sorted by name, as a new string; free it with g_free(). */
 char *event_values_print(GHashTable *values);

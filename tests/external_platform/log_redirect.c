@@ -1,6 +1,6 @@
 /*
- * The log goes to standard error, each line with its level in front: "<4>sonobrik: TEXT". A service
- * manager that reads standard error takes the level from there.
+ * Writes the log to standard error. Each line begins with its level, as in "<4>sonobrik: TEXT", which
+ * systemd recognises when it reads standard error.
  */
 
 #include "platform/log_redirect.h"
@@ -29,7 +29,7 @@ static int find_level(GLogLevelFlags level)
 
 static void write_line(GLogLevelFlags level, const char *domain, const char *text)
 {
-    /* Callers choose parts of a text; without its control characters it stays one line. */
+    /* Clients choose parts of the text. Escaped control characters cannot start a new line. */
     g_autofree char *line = g_strescape(text ? text : "", "\"\\");
     fprintf(stderr, "<%d>%s: %s%s%s\n", find_level(level), log_identity, domain ? domain : "",
             domain ? ": " : "", line);
@@ -41,7 +41,7 @@ static void handle_log(const char *domain, GLogLevelFlags level, const char *tex
     write_line(level, domain, text);
 }
 
-/* Libraries that use structured logging get here, past the default handler. */
+/* Receives the lines of libraries with structured logging, which bypass the default handler. */
 static GLogWriterOutput write_structured(GLogLevelFlags level, const GLogField *fields,
                                          gsize n_fields, void *user_data)
 {

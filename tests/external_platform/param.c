@@ -1,4 +1,4 @@
-/* The parameters of this device are fixed when it is built. */
+/* Reads the parameters from a constant table: this device has no settings file. */
 
 #include "platform/param.h"
 

@@ -51,7 +51,7 @@ static bool write_all(int fd, const char *text, size_t length)
     return true;
 }
 
-/* Leaves the whole text on storage at `path`, which is not there yet, or nothing. */
+/* Creates and syncs the file `path`, which must not exist. Removes it on failure. */
 static bool write_new(const char *path, const char *text, size_t length, mode_t mode)
 {
     const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
@@ -84,7 +84,7 @@ int util_write_file_synced(const char *path, const char *text, size_t length, mo
     g_autofree char *folder = g_path_get_dirname(path);
     g_autofree char *name = g_path_get_basename(path);
     g_autofree char *temporary = g_strdup_printf("%s/.%s.new", folder, name);
-    unlink(temporary); /* what a crash left behind */
+    unlink(temporary); /* a crash may have left it */
     if (!write_new(temporary, text, length, mode)) {
         return 0;
     }

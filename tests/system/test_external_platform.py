@@ -73,7 +73,7 @@ def test_the_platform_refuses_a_caller(sandbox, device):
     assert (error.value.name, error.value.text) == (
         "org.freedesktop.DBus.Error.AccessDenied", "Operation not permitted")
     logged(sandbox, "<6>sonobrik: Failed to authorize: this device does not tell "
-                    + sandbox.bus.unique_name)
+                    f"{sandbox.bus.unique_name} which files it supports")
 
 
 def test_a_parameter_of_the_platform_bounds_the_store(sandbox, device):
