@@ -97,7 +97,8 @@ bool event_template_add_tag(struct EventTemplate *event_template, const char *ke
 
 /*
  * Makes the event stateful: listeners that join late can read the value of `key`, its state. The
- * declaring operation calls `initialiser` with `user_data` before it returns.
+ * declaring operation calls `initialiser` with `user_data` before it returns. `user_data` must stay
+ * valid until then.
  */
 bool event_template_set_state_key(struct EventTemplate *event_template, const char *key,
                                   EventStateInitialiser initialiser, void *user_data);

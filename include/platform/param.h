@@ -20,8 +20,8 @@ struct ParamOptions {
 void param_reset_options(struct ParamOptions *options);
 
 /*
- * Reads the parameter `name`. The service reads its source again at each call, so an edit takes
- * effect at once.
+ * Reads the parameter `name` with the given `options`. The service reads its source again at each
+ * call, so an edit takes effect at once.
  *
  * Returns the value as a new string, which may be empty; the caller frees it with g_free().
  * `*error_code` is then unchanged.
