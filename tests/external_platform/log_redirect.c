@@ -1,6 +1,6 @@
 /*
- * Writes the log to standard error. Each line begins with its level, as in "<4>sonobrik: TEXT", which
- * systemd recognises when it reads standard error.
+ * Writes the log to standard error. Each line begins with its level, as in "<4>sonobrik: TEXT",
+ * which systemd recognises when it reads standard error.
  */
 
 #include "platform/log_redirect.h"
