@@ -34,5 +34,5 @@ bool access_policy_file_load(GError **error);
 bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const char *action,
                                GError **error);
 
-/* For the unit tests and the fuzzers only: reads the policy from `path`, which is borrowed. */
+/* For the unit tests and the fuzzers only: reads the policy from `path`. Keeps the pointer. */
 void access_policy_file_set_path(const char *path);

@@ -1,4 +1,4 @@
 #pragma once
 
-/* For the unit tests only: takes `path`, which is borrowed, for the system log's socket. */
+/* For the unit tests only: uses `path` as the socket of the system log. Keeps the pointer. */
 void log_redirect_set_socket(const char *path);

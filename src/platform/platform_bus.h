@@ -43,7 +43,7 @@ bool platform_bus_is_open(sd_bus *bus);
 void platform_bus_release(sd_bus *bus);
 
 /*
- * For the unit tests only: bounds the opening of a connection, and the calls on connections that
- * are opened later, by `usec` microseconds.
+ * For the unit tests only: sets the time-out for opening a connection, and for calls on connections
+ * that are opened later, to `usec` microseconds.
  */
 void platform_bus_set_timeout(uint64_t usec);
