@@ -229,6 +229,18 @@ json_t *__wrap_json_pack(const char *format, ...)
     return json;
 }
 
+int __wrap_json_unpack(json_t *json, const char *format, ...)
+{
+    if (enter("json_unpack")) {
+        return -1;
+    }
+    va_list targets;
+    va_start(targets, format);
+    const int r = json_vunpack_ex(json, nullptr, 0, format, targets);
+    va_end(targets);
+    return r;
+}
+
 /* These take the value's reference, also when they fail. */
 
 int __real_json_array_append_new(json_t *array, json_t *value);

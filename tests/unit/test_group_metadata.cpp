@@ -405,3 +405,40 @@ TEST_F(GroupMetadata, ReplyThatCannotBePackedIsReported)
     expect_no_log();
     EXPECT_EQ(json_object_get(group->metadata, "mediaTypes")->refcount, 1U);
 }
+
+/*
+ * A valid record has the three members, so reading one back fails only when memory runs out. They
+ * are read in the order media types, size, duration.
+ */
+
+TEST_F(GroupMetadata, ReplyNeedsTheMediaTypes)
+{
+    calls.fail_one("json_unpack", 1);
+    EXPECT_EQ(sonobrik_group_metadata(record(VALID)), nullptr);
+    expect_log(G_LOG_LEVEL_WARNING,
+               "sonobrik_group_metadata failed to obtain the media types of the media file");
+    expect_log(LOG_LEVEL_ERROR, "Failed to create parameter object, error 'NULL object'");
+    expect_no_log();
+}
+
+TEST_F(GroupMetadata, SizeThatCannotBeReadIsRepliedAsMinusOne)
+{
+    calls.fail_one("json_unpack", 2);
+    EXPECT_EQ(reply(record(VALID)),
+              R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],)"
+              R"("size":-1,"duration":50}})");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "sonobrik_group_metadata failed to obtain the size of the media file");
+    expect_no_log();
+}
+
+TEST_F(GroupMetadata, DurationThatCannotBeReadIsRepliedAsMinusOne)
+{
+    calls.fail_one("json_unpack", 3);
+    EXPECT_EQ(reply(record(VALID)),
+              R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],)"
+              R"("size":5,"duration":-1}})");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "sonobrik_group_metadata failed to obtain the duration of the media file");
+    expect_no_log();
+}

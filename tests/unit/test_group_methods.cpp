@@ -420,6 +420,16 @@ TEST_F(RenameTest, NameInAFileThatTheBusRefusesIsReplaced)
     expect_no_log();
 }
 
+/* The bus refuses to change a location, so only the operation below the method can. */
+TEST_F(RenameTest, LocationSetByNameReachesTheFileWithoutTheOldMetadata)
+{
+    g_autoptr(SonobrikGroup) group = sonobrik_group_from_index(0);
+    EXPECT_TRUE(sonobrik_group_set_property(group, "Location", "/bell.wav"));
+    EXPECT_EQ(StoreFolder::read("M0.json"), record_file("/bell.wav", "Door", "audio"));
+    EXPECT_EQ(get(0, "Location"), "('Location', <'/bell.wav'>)");
+    expect_no_log();
+}
+
 TEST_F(RenameTest, FailureToWriteIsAFailure)
 {
     fake_platform.write_fails = true;
@@ -495,6 +505,38 @@ TEST_F(GroupMethods, EntryWhosePropertiesCannotBeAppendedFailsTheCall)
     calls.fail_one("sd_bus_message_append", 2); /* the first appends the index */
     EXPECT_EQ(call("GetConfigurations"), failure("GetConfigurations"));
     expect_no_log();
+}
+
+/*
+ * The record is skipped, but sd-bus does not close an entry that lacks its index or its array, so
+ * the reply stays incomplete and cannot be sent.
+ */
+class IncompleteEntry : public GroupMethods
+{
+  protected:
+    void expect_failed_once()
+    {
+        StoreFolder::write("M1.json", record_file("/a", "A", "audio"));
+        EXPECT_EQ(call("GetConfigurations"),
+                  failure("GetConfigurations") + "Failed to send a positive dbus response");
+        expect_log(G_LOG_LEVEL_INFO,
+                   "sonobrik_dbus_method_send_reply failed to send positive reply "
+                   "message due to Bad message");
+        expect_no_log();
+        EXPECT_EQ(call("GetConfigurations"), "({" + entry("1", "/a", "A", "audio") + "},)");
+    }
+};
+
+TEST_F(IncompleteEntry, IndexThatCannotBeAppendedFailsTheCall)
+{
+    calls.fail_one("sd_bus_message_append", 1);
+    expect_failed_once();
+}
+
+TEST_F(IncompleteEntry, ArrayThatCannotBeOpenedFailsTheCall)
+{
+    calls.fail_one("sd_bus_message_open_container", 3); /* after the outer array and the entry */
+    expect_failed_once();
 }
 
 /* Sync. */
