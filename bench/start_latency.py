@@ -1,11 +1,12 @@
-"""Measures what a first caller waits for, and what the daemon's memory does.
+"""Measures how long a start and the first calls take, and how much memory the daemon uses.
 
 usage: /usr/bin/python3 bench/start_latency.py [BUILD-FOLDER]
 
-The daemon runs in a sandbox with the virtual sound card (bubblewrap and the packages of the system
-tests). A StartPlayingClip call is timed from the caller's side, over the bus, for a WAV file of
-1 s that is stopped again at once. "cold" is the first start after an installation, in which
-GStreamer lists its plugins; it is measured once, the rest as the median of several daemons.
+The daemon runs in a sandbox with the virtual sound card; install the packages of the system tests
+first. The time of a StartPlayingClip call is measured over the bus, on the caller's side. Each call
+starts a WAV file of 1 s, which is then stopped at once. "cold registry" is the first start after an
+installation, when GStreamer lists its plugins; it is measured once. "warm registry" is the median
+of several starts after that.
 """
 
 import pathlib
@@ -37,7 +38,7 @@ def read_rss_kib(pid):
 
 
 def time_calls(build, folder, cache, count):
-    """Start of the daemon, then `count` StartPlayingClip calls, in milliseconds each."""
+    """Returns the duration of the daemon's start and of `count` StartPlayingClip calls, in ms."""
     with Sandbox(folder, build, cache) as sandbox:
         clip = sandbox.write_clip("a.wav", clips.tone(440, 1))
         sandbox.start_bus()
@@ -51,7 +52,7 @@ def time_calls(build, folder, cache, count):
 
 
 def measure_memory(build, folder, cache):
-    """Resident memory in KiB: after the start, after one play, after PLAYS more."""
+    """Returns the resident memory in KiB after the start, after one play and after PLAYS more."""
     with Sandbox(folder, build, cache) as sandbox:
         clip = sandbox.write_clip("a.wav", clips.tone(440, 0.05))
         sandbox.start_bus()

@@ -1,7 +1,7 @@
 """Adds up JUnit result files and prints "N passed, N failed[, N skipped]" as the last line.
 
-A file that is missing, since its runner did not get as far, counts as one failure. Exits with 1 when
-something failed or nothing passed.
+A missing file counts as one failure: its runner stopped before writing it. Exits with 1 if a test
+failed or none passed.
 """
 
 import os
@@ -10,7 +10,7 @@ import xml.etree.ElementTree as ElementTree
 
 
 def outcome(case):
-    """Returns what became of one <testcase> element."""
+    """Returns the outcome of one <testcase> element."""
     if case.find("failure") is not None or case.find("error") is not None:
         return "failed"
     if case.find("skipped") is not None or case.get("result") == "skipped":

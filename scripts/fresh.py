@@ -1,17 +1,17 @@
-"""Runs the README's commands, and installs and uses the package, on minimal Debian 12 machines.
+"""Tests the README's commands and the Debian package on two minimal Debian 12 systems.
 
 usage: fresh.py [STEP...]
-  machine  makes the machines: a minimal Debian 12, twice
-  try      the README's first command, from a clean clone of what is committed
-  test     the README's second command
-  package  builds the package there
-  install  installs the package on the second machine, which has nothing for building
-  play     plays a clip there, by the installed client, through the daemon that the bus starts
-Without a STEP all run. A step that is named alone goes on with the machines that are there.
+  machine  creates the two systems: one to build on, one to install the package on
+  try      runs the README's first command in a clean clone of the last commit
+  test     runs the README's second command in that clone
+  package  builds the package in that clone
+  install  installs the package on the second system
+  play     plays a clip on the second system with sonobrikctl; the bus starts the daemon
+Without a STEP, all steps run. A step other than "machine" uses the systems that already exist.
 
-The machines are folders below build-fresh/, made by debootstrap from the mirror of this machine,
-and entered as containers. Needs root and its right to mount. The last lines say what became of each
-step, and then "N passed, N failed"; what a step printed is in build-fresh/STEP.log.
+Each system is a folder under build-fresh/, created by debootstrap from the package mirror of this
+machine and entered as a container. Needs root and the right to mount. The last lines give the
+result of each step, then "N passed, N failed". The output of a step is in build-fresh/STEP.log.
 """
 
 import os
@@ -29,30 +29,30 @@ from sandbox import Recording, clips  # noqa: E402
 
 SUITE = "bookworm"
 FOLDER = ROOT / "build-fresh"
-BASE = FOLDER / "base.tar"  # the pristine machine; remove it to have it made anew
+BASE = FOLDER / "base.tar"  # a copy of the pristine system; delete it to create a new one
 BUILDER = FOLDER / "builder"
 TARGET = FOLDER / "target"
 
-TREE = "/root/sonobrik"  # of the clone, on the first machine
+TREE = "/root/sonobrik"  # path of the clone on the first system
 
-# How apt on this machine reaches its mirror, which the new machines need as well.
+# The apt settings with which this machine reaches its mirror; the new systems need them too.
 APT_OPTIONS = re.compile(r"^Acquire::(http|https|Check-Valid-Until|Check-Date|ForceIPv4)\b")
 PROXIES = ("http_proxy", "https_proxy", "no_proxy")
 
-ENTRIES = ("bwrap", "unshare")  # the programs that enter a machine
+ENTRIES = ("bwrap", "unshare")  # programs that run a command on a system
 
 CARD_LIBRARY = "libasound_module_pcm_clockcard.so"
-# In front of the package's own output 0: the sound card that records what it plays.
+# Replaces the package's output 0 with the sound card that records what it plays.
 ALSA = f"""\
 pcm_type.clockcard {{ lib "/opt/{CARD_LIBRARY}" }}
 pcm.!audiosink0 {{ type plug slave.pcm {{ type clockcard folder "/tmp/card" }} }}
 """
 
-# The bus starts the daemon through its helper, as the user that the activation file names.
+# The bus starts the daemon through its set-user-id helper, as the user in the activation file.
 PLAY = """\
 set -eu
 mkdir -p /run/dbus
-rm -f /run/dbus/pid  # of a run before this
+rm -f /run/dbus/pid  # left by an earlier run
 dbus-daemon --system
 trap 'kill $(pidof dbus-daemon sonobrik)' EXIT
 sonobrikctl play --wait /etc/audioclips/fresh.wav
@@ -64,11 +64,11 @@ echo "The daemon runs as $user."
 
 
 class StepError(Exception):
-    """Why a step failed."""
+    """A step failed; the message gives the reason."""
 
 
 class Step:
-    """One step with its log."""
+    """One step and its log."""
 
     def __init__(self, name):
         self.name = name
@@ -76,15 +76,15 @@ class Step:
         self._file = open(self.log, "w")
 
     def run(self, command, what=None, **options):
-        """Runs a program to its end; what it prints goes into the log. `what` names a long one."""
+        """Runs a program with its output in the log. `what` names it in an error, if it is long."""
         command = [str(word) for word in command]
-        # On a machine, a program of the shell; elsewhere a command.
+        # For a command on a system, only the shell command is logged.
         shown = command[-1].strip() if command[0] in ENTRIES else " ".join(command)
         self.say(f"+ {shown}")
         result = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=self._file,
                                 stderr=subprocess.STDOUT, check=False, **options)
         if result.returncode != 0:
-            raise StepError(f"status {result.returncode} of {what or shown}")
+            raise StepError(f"{what or shown} exited with {result.returncode}")
 
     def say(self, text):
         print(text, file=self._file, flush=True)
@@ -94,29 +94,34 @@ class Step:
 
 
 def environment():
-    """What programs on a new machine are given."""
+    """Returns the environment of programs on a new system."""
     variables = {"HOME": "/root", "LANG": "C.UTF-8",
                  "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"}
     return variables | {name: os.environ[name] for name in PROXIES if name in os.environ}
 
 
 def enter(machine, command, folder="/"):
-    """The command that runs a shell command on a machine, in a container that permits another."""
+    """Returns the command that runs a shell command on a system.
+
+    The command runs in a container in which a sandbox can be created.
+    """
     return ["bwrap", "--bind", machine, "/", "--proc", "/proc", "--dev", "/dev",
             "--ro-bind", "/sys", "/sys", "--unshare-pid", "--die-with-parent", "--cap-add", "ALL",
             "--chdir", folder, "/bin/bash", "-c", command]
 
 
 def enter_plainly(machine, command):
-    """The same, where programs may change their user by set-user-id, as the bus's helper does; a
-    container of bubblewrap forbids that."""
+    """Returns a command like enter(), in a container that permits set-user-id programs.
+
+    The bus's helper is one; bubblewrap forbids them.
+    """
     return ["unshare", "--mount", "--pid", "--fork", "--kill-child", "/bin/bash", "-c",
             'mount -t proc proc "$0/proc" && mount --rbind /dev "$0/dev" && '
             'exec chroot "$0" /bin/bash -c "$1"', machine, command]
 
 
 def read_mirrors():
-    """Address and suite of each of this machine's sources of Debian packages."""
+    """Returns address and suite of each Debian package source of this machine."""
     answer = subprocess.run(
         ["apt-get", "indextargets", "--format", "$(ORIGIN)|$(REPO_URI)|$(RELEASE)",
          "Created-By: Packages"], check=True, capture_output=True, text=True)
@@ -124,12 +129,12 @@ def read_mirrors():
     mirrors = [(uri, suite) for origin, uri, suite in rows
                if origin == "Debian" and suite.startswith(SUITE)]
     if not any(suite == SUITE for _, suite in mirrors):
-        raise StepError(f"this machine's apt has no source of Debian {SUITE} (run apt-get update?)")
+        raise StepError(f"apt on this machine has no source for Debian {SUITE}; run apt-get update")
     return list(dict.fromkeys(mirrors))
 
 
 def make_base(step):
-    """Makes the pristine machine, of which all others are copies."""
+    """Creates the pristine system, which make_machines() copies."""
     mirrors = read_mirrors()
     folder = FOLDER / "base"
     shutil.rmtree(folder, ignore_errors=True)
@@ -154,13 +159,13 @@ def make_machines(step):
         machine.mkdir()
         step.run(["tar", "-C", machine, "-xf", BASE])
         shutil.copy("/etc/resolv.conf", machine / "etc/resolv.conf")
-        # Which an installer would have written.
+        # An installer would write this file; debootstrap does not.
         (machine / "etc/hosts").write_text("127.0.0.1 localhost\n::1 localhost\n")
     step.run(["git", "clone", "--quiet", "--no-hardlinks", ROOT, f"{BUILDER}{TREE}"])
 
 
 def read_commands():
-    """The README's two commands, each on a line of its own."""
+    """Returns the README's two commands. Each is alone on an indented line."""
     commands = re.findall(r"^    (scripts/\S+)$", (ROOT / "README.md").read_text(), re.MULTILINE)
     if len(commands) < 2:
         raise StepError("README.md does not show its two commands")
@@ -182,7 +187,7 @@ def build_package(step):
 def find_one(folder, pattern):
     found = list(pathlib.Path(folder).glob(pattern))
     if len(found) != 1:
-        raise StepError(f"{len(found)} files '{pattern}' in {folder}, not one")
+        raise StepError(f"expected one file '{pattern}' in {folder}, found {len(found)}")
     return found[0]
 
 
@@ -205,11 +210,11 @@ def play_clip(step):
     card.chmod(0o1777)
     samples = clips.noise(48000)
     clips.write_wav(TARGET / "etc/audioclips/fresh.wav", samples)
-    step.run(enter_plainly(TARGET, PLAY), "the playing", env=environment())
+    step.run(enter_plainly(TARGET, PLAY), "playing the clip", env=environment())
     takes = Recording(card).takes
     if not any(take.find(samples) >= 0 for take in takes):
-        raise StepError(f"the clip was not heard; {len(takes)} recordings in {card}")
-    step.say(f"The whole clip was heard: {takes[0].seconds:.2f} s.")
+        raise StepError(f"the clip is not in the {len(takes)} recordings in {card}")
+    step.say(f"The recording contains the whole clip: {takes[0].seconds:.2f} s.")
 
 
 STEPS = {
@@ -223,7 +228,7 @@ STEPS = {
 
 
 def run_step(name):
-    """Runs a step, and returns the line that says what became of it, and whether it passed."""
+    """Runs a step. Returns the line with its result, and True if it passed."""
     print(f"{name} …", flush=True)
     step = Step(name)
     start = time.monotonic()
@@ -243,7 +248,7 @@ def main(names):
         print(f"fresh: no such step: {', '.join(unknown)}\n\n{__doc__}", file=sys.stderr)
         return 2
     if os.getuid() != 0:
-        print("fresh: making a machine needs root", file=sys.stderr)
+        print("fresh: must be run as root", file=sys.stderr)
         return 1
     FOLDER.mkdir(exist_ok=True)
     results = [run_step(name) for name in names or STEPS]

@@ -1,4 +1,4 @@
-"""Keeps a chime as a clip of the daemon in a sandbox, plays it, and prints what a caller sees.
+"""Runs the daemon in a sandbox, adds a chime as a clip, plays it, and prints calls and events.
 
 usage: try_clip.py BUILD-FOLDER
 """
@@ -22,27 +22,29 @@ RATE = 48000
 NOTES = ((0.0, 659.26), (0.22, 523.25), (0.44, 783.99))
 SECONDS = 1.8
 
-# A struck bar sounds at its pitch and, softer and shorter, above it.
+# Partials of a struck bar: frequency ratio, gain, decay per second. The higher ones are softer and
+# shorter.
 PARTIALS = ((1.0, 1.0, 2.6), (2.76, 0.35, 5.0), (5.4, 0.12, 9.0))
 
 
 def make_chime():
-    """Samples of the chime, mono, signed 16-bit."""
+    """Returns the samples of the chime, mono, signed 16-bit."""
     samples = array.array("h")
     for i in range(round(SECONDS * RATE)):
         level = 0.0
         for start, pitch in NOTES:
             at = i / RATE - start
             if at >= 0:
-                level += sum(gain * math.exp(-decay * at) * math.sin(2 * math.pi * ratio * pitch * at)
-                             for ratio, gain, decay in PARTIALS)
+                level += sum(
+                    gain * math.exp(-decay * at) * math.sin(2 * math.pi * ratio * pitch * at)
+                    for ratio, gain, decay in PARTIALS)
         fade = min(1.0, (SECONDS - i / RATE) / 0.1)
         samples.append(round(32767 * 0.18 * fade * level))
     return samples
 
 
 def has_sound_card():
-    """Has the machine an output that this user may open?"""
+    """Returns True if this user can open a playback device of the machine."""
     for node in pathlib.Path("/dev/snd").glob("pcmC*D*p"):
         try:
             node.open("r+b").close()
@@ -53,7 +55,7 @@ def has_sound_card():
 
 
 def describe(signal):
-    """One line for an event."""
+    """Returns a line of text for an event signal."""
     keys = signal.args[0]
     topics = "/".join(keys[topic] for topic in ("topic0", "topic1"))
     values = ", ".join(f"{key}={value}" for key, value in sorted(keys.items())
@@ -62,7 +64,7 @@ def describe(signal):
 
 
 def show(call, send):
-    """Sends a call and prints it with its answer, which is returned; null for an error."""
+    """Sends a call, and prints it with its reply. Returns the reply's values; None for an error."""
     try:
         values = send().wait(60)
     except BusError as error:
@@ -74,7 +76,7 @@ def show(call, send):
 
 
 def keep(sandbox, clip):
-    """Adds the clip to the store, looks at it, and names it anew. Returns its location, or null."""
+    """Adds the clip to the store, reads it back and renames it. Returns its location, or None."""
     store = Store(sandbox)
     added = show(f'AddClip "{clip.path}" "Chime" "audio"',
                  lambda: store.send_clip(clip.path, "Chime"))
@@ -92,7 +94,7 @@ def keep(sandbox, clip):
 
 
 def play(sandbox, options):
-    """Calls PlayClip and prints the events and the reply as they arrive. Returns whether it played."""
+    """Calls PlayClip, and prints events and reply as they arrive. Returns True on success."""
     events = sandbox.bus.subscribe(interface="com.vesk.Events1.Event", member="Sent")
     start = time.monotonic()
     print(f'  > PlayClip "{options}"')
@@ -116,7 +118,7 @@ def play(sandbox, options):
 
 
 def try_output(folder, build, loudspeaker):
-    """Plays the chime on the machine's loudspeaker, or on the virtual sound card."""
+    """Plays the chime on a real sound card, or on the virtual one. Returns True on success."""
     shutil.rmtree(folder, ignore_errors=True)
     devices = ["/dev/snd"] if loudspeaker else []
     with Sandbox(folder, build, cache=build / "try-cache", devices=devices) as sandbox:
@@ -125,24 +127,25 @@ def try_output(folder, build, loudspeaker):
         clip = sandbox.write_clip("chime.wav", make_chime(), RATE)
         sandbox.start_bus()
         daemon = sandbox.start_daemon()
-        print(f"The daemon is up, as {PLAYBACK[0]} and {LEGACY[0]}\non a private system bus. "
-              "A chime becomes a clip:")
+        print(f"The daemon is running on a private system bus, as {PLAYBACK[0]}\n"
+              f"and {LEGACY[0]}. Adding a chime as a clip:")
         location = keep(sandbox, clip)
         if location:
-            print("It plays, twice without a gap:")
+            print("Playing it twice, without a gap:")
         played = location is not None and play(sandbox, f"location={location}&repeat=1")
         if loudspeaker:
             if played:
-                print("You heard it from this machine's loudspeaker.")
+                print("Played on this machine's sound card.")
             return played
         takes = sandbox.card(0).takes
     if not played or not takes or takes[0].peak == 0:
-        print("Nothing was heard. The daemon's log:\n  " + "\n  ".join(daemon.lines), file=sys.stderr)
+        print("Nothing was played. The daemon's log:", *daemon.lines, sep="\n  ", file=sys.stderr)
         return False
     for number, take in enumerate(takes, 1):
         wav = folder.with_name(f"heard{'' if number == 1 else f'-{number}'}.wav")
         shutil.copy(take.path, wav)
-        print(f"Without a loudspeaker, what one would have played is in\n  {wav.relative_to(ROOT)}: {take.seconds:.2f} s, {take.rate} Hz, "
+        print("No sound card was used; the sound is in\n"
+              f"  {wav.relative_to(ROOT)}: {take.seconds:.2f} s, {take.rate} Hz, "
               f"{take.channels} channel(s), peak {20 * math.log10(take.peak):.1f} dBFS, "
               f"level {take.level:.1f} dBFS")
     return True
@@ -154,7 +157,7 @@ def main(build):
         if has_sound_card():
             if try_output(folder, build, True):
                 return 0
-            print("The loudspeaker did not take it; once more, into a file.")
+            print("The sound card did not play it. Trying again, into a file.")
         return 0 if try_output(folder, build, False) else 1
     except SandboxError as error:
         print(error, file=sys.stderr)

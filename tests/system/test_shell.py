@@ -1,4 +1,4 @@
-"""scripts/shell, the sandbox for people."""
+"""scripts/shell, which runs the daemon in a sandbox for manual use."""
 
 import os
 import pathlib
@@ -21,7 +21,7 @@ def test_a_command_calls_the_daemon_of_the_sandbox(build_dir):
     assert (result.returncode, result.stdout) == (0, 's "OK"\n')
 
 
-def test_the_variables_lead_to_the_daemon_and_its_world(build_dir):
+def test_the_variables_name_the_daemon_and_its_sandbox(build_dir):
     script = ('cat "/proc/$PID/comm"; tr "\\0" "\\n" <"/proc/$PID/environ" | grep GST_DEBUG; '
               'cat "$SANDBOX/tmp/log"; exit 3')
     result = run_shell(build_dir, "sh", "-c", script, GST_DEBUG="1")
@@ -30,8 +30,8 @@ def test_the_variables_lead_to_the_daemon_and_its_world(build_dir):
     assert "Vesk audiosink not supported" in result.stdout
 
 
-def test_without_a_build_it_says_so_and_makes_nothing(tmp_path):
+def test_without_a_build_it_fails_and_creates_nothing(tmp_path):
     result = run_shell(tmp_path / "build", "true")
     assert (result.returncode, result.stdout, result.stderr) == (
-        1, "", f"shell: no daemon in {tmp_path}/build; scripts/test builds one\n")
+        1, "", f"shell: no daemon in {tmp_path}/build; run scripts/test to build it\n")
     assert list(tmp_path.iterdir()) == []
