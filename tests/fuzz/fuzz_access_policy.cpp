@@ -1,4 +1,4 @@
-/* /etc/vesk/access.conf, which an administrator writes. */
+/* Fuzzes the parser of /etc/vesk/access.conf, which an administrator writes. */
 
 #include <glib.h>
 #include <string>
@@ -7,7 +7,7 @@
 #include "access_policy_file.h"
 #include "fuzz_input.h"
 
-/* A user whom nothing but their number, or "*", can name. */
+/* A user without a name: only the number, or "*", can match. */
 static constexpr uid_t STRANGER = 4000000001;
 static constexpr std::string_view STRANGER_TEXT = "4000000001";
 
@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         access_policy_file_admits(STRANGER, {}, "com.vesk.Sonobrik.PlayClip", &refusal);
     g_assert(admitted == !refusal);
     if (admitted) {
-        /* Digits may be escaped; so many zeros cannot. */
+        /* Only "*" or the number itself can admit the stranger. */
         const std::string_view text(reinterpret_cast<const char *>(data), size);
         g_assert(loaded && text.find("users") != text.npos);
         g_assert(text.find('*') != text.npos || text.find(STRANGER_TEXT) != text.npos);

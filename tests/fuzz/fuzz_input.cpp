@@ -14,7 +14,7 @@ std::string fuzz_input_setup(const char *name)
 
 void fuzz_input_write(const std::string &path, const uint8_t *data, size_t size)
 {
-    /* A file that is cut and written anew goes to the disk at once; a new one has time. */
+    /* Some file systems flush a file that is truncated and rewritten; a new file is faster. */
     g_unlink(path.c_str());
     FILE *file = fopen(path.c_str(), "wb");
     g_assert(file);

@@ -1,17 +1,17 @@
 #pragma once
 
-/* What the fuzzers share. They answer to libFuzzer, and hold promises with g_assert(). */
+/* Helpers of the fuzzers, which use libFuzzer and check results with g_assert(). */
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 /*
- * Called once, before the first input: makes the folder of the fuzzer `name`, in which its files
- * are written and stay, and silences the log, which would be all that the run does. Returns the
- * folder's path.
+ * Creates the folder of the fuzzer `name`, where its files are written and stay, and returns its
+ * path. Turns the log off, because logging would take most of the time. Call it from
+ * LLVMFuzzerInitialize().
  */
 std::string fuzz_input_setup(const char *name);
 
-/* Makes the file `path` hold the input. */
+/* Writes the input to the file `path`. */
 void fuzz_input_write(const std::string &path, const uint8_t *data, size_t size);

@@ -1,4 +1,4 @@
-/* The text of a play request's options, which callers write. */
+/* Fuzzes the parser of a play request's options, which callers write. */
 
 #include <glib.h>
 #include <string>
@@ -8,7 +8,7 @@
 #include "fuzz_input.h"
 #include "platform/audio_devices.h"
 
-/* One device, number 2, with one output. */
+/* The fake platform has one device, number 2, with one output. */
 AudioDevice **audio_devices_get(const void *)
 {
     static char device_id[] = "2";

@@ -1,4 +1,4 @@
-/* /etc/vesk/parameters.conf, which an administrator writes. */
+/* Fuzzes the parser of /etc/vesk/parameters.conf, which an administrator writes. */
 
 #include <cerrno>
 #include <cstring>
@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_autofree char *value = param_get("root.SonoBrik.MaxGroups", &options, &error);
     g_assert(value ? error == 0 : error == ENOENT);
     if (value) {
-        /* A part of one line, from the file, without blanks around it. */
+        /* The value must be part of a single line, without blanks around it. */
         const std::string_view text(reinterpret_cast<const char *>(data), size);
         const size_t length = strlen(value);
         g_assert(text.find(value) != text.npos && !strchr(value, '\n'));

@@ -1,4 +1,4 @@
-/* A clip record's file, which may have been written by anybody who may write there. */
+/* Fuzzes the parser of a clip's record file, which other programs may have written. */
 
 #include <glib.h>
 #include <glib/gstdio.h>
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_assert(sonobrik_group_get_index(record) == 0);
     g_assert(sonobrik_group_valid_parameter(record));
 
-    /* What can be saved is read again as it was; what cannot leaves nothing. */
+    /* A saved record must read back unchanged; a failed save must leave no file. */
     record->index = 1;
     g_unlink(copy_path.c_str());
     const bool saved = sonobrik_group_save(record);

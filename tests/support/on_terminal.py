@@ -1,10 +1,13 @@
 #!/usr/bin/python3
-"""Runs a program on a terminal of its own, and presses keys.
+"""Runs a program on a pseudo-terminal and sends it key presses.
 
-usage: on_terminal.py TASK, a JSON object with `command`, `columns`, and `steps`: pairs of a text that
-is waited for in what the program writes after the step before, and of the keys that are pressed then.
-Prints a JSON object with the `output`, as the terminal got it, and the `status`, 128 + its number if a
-signal ended the program. A program that does not write or end in time is killed.
+usage: on_terminal.py TASK
+
+TASK is a JSON object with `command`, `columns` and `steps`. A step is a pair of a text and of keys,
+which are sent as soon as the program has written the text. The steps are handled in order. Prints
+a JSON object: `output` is everything that the program wrote, `status` is its exit status, or 128 +
+the number of the signal that ended it, and `left` has the steps whose text did not appear. A program
+that takes longer than DEADLINE is killed.
 """
 
 import fcntl
@@ -30,12 +33,12 @@ def start(command, columns):
 
 
 def read(terminal, end):
-    """What the program wrote next; empty at its end."""
+    """Returns what the program wrote next, b"" once it has ended, or None after the deadline."""
     if not select.select([terminal], [], [], max(0, end - time.monotonic()))[0]:
         return None
     try:
         return os.read(terminal, 65536)
-    except OSError:  # the last one has closed the terminal
+    except OSError:  # Linux reports EIO once no process has the terminal open
         return b""
 
 

@@ -19,10 +19,10 @@ namespace
 constexpr uint64_t SECOND = 1000000000;
 constexpr unsigned MAX_FILES = 1000;
 
-/* The one form of WAV header that is written, and therefore read. All numbers little-endian. */
+/* The WAV header; no other form is written or read. All numbers are little-endian. */
 struct WavHeader {
     char riff[4];
-    uint32_t riff_size; /* of all that follows */
+    uint32_t riff_size; /* of the rest of the file */
     char wave[4];
     char fmt[4];
     uint32_t fmt_size;
@@ -77,8 +77,8 @@ int write_header(const Recording *recording)
 {
     const RecordingFormat *format = &recording->format;
     const uint32_t frame = bytes_per_frame(format);
-    /* A WAV file ends at 4 GiB, hours beyond any test; the header of a longer one names what it
-     * can. */
+    /* A WAV header can describe at most 4 GiB. Above that, hours beyond any test, it stays at the
+     * limit. */
     const uint64_t limit = UINT32_MAX - sizeof(WavHeader);
     const auto size = static_cast<uint32_t>(std::min(recording->frames * frame, limit));
     const WavHeader header = {
@@ -110,7 +110,7 @@ int read_header(Recording *recording)
     return 0;
 }
 
-/* Goes on with the newest file of an earlier user, if there is one. */
+/* Opens the newest file of an earlier user, if there is one, to append to it. */
 int open_newest(Recording *recording)
 {
     while (recording->number < MAX_FILES &&
@@ -190,7 +190,7 @@ int recording_add_event(Recording *recording, const char *format, ...)
                                static_cast<unsigned long long>(recording_get_time()));
     va_list arguments;
     va_start(arguments, format);
-    /* A byte stays free for the end of the line; what is longer is cut. */
+    /* A longer line is truncated; one byte stays free for the line feed. */
     vsnprintf(line.data() + stamp, line.size() - static_cast<size_t>(stamp) - 1, format, arguments);
     va_end(arguments);
     size_t size = strlen(line.data());

@@ -1,11 +1,11 @@
-"""Starts a program under the restrictions of a systemd unit, where no systemd runs.
+"""Starts a program under the restrictions of a systemd unit, without systemd.
 
 usage: unit_launcher.py UNIT UID:GID[:GROUP...] probe|PROGRAM
 
-It imposes what the kernel can impose on any process: system-call filters, capabilities, namespaces
-and the view of the file system, in the way in which systemd does, and nothing that takes a cgroup.
-A directive that it does not know ends it.
-Runs as root in a mount namespace of its own. "probe" prints, as JSON, what can be done under them.
+Applies system-call filters, capabilities, namespaces and mounts in the way systemd does, but no
+restriction that needs a cgroup. Exits with an error for a directive that it does not know. Must run
+as root in a private mount namespace. "probe" runs no program; it tries what the restrictions allow
+and prints the results as JSON.
 """
 
 import ctypes
@@ -20,19 +20,19 @@ import seccomp
 
 import unit_probe
 
-# Restrictions that are not imposed here, and why.
+# Directives that are not applied here, and why.
 NOT_IMPOSED = {
-    "DeviceAllow": "takes a cgroup; the sandbox has no device but the harmless ones",
-    "DevicePolicy": "takes a cgroup",
+    "DeviceAllow": "needs a cgroup; bubblewrap provides only devices such as /dev/null",
+    "DevicePolicy": "needs a cgroup",
 }
 
-# What the service manager does beside a process.
+# Directives about starting and watching a service, which do not restrict it.
 SUPERVISION = {
     "BusName", "Restart", "RestartForceExitStatus", "RestartSec", "SuccessExitStatus", "Type",
     "WatchdogSec",
 }
 
-# What is imposed, below.
+# Directives that this program applies.
 IMPOSED = {
     "CacheDirectory", "CacheDirectoryMode", "CapabilityBoundingSet", "Environment", "ExecPaths",
     "ExecStart", "LockPersonality", "MemoryDenyWriteExecute", "NoExecPaths", "NoNewPrivileges",
@@ -46,7 +46,7 @@ IMPOSED = {
 
 CACHE = "/var/cache"
 
-# They stand in for the sound cards' devices, and for the libraries that are installed.
+# Used in place of the sound cards' devices and of the installed libraries.
 CARDS, LIBRARIES = "/run/cards", "/run/build/tests/support"
 PROGRAM = "/run/build/src/sonobrik"
 
@@ -57,7 +57,7 @@ MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
 MOUNT_ATTR_RDONLY, MOUNT_ATTR_NOSUID, MOUNT_ATTR_NOEXEC = 1, 2, 8
 SYS_MOUNT_SETATTR = 442
 CLONE_NEWUTS, CLONE_NEWNET = 0x04000000, 0x40000000
-NAMESPACES = 0x7e020080  # of clone(): cgroup, IPC, network, mount, pid, user, UTS and time
+NAMESPACES = 0x7e020080  # flags of clone(): cgroup, IPC, network, mount, pid, user, UTS, time
 PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS, PR_SET_MDWE = 24, 38, 65
 
 
@@ -95,9 +95,9 @@ class Unit:
         return " ".join(self.get_all(key)).split()
 
     def require(self, key, *values):
-        """For a directive of which only some values are known here."""
+        """Exits if the directive has none of these values. Returns True if the unit has it."""
         if self.get(key) is not None and self.get(key) not in values:
-            sys.exit(f"unit_launcher: {key}={self.get(key)} is not known here")
+            sys.exit(f"unit_launcher: unsupported value {key}={self.get(key)}")
         return self.get(key) is not None
 
 
@@ -121,7 +121,7 @@ def bind_itself(path):
 
 
 def hide(path):
-    """As inaccessible as systemd makes it."""
+    """Makes a path inaccessible, like systemd does."""
     if os.path.isdir(path):
         mount("tmpfs", path, "tmpfs", data="mode=000,size=0")
         set_mount(path, MOUNT_ATTR_RDONLY)
@@ -130,14 +130,14 @@ def hide(path):
 
 
 def find_paths(words):
-    """Paths of a directive: resolved, without those that are missing and may be."""
+    """Returns the resolved paths of a directive. A missing path is skipped if marked with "-"."""
     paths = []
     for word in words:
         path = os.path.realpath(word.removeprefix("-"))
         if os.path.exists(path):
             paths.append(path)
         elif not word.startswith("-"):
-            sys.exit(f"unit_launcher: {word} is missing")
+            sys.exit(f"unit_launcher: {word} does not exist")
     return list(dict.fromkeys(paths))
 
 
@@ -152,7 +152,7 @@ def make_view(unit, uid, gid, program):
         os.chown(folder, uid, gid)
         writable.append(folder)
     writable += find_paths(unit.get_words("ReadWritePaths"))
-    # The program stands in for the installed one.
+    # `program` takes the place of the installed program.
     executable = [word for word in unit.get_words("ExecPaths") if word != unit.get("ExecStart")]
     executable = [*find_paths(executable), program, LIBRARIES]
     for path in {*writable, *executable}:
@@ -187,7 +187,7 @@ def make_view(unit, uid, gid, program):
     set_mount("/proc", MOUNT_ATTR_NOEXEC | MOUNT_ATTR_NOSUID)
 
 
-# Who it is, and what it may
+# User, capabilities and namespaces
 
 
 def become(unit, uid, gid, groups):
@@ -203,7 +203,7 @@ def become(unit, uid, gid, groups):
             if libc.prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) < 0:
                 break
     os.setresgid(gid, gid, gid)
-    os.setresuid(uid, uid, uid)  # which takes the capabilities away
+    os.setresuid(uid, uid, uid)  # also drops all capabilities
     os.umask(int(unit.get("UMask", "0022"), 8))
     if unit.is_on("NoNewPrivileges"):
         check(libc.prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no_new_privs")
@@ -213,7 +213,7 @@ def become(unit, uid, gid, groups):
 
 
 def expand(name):
-    """The system calls of a set, or the call itself."""
+    """Returns the system calls of a set such as "@clock", or the one call of that name."""
     if not name.startswith("@"):
         return {name}
     text = subprocess.run(["systemd-analyze", "--no-pager", "syscall-filter", name], check=True,
@@ -230,16 +230,16 @@ def is_known(call):
 
 
 def make_allowed(unit):
-    """The calls that SystemCallFilter= leaves; its first line is a list of what is allowed."""
+    """Returns the calls that SystemCallFilter= allows; its first line must be an allow list."""
     allowed = set()
     for value in unit.get_all("SystemCallFilter"):
         calls = set().union(*(expand(word) for word in value.removeprefix("~").split()))
         allowed = allowed - calls if value.startswith("~") else allowed | calls
-    return allowed | expand("@default")  # which is always allowed
+    return allowed | expand("@default")  # systemd always allows these
 
 
 def make_filters(unit):
-    """The filters, the one that allows the least last."""
+    """Returns the filters. The strictest is last, because it may forbid loading another one."""
     deny = seccomp.SyscallFilter(seccomp.ALLOW)
     arg = seccomp.Arg
 
@@ -258,7 +258,7 @@ def make_filters(unit):
         for bit in range(32):
             if NAMESPACES & 1 << bit:
                 refuse("clone", arg(0, seccomp.MASKED_EQ, 1 << bit, 1 << bit))
-        refuse("clone3", error="ENOSYS")  # whose flags no filter sees
+        refuse("clone3", error="ENOSYS")  # its flags are in memory, which a filter cannot read
         refuse("unshare")
         refuse("setns")
     if unit.is_on("LockPersonality"):
@@ -294,7 +294,7 @@ def make_filters(unit):
     return filters
 
 
-# What systemd gives a service; the rest is how the sandbox's instruments are reached.
+# The variables that are passed on: those that systemd sets for a service, and the debug settings.
 KEPT = re.compile(r"LANG|PATH|NOTIFY_SOCKET|WATCHDOG_USEC|G_MESSAGES_DEBUG|GST_DEBUG.*")
 
 
@@ -311,15 +311,15 @@ def main(path, user, program):
     unit = Unit(path)
     unknown = {key for key, _ in unit.items} - IMPOSED - SUPERVISION - set(NOT_IMPOSED)
     if unknown:
-        sys.exit(f"unit_launcher: not known here: {' '.join(sorted(unknown))}")
+        sys.exit(f"unit_launcher: unknown directives: {' '.join(sorted(unknown))}")
     uid, gid, *groups = map(int, user.split(":"))
-    unit.require("SystemCallArchitectures", "native")  # what libseccomp's filters permit
+    unit.require("SystemCallArchitectures", "native")  # libseccomp filters allow no other
     filters = make_filters(unit)
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     make_view(unit, uid, gid, PROGRAM)
     become(unit, uid, gid, groups)
     if unit.is_on("MemoryDenyWriteExecute"):
-        libc.prctl(PR_SET_MDWE, 1, 0, 0, 0)  # as later versions of systemd do, where the kernel can
+        libc.prctl(PR_SET_MDWE, 1, 0, 0, 0)  # like newer systemd; older kernels refuse it
     environment = make_environment(unit)
     for each in filters:
         each.load()

@@ -1,4 +1,4 @@
-"""Tries what a service's restrictions shall forbid, or leave, and prints what became of it."""
+"""Tries actions that a unit's restrictions forbid or allow, and prints the results as JSON."""
 
 import ctypes
 import errno
@@ -66,9 +66,9 @@ def execute(program):
 
 
 def share_memory():
-    """As ALSA's mixing does: a segment and a semaphore, of the group of all who share the card."""
+    """Shares memory and a semaphore with group audio, as ALSA's dmix does."""
     segment = call(libc.shmget, IPC_PRIVATE, 4096, IPC_CREAT | 0o660)
-    description = (ctypes.c_uint32 * 64)()  # which begins with the key, the user and the group
+    description = (ctypes.c_uint32 * 64)()  # struct shmid_ds, which begins with key, user and group
     call(libc.shmctl, segment, IPC_STAT, description)
     description[2] = grp.getgrnam("audio").gr_gid
     call(libc.shmctl, segment, IPC_SET, description)
@@ -81,7 +81,7 @@ def share_memory():
 
 
 def list_status():
-    """Lines of /proc/self/status that say what the process may."""
+    """Returns the lines of /proc/self/status about capabilities and filters."""
     with open("/proc/self/status", encoding="ascii") as file:
         fields = dict(line.rstrip("\n").split(":\t", 1) for line in file if ":\t" in line)
     return {key: fields[key] for key in ("CapBnd", "CapEff", "CapPrm", "NoNewPrivs", "Seccomp")}

@@ -1,6 +1,6 @@
 /*
- * A sound card for machines without one: an ALSA plugin that plays at the pace of the monotonic
- * clock into a recording (see recording.h).
+ * A virtual sound card: an ALSA plugin that plays at the pace of the monotonic clock, into a
+ * recording (see recording.h).
  *
  *     pcm_type.clockcard { lib "/path/to/libasound_module_pcm_clockcard.so" }
  *     pcm.audiosink0 {
@@ -8,16 +8,16 @@
  *         slave.pcm { type clockcard folder "/path/to/an/existing/folder" }
  *     }
  *
- * "rate", "channels" and "format" pin what it accepts. It starts, runs dry, pauses, drains and
- * stops as hardware does, and only what the clock has passed is recorded: a stop loses what was
- * still in the buffer. Files in the folder make it misbehave for as long as they are there:
+ * "rate", "channels" and "format" restrict what it accepts. It starts, underruns, pauses, drains
+ * and stops like hardware. Only frames whose time has come are recorded, so a stop loses what is
+ * still in the buffer. While one of these files exists in the folder, the card misbehaves:
  *
- *     busy   opening it fails with EBUSY, as it does while another program has it
- *     gone   it is unplugged: everything fails with ENODEV
- *     stuck  it accepts frames until its buffer is full and plays none of them
+ *     busy   opening fails with EBUSY, as if another program were using the card
+ *     gone   everything fails with ENODEV, as if the card were unplugged
+ *     stuck  the card accepts frames until its buffer is full, and plays none of them
  *
- * It has no thread: the buffer between the last position that ALSA was told and the write position
- * cannot change, so what was played is copied out of it whenever somebody asks for the position.
+ * It needs no thread: programs do not change the buffer between the position last reported to ALSA
+ * and the write position, so the played frames are copied whenever ALSA asks for the position.
  */
 
 #include "recording.h"
@@ -43,7 +43,7 @@ constexpr unsigned MIN_PERIOD_BYTES = 64;
 constexpr unsigned MAX_BUFFER_BYTES = 8 * 1024 * 1024;
 constexpr unsigned MAX_PERIODS = 1024;
 
-/* How often a stuck card that somebody waits for looks whether it still is. */
+/* How often a stuck card checks whether it still is, while a program waits for it. */
 constexpr uint64_t STUCK_POLL_TIME = 20000000;
 
 constexpr std::array<unsigned, 3> FORMATS = {
@@ -62,12 +62,12 @@ struct Settings {
 struct Card {
     snd_pcm_ioplug_t io;
     Recording recording;
-    int timer; /* what a program polls: readable when there is room for `avail_min` frames */
+    int timer; /* programs poll it: readable when there is room for `avail_min` frames */
     snd_pcm_uframes_t avail_min;
     snd_pcm_uframes_t boundary; /* where ALSA's positions wrap */
     bool running;
-    uint64_t start_time;     /* when the clock last began to run */
-    uint64_t start_position; /* the position it ran from */
+    uint64_t start_time;     /* when the clock last started */
+    uint64_t start_position; /* the position at that time */
     uint64_t position;       /* frames played and recorded since the card was prepared */
 };
 
@@ -76,7 +76,7 @@ Card *get_card(snd_pcm_ioplug_t *io)
     return static_cast<Card *>(io->private_data);
 }
 
-/* Frames that were written and not yet played. */
+/* Returns the number of frames that are written but not yet played. */
 snd_pcm_uframes_t get_filled(Card *card)
 {
     const snd_pcm_uframes_t filled =
@@ -93,8 +93,9 @@ void run_clock(Card *card)
 }
 
 /*
- * Makes the poll descriptor readable at once when `room` is there, else when the clock will have
- * made it. ALSA clears nothing, so that a program which does not use the room is woken again.
+ * Makes the poll descriptor readable: at once if there is `room`, else when the clock will have
+ * made room. It stays readable until there is no room, so it wakes a program that has not written
+ * yet.
  */
 void arm_timer(Card *card)
 {
@@ -104,7 +105,7 @@ void arm_timer(Card *card)
     if (card->io.state == SND_PCM_STATE_DRAINING)
         missing = filled;
 
-    uint64_t time = 1; /* long past */
+    uint64_t time = 1; /* in the past, so readable at once */
     if (missing > 0 && recording_has_flag(&card->recording, "stuck"))
         time = recording_get_time() + STUCK_POLL_TIME;
     else if (missing > 0 && card->running)
@@ -112,7 +113,7 @@ void arm_timer(Card *card)
                recording_frames_to_time(card->position - card->start_position + missing,
                                         card->io.rate);
     else if (missing > 0 && card->io.state != SND_PCM_STATE_DISCONNECTED)
-        time = 0; /* never: room is made by a clock that does not run */
+        time = 0; /* never, because the clock does not run */
 
     itimerspec when = {};
     when.it_value.tv_sec = static_cast<time_t>(time / 1000000000);
@@ -144,15 +145,15 @@ void disconnect(Card *card)
 }
 
 /*
- * Plays what the clock has passed. Returns false when it has passed more than was written, which is
- * how a drain ends, and an underrun otherwise.
+ * Records the frames whose time has come. Returns false if the clock is past the last written
+ * frame: that is the end of a drain, and an underrun otherwise.
  */
 bool play(Card *card)
 {
     if (!card->running)
         return true;
     if (recording_has_flag(&card->recording, "stuck")) {
-        run_clock(card); /* it goes on from here when it is freed */
+        run_clock(card); /* once freed, the card continues from here */
         return true;
     }
     const uint64_t passed =
@@ -268,7 +269,7 @@ int card_pause(snd_pcm_ioplug_t *io, int enable)
     return 0;
 }
 
-/* Called without ALSA's lock, so that it leaves all but the answer to the calls that take it. */
+/* ALSA does not hold its lock here, so the state is read with calls that take the lock. */
 int card_poll_revents(snd_pcm_ioplug_t *io, pollfd *fds, unsigned int count,
                       unsigned short *revents)
 {
@@ -355,7 +356,7 @@ int read_settings(snd_config_t *conf, Settings *settings)
 
 int set_constraints(snd_pcm_ioplug_t *io, const Settings *settings)
 {
-    /* `plug` converts only into a slave that it can map. */
+    /* The plugin `plug` converts formats only if it can map the slave's buffer. */
     constexpr std::array<unsigned, 2> accesses = {SND_PCM_ACCESS_MMAP_INTERLEAVED,
                                                   SND_PCM_ACCESS_RW_INTERLEAVED};
     int r = snd_pcm_ioplug_set_param_list(io, SND_PCM_IOPLUG_HW_ACCESS, accesses.size(),
@@ -443,7 +444,7 @@ SND_PCM_PLUGIN_DEFINE_FUNC(clockcard)
     card->io.flags = SND_PCM_IOPLUG_FLAG_MONOTONIC | SND_PCM_IOPLUG_FLAG_BOUNDARY_WA;
     card->io.poll_fd = card->timer;
     card->io.poll_events = POLLIN;
-    card->io.mmap_rw = 1; /* programs write into the one buffer that the card plays from */
+    card->io.mmap_rw = 1; /* programs write directly to the card's buffer */
     card->io.callback = &CALLBACKS;
     card->io.private_data = card;
     r = snd_pcm_ioplug_create(&card->io, name, stream, mode);

@@ -1,8 +1,8 @@
 /*
- * The element "veskaudiosink" that a vendor's platform brings along, for machines without one: an
- * audio sink with the property "source-id" which plays at the pace of the monotonic clock into the
- * recording (see recording.h) in the folder that the environment variable VESKAUDIOSINK_FOLDER
- * names. Each time it opens it adds the event "open source-id=..." to the recording.
+ * A fake of the element "veskaudiosink", which a vendor's platform provides: an audio sink with the
+ * property "source-id". It plays at the pace of the monotonic clock, into the recording (see
+ * recording.h) in the folder that the environment variable VESKAUDIOSINK_FOLDER names. Each time it
+ * opens, it adds the event "open source-id=..." to the recording.
  */
 
 #include "recording.h"
@@ -16,18 +16,18 @@
 struct VeskAudioSink {
     GstAudioSink parent;
 
-    GMutex lock; /* guards all below */
+    GMutex lock; /* guards all fields below */
     GCond changed;
     char *source_id; /* owned, may be null */
     Recording recording;
-    GByteArray *pending;  /* written and not yet played; null while closed */
+    GByteArray *pending;  /* written but not yet played; null while closed */
     size_t frame_size;    /* bytes */
     size_t buffer_size;   /* bytes that `pending` may hold */
     uint32_t rate;        /* frames a second */
-    bool running;         /* since something was pending */
-    uint64_t start_time;  /* when it began to run */
-    uint64_t played;      /* frames since then */
-    unsigned reset_count; /* tells a waiting writer that what it brings is no longer wanted */
+    bool running;         /* true while there are frames to play */
+    uint64_t start_time;  /* when the clock last started */
+    uint64_t played;      /* frames played since then */
+    unsigned reset_count; /* a waiting writer returns when it changes */
 };
 
 struct VeskAudioSinkClass {
@@ -52,7 +52,7 @@ GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
                     "layout = (string) interleaved, rate = (int) [ 8000, 192000 ], "
                     "channels = (int) [ 1, 8 ]"));
 
-/* Moves what the clock has passed from `pending` into the recording. Called under the lock. */
+/* Moves the frames whose time has come from `pending` to the recording. Caller holds the lock. */
 void play(VeskAudioSink *sink)
 {
     if (!sink->running)
