@@ -1,4 +1,4 @@
-"""What every system test is given."""
+"""Fixtures and options of the system tests."""
 
 import os
 import pathlib
@@ -11,44 +11,44 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
 from sandbox import (  # noqa: E402 (found by the path above)
-    Installation, Player, Sandbox, SandboxError, Shell, Store, has_several_users)
+    Installation, Player, Sandbox, SandboxError, Shell, Store, clips, has_several_users)
 
 
 def pytest_addoption(parser):
     parser.addoption("--build-dir", default=os.environ.get("SONOBRIK_BUILD_DIR", ROOT / "build"),
-                     help="the build that is tested (SONOBRIK_BUILD_DIR, or build)")
+                     help="the build to test (default: $SONOBRIK_BUILD_DIR, or build)")
 
 
 def pytest_configure(config):
-    # A shell that runs the tests in the background has this ignored, and so would what they start.
+    # Programs inherit an ignored SIGINT, which background jobs of a shell have, but tests send it.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     config.addinivalue_line("markers", "needs_root: runs programs as several users")
-    config.addinivalue_line("markers", "alone: hears what a busy machine spoils, so nothing else is "
-                                       "run beside it")
+    config.addinivalue_line("markers", "alone: depends on exact timing, so it runs without other "
+                                       "tests beside it")
 
 
 def pytest_runtest_setup(item):
     if item.get_closest_marker("needs_root") and not has_several_users():
-        pytest.skip("needs root, and its right to mount")
+        pytest.skip("needs root and the right to mount")
 
 
 @pytest.fixture(scope="session")
 def build_dir(pytestconfig):
     folder = pathlib.Path(pytestconfig.getoption("--build-dir")).resolve()
     if not (folder / "build.ninja").exists():
-        pytest.exit(f"{folder} is no build of this tree; name one with --build-dir", 4)
+        pytest.exit(f"{folder} is not a build folder; name one with --build-dir", 4)
     return folder
 
 
 @pytest.fixture(scope="session")
 def cache(tmp_path_factory):
-    """What sandboxes share to start faster."""
+    """The GStreamer registry that all sandboxes share, so that they start faster."""
     return tmp_path_factory.mktemp("cache")
 
 
 @pytest.fixture(scope="session")
 def installation(build_dir, tmp_path_factory):
-    """What is installed of the build."""
+    """The files that the build installs, in a folder."""
     tree = Installation(build_dir, tmp_path_factory.mktemp("installation"))
     if not tree.has_unit:
         pytest.skip("the build has no systemd, so it installs no user")
@@ -66,26 +66,38 @@ def sandbox(tmp_path, build_dir, cache):
         box.start_bus()
         yield box
         if box.daemon:
-            print("The end of the daemon's log:",
+            print("End of the daemon's log:",
                   *(line[:500] for line in box.daemon.lines[-100:]), sep="\n")
 
 
 @pytest.fixture
 def daemon(sandbox):
-    """The running daemon in `sandbox`, with its defaults."""
+    """The daemon, running in `sandbox` with the default configuration."""
     return sandbox.start_daemon()
 
 
 @pytest.fixture
 def player(sandbox, daemon):
-    """The running daemon in `sandbox` as a caller and listener sees it."""
+    """A client of the running daemon in `sandbox`, which also records its events."""
     return Player(sandbox.bus)
 
 
 @pytest.fixture
 def store(sandbox):
-    """The clips of a running daemon with its defaults."""
+    """The clip store of a running daemon with the default configuration."""
     return Store(sandbox).start()
+
+
+@pytest.fixture
+def clip(sandbox):
+    """A clip of 50 ms."""
+    return sandbox.write_clip("a.wav", clips.noise(2400))
+
+
+@pytest.fixture
+def long(sandbox):
+    """A clip of 10 s."""
+    return sandbox.write_clip("long.wav", clips.noise(480000))
 
 
 @pytest.fixture
@@ -96,7 +108,7 @@ def shell(sandbox):
 
 @pytest.fixture(scope="module")
 def shared(tmp_path_factory, build_dir, cache):
-    """A sandbox whose running daemon serves all of a file's tests that play nothing in it."""
+    """A sandbox with a running daemon for all tests of a file that play nothing."""
     with Sandbox(tmp_path_factory.mktemp("shared") / "sandbox", build_dir, cache) as box:
         box.start_bus()
         box.start_daemon()
@@ -105,5 +117,5 @@ def shared(tmp_path_factory, build_dir, cache):
 
 @pytest.fixture(scope="module")
 def asked(shared):
-    """The daemon of `shared` as a caller sees it."""
+    """A client of the daemon in `shared`."""
     return Player(shared.bus)

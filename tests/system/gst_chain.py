@@ -1,11 +1,14 @@
-"""Plays files one after the other, as the daemon chains them: gst_chain.py SINK FILE..."""
+"""Plays files without a gap, with the same GStreamer calls as the daemon.
+
+usage: gst_chain.py SINK FILE...
+"""
 
 import sys
 
 import gi
 
 gi.require_version("Gst", "1.0")
-from gi.repository import Gst  # noqa: E402 (after the version is chosen)
+from gi.repository import Gst  # noqa: E402 (require_version() must come first)
 
 
 def main(sink, *files):

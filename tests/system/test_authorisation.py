@@ -1,4 +1,4 @@
-"""Who may call the daemon: the policy file, by the real bus's word on who calls."""
+"""Who may call the daemon: the policy file, with the caller's credentials from a real bus."""
 
 import pytest
 from sandbox import BusError, Player, clips, wait_until
@@ -28,7 +28,7 @@ def refused_by(group, uid=0, method="StopPlayingClip"):
 
 @pytest.fixture
 def serve(sandbox):
-    """Starts the daemon with a policy, and returns it as its callers see it."""
+    """Returns a function that starts the daemon with a policy and returns a client."""
     def start(policy, **options):
         sandbox.set_access(policy)
         sandbox.start_daemon(**options)
@@ -37,14 +37,14 @@ def serve(sandbox):
 
 
 def call_as(sandbox, uid, groups=(), method="StopPlayingClip", text=""):
-    """Calls a method as another user, and returns what dbus-send says."""
+    """Calls a method as another user, and returns what dbus-send prints."""
     result = sandbox.run(["dbus-send", "--system", "--print-reply=literal", f"--dest={NAME}", PATH,
                           f"{NAME}.{method}", f"string:{text}"], uid=uid, groups=groups,
                          check=False)
     return (result.stdout + result.stderr).strip()
 
 
-# A caller who is refused
+# Refused callers
 
 
 @pytest.mark.parametrize("method", METHODS)
@@ -70,7 +70,8 @@ def test_a_refused_stop_stops_nothing(sandbox, serve):
 
 
 @pytest.mark.parametrize("signature, values", [("(i)", (1,)), ("()", ())])
-def test_a_refused_caller_does_not_learn_what_a_method_takes(sandbox, serve, signature, values):
+def test_a_refused_caller_does_not_learn_the_signature_of_a_method(sandbox, serve, signature,
+                                                                       values):
     serve({NAME: {"users": "nobody"}})
     for member in (*METHODS, "Unknown"):
         with pytest.raises(BusError) as error:
@@ -78,7 +79,7 @@ def test_a_refused_caller_does_not_learn_what_a_method_takes(sandbox, serve, sig
         assert error.value.name == DENIED
 
 
-def test_a_call_that_names_no_interface_runs_nothing(sandbox, serve):
+def test_a_call_without_an_interface_runs_nothing(sandbox, serve):
     player = serve({NAME: {"users": "nobody"}})
     with pytest.raises(BusError) as error:
         player.bus.call(NAME, PATH, None, "StopPlayingClip", "(s)", "")
@@ -86,7 +87,7 @@ def test_a_call_that_names_no_interface_runs_nothing(sandbox, serve):
     assert sandbox.daemon.texts == START
 
 
-def test_the_standard_interfaces_are_open(sandbox, serve):
+def test_the_standard_interfaces_are_open_to_everybody(sandbox, serve):
     serve({NAME: {"users": "nobody"}})
     assert "PlayClip" in sandbox.bus.introspect(NAME, PATH)
     sandbox.bus.call(NAME, PATH, "org.freedesktop.DBus.Peer", "Ping")
@@ -111,7 +112,7 @@ def test_the_standard_interfaces_are_open(sandbox, serve):
     {NAME: {"users": "nobody"}, f"{NAME}.StopPlayingClip": {"users": "root"}},
     None,
 ])
-def test_a_listed_caller_is_served(serve, policy):
+def test_a_listed_caller_is_allowed(serve, policy):
     assert serve(policy).call("StopPlayingClip") == "OK"
 
 
@@ -134,14 +135,14 @@ def test_a_caller_who_is_not_listed_is_refused(sandbox, serve, policy, group):
 @pytest.mark.parametrize("policy", ["", {"com.vesk.Sono": {"users": "*"}},
                                     {f"{NAME}.PlayClip": {"users": "*"}},
                                     {"com.vesk.sonobrik": {"users": "*"}}])
-def test_without_a_group_for_it_a_call_is_refused(sandbox, serve, policy):
+def test_a_call_that_no_policy_group_covers_is_refused(sandbox, serve, policy):
     assert_refused(serve(policy), "StopPlayingClip")
     assert sandbox.daemon.texts == START + [
         f"info: Failed to authorize: uid 0 is not allowed to call {NAME}.StopPlayingClip: "
         f"{POLICY} has no group for this method"]
 
 
-def test_an_unknown_name_is_skipped_and_told_once(sandbox, serve):
+def test_an_unknown_name_is_skipped_and_logged_once(sandbox, serve):
     player = serve({NAME: {"users": "alibi;root", "groups": "noband"}})
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
@@ -149,16 +150,16 @@ def test_an_unknown_name_is_skipped_and_told_once(sandbox, serve):
         f"warning: {POLICY}: unknown user 'alibi' in [{NAME}] is ignored"]
 
 
-def test_without_a_file_root_alone_is_served_and_the_log_says_so(sandbox, serve):
+def test_without_a_policy_file_only_root_is_allowed_and_this_is_logged(sandbox, serve):
     assert serve(None).call("StopPlayingClip") == "OK"
     assert sandbox.daemon.texts[len(START)] == (
         f"info: Only root is allowed: {POLICY} does not exist")
 
 
-# Edits while it runs
+# Edits while the daemon is running
 
 
-def test_an_edit_counts_from_the_next_call_on(sandbox, serve):
+def test_an_edit_takes_effect_at_the_next_call(sandbox, serve):
     player = serve({NAME: {"users": "root"}})
     for _ in range(20):
         assert player.call("StopPlayingClip") == "OK"
@@ -167,31 +168,31 @@ def test_an_edit_counts_from_the_next_call_on(sandbox, serve):
         sandbox.set_access({NAME: {"users": "root"}})
 
 
-def test_an_edit_in_place_counts_too(sandbox, serve):
+def test_an_edit_in_place_takes_effect_too(sandbox, serve):
     player = serve({NAME: {"users": "root"}})
     file = sandbox.etc / "vesk/access.conf"
     for _ in range(20):
-        # The same length and, as likely as not, the same time stamps.
+        # Both texts have the same length, and often the files have the same time stamps.
         file.write_text(f"[{NAME}]\nusers=sync\n")
         assert_refused(player, "StopPlayingClip")
         file.write_text(f"[{NAME}]\nusers=root\n")
         assert player.call("StopPlayingClip") == "OK"
 
 
-def test_a_broken_edit_leaves_root_alone_and_is_told_once(sandbox, serve):
+def test_after_a_broken_edit_only_root_is_allowed_and_this_is_logged_once(sandbox, serve):
     player = serve({NAME: {"users": "nobody"}})
     assert_refused(player, "StopPlayingClip")
     sandbox.set_access("nonsense\n")
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
-    told = (f"warning: Only root is allowed until this is fixed: {POLICY}: "
+    logged = (f"warning: Only root is allowed until this is fixed: {POLICY}: "
             "Key file contains line “nonsense” which is not a key-value pair, group, or comment")
-    assert sandbox.daemon.texts.count(told) == 1
+    assert sandbox.daemon.texts.count(logged) == 1
     sandbox.set_access({NAME: {"users": "nobody"}})
     assert_refused(player, "StopPlayingClip")
 
 
-def test_a_file_that_is_removed_leaves_root_alone(sandbox, serve):
+def test_after_the_file_is_removed_only_root_is_allowed(sandbox, serve):
     player = serve({NAME: {"users": "nobody"}})
     assert_refused(player, "StopPlayingClip")
     sandbox.set_access(None)
@@ -202,7 +203,7 @@ def test_a_file_that_is_removed_leaves_root_alone(sandbox, serve):
 
 
 @pytest.mark.needs_root
-def test_another_user_is_told_apart(sandbox, serve):
+def test_users_are_distinguished(sandbox, serve):
     player = serve({NAME: {"users": "root"}})
     assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
     assert sandbox.daemon.texts == START + [refused_by(NAME, NOBODY)]
@@ -212,7 +213,7 @@ def test_another_user_is_told_apart(sandbox, serve):
 
 
 @pytest.mark.needs_root
-def test_another_user_is_served_for_a_group_of_it(sandbox, serve):
+def test_members_of_a_listed_group_are_allowed(sandbox, serve):
     serve({NAME: {"groups": "audio"}})
     assert call_as(sandbox, NOBODY).startswith(f"Error {DENIED}")
     assert call_as(sandbox, NOBODY, [AUDIO]) == "OK"
@@ -236,14 +237,14 @@ def test_another_user_is_refused_without_a_file_and_with_a_broken_one(sandbox, s
 
 
 @pytest.mark.needs_root
-def test_another_user_introspects(sandbox, serve):
+def test_another_user_can_introspect(sandbox, serve):
     serve({NAME: {"users": "root"}})
     result = sandbox.run(["busctl", "--system", "introspect", NAME, PATH, NAME], uid=NOBODY)
     assert ".PlayClip" in result.stdout
 
 
 @pytest.mark.needs_root
-def test_a_daemon_that_is_not_root_serves_and_plays(sandbox, serve):
+def test_a_daemon_without_root_serves_and_plays(sandbox, serve):
     clip = sandbox.write_clip("a.wav", clips.noise(2400))
     player = serve({NAME: {"groups": "audio"}}, uid=DAEMON, groups=[AUDIO])
     assert call_as(sandbox, NOBODY, [AUDIO], "PlayClip", clip.location) == "OK"

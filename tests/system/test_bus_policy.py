@@ -1,4 +1,4 @@
-"""The bus policy that is installed: who may own the daemon's names and send what to them."""
+"""The installed bus policy: who may own the daemon's names and send messages to them."""
 
 import itertools
 import xml.etree.ElementTree as ElementTree
@@ -18,7 +18,7 @@ DEVICES = ("/com/vesk/AudioControl", f"{STANDARD}.ObjectManager")
 READING = ("GetConfigurations", "GetConfigurationEntry")
 CHANGING = ("AddConfiguration", "RemoveConfiguration", "SetConfigurationEntry", "Sync")
 
-# Of other types than the method takes: who gets past the bus changes nothing.
+# Arguments that no method accepts, so a call that the bus allows changes nothing.
 WRONG = ("(d)", (0.5,))
 
 USERS = ("root", "stranger", "audio", "config")
@@ -28,7 +28,7 @@ pytestmark = pytest.mark.needs_root
 
 @pytest.fixture(scope="module")
 def box(tmp_path_factory, build_dir, cache, installation):
-    """A sandbox whose daemon runs as its own user on a bus with the installed policy."""
+    """A sandbox with the installed bus policy, whose daemon runs as its own user."""
     with Sandbox(tmp_path_factory.mktemp("policy") / "sandbox", build_dir, cache) as box:
         start(box, installation)
         yield box
@@ -55,7 +55,7 @@ def make_calls(destinations, interface, members, path):
 
 
 def find_refused(box, user, messages):
-    """Which of the messages the bus refuses, as (destination, interface, member)."""
+    """Returns (destination, interface, member) of each message that the bus refuses."""
     refused = send_as(box, user, messages)
     return {(message[1], message[3], message[4])
             for message, is_refused in zip(messages, refused) if is_refused}
@@ -66,7 +66,7 @@ def as_rows(messages):
 
 
 def both_names(box, name):
-    """The name and the unique one of its owner."""
+    """Returns the name and the unique name of its owner."""
     return name, box.bus.get_owner(name)
 
 
@@ -79,7 +79,7 @@ def test_the_main_interface_is_open_to_all(box, users, who):
 
 
 @pytest.mark.parametrize("who", USERS)
-def test_anybody_may_look_at_what_is_there(box, users, who):
+def test_everybody_may_introspect_and_read_properties(box, users, who):
     calls = [call for name in NAMES for call in (
         *make_calls(both_names(box, name), f"{STANDARD}.Introspectable", ["Introspect"],
                     PATHS[name]),
@@ -106,7 +106,7 @@ def test_nobody_may_set_properties(box, users, who):
     ("audio", [*READING]),
     ("stranger", []),
 ])
-def test_the_legacy_interface_is_open_to_those_who_may(box, users, who, open_members):
+def test_the_legacy_interface_is_open_by_group(box, users, who, open_members):
     names = both_names(box, LEGACY[0])
     calls = make_calls(names, LEGACY[2], [*READING, *CHANGING], LEGACY[1])
     closed = [call for call in calls if call[4] not in open_members]
@@ -114,14 +114,14 @@ def test_the_legacy_interface_is_open_to_those_who_may(box, users, who, open_mem
 
 
 @pytest.mark.parametrize("who", USERS)
-def test_the_legacy_interface_is_at_its_own_name_alone(box, users, who):
+def test_the_legacy_interface_is_open_only_at_its_own_name(box, users, who):
     calls = make_calls([*both_names(box, PLAYBACK[0]), *both_names(box, EVENTS)], LEGACY[2],
                        [*READING, *CHANGING], LEGACY[1])
     assert find_refused(box, users[who], calls) == as_rows(calls)
 
 
 @pytest.mark.parametrize("who", USERS)
-def test_a_call_that_names_no_interface_is_refused(box, users, who):
+def test_a_call_without_an_interface_is_refused(box, users, who):
     calls = [call for name in NAMES
              for call in make_calls(both_names(box, name), None,
                                     ["PlayClip", "Sync", "GetConfigurations", "Introspect"],
@@ -130,7 +130,7 @@ def test_a_call_that_names_no_interface_is_refused(box, users, who):
 
 
 @pytest.mark.parametrize("who", USERS)
-def test_nobody_may_send_a_signal_to_its_names(box, users, who):
+def test_nobody_may_send_a_signal_to_the_daemons_names(box, users, who):
     signals = [("signal", destination, DEVICES[0], interface, member, "()", ())
                for name in NAMES for destination in both_names(box, name)
                for interface, member in ((DEVICES[1], "InterfacesAdded"),
@@ -139,28 +139,28 @@ def test_nobody_may_send_a_signal_to_its_names(box, users, who):
     assert find_refused(box, users[who], signals) == as_rows(signals)
 
 
-def test_a_signal_to_somebody_else_passes(box, users):
-    """What the test above sees is the policy for those names."""
+def test_a_signal_to_another_connection_passes(box, users):
+    """Shows that the test above sees refusals for those names, not for all signals."""
     other = box.bus.unique_name
     signals = [("signal", other, *DEVICES, "InterfacesAdded", "()", ())]
     assert find_refused(box, users["stranger"], signals) == set()
 
 
 @pytest.mark.parametrize("who", USERS)
-def test_nobody_else_may_own_its_names(box, users, who):
+def test_other_users_may_not_own_the_daemons_names(box, users, who):
     requests = [("call", STANDARD, "/org/freedesktop/DBus", STANDARD, "RequestName", "(su)",
                  (name, 4)) for name in NAMES]
     assert send_as(box, users[who], requests) == [True] * len(NAMES)
 
 
-def test_its_own_user_may_own_its_names_and_no_other(box, users):
+def test_the_daemons_user_may_own_only_the_daemons_names(box, users):
     requests = [("call", STANDARD, "/org/freedesktop/DBus", STANDARD, "RequestName", "(su)",
                  (name, 4))
                 for name in (*NAMES, "com.vesk.Sonobrik.Other", "com.vesk.AudioControl")]
     assert send_as(box, users["daemon"], requests) == [False, False, False, True, True]
 
 
-def test_every_legacy_method_is_in_the_policy_of_those_who_configure(box, installation):
+def test_the_policy_lists_every_legacy_method(box, installation):
     introspected = ElementTree.fromstring(box.bus.introspect(LEGACY[0], LEGACY[1]))
     methods = {method.get("name")
                for method in introspected.findall(f"interface[@name='{LEGACY[2]}']/method")}
@@ -170,12 +170,15 @@ def test_every_legacy_method_is_in_the_policy_of_those_who_configure(box, instal
         assert {allow.get("send_member") for allow in policy.findall(f"{who}/allow")} == methods
 
 
-# What works with it
+# What works under the policy
 
 
 @pytest.fixture
 def served(tmp_path, build_dir, cache, installation):
-    """Starts a daemon as its own user on a bus with the installed policy and one for a peer."""
+    """Returns a function that starts the daemon under the installed policy, as its own user.
+
+    `peer` is the name of a service to mock.
+    """
     with Sandbox(tmp_path / "sandbox", build_dir, cache) as box:
         def serve(peer=""):
             start(box, installation, allow_peer(peer) if peer else "")
@@ -183,7 +186,7 @@ def served(tmp_path, build_dir, cache, installation):
         yield serve
 
 
-def test_it_plays_and_stores_and_tells_those_who_listen(served):
+def test_it_plays_and_stores_and_sends_signals(served):
     box = served()
     player, store = Player(box.bus), Store(box)
     clip = box.write_clip("a.wav", clips.noise(4800))
@@ -199,10 +202,10 @@ def test_it_plays_and_stores_and_tells_those_who_listen(served):
     assert [notice.args[3] for notice in notices] == [f"/com/vesk/Sonobrik/{number}"]
 
 
-def test_it_hears_of_devices_that_come_and_go(served):
+def test_it_receives_device_signals(served):
     box = served("com.vesk.AudioControl")
     box.bus.own_name("com.vesk.AudioControl")
-    # Meant for the daemon alone, as a stranger might; it would end if it got there.
+    # The bus must refuse these unicast signals: the daemon would exit if one arrived.
     for name in NAMES:
         box.bus.emit(*DEVICES, "InterfacesRemoved", destination=name)
     Player(box.bus).fence()
@@ -211,7 +214,7 @@ def test_it_hears_of_devices_that_come_and_go(served):
     assert box.daemon.wait_exit() == 75
 
 
-def test_it_tells_the_on_screen_controls(served):
+def test_it_calls_the_on_screen_controls(served):
     box = served("com.vesk.Onscreencontrols1")
     controls = Controls(box)
     Store(box).call("Sync")

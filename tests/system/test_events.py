@@ -1,23 +1,10 @@
 """The playing events on the bus: their objects, their order, and what a late reader sees."""
 
-import pytest
 from sandbox import BusError, Player, clips, read_events, wait_until
 from sandbox.log_lines import START
 from sandbox.player import EVENT_INTERFACE, EVENTS_NAME, EVENTS_PATH
 
 PROPERTIES = "org.freedesktop.DBus.Properties"
-
-
-@pytest.fixture
-def clip(sandbox):
-    """50 ms."""
-    return sandbox.write_clip("a.wav", clips.noise(2400))
-
-
-@pytest.fixture
-def long(sandbox):
-    """10 s."""
-    return sandbox.write_clip("long.wav", clips.noise(480000))
 
 
 def playing_event(output, device, device_output, playing=False):
@@ -47,7 +34,7 @@ def currently_playing_event(output, device, device_output, file_name=""):
 
 
 def test_each_output_has_its_two_events(sandbox):
-    # Of a device's outputs the first one counts.
+    # Only the lowest output of a device has events.
     sandbox.set_outputs(["audiosink10", "audiosink2", "device2_output4", "device2_output1",
                          "audiosink0"])
     sandbox.start_daemon()
@@ -83,7 +70,7 @@ def test_the_properties_cannot_be_written(sandbox, daemon):
         assert "org.freedesktop.DBus.Error.PropertyReadOnly" in result.stderr
 
 
-def test_a_clip_is_told_when_it_starts_and_when_it_ends(sandbox, player, clip):
+def test_events_are_sent_at_the_start_and_end_of_a_clip(sandbox, player, clip):
     assert player.call("PlayClip", clip.location) == "OK"
     player.fence()
     assert player.events == [
@@ -104,7 +91,7 @@ def test_the_signals_come_from_the_objects_and_carry_all_keys(sandbox, daemon, c
     ]
 
 
-def test_the_end_is_told_when_the_card_is_closed(sandbox, daemon, clip):
+def test_the_end_event_is_sent_after_the_card_is_closed(sandbox, daemon, clip):
     player = Player(sandbox.bus)
     signals = sandbox.bus.subscribe(interface=EVENT_INTERFACE, member="Sent")
     player.send("PlayClip", clip.location)
@@ -115,20 +102,20 @@ def test_the_end_is_told_when_the_card_is_closed(sandbox, daemon, clip):
             closed.append(not sandbox.card(0).is_open)
         return closed
 
-    wait_until(ended, what="the end was told")
+    wait_until(ended, what="the end event arrived")
     assert closed == [True]
 
 
-def test_a_late_reader_sees_what_plays(sandbox, player, long):
+def test_a_late_reader_sees_what_is_playing(sandbox, player, long):
     assert player.call("StartPlayingClip", f"{long.location}") == "OK"
-    wait_until(lambda: len(player.events) == 2, what="the file was told")
+    wait_until(lambda: len(player.events) == 2, what="the event with the file name arrived")
     late = sandbox.connect()
     assert read_events(late) == {
         f"{EVENTS_PATH}/1": playing_event(1, 0, 0, True),
         f"{EVENTS_PATH}/2": currently_playing_event(1, 0, 0, long.path),
     }
     assert player.call("StopPlayingClip") == "OK"
-    # A notification is no state: the file that was played last stays.
+    # CurrentlyPlaying is not stateful, so it keeps the last file name.
     assert read_events(late) == {
         f"{EVENTS_PATH}/1": playing_event(1, 0, 0, False),
         f"{EVENTS_PATH}/2": currently_playing_event(1, 0, 0, long.path),
@@ -136,7 +123,7 @@ def test_a_late_reader_sees_what_plays(sandbox, player, long):
     late.close()
 
 
-def test_the_first_clip_after_the_start_is_told_as_well(sandbox, clip):
+def test_the_first_clip_after_the_start_sends_events_too(sandbox, clip):
     daemon = sandbox.start_daemon(wait=False)
     player = Player(sandbox.bus)
 
@@ -153,21 +140,21 @@ def test_the_first_clip_after_the_start_is_told_as_well(sandbox, clip):
     assert daemon.stop() == 0
 
 
-def test_a_refused_request_is_not_told(sandbox, player, clip, long):
+def test_a_refused_request_sends_no_events(sandbox, player, clip, long):
     player.fail("PlayClip", "location=/etc/audioclips/missing.wav")
     assert player.call("StartPlayingClip", long.location) == "OK"
     player.fail("StartPlayingClip", clip.location)
     assert player.call("StopPlayingClip") == "OK"
     assert player.call("StopPlayingClip") == "OK"
     player.fence()
-    # The stop may come before the file is told, which waits for the main loop to have nothing else.
+    # The file name is sent when the main loop is idle, so the stop event may come before it.
     wait_until(lambda: len(player.events) == 3, what="three events arrived")
     assert sorted(map(str, player.events)) == sorted(map(str, [
         ("Playing", 1, 0, 0, True), ("CurrentlyPlaying", 1, 0, 0, long.path),
         ("Playing", 1, 0, 0, False)]))
 
 
-def test_without_the_events_name_clips_play_and_nobody_is_told(sandbox, clip):
+def test_without_the_events_name_clips_play_without_events(sandbox, clip):
     sandbox.bus.own_name(EVENTS_NAME)
     daemon = sandbox.start_daemon()
     player = Player(sandbox.bus)
@@ -176,7 +163,7 @@ def test_without_the_events_name_clips_play_and_nobody_is_told(sandbox, clip):
     assert daemon.stop() == 0
     not_found = ("warning: sonobrik_events_set_file_state Failed to find event id for audio output "
                  "0 or audio device id -1 and audio output id -1")
-    # The file's name waits for a declaration that never comes, and is dropped without a word.
+    # The file name waits for a declaration that never completes, and is dropped without a log line.
     assert daemon.texts == [
         "warning: Events cannot be sent: com.vesk.Events1.SonoBrikEvents cannot be served on the "
         "system bus: File exists",
@@ -187,7 +174,7 @@ def test_without_the_events_name_clips_play_and_nobody_is_told(sandbox, clip):
     ]
 
 
-def test_a_file_name_that_the_bus_cannot_carry_is_mended(sandbox, player):
+def test_invalid_characters_in_a_file_name_are_replaced(sandbox, player):
     clip = sandbox.write_clip("a\ufffe\ufdd0.wav", clips.noise(480))
     assert player.call("PlayClip", "location=/etc/audioclips/a%EF%BF%BE*") == "OK"
     assert sandbox.card(0).takes[0].find(clip.samples) >= 0

@@ -1,4 +1,4 @@
-"""The daemon on a platform of a device's own, tests/external_platform, instead of the stock one."""
+"""The daemon with the platform library in tests/external_platform instead of the stock platform."""
 
 import os
 import pathlib
@@ -19,15 +19,15 @@ def run(command, **env):
 
 
 def configure(folder, source, *options, **env):
-    """Makes a build folder; one that an earlier run left is made up to date instead."""
+    """Sets up a build folder, or updates it if an earlier run left it."""
     again = ["--reconfigure"] if (folder / "build.ninja").exists() else []
     run(["meson", "setup", *again, folder, source, "--buildtype=debug", *options], **env)
 
 
 @pytest.fixture(scope="module")
 def external(build_dir):
-    """The folder, below the build's, in which platform and daemon are built as docs/platform.md
-    says; the next run finds both built. Returns the daemon as programs in a sandbox see it."""
+    """Builds the platform and the daemon as docs/platform.md describes, and returns the daemon's
+    path in a sandbox. The build folder stays for the next run."""
     folder = build_dir / "external"
     configure(folder / "platform", ROOT / "tests/external_platform",
               f"--prefix={folder}/root", "--libdir=lib")
@@ -40,14 +40,14 @@ def external(build_dir):
 
 @pytest.fixture
 def device(sandbox, external):
-    """The clips of the daemon on that platform, in a sandbox without the stock platform's files."""
+    """The clip store of that daemon, in a sandbox without the files of the stock platform."""
     sandbox.set_access(None)
     sandbox.set_parameters(None)
     return Store(sandbox).start(program=external)
 
 
 def logged(sandbox, text):
-    """Waits for a line as the platform of this device writes it: "<LEVEL>sonobrik: TEXT"."""
+    """Waits for a log line, which this platform writes as "<LEVEL>sonobrik: TEXT"."""
     wait_until(lambda: text in sandbox.daemon.lines, what=f"the log has {text}")
 
 
@@ -61,7 +61,7 @@ def test_a_clip_plays_and_the_events_reach_the_platform(sandbox, device):
     for line in (playing % 1, playing % 0, f"<5>sonobrik: event {keys} FileName={clip.path} "
                                            "topic0=SonoBrik topic1=CurrentlyPlaying"):
         logged(sandbox, line)
-    # Nothing of the stock platform is there.
+    # The daemon uses nothing of the stock platform.
     assert sandbox.bus.get_owner("com.vesk.Events1.SonoBrikEvents") is None
     assert not any(line.startswith("sonobrik[") for line in sandbox.daemon.lines)
 
@@ -81,12 +81,12 @@ def test_a_parameter_of_the_platform_bounds_the_store(sandbox, device):
     device.refuse_clip("/etc/audioclips/c.wav", "c")
     logged(sandbox, "<5>sonobrik: SonoBrik added /com/vesk/Sonobrik/1 "
                     "Location=/etc/audioclips/b.wav Name=b Type=audio")
-    # The platform wrote the clips' files, each whole and nothing beside them.
+    # The platform wrote the record files and left no temporary ones.
     assert sorted(device.list()) == ["M0.json", "M1.json"]
     assert device.call("GetConfigurationEntry", "(is)", 1, "Name") == ("Name", "b")
 
 
-def test_the_daemon_ends_as_it_does_on_the_stock_platform(sandbox, device):
+def test_the_daemon_exits_as_on_the_stock_platform(sandbox, device):
     for name in (PLAYBACK[0], LEGACY[0]):
         assert sandbox.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", name) == (
             sandbox.daemon.pid,)

@@ -1,4 +1,4 @@
-"""What is installed fits together, and makes the daemon's users and folders."""
+"""The installed files are consistent and create the daemon's users and folders."""
 
 import configparser
 import os
@@ -7,6 +7,7 @@ import stat
 
 import pytest
 from sandbox import LEGACY, PLAYBACK, Sandbox, wait_until
+from sandbox.bus import DRIVER
 from sandbox.installation import find_id
 
 SERVICES = (PLAYBACK[0], LEGACY[0])
@@ -27,7 +28,7 @@ def read_keys(path, section):
 
 
 @pytest.mark.parametrize("name", SERVICES)
-def test_a_call_starts_what_the_unit_starts(installation, name):
+def test_activation_starts_the_program_of_the_unit(installation, name):
     file = installation.find(f"usr/share/dbus-1/system-services/{name}.service")
     unit = read_keys(installation.unit, "Service")
     assert dict(read_keys(file, "D-BUS Service")) == {
@@ -40,11 +41,11 @@ def test_a_call_starts_what_the_unit_starts(installation, name):
 
 @pytest.mark.parametrize("file", [
     "alsa/conf.d/sonobrik.conf", "vesk/access.conf", "vesk/parameters.conf"])
-def test_its_configuration_can_be_read_by_all(installation, file):
+def test_the_configuration_is_world_readable(installation, file):
     assert stat.S_IMODE((installation.folder / "etc" / file).stat().st_mode) == 0o644
 
 
-# Made by root, in a root of its own.
+# Users and folders, created in a sandbox.
 
 
 @pytest.fixture
@@ -54,7 +55,7 @@ def box(tmp_path, build_dir, cache):
 
 
 @pytest.mark.needs_root
-def test_the_user_is_a_member_of_audio_and_nobody_configures_yet(box, installation):
+def test_the_user_is_in_audio_and_the_configuration_group_is_empty(box, installation):
     installation.make_users(box)
     groups = [line.split(":") for line in (box.etc / "group").read_text().splitlines()]
     members = {group[0]: group[3].split(",") for group in groups}
@@ -67,7 +68,7 @@ def test_the_user_is_a_member_of_audio_and_nobody_configures_yet(box, installati
 
 
 @pytest.mark.needs_root
-def test_the_folders_are_made_and_mended(box, installation):
+def test_the_folders_are_created_and_corrected(box, installation):
     for folder in sorted(FOLDERS, reverse=True):
         os.rmdir(box.etc / folder)
     (box.etc / "audioclips").mkdir(mode=0o700)
@@ -80,7 +81,7 @@ def test_the_folders_are_made_and_mended(box, installation):
 
 
 @pytest.mark.needs_root
-def test_the_clips_and_records_that_are_there_stay(box, installation):
+def test_existing_clips_and_records_are_kept(box, installation):
     clip = box.etc / "audioclips/door.wav"
     record = box.etc / "dynamic/sonobrik/clip_data/M0.json"
     for file in (clip, record):
@@ -92,8 +93,8 @@ def test_the_clips_and_records_that_are_there_stay(box, installation):
 @pytest.mark.needs_root
 @pytest.mark.parametrize("name", SERVICES)
 def test_a_call_to_a_name_starts_the_daemon(box, installation, name):
-    """Through the line for buses without systemd, by a bus that runs as the daemon's user, since a
-    sandbox lets no bus start programs as another."""
+    """Uses the Exec= line, which is for buses without systemd. The bus runs as the daemon's user,
+    because a bus in a sandbox cannot start programs as another user."""
     user = installation.make_users(box)
     installation.set_bus(box, services=True)
     box.bind(installation.folder / "usr/libexec", "/usr/libexec")
@@ -101,13 +102,12 @@ def test_a_call_to_a_name_starts_the_daemon(box, installation, name):
     box.start_bus(**user.options)
     assert box.bus.get_owner(name) is None
     box.bus.call(name, PLAYBACK[1], "org.freedesktop.DBus.Peer", "Ping", timeout=60)
-    driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
-    pid, = box.bus.call(*driver, "GetConnectionUnixProcessID", "(s)", name)
+    pid, = box.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", name)
     try:
         assert os.readlink(f"/proc/{pid}/exe").endswith("/usr/libexec/sonobrik")
         for other in SERVICES:
             wait_until(lambda: box.bus.get_owner(other), 20, f"{other} has an owner")
-            assert box.bus.call(*driver, "GetConnectionUnixProcessID", "(s)", other) == (pid,)
+            assert box.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", other) == (pid,)
     finally:
         os.kill(pid, signal.SIGTERM)
         wait_until(lambda: not box.bus.get_owner(name), 20, "the daemon has ended")

@@ -1,4 +1,4 @@
-"""The instruments measure what they say they do."""
+"""Tests of the test tools: the virtual sound card, the fake vendor sink, the sandbox."""
 
 import os
 import pathlib
@@ -7,6 +7,7 @@ import time
 import pytest
 from sandbox import BusError, Sandbox, SandboxError, clips, wait_until
 from sandbox.box import find_namespace_options
+from sandbox.bus import DRIVER
 
 CHAIN = pathlib.Path(__file__).parent / "gst_chain.py"
 ALSASINK = "alsasink device=audiosink0 latency-time=20000"
@@ -26,17 +27,21 @@ def assert_silent(samples):
     assert not any(samples)
 
 
-def wait_playing_for(card, seconds):
-    """Waits until this long after the card began to play, without asking the player anything."""
+def wait_clock(card, frames, rate=48000):
+    """Waits until the clock by which the card plays has passed this many frames.
+
+    The card records only when its program asks for the position, so the recording cannot tell.
+    """
     wait_until(lambda: card.count("start") == 1, what="the card plays")
     start = next(event for event in card.events if event.name == "start")
-    wait_until(lambda: time.monotonic_ns() >= start.time + seconds * 1e9, what="the time is up")
+    end = start.time + frames * 1_000_000_000 // rate
+    wait_until(lambda: time.monotonic_ns() > end, what=f"the clock has passed {frames} frames")
 
 
 # The sound card
 
 
-def test_the_card_records_each_sample_that_it_is_given(sandbox):
+def test_the_card_records_every_sample(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(9600, channels=2), rate=44100, channels=2)
     aplay(sandbox, clip.path)
     take, = sandbox.card(0).takes
@@ -52,7 +57,7 @@ def test_the_card_can_be_mapped(sandbox):
 
 
 @pytest.mark.parametrize("pin", [{"rate": 48000}, {"channels": 2}, {"format": "S32_LE"}])
-def test_the_card_accepts_what_it_is_pinned_to_and_plug_converts(sandbox, pin):
+def test_the_card_accepts_only_its_format_and_plug_converts(sandbox, pin):
     sandbox.set_outputs({"audiosink0": pin})
     clip = sandbox.write_clip("a.wav", clips.noise(4410), rate=44100)
     aplay(sandbox, clip.path)
@@ -68,9 +73,9 @@ def test_the_card_plays_no_faster_than_the_clock(sandbox):
     assert events["stop"].time - events["start"].time >= 500_000_000
 
 
-def test_the_card_ends_a_drain_only_when_all_is_played(sandbox):
+def test_a_drain_ends_only_when_everything_is_played(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(2400))
-    # Far less than the buffer holds, so that nothing is played before the drain begins.
+    # The clip is much shorter than the buffer, so nothing is played before the drain begins.
     aplay(sandbox, "--buffer-time=500000", "--period-time=10000", clip.path)
     assert sandbox.card(0).takes[0].find(clip.samples) == 0
 
@@ -78,7 +83,7 @@ def test_the_card_ends_a_drain_only_when_all_is_played(sandbox):
 def test_the_card_records_only_what_was_played_before_a_stop(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(480000))
     player = sandbox.spawn(["aplay", "-q", "-D", "audiosink0", "--buffer-time=2000000", clip.path])
-    wait_playing_for(sandbox.card(0), 0.1)
+    wait_clock(sandbox.card(0), 480)
     player.kill(2)
     player.wait_exit()
     take, = sandbox.card(0).takes
@@ -87,21 +92,21 @@ def test_the_card_records_only_what_was_played_before_a_stop(sandbox):
     assert 0 < take.frames <= (events["stop"].time - events["start"].time) * 48000 / 1e9 + 1
 
 
-def test_the_card_tells_an_underrun(sandbox):
+def test_the_card_reports_an_underrun(sandbox):
     source = sandbox.folder / "tmp/source"
     os.mkfifo(source)
     player = sandbox.spawn(["aplay", "-D", "audiosink0", "-t", "raw", "-f", "S16_LE", "-r", "48000",
                             "--buffer-time=100000", "/tmp/source"])
     with open(source, "wb", buffering=0) as pipe:
         pipe.write(clips.noise(9600))
-        wait_playing_for(sandbox.card(0), 0.3)  # longer than what it has
+        wait_clock(sandbox.card(0), 9600)
         pipe.write(clips.noise(9600))
     assert player.wait_exit() == 0
     assert sandbox.card(0).count("underrun") == 1
     assert any("underrun" in line for line in player.lines)
 
 
-def test_the_card_goes_on_with_the_same_recording_for_the_same_format(sandbox):
+def test_the_same_format_continues_the_recording(sandbox):
     first = sandbox.write_clip("a.wav", clips.noise(4800, seed=1))
     second = sandbox.write_clip("b.wav", clips.noise(4800, seed=2))
     aplay(sandbox, first.path)
@@ -111,7 +116,7 @@ def test_the_card_goes_on_with_the_same_recording_for_the_same_format(sandbox):
     assert take.find(second.samples) >= 4800
 
 
-def test_the_card_begins_a_recording_for_another_format(sandbox):
+def test_another_format_starts_a_new_recording(sandbox):
     for number, (rate, channels) in enumerate([(48000, 1), (48000, 2), (192000, 1), (8000, 8)]):
         clip = sandbox.write_clip("a.wav", clips.noise(800, channels), rate, channels)
         aplay(sandbox, clip.path)
@@ -120,7 +125,7 @@ def test_the_card_begins_a_recording_for_another_format(sandbox):
         assert take.find(clip.samples) == 0
 
 
-def test_each_output_has_a_card_of_its_own(sandbox):
+def test_each_output_has_its_own_card(sandbox):
     sandbox.set_outputs(["audiosink0", "audiosink3", "device3_output0", "device3_output1"])
     clip = sandbox.write_clip("a.wav", clips.noise(480))
     for name, card in (("audiosink3", sandbox.card(3)), ("device3_output1", sandbox.card(3, 1))):
@@ -131,7 +136,7 @@ def test_each_output_has_a_card_of_its_own(sandbox):
     assert sandbox.card(3).count("open") == 2
 
 
-def test_a_card_that_somebody_has_is_busy(sandbox):
+def test_a_card_in_use_is_busy(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(480000))
     sandbox.spawn(["aplay", "-q", "-D", "audiosink0", clip.path])
     wait_until(lambda: sandbox.card(0).is_open, what="the card is open")
@@ -146,7 +151,7 @@ def test_a_busy_card_can_be_opened_once_it_is_free(sandbox):
     aplay(sandbox, clip.path)
 
 
-def test_a_card_that_goes_while_it_plays_says_so(sandbox):
+def test_a_card_unplugged_while_playing_reports_an_error(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(480000))
     player = sandbox.spawn(["gst-launch-1.0", "playbin", f"uri=file://{clip.path}",
                             f"audio-sink={ALSASINK}"])
@@ -157,17 +162,17 @@ def test_a_card_that_goes_while_it_plays_says_so(sandbox):
     assert sandbox.card(0).count("gone") == 1
 
 
-def test_a_card_that_is_gone_cannot_be_opened(sandbox):
+def test_an_unplugged_card_cannot_be_opened(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(480))
     sandbox.card(0).set_trouble("gone")
     assert "No such device" in aplay(sandbox, clip.path, check=False).stderr
 
 
-def test_a_stuck_card_plays_nothing_and_goes_on_when_it_is_freed(sandbox):
+def test_a_stuck_card_plays_nothing_until_it_is_freed(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(48000))
     sandbox.card(0).set_trouble("stuck")
     player = sandbox.spawn(["aplay", "-q", "-D", "audiosink0", "--buffer-time=100000", clip.path])
-    wait_playing_for(sandbox.card(0), 0.3)  # three times what its buffer holds
+    wait_clock(sandbox.card(0), 3 * 4800)  # three times the size of its buffer
     assert sandbox.card(0).frames == 0
     sandbox.card(0).set_trouble("stuck", False)
     assert player.wait_exit() == 0
@@ -199,20 +204,20 @@ def test_a_chain_of_wav_clips_reaches_the_card_without_a_gap(sandbox):
 
 
 @pytest.mark.parametrize("kind", ["wav", "au", "mulaw", "vorbis", "opus", "mp3", "mp2", "flac"])
-def test_each_kind_of_clip_sounds_for_as_long_as_it_is(sandbox, kind):
+def test_each_kind_of_clip_plays_for_its_whole_length(sandbox, kind):
     clip = sandbox.write_clip("tone", clips.tone(440, 0.5, channels=2), channels=2, kind=kind)
     chain(sandbox, ALSASINK, clip)
     take = sandbox.card(0).takes[-1]
     sounding = [i // 2 for i, sample in enumerate(take.samples)
                 if abs(sample) > 0.1 * 2 ** (take.bits - 1)]
-    # A coder smears the ends of a tone by a frame of its own, 26 ms for MP3.
+    # A lossy codec blurs both ends of a tone by up to one of its frames, 26 ms for MP3.
     assert 0.44 <= (sounding[-1] - sounding[0]) / take.rate <= 0.56
 
 
 # The vendor's sink
 
 
-def test_the_vendor_sink_records_samples_and_who_plays(sandbox):
+def test_the_vendor_sink_records_samples_and_the_source_id(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(24000))
     chain(sandbox, "veskaudiosink source-id=Somebody latency-time=20000", clip, vendor_sink=True)
     assert sandbox.vendor_sink.takes[0].find(clip.samples) >= 0
@@ -230,7 +235,7 @@ def test_the_vendor_sink_plays_no_faster_than_the_clock(sandbox):
     assert time.monotonic() - begin >= 0.5
 
 
-def test_the_vendor_sink_serves_one_pipeline_after_the_other(sandbox):
+def test_the_vendor_sink_serves_one_pipeline_after_another(sandbox):
     first = sandbox.write_clip("a.wav", clips.noise(4800, seed=1))
     second = sandbox.write_clip("b.wav", clips.noise(4800, seed=2))
     script = f"""
@@ -259,7 +264,7 @@ for path in "{first.path}", "{second.path}":
     assert sandbox.vendor_sink.count("open") == 2
 
 
-def test_the_vendor_sink_exists_only_where_it_is_wanted(sandbox):
+def test_the_vendor_sink_exists_only_on_request(sandbox):
     command = ["gst-inspect-1.0", "veskaudiosink"]
     assert sandbox.run(command, check=False).returncode != 0
     assert sandbox.run(command, vendor_sink=True, check=False).returncode == 0
@@ -268,20 +273,20 @@ def test_the_vendor_sink_exists_only_where_it_is_wanted(sandbox):
 # The sandbox
 
 
-def test_the_sandbox_has_folders_of_its_own(sandbox):
+def test_the_sandbox_has_its_own_folders(sandbox):
     sandbox.write_file("note.txt", b"here\n")
     assert sandbox.run(["cat", "/etc/audioclips/note.txt"]).stdout == "here\n"
     assert not pathlib.Path("/etc/audioclips/note.txt").exists()
     assert sandbox.run(["touch", "/usr/touched"], check=False).returncode != 0
 
 
-def test_what_is_not_installed_is_named_with_its_package(tmp_path, monkeypatch):
+def test_a_missing_program_is_reported_with_its_package(tmp_path, monkeypatch):
     monkeypatch.setenv("PATH", str(tmp_path))
     with pytest.raises(SandboxError, match="bwrap.*Debian packages: bubblewrap"):
         find_namespace_options.__wrapped__()
 
 
-def test_a_machine_without_namespaces_is_told_so(tmp_path, monkeypatch):
+def test_missing_namespaces_are_reported(tmp_path, monkeypatch):
     (tmp_path / "bwrap").write_text("#!/bin/sh\necho No permissions to create it >&2\nexit 1\n")
     (tmp_path / "bwrap").chmod(0o755)
     monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}")
@@ -289,19 +294,19 @@ def test_a_machine_without_namespaces_is_told_so(tmp_path, monkeypatch):
         find_namespace_options.__wrapped__()
 
 
-def test_a_file_that_its_mode_hides_is_hidden_from_root_too(sandbox):
+def test_file_modes_apply_to_root_too(sandbox):
     sandbox.write_file("hidden.wav")
     (sandbox.etc / "audioclips/hidden.wav").chmod(0)
     assert "denied" in sandbox.run(["cat", "/etc/audioclips/hidden.wav"], check=False).stderr
 
 
-def test_programs_in_the_sandbox_meet_the_test_on_the_bus(sandbox):
+def test_programs_in_the_sandbox_share_the_bus_with_the_test(sandbox):
     sandbox.bus.own_name("com.example.Here")
     names = sandbox.run(["busctl", "--system", "list", "--acquired", "--no-legend"]).stdout
     assert "com.example.Here" in names
 
 
-def test_signals_are_delivered_in_their_order(sandbox):
+def test_signals_are_delivered_in_order(sandbox):
     other = sandbox.connect()
     signals = sandbox.bus.subscribe(path="/com/example", member="Rang")
     for number in range(3):
@@ -328,13 +333,12 @@ def test_a_mock_answers_on_the_bus(sandbox):
 
 
 @pytest.mark.needs_root
-def test_another_user_is_another_user_to_the_bus(sandbox):
+def test_the_bus_distinguishes_another_user(sandbox):
     script = ("import dbus, time; dbus.SystemBus().request_name('com.example.Other'); "
               "time.sleep(1000)")
     sandbox.spawn(["/usr/bin/python3", "-c", script], uid=NOBODY, groups=[29])
-    driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
-    wait_until(lambda: sandbox.bus.get_owner("com.example.Other"), what="the other user is there")
-    credentials, = sandbox.bus.call(*driver, "GetConnectionCredentials", "(s)", "com.example.Other")
+    wait_until(lambda: sandbox.bus.get_owner("com.example.Other"), what="the user connects")
+    credentials, = sandbox.bus.call(*DRIVER, "GetConnectionCredentials", "(s)", "com.example.Other")
     assert credentials["UnixUserID"] == NOBODY
     assert sorted(credentials["UnixGroupIDs"]) == [29, NOBODY]
 
@@ -344,11 +348,11 @@ def test_another_user_can_play(sandbox):
     clip = sandbox.write_clip("a.wav", clips.noise(4800))
     sandbox.run(["gst-launch-1.0", "playbin", f"uri=file://{clip.path}", f"audio-sink={ALSASINK}"],
                 uid=NOBODY)
-    # A pipeline without a latency of its own clips the first sample, so that one is not asked for.
+    # A pipeline without a configured latency drops the first sample.
     assert sandbox.card(0).takes[0].find(clip.samples[1:]) >= 0
 
 
-# How a daemon is watched; a shell plays its part here.
+# The handling of the daemon, with a script in its place
 
 
 def daemon_script(sandbox, script):
@@ -358,7 +362,7 @@ def daemon_script(sandbox, script):
     return "/tmp/daemon"
 
 
-def test_the_daemon_is_there_once_it_answers(sandbox):
+def test_start_daemon_waits_until_the_daemon_answers(sandbox):
     script = ("import sys\n"
               "from gi.repository import Gio, GLib\n"
               "print('sonobrik[7]: warning: I am: here', file=sys.stderr, flush=True)\n"
@@ -376,7 +380,7 @@ def test_a_daemon_that_ends_at_once_fails_the_start(sandbox):
         sandbox.start_daemon(daemon_script(sandbox, "echo no luck >&2; exit 3"))
 
 
-def test_a_daemon_that_ended_on_its_own_fails_the_test(tmp_path, build_dir, cache):
+def test_a_daemon_that_ended_by_itself_fails_the_test(tmp_path, build_dir, cache):
     box = Sandbox(tmp_path / "sandbox", build_dir, cache)
     daemon = box.start_daemon(daemon_script(box, "exit 0"), wait=False)
     wait_until(lambda: not daemon.is_running, what="it has ended")
@@ -391,7 +395,7 @@ def test_a_sanitizer_report_fails_the_test(sandbox):
         daemon.wait_exit()
 
 
-def test_a_watched_daemon_can_notify(sandbox):
+def test_a_daemon_with_a_watchdog_can_notify(sandbox):
     script = "systemd-notify --no-block WATCHDOG=1 && echo $WATCHDOG_USEC >&2"
     program = daemon_script(sandbox, script)
     daemon = sandbox.start_daemon(program, watchdog_usec=4000000, wait=False)

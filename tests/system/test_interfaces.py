@@ -1,4 +1,4 @@
-"""The interface files that are installed for code generators say what the running daemon says."""
+"""The installed interface files, for code generators, match the running daemon."""
 
 import pathlib
 import xml.etree.ElementTree
@@ -16,12 +16,12 @@ NOTICE_PATH = "/com/vesk/ConfigurationChanges1/SonoBrik"
 # Where each interface is served: bus name, object, interface.
 SERVED = [PLAYBACK, LEGACY, (EVENTS_NAME, f"{EVENTS_PATH}/1", EVENT_INTERFACE)]
 
-# What every object has, by the bus library.
+# The prefix of the standard interfaces, which sd-bus adds to every object.
 LIBRARY = "org.freedesktop.DBus."
 
 
 def read_file(name):
-    """The interface of a file, which describes no other, and the object that the file names."""
+    """Returns the only interface in a file, and the object path in the file."""
     node = xml.etree.ElementTree.parse(FOLDER / f"{name}.xml").getroot()
     interface, = node
     assert interface.get("name") == name
@@ -29,7 +29,7 @@ def read_file(name):
 
 
 def describe(interface):
-    """Everything that an interface element says, in its order, but the arguments' names."""
+    """Returns everything in an interface element, in order, except the names of arguments."""
     return [(member.tag, member.attrib,
              [(child.tag, child.get("type"), child.get("direction")) if child.tag == "arg"
               else (child.tag, child.attrib) for child in member])
@@ -37,7 +37,7 @@ def describe(interface):
 
 
 def name_arguments(interface):
-    """The arguments' names by member; null where there is none."""
+    """Returns the argument names by member; None for an argument without a name."""
     return {member.get("name"): [arg.get("name") for arg in member.findall("arg")]
             for member in interface}
 
@@ -48,7 +48,7 @@ def test_each_interface_of_the_daemon_has_its_file():
 
 
 @pytest.mark.parametrize("name, path, interface", SERVED)
-def test_a_file_says_what_the_daemon_says(shared, name, path, interface):
+def test_a_file_matches_the_daemons_introspection(shared, name, path, interface):
     written, written_path = read_file(interface)
     assert written_path in (path, None)  # an event has many objects
     served = xml.etree.ElementTree.fromstring(shared.bus.introspect(name, path))
@@ -59,7 +59,7 @@ def test_a_file_says_what_the_daemon_says(shared, name, path, interface):
 
 
 @pytest.mark.parametrize("name, path, interface", SERVED)
-def test_a_file_names_every_argument_and_as_the_daemon_does_where_it_does(shared, name, path,
+def test_a_file_names_every_argument_and_agrees_with_the_daemon(shared, name, path,
                                                                           interface):
     written = name_arguments(read_file(interface)[0])
     served = xml.etree.ElementTree.fromstring(shared.bus.introspect(name, path))
@@ -79,7 +79,7 @@ def test_the_change_notices_have_the_arguments_of_their_file(sandbox, daemon):
 
     sandbox.bus.connection.signal_subscribe(None, None, None, NOTICE_PATH, None,
                                             Gio.DBusSignalFlags.NONE, deliver)
-    # The bus takes the messages of one connection in their order: the match is there by now.
+    # The bus handles the messages of a connection in order, so the match is active before AddClip.
     Store(sandbox).add_clip("/etc/audioclips/a.wav", "a")
     fence_changes(sandbox.bus)
     assert signals == [(interface.get("name"), member.get("name"),
@@ -87,7 +87,7 @@ def test_the_change_notices_have_the_arguments_of_their_file(sandbox, daemon):
                        for member in interface]
 
 
-def test_the_answer_with_two_values_is_written_down():
-    # Its description says one; who generates code from the file has to read of the second.
+def test_the_reply_with_two_values_is_documented():
+    # The declared signature has one value. A comment must tell users of the file about the second.
     text = (FOLDER / f"{LEGACY[2]}.xml").read_text()
     assert '"sv"' in text.partition('<method name="GetConfigurationEntry">')[0]

@@ -1,4 +1,4 @@
-"""The manual pages are well-formed, and what they name is there."""
+"""The manual pages are well-formed, and the paths, names and keys in them exist."""
 
 import json
 import pathlib
@@ -17,7 +17,7 @@ def read_tree(*folders):
 
 
 def read_macros(page, macro):
-    """The arguments of all lines of this macro, also where it follows another ("It Pa ...")."""
+    """Returns the arguments of all lines of this macro, also after the macro "It"."""
     lines = re.findall(rf"^\.(?:It )?{macro} (.*)$", page.read_text(), re.MULTILINE)
     return [word for line in lines for word in line.split() if word not in ",.;()"]
 
@@ -29,7 +29,7 @@ def sources():
 
 @pytest.fixture(scope="module")
 def installed(build_dir):
-    """Where files are installed, and the folders of those places."""
+    """The paths of all installed files and of the folders above them."""
     answer = subprocess.run(["meson", "introspect", "--installed", build_dir], check=True,
                             capture_output=True, text=True, timeout=60)
     files = [pathlib.Path(path) for path in json.loads(answer.stdout).values()]
@@ -52,22 +52,22 @@ def test_a_page_is_well_formed(page):
     assert (result.returncode, result.stdout + result.stderr) == (0, "")
 
 
-def test_the_paths_of_a_page_are_those_of_the_program_or_of_its_installation(page, sources,
+def test_the_paths_on_a_page_are_in_the_sources_or_the_installation(page, sources,
                                                                              installed):
     paths = [path for path in read_macros(page, "Pa") if path.startswith("/")]
     paths += [path for path in read_macros(page, "Nm") if path.startswith("/")]
     assert [path for path in paths if path not in sources and path not in installed] == []
 
 
-def test_the_names_on_the_bus_of_a_page_are_those_of_the_program(page, sources):
+def test_the_bus_names_on_a_page_are_in_the_sources(page, sources):
     names = [name for name in read_macros(page, "Dv") if name.startswith("com.")]
-    # One is made of a prefix and the name of the producer.
+    # The sources build this name from a prefix and the name of the producer.
     assert [name for name in names if name not in sources
             and name != "com.vesk.Events1.SonoBrikEvents"] == []
 
 
 @pytest.mark.parametrize("name", ["access", "parameters"])
-def test_the_keys_of_a_file_are_those_that_are_read_and_shipped(name):
+def test_the_documented_keys_are_read_and_shipped(name):
     page = ROOT / f"man/vesk-{name}.conf.5"
     keys = read_macros(page, "Ic")
     shipped = (ROOT / f"data/vesk/{name}.conf").read_text()
@@ -77,14 +77,14 @@ def test_the_keys_of_a_file_are_those_that_are_read_and_shipped(name):
         assert re.search(rf"^{re.escape(key)}=", shipped, re.MULTILINE), key
 
 
-def test_the_example_of_each_file_is_what_is_shipped():
+def test_the_example_on_a_page_is_the_shipped_file():
     for name in ("access", "parameters"):
         shipped = [line for line in (ROOT / f"data/vesk/{name}.conf").read_text().splitlines()
                    if line and not line.startswith("#")]
         assert "\n".join(shipped) in (ROOT / f"man/vesk-{name}.conf.5").read_text()
 
 
-def test_the_statuses_of_the_daemon_are_those_of_the_program():
+def test_the_documented_exit_statuses_are_those_of_the_program():
     text = (ROOT / "man/sonobrik.8").read_text()
     statuses = re.findall(r"^\.It (\d+)$", text.partition(".Sh EXIT STATUS")[2], re.MULTILINE)
     changed = re.search(r"EXIT_DEVICES_CHANGED = (\d+);", read_tree("src/dbus")).group(1)

@@ -1,17 +1,14 @@
-"""The daemon as a service: its names, how it describes itself, and how it ends."""
+"""The daemon as a service: its names, its introspection, its start and its exit."""
 
 import os
 import signal
 import xml.etree.ElementTree
 
 import pytest
-from sandbox import BusError, Player, clips, wait_until
+from sandbox import BusError, Player, wait_until
 from sandbox.bus import DRIVER
 from sandbox.log_lines import NO_CONTROLS_AT_START, NO_VENDOR_SINK, START
-
-NAME = "com.vesk.Sonobrik"
-PATH = "/com/vesk/Sonobrik"
-EVENTS_NAME = "com.vesk.Events1.SonoBrikEvents"
+from sandbox.player import EVENTS_NAME, NAME, PATH
 
 STORE_CRITICAL = "critical: Failed to initialize sonobrik parameters."
 CRITICAL = "critical: Failed to setup the audioclip dbus service."
@@ -28,22 +25,15 @@ METHODS = [
 ]
 
 
-def fail_to_start(sandbox):
-    """Starts a daemon that cannot, and returns its log."""
-    daemon = sandbox.start_daemon(wait=False)
-    assert daemon.wait_exit() == 1
-    return daemon.texts
-
-
 def assert_still_serves(player):
-    # The calls come after what was sent to the daemon before, and a loop that ends answers neither.
+    # These calls arrive after all earlier messages. A main loop that is quitting answers neither.
     for _ in range(2):
         assert player.call("StopPlayingClip") == "OK"
 
 
 @pytest.fixture
 def audio_control(sandbox):
-    """The owner of the audio control service's name."""
+    """A connection that owns the name of the audio control service."""
     bus = sandbox.connect()
     bus.own_name("com.vesk.AudioControl")
     yield bus
@@ -51,10 +41,9 @@ def audio_control(sandbox):
 
 
 @pytest.fixture
-def playing(sandbox, player):
-    """A held PlayClip call of a clip of 10 s that sounds."""
-    clip = sandbox.write_clip("long.wav", clips.noise(480000))
-    reply = player.send("PlayClip", clip.location)
+def playing(sandbox, player, long):
+    """A pending PlayClip call whose clip is playing."""
+    reply = player.send("PlayClip", long.location)
     wait_until(lambda: sandbox.card(0).frames > 0, what="it sounds")
     return reply
 
@@ -65,7 +54,7 @@ def assert_left_without_answer(reply):
     assert error.value.name == "org.freedesktop.DBus.Error.NoReply"
 
 
-# Names and self-description
+# Names and introspection
 
 
 def test_one_process_owns_the_daemons_names(sandbox, daemon):
@@ -74,7 +63,7 @@ def test_one_process_owns_the_daemons_names(sandbox, daemon):
 
 
 @pytest.mark.parametrize("users", ["*", "nobody"])
-def test_everybody_reads_the_methods_in_their_order(sandbox, users):
+def test_everybody_can_introspect_the_methods(sandbox, users):
     sandbox.set_access({NAME: {"users": users}})
     sandbox.start_daemon()
     node = xml.etree.ElementTree.fromstring(sandbox.bus.introspect(NAME, PATH))
@@ -89,7 +78,7 @@ def test_everybody_reads_the_methods_in_their_order(sandbox, users):
 
 @pytest.mark.parametrize("interface, member", [
     (NAME, "Play"), (NAME, "playclip"), ("com.vesk.Other", "PlayClip")])
-def test_an_unknown_method_is_refused_as_one(sandbox, player, interface, member):
+def test_an_unknown_method_is_refused(sandbox, player, interface, member):
     with pytest.raises(BusError) as error:
         sandbox.bus.call(NAME, PATH, interface, member, "(s)", "")
     assert error.value.name == "org.freedesktop.DBus.Error.UnknownMethod"
@@ -114,18 +103,18 @@ def test_arguments_of_another_type_are_refused(sandbox, player, signature, value
                                     f"{NAME}.{member}(), expecting '{inwards}'.")
 
 
-def test_a_text_that_the_bus_passes_and_its_library_does_not_is_answered(player):
+def test_a_string_that_sd_bus_rejects_gets_an_error(player):
     for member, inwards, _ in METHODS:
         if inwards == "s":
             assert player.fail(member, "location=\ufffe") == (
                 "Failed to parse parameter(s): Bad message.")
 
 
-# Ends well
+# Exit with success
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_a_signal_ends_the_idle_daemon_well(sandbox, daemon, number):
+def test_a_signal_ends_the_idle_daemon_with_success(sandbox, daemon, number):
     assert daemon.stop(number) == 0
     assert daemon.texts == START
     assert sandbox.bus.get_owner(NAME) is None
@@ -133,19 +122,18 @@ def test_a_signal_ends_the_idle_daemon_well(sandbox, daemon, number):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_a_signal_ends_the_playing_daemon_well(sandbox, daemon, player, playing, number):
+def test_a_signal_ends_the_playing_daemon_with_success(sandbox, daemon, player, playing, number):
     wait_until(lambda: len(player.events) == 2, what="two events arrived")
     assert daemon.stop(number) == 0
     assert daemon.texts == START
     assert_left_without_answer(playing)
     assert not sandbox.card(0).is_open
-    # The events end with the producer; nobody is told that it stopped.
+    # The events end with their producer, so there is no event for the stop.
     assert [event[0] for event in player.events] == ["Playing", "CurrentlyPlaying"]
 
 
-def test_a_signal_between_the_end_of_a_clip_and_its_answer_ends_the_daemon_well(sandbox, daemon,
-                                                                                player):
-    clip = sandbox.write_clip("a.wav", clips.noise(2400))
+def test_a_signal_between_the_end_of_a_clip_and_the_reply_ends_with_success(sandbox, daemon, player,
+                                                                            clip):
     reply = player.send("PlayClip", clip.location)
     wait_until(lambda: any(take.find(clip.samples) >= 0 for take in sandbox.card(0).takes),
                what="it sounded")
@@ -165,12 +153,12 @@ def test_a_daemon_that_lost_its_bus_exits_with_1(sandbox):
                for line in lines for name in ("com.vesk.Sonobrik", "com.vesk.Sonobrik.Legacy"))
 
 
-# Fails to start
+# Failed start
 
 
 def test_without_a_bus_it_does_not_start(sandbox):
     os.unlink(sandbox.folder / "run/dbus/system_bus_socket")
-    assert fail_to_start(sandbox) == [
+    assert sandbox.fail_to_start() == [
         "warning: Events cannot be sent: The system bus cannot be reached: "
         "No such file or directory",
         "warning: Unable to create param event object",
@@ -183,9 +171,9 @@ def test_without_a_bus_it_does_not_start(sandbox):
     ]
 
 
-def test_it_does_not_start_where_another_has_its_name(sandbox):
+def test_it_does_not_start_if_its_name_is_taken(sandbox):
     sandbox.bus.own_name(NAME)
-    assert fail_to_start(sandbox) == [
+    assert sandbox.fail_to_start() == [
         *START,
         "error: Failed to acquire service name com.vesk.Sonobrik: File exists.",
         "error: Failed to connect to the system bus",
@@ -201,23 +189,23 @@ def test_it_does_not_start_where_another_has_its_name(sandbox):
 ])
 def test_it_does_not_start_with_a_broken_policy(sandbox, policy, reason):
     sandbox.set_access(policy)
-    assert fail_to_start(sandbox) == [
+    assert sandbox.fail_to_start() == [
         *START,
         f"error: access_policy_init failed, error /etc/vesk/access.conf: {reason}",
         CRITICAL,
     ]
 
 
-def test_it_does_not_start_with_a_policy_that_it_may_not_read(sandbox):
+def test_it_does_not_start_with_an_unreadable_policy(sandbox):
     (sandbox.etc / "vesk/access.conf").chmod(0)
-    assert fail_to_start(sandbox) == [
+    assert sandbox.fail_to_start() == [
         *START,
         "error: access_policy_init failed, error /etc/vesk/access.conf: Permission denied",
         CRITICAL,
     ]
 
 
-# Asks for a restart
+# Requested restart
 
 
 @pytest.mark.parametrize("member, signature, values", [
@@ -225,14 +213,14 @@ def test_it_does_not_start_with_a_policy_that_it_may_not_read(sandbox):
     ("InterfacesRemoved", "(oas)", ("/com/vesk/AudioControl/1", ["com.vesk.Device"])),
     ("InterfacesRemoved", "(i)", (7,)),
 ])
-def test_a_changed_device_asks_for_a_restart(daemon, audio_control, member, signature, values):
+def test_a_device_change_requests_a_restart(daemon, audio_control, member, signature, values):
     audio_control.emit(*DEVICES, member, signature, *values)
     assert daemon.wait_exit() == 75
     assert daemon.texts == START
 
 
 @pytest.mark.parametrize("member", ["InterfacesAdded", "InterfacesRemoved"])
-def test_a_changed_device_asks_for_a_restart_while_a_clip_plays(sandbox, daemon, playing,
+def test_a_device_change_requests_a_restart_while_a_clip_plays(sandbox, daemon, playing,
                                                                 audio_control, member):
     for _ in range(2):
         audio_control.emit(*DEVICES, member)
@@ -241,7 +229,7 @@ def test_a_changed_device_asks_for_a_restart_while_a_clip_plays(sandbox, daemon,
     assert not sandbox.card(0).is_open
 
 
-def test_somebody_elses_signal_is_no_changed_device(player, audio_control):
+def test_a_signal_from_another_sender_is_ignored(player, audio_control):
     other = player.bus
     for member in ("InterfacesAdded", "InterfacesRemoved"):
         other.emit(*DEVICES, member)
@@ -254,13 +242,13 @@ def test_somebody_elses_signal_is_no_changed_device(player, audio_control):
     (DEVICES[0], "com.vesk.AudioControl", "InterfacesAdded"),
     (DEVICES[0], DEVICES[1], "InterfacesChanged"),
 ])
-def test_another_signal_of_the_service_is_no_changed_device(audio_control, daemon, path, interface,
+def test_another_signal_of_the_service_is_ignored(audio_control, daemon, path, interface,
                                                             member):
     audio_control.emit(path, interface, member)
     assert_still_serves(Player(audio_control))
 
 
-def test_a_signal_to_the_daemon_alone_is_no_changed_device(sandbox, player, audio_control):
+def test_a_signal_with_a_destination_is_ignored(sandbox, player, audio_control):
     for bus in (player.bus, audio_control):
         for destination in (NAME, sandbox.bus.get_owner(NAME)):
             for member in ("InterfacesAdded", "InterfacesRemoved"):

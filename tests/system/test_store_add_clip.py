@@ -1,30 +1,27 @@
-"""AddClip: which clips are taken, what is stored, and which listeners are told."""
+"""AddClip: which clips are accepted, what is stored, and which notices are sent."""
 
 import pytest
 from sandbox import BusError
 from sandbox.controls import Controls, Monitor
 from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP
+from sandbox.player import EVENTS_NAME, NAME, PATH
 from sandbox.store import Store, fence_changes, subscribe_changes, write_record
 
-NAME = "com.vesk.Sonobrik"
-PATH = "/com/vesk/Sonobrik"
-EVENTS_NAME = "com.vesk.Events1.SonoBrikEvents"
-
-TOLD_NOBODY = [NO_CONTROLS, NO_CONTROLS_FOR_CLIP]
+NO_CONTROLS_TO_TELL = [NO_CONTROLS, NO_CONTROLS_FOR_CLIP]
 
 
 def change(number, location, name):
-    """What is announced of a new clip."""
+    """Returns the arguments of the change notice for a new clip."""
     return ("com.vesk.Sonobrik.Legacy", PATH, "com.vesk.Configuration.Legacy", f"{PATH}/{number}",
             False, {"Location": location, "Name": name, "Type": "audio"})
 
 
-def test_a_clip_is_stored_and_its_number_answered(store):
+def test_a_clip_is_stored_and_its_number_returned(store):
     reply = store.send_clip("/etc/audioclips/door.wav", "Tür \"1\"")
     assert (reply.wait(), reply.signature) == ((0,), "i")
     assert store.read(0) == ('{\n  "location": "/etc/audioclips/door.wav",\n'
                              '  "name": "Tür \\"1\\"",\n  "type": "audio",\n  "metadata": {}\n}')
-    assert store.take_log() == TOLD_NOBODY
+    assert store.take_log() == NO_CONTROLS_TO_TELL
 
 
 def test_a_clip_gets_the_lowest_free_number(store):
@@ -33,8 +30,8 @@ def test_a_clip_gets_the_lowest_free_number(store):
     assert [store.add_clip("/etc/audioclips/a.wav") for _ in range(3)] == [1, 3, 4]
 
 
-def test_a_location_is_taken_by_its_beginning(store):
-    # Whether there is such a file is not looked at.
+def test_only_the_beginning_of_a_location_is_checked(store):
+    # The file need not exist.
     locations = ["/etc/audioclips", "/etc/audioclips/", "/etc/audioclips2/a.wav",
                  "/etc/audioclips/../a.wav", "/etc/audioclips/ä*?.wav"]
     assert [store.add_clip(location) for location in locations] == list(range(5))
@@ -57,8 +54,9 @@ def test_a_clip_of_another_kind_or_place_is_refused(sandbox, store, location, ki
     assert changes == []
 
 
-def test_a_text_that_the_bus_passes_and_its_library_does_not_is_refused(store):
-    for texts in [("/etc/audioclips/\ufffe", "A", "audio"), ("/etc/audioclips/a", "\uffff", "audio"),
+def test_a_string_that_sd_bus_rejects_gets_an_error(store):
+    for texts in [("/etc/audioclips/\ufffe", "A", "audio"),
+                  ("/etc/audioclips/a", "\uffff", "audio"),
                   ("/etc/audioclips/a", "A", "audio\ufdd0")]:
         store.refuse_clip(*texts, text="Failed to parse parameter(s): Bad message.")
     assert store.list() == []
@@ -74,7 +72,7 @@ def test_arguments_of_another_type_are_refused(store):
                                     f"{NAME}.AddClip(), expecting 'sss'.")
 
 
-def test_a_caller_who_may_not_adds_and_reads_nothing(sandbox, store):
+def test_a_denied_caller_cannot_add_or_read_clips(sandbox, store):
     sandbox.set_access({NAME: {"users": "*"}, f"{NAME}.AddClip": {"users": "nobody"},
                         f"{NAME}.GetMetadata": {"users": "nobody"}})
     for member, signature, values in [("AddClip", "(sss)", ("/etc/audioclips/a", "A", "audio")),
@@ -137,10 +135,10 @@ def test_a_clip_that_cannot_be_stored_is_not_announced(sandbox):
     store.folder.chmod(0o755)
     fence_changes(sandbox.bus)
     assert changes == []
-    assert len(controls.calls) == 1  # that of the start
+    assert len(controls.calls) == 1  # the call at the start
 
 
-def test_the_announcement_comes_before_the_answer(sandbox, store):
+def test_the_notice_arrives_before_the_reply(sandbox, store):
     changes = subscribe_changes(sandbox.bus)
     added = store.send_clip("/etc/audioclips/a.wav", "A")
     assert added.wait() == (0,)

@@ -1,4 +1,7 @@
-"""The on-screen controls: what they are told, when, and what their silence costs whom."""
+"""Registration with the on-screen controls: its content, its times, and controls that fail.
+
+The controls are a mock.
+"""
 
 import pytest
 from sandbox import Player, Store, clips, wait_until
@@ -6,9 +9,9 @@ from sandbox.bus import DRIVER
 from sandbox.controls import Controls, Monitor
 from sandbox.log_lines import (NO_CONTROLS, NO_CONTROLS_AT_START, NO_CONTROLS_FOR_CLIP,
                                NO_CONTROLS_FOR_SYNC, NO_VENDOR_SINK, START)
+from sandbox.player import EVENTS_NAME, NAME
 from sandbox.store import LEGACY_NAME, write_record
 
-NAME = "com.vesk.Sonobrik"
 FAILED = "error: Failed to execute sd-bus command (line 135): {}"
 
 DOCUMENT = (
@@ -26,9 +29,15 @@ def controls(sandbox):
 
 
 @pytest.fixture
-def held_call(sandbox, controls):
-    """Starts the daemon, plays a long clip, and makes the controls silent."""
-    clip = sandbox.write_clip("long.wav", clips.noise(480000))
+def held_call(sandbox, controls, long):
+    """Starts the daemon, plays a long clip, and makes the controls hold back their replies.
+
+    Returns the store and the pending reply of PlayClip.
+    """
+    return play_and_hold(sandbox, controls, long)
+
+
+def play_and_hold(sandbox, controls, clip):
     store = Store(sandbox).start()
     reply = Player(sandbox.bus).send("PlayClip", clip.location)
     wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
@@ -37,14 +46,14 @@ def held_call(sandbox, controls):
 
 
 def fence(bus):
-    """Returns when what the daemon had sent before it fell silent has been delivered."""
+    """Waits until everything that the daemon has sent so far has been delivered."""
     bus.call(*DRIVER, "GetId")
 
 
-# What they are told
+# What is registered, and when
 
 
-def test_they_are_told_at_the_start_over_the_wire(sandbox, controls):
+def test_the_start_registers_the_features(sandbox, controls):
     monitor = Monitor(sandbox, "member=AddFeatures")
     Store(sandbox).start()
     call, = monitor.wait(1)
@@ -56,7 +65,7 @@ def test_they_are_told_at_the_start_over_the_wire(sandbox, controls):
     assert sandbox.daemon.texts == [NO_VENDOR_SINK]
 
 
-def test_they_are_told_of_all_clips_in_the_order_of_the_folder(sandbox, controls):
+def test_all_clips_are_registered_in_directory_order(sandbox, controls):
     store = Store(sandbox)
     names = {4: "Door", 1: "Glöckchen \\\"♫\\\"", 12: "", 7: "Bell"}
     for index, name in names.items():
@@ -79,7 +88,7 @@ def test_a_clip_whose_name_cannot_be_sent_is_left_out(sandbox, controls):
         "D-Bus cannot transmit"]
 
 
-def test_only_an_added_clip_and_a_sync_tell_them_anew(sandbox, controls):
+def test_only_an_added_clip_and_a_sync_register_again(sandbox, controls):
     store = Store(sandbox).start()
     assert store.call("AddConfiguration", "(i)", 3) == (3,)
     store.rename(3, "Three")
@@ -98,7 +107,7 @@ def test_only_an_added_clip_and_a_sync_tell_them_anew(sandbox, controls):
     assert NO_CONTROLS not in store.take_log()
 
 
-def test_one_connection_tells_them_each_time(sandbox, controls):
+def test_all_registrations_use_one_connection(sandbox, controls):
     monitor = Monitor(sandbox, "member=AddFeatures")
     store = Store(sandbox).start()
     store.call("Sync")
@@ -106,24 +115,24 @@ def test_one_connection_tells_them_each_time(sandbox, controls):
     assert len({call["sender"] for call in monitor.wait(3)}) == 1
 
 
-# When they are absent or refuse
+# Controls that are absent or fail
 
 
-def test_without_them_the_daemon_serves(sandbox):
+def test_the_daemon_works_without_the_controls(sandbox):
     store = Store(sandbox).start()
     assert sandbox.daemon.texts == START
     assert store.add_clip("/etc/audioclips/a.wav", "A") == 0
     assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_CLIP]
     assert store.call("Sync") == ()
     assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_SYNC]
-    # They come later, and are told with the next occasion.
+    # Controls that start later are called at the next registration.
     late = Controls(sandbox)
     store.call("Sync")
     assert late.clips == [("A", 0)]
     assert store.take_log() == []
 
 
-def test_their_refusal_changes_no_reply(sandbox, controls):
+def test_a_refused_registration_changes_no_reply(sandbox, controls):
     controls.refuse()
     store = Store(sandbox).start()
     refused = FAILED.format("Input/output error")
@@ -134,7 +143,7 @@ def test_their_refusal_changes_no_reply(sandbox, controls):
     assert store.take_log() == [refused, NO_CONTROLS_FOR_CLIP, refused, NO_CONTROLS_FOR_SYNC]
 
 
-def test_their_end_before_the_answer_changes_no_reply(sandbox, controls):
+def test_controls_that_end_before_replying_change_no_reply(sandbox, controls):
     store = Store(sandbox).start()
     controls.hold()
     sync = store.send("Sync")
@@ -144,8 +153,8 @@ def test_their_end_before_the_answer_changes_no_reply(sandbox, controls):
     assert store.take_log()[-1] == NO_CONTROLS_FOR_SYNC
 
 
-def test_their_silence_ends_with_the_time_out_of_the_bus(sandbox, controls):
-    # 25 s if nothing else is said.
+def test_a_registration_without_a_reply_times_out(sandbox, controls):
+    # The default time-out is 25 s.
     store = Store(sandbox).start(env={"SYSTEMD_BUS_TIMEOUT": "1"})
     controls.hold()
     assert store.add_clip("/etc/audioclips/a.wav") == 0
@@ -155,14 +164,14 @@ def test_their_silence_ends_with_the_time_out_of_the_bus(sandbox, controls):
     assert store.take_log() == []
 
 
-# When they are slow to answer
+# Controls that are slow to reply
 
 
-def test_the_daemon_has_no_name_until_they_answer(sandbox, controls):
+def test_the_daemon_owns_no_name_until_the_controls_reply(sandbox, controls):
     controls.hold()
     sandbox.start_daemon(wait=False)
     controls.wait_asked()
-    assert sandbox.bus.get_owner("com.vesk.Events1.SonoBrikEvents")
+    assert sandbox.bus.get_owner(EVENTS_NAME)
     assert sandbox.bus.get_owner(LEGACY_NAME) is None
     assert sandbox.bus.get_owner(NAME) is None
     controls.release()
@@ -170,7 +179,7 @@ def test_the_daemon_has_no_name_until_they_answer(sandbox, controls):
         wait_until(lambda: sandbox.bus.get_owner(name), 20, f"{name} has an owner")
 
 
-def test_an_added_clip_is_answered_after_they_are(sandbox, controls):
+def test_add_clip_replies_after_the_controls(sandbox, controls):
     store = Store(sandbox).start()
     controls.hold()
     added = store.send_clip("/etc/audioclips/a.wav", "A")
@@ -182,7 +191,7 @@ def test_an_added_clip_is_answered_after_they_are(sandbox, controls):
     assert added.wait() == (0,)
 
 
-def test_the_change_is_announced_before_they_are_told(sandbox, controls):
+def test_the_change_notice_is_sent_before_the_registration(sandbox, controls):
     monitor = Monitor(sandbox, "member=AddFeatures", "member=EntryChanged")
     store = Store(sandbox).start()
     controls.hold()
@@ -195,7 +204,7 @@ def test_the_change_is_announced_before_they_are_told(sandbox, controls):
     assert added.wait() == (0,)
 
 
-def test_a_sync_is_answered_after_they_are(sandbox, controls):
+def test_sync_replies_after_the_controls(sandbox, controls):
     store = Store(sandbox).start()
     controls.hold()
     sync = store.send("Sync")
@@ -206,12 +215,12 @@ def test_a_sync_is_answered_after_they_are(sandbox, controls):
     assert sync.wait() == ()
 
 
-def test_a_held_caller_is_answered_while_they_keep_a_sync_waiting(sandbox, controls, held_call):
+def test_play_clip_replies_while_sync_waits_for_the_controls(sandbox, controls, held_call):
     store, played = held_call
     daemon = sandbox.daemon
     daemon.pause()
-    # All three have arrived when the daemon goes on; the first of them makes Sync the second on
-    # its connection, so that the stop and Sync are one after the other.
+    # All three calls have arrived when the daemon continues. The first one delays Sync on its
+    # connection, so the daemon handles StopPlayingClip before Sync.
     first = store.send("GetConfigurations")
     stopped = Player(sandbox.bus).send("StopPlayingClip")
     sync = store.send("Sync")
@@ -225,7 +234,7 @@ def test_a_held_caller_is_answered_while_they_keep_a_sync_waiting(sandbox, contr
     assert sync.wait() == ()
 
 
-def test_a_held_caller_is_answered_while_they_keep_an_added_clip_waiting(sandbox, controls,
+def test_play_clip_replies_while_add_clip_waits_for_the_controls(sandbox, controls,
                                                                          held_call):
     store, played = held_call
     daemon = sandbox.daemon
@@ -241,12 +250,9 @@ def test_a_held_caller_is_answered_while_they_keep_an_added_clip_waiting(sandbox
     assert added.wait() == (0,)
 
 
-def test_a_clip_plays_on_while_they_keep_a_sync_waiting(sandbox, controls):
+def test_a_clip_keeps_playing_while_sync_waits_for_the_controls(sandbox, controls):
     clip = sandbox.write_clip("a.wav", clips.noise(24000))
-    store = Store(sandbox).start()
-    played = Player(sandbox.bus).send("PlayClip", clip.location)
-    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
-    controls.hold()
+    store, played = play_and_hold(sandbox, controls, clip)
     sync = store.send("Sync")
     controls.wait_asked()
     wait_until(lambda: sandbox.card(0).takes[0].find(clip.samples) >= 0, 20, "it sounded")

@@ -1,10 +1,10 @@
-"""The clips' files: how the daemon writes them, and what it makes of files that others wrote."""
+"""The record files: how the daemon writes them, and how it reads files of other programs."""
 
 import json
 import os
 
 import pytest
-from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_SYNC
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_SYNC, index_taken, invalid_index
 from sandbox.store import FOLDER, write_record
 
 NO_DOCUMENT = "error: sonobrik_group_from_file could not obtain json object from file '{}'"
@@ -25,8 +25,8 @@ def not_unpacked(reason):
     return f"error: sonobrik_group_json_unpack Failed to unpack object, error '{reason}'"
 
 
-# Files that spoil their own entry: what is in them, and the log lines of an attempt to load them.
-# {} stands for the file's path.
+# Broken files: the content, or a function that creates the file, and the log lines of an attempt to
+# load it. {} stands for the file's path.
 BROKEN = {
     "M1.json": ('{"location": "/x.wav",\n "na', [
         not_loaded(2, "premature end of input near '\"na'"), NO_DOCUMENT]),
@@ -59,12 +59,12 @@ BROKEN = {
     "M-1.json": (PLAIN, [NO_INDEX]),
     "M99999999999.json": (PLAIN, [
         "warning: Could not obtain parameter index from '99999999999'", NO_INDEX]),
-    # A name whose bytes are not UTF-8.
+    # The name is not UTF-8.
     "M\udcff\udcf0.json": (PLAIN, [
         "warning: Could not obtain parameter index from '\\xff\\xf0'", NO_INDEX]),
 }
 
-# Names that the pattern of the files does not match.
+# Files whose names the daemon's pattern does not match.
 OTHERS = ("m20.json", ".M20.json.new", "M20.json~", "M20.jso\udcf0", "N20.json", "20.json")
 
 GOOD = {
@@ -88,13 +88,13 @@ def make(store, name, content):
 
 
 def log_of(name):
-    """The log of an attempt to load a file of BROKEN."""
+    """Returns the log of an attempt to load a file of BROKEN."""
     path = f"{FOLDER}/{name}".encode(errors="surrogateescape").decode(errors="backslashreplace")
     return [line.format(path) for line in (*BROKEN[name][1], NOT_LISTED)]
 
 
 def write_all(store):
-    """Writes all files, and returns the log of a walk over them."""
+    """Writes all files, and returns the log of loading all of them."""
     for name, content in GOOD.items():
         make(store, name, content)
     for name, (content, _) in BROKEN.items():
@@ -104,10 +104,10 @@ def write_all(store):
     return [line for name in store.list() if name in BROKEN for line in log_of(name)]
 
 
-# What the daemon writes
+# Files of the daemon
 
 
-def test_a_record_has_its_keys_in_order_and_two_spaces_a_level(sandbox, store):
+def test_a_record_has_its_keys_in_order_and_is_indented_by_two(sandbox, store):
     sandbox.write_clip("door.wav", [1] * 2400)
     assert store.add_clip("/etc/audioclips/door.wav", "Tür \"A\\B/C\"\t\x01\x7f") == 0
     new = (store.folder / "M0.json").read_bytes()
@@ -128,28 +128,28 @@ def test_a_record_has_its_keys_in_order_and_two_spaces_a_level(sandbox, store):
                            b'  }')
 
 
-def test_a_record_can_be_read_by_everybody(store):
+def test_a_record_is_world_readable(store):
     store.call("AddConfiguration", "(i)", -1)
     store.rename(0, "Door")
     assert (store.folder / "M0.json").stat().st_mode == 0o100644
 
 
-# What others wrote
+# Files of other programs
 
 
-def test_a_broken_file_spoils_its_own_entry_only(store):
+def test_a_broken_file_affects_only_its_own_entry(store):
     log = write_all(store)
     assert store.call("GetConfigurations") == (LISTED,)
     assert store.take_log() == log
 
 
-def test_a_broken_file_keeps_no_other_from_the_on_screen_controls(store):
+def test_broken_files_do_not_stop_the_on_screen_controls(store):
     log = write_all(store)
     store.call("Sync")
     assert store.take_log() == [*log, NO_CONTROLS, NO_CONTROLS_FOR_SYNC]
 
 
-def test_a_broken_file_keeps_no_other_from_the_metadata(store):
+def test_broken_files_do_not_stop_the_metadata(store):
     log = write_all(store)
     for name, content in GOOD.items():
         record = json.loads(content) | {"metadata": {"mediaTypes": [], "size": 1, "duration": 2}}
@@ -162,35 +162,34 @@ def test_a_broken_file_keeps_no_other_from_the_metadata(store):
     assert store.take_log() == log
 
 
-def test_a_broken_file_is_no_clip(store):
+def test_a_broken_file_is_not_a_clip(store):
     for index in range(1, 14):
         name = f"M{index}.json"
         make(store, name, BROKEN[name][0])
-        # Nothing is behind the link, which is then no file.
+        # A dangling link counts as a missing file.
         log = [] if name == "M7.json" else log_of(name)[:-1]
         store.fail("GetConfigurationEntry", "(is)", index, "Name")
         store.fail("SetConfigurationEntry", "(isv)", index, "Name", store.make_bytes(b"New"))
         assert store.take_log() == 2 * log
 
 
-def test_only_broken_files_are_no_clips(store):
+def test_a_store_of_broken_files_is_empty(store):
     store.write("Mx.json", PLAIN)
     store.fail("GetConfigurations")
     assert store.take_log() == log_of("Mx.json")
 
 
-def test_a_file_of_any_kind_takes_its_index(store):
+def test_a_file_of_any_kind_occupies_its_index(store):
     for index in (5, 6, 8):
         make(store, f"M{index}.json", BROKEN[f"M{index}.json"][0])
         store.fail("AddConfiguration", "(i)", index)
-        assert store.take_log()[0] == (
-            f"warning: sonobrik_group_create_group a group with index {index} already exists")
+        assert store.take_log()[0] == index_taken(index)
         assert store.call("RemoveConfiguration", "(i)", index) == ()
         assert store.call("AddConfiguration", "(i)", index) == (index,)
         assert store.read(index) == write_record()
 
 
-def test_a_renamed_clip_keeps_its_metadata_and_loses_what_is_foreign(store):
+def test_a_renamed_clip_keeps_its_metadata_and_drops_unknown_keys(store):
     store.write("M0.json", '{"type": "t", "extra": [1], "metadata": {"b": 1.5, "a": [null]}, '
                            '"name": "Old", "location": "/l"}')
     store.rename(0, "New")
@@ -207,17 +206,17 @@ def test_metadata_of_any_kind_is_kept(store):
         assert store.take_log() == []
 
 
-def test_an_index_beyond_the_bound_is_listed_and_left_alone(sandbox, store):
+def test_a_clip_beyond_the_bound_is_listed_but_not_changed(sandbox, store):
     clip = sandbox.write_clip("door.wav", [1] * 2400)
     record = write_record(clip.path, "Door", "audio")
     store.write("M100.json", record)
     assert store.call("GetConfigurations") == (
         {100: {"Location": clip.path, "Name": "Door", "Type": "audio"}},)
     assert store.take_log() == []
-    # Its metadata is found, and cannot be kept.
+    # Its metadata can be computed but not saved.
     assert store.get_metadata() == "[]"
     assert store.take_log() == [
-        "warning: sonobrik_group_conf_get_file_path invalid index '100'",
+        invalid_index(100),
         "error: sonobrik_group_save failed to save json object",
         "error: Failed to save valid media metadata",
         f"warning: Failed to create metadata for clip at location: {clip.path}",
@@ -225,11 +224,11 @@ def test_an_index_beyond_the_bound_is_listed_and_left_alone(sandbox, store):
     assert store.read(100) == record
 
 
-# Texts that a file may hold and the bus cannot carry
+# Strings that a file may contain but D-Bus cannot transmit
 
 
 @pytest.mark.parametrize("character", ["\\ufffe", "\uffff", "\ufdd0"])
-def test_a_text_that_cannot_be_sent_spoils_its_own_entry_only(store, character):
+def test_a_string_that_cannot_be_sent_affects_only_its_own_entry(store, character):
     store.write("M0.json", write_record("/x", "X", "audio"))
     store.write("M3.json", write_record("/x", "X", "audio"))
     for name in ("Location", "Name", "Type"):
@@ -261,7 +260,7 @@ def test_a_name_that_cannot_be_sent_can_be_replaced(store):
     assert store.read(1) == write_record("/x", "New", "audio")
 
 
-def test_a_text_that_cannot_be_sent_keeps_no_other_from_the_metadata(store):
+def test_a_string_that_cannot_be_sent_does_not_stop_the_metadata(store):
     metadata = {"mediaTypes": ["audio/x-wav"], "size": 1, "duration": 2}
     store.write("M0.json", write_record("/x", "X", "audio", metadata))
     store.write("M1.json", write_record("/name", "B\ufffe", "audio", metadata))

@@ -4,10 +4,10 @@ import xml.etree.ElementTree
 
 import pytest
 from sandbox import BusError
-from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_SYNC
+from sandbox.log_lines import (NO_CONTROLS, NO_CONTROLS_FOR_SYNC, NO_FREE_INDEX, index_taken,
+                               invalid_index, not_created, not_removed)
+from sandbox.player import PATH
 from sandbox.store import FOLDER, LEGACY_INTERFACE, LEGACY_NAME, write_record
-
-PATH = "/com/vesk/Sonobrik"
 
 METHODS = [
     ("AddConfiguration", "i", "i"),
@@ -25,42 +25,21 @@ def no_such_file(index):
     return f"info: sonobrik_group_remove_group file '{FOLDER}/M{index}.json' does not exit"
 
 
-def not_removed(index):
-    return ("info: sonobrik_group_remove_configuration Failed to remove parameter with index "
-            f"'{index}'")
-
-
-def not_created(index):
-    return ("info: sonobrik_group_add_configuration failed to create new sonobrik group for index "
-            f"'{index}'")
-
-
-def invalid(index):
-    return f"warning: sonobrik_group_conf_get_file_path invalid index '{index}'"
-
-
-NO_INDEX = "warning: sonobrik_group_create_group invalid index or no more indexes available"
-
-
-def taken(index):
-    return f"warning: sonobrik_group_create_group a group with index {index} already exists"
-
-
-# How it describes itself, and what is none of its methods
+# Introspection, and calls that reach no method
 
 
 def split_signature(text):
     return {"is": ["i", "s"], "isv": ["i", "s", "v"]}.get(text, [text] if text else [])
 
 
-def test_it_describes_its_methods_in_their_order(store):
+def test_introspection_lists_the_methods_in_order(store):
     node = xml.etree.ElementTree.fromstring(store.bus.introspect(LEGACY_NAME, PATH))
-    assert [child.get("name") for child in node] == [
-        "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable",
-        "org.freedesktop.DBus.Properties", LEGACY_INTERFACE]
-    assert [(method.tag, method.attrib) for method in node[-1]] == [
+    interface, = [child for child in node
+                  if not child.get("name").startswith("org.freedesktop.DBus.")]
+    assert interface.get("name") == LEGACY_INTERFACE
+    assert [(method.tag, method.attrib) for method in interface] == [
         ("method", {"name": name}) for name, _, _ in METHODS]
-    for method, (_, inwards, outwards) in zip(node[-1], METHODS):
+    for method, (_, inwards, outwards) in zip(interface, METHODS):
         assert [(child.tag, child.attrib) for child in method] == (
             [("arg", {"type": kind, "direction": "in"}) for kind in split_signature(inwards)]
             + [("arg", {"type": kind, "direction": "out"}) for kind in split_signature(outwards)])
@@ -75,7 +54,7 @@ def test_arguments_of_another_type_are_refused(store):
                                     f"expecting '{wanted}'.")
 
 
-def test_an_entry_is_read_by_one_method_of_one_object(store):
+def test_other_methods_and_objects_are_unknown(store):
     store.write("M0.json", DOOR)
     for path, interface, member, name in [
             (PATH, LEGACY_INTERFACE, "getConfigurationEntry", "UnknownMethod"),
@@ -87,7 +66,7 @@ def test_an_entry_is_read_by_one_method_of_one_object(store):
         assert error.value.name == f"org.freedesktop.DBus.Error.{name}"
 
 
-def test_a_text_that_the_bus_passes_and_its_library_does_not_is_answered(store):
+def test_a_string_that_sd_bus_rejects_gets_an_error(store):
     store.write("M0.json", DOOR)
     store.fail("GetConfigurationEntry", "(is)", 0, "Name\ufffe")
     store.fail("SetConfigurationEntry", "(isv)", 0, "Name\ufffe", store.make_bytes(b"a"))
@@ -97,7 +76,7 @@ def test_a_text_that_the_bus_passes_and_its_library_does_not_is_answered(store):
     assert store.read(0) == DOOR
 
 
-def test_nobody_is_refused(sandbox, store):
+def test_the_access_policy_does_not_apply(sandbox, store):
     sandbox.set_access({"com.vesk.Sonobrik": {"users": "nobody"}})
     assert store.call("AddConfiguration", "(i)", -1) == (0,)
     assert store.call("GetConfigurationEntry", "(is)", 0, "Name") == ("Name", "")
@@ -123,7 +102,7 @@ def test_other_users_may_call(sandbox, store):
     assert store.list() == []
 
 
-def test_a_caller_who_wants_no_answer_is_served(store):
+def test_calls_without_a_reply_are_executed(store):
     legacy = (LEGACY_NAME, PATH, LEGACY_INTERFACE)
     store.bus.post(*legacy, "AddConfiguration", "(i)", -1)
     store.bus.post(*legacy, "GetConfigurationEntry", "(is)", 0, "Name")
@@ -151,23 +130,23 @@ def test_a_clip_is_added_at_the_lowest_free_index(store):
     assert [store.call("AddConfiguration", "(i)", -1) for _ in range(3)] == [(1,), (3,), (4,)]
 
 
-def test_a_clip_is_added_at_the_index_that_is_asked_for(store):
+def test_a_clip_is_added_at_the_requested_index(store):
     assert store.call("AddConfiguration", "(i)", 99) == (99,)
     assert store.call("AddConfiguration", "(i)", 7) == (7,)
     assert sorted(store.list()) == ["M7.json", "M99.json"]
 
 
-def test_a_clip_is_not_added_where_one_is(store):
+def test_a_clip_is_not_added_at_a_taken_index(store):
     store.write("M7.json", DOOR)
     store.fail("AddConfiguration", "(i)", 7)
-    assert store.take_log() == [taken(7), not_created(7)]
+    assert store.take_log() == [index_taken(7), not_created(7)]
     assert store.read(7) == DOOR
 
 
 def test_a_clip_is_not_added_out_of_bounds(store):
     for index in (-2, 100, -2**31, 2**31 - 1):
         store.fail("AddConfiguration", "(i)", index)
-        assert store.take_log() == [NO_INDEX, not_created(index)]
+        assert store.take_log() == [NO_FREE_INDEX, not_created(index)]
     assert store.list() == []
 
 
@@ -184,20 +163,20 @@ def test_a_removed_clip_is_gone(store):
     store.fail("GetConfigurationEntry", "(is)", 0, "Name")
 
 
-def test_what_is_not_there_is_not_removed(store):
+def test_a_missing_clip_is_not_removed(store):
     store.fail("RemoveConfiguration", "(i)", 3)
     assert store.take_log() == [no_such_file(3), not_removed(3)]
 
 
-def test_what_is_out_of_bounds_is_not_removed(store):
+def test_a_clip_out_of_bounds_is_not_removed(store):
     for index in (-1, 100):
         store.write(f"M{index}.json", DOOR)
         store.fail("RemoveConfiguration", "(i)", index)
-        assert store.take_log() == [invalid(index), not_removed(index)]
+        assert store.take_log() == [invalid_index(index), not_removed(index)]
         assert store.read(index) == DOOR
 
 
-def test_what_cannot_be_removed_stays(store):
+def test_a_clip_that_cannot_be_removed_is_an_error(store):
     (store.folder / "M4.json").mkdir()
     (store.folder / "M4.json/kept").touch()
     store.fail("RemoveConfiguration", "(i)", 4)
@@ -209,7 +188,7 @@ def test_what_cannot_be_removed_stays(store):
 # GetConfigurationEntry
 
 
-def test_an_entry_answers_its_name_and_its_value(store):
+def test_a_property_is_returned_with_its_name(store):
     store.write("M0.json", DOOR)
     for name, value in [("Location", "/etc/audioclips/door.wav"), ("Name", "Door"),
                         ("Type", "audio")]:
@@ -218,29 +197,29 @@ def test_an_entry_answers_its_name_and_its_value(store):
     assert store.take_log() == []
 
 
-def test_an_unknown_name_is_no_entry(store):
+def test_an_unknown_property_is_an_error(store):
     store.write("M0.json", DOOR)
     for name in ("name", "NAME", "Name ", "Metadata", ""):
         store.fail("GetConfigurationEntry", "(is)", 0, name)
         assert store.take_log() == [f"warning: Invalid property '{name}'"]
 
 
-def test_a_missing_clip_has_no_entry(store):
+def test_reading_a_missing_clip_is_an_error(store):
     store.fail("GetConfigurationEntry", "(is)", 5, "name")
     assert store.take_log() == []
 
 
-def test_a_clip_out_of_bounds_has_no_entry(store):
+def test_reading_a_clip_out_of_bounds_is_an_error(store):
     for index in (-1, 100):
         store.write(f"M{index}.json", DOOR)
         store.fail("GetConfigurationEntry", "(is)", index, "Name")
-        assert store.take_log() == [invalid(index)]
+        assert store.take_log() == [invalid_index(index)]
 
 
 # GetConfigurations
 
 
-def test_no_clips_are_an_error(store):
+def test_an_empty_store_is_an_error(store):
     store.fail("GetConfigurations")
     assert store.take_log() == []
 
@@ -257,7 +236,7 @@ def test_all_clips_are_listed_with_their_properties_in_order(store):
     assert store.take_log() == []
 
 
-def test_clips_are_listed_in_the_order_of_the_folder(store):
+def test_clips_are_listed_in_directory_order(store):
     for index in (9, 3, 14, 0, 27, 8, 61, 40, 2, 99):
         store.write(f"M{index}.json", DOOR)
     listed, = store.call("GetConfigurations")

@@ -1,4 +1,4 @@
-"""GetMetadata: what is known of the clips' files, found once and kept."""
+"""GetMetadata: the metadata of the clips' files, which is computed once and saved."""
 
 import json
 import os
@@ -13,7 +13,7 @@ DOOR = ('{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],"size
 
 
 def left_out(location):
-    """The log of a clip whose file cannot be described."""
+    """Returns the log of a clip whose metadata cannot be computed."""
     return [f"warning: Could not obtain media info for: {location}",
             f"warning: Could not get metadata for location: {location}",
             f"warning: Failed to create metadata for clip at location: {location}",
@@ -36,7 +36,7 @@ def test_without_clips_the_list_is_empty(store):
     assert store.take_log() == []
 
 
-def test_the_metadata_of_a_new_clip_is_found_and_kept(store, door):
+def test_the_metadata_of_a_new_clip_is_computed_and_saved(store, door):
     store.add_clip(door.path, "Door")
     store.take_log()
     assert store.get_metadata() == f'[{{"0":{DOOR}}}]'
@@ -45,7 +45,7 @@ def test_the_metadata_of_a_new_clip_is_found_and_kept(store, door):
     assert store.take_log() == []
 
 
-def test_metadata_is_found_once(sandbox, store, door):
+def test_metadata_is_computed_once(sandbox, store, door):
     store.add_clip(door.path, "Door")
     first = store.get_metadata()
     kept = stat(store, 0)
@@ -64,7 +64,7 @@ def test_a_new_name_keeps_the_metadata(store, door):
     assert store.get_metadata() == f'[{{"0":{DOOR}}}]'
 
 
-def test_clips_are_listed_in_the_order_of_the_folder(store):
+def test_clips_are_listed_in_directory_order(store):
     for index in (9, 3, 14, 0, 27, 8, 61, 40, 2, 99, 100):
         store.write(f"M{index}.json", write_record("/x", "X", "audio", KNOWN))
     entries = json.loads(store.get_metadata())
@@ -72,8 +72,8 @@ def test_clips_are_listed_in_the_order_of_the_folder(store):
 
 
 def test_the_file_name_is_the_last_component_of_the_location(store):
-    names = {"/etc/audioclips/deep/er/Glöckchen \"1\".wav": 'Glöckchen \\"1\\".wav', "plain": "plain",
-             "/etc/audioclips/": "audioclips", "": "."}
+    names = {"/etc/audioclips/deep/er/Glöckchen \"1\".wav": 'Glöckchen \\"1\\".wav',
+             "plain": "plain", "/etc/audioclips/": "audioclips", "": "."}
     for location, name in names.items():
         store.write("M7.json", write_record(location, "X", "audio", KNOWN))
         assert store.get_metadata() == (
@@ -107,7 +107,7 @@ def test_a_clip_whose_file_is_missing_is_left_out(store, door):
     assert store.read(0) == write_record("/etc/audioclips/missing.wav", "Missing", "audio")
 
 
-def test_a_file_that_never_ends_is_left_out(sandbox, store, door):
+def test_a_named_pipe_is_left_out(sandbox, store, door):
     os.mkfifo(sandbox.etc / "audioclips/pipe.wav")
     store.add_clip("/etc/audioclips/pipe.wav", "Pipe")
     store.add_clip(door.path, "Door")
@@ -116,7 +116,7 @@ def test_a_file_that_never_ends_is_left_out(sandbox, store, door):
     assert store.take_log() == left_out("/etc/audioclips/pipe.wav")
 
 
-def test_a_file_that_is_no_clip_is_left_out(sandbox, store, door):
+def test_a_file_that_is_not_audio_is_left_out(sandbox, store, door):
     path = sandbox.write_file("text.wav", b"This is a text.\n" * 20)
     store.add_clip(path, "Text")
     store.add_clip(door.path, "Door")
@@ -126,20 +126,20 @@ def test_a_file_that_is_no_clip_is_left_out(sandbox, store, door):
                                 *left_out(path)]
 
 
-def test_a_clip_that_comes_later_is_found_then(sandbox, store):
+def test_a_file_that_appears_later_is_described(sandbox, store):
     store.add_clip("/etc/audioclips/door.wav", "Door")
     assert store.get_metadata() == "[]"
     sandbox.write_clip("door.wav", clips.noise(2400))
     assert store.get_metadata() == f'[{{"0":{DOOR}}}]'
 
 
-# Kept metadata that is not as it should be
+# Invalid metadata in a record file
 
 
 NOT_VALID = "error: The metadata object is not valid, error '{}'"
 
 
-def test_broken_metadata_is_found_anew(store, door):
+def test_broken_metadata_is_computed_again(store, door):
     for metadata, log in [
             (KNOWN | {"size": "5"}, [NOT_VALID.format("Expected integer, got string")]),
             (KNOWN | {"size": 5.5}, [NOT_VALID.format("Expected integer, got real")]),
@@ -163,7 +163,7 @@ def test_broken_metadata_of_a_missing_file_stays(store):
     assert store.read(0) == broken
 
 
-def test_kept_metadata_is_answered_as_it_stands(store):
+def test_stored_metadata_is_returned_unchanged(store):
     for metadata in ({"mediaTypes": None, "size": 1, "duration": 2},
                      {"mediaTypes": {"a": [1.5, True]}, "size": -1, "duration": -2**63},
                      {"duration": 2**63 - 1, "extra": "x", "size": 0, "mediaTypes": "ä"}):

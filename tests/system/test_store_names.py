@@ -1,7 +1,8 @@
-"""A clip is renamed: which values are taken, and which leave it as it was."""
+"""Renaming a clip: which values are accepted, and which change nothing."""
 
 import pytest
 from gi.repository import GLib
+from sandbox.log_lines import invalid_index
 from sandbox.store import write_record
 
 RECORD = {"location": "/etc/audioclips/door.wav", "kind": "audio",
@@ -25,7 +26,7 @@ def door(store):
     return store
 
 
-def test_the_bytes_of_a_text_become_the_name(door):
+def test_the_bytes_of_the_value_become_the_name(door):
     for value, name in [
             (b"Bell", "Bell"),
             (b"", ""),
@@ -68,7 +69,7 @@ def test_256_bytes_are_too_many(door):
                               "é".encode() * 127 + b"\xc3"]),
     ("It contains text that D-Bus cannot transmit", ["\ufffe".encode(), "Bell\uffff".encode(),
                                            "\ufdd0".encode(), "\U0010fffe".encode()])])
-def test_a_name_that_cannot_be_kept_or_sent_is_refused(door, reason, values):
+def test_a_name_that_cannot_be_stored_or_sent_is_refused(door, reason, values):
     for value in values:
         door.fail("SetConfigurationEntry", "(isv)", 0, "Name", door.make_bytes(value))
         assert door.take_log() == [NOT_PACKED.format(reason), *NOT_SAVED]
@@ -84,7 +85,7 @@ def test_only_the_name_can_be_changed(door):
     assert door.read(0) == OLD
 
 
-def test_the_value_is_read_before_the_name_is_looked_at(door):
+def test_the_value_is_checked_before_the_property_name(door):
     door.fail("SetConfigurationEntry", "(isv)", 0, "Type", door.make_bytes(b"x" * 256))
     assert door.take_log() == [TOO_LONG.format("Type")]
 
@@ -99,6 +100,5 @@ def test_a_missing_clip_is_not_renamed(door):
 def test_a_clip_out_of_bounds_is_not_renamed(door, index):
     door.write(f"M{index}.json", OLD)
     door.fail("SetConfigurationEntry", "(isv)", index, "Name", door.make_bytes(b"x"))
-    assert door.take_log() == [
-        f"warning: sonobrik_group_conf_get_file_path invalid index '{index}'"]
+    assert door.take_log() == [invalid_index(index)]
     assert door.read(index) == OLD

@@ -1,32 +1,22 @@
-"""The clip store at the daemon's start and end."""
+"""The clip store at the start and exit of the daemon."""
 
 from sandbox import Store, clips
 from sandbox.bus import DRIVER
 from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_AT_START, NO_VENDOR_SINK, START
+from sandbox.player import EVENTS_NAME, NAME, PATH
 from sandbox.store import FOLDER, LEGACY_NAME, write_record
 
-NAME = "com.vesk.Sonobrik"
-PATH = "/com/vesk/Sonobrik"
-EVENTS_NAME = "com.vesk.Events1.SonoBrikEvents"
 
-
-def fail_to_start(sandbox):
-    """Starts a daemon that cannot, and returns its log."""
-    daemon = sandbox.start_daemon(wait=False)
-    assert daemon.wait_exit() == 1
-    return daemon.texts
-
-
-def test_each_service_has_a_connection_of_its_own(sandbox, daemon):
+def test_each_service_has_its_own_connection(sandbox, daemon):
     owners = {sandbox.bus.get_owner(name) for name in (NAME, LEGACY_NAME, EVENTS_NAME)}
     assert len(owners) == 3 and None not in owners
     for name in (NAME, LEGACY_NAME):
         assert sandbox.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", name) == (daemon.pid,)
 
 
-def test_it_does_not_start_where_another_has_the_legacy_name(sandbox):
+def test_it_does_not_start_if_the_legacy_name_is_taken(sandbox):
     sandbox.bus.own_name(LEGACY_NAME)
-    assert fail_to_start(sandbox) == [
+    assert sandbox.fail_to_start() == [
         *START,
         f"error: Failed to acquire service name {LEGACY_NAME}: File exists.",
         "error: Failed to connect to the system bus",
@@ -39,7 +29,7 @@ def test_it_does_not_start_where_another_has_the_legacy_name(sandbox):
 def test_the_store_is_up_before_the_main_service(sandbox):
     sandbox.bus.own_name(NAME)
     owners = sandbox.bus.subscribe(sender=DRIVER[0], member="NameOwnerChanged")
-    assert fail_to_start(sandbox) == [
+    assert sandbox.fail_to_start() == [
         *START,
         f"error: Failed to acquire service name {NAME}: File exists.",
         "error: Failed to connect to the system bus",
@@ -50,7 +40,7 @@ def test_the_store_is_up_before_the_main_service(sandbox):
     assert sandbox.bus.get_owner(LEGACY_NAME) is None
 
 
-def test_the_start_reads_no_clip_but_for_the_on_screen_controls(sandbox):
+def test_the_start_reads_clips_only_for_the_on_screen_controls(sandbox):
     sandbox.set_parameters(None)
     store = Store(sandbox)
     store.write("Mx.json", write_record())
@@ -64,7 +54,7 @@ def test_the_start_reads_no_clip_but_for_the_on_screen_controls(sandbox):
         NO_CONTROLS, NO_CONTROLS_AT_START]
 
 
-def test_it_starts_without_the_folder_of_the_clips(sandbox):
+def test_it_starts_without_the_record_folder(sandbox):
     store = Store(sandbox)
     store.folder.rmdir()
     store.start()

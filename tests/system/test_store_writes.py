@@ -1,13 +1,13 @@
-"""Writes that fail, and writes that are cut off: the old file or the new one, never less."""
+"""Failed and interrupted writes leave either the old file or the new one."""
 
 import random
 
 import pytest
 from sandbox import Store, clips
-from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP
+from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP, not_created, not_removed
 from sandbox.store import FOLDER, write_record
 
-LOCATION = "/etc/audioclips/" + "x" * 50000  # so that a write takes its time
+LOCATION = "/etc/audioclips/" + "x" * 50000  # makes a write slow enough to be interrupted
 
 NOT_SAVED = "error: sonobrik_group_save failed to save json object"
 NOT_RENAMED = "warning: sonobrik_group_set_enum_property Failed to update parameter"
@@ -19,22 +19,17 @@ def not_written(index):
             f"'{FOLDER}/M{index}.json'")
 
 
-def not_added(index):
-    return ("info: sonobrik_group_add_configuration failed to create new sonobrik group for index "
-            f"'{index}'")
-
-
 def assert_cannot_write(store):
-    """Each method that writes fails, with its warning; clip 0 is there, clip 1 is not."""
+    """Checks that each method that writes fails with its warning. Clip 0 must exist, clip 1 not."""
     store.fail("SetConfigurationEntry", "(isv)", 0, "Name", store.make_bytes(b"New"))
     assert store.take_log() == [not_written(0), NOT_SAVED, NOT_RENAMED]
     store.fail("AddConfiguration", "(i)", 1)
-    assert store.take_log() == [not_written(1), NOT_SAVED, NOT_CREATED, not_added(1)]
+    assert store.take_log() == [not_written(1), NOT_SAVED, NOT_CREATED, not_created(1)]
     store.refuse_clip("/etc/audioclips/a.wav", "A")
     assert store.take_log() == [not_written(1), NOT_SAVED, NOT_CREATED]
 
 
-# A folder that is not there, or not for the daemon
+# A missing or read-only folder
 
 
 def test_without_its_folder_the_store_is_empty_and_cannot_be_written(store):
@@ -42,7 +37,7 @@ def test_without_its_folder_the_store_is_empty_and_cannot_be_written(store):
     missing = ("info: The specified directory of '/etc/dynamic/sonobrik/clip_data/M*.json' does "
                "not exist")
     store.fail("AddConfiguration", "(i)", -1)
-    assert store.take_log() == [not_written(0), NOT_SAVED, NOT_CREATED, not_added(-1)]
+    assert store.take_log() == [not_written(0), NOT_SAVED, NOT_CREATED, not_created(-1)]
     store.refuse_clip("/etc/audioclips/a.wav", "A")
     assert store.take_log() == [not_written(0), NOT_SAVED, NOT_CREATED]
     store.fail("SetConfigurationEntry", "(isv)", 0, "Name", store.make_bytes(b"New"))
@@ -53,12 +48,12 @@ def test_without_its_folder_the_store_is_empty_and_cannot_be_written(store):
     assert store.take_log() == [missing, missing]
     store.fail("RemoveConfiguration", "(i)", 0)
     assert not store.folder.exists()
-    # Once it is there, all is well.
+    # Once the folder exists, writes succeed.
     store.folder.mkdir()
     assert store.add_clip("/etc/audioclips/a.wav", "A") == 0
 
 
-def test_a_folder_that_may_not_be_written_keeps_its_files(store):
+def test_a_read_only_folder_keeps_its_files(store):
     old = write_record("/etc/audioclips/door.wav", "Door", "audio")
     store.write("M0.json", old)
     store.folder.chmod(0o555)
@@ -66,11 +61,11 @@ def test_a_folder_that_may_not_be_written_keeps_its_files(store):
     store.fail("RemoveConfiguration", "(i)", 0)
     assert store.take_log() == [
         f"info: sonobrik_group_remove_group failed to remove file '{FOLDER}/M0.json'",
-        "info: sonobrik_group_remove_configuration Failed to remove parameter with index '0'"]
+        not_removed(0)]
     assert (store.list(), store.read(0)) == (["M0.json"], old)
 
 
-def test_metadata_that_cannot_be_kept_is_not_answered(sandbox, store):
+def test_metadata_that_cannot_be_saved_is_left_out(sandbox, store):
     clip = sandbox.write_clip("door.wav", clips.noise(2400))
     known = {"mediaTypes": [], "size": 1, "duration": 2}
     store.write("M0.json", write_record(clip.path, "New", "audio"))
@@ -89,7 +84,7 @@ def test_metadata_that_cannot_be_kept_is_not_answered(sandbox, store):
 
 @pytest.fixture
 def small(sandbox):
-    """A store on a file system of 128 KiB, with one clip."""
+    """A store with one clip, on a file system of 128 KiB."""
     sandbox.set_disk(FOLDER, 128 * 1024)
     store = Store(sandbox).start()
     store.folder = sandbox.daemon.open_folder(FOLDER)
@@ -121,8 +116,8 @@ def test_a_full_disk_leaves_the_old_files_and_nothing_else(small):
     assert sorted(small.list()) == ["M0.json", "M1.json"]
 
 
-def test_a_record_of_which_a_part_fits_is_not_stored(small):
-    # 128 KiB hold the old file and two more of 50 kB, but not three.
+def test_a_record_that_fits_only_in_part_is_not_stored(small):
+    # 128 KiB have room for the old file and two more of 50 kB, but not for three.
     assert [small.add_clip(LOCATION) for _ in range(2)] == [1, 2]
     small.refuse_clip(LOCATION)
     small.fail("SetConfigurationEntry", "(isv)", 1, "Name", small.make_bytes(b"New"))
@@ -135,16 +130,15 @@ def test_a_record_of_which_a_part_fits_is_not_stored(small):
     assert small.read(1) == write_record(LOCATION, "New", "audio")
 
 
-# A daemon that is killed
+# A killed daemon
 
 
 def kill_after(sandbox, replies, count):
-    """Kills the daemon when `count` of the replies have arrived, and returns how many had."""
+    """Kills the daemon once the first `count` replies have arrived."""
     for reply in replies[:count]:
         reply.wait(20)
     sandbox.daemon.kill()
     assert sandbox.daemon.wait_exit() == 128 + 9
-    return count
 
 
 @pytest.mark.parametrize("seed", range(8))
@@ -153,12 +147,13 @@ def test_a_kill_leaves_the_old_name_or_the_new_one(sandbox, seed):
     names = [f"Name {number}" * (1 + number % 5) for number in range(60)]
     texts = [write_record(LOCATION, name, "audio") for name in names]
     store.write("M0.json", texts[0])
-    # What a crash left, which must not add up.
+    # A temporary file that a crash left must be replaced.
     store.write(".M0.json.new", texts[0][:1000])
     store.start()
     replies = [store.send_name(0, name) for name in names]
-    answered = kill_after(sandbox, replies, random.Random(seed).randrange(1, 50))
-    # The file is that of a call that was not answered yet, or of the last that was.
+    answered = random.Random(seed).randrange(1, 50)
+    kill_after(sandbox, replies, answered)
+    # The file has the name of the last call that was answered, or of a later call.
     assert store.read(0) in texts[answered - 1:]
     assert {"M0.json"} <= set(store.list()) <= {"M0.json", ".M0.json.new"}
     store.start()
@@ -171,7 +166,8 @@ def test_a_kill_leaves_the_old_name_or_the_new_one(sandbox, seed):
 def test_a_kill_leaves_whole_clips_only(sandbox, seed):
     store = Store(sandbox).start()
     replies = [store.send_clip(LOCATION, str(number)) for number in range(40)]
-    answered = kill_after(sandbox, replies, random.Random(seed).randrange(1, 35))
+    answered = random.Random(seed).randrange(1, 35)
+    kill_after(sandbox, replies, answered)
     whole = [name for name in store.list() if not name.startswith(".")]
     assert sorted(whole) == sorted(f"M{number}.json" for number in range(len(whole)))
     assert len(whole) >= answered

@@ -1,4 +1,4 @@
-"""The unit that is installed: the daemon plays under its restrictions, and they restrict."""
+"""The installed systemd unit: its restrictions apply, and the daemon works under them."""
 
 import json
 import os
@@ -17,14 +17,14 @@ KINDS = ("wav", "au", "mulaw", "mp3", "mp2", "vorbis", "opus")
 
 
 class Heard:
-    """What a sound card plays, part by part; clips of one format follow each other in one take."""
+    """Reads what a sound card plays, clip by clip. Clips of one format are in the same take."""
 
     def __init__(self, card):
         self.card = card
         self.frames = 0
 
     def take(self):
-        """Since the last time: rate, peak, seconds from the first to the last sample heard."""
+        """Returns rate, peak and audible seconds of what was played since the last call."""
         take, = self.card.takes
         samples = take.samples[self.frames * take.channels:]
         self.frames = take.frames
@@ -37,8 +37,8 @@ class Heard:
 
 @pytest.fixture
 def box(tmp_path, build_dir, cache, installation):
-    """A sandbox as the installed daemon finds the machine: its user, the bus with its policy, and
-    a sound card that group audio may open."""
+    """A sandbox with the daemon's user, the installed bus policy, and a sound card for group
+    audio."""
     with Sandbox(tmp_path / "sandbox", build_dir, cache) as box:
         box.user = installation.make_users(box)
         installation.set_bus(box)
@@ -52,10 +52,10 @@ def box(tmp_path, build_dir, cache, installation):
 
 @pytest.fixture
 def launcher(box, build_dir, installation):
-    """The command that starts the daemon as the unit says."""
+    """The command that starts the daemon under the restrictions of the unit."""
     options = json.loads((build_dir / "meson-info/intro-buildoptions.json").read_text())
     if any(option["name"] == "b_sanitize" and option["value"] != "none" for option in options):
-        pytest.skip("a sanitizer needs what the unit forbids")
+        pytest.skip("the sanitizers need system calls that the unit forbids")
     (box.folder / "run/unit").mkdir()
     shutil.copy(installation.unit, box.folder / "run/unit/sonobrik.service")
     ids = [box.user.uid, find_id(box, "group", "sonobrik"), *box.user.groups]
@@ -68,12 +68,12 @@ def read_unit(installation, key):
             if line.startswith(f"{key}=")]
 
 
-# Without running it
+# Settings of the unit
 
 
 @pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="needs systemd-analyze")
-def test_the_exposure_is_small(installation):
-    """1.0 on a scale to 10, as systemd rates it."""
+def test_the_exposure_score_is_low(installation):
+    """systemd's exposure level must be at most 1.0 of 10."""
     analysis = subprocess.run(
         ["systemd-analyze", "security", "--offline=yes", "--threshold=10", "--no-pager",
          installation.unit], check=False, capture_output=True, text=True)
@@ -82,29 +82,29 @@ def test_the_exposure_is_small(installation):
 
 def test_the_watchdog_outlasts_a_silent_peer(installation):
     seconds, = read_unit(installation, "WatchdogSec")
-    # Fed each half period, in which the loop may stand for the bus's 25 s.
+    # The daemon pings at half the period, and a peer can block its main loop for up to 25 s.
     assert int(seconds) / 2 + 25 < int(seconds)
 
 
-def test_it_starts_anew_for_new_devices_without_a_limit(installation):
+def test_it_restarts_for_new_devices_without_a_limit(installation):
     assert read_unit(installation, "RestartForceExitStatus") == ["75"]
     assert read_unit(installation, "SuccessExitStatus") == ["75"]
     assert read_unit(installation, "StartLimitIntervalSec") == ["0"]
 
 
-def test_it_starts_anew_after_a_failure(installation):
+def test_it_restarts_after_a_failure(installation):
     assert read_unit(installation, "Type") == ["dbus"]
     assert read_unit(installation, "Restart") == ["on-failure"]
 
 
-def test_it_is_left_the_sound_cards_alone(installation):
-    """What the launcher cannot impose."""
+def test_it_may_use_no_device_but_sound_cards(installation):
+    """The launcher cannot apply these directives, so the test only reads them."""
     assert read_unit(installation, "DevicePolicy") == ["closed"]
     assert read_unit(installation, "DeviceAllow") == ["char-alsa rw"]
 
 
 def test_every_restriction_has_its_reason(installation):
-    """A line belongs to the comment above it, with the lines that follow."""
+    """A comment covers the lines below it, up to the next empty line."""
     lines = installation.unit.read_text().splitlines()
     service = lines[lines.index("[Service]") + 1:lines.index("[Install]")]
     bare = [line for before, line in zip(["", *service], service)
@@ -112,11 +112,11 @@ def test_every_restriction_has_its_reason(installation):
     assert bare == []
 
 
-# Under it
+# The daemon under the restrictions
 
 
 @pytest.mark.needs_root
-def test_it_forbids_what_it_says(box, launcher, tmp_path):
+def test_the_restrictions_apply(box, launcher, tmp_path):
     (tmp_path / "lib").mkdir()
     (tmp_path / "lib/library").write_text("x")
     box.bind(tmp_path / "lib", "/usr/local/lib")
@@ -165,7 +165,7 @@ def test_it_forbids_what_it_says(box, launcher, tmp_path):
 
 @pytest.mark.needs_root
 def test_it_plays_every_kind_of_clip(box, launcher):
-    """With volume and resampling, for which GStreamer would compile loops."""
+    """Uses volume and resampling, for which GStreamer would otherwise generate code at run time."""
     daemon = box.start_daemon(launcher=launcher, deadline=60)
     player = Player(box.bus)
     heard = Heard(box.card(0))
@@ -175,7 +175,7 @@ def test_it_plays_every_kind_of_clip(box, launcher):
         rate, peak, seconds = heard.take()
         assert rate == 48000
         assert 0.2 <= peak <= 0.3, kind
-        # A coder smears the ends of a tone by a frame of its own.
+        # A lossy codec blurs both ends of a tone by up to one of its frames.
         assert 0.22 <= seconds <= 0.38, kind
     registry = daemon.open_folder("/var/cache/sonobrik") / "registry.bin"
     assert registry.stat().st_size > 0
@@ -184,7 +184,7 @@ def test_it_plays_every_kind_of_clip(box, launcher):
 
 @pytest.mark.needs_root
 def test_it_plays_through_the_installed_output(box, launcher, installation):
-    """The ALSA file that is installed, on a card that is the machine's default."""
+    """Uses the installed ALSA file, with the virtual sound card as the default card."""
     (box.etc / "alsa/conf.d").mkdir(parents=True)
     shutil.copy(installation.find("etc/alsa/conf.d/sonobrik.conf"), box.etc / "alsa/conf.d")
     card = (box.etc / "asound.conf").read_text().replace("pcm.audiosink0", "pcm.!sysdefault")
@@ -210,4 +210,4 @@ def test_it_stores_clips(box, launcher):
 @pytest.mark.needs_root
 def test_it_is_supervised(box, launcher):
     box.start_daemon(launcher=launcher, deadline=60, watchdog_usec=2000000)
-    wait_until(lambda: box.notify.messages, 30, "the watchdog is fed")
+    wait_until(lambda: box.notify.messages, 30, "the watchdog is pinged")

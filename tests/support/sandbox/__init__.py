@@ -1,8 +1,8 @@
-"""A private world for one daemon.
+"""A private environment for one daemon.
 
-A folder becomes the daemon's /etc, /run and /tmp in a mount namespace of its own: with a system
-bus, an ALSA configuration whose outputs play into recordings, and clips. The machine around it is
-not touched. The system tests use it, and so does scripts/try.
+A folder becomes the daemon's /etc, /run and /tmp in a private mount namespace. It contains a system
+bus, an ALSA configuration whose outputs play into recordings, and clips. Nothing outside the folder
+changes. The system tests and scripts/try use it.
 
     with Sandbox(folder, build_dir) as sandbox:
         clip = sandbox.write_clip("chime.wav", clips.noise(2400))
@@ -24,7 +24,7 @@ from .store import Store
 from .wait import wait_until
 from .web import Web, find_server
 
-# Whom to call: bus name, object path, interface.
+# The two interfaces: bus name, object path, interface.
 PLAYBACK = ("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik")
 LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configuration.Legacy")
 

@@ -1,4 +1,4 @@
-"""The sandbox itself: its namespace, its files, its bus, its programs."""
+"""The sandbox: its namespace, files, bus and programs."""
 
 import functools
 import os
@@ -14,7 +14,7 @@ from .process import SANITIZER_STATUS, Daemon, NotifySocket, Process
 from .recording import Recording
 from .wait import wait_until
 
-# Programs that a sandbox calls, and the Debian packages that bring them.
+# Programs that a sandbox calls, and the Debian packages that contain them.
 PROGRAMS = {
     "bwrap": "bubblewrap",
     "dbus-daemon": "dbus",
@@ -22,13 +22,13 @@ PROGRAMS = {
     "setpriv": "util-linux",
 }
 
-# What programs need of the machine's own /etc: users, and where libraries are.
+# Files of the host's /etc that programs need to look up users and libraries.
 HOST_FILES = ("alternatives", "group", "ld.so.cache", "localtime", "nsswitch.conf", "passwd")
 
 ROOT = pathlib.Path(__file__).resolve().parents[3]
 
-# What each sanitizer is told beside its exit status. Leaks are known by functions deep in their
-# stacks, which run through libraries.
+# Options for each sanitizer, added to the exit status. The suppressions name functions deep in the
+# stack of a leak, below frames of libraries, so the slow unwinder has to find them.
 SANITIZER_OPTIONS = {
     "ASAN_OPTIONS": "",
     "LSAN_OPTIONS": "fast_unwind_on_malloc=0:print_suppressions=0:"
@@ -39,7 +39,7 @@ SANITIZER_OPTIONS = {
 
 BUS_SOCKET = "/run/dbus/system_bus_socket"
 
-# Everybody may own, call and signal everything: what the daemon refuses, it refuses itself.
+# Allows everything, so every refusal that a test sees comes from the daemon.
 BUS_CONFIGURATION = f"""\
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -62,27 +62,27 @@ BUS_CONFIGURATION = f"""\
 """
 
 ADVICE = """\
-The sandbox needs a mount namespace, and this machine does not permit one. As root in a container,
-give the container the right to mount ("docker run --cap-add SYS_ADMIN --security-opt
-apparmor=unconfined --security-opt seccomp=unconfined"). As a user, the kernel must permit user
-namespaces ("sysctl kernel.unprivileged_userns_clone=1", and on Ubuntu 24.04 and later "sysctl
-kernel.apparmor_restrict_unprivileged_userns=0"). bubblewrap says:
+The sandbox needs a mount namespace, and this machine does not permit one. If you are root in a
+container, allow the container to mount ("docker run --cap-add SYS_ADMIN --security-opt
+apparmor=unconfined --security-opt seccomp=unconfined"). If you are not root, allow user namespaces
+("sysctl kernel.unprivileged_userns_clone=1", and on Ubuntu 24.04 and later also "sysctl
+kernel.apparmor_restrict_unprivileged_userns=0"). The error of bubblewrap:
 """
 
 
 class SandboxError(Exception):
-    """What keeps a sandbox from working, in words for the person who started it."""
+    """The sandbox cannot work; the message tells the user why and what to do."""
 
 
 @functools.cache
 def find_namespace_options():
-    """The options with which bubblewrap works on this machine."""
+    """Returns the options with which bubblewrap works on this machine."""
     missing = {program: package for program, package in PROGRAMS.items()
                if not shutil.which(program)}
     if missing:
         raise SandboxError(f"not installed: {', '.join(missing)} "
                            f"(Debian packages: {' '.join(missing.values())})")
-    # Root without the right to mount still may have user namespaces.
+    # Root in a container without CAP_SYS_ADMIN may still create user namespaces.
     for options in ([], ["--unshare-user"]):
         trial = subprocess.run(
             ["bwrap", *options, "--ro-bind", "/", "/", "--dev", "/dev", "true"],
@@ -93,17 +93,17 @@ def find_namespace_options():
 
 
 def has_several_users():
-    """Whether programs in a sandbox can run as other users, which only root can make them."""
+    """Returns True if sandboxed programs can run as other users, which needs root."""
     return os.getuid() == 0 and not find_namespace_options()
 
 
 class Sandbox:
-    """A folder and what runs in it.
+    """A folder and the programs that run in it.
 
     `folder` becomes the sandbox; if it exists, it must be empty. `build_dir` is a build of this
-    tree. `cache` keeps GStreamer's list of plugins, whose making takes seconds, and may be shared
-    with other sandboxes. `devices` are paths in the machine's /dev that the sandbox shall have too.
-    close() ends what runs and fails if the daemon had ended unexpectedly; the files stay.
+    tree. `cache` keeps GStreamer's plugin registry, which takes seconds to create; several
+    sandboxes may share it. `devices` are paths in the host's /dev that the sandbox can use too.
+    close() stops all programs and fails if the daemon ended unexpectedly; the files stay.
     """
 
     def __init__(self, folder, build_dir, cache=None, devices=()):
@@ -119,7 +119,7 @@ class Sandbox:
         self._binds = {}
         self._namespace = find_namespace_options()
         self._make_files()
-        # Paths into the sandbox by this descriptor are short enough for a socket's address.
+        # A socket address holds 108 bytes; a path through this descriptor always fits.
         self._run_fd = os.open(self.folder / "run", os.O_PATH | os.O_DIRECTORY)
 
     def __enter__(self):
@@ -153,16 +153,16 @@ class Sandbox:
     def _make_shared_folder(path):
         path.mkdir(exist_ok=True)
         if os.getuid() == 0:
-            path.chmod(0o1777)  # for the other users that only root can run programs as
+            path.chmod(0o1777)  # only root runs programs as other users
         return path
 
     @property
     def etc(self):
-        """The daemon's /etc, as seen from outside."""
+        """The host's path of the daemon's /etc."""
         return self.folder / "etc"
 
     def set_access(self, policy):
-        """/etc/vesk/access.conf: a text, or groups with their keys; null removes it."""
+        """Writes /etc/vesk/access.conf from a text or from keys by group; None removes the file."""
         if isinstance(policy, dict):
             policy = "".join(
                 f"[{group}]\n" + "".join(f"{key}={value}\n" for key, value in keys.items())
@@ -170,26 +170,26 @@ class Sandbox:
         self._replace(self.etc / "vesk/access.conf", policy)
 
     def set_parameters(self, parameters):
-        """/etc/vesk/parameters.conf: a text, or values by name; null removes it."""
+        """Writes /etc/vesk/parameters.conf from a text or from values by name; None removes it."""
         if isinstance(parameters, dict):
             parameters = "".join(f"{name}={value}\n" for name, value in parameters.items())
         self._replace(self.etc / "vesk/parameters.conf", parameters)
 
     def set_disk(self, path, size):
-        """Gives each program that is started from now on an empty file system of its own at `path`,
-        which holds `size` bytes; Process.open_folder() looks into it."""
+        """Mounts an empty file system of `size` bytes at `path` for each program started from now
+        on. Each program gets its own; read it through Process.open_folder()."""
         self._disks[path] = size
 
     def bind(self, source, path):
-        """Gives each program that is started from now on `source` of the machine at `path`, where
-        the machine has something too; it is read-only there."""
+        """Mounts the host's `source` read-only at `path` for each program started from now on.
+        `path` must exist on the host."""
         self._binds[path] = source
 
     def set_outputs(self, outputs):
-        """The ALSA outputs, each on a sound card of card().
+        """Configures the ALSA outputs, each on a virtual sound card, which card() returns.
 
-        `outputs` are names, "audiosink0" and the like, or a dictionary of names with what pins
-        their card, such as {"rate": 48000, "channels": 2, "format": "S16_LE"}.
+        `outputs` is a list of names such as "audiosink0", or a dictionary that maps each name to
+        the only format of its card, such as {"rate": 48000, "channels": 2, "format": "S16_LE"}.
         """
         if not isinstance(outputs, dict):
             outputs = {name: {} for name in outputs}
@@ -203,7 +203,7 @@ class Sandbox:
         self.set_alsa("\n".join(lines) + "\n")
 
     def set_alsa(self, configuration):
-        """/etc/asound.conf as it stands; null removes it."""
+        """Writes /etc/asound.conf; None removes it."""
         self._replace(self.etc / "asound.conf", configuration)
 
     @staticmethod
@@ -211,7 +211,7 @@ class Sandbox:
         if text is None:
             path.unlink(missing_ok=True)
             return
-        # In one step, since a running daemon may be reading it.
+        # A running daemon may read the file at any time, so it is replaced in one step.
         new = path.with_name(f".{path.name}.new")
         new.write_text(text)
         new.rename(path)
@@ -221,7 +221,7 @@ class Sandbox:
         return self._make_shared_folder(self.folder / "run/cards" / name)
 
     def card(self, device=0, output=0):
-        """What the sound card behind "audiosink<device>" or "device<device>_output<output>" played.
+        """Returns what the card of "audiosink<device>" or "device<device>_output<output>" played.
 
         Both names of a device's output 0 are on the same card.
         """
@@ -229,11 +229,14 @@ class Sandbox:
 
     @property
     def vendor_sink(self):
-        """What the vendor's sink element played."""
+        """The recording of the vendor's sink element."""
         return Recording(self._make_shared_folder(self.folder / "run/cards/veskaudiosink"))
 
     def write_clip(self, name, samples, rate=48000, channels=1, kind=None):
-        """Writes an audio file to /etc/audioclips; `kind` is one of clips.KINDS, or the suffix."""
+        """Writes an audio file to /etc/audioclips.
+
+        `kind` is "wav", "au" or one of clips.ENCODERS; without it, the suffix of `name` decides.
+        """
         kind = kind or name.rpartition(".")[2]
         path = self.etc / "audioclips" / name
         path.parent.mkdir(parents=True, exist_ok=True)
@@ -249,7 +252,7 @@ class Sandbox:
         return clips.Clip(f"/etc/audioclips/{name}", path, samples, rate, channels)
 
     def write_file(self, name, content=b""):
-        """Writes any bytes to /etc/audioclips and returns the daemon's path of it."""
+        """Writes a file of any content to /etc/audioclips and returns the daemon's path of it."""
         path = self.etc / "audioclips" / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(content)
@@ -268,7 +271,7 @@ class Sandbox:
             command += ["--size", size, "--tmpfs", path]
         for path, source in self._binds.items():
             command += ["--ro-bind", source, path]
-        # The tree may have stood below what is now covered, and where other users cannot go.
+        # The tree may be in a folder that these mounts hide or that other users cannot enter.
         for path in (ROOT, self.build_dir):
             command += ["--ro-bind", path, path]
         command += ["--ro-bind", self.build_dir, "/run/build", "--bind", self.cache, "/run/cache",
@@ -278,7 +281,7 @@ class Sandbox:
                 raise SandboxError("a launcher in the sandbox needs root")
             command += ["--cap-add", "ALL", *launcher]
         elif os.getuid() == 0:
-            # Root is then kept out of a file by its mode like anybody else.
+            # Without capabilities, file modes restrict root like any other user.
             command += ["--cap-drop", "ALL"]
         if uid is not None:
             if not has_several_users():
@@ -289,7 +292,7 @@ class Sandbox:
         return [str(word) for word in command]
 
     def _make_env(self, uid, env, vendor_sink):
-        # Others cannot write into the cache.
+        # Other users cannot write to the cache.
         cache = "/run/cache" if uid is None else "/run/home"
         variables = {
             "GST_REGISTRY_1_0": f"{cache}/registry.bin",
@@ -310,15 +313,15 @@ class Sandbox:
 
     def run(self, command, uid=None, groups=(), env=None, vendor_sink=False, deadline=60,
             check=True, launcher=None):
-        """Runs a program to its end, and returns its subprocess.CompletedProcess with its texts.
+        """Runs a program to its end and returns its subprocess.CompletedProcess with its output.
 
-        `uid`: as another user, with `groups` beside its own; only where the test runs as root.
-        `launcher`: a command in front of the program, which it starts; it has all of root's rights.
+        `uid` runs it as another user with the supplementary `groups`; this needs root. `launcher`
+        is a command that starts the program; it has all of root's capabilities.
         """
         result = subprocess.run(
-            [*self._bwrap_command(uid, groups, launcher), *map(str, command)], stdin=subprocess.DEVNULL,
-            capture_output=True, text=True, errors="replace", timeout=deadline, check=False,
-            env=self._make_env(uid, env, vendor_sink))
+            [*self._bwrap_command(uid, groups, launcher), *map(str, command)],
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace",
+            timeout=deadline, check=False, env=self._make_env(uid, env, vendor_sink))
         if check and result.returncode != 0:
             raise AssertionError(f"{command} ended with {result.returncode}:\n"
                                  f"{result.stdout}{result.stderr}")
@@ -326,9 +329,9 @@ class Sandbox:
 
     def spawn(self, command, uid=None, groups=(), env=None, vendor_sink=False, kind=Process,
               launcher=None):
-        """Starts a program that runs on, and returns it as a `kind`; close() kills it.
+        """Starts a program in the background and returns it as a `kind`; close() kills it.
 
-        What it writes to its standard output goes to that of the test.
+        It inherits the standard output of the test.
         """
         process = kind([*self._bwrap_command(uid, groups, launcher), *map(str, command)],
                        self._make_env(uid, env, vendor_sink))
@@ -338,7 +341,7 @@ class Sandbox:
     # The bus and the daemon
 
     def start_bus(self, uid=None, groups=()):
-        """Starts the system bus, connects `bus` to it, and returns its process."""
+        """Starts the system bus, connects `self.bus` to it and returns the process of the bus."""
         socket = self.folder / "run/dbus/system_bus_socket"
         socket.unlink(missing_ok=True)
         daemon = self.spawn(["dbus-daemon", "--config-file=/etc/bus.conf", "--nofork",
@@ -351,25 +354,25 @@ class Sandbox:
             return self.connect()
         except GLib.Error as error:
             if not daemon.is_running:
-                raise SandboxError("\n".join(["the bus does not start:", *daemon.lines])) from error
+                raise SandboxError("\n".join(["the bus did not start:", *daemon.lines])) from error
             return None
 
     def connect(self):
-        """A connection to the system bus; one that the caller opened, the caller closes."""
+        """Opens a connection to the system bus; the caller closes it."""
         return Bus(f"unix:path=/proc/self/fd/{self._run_fd}/dbus/system_bus_socket")
 
     def start_mock(self, name, path, interface):
-        """Starts python-dbusmock as a peer of the daemon on the bus; it is then told what to play
-        through the interface "org.freedesktop.DBus.Mock"."""
+        """Starts a python-dbusmock service on the bus. Configure the mock through its interface
+        "org.freedesktop.DBus.Mock"."""
         mock = self.spawn(["/usr/bin/python3", "-m", "dbusmock", "--system", name, path, interface])
         self._wait_name(name, mock, 20)
         return mock
 
     def start_daemon(self, program=None, env=None, uid=None, groups=(), vendor_sink=False,
                      watchdog_usec=None, wait=True, deadline=30, launcher=None):
-        """Starts the daemon, and waits until it answers unless `wait` is false.
+        """Starts the daemon and waits until it answers, unless `wait` is false.
 
-        With `watchdog_usec` it is supervised by `notify`.
+        With `watchdog_usec`, the daemon has a watchdog, and `notify` receives its pings.
         """
         env = dict(env or {})
         if watchdog_usec is not None:
@@ -380,10 +383,18 @@ class Sandbox:
         self.daemon = self.spawn([program], uid, groups, env, vendor_sink, Daemon, launcher)
         if wait:
             self._wait_name("com.vesk.Sonobrik", self.daemon, deadline)
-            # Which it owns before it hears signals; it answers when it does all that it does.
+            # The daemon takes its name before it subscribes to signals. It answers a ping only
+            # after the whole start-up.
             self.bus.call("com.vesk.Sonobrik", "/", "org.freedesktop.DBus.Peer", "Ping",
                           timeout=deadline)
         return self.daemon
+
+    def fail_to_start(self):
+        """Starts the daemon, which must exit with status 1, and returns its log."""
+        daemon = self.start_daemon(wait=False)
+        status = daemon.wait_exit()
+        assert status == 1, (status, daemon.lines)
+        return daemon.texts
 
     def _wait_name(self, name, process, deadline):
         wait_until(lambda: not process.is_running or self.bus.get_owner(name), deadline,
@@ -394,7 +405,7 @@ class Sandbox:
                                  + "\n".join(process.lines))
 
     def close(self):
-        """Ends all that runs here. Fails if the daemon ended before it was asked to, or badly."""
+        """Stops all programs. Fails if the daemon ended by itself or with a non-zero status."""
         daemon, self.daemon = self.daemon, None
         try:
             if daemon and not daemon.expected:
@@ -425,7 +436,7 @@ class Sandbox:
 
 
 def _parse_output(name):
-    """Device and output number of an ALSA output's name."""
+    """Returns the device and output number of an ALSA output's name."""
     if name.startswith("audiosink"):
         return int(name.removeprefix("audiosink")), 0
     device, output = name.removeprefix("device").split("_output")

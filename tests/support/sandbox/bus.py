@@ -1,4 +1,4 @@
-"""A peer on the sandbox's system bus."""
+"""A connection to the sandbox's system bus."""
 
 import dataclasses
 import itertools
@@ -14,7 +14,7 @@ _arrivals = itertools.count(1)
 
 
 class BusError(Exception):
-    """An error reply: its `name` and its `text`, null if it carries none."""
+    """An error reply: its `name` and its `text`, which is None if the reply has none."""
 
     def __init__(self, name, text):
         super().__init__(f"{name}: {text}")
@@ -34,7 +34,7 @@ class Signal:
 
 
 class Reply:
-    """The answer to a call that was sent and not waited for; it arrives within wait_until()."""
+    """The future reply to an asynchronous call; only wait_until() receives it."""
 
     def __init__(self):
         self.done = False
@@ -45,7 +45,7 @@ class Reply:
         self._error = None
 
     def wait(self, deadline=10):
-        """The values of the answer, as Bus.call() returns them, or its error."""
+        """Returns the values of the reply like Bus.call(), or raises its error."""
         wait_until(lambda: self.done, deadline, "the call is answered")
         if self._error:
             raise self._error
@@ -72,7 +72,7 @@ class Reply:
 
 
 class Bus:
-    """One connection. Its signals and asynchronous replies are delivered within wait_until()."""
+    """One connection. Only wait_until() delivers its signals and asynchronous replies."""
 
     def __init__(self, address):
         flags = (Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
@@ -84,9 +84,9 @@ class Bus:
         return self.connection.get_unique_name()
 
     def send(self, destination, path, interface, member, signature="()", *args, timeout=-1):
-        """Sends a call and returns its Reply. `timeout` in seconds, -1 for none.
+        """Sends a call and returns its Reply. `timeout` is in seconds; -1 means none.
 
-        `signature` is that of the arguments with parentheses around it, as GLib has it.
+        `signature` is the signature of the arguments in parentheses, a GLib tuple type.
         """
         message = self._new_call(destination, path, interface, member, signature, args)
         reply = Reply()
@@ -96,7 +96,7 @@ class Bus:
         return reply
 
     def post(self, destination, path, interface, member, signature="()", *args):
-        """Sends a call that wants no answer."""
+        """Sends a call with the flag that no reply is expected."""
         message = self._new_call(destination, path, interface, member, signature, args)
         message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
         self.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
@@ -108,12 +108,12 @@ class Bus:
         return message
 
     def call(self, destination, path, interface, member, signature="()", *args, timeout=10):
-        """Calls, waits, and returns the tuple of values, or raises BusError."""
+        """Calls a method, waits, and returns the tuple of values; raises BusError for an error."""
         reply = self.send(destination, path, interface, member, signature, *args, timeout=timeout)
         return reply.wait(timeout + 5)
 
     def emit(self, path, interface, member, signature="()", *args, destination=None):
-        """Sends a signal, to everybody or to one name, and waits until the bus has it."""
+        """Sends a signal, to one name or to all, and waits until the bus has received it."""
         message = Gio.DBusMessage.new_signal(path, interface, member)
         message.set_body(GLib.Variant(signature, args))
         if destination:
@@ -122,7 +122,7 @@ class Bus:
         self.call(*DRIVER, "GetId")
 
     def subscribe(self, sender=None, path=None, interface=None, member=None):
-        """Returns a list that grows by a Signal for each one that matches."""
+        """Returns a list to which each matching signal is appended as a Signal."""
         signals = []
 
         def deliver(_connection, *values):
@@ -132,18 +132,18 @@ class Bus:
 
         self.connection.signal_subscribe(sender, interface, member, path, None,
                                          Gio.DBusSignalFlags.NONE, deliver)
-        self.call(*DRIVER, "GetId")  # the bus has the match once it answers
+        self.call(*DRIVER, "GetId")  # the reply shows that the bus has added the match
         return signals
 
     def own_name(self, name):
         if self.call(*DRIVER, "RequestName", "(su)", name, 4) != (1,):
-            raise AssertionError(f"somebody else owns {name}")
+            raise AssertionError(f"another connection owns {name}")
 
     def release_name(self, name):
         self.call(*DRIVER, "ReleaseName", "(s)", name)
 
     def get_owner(self, name):
-        """The unique name of the owner, or null."""
+        """Returns the unique name of the owner, or None."""
         try:
             return self.call(*DRIVER, "GetNameOwner", "(s)", name)[0]
         except BusError as error:
@@ -152,14 +152,14 @@ class Bus:
             raise
 
     def introspect(self, destination, path):
-        """The XML text with which the object describes itself."""
+        """Returns the introspection XML of an object."""
         return self.call(destination, path, "org.freedesktop.DBus.Introspectable", "Introspect")[0]
 
     def close(self):
         try:
             self.connection.close_sync(None)
         except GLib.Error as error:
-            # A bus that has ended has closed it, or is just found to have.
+            # If the bus has ended, the connection is closed already, or breaks now.
             if not any(error.matches(Gio.io_error_quark(), code) for code in
                        (Gio.IOErrorEnum.CLOSED, Gio.IOErrorEnum.BROKEN_PIPE)):
                 raise

@@ -1,4 +1,4 @@
-"""Samples and the audio files made of them. Samples are interleaved signed 16-bit numbers."""
+"""Creates samples and audio files. Samples are interleaved signed 16-bit integers."""
 
 import array
 import dataclasses
@@ -9,7 +9,7 @@ import struct
 import sys
 import wave
 
-# How GStreamer encodes raw audio, by the name of the kind of file.
+# GStreamer elements that encode raw audio, by kind of file.
 ENCODERS = {
     "flac": "flacenc",
     "mp2": "twolamemp2enc",
@@ -36,19 +36,19 @@ class Clip:
 
     @property
     def location(self):
-        """The option that names it, for a path without characters that need an escape."""
+        """The play option for this clip; the path must not need escaping."""
         return f"location={self.path}"
 
 
 def noise(frames, channels=1, seed=0):
-    """Noise without a zero in it, so that no sample can be taken for silence."""
+    """Returns noise without zero samples, so that none can be mistaken for silence."""
     source = random.Random(seed)
     return array.array("h", (source.randint(1, 20000) * source.choice((-1, 1))
                              for _ in range(frames * channels)))
 
 
 def tone(frequency, seconds, rate=48000, channels=1, peak=0.5):
-    """A sine tone that swells and fades over 5 ms, so that it does not click."""
+    """Returns a sine tone with a fade of 5 ms at both ends, so that it does not click."""
     frames = round(seconds * rate)
     samples = array.array("h")
     for i in range(frames):
@@ -67,14 +67,15 @@ def write_wav(path, samples, rate=48000, channels=1):
 
 
 def write_au(path, samples, rate=48000, channels=1):
-    """Sun audio: 16-bit linear."""
+    """Writes a Sun audio file of linear 16-bit samples."""
     data = _with_order("big", samples).tobytes()
     header = struct.pack(">4sIIIII", b".snd", 24, len(data), 3, rate, channels)
     pathlib.Path(path).write_bytes(header + data)
 
 
 def encoder_command(kind, source, target):
-    """The command that turns the WAV file `source` into `target` of a kind of ENCODERS."""
+    """Returns the command that encodes the WAV file `source` as `target`; `kind` is one of
+    ENCODERS."""
     pipeline = (f"filesrc location={source} ! wavparse ! audioconvert ! audioresample ! "
                 f"{ENCODERS[kind]} ! filesink location={target}")
     return ["gst-launch-1.0", "-q", *pipeline.split()]

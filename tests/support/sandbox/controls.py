@@ -1,4 +1,4 @@
-"""The device's on-screen controls service, played by python-dbusmock, and a look at the bus."""
+"""A mock of the device's on-screen controls service, and a monitor of the bus."""
 
 import json
 
@@ -7,7 +7,8 @@ from .wait import wait_until
 NAME = "com.vesk.Onscreencontrols1"
 PATH = "/com/vesk/Onscreencontrols1"
 
-# Tells that it was asked, and answers once it is let. The test's folder is the mock's /tmp.
+# Records the call, then replies once the file "answer" exists. The mock's /tmp is the sandbox's tmp
+# folder, so the test can see and create these files.
 SILENCE = """
 open("/tmp/asked", "a").write("x")
 while not os.path.exists("/tmp/answer"):
@@ -18,7 +19,7 @@ REFUSAL = "raise dbus.exceptions.DBusException('no room', name='com.vesk.Error.F
 
 
 class Controls:
-    """The service, which takes all features that it is given, in `sandbox`."""
+    """The mock in `sandbox`, which accepts all features until told otherwise."""
 
     def __init__(self, sandbox):
         self._bus = sandbox.bus
@@ -34,17 +35,17 @@ class Controls:
         return self._bus.call(NAME, PATH, "org.freedesktop.DBus.Mock", method, signature, *args)
 
     def refuse(self):
-        """Answers with an error from now on."""
+        """Makes the mock reply with an error from now on."""
         self._reply_with(REFUSAL)
 
     def hold(self):
-        """Does not answer from now on, until release()."""
+        """Makes the mock hold back its replies until release()."""
         self._asked.unlink(missing_ok=True)
         self._answer.unlink(missing_ok=True)
         self._reply_with(SILENCE)
 
     def wait_asked(self):
-        """Waits until the daemon waits for an answer that is held."""
+        """Waits until the daemon is waiting for a reply that is held back."""
         wait_until(self._asked.exists, 20, "the on-screen controls are asked")
 
     def release(self):
@@ -52,19 +53,19 @@ class Controls:
 
     @property
     def calls(self):
-        """The arguments of all calls so far."""
+        """The arguments of all AddFeatures calls so far."""
         return [args for _, args in self._call("GetMethodCalls", "(s)", "AddFeatures")[0]]
 
     @property
     def clips(self):
-        """The clips that may be chosen from since the last call: (name, number)."""
+        """The clips in the last AddFeatures call: (name, number)."""
         play = json.loads(self.calls[-1][2])["features"][0]
         return [(value["niceName"], value["value"])
                 for value in play["parameters"]["clip"]["values"]]
 
 
 class Monitor:
-    """The messages on the bus that match a rule, from now on, as they are on the wire."""
+    """Records the bus messages that match one of the rules, as sent, from now on."""
 
     def __init__(self, sandbox, *rules):
         self._output = sandbox.folder / "tmp/monitor"
@@ -74,7 +75,7 @@ class Monitor:
         wait_until(lambda: monitor.lines, 20, "the bus is watched")
 
     def wait(self, count):
-        """Waits for this many messages and returns what is known of them."""
+        """Waits for `count` messages and returns them as busctl prints them in JSON."""
         def read():
             lines = self._output.read_text().split("\n")[:-1]
             return [json.loads(line) for line in lines] if len(lines) >= count else None

@@ -1,4 +1,4 @@
-"""What is installed: a copy of it in a folder, and sandboxes that have it as their own."""
+"""Installs a build into a folder, and sets up sandboxes like a machine with that installation."""
 
 import dataclasses
 import json
@@ -9,7 +9,7 @@ import xml.sax.saxutils
 
 MACHINE_BUS = pathlib.Path("/usr/share/dbus-1/system.conf")
 
-# What the machine's bus does as a service of the machine, and a sandbox's cannot.
+# Parts of the host's bus configuration that do not work in a sandbox.
 BUS_OF_THE_MACHINE = re.compile(
     r"<user>.*?</user>|<fork/>|<syslog/>|<pidfile>.*?</pidfile>|<servicehelper>.*?</servicehelper>"
     r"|<standard_system_servicedirs/>|<includedir>.*?</includedir>|<include .*?</include>",
@@ -18,7 +18,7 @@ BUS_OF_THE_MACHINE = re.compile(
 
 @dataclasses.dataclass(frozen=True)
 class User:
-    """Who runs a program in a sandbox: the arguments of Sandbox.spawn() and Sandbox.run()."""
+    """A user of a sandbox; `options` are its arguments for Sandbox.spawn() and Sandbox.run()."""
 
     uid: int
     groups: tuple = ()
@@ -29,17 +29,17 @@ class User:
 
 
 class Installation:
-    """What `meson install` of the build `build_dir` installs, below `folder`."""
+    """The files that `meson install` of `build_dir` installs, under `folder`."""
 
     def __init__(self, build_dir, folder):
         self.folder = pathlib.Path(folder)
         subprocess.run(
             ["/usr/bin/meson", "install", "-C", build_dir, "--no-rebuild", "--quiet", "--destdir",
              self.folder], check=True, capture_output=True)
-        self.folder.chmod(0o755)  # for the other users that programs run as
+        self.folder.chmod(0o755)  # programs also run as other users
 
     def find(self, pattern):
-        """The one installed file that matches."""
+        """Returns the only installed file that matches `pattern`."""
         file, = self.folder.glob(pattern)
         return file
 
@@ -52,7 +52,7 @@ class Installation:
         return any(self.folder.glob("**/systemd/system/sonobrik.service"))
 
     def make_users(self, sandbox):
-        """Makes the users and folders of the daemon in a sandbox, and returns the daemon's user."""
+        """Creates the daemon's users and folders in a sandbox and returns the daemon's user."""
         root = f"--root={sandbox.folder}"
         subprocess.run(["systemd-sysusers", root, self.find("usr/lib/sysusers.d/*")], check=True,
                        capture_output=True)
@@ -61,9 +61,12 @@ class Installation:
         return User(find_id(sandbox, "passwd", "sonobrik"), (find_id(sandbox, "group", "audio"),))
 
     def set_bus(self, sandbox, extra="", services=False):
-        """Gives the sandbox's bus the machine's own configuration with the installed policy, and
-        `extra`, lines of a bus policy, for peers that tests play. With `services` the bus starts
-        them, by itself, since the machine's helper needs rights that no sandbox gives."""
+        """Configures the sandbox's bus like the host's system bus, plus the installed policy.
+
+        `extra` is more bus policy, for the mocks of a test. With `services`, the bus activates the
+        installed services. It starts them directly, because the helper of a system bus needs
+        set-user-id rights, which a sandbox does not have.
+        """
         sandbox.bind(self.folder, "/mnt")
         text = BUS_OF_THE_MACHINE.sub("", MACHINE_BUS.read_text())
         extra += "<includedir>/mnt/usr/share/dbus-1/system.d</includedir>"
@@ -74,7 +77,7 @@ class Installation:
 
 
 def find_id(sandbox, database, name):
-    """The number of a user or group of a sandbox."""
+    """Returns the number of a user or group of a sandbox."""
     for line in (sandbox.etc / database).read_text().splitlines():
         fields = line.split(":")
         if fields[0] == name:
@@ -83,15 +86,15 @@ def find_id(sandbox, database, name):
 
 
 def allow_peer(name):
-    """Lines of a bus policy that let everybody own a name, and tell a mock of that name what to
-    play; what the mock is for, they do not let anybody call."""
+    """Returns a bus policy that lets everybody own `name` and configure the mock of that name. It
+    does not allow calls to the mocked interface."""
     name = xml.sax.saxutils.quoteattr(name)
     return (f'<policy context="default"><allow own={name}/><allow send_destination={name} '
             'send_interface="org.freedesktop.DBus.Mock"/></policy>')
 
 
-# Sends messages and prints, for each, who answered and the error's name. A signal is answered by
-# the bus alone, when it refuses it.
+# Sends messages and prints, for each, the sender of the reply and the name of its error. A signal
+# gets a reply only if the bus refuses it.
 CALLER = """
 import json, sys
 from gi.repository import Gio, GLib
@@ -129,8 +132,11 @@ print(json.dumps([send(*message) for message in json.loads(sys.argv[1])]))
 
 
 def send_as(sandbox, user, messages):
-    """Sends messages as a user of the sandbox: (kind, destination, path, interface, member,
-    signature, arguments), the kind "call" or "signal". Returns whether the bus refused each."""
+    """Sends messages as a user of the sandbox, and returns for each whether the bus refused it.
+
+    A message is (kind, destination, path, interface, member, signature, arguments) with the kind
+    "call" or "signal".
+    """
     result = sandbox.run(["/usr/bin/python3", "-c", CALLER, json.dumps(messages)], **user.options)
     answers = json.loads(result.stdout)
     return [answer == ["org.freedesktop.DBus", "org.freedesktop.DBus.Error.AccessDenied"]

@@ -19,28 +19,28 @@ LOG_LINE = re.compile(r"^sonobrik\[\d+\]: (\w+): (.*)$")
 SANITIZER_REPORT = re.compile(
     r"(ERROR|WARNING): (Address|Leak|Memory|Thread|UndefinedBehavior)Sanitizer|: runtime error: ")
 
-# What GLib and GStreamer say when they are used wrongly: "critical: GStreamer: ...". A playbin that
-# is stopped at the moment in which it makes its input selector says one thing too, to itself.
+# Log lines of GLib and GStreamer about wrong use: "critical: GStreamer: ...". One such line is
+# ignored: playbin logs it about itself if it is stopped while it creates its input selector.
 MISUSE = re.compile(r": (critical|fatal): (GLib|GStreamer|Gst)[\w-]*: "
                     r"(?!\\x0aTrying to dispose element inputselector)")
 
-# The exit status of a program whose sanitizer found something, unlike any of the programs' own.
+# The exit status of a program whose sanitizer found an error. No program exits with it otherwise.
 SANITIZER_STATUS = 86
 
 
 @dataclasses.dataclass(frozen=True)
 class LogLine:
-    level: str  # "warning" and the like; null for a line that the log did not write
+    level: str  # such as "warning"; None if the line did not come from the daemon's log
     text: str
 
 
 class Process:
-    """A program that runs, and the lines that it writes to its standard error."""
+    """A running program and the lines that it writes to its standard error."""
 
     def __init__(self, command, env):
         self._text = b""
-        self._lock = threading.Lock()  # guards `_text` and the reading of more
-        self.expected = False  # the test knows that it has ended, or ends it
+        self._lock = threading.Lock()  # guards `_text` and reading from the pipe
+        self.expected = False  # True once the test ends the program or waits for its end
         reader, writer = os.pipe()
         try:
             self.popen = subprocess.Popen(
@@ -48,12 +48,12 @@ class Process:
                 stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True)
         finally:
             os.close(writer)
-        # bubblewrap forks; this is the pid of the program itself. Empty: it could not even start.
+        # bubblewrap forks, so it reports the pid of the program; nothing if it could not start it.
         with os.fdopen(reader) as info:
             text = info.read()
         self.pid = json.loads(text)["child-pid"] if text else 0
         os.set_blocking(self.popen.stderr.fileno(), False)
-        # So that the program never waits for somebody to read.
+        # Without a reader, a full pipe would block the program.
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
@@ -62,7 +62,7 @@ class Process:
             select.select([self.popen.stderr], [], [])
 
     def _drain(self):
-        """Reads what has been written; false at the end."""
+        """Reads what the pipe holds. Returns False at the end of the output."""
         with self._lock:
             while True:
                 try:
@@ -75,7 +75,7 @@ class Process:
 
     @property
     def lines(self):
-        """All lines that the program has written until now."""
+        """All lines that the program has written so far."""
         if self._reader.is_alive():
             self._drain()
         with self._lock:
@@ -93,18 +93,19 @@ class Process:
             os.kill(self.pid, number)
 
     def open_folder(self, path):
-        """The folder `path` as the program sees it."""
+        """Returns the host's path of the folder that the program sees as `path`."""
         return pathlib.Path(f"/proc/{self.pid}/root{path}")
 
     def pause(self):
-        """Stops the program until go_on(); what it is sent meanwhile then is there at once."""
+        """Suspends the program until go_on(). What is sent to it meanwhile arrives at once then."""
         os.kill(self.pid, signal.SIGSTOP)
 
     def go_on(self):
         os.kill(self.pid, signal.SIGCONT)
 
     def wait_exit(self, deadline=20):
-        """The exit status, 128 + the signal's number if one ended it. All lines are read then."""
+        """Waits for the end of the program and returns its exit status, or 128 + the number of the
+        signal that ended it. Afterwards `lines` is complete."""
         self.expected = True
         wait_until(lambda: not self.is_running, deadline, f"{self} has ended")
         self._reader.join(deadline)
@@ -125,7 +126,7 @@ class Daemon(Process):
 
     @property
     def log(self):
-        """All lines so far, as LogLine."""
+        """All lines so far, each as a LogLine."""
         return [self._parse(line) for line in self.lines]
 
     @staticmethod
@@ -134,22 +135,22 @@ class Daemon(Process):
         return LogLine(*match.groups()) if match else LogLine(None, line)
 
     def wait_log(self, level, text, deadline=10):
-        """Waits for a line of this level and exactly this text."""
+        """Waits for a line with this level and exactly this text."""
         wanted = LogLine(level, text)
         wait_until(lambda: wanted in self.log, deadline, f"{wanted} is logged")
 
     @property
     def texts(self):
-        """The lines so far as "level: text", without those that libraries log."""
+        """The lines so far as "level: text", without those of libraries."""
         return [f"{line.level}: {line.text}" for line in self.log
                 if not line.text.startswith(("GLib", "GStreamer", "Gst"))]
 
     def count(self, level, text):
-        """How many lines there are of this level and exactly this text."""
+        """Returns the number of lines with this level and exactly this text."""
         return self.log.count(LogLine(level, text))
 
     def stop(self, number=signal.SIGTERM, deadline=20):
-        """Asks the daemon to end, and returns its exit status."""
+        """Signals the daemon to exit, and returns its exit status."""
         self.kill(number)
         return self.wait_exit(deadline)
 
@@ -158,17 +159,17 @@ class Daemon(Process):
 
 
 class NotifySocket:
-    """What the daemon tells the service manager."""
+    """The receiver of the daemon's messages to systemd."""
 
     def __init__(self, address):
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._socket.bind(address)
-        os.chmod(address, 0o777)  # as the service manager's is
+        os.chmod(address, 0o777)  # like systemd's own socket
         self._messages = []
 
     @property
     def messages(self):
-        """All messages so far: time as of time.monotonic_ns(), text."""
+        """All messages so far: (time of receipt from time.monotonic_ns(), text)."""
         while True:
             try:
                 text = self._socket.recv(4096).decode()

@@ -1,4 +1,7 @@
-"""Reads what a playback instrument recorded; tests/support/recording.h describes the folder."""
+"""Reads the recording of a virtual sound card or of the vendor's sink element.
+
+tests/support/recording.h describes the files.
+"""
 
 import array
 import dataclasses
@@ -6,7 +9,7 @@ import math
 import struct
 import sys
 
-# Names of the files that make the sound card misbehave while they are there.
+# While a file of one of these names exists, the sound card misbehaves.
 TROUBLES = ("busy", "gone", "stuck")
 
 HEADER = struct.Struct("<4sI4s4sIHHIIHH4sI")
@@ -14,7 +17,7 @@ HEADER = struct.Struct("<4sI4s4sIHHIIHH4sI")
 
 @dataclasses.dataclass(frozen=True)
 class Event:
-    """One thing that happened: `time` in nanoseconds as of time.monotonic_ns()."""
+    """One recorded event; `time` is in nanoseconds, on the clock of time.monotonic_ns()."""
 
     time: int
     name: str
@@ -22,7 +25,7 @@ class Event:
 
 
 class Take:
-    """The frames of one sample format that were played one after the other."""
+    """One WAV file: consecutive frames of one sample format."""
 
     def __init__(self, path):
         content = path.read_bytes()
@@ -43,7 +46,7 @@ class Take:
 
     @property
     def samples(self):
-        """The samples of all channels, interleaved, as signed numbers of `bits` bits."""
+        """The samples of all channels, interleaved, as signed integers of `bits` bits."""
         if self.bits == 24:
             return array.array("i", (int.from_bytes(self.data[i:i + 3], "little", signed=True)
                                      for i in range(0, len(self.data), 3)))
@@ -54,13 +57,13 @@ class Take:
 
     @property
     def peak(self):
-        """The loudest sample, 0 to 1 of full scale."""
+        """The peak, from 0 to 1 of full scale."""
         samples = self.samples
         return max(abs(min(samples)), max(samples)) / 2 ** (self.bits - 1) if samples else 0.0
 
     @property
     def level(self):
-        """The root mean square of all samples in decibels of full scale; -inf for silence."""
+        """The RMS level of all samples in dBFS; -inf for silence."""
         samples = self.samples
         power = math.fsum(sample * sample for sample in samples)
         if not power:
@@ -68,7 +71,7 @@ class Take:
         return 10 * math.log10(power / len(samples)) - 20 * math.log10(2 ** (self.bits - 1))
 
     def find(self, samples, start=0):
-        """The frame, from `start` on, at which all of `samples` were played in a row, or -1."""
+        """Returns the first frame from `start` on where `samples` begin without a gap, or -1."""
         if self.bits != 16:
             raise ValueError(f"the recording has {self.bits} bits a sample, not 16")
         samples = array.array("h", samples)
@@ -82,14 +85,14 @@ class Take:
 
 
 class Recording:
-    """What one sound card, or the vendor's sink, has played so far."""
+    """What one sound card or the vendor's sink has played so far."""
 
     def __init__(self, folder):
         self.folder = folder
 
     @property
     def takes(self):
-        # What has no header yet is being begun.
+        # A file without a complete header was just created.
         return [Take(path) for path in sorted(self.folder.glob("[0-9]*.wav"))
                 if path.stat().st_size >= HEADER.size]
 
@@ -100,7 +103,7 @@ class Recording:
     @property
     def events(self):
         path = self.folder / "events"
-        # What does not end in a line feed is still being written.
+        # A last line without a line feed is still being written.
         lines = path.read_text().split("\n")[:-1] if path.exists() else []
         return [self._parse(line) for line in lines]
 
@@ -110,7 +113,7 @@ class Recording:
         return Event(int(time), name, dict(field.split("=", 1) for field in fields))
 
     def count(self, name):
-        """How many events of this name there are."""
+        """Returns the number of events of this name."""
         return sum(event.name == name for event in self.events)
 
     @property
@@ -119,7 +122,7 @@ class Recording:
         return states[-1:] == ["open"]
 
     def set_trouble(self, name, on=True):
-        """Makes a sound card "busy", "gone" or "stuck", or ends that."""
+        """Makes a sound card "busy", "gone" or "stuck", or ends that state."""
         if name not in TROUBLES:
             raise ValueError(name)
         if on:

@@ -1,4 +1,4 @@
-"""The daemon's clip store as its callers, its listeners and those who look at its files see it."""
+"""The daemon's clip store: its bus interfaces, its change notices and its files."""
 
 import json
 
@@ -14,13 +14,13 @@ FOLDER = "/etc/dynamic/sonobrik/clip_data"
 
 
 def write_record(location="", name="", kind="", metadata=None):
-    """The text of a clip's file, as the daemon writes it."""
+    """Returns the text of a clip's record file, as the daemon writes it."""
     return json.dumps({"location": location, "name": name, "type": kind,
                        "metadata": metadata or {}}, indent=2, ensure_ascii=False)
 
 
 class Store:
-    """The clips of the daemon in `sandbox`, which start() starts."""
+    """The clip store of the daemon in `sandbox`; start() starts the daemon."""
 
     def __init__(self, sandbox):
         self.sandbox = sandbox
@@ -29,13 +29,13 @@ class Store:
         self._taken = 0
 
     def start(self, **options):
-        """Starts the daemon, whose first lines take_log() then leaves out."""
+        """Starts the daemon; take_log() leaves out the log lines of the start."""
         daemon = self.sandbox.start_daemon(**options)
         self._taken = len(daemon.texts)
         return self
 
     def take_log(self):
-        """The daemon's log, as Daemon.texts has it, since the last time."""
+        """Returns the log lines since the last call, in the form of Daemon.texts."""
         texts = self.sandbox.daemon.texts[self._taken:]
         self._taken += len(texts)
         return texts
@@ -49,7 +49,7 @@ class Store:
         return self.send(method, signature, *args).wait(20)
 
     def fail(self, method, signature="()", *args):
-        """Calls a method that must fail with its own error and an empty text."""
+        """Calls a method that must fail with its own error name and an empty text."""
         expect_error(self.send(method, signature, *args), f"{LEGACY_NAME}.{method}", "")
 
     def rename(self, index, name):
@@ -61,7 +61,7 @@ class Store:
 
     @staticmethod
     def make_bytes(content):
-        """The value with which a property is changed."""
+        """Returns bytes as the variant that SetConfigurationEntry takes."""
         return GLib.Variant("ay", content)
 
     # The daemon's own interface
@@ -75,18 +75,18 @@ class Store:
         return number
 
     def refuse_clip(self, location, name="", kind="audio", text="NOK"):
-        """Calls AddClip, which must fail with its own error and this text."""
+        """Calls AddClip, which must fail with its own error name and this text."""
         expect_error(self.send_clip(location, name, kind), f"{NAME}.AddClip", text)
 
     def get_metadata(self):
-        """The text that GetMetadata answers."""
+        """Returns the reply of GetMetadata."""
         text, = self.bus.call(NAME, PATH, NAME, "GetMetadata", timeout=20)
         return text
 
     # The files
 
     def write(self, name, content):
-        """Writes a clip's file as somebody else, and returns the daemon's path of it."""
+        """Writes a record file past the daemon, and returns the daemon's path of it."""
         path = self.folder / name
         path.write_bytes(content if isinstance(content, bytes) else content.encode())
         return f"{FOLDER}/{name}"
@@ -95,17 +95,17 @@ class Store:
         return (self.folder / f"M{index}.json").read_text()
 
     def list(self):
-        """The names of all files, hidden ones too, in the order in which the folder has them."""
+        """Returns the names of all files, including hidden ones, in directory order."""
         return [path.name for path in self.folder.iterdir()]
 
 
 def subscribe_changes(bus):
-    """The list of change notices, from now on."""
+    """Returns a list to which each change notice is appended from now on."""
     return bus.subscribe(interface="com.vesk.ConfigurationChanges1")
 
 
 def fence_changes(bus):
-    """Returns when all change notices of calls that were answered before have been delivered."""
+    """Waits until the change notices of all completed calls have been delivered."""
     bus.call(EVENTS_NAME, "/", "org.freedesktop.DBus.Peer", "Ping")
 
 

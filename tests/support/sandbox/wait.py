@@ -1,17 +1,17 @@
-"""Waiting for a condition, never for a guessed time."""
+"""Waiting for a condition with a deadline."""
 
 import time
 
 from gi.repository import GLib
 
-# How often a condition that nothing wakes us for is looked at, in milliseconds.
+# How often a condition is checked when no message arrives, in milliseconds.
 INTERVAL = 10
 
 
 def wait_until(condition, deadline=10, what=None):
-    """Returns the first true value of `condition()`; AssertionError after `deadline` seconds.
+    """Returns the first true value of `condition()`. Fails after `deadline` seconds.
 
-    Bus signals and replies are delivered meanwhile, and only then.
+    Bus signals and replies are delivered only while this function runs.
     """
     context = GLib.MainContext.default()
     end = time.monotonic() + deadline
@@ -22,7 +22,7 @@ def wait_until(condition, deadline=10, what=None):
             if value:
                 return value
             if time.monotonic() >= end:
-                raise AssertionError(f"after {deadline} s still not: {what or condition}")
+                raise AssertionError(f"{deadline} s passed before {what or condition}")
             context.iteration(True)
     finally:
         GLib.source_remove(ticker)
