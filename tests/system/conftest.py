@@ -23,8 +23,8 @@ def pytest_configure(config):
     # Programs inherit an ignored SIGINT, which background jobs of a shell have, but tests send it.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     config.addinivalue_line("markers", "needs_root: runs programs as several users")
-    config.addinivalue_line("markers", "alone: depends on exact timing, so it runs without other "
-                                       "tests beside it")
+    config.addinivalue_line("markers", "alone: depends on exact timing, so no other test runs at "
+                                       "the same time")
 
 
 def pytest_runtest_setup(item):

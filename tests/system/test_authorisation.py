@@ -63,7 +63,7 @@ def test_a_refused_stop_stops_nothing(sandbox, serve):
     clip = sandbox.write_clip("a.wav", clips.noise(24000))
     player = serve({NAME: {"users": "root"}, f"{NAME}.StopPlayingClip": {"users": "nobody"}})
     held = player.send("PlayClip", clip.location)
-    wait_until(lambda: sandbox.card(0).frames > 0, what="it sounds")
+    wait_until(lambda: sandbox.card(0).frames > 0, what="the clip is playing")
     assert_refused(player, "StopPlayingClip")
     assert held.wait() == ("OK",)
     assert sandbox.card(0).takes[0].find(clip.samples) >= 0

@@ -44,7 +44,7 @@ def audio_control(sandbox):
 def playing(sandbox, player, long):
     """A pending PlayClip call whose clip is playing."""
     reply = player.send("PlayClip", long.location)
-    wait_until(lambda: sandbox.card(0).frames > 0, what="it sounds")
+    wait_until(lambda: sandbox.card(0).frames > 0, what="the clip is playing")
     return reply
 
 
@@ -136,7 +136,7 @@ def test_a_signal_between_the_end_of_a_clip_and_the_reply_ends_with_success(sand
                                                                             clip):
     reply = player.send("PlayClip", clip.location)
     wait_until(lambda: any(take.find(clip.samples) >= 0 for take in sandbox.card(0).takes),
-               what="it sounded")
+               what="the clip has played")
     assert daemon.stop() == 0
     assert daemon.texts == START
     assert_left_without_answer(reply)

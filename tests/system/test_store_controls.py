@@ -40,7 +40,7 @@ def held_call(sandbox, controls, long):
 def play_and_hold(sandbox, controls, clip):
     store = Store(sandbox).start()
     reply = Player(sandbox.bus).send("PlayClip", clip.location)
-    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "the clip is playing")
     controls.hold()
     return store, reply
 
@@ -255,7 +255,7 @@ def test_a_clip_keeps_playing_while_sync_waits_for_the_controls(sandbox, control
     store, played = play_and_hold(sandbox, controls, clip)
     sync = store.send("Sync")
     controls.wait_asked()
-    wait_until(lambda: sandbox.card(0).takes[0].find(clip.samples) >= 0, 20, "it sounded")
+    wait_until(lambda: sandbox.card(0).takes[0].find(clip.samples) >= 0, 20, "the clip has played")
     assert not played.done
     controls.release()
     assert (sync.wait(), played.wait()) == ((), ("OK",))

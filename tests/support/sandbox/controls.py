@@ -19,7 +19,7 @@ REFUSAL = "raise dbus.exceptions.DBusException('no room', name='com.vesk.Error.F
 
 
 class Controls:
-    """The mock in `sandbox`, which accepts all features until told otherwise."""
+    """The mock in `sandbox`, which accepts all features until refuse() or hold()."""
 
     def __init__(self, sandbox):
         self._bus = sandbox.bus
