@@ -1,11 +1,10 @@
 #include "json_utils.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <glib.h>
-#include <memory>
 #include <sys/stat.h>
 
+#include "autoptr.h"
 #include "platform/util.h"
 
 namespace
@@ -47,12 +46,11 @@ bool json_utils_save_to_file(const char *path, const json_t *value)
     if (!path || !value) {
         return false;
     }
-    /* Jansson's text comes from malloc(), which need not be GLib's allocator. */
-    const std::unique_ptr<char, decltype(&free)> text(json_dumps(value, JSON_INDENT(2)), free);
+    g_auto(JsonText) text = json_dumps(value, JSON_INDENT(2));
     if (!text || *text == '\0') {
         return false;
     }
-    if (!util_write_file_synced(path, text.get(), strlen(text.get()), FILE_MODE)) {
+    if (!util_write_file_synced(path, text, strlen(text), FILE_MODE)) {
         g_warning("%s%s failed to save json data to file '%s'", "", "json_utils_save_to_file",
                   path);
         return false;
