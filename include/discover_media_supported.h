@@ -1,12 +1,13 @@
 #pragma once
 
-/* Which audio formats clips may have. Called on the main thread; inspects the file. */
+/* Decides whether the device can play a file's audio format. Called on the main thread. */
 
 /*
- * Can the file at `path` be played on this device: MPEG-1 audio, Opus, Vorbis, Sun audio, WAV or
- * mu-law? The last media type of the file decides, those before it being containers and tags.
+ * Returns true if the format of the file at `path` is MP3, MP2 or MP1, Opus, Vorbis, Sun audio, WAV
+ * or mu-law. The last media type of the file decides; those before it are containers and tags.
+ * Inspects the file, so it blocks as long as discover_media() does.
  *
- * `error_message` may be null. Otherwise, on false, a null `*error_message` is replaced by a new
- * text for people, to be freed with g_free(); one that is there already is kept.
+ * `error_message` may be null. Otherwise, if the result is false and `*error_message` is null, it
+ * is set to a new message, to be freed with g_free(). A message that is already there is kept.
  */
 bool discover_media_is_supported(const char *path, char **error_message);

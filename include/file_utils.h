@@ -1,29 +1,42 @@
 #pragma once
 
 /*
- * Files: listing by wildcard, existence, removal, size.
+ * Lists, tests, opens, removes and measures files.
  *
- * Null arguments are answered with the failure value. Called on the main thread.
+ * Every function returns its failure value for a null argument. Called on the main thread.
  */
 
 #include <glib.h>
 
 /*
- * Lists the files whose path matches `path_pattern`, of which only the last component may hold
- * wildcards ("*" any run of characters, "?" any one). Returns a list of new strings, in the order
- * in which the directory yields its entries, or null when nothing matches or the directory is
- * missing; free it with file_utils_free_list().
+ * Lists the files whose path matches `path_pattern`. Only the last component may contain wildcards:
+ * "*" matches any run of characters, "?" any one character. Returns a list of new strings in the
+ * order in which the directory yields its entries, or null if nothing matches or the directory is
+ * missing. Free the list with file_utils_free_list().
  */
 GSList *file_utils_get_files_from_wildcard(const char *path_pattern);
 
-/* Frees a list of file_utils_get_files_from_wildcard() and sets the caller's variable to null. */
+/* Frees a list from file_utils_get_files_from_wildcard() and sets the caller's variable to null. */
 void file_utils_free_list(GSList **list);
 
-/* Does `path` exist, as a file system object of any kind? */
+/* Returns true if `path` exists, as a file system object of any kind. */
 bool file_utils_file_exist(const char *path);
 
-/* Removes `path`. True also when there was nothing to remove: then for null, too. */
+/*
+ * Opens `path` if it is a regular file or a link to one. Never blocks: the type is checked on the
+ * open file, so a path that changes from file to FIFO in between cannot hold the caller.
+ *
+ * `access_mode` is O_RDONLY, or O_PATH for a descriptor that only names the file and needs no
+ * permission to read it. Returns a descriptor, to be closed by the caller, or -1 with errno set:
+ * EISDIR for a directory, ENXIO for any other kind of file (FIFO, socket, device).
+ */
+int file_utils_open_regular(const char *path, int access_mode);
+
+/*
+ * Removes `path`. Returns true if the file no longer exists, including when it never existed or
+ * `path` is null.
+ */
 bool file_utils_remove_file(const char *path);
 
-/* Returns the size of the file in kibibytes, rounded to the nearest (halves up), or -1. */
+/* Returns the file's size in kibibytes, rounded to the nearest (halves up), or -1 on failure. */
 gint32 file_utils_get_file_size_kb(const char *path);

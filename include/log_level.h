@@ -1,13 +1,13 @@
 #pragma once
 
 /*
- * The daemon's own log level, for failures that are not fatal in themselves. GLib's error level
- * cannot serve for them: it ends the process.
+ * The daemon's own log level, for errors that do not end the process. GLib's error level cannot be
+ * used for them, since GLib aborts after logging at that level.
  */
 
 #include <glib.h>
 
 inline const auto LOG_LEVEL_ERROR = static_cast<GLogLevelFlags>(1 << G_LOG_LEVEL_USER_SHIFT);
 
-/* Logs at LOG_LEVEL_ERROR without a log domain, as g_warning() does at its level. */
+/* Logs at LOG_LEVEL_ERROR, with the same arguments as g_warning(). */
 #define log_error(...) g_log(G_LOG_DOMAIN, LOG_LEVEL_ERROR, __VA_ARGS__)

@@ -1,9 +1,11 @@
 #include "discover_media.h"
 
-#include <sys/stat.h>
+#include <cerrno>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "autoptr.h"
+#include "file_utils.h"
 #include "log_level.h"
 
 namespace
@@ -11,34 +13,24 @@ namespace
 
 constexpr GstClockTime DISCOVERER_TIMEOUT = 5 * GST_SECOND;
 
-/*
- * Opening a FIFO, a socket or a device may block for ever, outside the discoverer's time-out, and
- * none of them holds a clip.
- */
-bool is_regular_file(const char *path)
+/* Replaces `name` by `path` in the error's message, so that the log names the clip's file. */
+void put_path_into_message(GError *error, const char *name, const char *path)
 {
-    struct stat status;
-    return stat(path, &status) == 0 && S_ISREG(status.st_mode);
-}
-
-/* The entries tell an installer of plugins what to look for; the daemon has none to pass them to.
- */
-void walk_missing_plugins(GstDiscovererInfo *info)
-{
-    const char **details = gst_discoverer_info_get_missing_elements_installer_details(info);
-    while (details && *details) {
-        details++;
-    }
+    GString *message = g_string_new(error->message);
+    g_string_replace(message, name, path, 0);
+    g_free(error->message);
+    error->message = g_string_free(message, FALSE);
 }
 
 /*
- * Runs the discoverer over the file. Returns a new reference to what it found, or null with a log
- * line.
+ * Runs the discoverer on the open file `fd`. `path` is for log lines only. Returns a new reference
+ * to the result, or null with a log line.
  */
-GstDiscovererInfo *probe(const char *path)
+GstDiscovererInfo *probe(int fd, const char *path)
 {
     g_autoptr(GError) error = nullptr;
-    g_autofree char *uri = gst_filename_to_uri(path, &error);
+    g_autofree char *fd_name = g_strdup_printf("/proc/self/fd/%d", fd);
+    g_autofree char *uri = gst_filename_to_uri(fd_name, &error);
     if (error) {
         g_info("%sCould not create uri from path '%s', error message '%s'.", "", path,
                error->message);
@@ -51,11 +43,14 @@ GstDiscovererInfo *probe(const char *path)
     }
     g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
     if (!info) {
-        /* The line names the reason where a reader would expect the URI; it is kept so. */
+        /* The text names the URI but takes the reason. */
         g_warning("%sError discovering uri '%s'.", "", error ? error->message : "");
         return nullptr;
     }
 
+    if (error) {
+        put_path_into_message(error, fd_name, path);
+    }
     const GstDiscovererResult result = gst_discoverer_info_get_result(info);
     switch (result) {
     case GST_DISCOVERER_OK:
@@ -65,7 +60,8 @@ GstDiscovererInfo *probe(const char *path)
         return nullptr;
     case GST_DISCOVERER_MISSING_PLUGINS:
         g_info("%sMissing plugins for analyzing file '%s'.", "", path);
-        walk_missing_plugins(info);
+        /* Fetched but not used: the daemon has no plugin installer to pass the details to. */
+        gst_discoverer_info_get_missing_elements_installer_details(info);
         return nullptr;
     default:
         g_info("%sUnexpected result when discovering '%s', (code: %d).", "", path, result);
@@ -73,11 +69,14 @@ GstDiscovererInfo *probe(const char *path)
     }
 }
 
-/* The cut to 32 bits is meant: readers of stored metadata know the duration as a 32-bit number. */
-json_t *duration_ms(const GstDiscovererInfo *info)
+/*
+ * Returns the duration in milliseconds. The cast makes an unknown duration, GST_CLOCK_TIME_NONE,
+ * the negative number -140462611, and the store refuses metadata with a negative duration. Without
+ * the cast it would store the 18446744073709 ms.
+ */
+gint32 get_duration_ms(const GstDiscovererInfo *info)
 {
-    const guint64 ms = gst_discoverer_info_get_duration(info) / GST_MSECOND;
-    return json_integer(static_cast<gint32>(ms));
+    return static_cast<gint32>(gst_discoverer_info_get_duration(info) / GST_MSECOND);
 }
 
 bool parse_stream_or_log(GstDiscovererStreamInfo *info, json_t *media_types, json_t *properties)
@@ -89,7 +88,9 @@ bool parse_stream_or_log(GstDiscovererStreamInfo *info, json_t *media_types, jso
     return true;
 }
 
-/* One child that cannot be described does not spoil the file: the results are ignored on purpose.
+/*
+ * Describes the containers and audio streams in `container`. Ignores their results: one stream that
+ * cannot be described does not make the file unusable.
  */
 void parse_children(GstDiscovererContainerInfo *container, json_t *media_types, json_t *properties)
 {
@@ -104,7 +105,7 @@ void parse_children(GstDiscovererContainerInfo *container, json_t *media_types, 
     gst_discoverer_stream_info_list_free(streams);
 }
 
-/* Describes the top stream and either the one that follows it or the streams that it contains. */
+/* Describes the top stream and then the stream after it or, if there is none, those inside it. */
 bool parse_streams(GstDiscovererStreamInfo *top, json_t *media_types, json_t *properties)
 {
     if (!parse_stream_or_log(top, media_types, properties)) {
@@ -146,7 +147,7 @@ bool describe_streams(GstDiscovererStreamInfo *top, json_t *media_info)
     return true;
 }
 
-/* Takes the reference to `value`, which may be null: setting it then fails. */
+/* Takes the reference to `value`. Logs a failure; a null `value` is one. */
 void set_property(json_t *properties, const char *key, json_t *value)
 {
     if (json_object_set_new(properties, key, value) != 0) {
@@ -167,13 +168,9 @@ void set_audio_properties(GstDiscovererAudioInfo *info, const GstCaps *caps, jso
                  json_integer(gst_discoverer_audio_info_get_sample_rate(info)));
 }
 
-} // namespace
-
-bool discover_media(const char *path, json_t *media_info)
+/* Fills `media_info` from the open file `fd`. `path` is for log lines only. */
+bool describe_file(int fd, const char *path, json_t *media_info)
 {
-    if (!path || access(path, F_OK) != 0 || !is_regular_file(path)) {
-        return false;
-    }
     if (!media_info) {
         g_info("%sNo JSON object specified.", "");
         return false;
@@ -183,12 +180,16 @@ bool discover_media(const char *path, json_t *media_info)
         return false;
     }
 
-    g_autoptr(GstDiscovererInfo) info = probe(path);
+    g_autoptr(GstDiscovererInfo) info = probe(fd, path);
     if (!info) {
         return false;
     }
     g_autoptr(GstDiscovererStreamInfo) top = gst_discoverer_info_get_stream_info(info);
-    if (!top || json_object_set_new(media_info, "duration", duration_ms(info)) != 0) {
+    if (!top) {
+        return false;
+    }
+    json_t *duration = json_integer(get_duration_ms(info));
+    if (json_object_set_new(media_info, "duration", duration) != 0) {
         return false;
     }
     if (!describe_streams(top, media_info)) {
@@ -196,6 +197,26 @@ bool discover_media(const char *path, json_t *media_info)
         return false;
     }
     return true;
+}
+
+} // namespace
+
+bool discover_media(const char *path, json_t *media_info)
+{
+    if (!path || access(path, F_OK) != 0) {
+        return false;
+    }
+    /* With O_PATH an unreadable file still reaches the discoverer, whose error is then logged. */
+    const int fd = file_utils_open_regular(path, O_PATH);
+    if (fd == -1) {
+        if (errno != EISDIR && errno != ENXIO) {
+            g_warning("%sCould not open '%s': %s", "", path, g_strerror(errno));
+        }
+        return false;
+    }
+    const bool success = describe_file(fd, path, media_info);
+    close(fd);
+    return success;
 }
 
 bool discover_media_parse_stream(GstDiscovererStreamInfo *info, json_t *media_types,

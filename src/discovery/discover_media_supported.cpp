@@ -23,7 +23,10 @@ bool media_type_always_supported(json_t *)
     return true;
 }
 
-/* MPEG-2 and MPEG-4 audio have the same media type and are refused. */
+/*
+ * AAC (MPEG-2 and MPEG-4) has the same media type and is refused. MP3 passes at every sample rate:
+ * GStreamer calls the lower rates, which MPEG-2 added, "MPEG-1 Layer 3" too.
+ */
 bool media_type_mpeg_supported(json_t *media_info)
 {
     return codec_contains(media_info, "MPEG-1");
@@ -50,8 +53,7 @@ constexpr SupportedMediaType supported_media_types[] = {
     {"audio/x-au", media_type_au_supported},        {"audio/x-wav", media_type_wav_supported},
 };
 
-/*
- * Returns the last of the array's media types, borrowed; null, with a log line, if it is not text.
+/* Returns the array's last media type, borrowed, or null, with a log line, if it is not a string.
  */
 const char *determine_media_type(json_t *media_types)
 {
@@ -87,7 +89,7 @@ json_t *discover_media_types(const char *path, json_t *media_info)
     return json_array_size(media_types) > 0 ? media_types : nullptr;
 }
 
-/* Fills in the caller's message, unless it has one or wants none. */
+/* Sets the caller's message, unless the caller passed null or a message is already there. */
 void explain(char **error_message, const char *format, const char *path) G_GNUC_PRINTF(2, 0);
 
 void explain(char **error_message, const char *format, const char *path)

@@ -1,8 +1,11 @@
 #include "file_utils.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -10,8 +13,8 @@ namespace
 constexpr double KIB_PER_BYTE = 1.0 / 1024;
 
 /*
- * GLib matches characters of UTF-8: a name that is none would be read and written beyond its end.
- * Each of its stray bytes counts as one character.
+ * Returns true if `name` matches. GLib's matching expects UTF-8 and accesses memory beyond the end
+ * of a name that is not, so each invalid byte is first replaced by one character.
  */
 bool name_matches(GPatternSpec *pattern, const char *name)
 {
@@ -43,7 +46,7 @@ GSList *file_utils_get_files_from_wildcard(const char *path_pattern)
             files = g_slist_prepend(files, g_strjoin("/", dir_name, name, nullptr));
         }
     }
-    /* Prepended and turned round once: appending one by one is quadratic in a large directory. */
+    /* Appending each entry would take quadratic time in a large directory. */
     return g_slist_reverse(files);
 }
 
@@ -57,6 +60,31 @@ void file_utils_free_list(GSList **list)
 bool file_utils_file_exist(const char *path)
 {
     return path && g_file_test(path, G_FILE_TEST_EXISTS);
+}
+
+int file_utils_open_regular(const char *path, int access_mode)
+{
+    if (!path) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = open(path, access_mode | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd == -1) {
+        return -1;
+    }
+    struct stat status;
+    int error = 0;
+    if (fstat(fd, &status) != 0) {
+        error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        error = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
+    }
+    if (error != 0) {
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
 }
 
 bool file_utils_remove_file(const char *path)

@@ -1,10 +1,15 @@
 #include "json_utils.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "autoptr.h"
+#include "file_utils.h"
 #include "platform/util.h"
 
 namespace
@@ -13,13 +18,45 @@ namespace
 constexpr mode_t FILE_MODE = 0644;
 
 /*
- * Could reading `path` go on for ever? A FIFO without a writer would hold the main loop, a device
- * may never end.
+ * Describes why the file could not be opened. Except for ENXIO, which json_load_file() would not
+ * report, line and text are those of json_load_file().
  */
-bool may_never_end(const char *path)
+void describe_open_error(const char *path, int error_number, json_error_t *error)
 {
-    struct stat status;
-    return stat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+    if (error_number == EISDIR) {
+        /* To json_load_file(), a directory is a file without content. */
+        json_t *value = json_loads("", 0, error);
+        json_decref(value);
+        return;
+    }
+    error->line = -1;
+    if (error_number == ENXIO) {
+        g_strlcpy(error->text, "not a regular file", sizeof(error->text));
+        return;
+    }
+    /* Jansson keeps the last byte of the text for an error code. */
+    g_snprintf(error->text, sizeof(error->text) - 1, "unable to open %s: %s", path,
+               strerror(error_number));
+}
+
+/* Returns a new reference, or null with line and text of `error` set. */
+json_t *load(const char *path, json_error_t *error)
+{
+    const int fd = file_utils_open_regular(path, O_RDONLY);
+    if (fd == -1) {
+        describe_open_error(path, errno, error);
+        return nullptr;
+    }
+    /* json_loadfd() would read byte by byte. */
+    FILE *file = fdopen(fd, "rb");
+    if (!file) {
+        describe_open_error(path, errno, error);
+        close(fd);
+        return nullptr;
+    }
+    json_t *value = json_loadf(file, 0, error);
+    fclose(file);
+    return value;
 }
 
 } // namespace
@@ -29,12 +66,8 @@ json_t *json_utils_load_from_file(const char *path)
     if (!path) {
         return nullptr;
     }
-    if (may_never_end(path)) {
-        g_warning("%sFailed to load JSON, line %d error '%s'", "", -1, "not a regular file");
-        return nullptr;
-    }
     json_error_t error;
-    json_t *value = json_load_file(path, 0, &error);
+    json_t *value = load(path, &error);
     if (!value) {
         g_warning("%sFailed to load JSON, line %d error '%s'", "", error.line, error.text);
     }

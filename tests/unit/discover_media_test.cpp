@@ -67,8 +67,15 @@ GstDiscoverer *gst_discoverer_new(GstClockTime timeout, GError **error)
 
 GstDiscovererInfo *gst_discoverer_discover_uri(GstDiscoverer *, const gchar *uri, GError **error)
 {
-    fake.uri = uri;
-    if (fake.error) {
+    if (fake.before_discovery) {
+        fake.before_discovery();
+    }
+    g_autofree char *filename = g_filename_from_uri(uri, nullptr, nullptr);
+    fake.content = read_file(filename);
+    if (fake.error_names_file) {
+        g_set_error(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_READ,
+                    "Could not open file \"%s\" for reading.", filename);
+    } else if (fake.error) {
         g_set_error_literal(error, GST_CORE_ERROR, GST_CORE_ERROR_FAILED, fake.error->c_str());
     }
     return fake.has_info

@@ -5,6 +5,7 @@
  * tests that use it.
  */
 
+#include <functional>
 #include <gst/pbutils/pbutils.h>
 #include <jansson.h>
 #include <map>
@@ -30,6 +31,7 @@ struct FakeDiscoverer {
     /* What the discoverer answers. */
     std::optional<std::string> new_error;
     std::optional<std::string> error;
+    bool error_names_file = false; /* the message is that of a file that cannot be opened */
     bool has_info = true;
     int result = GST_DISCOVERER_OK;
     GstDiscovererStreamInfo *top = nullptr;
@@ -37,6 +39,8 @@ struct FakeDiscoverer {
     const char **missing_plugins = nullptr;
     std::optional<std::string> codec = "WAV";
     std::map<GstDiscovererStreamInfo *, FakeStream> streams;
+
+    std::function<void()> before_discovery; /* runs before the discoverer opens the file */
 
     /* What fails beside it. */
     std::optional<std::string> uri_error;
@@ -49,7 +53,7 @@ struct FakeDiscoverer {
     /* What it was asked. */
     int discoverers = 0;
     GstClockTime timeout = 0;
-    std::string uri;
+    std::string content; /* of the file behind the URI */
     int missing_plugins_asked = 0;
     std::vector<std::string> codecs_asked;
     int objects_alive = 0;

@@ -9,7 +9,10 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <system_error>
+#include <unistd.h>
 
 /* Makes the file `path` hold `content`, in place: an existing file keeps its inode. */
 inline void write_file(const std::string &path, std::string_view content)
@@ -25,6 +28,14 @@ inline std::string read_file(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/* Returns the number of descriptors that this process has open. */
+inline size_t count_open_files()
+{
+    std::error_code error;
+    const std::filesystem::directory_iterator entries("/proc/self/fd", error);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
 /* A new empty folder, which goes with all that it holds at the end of its scope. */
@@ -74,6 +85,18 @@ class TempDir
         std::error_code error;
         std::filesystem::create_symlink(target, path(name), error);
         EXPECT_FALSE(error) << error.message();
+        return path(name);
+    }
+
+    /* Makes a socket that nothing listens on and returns its path. */
+    std::string socket(const std::string &name) const
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        g_strlcpy(address.sun_path, path(name).c_str(), sizeof(address.sun_path));
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+        close(fd);
         return path(name);
     }
 

@@ -63,6 +63,20 @@ TEST(BusText, NullGivesNull)
     EXPECT_EQ(bus_text_make_valid(nullptr), nullptr);
 }
 
+TEST(BusText, NullIsNotValid)
+{
+    EXPECT_FALSE(bus_text_is_valid(nullptr));
+}
+
+TEST(BusText, TextIsValidUpToItsLastByte)
+{
+    EXPECT_TRUE(bus_text_is_valid(""));
+    EXPECT_TRUE(bus_text_is_valid("D\u00f6\u00f6r \u9580 \U0001f514\t\n\x01"));
+    EXPECT_FALSE(bus_text_is_valid("Door\xe9"));
+    EXPECT_FALSE(bus_text_is_valid("Door\xc3"));
+    EXPECT_FALSE(bus_text_is_valid("Door\uffff"));
+}
+
 TEST(BusText, EmptyTextStaysEmpty)
 {
     EXPECT_EQ(make_valid(""), "");
@@ -115,6 +129,7 @@ TEST_F(BusTextOnTheBus, CodePointIsReplacedExactlyWhenTheBusRefusesIt)
         const std::string text = encode(c);
         const std::string valid = make_valid(text);
         ASSERT_EQ(valid == text, carries(text)) << "code point " << c;
+        ASSERT_EQ(bus_text_is_valid(text.c_str()), carries(text)) << "code point " << c;
         ASSERT_TRUE(carries(valid)) << "code point " << c;
     }
 }
@@ -129,6 +144,7 @@ TEST_F(BusTextOnTheBus, TextOfAnyBytesCanBeCarried)
         }
     }
     ASSERT_FALSE(carries(text));
+    EXPECT_FALSE(bus_text_is_valid(text.c_str()));
     EXPECT_TRUE(carries(make_valid(text)));
 }
 

@@ -6,9 +6,8 @@
 
 #include "discover_media.h"
 
-#include <sys/socket.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "discover_media_test.h"
@@ -79,14 +78,7 @@ TEST_F(DiscoverMediaRefusal, LinkToAFifoIsRefusedUnopened)
 
 TEST_F(DiscoverMediaRefusal, SocketIsRefusedUnopened)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    g_strlcpy(address.sun_path, dir.path("socket.wav").c_str(), sizeof(address.sun_path));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-    expect_refused_unopened(dir.path("socket.wav"));
-    close(fd);
+    expect_refused_unopened(dir.socket("socket.wav"));
 }
 
 TEST_F(DiscoverMediaRefusal, DeviceIsRefusedUnopened)
@@ -105,6 +97,20 @@ TEST_F(DiscoverMediaRefusal, FileIsLookedAtBeforeTheObject)
     EXPECT_FALSE(discover_media(dir.path("missing.wav").c_str(), nullptr));
     EXPECT_FALSE(discover_media(dir.root.c_str(), nullptr));
     expect_no_log();
+}
+
+TEST_F(DiscoverMediaRefusal, WantOfDescriptorsIsLogged)
+{
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const bool success = discover();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(success);
+    expect_log(G_LOG_LEVEL_WARNING, "Could not open '" + path + "': Too many open files");
+    expect_no_log();
+    EXPECT_EQ(fake.discoverers, 0);
 }
 
 TEST_F(DiscoverMediaRefusal, NullObjectIsRefused)
@@ -137,14 +143,38 @@ TEST_F(DiscoverMediaRefusal, PathThatHasNoUriIsLogged)
 
 /* The discoverer's answers. */
 
-TEST_F(DiscoverMedia, DiscovererGetsTheUriAndFiveSeconds)
+TEST_F(DiscoverMedia, DiscovererGetsTheFileAndFiveSeconds)
 {
     fake.top = audio("audio/x-wav");
     EXPECT_TRUE(discover());
-    EXPECT_EQ(fake.uri, "file://" + path);
+    EXPECT_EQ(fake.content, "not looked into");
     EXPECT_EQ(fake.timeout, 5000000000u);
     EXPECT_EQ(fake.discoverers, 1);
     expect_no_log();
+}
+
+TEST_F(DiscoverMedia, FileThatIsReplacedAfterTheCheckIsStillTheOneProbed)
+{
+    fake.top = audio("audio/x-wav");
+    fake.before_discovery = [this] {
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    };
+    EXPECT_TRUE(discover());
+    EXPECT_EQ(fake.content, "not looked into");
+}
+
+TEST_F(DiscoverMedia, FileIsClosedWhateverTheOutcome)
+{
+    const size_t before = count_open_files();
+    fake.top = audio("audio/x-wav");
+    EXPECT_TRUE(discover());
+    EXPECT_FALSE(discover()); /* the object is no longer empty */
+    json_object_clear(media_info);
+    fake.result = 4;
+    EXPECT_FALSE(discover());
+    EXPECT_EQ(count_open_files(), before);
+    clear_log();
 }
 
 TEST_F(DiscoverMedia, DiscovererThatCannotBeMadeIsLogged)
@@ -173,6 +203,16 @@ TEST_F(DiscoverMedia, ErrorOfTheDiscovererIsLogged)
     expect_log(G_LOG_LEVEL_INFO, "Discoverer error: 'this is a text'.");
     expect_no_log();
     EXPECT_EQ(text(media_info), "{}");
+}
+
+TEST_F(DiscoverMedia, ErrorThatNamesTheFileIsLoggedWithThePath)
+{
+    fake.result = 2;
+    fake.error_names_file = true;
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_INFO,
+               "Discoverer error: 'Could not open file \"" + path + "\" for reading.'.");
+    expect_no_log();
 }
 
 TEST_F(DiscoverMedia, MissingPluginsAreLoggedWithThePath)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -47,16 +48,31 @@ class FileUtils : public LogTest
     TempDir dir;
 };
 
-size_t count_open_files()
+class FileUtilsOpen : public FileUtils
 {
-    size_t count = 0;
-    std::error_code error;
-    for ([[maybe_unused]] const auto &entry :
-         std::filesystem::directory_iterator("/proc/self/fd", error)) {
-        count++;
+  protected:
+    /* Refused with this errno for both kinds of access, and no descriptor is left open. */
+    static void expect_refused(const char *path, int error)
+    {
+        const size_t before = count_open_files();
+        for (const int access_mode : {O_RDONLY, O_PATH}) {
+            errno = 0;
+            EXPECT_EQ(file_utils_open_regular(path, access_mode), -1);
+            EXPECT_EQ(errno, error);
+        }
+        EXPECT_EQ(count_open_files(), before);
     }
-    return count;
-}
+
+    static std::string content_of(const std::string &path)
+    {
+        const int fd = file_utils_open_regular(path.c_str(), O_RDONLY);
+        EXPECT_GE(fd, 0);
+        char buffer[16];
+        const ssize_t count = read(fd, buffer, sizeof(buffer));
+        close(fd);
+        return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : "";
+    }
+};
 
 using Paths = std::vector<std::string>;
 
@@ -225,6 +241,65 @@ TEST_F(FileUtils, MissingPathDoesNotExist)
 TEST_F(FileUtils, LinkToNothingDoesNotExist)
 {
     EXPECT_FALSE(file_utils_file_exist(dir.link("door.wav", "missing").c_str()));
+}
+
+TEST_F(FileUtilsOpen, NullCannotBeOpened)
+{
+    expect_refused(nullptr, EINVAL);
+}
+
+TEST_F(FileUtilsOpen, MissingFileCannotBeOpened)
+{
+    expect_refused(dir.path("door.wav").c_str(), ENOENT);
+}
+
+TEST_F(FileUtilsOpen, DirectoryIsRefused)
+{
+    expect_refused(dir.root.c_str(), EISDIR);
+}
+
+TEST_F(FileUtilsOpen, FifoIsRefusedAtOnce)
+{
+    ASSERT_EQ(mkfifo(dir.path("fifo").c_str(), 0600), 0);
+    expect_refused(dir.path("fifo").c_str(), ENXIO);
+    expect_refused(dir.link("link", "fifo").c_str(), ENXIO);
+}
+
+TEST_F(FileUtilsOpen, SocketIsRefused)
+{
+    expect_refused(dir.socket("socket").c_str(), ENXIO);
+}
+
+TEST_F(FileUtilsOpen, DeviceIsRefused)
+{
+    expect_refused("/dev/zero", ENXIO);
+}
+
+TEST_F(FileUtilsOpen, FileIsOpenedForReading)
+{
+    EXPECT_EQ(content_of(dir.file("door.wav", "ding")), "ding");
+}
+
+TEST_F(FileUtilsOpen, LinkToAFileIsFollowed)
+{
+    dir.file("door.wav", "ding");
+    EXPECT_EQ(content_of(dir.link("link", "door.wav")), "ding");
+}
+
+TEST_F(FileUtilsOpen, FileIsNotInheritedByOtherPrograms)
+{
+    const int fd = file_utils_open_regular(dir.file("door.wav").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    close(fd);
+}
+
+TEST_F(FileUtilsOpen, FileCanBeNamedWithoutBeingOpenForReading)
+{
+    const int fd = file_utils_open_regular(dir.file("door.wav").c_str(), O_PATH);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_PATH, O_PATH);
+    close(fd);
 }
 
 TEST_F(FileUtils, RemovingNullSucceeds)

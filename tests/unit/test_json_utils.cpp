@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "autoptr.h"
 #include "log_test.h"
@@ -169,6 +171,48 @@ TEST_F(JsonUtils, TextThatIsNotUtf8IsRefused)
 TEST_F(JsonUtils, DirectoryIsRefused)
 {
     expect_load_failure_of(dir.root);
+}
+
+TEST_F(JsonUtils, LongPathIsTruncatedInTheLogAsJanssonDoes)
+{
+    expect_load_failure_of(dir.path(std::string(200, 'x')));
+}
+
+TEST_F(JsonUtils, FileThatMayNotBeReadIsLoggedWithTheReason)
+{
+    const std::string path = dir.file("value.json", "{}");
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    if (access(path.c_str(), R_OK) == 0) {
+        GTEST_SKIP() << "this user may read every file";
+    }
+    expect_load_failure_of(path);
+}
+
+TEST_F(JsonUtils, FileThatIsNotRegularIsRefusedAtOnce)
+{
+    ASSERT_EQ(mkfifo(dir.path("fifo").c_str(), 0600), 0);
+    for (const std::string &path :
+         {dir.path("fifo"), dir.socket("socket"), std::string("/dev/zero")}) {
+        EXPECT_EQ(json_utils_load_from_file(path.c_str()), nullptr);
+        expect_log(G_LOG_LEVEL_WARNING, "Failed to load JSON, line -1 error 'not a regular file'");
+        expect_no_log();
+    }
+}
+
+TEST_F(JsonUtils, LinkToAFileIsFollowed)
+{
+    dir.file("value.json", "[1]");
+    g_autoptr(json_t) value = json_utils_load_from_file(dir.link("link", "value.json").c_str());
+    EXPECT_EQ(json_array_size(value), 1u);
+}
+
+TEST_F(JsonUtils, LoadingClosesTheFile)
+{
+    const size_t before = count_open_files();
+    load("{}");
+    EXPECT_EQ(json_utils_load_from_file(dir.file("broken.json", "{").c_str()), nullptr);
+    EXPECT_EQ(count_open_files(), before);
+    clear_log();
 }
 
 TEST_F(JsonUtils, SavingToNullFailsSilently)
