@@ -1,4 +1,4 @@
-"""What is wrong with a play request, in the words that its caller and the log get."""
+"""The error texts that the caller and the log get for a bad play request."""
 
 import pytest
 
@@ -35,7 +35,7 @@ def test_options_that_cannot_be_used_are_named(shared, asked, options, line):
     ("%2Fetc%2fa+b%2Bc", "/etc/a b+c"),
     ("/etc/100%", "/etc/100%"),
     ("/etc/caf%E9", "/etc/café"),
-    ("/etc/%EF%BF%BE%EF%B7%90", "/etc/\ufffd\ufffd"),  # what the bus would not carry
+    ("/etc/%EF%BF%BE%EF%B7%90", "/etc/\ufffd\ufffd"),  # D-Bus cannot transmit these
 ])
 def test_a_location_without_clips_is_named_as_it_was_understood(asked, location, path):
     for method in ("PlayClip", "StartPlayingClip"):
@@ -57,7 +57,7 @@ def test_an_error_text_has_255_bytes_at_most(shared, asked, length):
     text = f"{before}{name}{after}"
     assert asked.fail("PlayClip", f"location={name}") == text[:255]
     line = f"sonobrik_dbus_method_error_msg the error message '{text}' has been truncated."
-    if length == 100000:  # a log takes no such line as a whole
+    if length == 100000:  # the log truncates a line this long
         assert any(entry.level == "warning" and line.startswith(entry.text.removesuffix(" [cut]"))
                    for entry in shared.daemon.log)
     else:

@@ -1,8 +1,10 @@
-"""What counts as a clip: each kind of audio file, and what is none."""
+"""Which files count as clips: each supported kind of audio file, and what is refused."""
 
+import itertools
 import os
 import random
 import socket
+import threading
 
 import pytest
 from sandbox import BusError, clips
@@ -24,7 +26,7 @@ def unsupported(path):
 @pytest.mark.parametrize("rate, channels", [(48000, 1), (44100, 2)])
 @pytest.mark.parametrize("kind", SUPPORTED)
 def test_each_kind_of_clip_is_supported(shared, asked, kind, rate, channels):
-    # The name is none that would give the kind away.
+    # The name does not give the kind away.
     clip = shared.write_clip(f"{kind}-{rate}", clips.tone(440, 0.2, rate, channels), rate, channels,
                              kind)
     assert asked.call("SupportedFile", clip.path) == "OK"
@@ -48,19 +50,19 @@ def test_a_name_decides_nothing(shared, asked):
 
 
 @pytest.mark.parametrize("name, content", [
-    ("text.wav", b"This is no sound.\n" * 100),
+    ("text.wav", b"This is not sound.\n" * 100),
     ("empty.wav", b""),
     ("zeros.wav", bytes(10000)),
     ("noise.mp3", random.Random(3).randbytes(10000)),
     ("header.wav", b"RIFF"),
     ("header.ogg", b"OggS"),
 ])
-def test_what_is_no_sound_is_undetermined(shared, asked, name, content):
+def test_a_file_without_sound_is_undetermined(shared, asked, name, content):
     path = shared.write_file(name, content)
     assert asked.fail("SupportedFile", path) == undetermined(path)
 
 
-def test_what_is_no_file_is_undetermined_at_once(shared, asked):
+def test_anything_but_a_regular_file_is_undetermined_at_once(shared, asked):
     folder = shared.etc / "audioclips"
     (folder / "folder.wav").mkdir()
     os.mkfifo(folder / "fifo.wav")
@@ -103,6 +105,46 @@ def test_a_long_explanation_is_cut(shared, asked):
         undetermined(path).encode()[:255].decode(errors="ignore"))
 
 
+def test_a_path_that_changes_to_a_fifo_holds_nobody(sandbox, player):
+    """The type of a file must be checked after it was opened, not before."""
+    sandbox.write_clip("real.wav", clips.noise(480))
+    folder = sandbox.etc / "audioclips"
+    os.mkfifo(folder / "fifo")
+    path = sandbox.write_file("clip.wav")
+    finished = threading.Event()
+
+    def change():
+        for target in itertools.cycle(("real.wav", "fifo")):
+            if finished.is_set():
+                return
+            os.symlink(target, folder / "next")
+            os.rename(folder / "next", folder / "clip.wav")
+
+    changer = threading.Thread(target=change)
+    changer.start()
+    try:
+        answers = set()
+        for _ in range(200):
+            try:
+                answers.add(player.call("SupportedFile", path))
+            except BusError as error:
+                answers.add(error.text)
+    finally:
+        finished.set()
+        changer.join()
+    assert answers == {"OK", undetermined(path)}
+
+
+def test_a_file_that_takes_the_discoverer_too_long_is_undetermined(shared, asked):
+    """GStreamer looks for more chunks in the hole behind the samples, for minutes if it may."""
+    clip = shared.write_clip("hole.wav", clips.noise(480))
+    os.truncate(clip.file, 200 * 2**30)
+    logged = len(shared.daemon.texts)
+    assert asked.fail("SupportedFile", clip.path) == undetermined(clip.path)
+    assert shared.daemon.texts[logged:] == [
+        f"info: Unexpected result when discovering '{clip.path}', (code: 3)."]
+
+
 # Each kind reaches the sound card
 
 
@@ -113,7 +155,7 @@ def test_each_kind_of_clip_sounds_for_as_long_as_it_is(sandbox, player, kind):
     take = sandbox.card(0).takes[-1]
     sounding = [i // take.channels for i, sample in enumerate(take.samples)
                 if abs(sample) > 0.1 * 2 ** (take.bits - 1)]
-    # A coder smears the ends of a tone by a frame of its own, 26 ms for MP3.
+    # An encoder smears each end of a tone by up to one of its frames, 26 ms for MP3.
     assert 0.24 <= (sounding[-1] - sounding[0]) / take.rate <= 0.36
 
 
@@ -153,7 +195,7 @@ def test_a_damaged_clip_is_answered_and_does_no_harm(sandbox, player, kind):
         path = sandbox.write_file("damaged", damage(content, how))
         supported = player.send("SupportedFile", path)
         reply = player.send("PlayClip", f"location={path}")
-        # GStreamer's discoverer needs its 5 s now and then, for some that it gives up.
+        # For some of these files the discoverer takes its 5 s and times out.
         try:
             assert supported.wait(30) == ("OK",)
         except BusError as error:
