@@ -4,8 +4,8 @@
 
 #include <glib.h>
 
-struct AudioOutput {
-    gint32 audio_output;    /* its number, 0 to DEVICE_UTILS_MAX_ID, or -1: see the pair below */
-    gint32 audio_device_id; /* the number of its device, or -1 */
-    gint32 audio_output_id; /* its number on that device, or -1 */
+struct AudioOutputIds {
+    gint32 audio_output;    /* number; -1 if the pair below names the output */
+    gint32 audio_device_id; /* id of the device, or -1 */
+    gint32 audio_output_id; /* id of the output on that device, or -1 */
 };

@@ -101,7 +101,7 @@ template <typename Step> bool perform(Step step)
     return false;
 }
 
-bool add_key(EventTemplate *event_template, const Key &key, const AudioOutput &output)
+bool add_key(EventTemplate *event_template, const Key &key, const AudioOutputIds &output)
 {
     const auto listed_output = static_cast<int>(static_cast<guint32>(output.audio_output) + 1);
     switch (key.initial) {
@@ -122,7 +122,7 @@ bool add_key(EventTemplate *event_template, const Key &key, const AudioOutput &o
 }
 
 /* Adds the key with the name space, nice names and tag that its row has. */
-bool build_key(EventTemplate *event_template, const Key &key, const AudioOutput &output)
+bool build_key(EventTemplate *event_template, const Key &key, const AudioOutputIds &output)
 {
     if (!perform([&] { return add_key(event_template, key, output); })) {
         return false;
@@ -142,7 +142,7 @@ bool build_key(EventTemplate *event_template, const Key &key, const AudioOutput 
            perform([&] { return event_template_add_tag(event_template, key.name, key.tag); });
 }
 
-EventTemplate *build_template(std::span<const Key> keys, const AudioOutput &output)
+EventTemplate *build_template(std::span<const Key> keys, const AudioOutputIds &output)
 {
     g_autoptr(EventTemplate) event_template = nullptr;
     if (!perform([&] { return (event_template = event_template_new()) != nullptr; })) {
@@ -164,7 +164,7 @@ bool reset_playing_state(Event *event, void *)
 
 } // namespace
 
-EventTemplate *event_templates_new_playing(const AudioOutput &output)
+EventTemplate *event_templates_new_playing(const AudioOutputIds &output)
 {
     g_autoptr(EventTemplate) event_template = build_template(playing_keys, output);
     if (!event_template || !perform([&] {
@@ -176,7 +176,7 @@ EventTemplate *event_templates_new_playing(const AudioOutput &output)
     return g_steal_pointer(&event_template);
 }
 
-EventTemplate *event_templates_new_currently_playing(const AudioOutput &output)
+EventTemplate *event_templates_new_currently_playing(const AudioOutputIds &output)
 {
     return build_template(currently_playing_keys, output);
 }

@@ -11,7 +11,7 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(EventTemplate, event_template_free)
  * Returns a new template of "Playing", the stateful event that tells whether the output plays; free
  * it with event_template_free(). Returns null with a warning on failure.
  */
-EventTemplate *event_templates_new_playing(const AudioOutput &output);
+EventTemplate *event_templates_new_playing(const AudioOutputIds &output);
 
 /* Returns the same for "CurrentlyPlaying", the notification that names the file. */
-EventTemplate *event_templates_new_currently_playing(const AudioOutput &output);
+EventTemplate *event_templates_new_currently_playing(const AudioOutputIds &output);

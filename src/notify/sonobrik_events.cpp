@@ -35,7 +35,7 @@ sonobrik_events_state state;
 /* A file name on its way to the main loop. */
 struct event_file_request {
     char *file_name; /* owned */
-    AudioOutput output;
+    AudioOutputIds output;
     guint retries;
 };
 
@@ -45,24 +45,19 @@ EventIds &event_ids(EventKind kind)
 }
 
 /* Returns the hash key of an output's event, a new string. */
-char *device_key(EventKind kind, const AudioOutput &output)
+char *device_key(EventKind kind, const AudioOutputIds &output)
 {
     return g_strdup_printf("%d:%u:%u", kind, static_cast<guint>(output.audio_device_id),
                            static_cast<guint>(output.audio_output_id));
-}
-
-bool has_slot(gint32 audio_output)
-{
-    return audio_output >= 0 && audio_output <= DEVICE_UTILS_MAX_ID;
 }
 
 /*
  * Stores the id of a declared event. An output whose number is above DEVICE_UTILS_MAX_ID has no
  * slot: no request can name it by number, so its events are found by its device alone.
  */
-void store_event_id(EventKind kind, guint id, const AudioOutput &output)
+void store_event_id(EventKind kind, guint id, const AudioOutputIds &output)
 {
-    if (has_slot(output.audio_output)) {
+    if (device_utils_in_range(output.audio_output)) {
         event_ids(kind)[output.audio_output] = id;
     }
     if (output.audio_device_id != NO_ID && output.audio_output_id != NO_ID) {
@@ -72,10 +67,11 @@ void store_event_id(EventKind kind, guint id, const AudioOutput &output)
 }
 
 /* Returns the id of an output's event, or 0. */
-guint find_event_id(EventKind kind, const AudioOutput &output)
+guint find_event_id(EventKind kind, const AudioOutputIds &output)
 {
     if (output.audio_output != NO_ID) {
-        return has_slot(output.audio_output) ? event_ids(kind)[output.audio_output] : 0;
+        return device_utils_in_range(output.audio_output) ? event_ids(kind)[output.audio_output]
+                                                          : 0;
     }
     if (!state.event_ids_by_device) {
         return 0;
@@ -84,7 +80,7 @@ guint find_event_id(EventKind kind, const AudioOutput &output)
     return GPOINTER_TO_UINT(g_hash_table_lookup(state.event_ids_by_device, key));
 }
 
-void log_event_not_found(const char *operation, const AudioOutput &output)
+void log_event_not_found(const char *operation, const AudioOutputIds &output)
 {
     g_warning(
         "%s%s Failed to find event id for audio output %d or audio device id %d and audio output id %d",
@@ -106,7 +102,7 @@ void on_event_sent(guint id, void *, GError *error)
 
 void declare_playing_event(gint32 audio_output, gint32 audio_device_id, gint32 audio_output_id)
 {
-    const AudioOutput output = {audio_output, audio_device_id, audio_output_id};
+    const AudioOutputIds output = {audio_output, audio_device_id, audio_output_id};
     g_autoptr(EventTemplate) event_template = event_templates_new_playing(output);
     if (event_template) {
         const guint id = event_service_declare(state.producer, event_template);
@@ -117,7 +113,7 @@ void declare_playing_event(gint32 audio_output, gint32 audio_device_id, gint32 a
 void declare_currently_playing_event(gint32 audio_output, gint32 audio_device_id,
                                      gint32 audio_output_id)
 {
-    const AudioOutput output = {audio_output, audio_device_id, audio_output_id};
+    const AudioOutputIds output = {audio_output, audio_device_id, audio_output_id};
     g_autoptr(EventTemplate) event_template = event_templates_new_currently_playing(output);
     if (event_template) {
         const guint id = event_service_declare_notify(state.producer, event_template,
@@ -193,7 +189,7 @@ void sonobrik_events_teardown()
 void sonobrik_events_set_file_state(bool playing, gint32 audio_output, gint32 audio_device_id,
                                     gint32 audio_output_id)
 {
-    const AudioOutput output = {audio_output, audio_device_id, audio_output_id};
+    const AudioOutputIds output = {audio_output, audio_device_id, audio_output_id};
     const guint id = find_event_id(PLAYING_EVENT, output);
     if (id == 0) {
         log_event_not_found("sonobrik_events_set_file_state", output);

@@ -10,8 +10,8 @@ namespace
 {
 
 /*
- * Reads a whole decimal number as strtol() does, so blanks and a sign before it pass. A number that
- * does not fit is none: cut to 32 bits it would name another device.
+ * Reads a whole decimal number as strtol() does, which allows blanks and a sign in front of it.
+ * Refuses a number beyond 32 bits: truncated, it would name another device.
  */
 std::optional<gint32> read_id(const char *text)
 {
@@ -28,8 +28,8 @@ std::optional<gint32> read_id(const char *text)
 }
 
 /*
- * Calls `callback`, if any, for each usable device, up to and including the one with the wanted id.
- * Returns whether that one was met.
+ * Calls `callback`, if any, for each usable device, and stops after the one with the wanted id.
+ * Returns true if a device has the wanted id.
  */
 bool device_utils_scan(DeviceUtilsCallback callback, std::optional<gint32> wanted_id)
 {

@@ -83,13 +83,13 @@ bool device_utils_for_each_id(DeviceUtilsCallback callback)
     return false;
 }
 
-EventTemplate *event_templates_new_playing(const AudioOutput &output)
+EventTemplate *event_templates_new_playing(const AudioOutputIds &output)
 {
     return make_template("Playing", platform.playing_template_fails, output.audio_output,
                          output.audio_device_id, output.audio_output_id);
 }
 
-EventTemplate *event_templates_new_currently_playing(const AudioOutput &output)
+EventTemplate *event_templates_new_currently_playing(const AudioOutputIds &output)
 {
     return make_template("CurrentlyPlaying", platform.currently_playing_template_fails,
                          output.audio_output, output.audio_device_id, output.audio_output_id);

@@ -17,7 +17,7 @@ struct FakeDevice {
 };
 
 struct FakeDevices {
-    bool answers = false; /* otherwise with null */
+    bool answers = false; /* if false, the service returns null */
     std::vector<FakeDevice> list;
     int gets = 0;
     int frees = 0;
@@ -114,7 +114,7 @@ class DeviceUtils : public LogTest
         fake.list = std::move(list);
     }
 
-    /* Is a device with this id, and an output, usable? */
+    /* Returns true if a device with this id and this first output is usable. */
     static bool usable(const char *device_id, const char *output_id)
     {
         devices({{device_id, {{output_id}}}});
@@ -267,7 +267,7 @@ TEST_F(DeviceUtils, DeviceBeyondFiveIsNotSuitable)
     expect_no_log();
 }
 
-TEST_F(DeviceUtils, SuitableIdIsAskedForAnewForEachCandidate)
+TEST_F(DeviceUtils, SuitableIdIsLookedUpAgainForEachCandidate)
 {
     devices({{"3", {{"0"}}}});
     device_utils_find_suitable_id();

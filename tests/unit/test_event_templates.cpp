@@ -109,7 +109,7 @@ const Steps currently_playing_steps = {
 /* The failure of one step of building one kind of event. */
 struct Failure {
     const char *kind;
-    EventTemplate *(*make)(const AudioOutput &output);
+    EventTemplate *(*make)(const AudioOutputIds &output);
     const Steps &steps;
     size_t number;
 };
