@@ -8,20 +8,22 @@
 #include <glib.h>
 
 /*
- * Reads `options` into the variables that the other arguments point at. Returns false, with a log
- * line in most cases, when a value cannot be used; some variables may have been written by then.
- * Unknown keys are ignored. Called on the main thread; asks the audio device service.
+ * Reads `options` into the variables that the other arguments point at. Returns false if a value is
+ * invalid; some variables may have been written by then. Logs the reason, except for an invalid
+ * device and output pair. Ignores unknown keys. Call it on the main thread; it queries the audio
+ * device service.
  *
  * location         file path or wildcard path; a new string
- * volume           percent, 0 to 1000, 100 if not given
- * repeat           plays after the first: 0 if not given, -1 without end
- * audio_output     0 to 5, or -1 when a device and one of its outputs are named instead
- * audio_device_id  device of such a pair, else -1
- * audio_output_id  output of such a pair, else -1
+ * volume           percent, 0 to 1000; 100 if not given
+ * repeat           plays after the first; 0 if not given, -1 for endless
+ * audio_output     0 to 5, or -1 if a device and one of its outputs are given instead
+ * audio_device_id  device of that pair, else -1
+ * audio_output_id  output of that pair, else -1
  * alsa_device      ALSA name of the output; a new string
  *
- * A null address for any of `audio_output`, `audio_device_id` and `audio_output_id` says that the
- * output is not the caller's to choose: these and `alsa_device` are then left alone.
+ * If the address of `audio_output`, `audio_device_id` or `audio_output_id` is null, the options
+ * that choose an output are ignored, and none of these three nor `alsa_device` is written. Any
+ * other null address makes the call return false.
  *
  * The caller initialises the variables, and frees `location` and `alsa_device` whatever the result.
  */
@@ -30,7 +32,7 @@ bool audio_clip_parse_options(const char *options, char **location, gint32 *volu
                               gint32 *audio_output_id, char **alsa_device);
 
 /*
- * Undoes the escapes of a form query in place: "+" is a space, "%" and two hexadecimal digits are
- * the byte of that value; any other "%" stays. Null does nothing.
+ * Decodes the escapes of a form query in place: "+" becomes a space, and "%" with two hexadecimal
+ * digits becomes the byte of that value. Any other "%" is copied. Does nothing for null.
  */
 void audio_clip_option_unescape(char *text);

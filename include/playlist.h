@@ -1,6 +1,6 @@
 #pragma once
 
-/* The files that one play request may play, and the random draw among them. */
+/* The files that one play request may play, and the random choice among them. */
 
 #include <glib.h>
 
@@ -11,10 +11,10 @@ struct Playlist {
 /* Returns an empty playlist; free it with playlist_free(). */
 Playlist *playlist_new();
 
-/* Forgets all files. Null does nothing. */
+/* Removes all files. Does nothing for null. */
 void playlist_clear(Playlist *playlist);
 
-/* Null does nothing. */
+/* Frees the playlist and its paths. Does nothing for null. */
 void playlist_free(Playlist *playlist);
 
 /*
@@ -24,9 +24,10 @@ void playlist_free(Playlist *playlist);
 bool playlist_add(Playlist *playlist, const char *path);
 
 /*
- * Adds the file that `path` names or, if there is no supported one with that very name, every
- * supported file that matches it: its last component may hold "*" and "?". Inspects each file.
- * Returns whether at least one was added; false for a null argument.
+ * Adds the file with the literal name `path`. If that file is missing or unsupported, expands
+ * "*" and "?" in the last component of `path` and adds every supported file that matches. Inspects
+ * each file, so it may block for the discoverer's time-out for each. Returns true if at least one
+ * file was added; false for a null argument.
  */
 bool playlist_add_from_wildcard_path(Playlist *playlist, const char *path);
 
@@ -34,13 +35,14 @@ bool playlist_add_from_wildcard_path(Playlist *playlist, const char *path);
 guint playlist_get_length(const Playlist *playlist);
 
 /*
- * Draws a file at random, never `avoid` (may be null) while there is another. Returns a path that
- * the playlist owns, or null if it is empty or null.
+ * Picks a file at random. Picks `avoid` (may be null) only if there is no other file. Returns a
+ * path that the playlist owns, or null if the playlist is empty or null.
  */
 const char *playlist_get_random_file(const Playlist *playlist, const char *avoid);
 
 /*
- * As playlist_get_random_file(), with "file" URIs: avoids the file of `current_uri` (may be null)
- * and returns a new string to be freed with g_free(), or null.
+ * Picks a file at random and returns its "file" URI as a new string; free it with g_free(). Picks
+ * the file of `current_uri` (may be null) only if there is no other file. Returns null if the
+ * playlist is empty or null, and with a warning if the path cannot be converted.
  */
 char *playlist_get_random_uri(const Playlist *playlist, const char *current_uri);

@@ -2,19 +2,20 @@
 
 #include <cstring>
 
+#include "audio_output.h"
 #include "device_utils.h"
 #include "log_level.h"
 #include "platform/util.h"
+#include "repeat.h"
 
 namespace
 {
 
 constexpr guint32 MAX_VOLUME = 1000;
-constexpr gint32 REPEAT_ENDLESS = -1;
 
 /*
- * Returns a new copy of `value` in UTF-8. Clients of old write ISO-8859-1, so what is not valid
- * UTF-8 is taken for that. Null, with a warning, if it cannot be converted.
+ * Returns a copy of `value` in UTF-8. Older clients send ISO-8859-1, so a value that is not valid
+ * UTF-8 is converted from that. Returns null, with a warning, if it cannot be converted.
  */
 char *value_to_utf8(const char *key, const char *value)
 {
@@ -31,8 +32,8 @@ char *value_to_utf8(const char *key, const char *value)
 }
 
 /*
- * Adds one "key=value" piece, which is cut and unescaped in place, to the table. Returns false when
- * the table has the key already. A piece that is not text adds nothing.
+ * Adds one "key=value" piece to the table; splits and unescapes the piece in place. Skips a piece
+ * that is not text. Returns false if the table already has the key.
  */
 bool add_piece(GHashTable *table, char *piece)
 {
@@ -49,8 +50,7 @@ bool add_piece(GHashTable *table, char *piece)
     if (!text) {
         return true;
     }
-    /* A key given twice is an error on purpose: a guess at the one that was meant could be wrong.
-     */
+    /* A key given twice is an error, because either value could be the intended one. */
     if (g_hash_table_contains(table, piece)) {
         return false;
     }
@@ -58,7 +58,7 @@ bool add_piece(GHashTable *table, char *piece)
     return true;
 }
 
-/* Returns the table of the options' keys and values, or null, with a warning. */
+/* Returns the keys and values of `options`; null, with a warning, if they are invalid. */
 GHashTable *acquire_options(const char *options)
 {
     g_autoptr(GHashTable) table = nullptr;
@@ -78,7 +78,7 @@ GHashTable *acquire_options(const char *options)
     return g_steal_pointer(&table);
 }
 
-/* Returns the option's value, borrowed from the table; null if it is missing or empty. */
+/* Returns the value of the option, which the table owns; null if it is missing or empty. */
 const char *get_option(GHashTable *table, const char *key)
 {
     auto *value = static_cast<const char *>(g_hash_table_lookup(table, key));
@@ -109,54 +109,70 @@ bool read_repeat(GHashTable *table, gint32 *repeat)
     return true;
 }
 
-bool in_output_range(gint32 id)
-{
-    return id >= 0 && id <= DEVICE_UTILS_MAX_ID;
-}
-
-/* Reads the output that "audiooutput" names, which must exist. */
-bool read_audio_output(const char *text, gint32 *audio_output, char **alsa_device)
+/* Reads the output number that "audiooutput" gives; a usable device must have it. */
+bool read_audio_output(const char *text, AudioOutputIds *output)
 {
     gint32 value = 0;
-    if (!util_str_to_int(text, &value) || !in_output_range(value) ||
+    if (!util_str_to_int(text, &value) || !device_utils_in_range(value) ||
         !device_utils_valid_id(value)) {
         g_info("%sInvalid 'audiooutput' option index: '%s'.", "", text);
         return false;
     }
-    *audio_output = value;
-    *alsa_device = g_strdup_printf("audiosink%d", value);
+    output->audio_output = value;
     return true;
 }
 
 /*
- * Reads a device and one of its outputs. They are not looked up: ALSA refuses a pair that does not
- * exist. A bad number is refused without a log line, on purpose.
+ * Reads a device id and the id of one of its outputs. They are not looked up: a pair that does not
+ * exist fails later, when ALSA opens it. Logs nothing for an invalid number.
  */
-bool read_device_pair(const char *device_text, const char *output_text, gint32 *audio_device_id,
-                      gint32 *audio_output_id, char **alsa_device)
+bool read_device_pair(const char *device_text, const char *output_text, AudioOutputIds *output)
 {
-    gint32 device = 0;
-    gint32 output = 0;
-    if (!util_str_to_int(device_text, &device) || device < 0 ||
-        !util_str_to_int(output_text, &output) || output < 0) {
+    gint32 device_id = 0;
+    gint32 output_id = 0;
+    if (!util_str_to_int(device_text, &device_id) || device_id < 0 ||
+        !util_str_to_int(output_text, &output_id) || output_id < 0) {
         return false;
     }
-    *audio_device_id = device;
-    *audio_output_id = output;
-    *alsa_device = g_strdup_printf("device%d_output%d", device, output);
+    output->audio_device_id = device_id;
+    output->audio_output_id = output_id;
     return true;
 }
 
-bool choose_audio_output(gint32 *audio_output, char **alsa_device)
+/* Picks the first suitable output. */
+bool choose_audio_output(AudioOutputIds *output)
 {
     const gint32 id = device_utils_find_suitable_id();
-    if (!in_output_range(id)) {
+    if (!device_utils_in_range(id)) {
         g_info("%sNo audiooutput was specified, could not find a suitable device.", "");
         return false;
     }
-    *audio_output = id;
-    *alsa_device = g_strdup_printf("audiosink%d", id);
+    output->audio_output = id;
     return true;
+}
+
+/* Reads the output from the options, or picks one if they give none. Writes only on success. */
+bool read_output(GHashTable *table, AudioOutputIds *output)
+{
+    const char *number_text = get_option(table, "audiooutput");
+    if (number_text) {
+        return read_audio_output(number_text, output);
+    }
+    const char *device_text = get_option(table, "audiodeviceid");
+    const char *output_text = get_option(table, "audiooutputid");
+    if (device_text && output_text) {
+        return read_device_pair(device_text, output_text, output);
+    }
+    return choose_audio_output(output);
+}
+
+/* Returns the ALSA name of the output as a new string. */
+char *make_alsa_device(const AudioOutputIds &output)
+{
+    if (output.audio_output >= 0) {
+        return g_strdup_printf("audiosink%d", output.audio_output);
+    }
+    return g_strdup_printf("device%d_output%d", output.audio_device_id, output.audio_output_id);
 }
 
 } // namespace
@@ -165,6 +181,9 @@ bool audio_clip_parse_options(const char *options, char **location, gint32 *volu
                               gint32 *audio_output, gint32 *audio_device_id,
                               gint32 *audio_output_id, char **alsa_device)
 {
+    if (!location || !volume || !repeat) {
+        return false;
+    }
     g_autoptr(GHashTable) table = acquire_options(options);
     if (!table) {
         return false;
@@ -184,22 +203,16 @@ bool audio_clip_parse_options(const char *options, char **location, gint32 *volu
     if (!audio_output || !audio_device_id || !audio_output_id) {
         return true;
     }
-    *audio_output = -1;
-    *audio_device_id = -1;
-    *audio_output_id = -1;
-    *alsa_device = nullptr;
-
-    const char *output_text = get_option(table, "audiooutput");
-    if (output_text) {
-        return read_audio_output(output_text, audio_output, alsa_device);
+    if (!alsa_device) {
+        return false;
     }
-    const char *pair_device_text = get_option(table, "audiodeviceid");
-    const char *pair_output_text = get_option(table, "audiooutputid");
-    if (pair_device_text && pair_output_text) {
-        return read_device_pair(pair_device_text, pair_output_text, audio_device_id,
-                                audio_output_id, alsa_device);
-    }
-    return choose_audio_output(audio_output, alsa_device);
+    AudioOutputIds output = {-1, -1, -1};
+    const bool chosen = read_output(table, &output);
+    *audio_output = output.audio_output;
+    *audio_device_id = output.audio_device_id;
+    *audio_output_id = output.audio_output_id;
+    *alsa_device = chosen ? make_alsa_device(output) : nullptr;
+    return chosen;
 }
 
 void audio_clip_option_unescape(char *text)

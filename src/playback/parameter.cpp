@@ -6,6 +6,9 @@
 
 char *get_parameter(const char *name)
 {
+    if (!name) {
+        return nullptr;
+    }
     ParamOptions options;
     param_reset_options(&options);
     int error_code = 0;

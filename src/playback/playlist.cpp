@@ -45,7 +45,7 @@ bool playlist_add_from_wildcard_path(Playlist *playlist, const char *path)
     if (!playlist || !path) {
         return false;
     }
-    /* A literal name wins, even one that holds wildcard characters. */
+    /* A literal name takes precedence, even if it contains wildcard characters. */
     if (playlist_add(playlist, path)) {
         return true;
     }
@@ -83,8 +83,8 @@ char *playlist_get_random_uri(const Playlist *playlist, const char *current_uri)
         return nullptr;
     }
     /*
-     * What follows the scheme is compared as it stands, and the scheme is not checked: the URI came
-     * from here. A name that a URI escapes, such as one with a space, is thus not recognised.
+     * The scheme is not checked, because the URI came from this function. The rest is compared
+     * without decoding it, so a name that a URI escapes, such as one with a space, is not avoided.
      */
     const char *avoid =
         current_uri ? current_uri + strnlen(current_uri, FILE_SCHEME_LENGTH) : nullptr;

@@ -45,7 +45,7 @@ extern "C" int __wrap_util_str_to_int(const char *text, int32_t *value)
     return __real_util_str_to_int(text, value);
 }
 
-/* Stands before GLib's own: each byte has a meaning in ISO-8859-1, so only memory makes it fail. */
+/* Replaces GLib's own, which never fails: every byte is a character of ISO-8859-1. */
 gchar *g_convert(const gchar *text, gssize length, const gchar *to, const gchar *from,
                  gsize *bytes_read, gsize *bytes_written, GError **error)
 {
@@ -60,7 +60,7 @@ gchar *g_convert(const gchar *text, gssize length, const gchar *to, const gchar 
 namespace
 {
 
-/* The variables of a play request, as the player sets them before it parses. */
+/* The variables of a play request, with the values that the player sets before it parses. */
 struct Request {
     char *location = nullptr;
     gint32 volume = 100;
@@ -95,7 +95,7 @@ class AudioClipOptions : public LogTest
         fake = Fake();
     }
 
-    /* The location that the text names, which must be accepted. */
+    /* Returns the location of the options, which must be accepted. */
     static std::string location_of(const char *options)
     {
         Request request;
@@ -114,7 +114,7 @@ class AudioClipOptions : public LogTest
     Request request;
 };
 
-/* The text as a table. */
+/* Splitting the text. */
 
 TEST_F(AudioClipOptions, NullTextIsRefused)
 {
@@ -414,6 +414,34 @@ TEST_F(AudioClipOptions, NullAddressOfAnOutputFieldLeavesAllOfThemAlone)
     }
     EXPECT_EQ(fake.suitable_calls, 0);
     expect_no_log();
+}
+
+TEST_F(AudioClipOptions, NullAddressOfAnyOtherVariableFails)
+{
+    const char *options = "location=x";
+    EXPECT_FALSE(audio_clip_parse_options(options, nullptr, &request.volume, &request.repeat,
+                                          &request.audio_output, &request.audio_device_id,
+                                          &request.audio_output_id, &request.alsa_device));
+    EXPECT_FALSE(audio_clip_parse_options(options, &request.location, nullptr, &request.repeat,
+                                          &request.audio_output, &request.audio_device_id,
+                                          &request.audio_output_id, &request.alsa_device));
+    EXPECT_FALSE(audio_clip_parse_options(options, &request.location, &request.volume, nullptr,
+                                          &request.audio_output, &request.audio_device_id,
+                                          &request.audio_output_id, &request.alsa_device));
+    EXPECT_EQ(request.location, nullptr);
+    EXPECT_FALSE(audio_clip_parse_options(
+        options, &request.location, &request.volume, &request.repeat, &request.audio_output,
+        &request.audio_device_id, &request.audio_output_id, nullptr));
+    EXPECT_EQ(request.audio_output, 0);
+    expect_no_log();
+}
+
+TEST_F(AudioClipOptions, NullAlsaDeviceIsAllowedIfNoOutputIsChosen)
+{
+    EXPECT_TRUE(audio_clip_parse_options("location=x", &request.location, &request.volume,
+                                         &request.repeat, nullptr, &request.audio_device_id,
+                                         &request.audio_output_id, nullptr));
+    EXPECT_STREQ(request.location, "x");
 }
 
 TEST_F(AudioClipOptions, AudioOutputThatExistsIsTaken)

@@ -115,6 +115,15 @@ TEST_F(Parameter, ValueThatComesWithACodeIsNotUsed)
     expect_no_log();
 }
 
+TEST_F(Parameter, WithoutANameIsNotRead)
+{
+    fake.value = "100";
+    EXPECT_EQ(get(nullptr), "(null)");
+    EXPECT_FALSE(parameter_equals(nullptr, "100"));
+    EXPECT_EQ(fake.calls, 0);
+    expect_no_log();
+}
+
 TEST_F(Parameter, EqualsTheSameText)
 {
     fake.value = "yes";

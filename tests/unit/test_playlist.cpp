@@ -60,7 +60,7 @@ void file_utils_free_list(GSList **list)
     *list = nullptr;
 }
 
-/* Stands before GLib's own, so that a test says what is drawn. */
+/* Replaces GLib's own, so that a test decides which number is drawn. */
 gint32 g_random_int_range(gint32 begin, gint32 end)
 {
     fake.draws++;
@@ -69,7 +69,7 @@ gint32 g_random_int_range(gint32 begin, gint32 end)
     return fake.draw;
 }
 
-/* Stands before GStreamer's own, which it calls unless a test asks for a failure. */
+/* Replaces GStreamer's own, and calls it unless a test asks for a failure. */
 gchar *gst_filename_to_uri(const gchar *filename, GError **error)
 {
     if (fake.uri_fails) {
@@ -119,7 +119,7 @@ class PlaylistTest : public LogTest
         return paths;
     }
 
-    /* The file that comes of the draw of `index`. */
+    /* Returns the file that is picked if `index` is drawn. */
     std::string draw(gint32 index, const char *avoid) const
     {
         fake.draw = index;
