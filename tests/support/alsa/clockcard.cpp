@@ -14,7 +14,7 @@
  *
  *     busy   opening fails with EBUSY, as if another program were using the card
  *     gone   everything fails with ENODEV, as if the card were unplugged
- *     stuck  the card accepts frames until its buffer is full, and plays none of them
+ *     stuck  the card accepts frames until its buffer is full, records the event "full", and plays none
  *
  * It needs no thread: programs do not change the buffer between the position last reported to ALSA
  * and the write position, so the played frames are copied whenever ALSA asks for the position.
@@ -66,6 +66,7 @@ struct Card {
     snd_pcm_uframes_t avail_min;
     snd_pcm_uframes_t boundary; /* where ALSA's positions wrap */
     bool running;
+    bool told_full;          /* since the card was prepared */
     uint64_t start_time;     /* when the clock last started */
     uint64_t start_position; /* the position at that time */
     uint64_t position;       /* frames played and recorded since the card was prepared */
@@ -106,9 +107,12 @@ void arm_timer(Card *card)
         missing = filled;
 
     uint64_t time = 1; /* in the past, so readable at once */
-    if (missing > 0 && recording_has_flag(&card->recording, "stuck"))
+    if (missing > 0 && recording_has_flag(&card->recording, "stuck")) {
+        if (!card->told_full)
+            recording_add_event(&card->recording, "full");
+        card->told_full = true;
         time = recording_get_time() + STUCK_POLL_TIME;
-    else if (missing > 0 && card->running)
+    } else if (missing > 0 && card->running)
         time = card->start_time +
                recording_frames_to_time(card->position - card->start_position + missing,
                                         card->io.rate);
@@ -250,6 +254,7 @@ int card_prepare(snd_pcm_ioplug_t *io)
     if (is_gone(card))
         return -ENODEV;
     card->running = false;
+    card->told_full = false;
     card->position = 0;
     arm_timer(card);
     return 0;
