@@ -4,28 +4,31 @@
 #include <gst/gst.h>
 
 #include "audio_clip_options.h"
+#include "audio_output.h"
 #include "audioclip_dbus.h"
 #include "log_level.h"
 #include "playlist.h"
+#include "repeat.h"
 #include "sonobrik_events.h"
 
 /*
- * `request_lock` comes before `state_lock`. A stop holds both for its whole length, in which it
- * waits for the streaming thread; that thread therefore only tries `request_lock`.
+ * A stop takes `request_lock`, then `state_lock`, and holds both until it is done. It waits for the
+ * streaming thread, so that thread only tries `request_lock`. A start takes `state_lock` alone.
+ *
+ * audio_clip_ref() and audio_clip_unref() access the fields without a lock, because no streaming
+ * thread runs the player's code before the first start or after the teardown of the pipeline.
  */
 struct AudioClip {
-    GMutex state_lock;      /* guards every field below */
-    GMutex request_lock;    /* held for a whole stop */
-    bool active;            /* a request plays: set by a successful start, cleared by stop */
-    GstElement *pipeline;   /* owned; the current "playbin" or null */
-    GstElement *vesk_sink;  /* owned; the device's own sink, made once; null: play through ALSA */
-    Playlist *playlist;     /* owned; the files of the request that plays */
-    gint32 repeat;          /* clips still to chain; -1 without end */
-    guint bus_watch_id;     /* zero also in the delay between the end of the stream and the stop */
-    guint stop_timer_id;    /* the timer of that delay, zero when none */
-    gint32 audio_output;    /* these three: the output that plays, as the events know it */
-    gint32 audio_device_id; /* -1 if none */
-    gint32 audio_output_id; /* -1 if none */
+    GMutex state_lock;     /* guards the fields below `request_lock` */
+    GMutex request_lock;   /* held for a whole stop */
+    bool active;           /* a request is playing: set by a successful start, cleared by stop */
+    GstElement *pipeline;  /* owned; the current "playbin" or null */
+    GstElement *vesk_sink; /* owned; the device's own sink; null if the player uses ALSA */
+    Playlist *playlist;    /* owned; the files of the current request */
+    gint32 repeat;         /* clips still to chain, or REPEAT_ENDLESS */
+    guint bus_watch_id;    /* 0 if there is none, also between the end of stream and the stop */
+    guint stop_timer_id;   /* the timer between the end of stream and the stop, else 0 */
+    AudioOutputIds output; /* of the current or last request, as the events know it */
 };
 
 namespace
@@ -38,14 +41,15 @@ constexpr GstClockTime STATE_CHANGE_TIMEOUT = 3 * GST_SECOND;
 
 AudioClip the_clip;
 
+/* The output of a player that has not chosen one; the vendor sink's requests keep it. */
+constexpr AudioOutputIds DEFAULT_OUTPUT = {0, -1, -1};
+
 /* A play request as its options describe it. */
 struct PlayRequest {
     char *location = nullptr; /* owned */
     gint32 volume = 100;
     gint32 repeat = 0;
-    gint32 audio_output = 0;
-    gint32 audio_device_id = -1;
-    gint32 audio_output_id = -1;
+    AudioOutputIds output = DEFAULT_OUTPUT;
     char *alsa_device = nullptr; /* owned */
 };
 
@@ -57,64 +61,63 @@ void play_request_clear(PlayRequest *request)
 
 G_DEFINE_AUTO_CLEANUP_CLEAR_FUNC(PlayRequest, play_request_clear)
 
-/* Tells the events which file plays on an output. Called from any thread. */
-void announce_file(const char *uri, gint32 audio_output, gint32 audio_device_id,
-                   gint32 audio_output_id)
+/* Sends the event that names the file of `uri`. May be called on any thread, with any lock held. */
+void announce_file(const char *uri, const AudioOutputIds &output)
 {
     g_autofree char *path = gst_uri_get_location(uri);
-    sonobrik_events_set_file(path, audio_output, audio_device_id, audio_output_id);
+    sonobrik_events_set_file(path, output.audio_output, output.audio_device_id,
+                             output.audio_output_id);
 }
 
-struct StateChange {
-    GstElement *pipeline; /* borrowed; kept by the player unless the change succeeds */
-    GAsyncQueue *results; /* a reference; takes the result plus one, since null is no entry */
-};
-
-gpointer set_pipeline_to_null(gpointer data)
+/* Sends the event that tells whether the output is playing. */
+void announce_state(bool playing, const AudioOutputIds &output)
 {
-    auto *change = static_cast<StateChange *>(data);
-    const GstStateChangeReturn result = gst_element_set_state(change->pipeline, GST_STATE_NULL);
-    g_async_queue_push(change->results, GINT_TO_POINTER(result + 1));
-    g_async_queue_unref(change->results);
-    g_free(change);
-    return nullptr;
+    sonobrik_events_set_file_state(playing, output.audio_output, output.audio_device_id,
+                                   output.audio_output_id);
 }
 
 /*
- * Sets the pipeline to null. The change is asynchronous if it is not through in time. A sink whose
- * device takes no more samples blocks for ever in it, so it runs on a thread of its own, which is
- * then left behind.
+ * Sets the pipeline to the null state, waits until it is there, and queues the result. Called on a
+ * thread of GStreamer, without a lock.
  */
-GstStateChangeReturn silence(GstElement *pipeline)
+void set_to_null(GstElement *pipeline, gpointer user_data)
 {
-    g_autoptr(GAsyncQueue) results = g_async_queue_new();
-    auto *change = g_new0(StateChange, 1);
-    *change = {pipeline, g_async_queue_ref(results)};
-    GThread *thread = g_thread_try_new("silence", set_pipeline_to_null, change, nullptr);
-    if (!thread) {
-        set_pipeline_to_null(change);
+    GstStateChangeReturn result = gst_element_set_state(pipeline, GST_STATE_NULL);
+    if (result == GST_STATE_CHANGE_ASYNC) {
+        result = gst_element_get_state(pipeline, nullptr, nullptr, STATE_CHANGE_TIMEOUT);
     }
-    const gpointer entry =
-        g_async_queue_timeout_pop(results, GST_TIME_AS_USECONDS(STATE_CHANGE_TIMEOUT));
-    if (!entry) {
-        g_thread_unref(thread);
-        return GST_STATE_CHANGE_ASYNC;
-    }
-    if (thread) {
-        g_thread_join(thread);
-    }
-    const auto result = static_cast<GstStateChangeReturn>(GPOINTER_TO_INT(entry) - 1);
-    if (result != GST_STATE_CHANGE_ASYNC) {
-        return result;
-    }
-    return gst_element_get_state(pipeline, nullptr, nullptr, STATE_CHANGE_TIMEOUT);
+    /* A queue cannot hold a null pointer, which GST_STATE_CHANGE_FAILURE would be. */
+    g_async_queue_push(static_cast<GAsyncQueue *>(user_data), GINT_TO_POINTER(result + 1));
 }
 
-/* Caller holds the locks, where there is another thread to hold them against. */
+/*
+ * Sets the pipeline to the null state. Returns GST_STATE_CHANGE_ASYNC if that takes longer than
+ * STATE_CHANGE_TIMEOUT.
+ *
+ * A sink whose device accepts no more samples can block forever in the change, so the change runs
+ * on another thread. That thread has a reference of its own to the pipeline and may outlive this
+ * call.
+ */
+GstStateChangeReturn set_to_null_in_time(GstElement *pipeline)
+{
+    g_autoptr(GAsyncQueue) results = g_async_queue_new();
+    gst_element_call_async(pipeline, set_to_null, g_async_queue_ref(results), [](gpointer queue) {
+        g_async_queue_unref(static_cast<GAsyncQueue *>(queue));
+    });
+    const gpointer result =
+        g_async_queue_timeout_pop(results, GST_TIME_AS_USECONDS(STATE_CHANGE_TIMEOUT));
+    return result ? static_cast<GstStateChangeReturn>(GPOINTER_TO_INT(result) - 1)
+                  : GST_STATE_CHANGE_ASYNC;
+}
+
+/*
+ * Stops and releases the pipeline; keeps one that cannot be stopped. May block for
+ * STATE_CHANGE_TIMEOUT. The caller holds `state_lock`, except in audio_clip_unref().
+ */
 void audio_clip_stop_pipeline(AudioClip *clip, bool exit_on_failure)
 {
     if (clip->pipeline) {
-        const GstStateChangeReturn result = silence(clip->pipeline);
+        const GstStateChangeReturn result = set_to_null_in_time(clip->pipeline);
         if (result == GST_STATE_CHANGE_ASYNC) {
             g_warning("%sIt took too long to set the pipeline to GST_STATE_NULL.", "");
         }
@@ -123,26 +126,12 @@ void audio_clip_stop_pipeline(AudioClip *clip, bool exit_on_failure)
         } else {
             log_error("%sCould not set the pipeline to GST_STATE_NULL.", "");
             if (exit_on_failure) {
-                /* A player that cannot be silenced is of no use: the service manager starts anew.
-                 */
+                /* The player cannot play again with this pipeline; systemd restarts the daemon. */
                 exit(EXIT_FAILURE);
             }
         }
     }
-    if (clip->bus_watch_id != 0) {
-        g_source_remove(clip->bus_watch_id);
-        clip->bus_watch_id = 0;
-    }
-}
-
-/* The timer belongs to its request: left alone, it would end the next one. Caller holds the lock.
- */
-void remove_stop_timer(AudioClip *clip)
-{
-    if (clip->stop_timer_id != 0) {
-        g_source_remove(clip->stop_timer_id);
-        clip->stop_timer_id = 0;
-    }
+    g_clear_handle_id(&clip->bus_watch_id, g_source_remove);
 }
 
 gboolean audio_clip_on_stop_timeout(gpointer user_data)
@@ -158,8 +147,8 @@ gboolean audio_clip_on_stop_timeout(gpointer user_data)
 }
 
 /*
- * The stream has ended: lets the output play out what it holds before the stop. The bus watch ends
- * with this message. Returns false when there is no timer.
+ * Starts the delay in which the output plays what it has buffered. Forgets the bus watch, which the
+ * end-of-stream message ends. Returns false if no timer could be added. Takes `state_lock`.
  */
 bool start_stop_timer(AudioClip *clip)
 {
@@ -195,30 +184,27 @@ gboolean audio_clip_on_bus_message(GstBus *, GstMessage *message, gpointer user_
     }
 }
 
-/* Chains the next clip, if one is left to chain. Caller holds both locks. */
+/* Chains the next clip, if one is left to chain. The caller holds both locks. */
 void chain_next_clip(AudioClip *clip, GstElement *playbin)
 {
-    if (clip->repeat == 0) {
+    if (!repeat_take(&clip->repeat)) {
         return;
-    }
-    if (clip->repeat >= 1) {
-        clip->repeat--;
     }
     g_autofree char *current_uri = nullptr;
     g_object_get(playbin, "current-uri", &current_uri, nullptr);
     g_autofree char *uri = playlist_get_random_uri(clip->playlist, current_uri);
     if (uri && clip->pipeline) {
         g_object_set(clip->pipeline, "uri", uri, nullptr);
-        announce_file(uri, clip->audio_output, clip->audio_device_id, clip->audio_output_id);
+        announce_file(uri, clip->output);
     }
 }
 
-/* Called on a streaming thread. */
+/* Called on a streaming thread. Takes both locks, or returns if a stop holds them. */
 void audio_clip_on_about_to_finish(GstElement *playbin, gpointer user_data)
 {
     auto *clip = static_cast<AudioClip *>(user_data);
     if (!g_mutex_trylock(&clip->request_lock)) {
-        return; /* a stop waits for this thread */
+        return; /* the stop waits for this thread, so waiting for the lock would deadlock */
     }
     g_mutex_lock(&clip->state_lock);
     chain_next_clip(clip, playbin);
@@ -226,7 +212,10 @@ void audio_clip_on_about_to_finish(GstElement *playbin, gpointer user_data)
     g_mutex_unlock(&clip->request_lock);
 }
 
-/* Returns a new reference to the sink that plays the request, or null. */
+/*
+ * Returns a new reference to the sink for the request; null if there is no alsasink. The caller
+ * holds `state_lock`.
+ */
 GstElement *get_sink(AudioClip *clip, const PlayRequest *request)
 {
     if (clip->vesk_sink) {
@@ -240,7 +229,10 @@ GstElement *get_sink(AudioClip *clip, const PlayRequest *request)
     return sink;
 }
 
-/* Makes the pipeline that plays `uri`. Returns null or, on failure, the inner error. */
+/*
+ * Creates the pipeline that plays `uri`. Returns null or, on failure, the inner error. The caller
+ * holds `state_lock`.
+ */
 const char *create_pipeline(AudioClip *clip, const PlayRequest *request, const char *uri)
 {
     GstElement *playbin = gst_element_factory_make("playbin", "play audio clip");
@@ -263,19 +255,19 @@ const char *create_pipeline(AudioClip *clip, const PlayRequest *request, const c
     return nullptr;
 }
 
-/* The request plays: notes where, and tells the events. */
+/* Records that the request is playing and sends its events. The caller holds `state_lock`. */
 void set_playing(AudioClip *clip, const PlayRequest *request, const char *uri)
 {
-    announce_file(uri, request->audio_output, request->audio_device_id, request->audio_output_id);
-    clip->audio_output = request->audio_output;
-    clip->audio_device_id = request->audio_device_id;
-    clip->audio_output_id = request->audio_output_id;
+    announce_file(uri, request->output);
+    clip->output = request->output;
     clip->active = true;
-    sonobrik_events_set_file_state(true, request->audio_output, request->audio_device_id,
-                                   request->audio_output_id);
+    announce_state(true, clip->output);
 }
 
-/* Plays `uri` as the first clip of the request. Returns null or, on failure, the inner error. */
+/*
+ * Plays `uri` as the first clip of the request. Returns null or, on failure, the inner error. The
+ * caller holds `state_lock`.
+ */
 const char *play(AudioClip *clip, const PlayRequest *request, const char *uri)
 {
     if (clip->pipeline) {
@@ -288,7 +280,7 @@ const char *play(AudioClip *clip, const PlayRequest *request, const char *uri)
 
     g_autoptr(GstBus) bus = gst_element_get_bus(clip->pipeline);
     if (!bus) {
-        return "Could not get pipeline bus."; /* keeps the pipeline on purpose: a stop ends it */
+        return "Could not get pipeline bus."; /* the next stop releases the pipeline */
     }
     clip->bus_watch_id =
         gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, audio_clip_on_bus_message, clip, nullptr);
@@ -306,19 +298,20 @@ const char *play(AudioClip *clip, const PlayRequest *request, const char *uri)
     return nullptr;
 }
 
-/* Does the work of audio_clip_start(). Caller holds `state_lock`. */
+/* Does the work of audio_clip_start(). The caller holds `state_lock`. */
 char *start_request(AudioClip *clip, const char *options)
 {
     if (clip->active) {
         return g_strdup("A clip is already playing.");
     }
     g_auto(PlayRequest) request;
-    /* The device's own sink knows where to play; only ALSA is told. */
+    /* The vendor sink chooses the output itself, so the options for it are ignored. */
     if (!audio_clip_parse_options(options, &request.location, &request.volume, &request.repeat,
-                                  clip->vesk_sink ? nullptr : &request.audio_output,
-                                  &request.audio_device_id, &request.audio_output_id,
+                                  clip->vesk_sink ? nullptr : &request.output.audio_output,
+                                  &request.output.audio_device_id, &request.output.audio_output_id,
                                   &request.alsa_device)) {
-        return g_strdup_printf("Failed to parse/validate option string: '%s'", options);
+        return g_strdup_printf("Failed to parse/validate option string: '%s'",
+                               options ? options : "(null)");
     }
     if (!playlist_add_from_wildcard_path(clip->playlist, request.location)) {
         return g_strdup_printf("No supported file(s) found at '%s'.", request.location);
@@ -328,7 +321,7 @@ char *start_request(AudioClip *clip, const char *options)
         return g_strdup("Could not retrieve any media/audio file");
     }
     const char *error = play(clip, &request, uri);
-    /* The inner error has its full stop already; callers know the text with both. */
+    /* The inner error already ends in a full stop. Callers match on the text with both. */
     return error ? g_strdup_printf("Error playing clip: %s.", error) : nullptr;
 }
 
@@ -346,11 +339,9 @@ AudioClip *audio_clip_ref()
         g_info("%sVesk audiosink not supported", "");
     }
     clip->playlist = playlist_new();
-    clip->audio_device_id = -1;
-    clip->audio_output_id = -1;
+    clip->output = DEFAULT_OUTPUT;
     clip->repeat = 0;
     clip->active = false;
-    clip->audio_output = 0;
     g_mutex_init(&clip->state_lock);
     g_mutex_init(&clip->request_lock);
     return clip;
@@ -363,7 +354,11 @@ void audio_clip_unref(AudioClip *clip)
         return;
     }
     audio_clip_stop_pipeline(clip, false);
-    remove_stop_timer(clip);
+    if (clip->pipeline) {
+        /* It could not be stopped, so its streaming threads may still run. */
+        g_signal_handlers_disconnect_by_data(clip->pipeline, clip);
+    }
+    g_clear_handle_id(&clip->stop_timer_id, g_source_remove);
     playlist_free(g_steal_pointer(&clip->playlist));
     g_clear_pointer(&clip->vesk_sink, gst_object_unref);
 
@@ -378,9 +373,12 @@ void audio_clip_unref(AudioClip *clip)
 
 char *audio_clip_start(AudioClip *clip, const char *options)
 {
+    if (!clip) {
+        return g_strdup("There is no player.");
+    }
     g_mutex_lock(&clip->state_lock);
     char *error = start_request(clip, options);
-    /* A failed request leaves nothing behind; a refused one leaves the playing request's files. */
+    /* While another request is playing, the playlist belongs to that one. */
     if (!clip->active) {
         playlist_clear(clip->playlist);
     }
@@ -390,17 +388,20 @@ char *audio_clip_start(AudioClip *clip, const char *options)
 
 bool audio_clip_stop(AudioClip *clip, const char *)
 {
+    if (!clip) {
+        return false;
+    }
     g_mutex_lock(&clip->request_lock);
     g_mutex_lock(&clip->state_lock);
-    remove_stop_timer(clip);
+    /* A timer of this request would end the next one. */
+    g_clear_handle_id(&clip->stop_timer_id, g_source_remove);
     if (clip->pipeline) {
         audio_clip_stop_pipeline(clip, true);
         playlist_clear(clip->playlist);
     }
     if (clip->active) {
         clip->active = false;
-        sonobrik_events_set_file_state(false, clip->audio_output, clip->audio_device_id,
-                                       clip->audio_output_id);
+        announce_state(false, clip->output);
     }
     clip->repeat = 0;
     audioclip_dbus_notify_request_finished();

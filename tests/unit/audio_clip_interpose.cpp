@@ -1,6 +1,6 @@
 /*
- * Calls of GLib and GStreamer that the player makes, taken over by definitions of the same name in
- * the test's program. What does not concern the player's own pipeline goes on to the library.
+ * Replaces some calls of GLib and GStreamer by functions of the same name in the test's program.
+ * Calls that do not concern the player's own pipeline go on to the library.
  */
 
 #include <dlfcn.h>
@@ -17,14 +17,14 @@ template <typename Function> Function *library(const char *name)
 
 bool is_pipeline(gpointer object)
 {
-    return object && object == audio_clip_fakes().pipeline;
+    return object && object == audio_clip_fakes().pipeline.load();
 }
 
-/* The player's two locks by address: "state" is the one that audio_clip_is_active() takes. */
+/* The player's two locks by address. */
 struct Locks {
     const GMutex *state;
     const GMutex *request;
-    const GMutex **next; /* where the name of the next lock that is not named yet goes */
+    const GMutex **next; /* where the next unknown lock goes; null: nowhere */
 } locks;
 
 const char *lock_name(const GMutex *mutex)
@@ -37,10 +37,18 @@ const char *lock_name(const GMutex *mutex)
 
 void note_lock(const char *operation, const GMutex *mutex)
 {
-    const char *name = lock_name(mutex); /* first: libraries lock before our statics are there */
+    const char *name =
+        lock_name(mutex); /* first: libraries lock before our statics are initialised */
     if (name && audio_clip_fakes().note_locks) {
         audio_clip_note_call(std::string(operation) + " " + name);
     }
+}
+
+/* Clears `made`, a MadeElement, unless it has another element by now. */
+void forget_element(gpointer made, GObject *released)
+{
+    auto *element = reinterpret_cast<GstElement *>(released);
+    static_cast<MadeElement *>(made)->compare_exchange_strong(element, nullptr);
 }
 
 } // namespace
@@ -123,10 +131,10 @@ GstElement *gst_element_factory_make(const gchar *factory, const gchar *name)
     audio_clip_note_call("make " + wanted + " '" + (name ? name : "") + "'");
     AudioClipFakes &fakes = audio_clip_fakes();
     GstElement *element = fakes.missing_elements.count(wanted) ? nullptr : next(factory, name);
-    GstElement **made = is_playbin ? &fakes.pipeline : is_vesk_sink ? &fakes.vesk_sink : nullptr;
+    MadeElement *made = is_playbin ? &fakes.pipeline : is_vesk_sink ? &fakes.vesk_sink : nullptr;
     if (made && element) {
-        *made = element;
-        g_object_add_weak_pointer(G_OBJECT(element), reinterpret_cast<gpointer *>(made));
+        made->store(element);
+        g_object_weak_ref(G_OBJECT(element), forget_element, made);
     }
     return element;
 }
@@ -177,5 +185,8 @@ GstStateChangeReturn gst_element_get_state(GstElement *element, GstState *state,
         return next(element, state, pending, timeout);
     }
     audio_clip_note_call("wait " + std::to_string(timeout) + " ns");
+    if (fakes.on_wait) {
+        fakes.on_wait(timeout);
+    }
     return static_cast<GstStateChangeReturn>(fakes.wait_result);
 }

@@ -127,7 +127,7 @@ bool playlist_add_from_wildcard_path(Playlist *playlist, const char *path)
     return the_fakes.add_result;
 }
 
-/* Draws in the order of the list, round and round; never the current one while there is another. */
+/* Picks in the order of the list, again and again; skips the current URI if there is another. */
 char *playlist_get_random_uri(const Playlist *playlist, const char *current_uri)
 {
     EXPECT_EQ(playlist, made_playlist);
@@ -200,6 +200,7 @@ void AudioClipTest::TearDown()
         audio_clip_unref(clip);
     }
     run_pending_sources();
+    EXPECT_TRUE(run_until([] { return stand_in_sink_count() == 0; }));
     LogTest::TearDown();
 }
 
@@ -234,6 +235,19 @@ Calls AudioClipTest::take_calls(const std::string &beginning)
     Calls taken = take_calls();
     std::erase_if(taken, [&](const std::string &call) { return !begins_with(call, beginning); });
     return taken;
+}
+
+void AudioClipTest::expect_stopped(const std::string &output)
+{
+    EXPECT_FALSE(audio_clip_is_active(clip));
+    const Calls taken = take_calls();
+    EXPECT_EQ(std::count(taken.begin(), taken.end(), "stopped on " + output), 1);
+    EXPECT_EQ(std::count(taken.begin(), taken.end(), "finished"), 1);
+}
+
+bool AudioClipTest::pipeline_released()
+{
+    return run_until([this] { return !fakes.pipeline; });
 }
 
 void AudioClipTest::post(GstMessage *message)

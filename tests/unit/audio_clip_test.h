@@ -1,11 +1,12 @@
 #pragma once
 
 /*
- * What the tests of the player share: a fixture, fakes of the modules that the player calls, and a
- * grip on some calls of GLib and GStreamer. Everything that the player calls is noted in one list,
- * in the order in which it happened.
+ * What the tests of the player share: a fixture, fakes of the modules that the player calls, and
+ * replacements of some calls of GLib and GStreamer. Each call is recorded in one list, in the order
+ * in which the calls happened.
  */
 
+#include <atomic>
 #include <functional>
 #include <gst/gst.h>
 #include <set>
@@ -18,8 +19,21 @@
 using Calls = std::vector<std::string>;
 
 /*
- * What the player is given. Set by the test while nothing plays; the hooks are called where they
- * say, on the thread of the call.
+ * An element that the player made, or null once it has been released. Borrowed. GStreamer may
+ * release it on a thread of its own.
+ */
+struct MadeElement : std::atomic<GstElement *> {
+    MadeElement() : atomic(nullptr) {}
+    MadeElement &operator=(const MadeElement &other)
+    {
+        store(other.load());
+        return *this;
+    }
+};
+
+/*
+ * How the fakes behave. A test sets this while nothing is playing. The hooks run on the thread of
+ * the call.
  */
 struct AudioClipFakes {
     /* The options as the parser reads them. */
@@ -44,23 +58,21 @@ struct AudioClipFakes {
     bool timers_expire_at_once = false;
     const char *failing_trylock = nullptr; /* "state" or "request" */
     bool note_locks = false;
-    /*
-     * The pipeline does not really play unless this is set; its change to playing then yields
-     * `play_result`.
-     */
+    /* If false, the pipeline does not play: the change to playing only returns `play_result`. */
     bool plays_for_real = false;
     GstStateChangeReturn play_result = GST_STATE_CHANGE_SUCCESS;
-    /* What the change to the null state and the wait for it yield; -1: what they really yield. */
+    /* Results of the change to the null state and of the wait for it; -1 for the real results. */
     int null_result = -1;
     int wait_result = -1;
 
-    std::function<void()> on_null;     /* before the pipeline is set to the null state */
-    std::function<void()> on_state;    /* in sonobrik_events_set_file_state() */
+    std::function<void()> on_null; /* before the pipeline is set to the null state */
+    std::function<void(GstClockTime timeout)> on_wait; /* before the wait for that returns */
+    std::function<void()> on_state;                    /* in sonobrik_events_set_file_state() */
     std::function<void()> on_finished; /* in audioclip_dbus_notify_request_finished() */
 
-    /* What the player made; borrowed, null once it is released. */
-    GstElement *pipeline = nullptr;
-    GstElement *vesk_sink = nullptr;
+    /* What the player made. */
+    MadeElement pipeline;
+    MadeElement vesk_sink;
     guint watch_id = 0;
     guint timer_id = 0;
 };
@@ -73,25 +85,31 @@ class AudioClipTest : public LogTest
     void SetUp() override;
     void TearDown() override;
 
-    /* Makes the player anew, on a device that has a sink of its own. */
+    /* Replaces the player by one on a device that has a vendor sink. */
     void use_vendor_sink();
 
-    /* Starts and expects success; the calls so far are forgotten. */
+    /* Starts a request, expects success, and forgets the calls so far. */
     void start_playing();
 
-    /* Starts and returns the error, "" on success. */
+    /* Starts a request and returns the error, "" on success. */
     std::string start(const char *options = "location=/clips/door.wav");
 
-    /* The calls so far, which are forgotten; and whether one of them begins so. */
+    /* Returns the calls so far, all or those with this beginning, and forgets all of them. */
     Calls take_calls();
     Calls take_calls(const std::string &beginning);
 
-    /* Posts on the bus of the pipeline and lets the loop run dry. */
+    /* Expects that one request has ended: the state event and the notice were sent once each. */
+    void expect_stopped(const std::string &output = "0 -1 -1");
+
+    /* Returns true once the pipeline has been released. */
+    bool pipeline_released();
+
+    /* Posts a message on the bus of the pipeline and runs the sources that are ready. */
     void post(GstMessage *message);
 
     static void run_pending_sources();
     static bool source_exists(guint id);
-    /* Runs the loop until the condition holds; false if it does not within a long time. */
+    /* Runs the main loop until the condition is true; returns false if it is not within 60 s. */
     static bool run_until(const std::function<bool()> &condition);
 
     AudioClip *clip = nullptr;
@@ -100,7 +118,7 @@ class AudioClipTest : public LogTest
     AudioClipTest();
 };
 
-/* Notes a call; from any thread. */
+/* Records a call. May be called on any thread. */
 void audio_clip_note_call(const std::string &call);
 
 /*
@@ -109,10 +127,10 @@ void audio_clip_note_call(const std::string &call);
  */
 void audio_clip_learn_locks(AudioClip *clip);
 
-/* The fakes of the running test. */
+/* Returns the fakes of the running test. */
 AudioClipFakes &audio_clip_fakes();
 
-/* How often a call that begins so was noted since the calls were last taken. */
+/* Counts the calls with this beginning since the calls were last taken. */
 size_t audio_clip_count_calls(const std::string &beginning);
 
 /* For the statement of a death test: sends the log to standard error, "LEVEL: TEXT" a line. */

@@ -72,7 +72,7 @@ gboolean on_event(GstBaseSink *base, GstEvent *event)
     return parent_class->event(base, event);
 }
 
-/* `class_data` is the property that the sink has beside "latency-time". */
+/* `class_data` is the property that the sink has besides "latency-time". */
 void class_init(gpointer klass, gpointer class_data)
 {
     parent_class = static_cast<GstBaseSinkClass *>(g_type_class_peek_parent(klass));
@@ -94,7 +94,7 @@ void class_init(gpointer klass, gpointer class_data)
         "sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS("audio/x-raw"));
     gst_element_class_add_static_pad_template(element_class, &pad_template);
     gst_element_class_set_static_metadata(element_class, "Stand-in sink", "Sink/Audio",
-                                          "Plays into the void", "the tests");
+                                          "Discards its samples", "the tests");
 
     auto *base_class = static_cast<GstBaseSinkClass *>(klass);
     base_class->render = render;

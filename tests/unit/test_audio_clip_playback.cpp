@@ -5,14 +5,14 @@
 
 #include "stand_in_sink.h"
 
-/* The player with GStreamer's own playbin: files are decoded, only the sound card is missing. */
+/* The player with GStreamer's own playbin. Files are decoded; only the sound card is a fake. */
 
 namespace
 {
 
 /*
- * GStreamer decodes about a second ahead. A chain needs clips longer than that: with shorter ones
- * playbin would switch clips while it still starts, which GStreamer 1.22 does not do reliably.
+ * GStreamer decodes about a second ahead. With shorter clips in a chain, playbin would switch clips
+ * while it is still starting, which GStreamer 1.22 does not do reliably.
  */
 constexpr guint32 CHAINED_MS = 1500;
 
@@ -41,8 +41,8 @@ void write_wav(const std::string &path, guint32 milliseconds)
 }
 
 /*
- * Now and then playbin of GStreamer 1.22 disposes of an element too early when it switches clips,
- * and says so; with a chain of its own and no player, too. Anything else it says counts.
+ * Occasionally playbin of GStreamer 1.22 disposes of an element too early when it switches clips,
+ * and logs it. This also happens without the player. Any other line of GStreamer is a failure.
  */
 void overlook_early_disposal(const gchar *, GLogLevelFlags, const gchar *text, gpointer)
 {
@@ -110,17 +110,9 @@ TEST_F(AudioClipPlayback, PlaysOneClipAndEnds)
     add_clip("a.wav", 50);
     EXPECT_EQ(start(), "");
     ASSERT_TRUE(run_until_finished());
-    const Calls calls = take_calls();
-    EXPECT_EQ(Calls(calls.end() - 8, calls.end()), Calls({
-                                                       "set PLAYING",
-                                                       file_call("a.wav"),
-                                                       "playing on 0 -1 -1",
-                                                       "timer 300 ms",
-                                                       "set NULL",
-                                                       "playlist_clear",
-                                                       "stopped on 0 -1 -1",
-                                                       "finished",
-                                                   }));
+    EXPECT_EQ(audio_clip_count_calls(file_call("a.wav")), 1u);
+    EXPECT_EQ(audio_clip_count_calls("playing on 0 -1 -1"), 1u);
+    expect_stopped();
 }
 
 TEST_F(AudioClipPlayback, LetsTheOutputPlayOut)
@@ -141,17 +133,16 @@ TEST_F(AudioClipPlayback, ChainsThreeClipsOfThreeFiles)
     take_calls();
     ASSERT_TRUE(run_until_finished());
     run_pending_sources();
-    EXPECT_EQ(take_calls(), Calls({
-                                "draw, not " + fakes.uris[0],
-                                file_call("b.wav"),
-                                "draw, not " + fakes.uris[1],
-                                file_call("c.wav"),
-                                "timer 300 ms",
-                                "set NULL",
-                                "playlist_clear",
-                                "stopped on 0 -1 -1",
-                                "finished",
-                            }));
+    Calls calls = take_calls();
+    std::erase_if(calls, [](const std::string &call) {
+        return !call.starts_with("draw") && !call.starts_with("file");
+    });
+    EXPECT_EQ(calls, Calls({
+                         "draw, not " + fakes.uris[0],
+                         file_call("b.wav"),
+                         "draw, not " + fakes.uris[1],
+                         file_call("c.wav"),
+                     }));
     EXPECT_EQ(stand_in_sink_stream_count(), 3);
 }
 
@@ -172,7 +163,7 @@ TEST_F(AudioClipPlayback, StopsInTheMiddleOfAClip)
     ASSERT_TRUE(run_until([] { return stand_in_sink_stream_count() == 1; }));
     audio_clip_stop(clip, nullptr);
     EXPECT_TRUE(run_until([] { return stand_in_sink_count() == 0; }));
-    EXPECT_EQ(fakes.pipeline, nullptr);
+    EXPECT_TRUE(pipeline_released());
 }
 
 TEST_F(AudioClipPlayback, StopsBeforeTheFirstSample)
@@ -193,9 +184,7 @@ TEST_F(AudioClipPlayback, StopsInTheMiddleOfAChainWithoutEnd)
     EXPECT_EQ(audio_clip_count_calls("finished"), 0u);
     audio_clip_stop(clip, nullptr);
     run_pending_sources();
-    const Calls calls = take_calls();
-    EXPECT_EQ(Calls(calls.end() - 4, calls.end()),
-              Calls({"set NULL", "playlist_clear", "stopped on 0 -1 -1", "finished"}));
+    expect_stopped();
 }
 
 TEST_F(AudioClipPlayback, PlaysTheNextRequestWholeAfterAStopWithinTheDelay)
@@ -204,16 +193,11 @@ TEST_F(AudioClipPlayback, PlaysTheNextRequestWholeAfterAStopWithinTheDelay)
     EXPECT_EQ(start(), "");
     ASSERT_TRUE(run_until([] { return audio_clip_count_calls("timer") > 0; }));
     audio_clip_stop(clip, nullptr);
-    EXPECT_EQ(start(), "");
     take_calls();
+    EXPECT_EQ(start(), "");
     ASSERT_TRUE(run_until_finished());
-    EXPECT_EQ(take_calls(), Calls({
-                                "timer 300 ms",
-                                "set NULL",
-                                "playlist_clear",
-                                "stopped on 0 -1 -1",
-                                "finished",
-                            }));
+    EXPECT_EQ(audio_clip_count_calls("timer "), 1u); /* it ended by itself */
+    expect_stopped();
 }
 
 TEST_F(AudioClipPlayback, ServesManyRequestsWithOneVendorSink)
@@ -239,21 +223,22 @@ TEST_F(AudioClipPlayback, EndsWhenTheOutputBreaks)
     stand_in_sink_settings.broken = true;
     ASSERT_TRUE(run_until_finished());
     expect_log(LOG_LEVEL_ERROR, "Error received from element 'alsasink': The loudspeaker is gone.");
-    EXPECT_EQ(take_calls(),
-              Calls({"set NULL", "playlist_clear", "stopped on 0 -1 -1", "finished"}));
+    expect_stopped();
 }
 
 TEST_F(AudioClipPlayback, EndsWithACorruptFile)
 {
     const std::string path = add_file("corrupt.wav");
-    ASSERT_TRUE(
-        g_file_set_contents(path.c_str(), "RIFF\xff\xff\xff\x7fWAVEfmt broken", -1, nullptr));
-    EXPECT_EQ(start(), "");
+    ASSERT_TRUE(g_file_set_contents(path.c_str(), std::string(4096, '\0').data(), 4096, nullptr));
     take_calls();
+    EXPECT_EQ(start(), "");
     ASSERT_TRUE(run_until_finished());
-    EXPECT_EQ(take_calls(),
-              Calls({"set NULL", "playlist_clear", "stopped on 0 -1 -1", "finished"}));
-    clear_log(); /* the text is GStreamer's own */
+    expect_log(LOG_LEVEL_ERROR,
+               "Error received from element 'typefind': Could not determine type of stream.");
+    expect_no_log();
+    EXPECT_EQ(audio_clip_count_calls(file_call("corrupt.wav")), 1u);
+    EXPECT_EQ(audio_clip_count_calls("playing on 0 -1 -1"), 1u);
+    expect_stopped();
 }
 
 TEST_F(AudioClipPlayback, RefusesAFileThatIsGone)
