@@ -1,4 +1,4 @@
-"""The program behind a web server, as curl and the on-screen controls meet it."""
+"""sonobrik.cgi behind a web server, called by curl as the on-screen controls call it."""
 
 import shutil
 import urllib.parse
@@ -15,7 +15,7 @@ PLAIN = "text/plain; charset=utf-8"
 
 @pytest.fixture(scope="module")
 def web(shared):
-    """A web server; what is asked of it plays nothing that lasts."""
+    """A web server. No test leaves a clip playing."""
     server = Web(shared).start_lighttpd()
     yield server
     server.check()
@@ -28,7 +28,7 @@ def clip_store(shared):
 
 @pytest.fixture
 def door(shared, clip_store):
-    """A clip, which stays; its number."""
+    """The number of a stored clip. It is removed after the test."""
     path = shared.write_clip("door.wav", clips.tone(440, 0.2)).path
     number = clip_store.add_clip(path, "Door")
     yield number
@@ -37,7 +37,7 @@ def door(shared, clip_store):
 
 @pytest.fixture
 def quiet(shared, asked):
-    """Nothing plays before, and nothing after."""
+    """The player, with playback stopped before and after the test."""
     asked.call("StopPlayingClip")
     yield asked
     asked.call("StopPlayingClip")
@@ -47,14 +47,14 @@ def quiet(shared, asked):
 def test_a_clip_is_played_and_stopped(web, door, quiet, send):
     first = len(quiet.events)
     answer = getattr(web, send)(f"action=play&clip={door}&volume=50&repeat=-1&audiooutput=0")
-    assert (answer.status, answer.text) == (200, "The clip plays.\n")
+    assert (answer.status, answer.text) == (200, "The clip is playing.\n")
     assert answer.headers["content-type"] == PLAIN
     assert answer.headers["cache-control"] == "no-store"
     wait_until(lambda: ("CurrentlyPlaying", 1, 0, 0, "/etc/audioclips/door.wav")
                in quiet.events[first:], 20, "the clip is announced")
     answer = getattr(web, send)("action=stop")
     assert (answer.status, answer.text) == (200, "Stopped.\n")
-    # The name of a clip that was just chained may come after it.
+    # Not always the last event: a repeat that has just started may send its file name later.
     wait_until(lambda: ("Playing", 1, 0, 0, False) in quiet.events[first:], 20, "the clip has ended")
 
 
@@ -69,7 +69,7 @@ def test_a_second_clip_is_a_conflict(web, door, quiet):
     assert answer.text.startswith("A clip is already playing.")
 
 
-def test_options_reach_the_daemon_as_they_were_given(shared, web, door, quiet):
+def test_options_reach_the_daemon_unchanged(shared, web, door, quiet):
     logged = len(shared.daemon.texts)
     assert web.get(f"action=play&clip={door}&volume=7&repeat=2&audiooutput=0").status == 200
     line = ("info: sonobrik_play_clip_asynchronous with options: "
@@ -90,25 +90,25 @@ def test_options_reach_the_daemon_as_they_were_given(shared, web, door, quiet):
     "action=play&clip=%zz",
     "location=/etc/audioclips/door.wav&action=play", "%3Cscript%3E=1&action=stop",
 ])
-def test_what_cannot_be_read_is_refused(web, door, quiet, query):
+def test_invalid_requests_are_refused(web, door, quiet, query):
     answer = web.get(query)
     assert (answer.status, answer.headers["content-type"]) == (400, PLAIN)
-    assert answer.text.startswith("The request cannot be read. ")
+    assert answer.text.startswith("The request is invalid. ")
 
 
 @pytest.mark.parametrize("form", ["action=play&clip=0%00", "action=%ff%fe", "a%00ction=stop"])
-def test_what_is_no_text_is_refused(web, form):
-    assert web.get(form).status == 400  # by the web server itself
+def test_nul_bytes_and_invalid_utf8_are_refused(web, form):
+    assert web.get(form).status == 400  # from the web server itself
     answer = web.post(form)
     assert (answer.status, answer.headers["content-type"]) == (400, PLAIN)
-    assert answer.text == ("The request cannot be read. "
-                           "It has something that is not UTF-8 text.\n")
+    assert answer.text == ("The request is invalid. "
+                           "A parameter is not valid UTF-8 text.\n")
 
 
-def test_an_output_that_is_not_there_is_refused(web, door, quiet):
+def test_a_missing_output_is_refused(web, door, quiet):
     answer = web.get(f"action=play&clip={door}&audiooutput=3")
     assert answer.status == 400
-    assert "is there such an output?" in answer.text
+    assert "Check that the output exists." in answer.text
 
 
 def test_an_unknown_number_is_not_found(web, door):
@@ -120,20 +120,20 @@ def test_a_clip_without_a_file_is_not_found(shared, web, clip_store):
     number, = clip_store.call("AddConfiguration", "(i)", -1)
     answer = web.get(f"action=play&clip={number}")
     clip_store.call("RemoveConfiguration", "(i)", number)
-    assert (answer.status, answer.text) == (404, "The clip's file is gone.\n")
+    assert (answer.status, answer.text) == (404, "The clip's file is missing.\n")
 
 
 @pytest.mark.parametrize("name", ["gone.wav", "d*.wav", "doo?.wav", "*", "door.wav/door.wav"])
-def test_a_file_that_is_gone_is_not_found_whatever_its_name(web, clip_store, door, quiet, name):
+def test_a_missing_file_is_not_found_whatever_its_name(web, clip_store, door, quiet, name):
     number = clip_store.add_clip(f"/etc/audioclips/{name}", "Gone")
     first = len(quiet.events)
     answer = web.get(f"action=play&clip={number}")
     page = web.get()
     clip_store.call("RemoveConfiguration", "(i)", number)
-    assert (answer.status, answer.text) == (404, "The clip's file is gone.\n")
+    assert (answer.status, answer.text) == (404, "The clip's file is missing.\n")
     quiet.fence()
     assert quiet.events[first:] == []
-    assert f'value="{number}" disabled aria-describedby="gone-{number}"' in page.text
+    assert f'value="{number}" disabled aria-describedby="missing-{number}"' in page.text
 
 
 def test_a_name_with_wildcards_plays_its_own_file(shared, web, clip_store, door, quiet):
@@ -141,7 +141,7 @@ def test_a_name_with_wildcards_plays_its_own_file(shared, web, clip_store, door,
     number = clip_store.add_clip(clip.path, "Star")
     first = len(quiet.events)
     answer = web.get(f"action=play&clip={number}&repeat=3")
-    wait_until(lambda: len(quiet.events) >= first + 3, 20, "it is chained")
+    wait_until(lambda: len(quiet.events) >= first + 3, 20, "the clip has repeated")
     clip_store.call("RemoveConfiguration", "(i)", number)
     clip.file.unlink()
     assert answer.status == 200
@@ -149,7 +149,7 @@ def test_a_name_with_wildcards_plays_its_own_file(shared, web, clip_store, door,
         clip.path}
 
 
-def test_a_file_with_wildcards_that_cannot_be_played_widens_into_no_set(
+def test_an_unplayable_file_with_wildcards_plays_no_other_file(
         shared, web, clip_store, door, quiet):
     number = clip_store.add_clip(shared.write_file("d*", b"no media"), "Notes")
     first = len(quiet.events)
@@ -162,7 +162,7 @@ def test_a_file_with_wildcards_that_cannot_be_played_widens_into_no_set(
 
 @pytest.mark.parametrize("name", ["a b+c&d=e%41.wav", "töne ♫.wav", "a'\"<b>.wav",
                                   "back\\slash.wav"])
-def test_names_are_escaped_on_their_way(shared, web, clip_store, quiet, name):
+def test_special_characters_in_file_names_are_escaped(shared, web, clip_store, quiet, name):
     clip = shared.write_clip(name, clips.tone(550, 0.2))
     number = clip_store.add_clip(clip.path, "")
     first = len(quiet.events)
@@ -174,15 +174,15 @@ def test_names_are_escaped_on_their_way(shared, web, clip_store, quiet, name):
     assert answer.status == 200
 
 
-def test_what_plays_now_is_told(web, door, quiet):
+def test_status_reports_what_is_playing(web, door, quiet):
     assert web.get("action=status").text.startswith(
-        '{"known":true,"text":"Nothing plays now.","outputs":[{"output":0,"playing":false,')
+        '{"known":true,"text":"Nothing is playing.","outputs":[{"output":0,"playing":false,')
     web.get(f"action=play&clip={door}&repeat=-1")
     answer = wait_until(
-        lambda: (a := web.get("action=status")) and "door.wav plays" in a.text and a, 20,
-        "the clip is told")
+        lambda: (a := web.get("action=status")) and "door.wav is playing" in a.text and a, 20,
+        "the clip is reported")
     assert answer.headers["content-type"] == "application/json"
-    assert answer.text == ('{"known":true,"text":"door.wav plays on output 0.","outputs":'
+    assert answer.text == ('{"known":true,"text":"door.wav is playing on output 0.","outputs":'
                            '[{"output":0,"playing":true,"file":"/etc/audioclips/door.wav"}]}\n')
 
 
@@ -205,20 +205,20 @@ def test_head_does_nothing(web, door, quiet):
 @pytest.mark.parametrize("form, status", [
     ("x" * 9000, 413), ("x" * 70000, 413), ("action=stop&x=" + "y" * 8000, 400), ("%", 400),
 ])
-def test_a_body_is_bounded_and_read_strictly(web, form, status):
+def test_large_and_invalid_bodies_are_refused(web, form, status):
     assert web.post(form).status == status
 
 
-def test_a_body_of_another_kind_is_refused(web):
+def test_a_body_of_another_type_is_refused(web):
     answer = web.post("{}", "--header", "Content-Type: application/json")
     assert answer.status == 415
 
 
-def test_a_key_counts_once_in_query_and_body_together(web):
+def test_a_key_in_both_query_and_body_is_refused(web):
     assert web.get("action=stop", "--data", "action=stop").status == 400
 
 
-def test_the_page_is_gone_back_to(web, door, quiet):
+def test_the_forms_of_the_page_redirect_to_the_page(web, door, quiet):
     answer = web.post(f"page=1&action=play&clip={door}&volume=30&repeat=0&audiooutput=")
     assert answer.status == 303
     assert answer.headers["location"] == f"?result=playing&clip={door}&volume=30&repeat=0"
@@ -234,14 +234,14 @@ def test_the_page_is_gone_back_to(web, door, quiet):
 
 
 @pytest.mark.parametrize("page", ["", "page=1&"])
-def test_what_was_sent_is_told_without_acting(web, page):
+def test_an_error_text_does_not_inject_headers_or_control_sequences(web, page):
     answer = web.post(f"{page}a%0d%0aSet-Cookie:+b%1b[31m=1")
     assert "set-cookie" not in answer.headers
-    assert answer.text == ("The request cannot be read. "
-                           "'a\\x0d\\x0aSet-Cookie: b\\x1b[31m' is no parameter of it.\n")
+    assert answer.text == ("The request is invalid. "
+                           "Unknown parameter 'a\\x0d\\x0aSet-Cookie: b\\x1b[31m'.\n")
 
 
-# Which of these a browser sends depends on its age and on whether the connection is encrypted.
+# Which of these headers a browser sends depends on its version and on TLS.
 OWN = "http://127.0.0.1:{port}"
 OTHER = "http://evil.example"
 
@@ -264,14 +264,14 @@ OTHER = "http://evil.example"
     (["Purpose: prefetch"], 403),
     (["Sec-Purpose: prefetch;prerender"], 403),
 ])
-def test_other_sites_are_refused(web, headers, status):
+def test_actions_from_other_sites_are_refused(web, headers, status):
     options = [word for header in headers for word in ("--header", header.format(port=web.port))]
     assert web.get("action=stop", *options).status == status
     assert web.post("action=stop", *options).status == status
     assert web.get("", *options).status == 200  # the page itself does nothing
 
 
-def test_another_site_may_not_frame_the_page(web):
+def test_the_page_cannot_be_framed_by_another_site(web):
     policy = web.get().headers["content-security-policy"]
     assert "default-src 'none'" in policy and "frame-ancestors 'none'" in policy
     assert "unsafe" not in policy
@@ -281,7 +281,7 @@ def test_another_site_may_not_frame_the_page(web):
     (None, ""), (None, "action=stop"), (None, "action=status"), ("anna:wrong", "action=stop"),
     ("berta:s3cret", "action=stop"),
 ])
-def test_a_person_has_to_log_in(web, user, query):
+def test_users_have_to_log_in(web, user, query):
     answer = web.get(query, user=user)
     assert answer.status == 401
     assert answer.headers["www-authenticate"].startswith('Basic realm="sonobrik"')
@@ -289,7 +289,7 @@ def test_a_person_has_to_log_in(web, user, query):
 
 @pytest.mark.parametrize("path", ["/vesk-cgi/", "/vesk-cgi/other.cgi",
                                   "/vesk-cgi/sonobrik.cgi.bak"])
-def test_nothing_is_served_beside_the_program(web, path):
+def test_only_the_program_is_served(web, path):
     address = urllib.parse.urlsplit(web.address)._replace(path=path).geturl()
     program, web.address = web.address, address
     try:
@@ -305,7 +305,7 @@ def test_a_page_without_clips_says_how_to_add_one(web):
     assert "sonobrikctl add" in page.text
 
 
-def test_a_page_shows_odd_names_as_text(shared, web, clip_store):
+def test_the_page_escapes_special_names(shared, web, clip_store):
     names = ["<script>alert(1)</script>", "\"'&amp;", "{{now}}", "a\x1b[31m\x07b", "\u202egnp"]
     for name in names:
         clip_store.add_clip("/etc/audioclips/</li>.wav", name)

@@ -1,4 +1,4 @@
-"""The page in a browser, as a person uses it."""
+"""The page of sonobrik.cgi in a real browser."""
 
 import pytest
 
@@ -9,7 +9,7 @@ if not find_server("lighttpd") or not find_browser():
     pytest.skip("lighttpd, chromium, its driver or selenium is not installed",
                 allow_module_level=True)
 
-from selenium.common.exceptions import WebDriverException  # noqa: E402 (it is there by now)
+from selenium.common.exceptions import WebDriverException  # noqa: E402 (only after the check above)
 from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
@@ -18,7 +18,7 @@ from selenium.webdriver.support.select import Select  # noqa: E402
 DOOR = "/etc/audioclips/door.wav"
 BELL = "/etc/audioclips/bell.wav"
 
-# What a screen reader is given.
+# The tree that screen readers use.
 LISTEN = "Accessibility.getFullAXTree"
 
 
@@ -36,14 +36,14 @@ def web(shared):
 
 @pytest.fixture(scope="module")
 def scripted(web, tmp_path_factory):
-    """A browser at a phone's width that has logged in."""
+    """A browser with the width of a phone."""
     with open_browser(tmp_path_factory.mktemp("browser"), 390, 800) as driver:
         yield driver
 
 
 @pytest.fixture(scope="module")
 def plain(web, tmp_path_factory):
-    """A browser that runs no script."""
+    """A browser without JavaScript."""
     with open_browser(tmp_path_factory.mktemp("browser"), script=False) as driver:
         yield driver
 
@@ -61,7 +61,7 @@ def show(driver, web, query=""):
 
 
 def list_controls(driver):
-    """Role, name, and whether it can be used, of all that a screen reader finds."""
+    """Returns the role and the name of each element for screen readers, and whether it is enabled."""
     nodes = driver.execute_cdp_cmd(LISTEN, {})["nodes"]
     return [(node["role"]["value"], node["name"]["value"],
              not any(p["name"] == "disabled" and p["value"]["value"]
@@ -70,7 +70,7 @@ def list_controls(driver):
 
 
 def find_button(driver, name):
-    """The button with this accessible name."""
+    """Returns the button with this accessible name."""
     found = [button for button in driver.find_elements(By.TAG_NAME, "button")
              if button.accessible_name == name]
     assert len(found) == 1, name
@@ -78,7 +78,7 @@ def find_button(driver, name):
 
 
 def read(driver, name):
-    """The text of the element of this name, empty while a new page comes."""
+    """Returns the text of the element with this ID, or "" while a page is loading."""
     try:
         return driver.find_element(By.ID, name).text
     except WebDriverException:
@@ -90,7 +90,7 @@ def await_event(player, first, event):
 
 
 def expect_no_faults(driver):
-    """Nothing was kept from the page by its own policy, and nothing failed but what a test did."""
+    """Asserts that the page's policy blocked nothing and that no script failed."""
     lines = [line["message"] for line in driver.get_log("browser")]
     assert [line for line in lines if "Failed to load resource" not in line] == []
 
@@ -101,27 +101,27 @@ def test_play_and_stop_with_script(web, quiet, scripted):
     address = driver.current_url
     find_button(driver, "Play Door").click()
     await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, DOOR))
-    wait_until(lambda: read(driver, "result") == "Started Door.", 20, "the page tells it")
+    wait_until(lambda: read(driver, "result") == "Started Door.", 20, "the page shows the result")
     find_button(driver, "Stop Door").click()
-    wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page tells it")
+    wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page shows the result")
     await_event(quiet, first, ("Playing", 1, 0, 0, False))
-    wait_until(lambda: read(driver, "now-text") == "Nothing plays now.", 20, "it is shown")
+    wait_until(lambda: read(driver, "now-text") == "Nothing is playing.", 20, "the page shows it")
     assert driver.current_url == address
     expect_no_faults(driver)
 
 
-def test_what_plays_now_is_shown_as_it_changes(web, quiet, scripted):
+def test_the_page_updates_what_is_playing(web, quiet, scripted):
     driver = show(scripted, web)
-    assert read(driver, "now-text") == "Nothing plays now."
+    assert read(driver, "now-text") == "Nothing is playing."
     quiet.call("StartPlayingClip", f"location={BELL}&repeat=-1")
-    wait_until(lambda: read(driver, "now-text") == "bell.wav plays on output 0.", 20, "it is shown")
+    wait_until(lambda: read(driver, "now-text") == "bell.wav is playing on output 0.", 20, "the page shows it")
     marked = "return [...document.querySelectorAll('li.playing h3')].map((e) => e.textContent)"
     assert driver.execute_script(marked) == ["Bell"]
     find_button(driver, "Play Door").click()
     wait_until(lambda: read(driver, "result").startswith("A clip is already playing."), 20,
-               "the conflict is told")
+               "the page shows the conflict")
     quiet.call("StopPlayingClip")
-    wait_until(lambda: read(driver, "now-text") == "Nothing plays now.", 20, "it is shown")
+    wait_until(lambda: read(driver, "now-text") == "Nothing is playing.", 20, "the page shows it")
     assert driver.execute_script(marked) == []
     expect_no_faults(driver)
 
@@ -140,7 +140,7 @@ def test_the_choices_are_sent(shared, web, quiet, scripted):
     wait_until(lambda: line in shared.daemon.texts[logged:], 20, "the request is logged")
 
 
-def test_by_keyboard_alone(web, quiet, scripted):
+def test_the_page_works_with_the_keyboard_alone(web, quiet, scripted):
     first = len(quiet.events)
     driver = show(scripted, web)
     names = []
@@ -152,7 +152,7 @@ def test_by_keyboard_alone(web, quiet, scripted):
         assert element.tag_name == "body" or outline == "solid", names
         if names[-1] == "Play Bell":
             break
-    assert names == ["Stop", "Volume in percent", "Where", "How often", "Play Door", "Stop Door",
+    assert names == ["Stop", "Volume (%)", "Output", "Number of plays", "Play Door", "Stop Door",
                      "Play Bell"]
     driver.switch_to.active_element.send_keys(Keys.ENTER)
     await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, BELL))
@@ -163,13 +163,13 @@ def test_enter_in_a_field_plays_nothing(web, quiet, scripted, plain):
     for driver in (scripted, plain):
         show(driver, web)
         driver.find_element(By.ID, "volume").send_keys(Keys.ENTER)
-        find_button(driver, "Stop").click()  # answered after what came before
-        wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page tells it")
+        find_button(driver, "Stop").click()  # handled after the Enter key
+        wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page shows the result")
     quiet.fence()
     assert quiet.events[first:] == []
 
 
-def test_a_screen_reader_is_told_everything(web, quiet, scripted):
+def test_screen_readers_get_names_for_everything(web, quiet, scripted):
     controls = list_controls(show(scripted, web))
     assert ("heading", "Sonobrik", True) in controls
     assert [name for role, name, _ in controls if role == "heading"] == [
@@ -177,16 +177,16 @@ def test_a_screen_reader_is_told_everything(web, quiet, scripted):
     assert [(name, usable) for role, name, usable in controls if role == "button"] == [
         ("Stop", True), ("Play Door", True), ("Stop Door", True), ("Play Bell", True),
         ("Stop Bell", True), ("Play Old <b>bell</b>", False), ("Stop Old <b>bell</b>", True)]
-    assert ("spinbutton", "Volume in percent", True) in controls
-    assert {("combobox", "Where", True), ("combobox", "How often", True)} <= set(controls)
+    assert ("spinbutton", "Volume (%)", True) in controls
+    assert {("combobox", "Output", True), ("combobox", "Number of plays", True)} <= set(controls)
     driver = scripted
     assert driver.execute_script("return document.documentElement.lang") == "en"
-    # What is told later is told in places that are there from the start.
+    # The elements for later messages exist from the start.
     nodes = driver.execute_cdp_cmd(LISTEN, {})["nodes"]
     assert [node["role"]["value"] for node in nodes if not node["ignored"]].count("status") == 2
 
 
-def test_a_phone_shows_it_without_scrolling_sideways(web, scripted):
+def test_it_fits_the_width_of_a_phone(web, scripted):
     driver = show(scripted, web)
     inner, outer = driver.execute_script(
         "return [document.documentElement.scrollWidth, innerWidth]")
@@ -197,7 +197,7 @@ def test_a_phone_shows_it_without_scrolling_sideways(web, scripted):
     assert len(sizes) == 7 and min(sizes) >= 44
 
 
-def test_large_text_has_room_on_a_phone(web, scripted):
+def test_large_text_fits_on_a_phone(web, scripted):
     driver = show(scripted, web)
     inner, widths = driver.execute_script("""
         document.documentElement.style.fontSize = "200%";
@@ -208,7 +208,7 @@ def test_large_text_has_room_on_a_phone(web, scripted):
     assert len(widths) == 4 and min(widths) >= 200
 
 
-def test_the_result_is_seen_far_down_and_hides_no_focus(web, quiet, scripted):
+def test_the_result_stays_visible_and_does_not_cover_the_focus(web, quiet, scripted):
     driver = show(scripted, web)
     driver.execute_script("""
         const list = document.querySelector(".clips");
@@ -219,7 +219,7 @@ def test_the_result_is_seen_far_down_and_hides_no_focus(web, quiet, scripted):
     quiet.call("StartPlayingClip", f"location={BELL}&repeat=-1")
     find_button(driver, "Play Bell").click()
     wait_until(lambda: read(driver, "result").startswith("A clip is already playing."), 20,
-               "the conflict is told")
+               "the page shows the conflict")
     top, bottom = driver.execute_script("""
         const box = document.getElementById("result").getBoundingClientRect();
         return [box.top, box.bottom];
@@ -234,7 +234,7 @@ def test_the_result_is_seen_far_down_and_hides_no_focus(web, quiet, scripted):
         assert focus is None or focus >= bottom
 
 
-# The least contrast of the texts on the page with what is behind them, as WCAG computes it.
+# Computes the lowest contrast between a text on the page and its background, as defined by WCAG.
 CONTRAST = """
 const parse = (color) => color.match(/[\\d.]+/g).map(Number);
 const light = (color) => {
@@ -266,7 +266,7 @@ return [ratios.length, Math.min(...ratios)];
 
 @pytest.mark.parametrize("scheme", ["light", "dark"])
 @pytest.mark.parametrize("result", ["playing&clip=0", "busy"])
-def test_texts_can_be_read(web, quiet, scripted, scheme, result):
+def test_texts_have_enough_contrast(web, quiet, scripted, scheme, result):
     quiet.call("StartPlayingClip", f"location={BELL}&repeat=-1")
     scripted.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [
         {"name": "prefers-color-scheme", "value": scheme}]})
@@ -280,46 +280,46 @@ def test_play_and_stop_without_script(web, quiet, plain):
     driver = show(plain, web)
     find_button(driver, "Play Bell").click()
     await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, BELL))
-    wait_until(lambda: read(driver, "result") == "Started Bell.", 20, "the page tells it")
+    wait_until(lambda: read(driver, "result") == "Started Bell.", 20, "the page shows the result")
     count = len(quiet.events)
     driver.refresh()
     assert read(driver, "result") == "Started Bell."
     find_button(driver, "Stop Bell").click()
-    wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page tells it")
+    wait_until(lambda: read(driver, "result") == "Stopped.", 20, "the page shows the result")
     await_event(quiet, first, ("Playing", 1, 0, 0, False))
     quiet.fence()
     assert [event for event in quiet.events[count:] if event[:1] == ("Playing",)
-            and event[-1]] == []  # the reload played nothing
-    assert "Look again" in read(driver, "now")  # as no page with a script says
+            and event[-1]] == []  # reloading did not play the clip again
+    assert "Refresh" in read(driver, "now")  # only without JavaScript
     expect_no_faults(driver)
 
 
 def test_a_link_on_another_site_plays_nothing(web, quiet, scripted):
     first = len(quiet.events)
     driver = show(scripted, web)
-    # The same machine under another name is another site.
+    # For the browser, another host name is another site.
     driver.get(web.address.replace("127.0.0.1", "localhost") + "?page=1")
     driver.execute_script("""
         document.documentElement.innerHTML = '<a id="link">x</a>';
         document.getElementById("link").href = arguments[0];
         document.getElementById("link").click();
     """, web.address + "?action=play&clip=0")
-    wait_until(lambda: "other sites are refused" in driver.page_source, 20, "it is refused")
+    wait_until(lambda: "other sites are refused" in driver.page_source, 20, "the request is refused")
     quiet.fence()
     assert quiet.events[first:] == []
 
 
-def test_a_daemon_that_goes_away_is_told(sandbox, tmp_path):
+def test_the_page_shows_that_the_daemon_is_away(sandbox, tmp_path):
     sandbox.start_daemon()
     server = Web(sandbox).start_lighttpd()
     with open_browser(tmp_path / "browser", 390, 800) as driver:
         show(driver, server)
-        assert read(driver, "now-text") == "Nothing plays now."
+        assert read(driver, "now-text") == "Nothing is playing."
         assert sandbox.daemon.stop() == 0
-        text = ("What plays now is not known. "
-                "The daemon is not there. Try again in a moment.")
-        wait_until(lambda: read(driver, "now-text") == text, 20, "the page tells it")
+        text = ("Cannot tell what is playing. "
+                "The daemon cannot be reached. Try again in a moment.")
+        wait_until(lambda: read(driver, "now-text") == text, 20, "the page shows the result")
         find_button(driver, "Stop").click()
-        wait_until(lambda: read(driver, "result").startswith("The daemon is not there."), 20,
-                   "the page tells it")
+        wait_until(lambda: read(driver, "result").startswith("The daemon cannot be reached."), 20,
+                   "the page shows the result")
     server.check()

@@ -1,6 +1,7 @@
-"""The program when the daemon is away, refuses, or says what nobody expects; and run by hand."""
+"""sonobrik.cgi with a missing daemon, denied calls, unexpected replies, and run without a web server."""
 
 import grp
+import html
 import pwd
 import shutil
 
@@ -28,7 +29,7 @@ def web(sandbox):
 
 
 def run(sandbox, query="", status=0, **variables):
-    """Runs the program as a web server does, and returns its HTTP status and what it wrote."""
+    """Runs the program as a web server does. Returns the HTTP status, the headers and the body."""
     variables = {"REQUEST_METHOD": "GET", "QUERY_STRING": query} | variables
     result = sandbox.run([PROGRAM], env=variables, check=False)
     assert (result.returncode, result.stderr) == (status, "")
@@ -42,44 +43,44 @@ def expect_away(web):
     assert (page.status, page.headers["retry-after"]) == (503, "10")
     assert page.headers["content-type"] == "text/html; charset=utf-8"
     assert "The clips cannot be shown" in page.text
-    assert "The daemon is not there. Try again in a moment." in page.text
+    assert "The daemon cannot be reached. Try again in a moment." in page.text
     for query in (*ACTIONS, "action=status"):
         answer = web.get(query)
         assert (answer.status, answer.headers["retry-after"]) == (503, "10")
-        assert answer.text == "The daemon is not there. Try again in a moment.\n"
+        assert answer.text == "The daemon cannot be reached. Try again in a moment.\n"
     answer = web.post("page=1&action=stop")
     assert (answer.status, answer.headers["location"]) == (303, "?result=away")
 
 
-def test_a_daemon_that_is_away(web):
+def test_a_missing_daemon_is_reported(web):
     expect_away(web)
 
 
-def test_a_bus_that_is_away(sandbox, web):
+def test_a_missing_bus_is_reported(sandbox, web):
     (sandbox.folder / "run/dbus/system_bus_socket").unlink()
     expect_away(web)
 
 
-def test_a_refusal_tells_who_may(sandbox, web):
+def test_a_denied_call_says_who_is_allowed(sandbox, web):
     sandbox.set_access({NAME: {"users": "4711", "groups": "audio;video"}})
     store = Store(sandbox).start()
     store.write("M0.json", '{"location": "/etc/audioclips/door.wav", "name": "Door", '
                            '"type": "audio", "metadata": {}}')
     sandbox.write_clip("door.wav", clips.tone(440, 0.1))
-    hint = "Allowed are: 4711, and members of the groups audio, video."
+    hint = "Only 4711 and members of groups 'audio', 'video' may do this."
     for query in ACTIONS:
         answer = web.get(query)
         assert answer.status == 403
-        assert answer.text.startswith("Not allowed: ") and hint in answer.text
+        assert answer.text.startswith("Permission denied ") and hint in answer.text
     page = web.get()
     assert page.status == 403
-    assert hint in page.text
+    assert hint in html.unescape(page.text)
     answer = web.post("page=1&action=play&clip=0")
     assert answer.headers["location"] == "?result=denied&clip=0"
 
 
 @pytest.mark.needs_root
-def test_the_web_servers_user_plays_as_a_member_of_the_group(sandbox):
+def test_a_member_of_the_group_is_allowed_and_others_are_denied(sandbox):
     audio = grp.getgrnam("audio").gr_gid
     sandbox.set_access({NAME: {"users": "root", "groups": "audio"}})
     store = Store(sandbox).start()
@@ -91,27 +92,27 @@ def test_the_web_servers_user_plays_as_a_member_of_the_group(sandbox):
         assert result.stdout.startswith(f"Status: {status} "), (groups, query)
 
 
-def test_an_output_that_does_not_open_is_the_daemons_failure(sandbox, web):
+def test_an_output_that_cannot_be_opened_is_reported(sandbox, web):
     sandbox.set_alsa('pcm.audiosink0 { type hw card 77 }\n')
     store = Store(sandbox).start()
     store.add_clip(sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path, "Door")
     answer = web.get("action=play&clip=0")
     assert answer.status == 500
-    assert "It says: Error playing clip: " in answer.text
+    assert "Its error message: Error playing clip: " in answer.text
 
 
-def test_a_clip_that_the_daemon_may_not_read(sandbox, web):
+def test_a_file_that_the_daemon_cannot_read_is_reported(sandbox, web):
     clip = sandbox.write_clip("door.wav", clips.tone(440, 0.1))
     clip.file.chmod(0)
     Store(sandbox).start().add_clip(clip.path, "Door")
     answer = web.get("action=play&clip=0")
     assert answer.status == 422
-    assert "the daemon may not read it" in answer.text
-    assert "length not known" in web.get().text
+    assert "the daemon cannot read it" in answer.text
+    assert "unknown length" in web.get().text
 
 
 class Mock:
-    """Something in the daemon's place, whose methods answer as a test says."""
+    """A fake daemon. The test defines the replies of its methods."""
 
     def __init__(self, sandbox):
         self._bus = sandbox.bus
@@ -124,12 +125,12 @@ class Mock:
                        code)
 
 
-def test_answers_that_nobody_expects(sandbox, web):
+def test_unexpected_replies_are_handled(sandbox, web):
     mock = Mock(sandbox)
     path = sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path
     list_clips = ("GetConfigurations", "")
 
-    # No such method, another type, properties of other types.
+    # The list of clips: a missing method, another type, properties of other types.
     pages = [web.get()]
     mock.answer(*list_clips, "s", "ret = 'x'", LEGACY)
     pages += [web.get()]
@@ -139,9 +140,9 @@ def test_answers_that_nobody_expects(sandbox, web):
     mock.answer(*list_clips, "a{ia{sv}}",
                 f"ret = {{0: {{'Location': '{path}', 'Name': 7, 'Other': ['x']}}, -3: {{}}}}",
                 LEGACY)
-    assert web.get().status == 502  # its GetMetadata is not there
+    assert web.get().status == 502  # GetMetadata is missing
 
-    # What the files hold, told in ways of all kinds.
+    # Metadata of all kinds.
     for text in ("", "7", "{}", "[1, null]", '[{"0": 7}]', "[" * 5000,
                  '[{"0": {"mediaTypes": [1], "duration": "x", "size": -1}, "99": {}}]'):
         mock.answer("GetMetadata", "", "s", f"ret = {text!r}")
@@ -150,7 +151,7 @@ def test_answers_that_nobody_expects(sandbox, web):
         assert page.status == 502 or '> Clip 0</span>' in page.text
     mock.answer("GetMetadata", "", "s",
                 "raise dbus.exceptions.DBusException('no', name='com.vesk.Sonobrik.GetMetadata')")
-    assert "length not known" in web.get().text
+    assert "unknown length" in web.get().text
 
     for gives, code, status in (("i", "ret = 7", 502), ("s", "ret = 'NOK'", 502), ("", "", 502),
                                 ("s", "ret = 'OK'", 200)):
@@ -161,14 +162,14 @@ def test_answers_that_nobody_expects(sandbox, web):
                 "'a\\x1b[1m\\nb', name='com.vesk.Sonobrik.StartPlayingClip')")
     answer = web.get("action=play&clip=0")
     assert (answer.status, answer.text.count("\n")) == (500, 1)
-    assert "It says: a\\x1b[1m\\x0ab" in answer.text
+    assert "Its error message: a\\x1b[1m\\x0ab" in answer.text
 
-    # No events on the bus.
-    assert "What plays now is not known on this device." in web.get().text
+    # No event objects on the bus.
+    assert "This device does not report what is playing." in web.get().text
     assert web.get("action=status").text.startswith('{"known":false,')
 
 
-def test_an_environment_of_any_kind(sandbox):
+def test_invalid_environments_are_handled(sandbox):
     assert run(sandbox, REQUEST_METHOD="")[0] == 400
     assert run(sandbox, REQUEST_METHOD="get")[0] == 405
     assert run(sandbox, "x" * 8193)[0] == 413
@@ -182,12 +183,12 @@ def test_an_environment_of_any_kind(sandbox):
     assert result.stdout.startswith("Status: 400 ")
 
 
-def test_nothing_is_written_to_a_server_that_is_gone(sandbox):
+def test_a_write_error_is_a_failure(sandbox):
     result = sandbox.run(["sh", "-c", f"REQUEST_METHOD=GET {PROGRAM} >/dev/full"], check=False)
     assert result.returncode == 1
 
 
-def test_nginx_runs_it_too(sandbox):
+def test_it_works_behind_nginx(sandbox):
     if not find_server("nginx") or not find_server("fcgiwrap") or not shutil.which("curl"):
         pytest.skip("nginx, fcgiwrap or curl is not installed")
     store = Store(sandbox).start()
@@ -200,7 +201,7 @@ def test_nginx_runs_it_too(sandbox):
     assert page.status == 200
     assert '> Door</span>' in page.text
     own = ["--header", f"Origin: http://127.0.0.1:{server.port}"]
-    assert server.post("action=play&clip=0&repeat=-1", *own).text == "The clip plays.\n"
+    assert server.post("action=play&clip=0&repeat=-1", *own).text == "The clip is playing.\n"
     answer = server.post("page=1&action=stop", *own)
     assert (answer.status, answer.headers["location"]) == (303, "?result=stopped")
     assert server.get("action=stop", "--header", "Origin: http://127.0.0.1:1").status == 403

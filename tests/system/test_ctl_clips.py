@@ -1,4 +1,4 @@
-"""sonobrikctl: the list of clips, in a pipe."""
+"""sonobrikctl: the commands for stored clips, in a pipe."""
 
 import json
 import os
@@ -16,13 +16,13 @@ DOOR = "/etc/audioclips/door.wav"
 
 @pytest.fixture
 def door(sandbox, daemon):
-    """A second of sound that the daemon can play, not stored."""
+    """A playable file of one second that is not stored as a clip."""
     return sandbox.write_clip("door.wav", clips.noise(48000))
 
 
 @pytest.fixture
 def elsewhere(sandbox, daemon):
-    """A file outside the folder of clips, readable for its owner alone."""
+    """A file outside the clip folder that only its owner can read."""
     path = sandbox.folder / "tmp/chime.wav"
     clips.write_wav(path, clips.noise(4800))
     path.chmod(0o600)
@@ -33,11 +33,10 @@ def list_json(shell):
     return json.loads(shell.ok("list", "--json"))
 
 
-def test_an_empty_list_says_how_to_begin(shell, daemon):
+def test_an_empty_list_says_how_to_add_a_clip(shell, daemon):
     result = shell.run("list")
     assert (result.returncode, result.stdout) == (0, "")
-    assert result.stderr == ("sonobrikctl: there are no clips yet; add one: sonobrikctl add "
-                             "FILE\n")
+    assert result.stderr == "sonobrikctl: no clips yet; to add one: sonobrikctl add FILE\n"
     assert list_json(shell) == []
 
 
@@ -56,7 +55,7 @@ def test_a_clip_is_added_listed_renamed_and_removed(shell, door):
     assert door.file.exists()
 
 
-def test_columns_are_aligned_by_what_is_seen(shell, sandbox, daemon):
+def test_columns_are_aligned_by_display_width(shell, sandbox, daemon):
     for name in ("door.wav", "bell/bell.opus"):
         sandbox.write_clip(name, clips.noise(24000))
     shell.ok("add", DOOR, "--name", "Tür")
@@ -67,7 +66,7 @@ def test_columns_are_aligned_by_what_is_seen(shell, sandbox, daemon):
     assert head.index("FILE") == first.index("door.wav") == second.index("bell/") + 1
 
 
-def test_names_cannot_act_on_the_terminal(shell, sandbox, door):
+def test_names_cannot_control_the_terminal(shell, sandbox, door):
     name = "a\x1b[2Jb\nc‮d\x9be\\"
     assert shell.ok("add", DOOR, "--name", name) == "0\n"
     table = shell.ok("list")
@@ -81,13 +80,13 @@ def test_names_cannot_act_on_the_terminal(shell, sandbox, door):
     assert shell.ok("list", "--names") == "plain\n"
 
 
-def test_a_name_that_names_no_one_clip_is_not_offered_and_refused(shell, sandbox, door):
+def test_a_name_that_does_not_identify_a_clip_is_not_listed_and_refused(shell, sandbox, door):
     for name in ("same", "same", "1", ""):
         shell.ok("add", DOOR, "--name", name)
     assert shell.ok("list", "--names") == ""
     assert shell.fail(5, "remove", "--yes", "same") == [
-        "several clips have the name 'same': 0, 1; give the number",
-        "'sonobrikctl list' shows all clips"]
+        "several clips are named 'same': 0, 1; use the number",
+        "to list all clips: sonobrikctl list"]
     shell.ok("remove", "--yes", "1")
     assert [clip["number"] for clip in list_json(shell)] == [0, 2, 3]
     assert shell.ok("list", "--names") == "same\n1\n"
@@ -108,29 +107,29 @@ def test_a_clip_without_a_file_is_listed(shell, sandbox):
 # add
 
 
-def test_a_file_elsewhere_is_refused_with_the_place_to_put_it(shell, elsewhere):
+def test_a_file_outside_the_clip_folder_is_refused_with_advice(shell, elsewhere):
     assert shell.fail(2, "add", elsewhere) == [
-        "'/tmp/chime.wav' is not below /etc/audioclips, where clips have to lie",
-        "move it there and add it then, or let it be copied: sonobrikctl add --copy FILE"]
+        "'/tmp/chime.wav' is not under /etc/audioclips",
+        "move it there, or let sonobrikctl copy it: sonobrikctl add --copy FILE"]
     assert list_json(shell) == []
 
 
-def test_a_folder_whose_name_only_begins_so_is_elsewhere(shell, sandbox, daemon):
+def test_a_folder_with_the_same_prefix_is_outside_the_clip_folder(shell, sandbox, daemon):
     (sandbox.etc / "audioclipsX").mkdir()
     clips.write_wav(sandbox.etc / "audioclipsX/a.wav", clips.noise(480))
-    assert "not below" in shell.fail(2, "add", "/etc/audioclipsX/a.wav")[0]
-    assert "not below" in shell.fail(2, "add", "/etc/audioclips/../audioclipsX/a.wav")[0]
+    assert "not under" in shell.fail(2, "add", "/etc/audioclipsX/a.wav")[0]
+    assert "not under" in shell.fail(2, "add", "/etc/audioclips/../audioclipsX/a.wav")[0]
 
 
-def test_a_file_is_found_by_any_way_into_the_folder(shell, sandbox, door):
+def test_the_location_is_the_same_for_every_path_to_a_file(shell, sandbox, door):
     (sandbox.etc / "way").symlink_to("/etc/audioclips")
     shell.ok("add", "/etc/way/../audioclips/./door.wav")
     shell.ok("add", "/etc/way/door.wav")
-    shell.ok("add", "etc/audioclips/door.wav")  # the working folder is /
+    shell.ok("add", "etc/audioclips/door.wav")  # the current folder is /
     assert {clip["location"] for clip in list_json(shell)} == {DOOR}
 
 
-def test_a_copy_is_readable_for_the_daemon_whatever_the_umask(shell, sandbox, elsewhere):
+def test_a_copy_is_readable_by_the_daemon_with_any_umask(shell, sandbox, elsewhere):
     result = sandbox.run(["sh", "-c", 'umask 077; exec "$0" "$@"', PROGRAM, "add", "--copy",
                           elsewhere])
     assert result.stdout == "0\n"
@@ -140,15 +139,15 @@ def test_a_copy_is_readable_for_the_daemon_whatever_the_umask(shell, sandbox, el
     assert list_json(shell)[0]["location"] == "/etc/audioclips/chime.wav"
 
 
-def test_a_copy_replaces_nothing(shell, sandbox, elsewhere):
+def test_a_copy_does_not_overwrite_a_file(shell, sandbox, elsewhere):
     sandbox.write_file("chime.wav", b"precious")
     assert shell.fail(1, "add", "--copy", elsewhere) == [
-        "there is a '/etc/audioclips/chime.wav' already, and it stays; add that one, or rename "
-        "yours"]
+        "'/etc/audioclips/chime.wav' already exists and was not overwritten; add that file, or "
+        "rename yours"]
     assert (sandbox.etc / "audioclips/chime.wav").read_bytes() == b"precious"
 
 
-def test_a_copy_goes_when_the_clip_cannot_be_stored(shell, sandbox, elsewhere):
+def test_the_copy_is_removed_if_the_clip_cannot_be_stored(shell, sandbox, elsewhere):
     sandbox.set_access({"com.vesk.Sonobrik": {"users": "*"},
                         "com.vesk.Sonobrik.AddClip": {"users": "nobody"}})
     shell.fail(4, "add", "--copy", elsewhere)
@@ -160,58 +159,58 @@ def test_a_copy_goes_when_the_clip_cannot_be_stored(shell, sandbox, elsewhere):
     assert list_json(shell) == []
 
 
-def test_ctrl_c_leaves_no_half_of_a_copy(sandbox, daemon):
+def test_ctrl_c_leaves_no_incomplete_copy(sandbox, daemon):
     size = 1 << 26
     with open(sandbox.folder / "tmp/huge.wav", "wb") as file:
         file.truncate(size)
     copy = sandbox.etc / "audioclips/huge.wav"
     adding = sandbox.spawn([PROGRAM, "add", "--copy", "/tmp/huge.wav"])
-    wait_until(lambda: copy.exists() or not adding.is_running, 20, "it copies")
+    wait_until(lambda: copy.exists() or not adding.is_running, 20, "copying has started")
     adding.kill(signal.SIGINT)
     adding.wait_exit()
-    # It is whole, or has gone again since the daemon cannot play it.
+    # The copy is complete, or was removed because the daemon cannot play it.
     assert not copy.exists() or copy.stat().st_size == size
 
 
-def test_what_is_no_file_is_not_added(shell, sandbox, daemon):
+def test_missing_files_folders_and_pipes_are_not_added(shell, sandbox, daemon):
     assert shell.fail(5, "add", "/etc/audioclips/no.wav") == [
         "cannot add '/etc/audioclips/no.wav': No such file or directory"]
-    assert "is a folder" in shell.fail(2, "add", "/etc/audioclips")[0]
+    assert "is a directory" in shell.fail(2, "add", "/etc/audioclips")[0]
     os.mkfifo(sandbox.folder / "tmp/pipe")
-    assert shell.fail(1, "add", "--copy", "/tmp/pipe") == ["'/tmp/pipe' is no regular file"]
+    assert shell.fail(1, "add", "--copy", "/tmp/pipe") == ["'/tmp/pipe' is not a regular file"]
 
 
-def test_a_full_store_points_at_the_log(shell, sandbox):
+def test_a_full_store_refers_to_the_log(shell, sandbox):
     sandbox.set_parameters({"root.SonoBrik.MaxGroups": "1"})
     sandbox.write_clip("door.wav", clips.noise(480))
     sandbox.start_daemon()
     shell.ok("add", DOOR)
     assert shell.fail(1, "add", DOOR) == [
-        "NOK", "the daemon's log says why: journalctl -t sonobrik"]
+        "NOK", "for details: journalctl -t sonobrik"]
 
 
 # rename, remove, sync
 
 
-def test_a_name_may_have_255_bytes(shell, door):
+def test_a_name_can_have_255_bytes(shell, door):
     shell.ok("add", DOOR)
     shell.ok("rename", "0", "ü" * 127 + "x")
     assert list_json(shell)[0]["name"] == "ü" * 127 + "x"
     assert shell.fail(2, "rename", "0", "ü" * 128) == [
-        "a name is UTF-8, and has 255 bytes at most"]
+        "clip names must be valid UTF-8 and at most 255 bytes long"]
     shell.fail(2, "rename", "0", b"\xff".decode(errors="surrogateescape"))
     shell.ok("rename", "0", "")
     assert list_json(shell)[0]["name"] == ""
 
 
-def test_nobody_is_asked_in_a_pipe(shell, door):
+def test_remove_does_not_ask_in_a_pipe(shell, door):
     shell.ok("add", DOOR)
     assert shell.fail(2, "remove", "0") == [
-        "nobody can be asked here; to remove the clip without a question, give --yes"]
+        "not a terminal, cannot ask for confirmation; use --yes"]
     assert len(list_json(shell)) == 1
 
 
-def test_the_controls_are_told_anew(shell, sandbox, door):
+def test_sync_updates_the_on_screen_controls(shell, sandbox, door):
     controls = Controls(sandbox)
     shell.ok("add", DOOR)
     shell.ok("rename", "0", "Bell")
@@ -223,25 +222,25 @@ def test_the_controls_are_told_anew(shell, sandbox, door):
 # check
 
 
-def test_check_says_of_each_file_what_it_is(shell, sandbox, door):
+def test_check_reports_on_each_file(shell, sandbox, door):
     notes = sandbox.write_file("notes\n.txt", b"text")
     result = shell.run("check", DOOR, notes, "/no/a.wav")
     assert result.stdout.splitlines() == [
         f"{DOOR}: can be played",
         "/etc/audioclips/notes\\x0a.txt: Could not determine the media format of file: "
         "'/etc/audioclips/notes\\x0a.txt'",
-        "/no/a.wav: Could not determine the media format of file: '/no/a.wav'; there is no '/no'"]
+        "/no/a.wav: Could not determine the media format of file: '/no/a.wav'; '/no' does not exist"]
     assert (result.returncode, result.stderr) == (1, "")
     assert shell.ok("check", DOOR) == f"{DOOR}: can be played\n"
     assert shell.run("check", "/no/a.wav").returncode == 5
 
 
-def test_a_name_that_is_no_text_is_explained(shell, sandbox, daemon):
+def test_a_name_that_is_not_utf8_is_explained(shell, sandbox, daemon):
     path = b"/etc/audioclips/\xff.wav".decode(errors="surrogateescape")
     result = shell.run("check", path)
     assert result.returncode == 1
-    assert result.stdout == ("/etc/audioclips/\\xff.wav: its name is not UTF-8, so it cannot be "
-                             "asked for\n")
+    assert result.stdout == (
+        "/etc/audioclips/\\xff.wav: the file name is not valid UTF-8\n")
     clips.write_wav(sandbox.etc / "audioclips" / os.fsdecode(b"\xff.wav"), clips.noise(480))
-    assert shell.fail(2, "add", path) == ["names of clips and files have to be UTF-8"]
+    assert shell.fail(2, "add", path) == ["clip and file names must be valid UTF-8"]
 

@@ -1,4 +1,4 @@
-"""The completion of sonobrikctl in bash: what it offers, and that names of clips stay names."""
+"""The bash completion of sonobrikctl: what it offers, and that it never executes clip names."""
 
 import os
 import pathlib
@@ -12,7 +12,7 @@ from sandbox.store import Store, write_record
 
 LIBRARY = pathlib.Path("/usr/share/bash-completion/bash_completion")
 
-# The words of the line come as arguments; bash has them as they stand on the line, quotes and all.
+# Calls the completion as bash does. The arguments are the words of the line, including their quotes.
 CALL = f"""
 source {LIBRARY}
 source {ROOT}/data/bash-completion/sonobrikctl
@@ -25,20 +25,21 @@ _sonobrikctl
 ((${{#COMPREPLY[@]}} == 0)) || printf '%s\\0' "${{COMPREPLY[@]}}"
 """
 
-# Names that do harm wherever they are evaluated, expanded or split.
+# Names that do damage if they are evaluated, expanded or split.
 HARM = [
     "$(touch /tmp/harm)", "`touch /tmp/harm`", "; touch /tmp/harm #", "a|touch /tmp/harm",
     "$((x[$(touch /tmp/harm)]))", "${x:=harm}", "<(touch /tmp/harm)", "*", "{a,b}", "a\\", "~root",
     "!!", "it's", 'say "so"', "two  blanks", "tab'\"mix$", "%s%n", "Tür 鈴", "a=b:c",
 ]
 
-# Those that are not offered: they would be an option or a path, or hold several lines.
+# Names that are not offered: they look like an option or a path, are not unique, are empty, or contain
+# control characters.
 HIDDEN = ["--yes", "/etc/x", "./x", "../x", "line\nbreak", "\x1b[2J", "", "same", "same"]
 
 
 @pytest.fixture(scope="module", autouse=True)
 def clip_list(tmp_path_factory, build_dir, cache):
-    """A Shell whose daemon has clips of all those names."""
+    """A Shell with a daemon that has clips with all these names."""
     if not LIBRARY.exists():
         pytest.skip("needs bash-completion")
     with Sandbox(tmp_path_factory.mktemp("completion") / "sandbox", build_dir, cache) as box:
@@ -54,7 +55,7 @@ def clip_list(tmp_path_factory, build_dir, cache):
 
 @pytest.fixture
 def complete(clip_list):
-    """Completes the last one of the words, and returns what is offered."""
+    """Completes the last word and returns the offered completions."""
     def run(*words):
         result = clip_list.sandbox.run(
             ["bash", "--norc", "-c", CALL, "bash", "sonobrikctl", *words],
@@ -92,7 +93,7 @@ def test_commands_are_offered(complete):
     (["play", "Front\\ door", ""], []),
     (["add", "--name", "Fr"], []),
 ])
-def test_what_fits_the_command_is_offered(complete, words, offered):
+def test_options_and_values_fit_the_command(complete, words, offered):
     assert complete(*words) == offered
 
 
@@ -114,7 +115,7 @@ def test_every_name_is_offered_as_one_word(clip_list, complete, command):
 
 
 def shlex_all(words, sandbox):
-    """What bash makes of the words, each in a command line of its own."""
+    """Returns what bash reads the words as, each on a command line of its own."""
     lines = "".join(f"printf '%s\\0' {word}\n" for word in words)
     result = sandbox.run(["bash", "--norc", "-c", lines])
     assert_unharmed(sandbox)
@@ -128,9 +129,9 @@ def shlex_all(words, sandbox):
     ("'Front d", ["Front door"]),
     ("it", [r"it\'s"]),
     ('"it', ["it's"]),
-    ("'it", []),  # cannot be written so
+    ("'it", []),  # single quotes cannot contain a single quote
     ('"say', [r"say \"so\""]),
-    ('"$(', []),  # bash itself completes these
+    ('"$(', []),  # bash adds completions of its own here
     ("'$(t", ["$(touch /tmp/harm)"]),
     (r"\$\(t", [r"\$\(touch\ /tmp/harm\)"]),
     ('"!', []),
@@ -138,14 +139,14 @@ def shlex_all(words, sandbox):
     ("a=", ["b:c"]),
     ("nothing", []),
 ])
-def test_a_word_is_completed_as_it_was_begun(complete, typed, offered):
+def test_completion_keeps_the_quoting_of_the_word(complete, typed, offered):
     result = complete("remove", typed)
     if typed == '"$(':
         result = [word for word in result if word.startswith("$(")]
     assert result == offered
 
 
-def test_files_are_offered_where_files_are_meant(complete):
+def test_files_are_offered_for_file_arguments(complete):
     assert complete("check", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
     assert complete("add", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
     assert complete("play", "/etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
@@ -153,7 +154,7 @@ def test_files_are_offered_where_files_are_meant(complete):
     assert "/etc/audioclips/$(touch harm).wav" in complete("check", "/etc/audioclips/")
 
 
-def test_a_daemon_that_is_away_leaves_the_line_alone(complete, clip_list):
+def test_without_a_daemon_nothing_is_offered(complete, clip_list):
     result = clip_list.sandbox.run(
         ["bash", "--norc", "-c", CALL, "bash", "sonobrikctl", "remove", ""],
         env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin",
@@ -168,7 +169,7 @@ def test_a_daemon_that_is_away_leaves_the_line_alone(complete, clip_list):
     ("check /etc/audioclips/a\t", "check /etc/audioclips/a\\ b.wav "),
     ("check /etc/audioclips/\\$\t", "check /etc/audioclips/\\$\\(touch\\ harm\\).wav "),
 ])
-def test_the_line_is_completed_as_a_person_types_it(clip_list, typed, line):
+def test_the_tab_key_completes_the_line(clip_list, typed, line):
     setup = (f"PS1='rea''dy> '; source {LIBRARY}; source {ROOT}/data/bash-completion/sonobrikctl; "
              "bind 'set enable-bracketed-paste off'; sonobrikctl() { "
              f"""if [ "$1" = list ]; then {PROGRAM} "$@"; else printf '[%s]' "$@"; echo; fi; }}\n""")

@@ -1,4 +1,4 @@
-"""sonobrikctl: a bus or a daemon that is away, refuses, or answers what nobody expects."""
+"""sonobrikctl: a missing bus or daemon, denied calls, and unexpected replies."""
 
 import json
 import os
@@ -22,7 +22,7 @@ CALLS = [
     ["remove", "--yes", "0"], ["rename", "0", "x"], ["stop"], ["sync"],
 ]
 
-NEXT_LOGIN = "who was just added to a group is a member from the next log-in on"
+NEXT_LOGIN = "just added to the group? log out and back in"
 
 
 @pytest.fixture(autouse=True)
@@ -30,44 +30,44 @@ def door(sandbox):
     return sandbox.write_clip("door.wav", clips.noise(4800))
 
 
-# Nobody there
+# No bus or no daemon
 
 
 @pytest.mark.parametrize("words", CALLS)
-def test_a_daemon_that_is_away_is_told(shell, words):
+def test_a_missing_daemon_is_reported(shell, words):
     lines = shell.fail(3, *words)
-    assert lines[0].startswith("the daemon does not answer: ")
-    assert lines[1:] == ["is the service running? See: systemctl status sonobrik"]
+    assert lines[0].startswith("cannot reach the daemon: ")
+    assert lines[1:] == ["check the service: systemctl status sonobrik"]
 
 
 @pytest.mark.parametrize("words", [*CALLS, ["monitor"]])
-def test_a_bus_that_is_away_is_told(shell, words):
+def test_a_missing_bus_is_reported(shell, words):
     assert shell.fail(3, *words, env={"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/tmp/no"}) == [
-        "no system bus: No such file or directory",
-        "is it running? See: systemctl status dbus"]
+        "no connection to the system bus: No such file or directory",
+        "check that the bus is running: systemctl status dbus"]
 
 
-def test_a_daemon_that_ends_meanwhile_ends_the_wait(shell, sandbox, daemon):
+def test_the_wait_ends_when_the_daemon_exits(shell, sandbox, daemon):
     clip = sandbox.write_clip("a.wav", clips.noise(48000))
     waiting = shell.start("play", "--wait", clip.path, "--repeat", "forever")
-    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "the clip is playing")
     daemon.kill()
     assert waiting.process.wait_exit() == 3
-    assert waiting.process.lines[0].startswith("sonobrikctl: the daemon does not answer: ")
+    assert waiting.process.lines[0].startswith("sonobrikctl: cannot reach the daemon: ")
 
 
-def test_a_bus_that_ends_meanwhile_ends_the_wait(shell, sandbox):
+def test_the_wait_ends_when_the_bus_exits(shell, sandbox):
     bus = sandbox.start_bus()
     daemon = sandbox.start_daemon()
     clip = sandbox.write_clip("a.wav", clips.noise(48000))
     waiting = shell.start("play", "--wait", clip.path, "--repeat", "forever")
-    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "the clip is playing")
     bus.kill()
     assert waiting.process.wait_exit() == 3
     daemon.kill()
 
 
-def test_a_silent_daemon_is_waited_for(shell, sandbox, daemon):
+def test_a_slow_daemon_is_waited_for(shell, sandbox, daemon):
     calls = Monitor(sandbox, "member=GetConfigurations")
     daemon.pause()
     waiting = shell.start("list", "--json")
@@ -78,37 +78,37 @@ def test_a_silent_daemon_is_waited_for(shell, sandbox, daemon):
     assert waiting.lines == ["[]"]
 
 
-# Refusals
+# Denied calls
 
 
-def test_a_refusal_says_who_may(shell, sandbox, daemon, door):
+def test_a_denied_call_says_who_is_allowed(shell, sandbox, daemon, door):
     sandbox.set_access({NAME: {"users": "nobody", "groups": "audio"}})
     for words in (["stop"], ["play", door.path], ["play", "--wait", door.path], ["list"],
                   ["add", door.path], ["check", door.path]):
         if words == ["list"]:
             Store(sandbox).write("M0.json", write_record(door.path, "Door", "audio"))
         assert shell.fail(4, *words) == [
-            "not allowed; nobody, and members of the group audio are, on this machine", NEXT_LOGIN]
+            "permission denied: only nobody and members of group 'audio' may do this", NEXT_LOGIN]
 
 
-def test_a_refusal_is_told_where_the_policy_cannot_be_read(shell, sandbox, daemon):
+def test_a_denied_call_is_reported_if_the_policy_names_nobody(shell, sandbox, daemon):
     sandbox.set_access({NAME: {"users": ""}})
     assert shell.fail(4, "stop") == [
-        "not allowed to call StopPlayingClip",
-        "the device's access policy decides; the daemon's log says why: journalctl -t sonobrik"]
+        "permission denied by the access policy: StopPlayingClip",
+        "for details: journalctl -t sonobrik"]
 
 
 @pytest.mark.needs_root
-def test_a_user_of_no_group_is_refused_and_one_of_audio_is_not(shell, sandbox, daemon):
+def test_members_of_the_group_are_allowed_and_others_denied(shell, sandbox, daemon):
     sandbox.set_access({NAME: {"users": "root", "groups": "audio"}})
     assert shell.fail(4, "stop", uid=NOBODY)[0] == (
-        "not allowed; root, and members of the group audio are, on this machine")
+        "permission denied: only root and members of group 'audio' may do this")
     assert shell.ok("stop", uid=NOBODY, groups=[AUDIO]) == ""
 
 
 @pytest.fixture
 def guarded(sandbox):
-    """A bus that guards the legacy interface from everybody; returns a Shell on it."""
+    """A Shell on a bus whose policy denies the legacy interface to everyone."""
     configuration = sandbox.etc / "bus.conf"
     rule = f'<deny send_destination="{LEGACY_NAME}" send_interface="com.vesk.Configuration.Legacy"'
     configuration.write_text(configuration.read_text().replace(
@@ -121,12 +121,13 @@ def guarded(sandbox):
     return Shell(sandbox)
 
 
-def test_a_refusal_of_the_bus_says_who_may(guarded):
+def test_a_call_that_the_bus_denies_says_who_is_allowed(guarded):
     for words in (["list"], ["play", "0"], ["remove", "--yes", "0"]):
         assert guarded.fail(4, *words) == [
-            "not allowed: root, and members of the group audio, may list the clips", NEXT_LOGIN]
+            "permission denied: only root and members of groups 'audio', 'sonobrik-config' may "
+            "list clips", NEXT_LOGIN]
     assert guarded.fail(4, "sync") == [
-        "not allowed: root, and members of the group sonobrik-config, may change the clips",
+        "permission denied: only root and members of group 'sonobrik-config' may change clips",
         NEXT_LOGIN]
 
 
@@ -138,32 +139,32 @@ def test_a_file_that_the_daemons_user_cannot_read_is_explained(shell, sandbox, d
     sandbox.start_daemon(uid=NOBODY)
     os.chmod(sandbox.folder, 0o755)
     door.file.chmod(0o640)
-    reason = ("the daemon's user, nobody, may not read it; let everybody: chmod a+r "
+    reason = ("the daemon's user 'nobody' cannot read it; to allow everyone: chmod a+r "
               f"'{door.path}'")
     assert shell.fail(1, "play", door.path)[1:] == [reason]
     assert shell.fail(1, "add", door.path)[1:] == [reason]
     assert shell.run("check", door.path).stdout.endswith(f"; {reason}\n")
     door.file.chmod(0o644)
     door.file.parent.chmod(0o700)
-    reason = ("the daemon's user, nobody, may not look into the folder '/etc/audioclips'; clips "
-              "belong below /etc/audioclips, where all folders are open")
+    reason = ("the daemon's user 'nobody' cannot access directory '/etc/audioclips'; put clips "
+              "under /etc/audioclips, in directories with mode 755")
     assert shell.fail(1, "play", door.path)[1:] == [reason]
     assert shell.fail(1, "play", "/etc/audioclips/*.wav")[1:] == [reason]
 
 
 @pytest.mark.needs_root
-def test_the_groups_of_the_daemon_count(shell, sandbox, door):
+def test_the_groups_of_the_daemon_are_considered(shell, sandbox, door):
     door.file.chmod(0o640)
     os.chown(door.file, 0, AUDIO)
     sandbox.start_daemon(uid=NOBODY, groups=[AUDIO])
     assert shell.ok("check", door.path) == f"{door.path}: can be played\n"
 
 
-# Answers that nobody expects
+# Unexpected replies
 
 
 class OddDaemon:
-    """Owns the daemon's names, and answers every call with `reply`, a variant or an error."""
+    """Owns the daemon's names and answers every call with `reply`: a variant, or an error's name."""
 
     def __init__(self, bus, reply):
         self._connection = bus.connection
@@ -186,7 +187,7 @@ class OddDaemon:
 
 @pytest.fixture
 def odd(sandbox, shell):
-    """Runs each of CALLS against a daemon that answers so, and returns their results."""
+    """Runs each of CALLS against a daemon with this reply, and returns the results."""
     def run(reply):
         peer = sandbox.connect()
         OddDaemon(peer, reply)
@@ -209,16 +210,16 @@ def assert_sane(results):
     GLib.Variant("(a{sv})", ({"a": GLib.Variant("i", 1)},)),
     GLib.Variant("(a{sa{sv}})", ({},)), GLib.Variant("(v)", (GLib.Variant("s", "x"),)),
 ], ids=lambda reply: reply.get_type_string())
-def test_an_answer_of_other_types_is_told(odd, reply):
+def test_a_reply_of_unexpected_type_is_reported(odd, reply):
     results = odd(reply)
     assert_sane(results)
     assert results["list"].returncode == 1
-    assert "the answer is not what was expected" in results["list"].stderr
+    assert "unexpected reply" in results["list"].stderr
     assert results["outputs"].returncode == 1
-    assert "the answer is not what was expected" in results["outputs"].stderr
+    assert "unexpected reply" in results["outputs"].stderr
 
 
-def test_metadata_that_is_none_is_told(sandbox, shell):
+def test_invalid_metadata_is_reported(sandbox, shell):
     class Half(OddDaemon):
         def _answer(self, connection, message, incoming):
             if incoming and message.get_member() == "GetConfigurations":
@@ -242,19 +243,19 @@ def test_metadata_that_is_none_is_told(sandbox, shell):
     ("org.freedesktop.DBus.Error.AccessDenied", 4),
     ("com.other.Error", 1),
 ])
-def test_an_error_of_any_kind_is_told(odd, name, status):
+def test_each_kind_of_error_is_reported(odd, name, status):
     results = odd(name)
     assert_sane(results)
     assert {result.returncode for result in results.values()} == {status}
 
 
-def test_a_platform_that_lists_no_outputs_is_told(shell, sandbox):
+def test_a_platform_that_lists_no_outputs_is_reported(shell, sandbox):
     sandbox.bus.own_name(NAME)
     assert shell.fail(1, "outputs") == [
-        "the daemon runs, and this platform does not list its outputs on the bus"]
+        "the daemon is running, but this platform does not list its outputs on the bus"]
 
 
-def test_no_outputs_at_all_say_how_to_make_one(shell, sandbox):
+def test_an_empty_list_of_outputs_says_how_to_create_one(shell, sandbox):
     sandbox.set_outputs([])
     sandbox.start_daemon()
     result = shell.run("outputs")
@@ -263,12 +264,12 @@ def test_no_outputs_at_all_say_how_to_make_one(shell, sandbox):
     assert json.loads(shell.ok("outputs", "--json")) == []
 
 
-# Output that nobody takes
+# Output that cannot be written
 
 
 @pytest.fixture
 def many(sandbox):
-    """A list that no pipe holds at once."""
+    """A list that is larger than the buffer of a pipe."""
     store = Store(sandbox)
     for number in range(100):
         store.write(f"M{number}.json", write_record("", "n" * 2000, "audio"))
@@ -276,14 +277,14 @@ def many(sandbox):
 
 
 @pytest.mark.parametrize("words", ["list", "list --json", "list --names"])
-def test_a_reader_who_has_enough_ends_it_without_a_word(sandbox, many, words):
+def test_it_ends_silently_when_the_reader_exits(sandbox, many, words):
     result = sandbox.run(["bash", "-c", f'"$0" {words} | head -c 10; echo "${{PIPESTATUS[0]}}"',
                           PROGRAM])
     assert result.stderr == ""
     assert words != "list" or result.stdout.endswith("141\n")
 
 
-def test_a_full_disk_is_told(sandbox, many):
+def test_a_full_disk_is_reported(sandbox, many):
     result = sandbox.run(["sh", "-c", '"$0" list >/dev/full', PROGRAM], check=False)
     assert result.returncode == 1
-    assert result.stderr == "sonobrikctl: cannot write: No space left on device\n"
+    assert result.stderr == "sonobrikctl: cannot write to standard output: No space left on device\n"

@@ -1,4 +1,4 @@
-"""sonobrikctl monitor: what happens, as it happens."""
+"""sonobrikctl monitor: it prints events as they happen."""
 
 import json
 import re
@@ -8,7 +8,7 @@ from sandbox import clips
 from sandbox.player import EVENTS_NAME, EVENTS_PATH, NAME
 from sandbox.shell import PROGRAM
 
-WATCHING = "watching; Ctrl-C ends"
+WATCHING = "watching; press Ctrl-C to quit"
 
 
 @pytest.fixture
@@ -17,25 +17,25 @@ def door(sandbox):
 
 
 def texts(lines):
-    """The lines without their times."""
+    """Returns the lines without the time in front."""
     matches = [re.fullmatch(r"\d\d:\d\d:\d\d (.*)", line) for line in lines]
     assert all(matches), lines
     return [match[1] for match in matches]
 
 
-def test_what_plays_and_what_is_added_is_printed(shell, sandbox, daemon, door):
+def test_playback_and_added_clips_are_printed(shell, sandbox, daemon, door):
     monitor = shell.start("monitor")
     monitor.wait_error(WATCHING)
     shell.ok("add", door.path, "--name", "Do\nor")
     shell.ok("play", "--wait", "0")
     assert texts(monitor.wait_lines(4)) == [
-        "clip 0 is added: 'Do\\x0aor', /etc/audioclips/door.wav",
-        "output 0 begins to play",
-        "output 0 plays /etc/audioclips/door.wav",
+        "clip 0 added: 'Do\\x0aor', /etc/audioclips/door.wav",
+        "output 0 started playing",
+        "output 0 is playing /etc/audioclips/door.wav",
         "output 0 is idle"]
 
 
-def test_programs_get_an_object_a_line(shell, sandbox, daemon, door):
+def test_json_is_one_object_per_line(shell, sandbox, daemon, door):
     monitor = shell.start("monitor", "--json")
     monitor.wait_error(WATCHING)
     shell.ok("add", door.path, "--name", "Do\nor")
@@ -53,37 +53,37 @@ def test_programs_get_an_object_a_line(shell, sandbox, daemon, door):
         {"event": "playing", "playing": False} | output]
 
 
-def test_a_restart_of_the_daemon_does_not_end_it(shell, sandbox, door):
+def test_it_survives_a_restart_of_the_daemon(shell, sandbox, door):
     monitor = shell.start("monitor")
-    monitor.wait_error("the daemon does not run; waiting for its start")
+    monitor.wait_error("the daemon is not running; waiting for it to start")
     sandbox.start_daemon()
     monitor.wait_error("the daemon has started")
     shell.ok("play", "--wait", door.path)
     monitor.wait_lines(3)
     assert sandbox.daemon.stop() == 0
-    monitor.wait_error("the daemon has ended; waiting for its next start")
+    monitor.wait_error("the daemon has stopped; waiting for it to start again")
     sandbox.start_daemon()
     shell.ok("play", "--wait", door.path)
     assert texts(monitor.wait_lines(6))[3:] == texts(monitor.lines)[:3]
 
 
-def test_a_platform_without_events_is_told(shell, sandbox):
+def test_a_platform_without_events_is_reported(shell, sandbox):
     sandbox.bus.own_name(NAME)
     monitor = shell.start("monitor")
-    monitor.wait_error("the daemon runs, and this platform announces no events on the bus; "
-                       "waiting all the same")
+    monitor.wait_error("the daemon is running, but this platform sends no events on the bus; "
+                       "waiting anyway")
 
 
-def test_a_bus_that_ends_ends_it(shell, sandbox):
+def test_it_ends_when_the_bus_exits(shell, sandbox):
     bus = sandbox.start_bus()
     monitor = shell.start("monitor")
-    monitor.wait_error("the daemon does not run; waiting for its start")
+    monitor.wait_error("the daemon is not running; waiting for it to start")
     bus.kill()
     assert monitor.process.wait_exit() == 3
-    assert monitor.process.lines[-1] == "sonobrikctl: the system bus is gone"
+    assert monitor.process.lines[-1] == "sonobrikctl: lost the connection to the system bus"
 
 
-def test_events_that_nobody_expects_are_left_out(shell, sandbox):
+def test_unexpected_events_are_skipped(shell, sandbox):
     peer = sandbox.connect()
     peer.own_name(EVENTS_NAME)
     monitor = shell.start("monitor")
@@ -98,21 +98,21 @@ def test_events_that_nobody_expects_are_left_out(shell, sandbox):
     peer.emit(*changes, "(ssssb)", "", "", "", "", True)
     peer.emit(*changes, "(ssssba{si})", "", "", "", "", True, {"Name": 1})
     peer.emit(*changes, "(ssssba{ss})", "a", "b", "c", "no path", True, {"\x1b": "\x1b"})
-    assert texts(monitor.wait_lines(1)) == ["clip no path is changed: '', "]
+    assert texts(monitor.wait_lines(1)) == ["clip no path changed: '', "]
     assert monitor.process.is_running
     peer.close()
 
 
-def test_another_who_sends_such_events_is_not_heard(shell, sandbox, daemon, door):
+def test_events_from_other_senders_are_ignored(shell, sandbox, daemon, door):
     monitor = shell.start("monitor")
     monitor.wait_error(WATCHING)
     sandbox.bus.emit("/com/vesk/ConfigurationChanges1/SonoBrik", "com.vesk.ConfigurationChanges1",
                      "EntryChanged", "(ssssba{ss})", "a", "b", "c", "/clip/9", False, {})
     shell.ok("add", door.path)
-    assert texts(monitor.wait_lines(1))[0].startswith("clip 0 is added")
+    assert texts(monitor.wait_lines(1))[0].startswith("clip 0 added")
 
 
-def test_a_reader_who_goes_ends_it_though_nothing_happens(sandbox, daemon):
-    # The reader takes what the monitor says first, and goes. bash waits for both.
+def test_it_ends_when_the_reader_exits_without_an_event(sandbox, daemon):
+    # head exits after the first line of the monitor. bash waits for both programs.
     result = sandbox.run(["bash", "-c", '"$0" monitor 2>&1 | head -n 1', PROGRAM])
     assert result.stdout == f"sonobrikctl: {WATCHING}\n"

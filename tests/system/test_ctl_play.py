@@ -1,4 +1,4 @@
-"""sonobrikctl: playing, in a pipe."""
+"""sonobrikctl: playback, in a pipe."""
 
 import signal
 
@@ -20,16 +20,16 @@ def long(sandbox, player):
 
 
 def played(player):
-    """The files of all events so far."""
+    """Returns the files of all events so far."""
     player.fence()
     return [event[4] for event in player.events if event[0] == "CurrentlyPlaying"]
 
 
 def wait_sound(sandbox, card=0):
-    wait_until(lambda: sandbox.card(card).frames > 0, 20, "it sounds")
+    wait_until(lambda: sandbox.card(card).frames > 0, 20, "the clip is playing")
 
 
-# What an argument means
+# The meaning of the argument
 
 
 def test_a_clip_plays_by_its_number_and_its_name(shell, player, door):
@@ -39,7 +39,7 @@ def test_a_clip_plays_by_its_number_and_its_name(shell, player, door):
     assert played(player) == [door.path] * 2
 
 
-def test_a_path_is_a_path_though_a_clip_is_called_so(shell, sandbox, player, door):
+def test_a_path_wins_over_a_clip_of_that_name(shell, sandbox, player, door):
     other = sandbox.write_clip("other.wav", clips.noise(4800))
     shell.ok("add", other.path, "--name", door.path)
     shell.ok("play", "--wait", door.path)
@@ -47,7 +47,7 @@ def test_a_path_is_a_path_though_a_clip_is_called_so(shell, sandbox, player, doo
     assert played(player) == [door.path, other.path]
 
 
-def test_a_clip_wins_over_a_file_of_its_name(shell, sandbox, player, door):
+def test_a_clip_wins_over_a_file_of_that_name(shell, sandbox, player, door):
     clips.write_wav(sandbox.etc / "0", clips.noise(4800))
     command = ["sh", "-c", 'cd /etc; exec "$0" "$@"', PROGRAM, "play", "--wait"]
     sandbox.run([*command, "0"])
@@ -57,17 +57,17 @@ def test_a_clip_wins_over_a_file_of_its_name(shell, sandbox, player, door):
     assert played(player) == ["/etc/0", door.path, "/etc/0"]
 
 
-def test_a_pattern_plays_what_it_matches(shell, sandbox, player, door):
+def test_a_pattern_plays_a_matching_file(shell, sandbox, player, door):
     sandbox.write_file("notes.txt", b"text")
     shell.ok("play", "--wait", "/etc/audioclips/*")
-    shell.ok("play", "--wait", "etc/audioclips/d??r.wav")  # the working folder is /
+    shell.ok("play", "--wait", "etc/audioclips/d??r.wav")  # the current folder is /
     assert played(player) == [door.path] * 2
     assert shell.fail(1, "play", "/etc/audioclips/*.mp3") == [
         "No supported file(s) found at '/etc/audioclips/*.mp3'."]
 
 
 @pytest.mark.parametrize("name", ["a b+c%20&d=e.wav", "[*?].wav", "\n\x1b[2J'\"$(x).wav", "鈴.wav"])
-def test_any_name_is_taken_to_the_letter(shell, sandbox, player, name):
+def test_special_characters_in_names_are_taken_literally(shell, sandbox, player, name):
     clip = sandbox.write_clip(name, clips.noise(4800))
     sandbox.write_clip("[ab].wav", clips.noise(480))
     shell.ok("add", clip.path)
@@ -76,7 +76,7 @@ def test_any_name_is_taken_to_the_letter(shell, sandbox, player, name):
     assert played(player) == [clip.path] * 2
 
 
-def test_a_stored_clip_whose_file_is_gone_says_so_and_widens_into_nothing(shell, sandbox, player):
+def test_a_missing_file_of_a_clip_is_reported_and_no_other_file_plays(shell, sandbox, player):
     sandbox.write_clip("door.wav", clips.noise(4800))
     for number, name in enumerate(("bell.wav", "d*.wav", "doo?.wav")):
         clip = sandbox.write_clip(name, clips.noise(4800))
@@ -84,8 +84,8 @@ def test_a_stored_clip_whose_file_is_gone_says_so_and_widens_into_nothing(shell,
         clip.file.unlink()
         for words in (["play"], ["play", "--wait"]):
             assert shell.fail(5, *words, str(number)) == [
-                f"the file of clip {number} is gone: '{clip.path}'",
-                f"bring it back, or remove the clip: sonobrikctl remove {number}"]
+                f"the file of clip {number} is missing: '{clip.path}'",
+                f"restore it, or remove the clip: sonobrikctl remove {number}"]
     assert played(player) == []
 
 
@@ -95,15 +95,15 @@ def test_a_clip_without_a_file_is_refused(shell, sandbox):
     assert shell.fail(5, "play", "2") == ["clip 2 has no file"]
 
 
-def test_what_nothing_is_called_is_refused(shell, daemon):
-    assert shell.fail(5, "play", "bell\n") == ["no clip 'bell\\x0a'",
-                                               "'sonobrikctl list' shows all clips"]
+def test_an_unknown_name_or_path_is_refused(shell, daemon):
+    assert shell.fail(5, "play", "bell\n") == ["no such clip: 'bell\\x0a'",
+                                               "to list all clips: sonobrikctl list"]
     assert shell.fail(5, "play", "/no/bell.wav") == [
-        "No supported file(s) found at '/no/bell.wav'.", "there is no '/no'"]
-    assert "is a folder" in shell.fail(2, "play", "/etc/audioclips")[0]
+        "No supported file(s) found at '/no/bell.wav'.", "'/no' does not exist"]
+    assert "is a directory" in shell.fail(2, "play", "/etc/audioclips")[0]
 
 
-# How it plays
+# Playback
 
 
 def test_volume_repeats_and_output_reach_the_daemon(shell, sandbox, player, door):
@@ -116,7 +116,7 @@ def test_volume_repeats_and_output_reach_the_daemon(shell, sandbox, player, door
     assert sandbox.card(1, 2).frames >= door.frames
 
 
-def test_it_returns_once_it_plays_and_stop_stops(shell, sandbox, player, long):
+def test_play_returns_when_the_clip_plays_and_stop_stops_it(shell, sandbox, player, long):
     shell.ok("play", long.path, "--repeat", "forever")
     wait_sound(sandbox)
     assert shell.ok("outputs").splitlines() == [
@@ -124,13 +124,13 @@ def test_it_returns_once_it_plays_and_stop_stops(shell, sandbox, player, long):
         f"     0       0              0  playing  {long.path}"]
     for words in (["play", long.path], ["play", "--wait", long.path]):
         assert shell.fail(1, *words) == [
-            "A clip is already playing.", "stop it with 'sonobrikctl stop', or wait for its end"]
+            "A clip is already playing.", "stop it with 'sonobrikctl stop', or wait until it ends"]
     shell.ok("stop")
     assert shell.ok("outputs").splitlines()[1].split() == ["0", "0", "0", "idle"]
-    shell.ok("stop")  # nothing plays: no error
+    shell.ok("stop")  # nothing is playing: not an error
 
 
-def test_wait_ends_when_another_stops_the_clip(shell, sandbox, player, long):
+def test_wait_ends_when_another_process_stops_the_clip(shell, sandbox, player, long):
     waiting = shell.start("play", "--wait", long.path)
     wait_sound(sandbox)
     shell.ok("stop")
@@ -149,50 +149,50 @@ def test_a_signal_stops_the_clip(shell, sandbox, player, long, number, status):
     assert waiting.process.lines == []
 
 
-def test_a_background_job_goes_on_ignoring_the_terminals_signal(shell, sandbox, player, long):
+def test_a_background_job_keeps_ignoring_ctrl_c(shell, sandbox, player, long):
     waiting = sandbox.spawn(["sh", "-c", 'trap "" INT; exec "$0" "$@"', PROGRAM, "play", "--wait",
                              long.path])
     wait_sound(sandbox)
     waiting.kill(signal.SIGINT)
-    wait_until(lambda: is_caught(waiting.pid), 20, "the signal is gone")
+    wait_until(lambda: is_caught(waiting.pid), 20, "the signal has been delivered")
     shell.ok("stop")
     assert waiting.wait_exit() == 0
 
 
-def test_a_refused_stop_is_told_when_a_signal_asked_for_it(shell, sandbox, player, long):
+def test_a_denied_stop_after_a_signal_is_reported(shell, sandbox, player, long):
     sandbox.set_access({NAME: {"users": "*"}, f"{NAME}.StopPlayingClip": {"groups": "audio"}})
     waiting = shell.start("play", "--wait", long.path)
     wait_sound(sandbox)
     waiting.process.kill(signal.SIGINT)
     assert waiting.process.wait_exit() == 4
     assert waiting.process.lines[0] == (
-        "sonobrikctl: not allowed; members of the group audio are, on this machine")
+        "sonobrikctl: permission denied: only members of group 'audio' may do this")
     sandbox.set_access({NAME: {"users": "*"}})
     shell.ok("stop")
 
 
-def test_a_second_signal_ends_the_wait_for_a_silent_daemon(shell, sandbox, player, long):
+def test_a_second_signal_ends_the_wait_for_a_slow_daemon(shell, sandbox, player, long):
     waiting = shell.start("play", "--wait", long.path)
     wait_sound(sandbox)
     sandbox.daemon.pause()
     waiting.process.kill(signal.SIGINT)
-    wait_until(lambda: is_caught(waiting.process.pid), 20, "the first signal is taken")
+    wait_until(lambda: is_caught(waiting.process.pid), 20, "the first signal has been delivered")
     waiting.process.kill(signal.SIGINT)
     assert waiting.process.wait_exit() == 130
     sandbox.daemon.go_on()
-    wait_until(lambda: player.events[-1:] == [("Playing", 1, 0, 0, False)], 20, "it is stopped")
+    wait_until(lambda: player.events[-1:] == [("Playing", 1, 0, 0, False)], 20, "playback has stopped")
 
 
 def is_caught(pid):
-    """No signal waits for this process."""
+    """Returns true if no signal is pending for this process."""
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
         pending = [line.split()[1] for line in status if line.startswith(("SigPnd", "ShdPnd"))]
     return all(int(mask, 16) == 0 for mask in pending)
 
 
-def test_an_output_that_is_not_there_is_refused(shell, player, door):
+def test_a_missing_output_is_refused(shell, player, door):
     assert shell.fail(1, "play", door.path, "--output", "3")[1] == (
-        "is there such an output? 'sonobrikctl outputs' lists them")
+        "check that the output exists: sonobrikctl outputs")
     lines = shell.fail(1, "play", door.path, "--device", "7", "--device-output", "0")
     assert lines[0].startswith("Error playing clip: ")
 
@@ -201,32 +201,32 @@ def test_an_output_that_is_not_there_is_refused(shell, player, door):
 
 
 @pytest.mark.parametrize("words, line", [
-    ([], "a command is missing"),
-    (["sing"], "there is no command 'sing'"),
-    (["play"], "play: an argument is missing"),
+    ([], "missing command"),
+    (["sing"], "unknown command 'sing'"),
+    (["play"], "play: missing argument"),
     (["play", "1", "2"], "play: too many arguments"),
     (["stop", "1"], "stop: too many arguments"),
-    (["rename", "1"], "rename: an argument is missing"),
+    (["rename", "1"], "rename: missing argument"),
     (["play", "1", "--volume", "1001"], "--volume takes a number from 0 to 1000, not '1001'"),
     (["play", "1", "--volume", "x\n"], "--volume takes a number from 0 to 1000, not 'x\\x0a'"),
     (["play", "1", "--repeat", "-1"], "--repeat takes a number from 0 to 2147483647, not '-1'"),
     (["play", "1", "--output", "6"], "--output takes a number from 0 to 5, not '6'"),
-    (["play", "1", "--device", "1"], "--device and --device-output go together"),
+    (["play", "1", "--device", "1"], "--device and --device-output must be used together"),
     (["play", "1", "--output", "1", "--device", "1", "--device-output", "1"],
-     "give --output, or --device and --device-output, not both"),
-    (["list", "--json", "--names"], "give --json or --names, not both"),
+     "--output cannot be combined with --device and --device-output"),
+    (["list", "--json", "--names"], "--json and --names cannot be combined"),
     (["list", "--loud"], "Unknown option --loud"),
 ])
-def test_a_command_line_that_is_not_understood_changes_nothing(shell, words, line):
+def test_an_invalid_command_line_is_refused(shell, words, line):
     assert shell.fail(2, *words)[0] == line
 
 
 @pytest.mark.parametrize("command", [
     "add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "stop", "sync"])
-def test_each_command_has_a_help(shell, command):
+def test_each_command_has_help(shell, command):
     assert f"  {command} " in shell.ok("--help")
     assert shell.ok(command, "--help").startswith(f"Usage:\n  sonobrikctl {command} ")
 
 
-def test_it_has_a_version(shell):
+def test_the_version_is_printed(shell):
     assert shell.ok("--version").startswith("sonobrikctl ")

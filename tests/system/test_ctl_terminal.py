@@ -1,4 +1,4 @@
-"""sonobrikctl on a terminal: the bar, Ctrl-C, the question, colour."""
+"""sonobrikctl on a terminal: the progress bar, Ctrl-C, the confirmation, colour."""
 
 import re
 
@@ -19,7 +19,7 @@ def door(sandbox, shell, player):
     return clip
 
 
-def test_a_bar_shows_how_far_the_clip_is(shell, door):
+def test_a_bar_shows_the_progress_of_the_clip(shell, door):
     output, status = shell.on_terminal("play", "--wait", "door")
     bars = BAR.findall(output)
     assert status == 0
@@ -30,13 +30,13 @@ def test_a_bar_shows_how_far_the_clip_is(shell, door):
     assert BAR.sub("", output) == "\r\n"
 
 
-def test_the_bar_is_of_all_repeats(shell, door):
+def test_the_bar_covers_all_repeats(shell, door):
     output, _ = shell.on_terminal("play", "--wait", "door", "--repeat", "1")
     assert {bar[2] for bar in BAR.findall(output)} == {"0:02.0"}
 
 
 @pytest.mark.parametrize("columns", [1, 12, 30, 37, 200])
-def test_the_bar_keeps_to_its_line(shell, door, columns):
+def test_the_bar_fits_on_one_line(shell, door, columns):
     shell.ok("rename", "0", "鈴" * 50)
     output, status = shell.on_terminal("play", "--wait", "0", columns=columns)
     assert status == 0
@@ -46,8 +46,8 @@ def test_the_bar_keeps_to_its_line(shell, door, columns):
 
 
 @pytest.mark.parametrize("words", [["/etc/audioclips/door.wav"], ["door", "--repeat", "forever"]])
-def test_without_a_known_length_the_time_runs_and_ctrl_c_stops(shell, sandbox, player, door, words):
-    # Which tenths are shown depends on how busy the machine is; the second time is another one.
+def test_without_a_known_length_only_the_time_is_shown_and_ctrl_c_stops(shell, sandbox, player, door, words):
+    # The second text is a later redraw. Its tenths depend on the load of the machine.
     output, status = shell.on_terminal("play", "--wait", *words,
                                        steps=[("0:0", ""), ("0:0", INTERRUPT)])
     assert status == 130
@@ -58,73 +58,73 @@ def test_without_a_known_length_the_time_runs_and_ctrl_c_stops(shell, sandbox, p
 
 
 @pytest.mark.parametrize("env", [{"TERM": "dumb"}, {"TERM": ""}])
-def test_a_plain_terminal_gets_neither_bar_nor_emphasis(shell, door, env):
+def test_a_dumb_terminal_gets_no_bar_and_no_colour(shell, door, env):
     assert shell.on_terminal("play", "--wait", "door", env=env) == ("", 0)
     assert "\x1b" not in shell.on_terminal("list", env=env)[0]
 
 
-def test_heads_of_tables_are_emphasised(shell, door):
+def test_table_headings_are_bold(shell, door):
     for words in (["list"], ["outputs"]):
         output, status = shell.on_terminal(*words)
         assert status == 0
         assert re.match(r"\x1b\[1m[A-Z -]*\x1b\[0m\r\n[^\x1b]*$", output)
 
 
-def test_who_wants_no_colour_gets_none_and_keeps_the_bar(shell, door):
+def test_no_color_disables_colour_and_keeps_the_bar(shell, door):
     assert "\x1b" not in shell.on_terminal("list", env={"NO_COLOR": "1"})[0]
     assert "\x1b[1m" in shell.on_terminal("list", env={"NO_COLOR": ""})[0]
     assert BAR.search(shell.on_terminal("play", "--wait", "door", env={"NO_COLOR": "1"})[0])
 
 
-# The question
+# The confirmation
 
 
 @pytest.mark.parametrize("answer", ["n\n", "\n", "yesterday\n", "yes, do it, and more words\n",
                                     END_OF_INPUT])
-def test_a_clip_stays_unless_the_answer_is_yes(shell, door, answer):
+def test_a_clip_is_kept_unless_the_answer_is_yes(shell, door, answer):
     output, status = shell.on_terminal("remove", "door", steps=[("[y/N] ", answer)])
     assert status == 1
-    assert output.startswith("Remove clip 0, 'door'? Its file '/etc/audioclips/door.wav' stays. ")
-    assert output.endswith("sonobrikctl: the clip stays\r\n")
+    assert output.startswith("Remove clip 0 'door'? The file '/etc/audioclips/door.wav' is kept. ")
+    assert output.endswith("sonobrikctl: clip not removed\r\n")
     assert shell.ok("list", "--names") == "door\n"
 
 
 @pytest.mark.parametrize("answer", ["y\n", "YES\n"])
-def test_a_clip_goes_when_the_answer_is_yes(shell, door, answer):
+def test_a_clip_is_removed_if_the_answer_is_yes(shell, door, answer):
     assert shell.on_terminal("remove", "0", steps=[("[y/N] ", answer)])[1] == 0
     assert shell.ok("list", "--names") == ""
     assert door.file.exists()
 
 
-def test_ctrl_c_at_the_question_removes_nothing(shell, door):
+def test_ctrl_c_at_the_confirmation_removes_nothing(shell, door):
     assert shell.on_terminal("remove", "0", steps=[("[y/N] ", INTERRUPT)])[1] == 130
     assert shell.ok("list", "--names") == "door\n"
 
 
-def test_yes_is_not_asked(shell, door):
+def test_yes_skips_the_confirmation(shell, door):
     assert shell.on_terminal("remove", "--yes", "door") == ("", 0)
 
 
-def test_the_question_shows_what_would_act_on_the_terminal(shell, sandbox):
+def test_the_confirmation_escapes_control_characters(shell, sandbox):
     Store(sandbox).write("M0.json", write_record("/etc/audioclips/\x1b[2J", "a\rb\x9b", "audio"))
     sandbox.start_daemon()
     output, _ = shell.on_terminal("remove", "0", steps=[("[y/N] ", "n\n")])
-    assert output.startswith("Remove clip 0, 'a\\x0db\\u009b'? Its file "
-                             "'/etc/audioclips/\\x1b[2J' stays. [y/N] ")
+    assert output.startswith("Remove clip 0 'a\\x0db\\u009b'? The file "
+                             "'/etc/audioclips/\\x1b[2J' is kept. [y/N] ")
 
 
 # The monitor
 
 
 def test_ctrl_c_ends_the_monitor(shell, daemon):
-    _, status = shell.on_terminal("monitor", steps=[("watching; Ctrl-C ends", INTERRUPT)])
+    _, status = shell.on_terminal("monitor", steps=[("watching; press Ctrl-C to quit", INTERRUPT)])
     assert status == 130
 
 
-def test_the_bar_is_not_in_the_way_of_an_error(shell, sandbox, player):
+def test_an_error_is_printed_without_a_bar(shell, sandbox, player):
     clip = sandbox.write_clip("long.wav", clips.noise(48000) * 60)
     shell.ok("play", clip.path)
-    wait_until(lambda: sandbox.card(0).frames > 0, 20, "it sounds")
+    wait_until(lambda: sandbox.card(0).frames > 0, 20, "the clip is playing")
     output, status = shell.on_terminal("play", "--wait", clip.path)
     assert status == 1
     assert output.startswith("sonobrikctl: A clip is already playing.\r\n")

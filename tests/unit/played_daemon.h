@@ -1,6 +1,6 @@
 #pragma once
 
-/* The daemon as its clients meet it, played on a thread of its own: their calls block. */
+/* A fake daemon on the bus. It runs on its own thread, because the calls of its clients block. */
 
 #include <atomic>
 #include <functional>
@@ -11,16 +11,16 @@
 class PlayedDaemon
 {
   public:
-    /* Answers a call, on the daemon's thread, and returns as an sd-bus handler does. */
+    /* Replies to a call, on the daemon's thread. Returns the value of an sd-bus handler. */
     using Handler = std::function<int(sd_bus_message *call)>;
 
-    /* Owns `names` once constructed; every call to them goes to `handler`. */
+    /* Acquires `names` before it returns. `handler` gets every call. */
     PlayedDaemon(std::initializer_list<const char *> names, Handler handler);
     ~PlayedDaemon();
     PlayedDaemon(const PlayedDaemon &) = delete;
     PlayedDaemon &operator=(const PlayedDaemon &) = delete;
 
-    /* From the handler: leaves the bus once that has returned. */
+    /* Closes the connection after the handler has returned. Call it from the handler only. */
     void leave();
 
   private:

@@ -13,8 +13,8 @@ CgiForm read(std::string_view text)
     return form;
 }
 
-/* Returns why the text cannot be read. */
-std::string refuse(std::string_view text)
+/* Expects that the text is rejected, and returns the error message. */
+std::string reject(std::string_view text)
 {
     CgiForm form;
     std::string why;
@@ -27,49 +27,49 @@ TEST(CgiForm, ReadsPairs)
     EXPECT_EQ(read("action=play&clip=3"), (CgiForm{{"action", "play"}, {"clip", "3"}}));
 }
 
-TEST(CgiForm, NothingHasNoPairs)
+TEST(CgiForm, SkipsEmptyPairs)
 {
     EXPECT_TRUE(read("").empty());
     EXPECT_TRUE(read("&&&").empty());
 }
 
-TEST(CgiForm, PairWithoutValueIsEmpty)
+TEST(CgiForm, AcceptsKeysWithoutAValue)
 {
     EXPECT_EQ(read("a&b="), (CgiForm{{"a", ""}, {"b", ""}}));
 }
 
-TEST(CgiForm, OnlyTheFirstEqualsSignDivides)
+TEST(CgiForm, SplitsAtTheFirstEqualsSign)
 {
     EXPECT_EQ(read("a=b=c"), (CgiForm{{"a", "b=c"}}));
 }
 
-TEST(CgiForm, EscapesAreReadInKeysAndValues)
+TEST(CgiForm, UnescapesKeysAndValues)
 {
     EXPECT_EQ(read("%61+b=%C3%B6+%2B%26%3d%25"), (CgiForm{{"a b", "\u00f6 +&=%"}}));
 }
 
-TEST(CgiForm, BrokenEscapesAreRefused)
+TEST(CgiForm, RejectsInvalidEscapes)
 {
     for (const char *text : {"a=%", "a=%4", "a=%4g", "a=%g4", "%=a", "a=b&c=%+1", "a=%%41"}) {
-        EXPECT_EQ(refuse(text), "a '%' without two hexadecimal digits after it");
+        EXPECT_EQ(reject(text), "A '%' is not followed by two hexadecimal digits.");
     }
 }
 
-TEST(CgiForm, WhatIsNoTextIsRefused)
+TEST(CgiForm, RejectsNulBytesAndInvalidUtf8)
 {
     for (const char *text : {"a=%00", "%00=a", "a=%ff", "a=%C3", "a=%C3&b=%B6", "a=%ED%A0%80"}) {
-        EXPECT_EQ(refuse(text), "something that is not UTF-8 text");
+        EXPECT_EQ(reject(text), "A parameter is not valid UTF-8 text.");
     }
-    EXPECT_EQ(refuse(std::string_view("a=b\0c", 5)), "something that is not UTF-8 text");
+    EXPECT_EQ(reject(std::string_view("a=b\0c", 5)), "A parameter is not valid UTF-8 text.");
 }
 
-TEST(CgiForm, KeyThatStandsTwiceIsRefused)
+TEST(CgiForm, RejectsADuplicateKey)
 {
-    EXPECT_EQ(refuse("a=1&a=1"), "'a' twice");
-    EXPECT_EQ(refuse("a=1&%61=2"), "'a' twice");
+    EXPECT_EQ(reject("a=1&a=1"), "Parameter 'a' is given twice.");
+    EXPECT_EQ(reject("a=1&%61=2"), "Parameter 'a' is given twice.");
 }
 
-TEST(CgiForm, KeyOfAnEarlierTextIsRefused)
+TEST(CgiForm, RejectsAKeyThatTheFormAlreadyContains)
 {
     CgiForm form = {{"a", "1"}};
     std::string why;
@@ -77,7 +77,7 @@ TEST(CgiForm, KeyOfAnEarlierTextIsRefused)
     EXPECT_FALSE(cgi_form_read(&form, "a=1", &why));
 }
 
-TEST(CgiForm, EveryByteIsReadOrRefused)
+TEST(CgiForm, RejectsATruncatedEscapeAfterAnyBytes)
 {
     for (int first = 0; first <= 0xFF; first++) {
         for (int second = 0; second <= 0xFF; second++) {
@@ -90,7 +90,7 @@ TEST(CgiForm, EveryByteIsReadOrRefused)
     }
 }
 
-TEST(CgiForm, MissingKeyIsEmpty)
+TEST(CgiForm, ReturnsAnEmptyValueForAMissingKey)
 {
     const CgiForm form = {{"a", "1"}};
     EXPECT_EQ(cgi_form_get(form, "a"), "1");

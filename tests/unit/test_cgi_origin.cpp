@@ -24,13 +24,13 @@ bool site_is_foreign(std::string_view site)
         {.host = HOST, .fetch_site = site, .origin = "", .referer = "http://other.example/"});
 }
 
-TEST(CgiOrigin, ProgramThatTellsNothingIsNotForeign)
+TEST(CgiOrigin, AcceptsRequestsWithoutHeaders)
 {
     EXPECT_FALSE(cgi_origin_is_foreign({}));
     EXPECT_FALSE(origin_is_foreign(""));
 }
 
-TEST(CgiOrigin, BrowserTellsTheSite)
+TEST(CgiOrigin, ChecksSecFetchSite)
 {
     EXPECT_FALSE(site_is_foreign("same-origin"));
     EXPECT_FALSE(site_is_foreign("none"));
@@ -40,7 +40,7 @@ TEST(CgiOrigin, BrowserTellsTheSite)
     EXPECT_TRUE(site_is_foreign("same-origin, cross-site"));
 }
 
-TEST(CgiOrigin, OriginIsComparedWithTheHost)
+TEST(CgiOrigin, ComparesTheOriginWithTheHost)
 {
     EXPECT_FALSE(origin_is_foreign("http://device.example:8080"));
     EXPECT_FALSE(origin_is_foreign("https://device.example:8080"));
@@ -51,7 +51,7 @@ TEST(CgiOrigin, OriginIsComparedWithTheHost)
     EXPECT_TRUE(origin_is_foreign("http://device.example:8080.other.example"));
 }
 
-TEST(CgiOrigin, PortOfTheSchemeMayBeLeftOut)
+TEST(CgiOrigin, FillsInTheDefaultPort)
 {
     EXPECT_FALSE(origin_is_foreign("http://device.example", "device.example:80"));
     EXPECT_FALSE(origin_is_foreign("http://device.example:80", "device.example"));
@@ -60,7 +60,7 @@ TEST(CgiOrigin, PortOfTheSchemeMayBeLeftOut)
     EXPECT_FALSE(origin_is_foreign("http://[::1]", "[::1]:80"));
 }
 
-TEST(CgiOrigin, OriginThatIsNoneIsForeign)
+TEST(CgiOrigin, RejectsAnInvalidOrigin)
 {
     for (const char *origin : {"null", "x", "://", "http://", "device.example:8080"}) {
         EXPECT_TRUE(origin_is_foreign(origin)) << origin;
@@ -68,7 +68,7 @@ TEST(CgiOrigin, OriginThatIsNoneIsForeign)
     }
 }
 
-TEST(CgiOrigin, OriginCountsBesideTheSite)
+TEST(CgiOrigin, ChecksTheOriginEvenIfSecFetchSiteMatches)
 {
     EXPECT_TRUE(cgi_origin_is_foreign({.host = HOST,
                                        .fetch_site = "same-origin",
@@ -76,7 +76,7 @@ TEST(CgiOrigin, OriginCountsBesideTheSite)
                                        .referer = ""}));
 }
 
-TEST(CgiOrigin, RefererOfAnOldBrowserIsCompared)
+TEST(CgiOrigin, ChecksTheRefererIfTheOthersAreMissing)
 {
     EXPECT_FALSE(referer_is_foreign("http://device.example:8080/vesk-cgi/sonobrik.cgi?x=1"));
     EXPECT_FALSE(referer_is_foreign("http://device.example:8080?x"));

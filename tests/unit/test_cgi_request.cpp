@@ -16,7 +16,7 @@ constexpr const char *VARIABLES[] = {
 
 using Environment = std::map<std::string, std::string>;
 
-/* Reads the request of this environment and body. */
+/* Reads a request with this environment and body. */
 CgiResult read(const Environment &environment, const std::string &body = "",
                CgiRequest *request = nullptr)
 {
@@ -53,19 +53,19 @@ CgiResult read_body(const std::string &body, CgiRequest *request = nullptr)
     return read(make_post(std::to_string(body.size())), body, request);
 }
 
-TEST(CgiRequest, WithoutMethodItIsUnreadable)
+TEST(CgiRequest, RejectsAMissingMethod)
 {
     EXPECT_EQ(read({}), CGI_UNREADABLE);
 }
 
-TEST(CgiRequest, OtherMethodsAreRefused)
+TEST(CgiRequest, RejectsOtherMethods)
 {
     for (const char *method : {"PUT", "get", "OPTIONS", "GET "}) {
         EXPECT_EQ(read({{"REQUEST_METHOD", method}}), CGI_METHOD) << method;
     }
 }
 
-TEST(CgiRequest, WithoutActionItIsForThePage)
+TEST(CgiRequest, ShowsThePageIfThereIsNoAction)
 {
     CgiRequest request;
     EXPECT_EQ(read({{"REQUEST_METHOD", "GET"}}, "", &request), CGI_OK);
@@ -75,7 +75,7 @@ TEST(CgiRequest, WithoutActionItIsForThePage)
     EXPECT_EQ(request.result, "busy");
 }
 
-TEST(CgiRequest, PlayTakesItsNumbers)
+TEST(CgiRequest, ReadsTheOptionsOfPlay)
 {
     CgiRequest request;
     EXPECT_EQ(read_query("action=play&clip=7&volume=0&repeat=-1&audiooutput=5", &request), CGI_OK);
@@ -86,7 +86,7 @@ TEST(CgiRequest, PlayTakesItsNumbers)
     EXPECT_EQ(request.output, 5);
 }
 
-TEST(CgiRequest, EmptyNumberIsNotGiven)
+TEST(CgiRequest, TreatsAnEmptyNumberAsNotGiven)
 {
     CgiRequest request;
     EXPECT_EQ(read_query("action=play&clip=7&volume=&repeat=&audiooutput=", &request), CGI_OK);
@@ -96,7 +96,7 @@ TEST(CgiRequest, EmptyNumberIsNotGiven)
     EXPECT_EQ(read_query("action=play&clip="), CGI_UNREADABLE);
 }
 
-TEST(CgiRequest, NumbersAreCanonicalAndInRange)
+TEST(CgiRequest, RejectsNumbersThatAreNotCanonicalOrInRange)
 {
     for (const char *clip : {"0", "1", "2147483647"}) {
         EXPECT_EQ(read_query(std::string("action=play&clip=") + clip), CGI_OK) << clip;
@@ -112,14 +112,14 @@ TEST(CgiRequest, NumbersAreCanonicalAndInRange)
     }
 }
 
-TEST(CgiRequest, UnknownKeysAndActionsAreRefused)
+TEST(CgiRequest, RejectsUnknownKeysAndActions)
 {
     EXPECT_EQ(read_query("action=stop&volum=1"), CGI_UNREADABLE);
     EXPECT_EQ(read_query("Action=stop"), CGI_UNREADABLE);
     EXPECT_EQ(read_query("action=pause"), CGI_UNREADABLE);
 }
 
-TEST(CgiRequest, HeadDoesNothing)
+TEST(CgiRequest, RejectsActionsWithHead)
 {
     CgiRequest request;
     EXPECT_EQ(read({{"REQUEST_METHOD", "HEAD"}, {"QUERY_STRING", "action=stop"}}, "", &request),
@@ -128,7 +128,7 @@ TEST(CgiRequest, HeadDoesNothing)
     EXPECT_EQ(read({{"REQUEST_METHOD", "HEAD"}, {"QUERY_STRING", "action=status"}}), CGI_OK);
 }
 
-TEST(CgiRequest, BodyOfAPostIsRead)
+TEST(CgiRequest, ReadsTheBodyOfAPost)
 {
     CgiRequest request;
     EXPECT_EQ(read_body("action=play&clip=3&page=1", &request), CGI_OK);
@@ -137,21 +137,21 @@ TEST(CgiRequest, BodyOfAPostIsRead)
     EXPECT_TRUE(request.is_from_page);
 }
 
-TEST(CgiRequest, OnlyAPostIsFromThePage)
+TEST(CgiRequest, OnlyAPostComesFromThePage)
 {
     CgiRequest request;
     EXPECT_EQ(read_query("action=stop&page=1", &request), CGI_OK);
     EXPECT_FALSE(request.is_from_page);
 }
 
-TEST(CgiRequest, FaultyFormOfThePageIsKnownAsOne)
+TEST(CgiRequest, RecognisesAnInvalidFormOfThePage)
 {
     CgiRequest request;
     EXPECT_EQ(read_body("action=play&clip=x&page=1", &request), CGI_UNREADABLE);
     EXPECT_TRUE(request.is_from_page);
 }
 
-TEST(CgiRequest, KeyCountsOnceInQueryAndBodyTogether)
+TEST(CgiRequest, RejectsAKeyThatIsInBothQueryAndBody)
 {
     Environment environment = make_post("11");
     environment["QUERY_STRING"] = "action=stop";
@@ -160,7 +160,7 @@ TEST(CgiRequest, KeyCountsOnceInQueryAndBodyTogether)
     EXPECT_EQ(read(environment, "action=play"), CGI_OK);
 }
 
-TEST(CgiRequest, SizesAreBounded)
+TEST(CgiRequest, LimitsTheSizeOfQueryAndBody)
 {
     EXPECT_EQ(read_query("action=stop" + std::string(CGI_REQUEST_MAX, '&')), CGI_TOO_LARGE);
     EXPECT_EQ(read_query("action=stop" + std::string(CGI_REQUEST_MAX - 11, '&')), CGI_OK);
@@ -168,16 +168,16 @@ TEST(CgiRequest, SizesAreBounded)
     EXPECT_EQ(read_body("action=stop" + std::string(CGI_REQUEST_MAX - 11, '&')), CGI_OK);
 }
 
-TEST(CgiRequest, LengthThatLiesIsRefused)
+TEST(CgiRequest, RejectsAWrongContentLength)
 {
     EXPECT_EQ(read(make_post("12"), "action=stop"), CGI_UNREADABLE);
-    EXPECT_EQ(read(make_post("10"), "action=stop"), CGI_UNREADABLE); /* "sto" */
+    EXPECT_EQ(read(make_post("10"), "action=stop"), CGI_UNREADABLE); /* reads "action=sto" */
     EXPECT_EQ(read(make_post("-11"), "action=stop"), CGI_UNREADABLE);
     EXPECT_EQ(read(make_post("11 "), "action=stop"), CGI_UNREADABLE);
     EXPECT_EQ(read(make_post("99999999999999999999"), "action=stop"), CGI_TOO_LARGE);
 }
 
-TEST(CgiRequest, BodyOfAnotherKindIsRefused)
+TEST(CgiRequest, RejectsOtherContentTypes)
 {
     Environment environment = make_post("11");
     for (const char *type : {"", "text/plain", "application/x-www-form-urlencodedx"}) {
@@ -186,7 +186,7 @@ TEST(CgiRequest, BodyOfAnotherKindIsRefused)
     }
 }
 
-TEST(CgiRequest, OtherSitesMayLookAndDoNothing)
+TEST(CgiRequest, RejectsActionsFromOtherSites)
 {
     Environment environment = {{"REQUEST_METHOD", "GET"},
                                {"HTTP_HOST", "device.example"},
@@ -199,7 +199,7 @@ TEST(CgiRequest, OtherSitesMayLookAndDoNothing)
     }
 }
 
-TEST(CgiRequest, BrowserThatLooksAheadDoesNothing)
+TEST(CgiRequest, RejectsPrefetchedActions)
 {
     for (const char *name : {"HTTP_SEC_PURPOSE", "HTTP_PURPOSE", "HTTP_X_MOZ"}) {
         EXPECT_EQ(

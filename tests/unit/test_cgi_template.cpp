@@ -12,42 +12,42 @@ CgiValues make_texts(std::map<std::string, std::string, std::less<>> texts)
     return values;
 }
 
-TEST(CgiTemplate, TextsTakeTheirPlaces)
+TEST(CgiTemplate, ReplacesPlaceholders)
 {
     EXPECT_EQ(cgi_template_fill("a {{x}}{{y}} b", make_texts({{"x", "1"}, {"y", "2"}})), "a 12 b");
 }
 
-TEST(CgiTemplate, PlaceWithoutTextIsEmpty)
+TEST(CgiTemplate, LeavesUnknownPlaceholdersEmpty)
 {
     EXPECT_EQ(cgi_template_fill("[{{x}}]", {}), "[]");
 }
 
-TEST(CgiTemplate, TextsAreEscaped)
+TEST(CgiTemplate, EscapesTextsForHtml)
 {
     EXPECT_EQ(cgi_template_fill("<a b=\"{{x}}\">", make_texts({{"x", "<&>\"'"}})),
               "<a b=\"&lt;&amp;&gt;&quot;&#39;\">");
 }
 
-TEST(CgiTemplate, TextsAreNotFilledThemselves)
+TEST(CgiTemplate, DoesNotFillPlaceholdersInsideTexts)
 {
     EXPECT_EQ(cgi_template_fill("{{x}}", make_texts({{"x", "{{y}}"}, {"y", "no"}})), "{{y}}");
 }
 
-TEST(CgiTemplate, SectionIsRepeatedForItsValues)
+TEST(CgiTemplate, RepeatsASectionForEachOfItsValues)
 {
     CgiValues values;
     values.sections["s"] = {make_texts({{"x", "1"}}), make_texts({{"x", "2"}})};
     EXPECT_EQ(cgi_template_fill("a{{#s}}<{{x}}>{{/s}}b", values), "a<1><2>b");
 }
 
-TEST(CgiTemplate, SectionWithoutValuesIsLeftOut)
+TEST(CgiTemplate, OmitsASectionWithoutValues)
 {
     CgiValues values;
     values.sections["s"] = {};
     EXPECT_EQ(cgi_template_fill("a{{#s}}x{{/s}}b{{#t}}y{{/t}}c", values), "abc");
 }
 
-TEST(CgiTemplate, SectionSeesWhatIsAroundIt)
+TEST(CgiTemplate, LooksUpNamesInTheEnclosingSection)
 {
     CgiValues inner = make_texts({{"x", "inner"}});
     inner.sections["t"] = {CgiValues()};
@@ -57,7 +57,7 @@ TEST(CgiTemplate, SectionSeesWhatIsAroundIt)
               "inner around inner outer");
 }
 
-TEST(CgiTemplate, UnclosedPlacesEndTheText)
+TEST(CgiTemplate, StopsAtUnclosedPlaceholdersAndSections)
 {
     CgiValues values;
     values.sections["s"] = {CgiValues()};

@@ -19,7 +19,7 @@ extern "C" {
 int __real_sd_bus_call(sd_bus *bus, sd_bus_message *call, uint64_t usec, sd_bus_error *error,
                        sd_bus_message **answer);
 
-/* Sees how long the code under test is ready to wait. */
+/* Records the time-out that the code under test uses. */
 int __wrap_sd_bus_call(sd_bus *bus, sd_bus_message *call, uint64_t usec, sd_bus_error *error,
                        sd_bus_message **answer)
 {
@@ -70,7 +70,7 @@ std::string with(ClientErrorCode code, const std::string &text)
     return std::to_string(code) + ": " + text;
 }
 
-TEST(ClientBusWithout, SaysThatThereIsNoBus)
+TEST(ClientBusWithout, ReportsAMissingBus)
 {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/socket", 1);
     g_autoptr(GError) error = nullptr;
@@ -80,7 +80,7 @@ TEST(ClientBusWithout, SaysThatThereIsNoBus)
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
 
-TEST_F(ClientBus, SendsWhatItIsGivenToTheInterface)
+TEST_F(ClientBus, SendsTheArgumentsToTheInterface)
 {
     std::string seen;
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [&seen](sd_bus_message *message) {
@@ -95,7 +95,7 @@ TEST_F(ClientBus, SendsWhatItIsGivenToTheInterface)
     EXPECT_EQ(seen, "/com/vesk/Sonobrik com.vesk.Sonobrik.PlayClip location=/b");
 }
 
-TEST_F(ClientBus, WaitsForAnAnswerWithoutLimit)
+TEST_F(ClientBus, WaitsForAReplyWithoutLimit)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [](sd_bus_message *message) {
         return sd_bus_reply_method_return(message, "s", "OK");
@@ -105,7 +105,7 @@ TEST_F(ClientBus, WaitsForAnAnswerWithoutLimit)
     EXPECT_EQ(last_timeout, UINT64_MAX);
 }
 
-TEST_F(ClientBus, KeepsTheTextOfTheMethodsOwnError)
+TEST_F(ClientBus, PassesTheDaemonsErrorTextOn)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [](sd_bus_message *message) {
         return sd_bus_reply_method_errorf(message, "com.vesk.Sonobrik.PlayClip",
@@ -114,12 +114,12 @@ TEST_F(ClientBus, KeepsTheTextOfTheMethodsOwnError)
     EXPECT_EQ(call(), with(CLIENT_ERROR_METHOD, "A clip is already playing."));
 }
 
-TEST_F(ClientBus, SaysThatNobodyOwnsTheName)
+TEST_F(ClientBus, ReportsAMissingDaemon)
 {
     EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_NO_DAEMON, "")));
 }
 
-TEST_F(ClientBus, EndsItsWaitWhenTheDaemonEnds)
+TEST_F(ClientBus, StopsWaitingWhenTheDaemonExits)
 {
     PlayedDaemon *self = nullptr;
     PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [&self](sd_bus_message *) {
@@ -130,29 +130,29 @@ TEST_F(ClientBus, EndsItsWaitWhenTheDaemonEnds)
     EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_NO_DAEMON, "")));
 }
 
-TEST_F(ClientBus, EndsItsWaitWhenTheBusEnds)
+TEST_F(ClientBus, StopsWaitingWhenTheBusExits)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [this](sd_bus_message *) {
         bus.stop();
         return 1;
     });
     EXPECT_EQ(call(), with(CLIENT_ERROR_NO_BUS, "Connection reset by peer"));
-    EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_NO_BUS, ""))) << "and stays so";
+    EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_NO_BUS, ""))) << "the connection stays closed";
 }
 
-TEST_F(ClientBus, RefusesATextThatTheBusCannotCarry)
+TEST_F(ClientBus, RejectsInvalidUtf8)
 {
     EXPECT_TRUE(call("location=\xff").starts_with(with(CLIENT_ERROR_ARGUMENT, "")));
 }
 
-TEST_F(ClientBus, LeavesTheErrorOfACallThatIsNone)
+TEST_F(ClientBus, KeepsTheErrorIfTheCallIsNull)
 {
     g_autoptr(GError) error = g_error_new_literal(CLIENT_ERROR, CLIENT_ERROR_ARGUMENT, "before");
     EXPECT_EQ(client_bus_call(client, nullptr, &error), nullptr);
     EXPECT_STREQ(error->message, "before");
 }
 
-TEST(ClientBusError, TellsTheKindsApart)
+TEST(ClientBusError, MapsEachKindOfError)
 {
     const char *denied = "org.freedesktop.DBus.Error.AccessDenied";
     EXPECT_EQ(map(-EACCES, denied, "no"), with(CLIENT_ERROR_DENIED, "no"));
@@ -173,7 +173,7 @@ TEST(ClientBusError, TellsTheKindsApart)
               with(CLIENT_ERROR_REPLY, "what?"));
     EXPECT_EQ(map(-EIO, "org.freedesktop.DBus.Error.NoReplyAtAll", "odd"),
               with(CLIENT_ERROR_REPLY, "odd"))
-        << "the beginning of a name is not the name";
+        << "a longer name does not match";
     EXPECT_EQ(map(-ECONNRESET, nullptr, nullptr),
               with(CLIENT_ERROR_NO_BUS, "Connection reset by peer"));
     EXPECT_EQ(map(-EPIPE, nullptr, nullptr), with(CLIENT_ERROR_NO_BUS, "Broken pipe"));

@@ -11,7 +11,7 @@ namespace
 constexpr const char *DOOR = R"([{"0":{"name":"Door","fileName":"door.wav",)"
                              R"("mediaTypes":["audio/x-wav"],"size":113,"duration":1200}}])";
 
-/* Two clips, the higher number first, with properties that no client knows. */
+/* Sends two clips, the higher number first, with some unknown properties. */
 int reply_clips(sd_bus_message *call)
 {
     return sd_bus_reply_method_return(call, "a{ia{sv}}", 2, 7, 2, "Name", "s", "Bell", "Location",
@@ -38,8 +38,8 @@ class ClientClips : public BusTest
         sd_bus_flush_close_unref(client);
     }
 
-    /* The next list is answered so. */
-    void answer(PlayedDaemon::Handler entries, const char *metadata = "[]")
+    /* Sets the replies to the next list. */
+    void set_replies(PlayedDaemon::Handler entries, const char *metadata = "[]")
     {
         reply_entries = std::move(entries);
         reply_metadata = [metadata](sd_bus_message *call) {
@@ -47,7 +47,7 @@ class ClientClips : public BusTest
         };
     }
 
-    /* A line a clip, or "code: message". */
+    /* Returns one line per clip, or "code: message". */
     std::string list(bool with_metadata = true)
     {
         g_autoptr(GError) error = nullptr;
@@ -79,65 +79,66 @@ class ClientClips : public BusTest
     PlayedDaemon daemon;
 };
 
-TEST_F(ClientClips, AreSortedByNumber)
+TEST_F(ClientClips, SortsByNumber)
 {
-    answer(reply_clips);
+    set_replies(reply_clips);
     EXPECT_EQ(list(false), "0 Door /etc/audioclips/door.wav none -1 -1\n"
                            "7 Bell /etc/audioclips/bell.opus none -1 -1\n");
 }
 
-TEST_F(ClientClips, TakeOverWhatIsKnownOfTheirFiles)
+TEST_F(ClientClips, AddsTheMetadata)
 {
-    answer(reply_clips, DOOR);
+    set_replies(reply_clips, DOOR);
     EXPECT_EQ(list(), "0 Door /etc/audioclips/door.wav audio/x-wav 113 1200\n"
                       "7 Bell /etc/audioclips/bell.opus none -1 -1\n");
 }
 
-TEST_F(ClientClips, AreNoneWhenTheDaemonHasNone)
+TEST_F(ClientClips, ReturnsAnEmptyListIfThereAreNoClips)
 {
-    answer([](sd_bus_message *call) {
+    set_replies([](sd_bus_message *call) {
         return sd_bus_reply_method_errorf(call, "com.vesk.Sonobrik.Legacy.GetConfigurations", "%s",
                                           "");
     });
     EXPECT_EQ(list(), "");
 }
 
-TEST_F(ClientClips, KeepOtherErrors)
+TEST_F(ClientClips, PassesOtherErrorsOn)
 {
-    answer([](sd_bus_message *call) {
+    set_replies([](sd_bus_message *call) {
         return sd_bus_reply_method_errorf(call, "org.freedesktop.DBus.Error.AccessDenied", "no");
     });
     EXPECT_EQ(list(), std::to_string(CLIENT_ERROR_DENIED) + ": no");
 }
 
-TEST_F(ClientClips, RefuseAnAnswerOfOtherTypes)
+TEST_F(ClientClips, RejectsReplyOfUnexpectedType)
 {
-    answer([](sd_bus_message *call) { return sd_bus_reply_method_return(call, nullptr); });
+    set_replies([](sd_bus_message *call) { return sd_bus_reply_method_return(call, nullptr); });
     EXPECT_TRUE(list().starts_with(unexpected()));
-    answer([](sd_bus_message *call) { return sd_bus_reply_method_return(call, "s", "no list"); });
+    set_replies(
+        [](sd_bus_message *call) { return sd_bus_reply_method_return(call, "s", "no list"); });
     EXPECT_TRUE(list().starts_with(unexpected()));
-    answer([](sd_bus_message *call) {
+    set_replies([](sd_bus_message *call) {
         return sd_bus_reply_method_return(call, "a{sa{sv}}", 1, "0", 1, "Name", "s", "Door");
     });
     EXPECT_TRUE(list().starts_with(unexpected()));
 }
 
-TEST_F(ClientClips, SkipPropertiesOfOtherTypes)
+TEST_F(ClientClips, SkipsPropertiesOfUnexpectedType)
 {
-    answer([](sd_bus_message *call) {
+    set_replies([](sd_bus_message *call) {
         return sd_bus_reply_method_return(call, "a{ia{sv}}", 1, 3, 2, "Name", "i", 5, "Location",
                                           "ay", 2, 1, 2);
     });
     EXPECT_EQ(list(), "3   none -1 -1\n");
 }
 
-TEST_F(ClientClips, RefuseMetadataThatIsNoArray)
+TEST_F(ClientClips, RejectsMetadataThatIsNotAnArray)
 {
-    answer(reply_clips, "{}");
+    set_replies(reply_clips, "{}");
     EXPECT_EQ(list(), unexpected("not a JSON array"));
-    answer(reply_clips, "[{");
+    set_replies(reply_clips, "[{");
     EXPECT_TRUE(list().starts_with(unexpected("not a JSON array: "))) << list();
-    answer(reply_clips, "");
+    set_replies(reply_clips, "");
     EXPECT_TRUE(list().starts_with(unexpected("not a JSON array: "))) << list();
     reply_metadata = [](sd_bus_message *call) {
         return sd_bus_reply_method_return(call, "i", 4);
@@ -145,7 +146,7 @@ TEST_F(ClientClips, RefuseMetadataThatIsNoArray)
     EXPECT_TRUE(list().starts_with(unexpected()));
 }
 
-TEST_F(ClientClips, SkipMetadataThatIsNotUnderstood)
+TEST_F(ClientClips, SkipsInvalidMetadata)
 {
     const char *none = "0 Door /etc/audioclips/door.wav none -1 -1\n"
                        "7 Bell /etc/audioclips/bell.opus none -1 -1\n";
@@ -158,24 +159,23 @@ TEST_F(ClientClips, SkipMetadataThatIsNotUnderstood)
              R"([{"4294967296": {"mediaTypes": ["a"]}}, {"": {"mediaTypes": ["a"]}}])",
              R"([{"99999999999999999999": {"mediaTypes": ["a"]}}])",
          }) {
-        answer(reply_clips, odd);
+        set_replies(reply_clips, odd);
         EXPECT_EQ(list(), none) << odd;
     }
-    answer(reply_clips,
-           R"([{"0": {"mediaTypes": [1, "a", null], "size": "big", "duration": 1.5}}])");
+    set_replies(reply_clips,
+                R"([{"0": {"mediaTypes": [1, "a", null], "size": "big", "duration": 1.5}}])");
     EXPECT_TRUE(list().starts_with("0 Door /etc/audioclips/door.wav a -1 -1\n")) << list();
 }
 
-TEST_F(ClientClips, KeepNamesAsTheyAre)
+TEST_F(ClientClips, DoesNotEscapeNames)
 {
-    answer([](sd_bus_message *call) {
+    set_replies([](sd_bus_message *call) {
         return sd_bus_reply_method_return(call, "a{ia{sv}}", 1, 3, 1, "Name", "s", "a\n\x1b[2J\t");
     });
     EXPECT_EQ(list(), "3 a\n\x1b[2J\t  none -1 -1\n");
 }
 
-/* Finding one, in a list of the test's own. */
-
+/* Adds a clip to `clips`. */
 void add(GPtrArray *clips, gint32 number, const char *name)
 {
     auto *clip = g_new0(ClientClip, 1);
@@ -193,7 +193,7 @@ std::string find(const GPtrArray *clips, const char *text)
     return clip ? std::to_string(clip->number) : error->message;
 }
 
-TEST(ClientClipsFind, TakesANumberBeforeAName)
+TEST(ClientClipsFind, PrefersANumberToAName)
 {
     g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(
         [](gpointer clip) { client_clip_free(static_cast<ClientClip *>(clip)); });
@@ -206,15 +206,23 @@ TEST(ClientClipsFind, TakesANumberBeforeAName)
     EXPECT_EQ(find(clips, "Door"), "0");
     EXPECT_EQ(find(clips, "0"), "0");
     EXPECT_EQ(find(clips, "17"), "4");
-    EXPECT_EQ(find(clips, "door"), "no clip 'door'");
-    EXPECT_EQ(find(clips, "00"), "no clip '00'");
-    EXPECT_EQ(find(clips, "-1"), "no clip '-1'");
-    EXPECT_EQ(find(clips, "4294967296"), "no clip '4294967296'");
-    EXPECT_EQ(find(clips, "twice"), "several clips have the name 'twice': 2, 3; give the number");
-    EXPECT_EQ(find(clips, "Doo\xff"), "no clip 'Doo\xff'");
+    EXPECT_EQ(find(clips, "door"), "no such clip: 'door'");
+    EXPECT_EQ(find(clips, "00"), "no such clip: '00'");
+    EXPECT_EQ(find(clips, "-1"), "no such clip: '-1'");
+    EXPECT_EQ(find(clips, "4294967296"), "no such clip: '4294967296'");
+    EXPECT_EQ(find(clips, "twice"), "several clips are named 'twice': 2, 3; use the number");
+    EXPECT_EQ(find(clips, "Doo\xff"), "no such clip: 'Doo\xff'");
     EXPECT_EQ(client_clips_get(clips, 3)->number, 3);
     EXPECT_EQ(client_clips_get(clips, 6), nullptr);
     EXPECT_EQ(client_clips_get(clips, G_MAXINT64), nullptr);
+}
+
+TEST(ClientClipsRelative, RemovesTheClipFolderOnly)
+{
+    EXPECT_STREQ(client_clips_relative("/etc/audioclips/a/b.wav"), "a/b.wav");
+    EXPECT_STREQ(client_clips_relative("/etc/audioclipsX/a.wav"), "/etc/audioclipsX/a.wav");
+    EXPECT_STREQ(client_clips_relative("/etc/audioclips"), "/etc/audioclips");
+    EXPECT_STREQ(client_clips_relative(""), "");
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 namespace
 {
 
-constexpr const char *KEYS = "topic0"; /* leads each event */
+constexpr const char *TOPIC = "topic0"; /* the first key of every event */
 
 class ClientEvents : public BusTest
 {
@@ -20,7 +20,7 @@ class ClientEvents : public BusTest
         sd_bus_flush_close_unref(client);
     }
 
-    /* Describes the outputs that the answer `reply` lists. */
+    /* Returns one line per output, or the error code, for this reply. */
     std::string list(const PlayedDaemon::Handler &reply)
     {
         const PlayedDaemon daemon({CLIENT_EVENTS_SERVICE}, reply);
@@ -43,25 +43,25 @@ class ClientEvents : public BusTest
     sd_bus *client;
 };
 
-TEST_F(ClientEvents, AreMergedToOutputsInTheirOrder)
+TEST_F(ClientEvents, MergesEventsIntoSortedOutputs)
 {
     EXPECT_EQ(list([](sd_bus_message *call) {
                   return sd_bus_reply_method_return(
                       call, "a{oa{sa{sv}}}", 3, "/a/1", 1, CLIENT_EVENT_INTERFACE, 1, "Keys",
-                      "a{sv}", 6, KEYS, "s", "SonoBrik", "topic1", "s", "Playing", "AudioOutput",
+                      "a{sv}", 6, TOPIC, "s", "SonoBrik", "topic1", "s", "Playing", "AudioOutput",
                       "i", 3, "AudioDeviceId", "i", 2, "AudioOutputId", "i", 0, "Playing", "b", 0,
                       "/a/2", 2, "org.freedesktop.DBus.Peer", 0, CLIENT_EVENT_INTERFACE, 2,
-                      "StateKey", "s", "Playing", "Keys", "a{sv}", 6, KEYS, "s", "SonoBrik",
+                      "StateKey", "s", "Playing", "Keys", "a{sv}", 6, TOPIC, "s", "SonoBrik",
                       "topic1", "s", "Playing", "AudioOutput", "i", 1, "AudioDeviceId", "i", 0,
                       "AudioOutputId", "i", 0, "Playing", "b", 1, "/a/3", 1, CLIENT_EVENT_INTERFACE,
-                      1, "Keys", "a{sv}", 6, KEYS, "s", "SonoBrik", "topic1", "s",
+                      1, "Keys", "a{sv}", 6, TOPIC, "s", "SonoBrik", "topic1", "s",
                       "CurrentlyPlaying", "AudioOutput", "i", 1, "AudioDeviceId", "i", 0,
                       "AudioOutputId", "i", 0, "FileName", "s", "/x.wav");
               }),
               "0=0.0 plays /x.wav\n2=2.0 idle \n");
 }
 
-TEST_F(ClientEvents, OfOthersAndOfOtherTypesAreLeftOut)
+TEST_F(ClientEvents, SkipsOtherEventsAndInterfaces)
 {
     EXPECT_EQ(list([](sd_bus_message *call) {
                   return sd_bus_reply_method_return(
@@ -70,30 +70,30 @@ TEST_F(ClientEvents, OfOthersAndOfOtherTypesAreLeftOut)
                       "Keys", "a{sv}", 0, "/a/4", 0);
               }),
               std::to_string(CLIENT_ERROR_REPLY))
-        << "keys that are none are an answer that is none";
+        << "Keys of another type make the reply invalid";
     EXPECT_EQ(list([](sd_bus_message *call) {
                   return sd_bus_reply_method_return(
                       call, "a{oa{sa{sv}}}", 2, "/a/1", 1, CLIENT_EVENT_INTERFACE, 1, "Keys",
-                      "a{sv}", 2, KEYS, "s", "Weather", "topic1", "s", "Playing", "/a/2", 1,
-                      CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 2, KEYS, "i", 4, "topic1", "s",
+                      "a{sv}", 2, TOPIC, "s", "Weather", "topic1", "s", "Playing", "/a/2", 1,
+                      CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 2, TOPIC, "i", 4, "topic1", "s",
                       "Playing");
               }),
               "");
 }
 
-TEST_F(ClientEvents, WithOddValuesAreTakenAsFarAsTheyGo)
+TEST_F(ClientEvents, SkipsKeysOfUnexpectedType)
 {
     EXPECT_EQ(list([](sd_bus_message *call) {
                   return sd_bus_reply_method_return(
                       call, "a{oa{sa{sv}}}", 1, "/a/1", 1, CLIENT_EVENT_INTERFACE, 1, "Keys",
-                      "a{sv}", 6, KEYS, "s", "SonoBrik", "topic1", "s", "Playing", "AudioOutput",
+                      "a{sv}", 6, TOPIC, "s", "SonoBrik", "topic1", "s", "Playing", "AudioOutput",
                       "s", "one", "AudioDeviceId", "i", -5, "Playing", "i", 1, "Colour", "as", 1,
                       "red");
               }),
               "0=-5.0 idle \n");
 }
 
-TEST_F(ClientEvents, OfAnAnswerOfOtherTypesAreNone)
+TEST_F(ClientEvents, RejectsReplyOfUnexpectedType)
 {
     EXPECT_EQ(list([](sd_bus_message *call) { return sd_bus_reply_method_return(call, nullptr); }),
               std::to_string(CLIENT_ERROR_REPLY));
@@ -102,7 +102,7 @@ TEST_F(ClientEvents, OfAnAnswerOfOtherTypesAreNone)
         std::to_string(CLIENT_ERROR_REPLY));
 }
 
-TEST_F(ClientEvents, AreNotThereOnAnotherPlatform)
+TEST_F(ClientEvents, FailsIfThePlatformPublishesNoEvents)
 {
     g_autoptr(GError) error = nullptr;
     EXPECT_EQ(client_outputs_list(client, &error), nullptr);

@@ -16,11 +16,11 @@ TEST(CtlTerminal, CountsColumnsNotBytes)
 {
     EXPECT_EQ(ctl_terminal_width(""), 0);
     EXPECT_EQ(ctl_terminal_width("Tür"), 3);
-    EXPECT_EQ(ctl_terminal_width("u\xcc\x88"), 1); /* with a combining mark */
+    EXPECT_EQ(ctl_terminal_width("u\xcc\x88"), 1); /* combining diaeresis */
     EXPECT_EQ(ctl_terminal_width("鈴"), 2);
 }
 
-TEST(CtlTerminal, AlignsATableByWhatIsSeen)
+TEST(CtlTerminal, AlignsATableByColumnWidth)
 {
     const CtlTable table = {
         .is_right = {true, false, false},
@@ -31,7 +31,7 @@ TEST(CtlTerminal, AlignsATableByWhatIsSeen)
                             " 1  Tür\n");
 }
 
-TEST(CtlTerminal, EscapesWhatIsInATable)
+TEST(CtlTerminal, EscapesTheTextsOfATable)
 {
     const CtlTable table = {.is_right = {false, false}, .rows = {{"a\n", "b"}, {"\x1b", "c"}}};
     EXPECT_EQ(print(table), "a\\x0a  b\n\\x1b   c\n");

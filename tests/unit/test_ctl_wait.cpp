@@ -18,7 +18,7 @@ extern "C" {
 int __real_sd_bus_call_async(sd_bus *bus, sd_bus_slot **slot, sd_bus_message *call,
                              sd_bus_message_handler_t callback, void *data, uint64_t usec);
 
-/* Sees how long the code under test is ready to wait for the end of a clip. */
+/* Records the time-out with which the code under test calls PlayClip. */
 int __wrap_sd_bus_call_async(sd_bus *bus, sd_bus_slot **slot, sd_bus_message *call,
                              sd_bus_message_handler_t callback, void *data, uint64_t usec)
 {
@@ -43,7 +43,7 @@ class CtlWait : public BusTest
         sd_bus_flush_close_unref(client);
     }
 
-    /* Waits for a clip. Returns the signal, and "code: message" of the error. */
+    /* Waits for a clip. Returns the signal and "code: message" of the error, or "none". */
     std::string wait()
     {
         g_autoptr(GError) error = nullptr;
@@ -62,7 +62,7 @@ int answer_ok(sd_bus_message *call)
     return sd_bus_reply_method_return(call, "s", "OK");
 }
 
-TEST_F(CtlWait, HasNoLimit)
+TEST_F(CtlWait, WaitsWithoutLimit)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, answer_ok);
     play_timeout = 0;
@@ -78,7 +78,7 @@ TEST_F(CtlWait, PassesTheDaemonsErrorOn)
     EXPECT_EQ(wait(), "0 " + std::to_string(CLIENT_ERROR_METHOD) + ": no");
 }
 
-TEST_F(CtlWait, EndsWithTheBus)
+TEST_F(CtlWait, EndsWhenTheBusExits)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [this](sd_bus_message *) {
         bus.stop();

@@ -14,7 +14,7 @@ namespace
 
 constexpr const char *PLAIN = "text/plain; charset=utf-8";
 
-/* What every answer carries: it is of this moment, and of use on its own site only. */
+/* The headers of every answer: do not cache it, and do not let other sites use it. */
 constexpr const char *COMMON_HEADERS = "Cache-Control: no-store\r\n"
                                        "Vary: Origin, Referer, Sec-Fetch-Site\r\n"
                                        "X-Content-Type-Options: nosniff\r\n"
@@ -55,7 +55,7 @@ const char *find_phrase(int status)
     return "";
 }
 
-/* The headers that belong to a result, whatever the answer's kind is. */
+/* Returns the headers that a result needs in every kind of answer. */
 std::string list_headers(const CgiRequest &request, CgiResult result)
 {
     switch (result) {
@@ -68,18 +68,16 @@ std::string list_headers(const CgiRequest &request, CgiResult result)
     }
 }
 
-/* The outcome in one line. */
+/* Returns the outcome as one line of text. */
 std::string make_line(const CgiOutcome &outcome)
 {
-    const std::string text = cgi_outcome_describe(outcome);
-    g_autofree char *escaped = client_text_escape(text.c_str());
-    return std::string(escaped) + "\n";
+    return client_text_escape(cgi_outcome_describe(outcome)) + "\n";
 }
 
 CgiAnswer answer_text(const CgiRequest &request, const CgiOutcome &outcome)
 {
     return {
-        .status = cgi_result_tell(outcome.result)->status,
+        .status = cgi_result_get(outcome.result)->status,
         .content_type = PLAIN,
         .headers = NOTHING_ALLOWED + list_headers(request, outcome.result),
         .body = make_line(outcome),
@@ -93,11 +91,14 @@ void append_number(std::string *address, const char *key, gint64 value)
     }
 }
 
-/* Back to the page, which then tells the result and offers the same choices again, so that a reload
- * does nothing. The address is relative to the program's own, whatever that is. */
-CgiAnswer answer_page_form(const CgiRequest &request, const CgiOutcome &outcome)
+/*
+ * Redirects the browser to the page, which shows the result and keeps the chosen options. Reloading
+ * that page does not repeat the action. The address is relative, because the web server decides
+ * under which path the program runs.
+ */
+CgiAnswer redirect_to_page(const CgiRequest &request, const CgiOutcome &outcome)
 {
-    std::string address = std::string("?result=") + cgi_result_tell(outcome.result)->code;
+    std::string address = std::string("?result=") + cgi_result_get(outcome.result)->code;
     append_number(&address, "clip", request.clip);
     append_number(&address, "volume", request.volume);
     append_number(&address, "repeat", request.repeat);
@@ -115,7 +116,7 @@ CgiAnswer answer_page(const CgiRequest &request)
     CgiState state;
     const CgiOutcome outcome = cgi_daemon_read_state(&state);
     return {
-        .status = cgi_result_tell(outcome.result)->status,
+        .status = cgi_result_get(outcome.result)->status,
         .content_type = "text/html; charset=utf-8",
         .headers = cgi_page_policy() + list_headers(request, outcome.result),
         .body = cgi_page_make(request, state, outcome),
@@ -168,7 +169,7 @@ CgiAnswer cgi_answer_make(const CgiRequest &request, const CgiOutcome &outcome)
             break;
         }
     }
-    return request.is_from_page ? answer_page_form(request, result) : answer_text(request, result);
+    return request.is_from_page ? redirect_to_page(request, result) : answer_text(request, result);
 }
 
 std::string cgi_answer_format(const CgiAnswer &answer, bool with_body)

@@ -1,23 +1,23 @@
 #pragma once
 
-/* What goes back to the web server. */
+/* The response of the program to the web server. */
 
 #include <string>
 
 #include "cgi_request.h"
 
 struct CgiAnswer {
-    int status = 200; /* of HTTP */
+    int status = 200; /* HTTP status */
     std::string content_type;
-    std::string headers; /* further lines, each with its line end */
+    std::string headers; /* further header lines, each ending with CRLF */
     std::string body;
 };
 
 /*
- * Does what `request` asks for, unless `outcome` says that something is wrong with it, and returns
- * what to answer.
+ * Carries out `request` and returns the response. If `outcome`, the result of cgi_request_read(),
+ * is an error, does nothing and returns the response to that error.
  */
 CgiAnswer cgi_answer_make(const CgiRequest &request, const CgiOutcome &outcome);
 
-/* Returns the answer as a web server takes it from a program's standard output. */
+/* Returns the answer in the format that a CGI program prints to standard output. */
 std::string cgi_answer_format(const CgiAnswer &answer, bool with_body);

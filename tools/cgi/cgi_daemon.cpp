@@ -1,7 +1,6 @@
 #include "cgi_daemon.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -17,43 +16,48 @@
 namespace
 {
 
-std::string escape(const char *text)
+/* Returns true if a clip's file does not exist, as far as the web server's user can see. */
+bool is_file_missing(const char *location)
 {
-    g_autofree char *escaped = client_text_escape(text);
-    return escaped;
+    struct stat status;
+    if (*location == '\0') {
+        return true;
+    }
+    return stat(location, &status) != 0 && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
 }
 
-/* What the daemon's refusal of a play request means. */
-CgiOutcome judge_refusal(const char *text)
+/* Returns the outcome for an error of the daemon's own with this text. */
+CgiOutcome explain_method_error(std::string_view text)
 {
-    const std::string_view words = text;
-    if (words == "A clip is already playing.") {
+    if (text == CLIENT_TEXT_BUSY) {
         return {CGI_BUSY, ""};
     }
-    if (words.starts_with("Failed to parse/validate option string")) {
-        return {CGI_UNREADABLE, "The daemon refuses the options; is there such an output?"};
+    if (text.starts_with(CLIENT_TEXT_BAD_OPTIONS)) {
+        return {CGI_UNREADABLE, "The daemon rejected the options. Check that the output exists."};
     }
-    if (words.starts_with("No supported file(s) found at")) {
+    if (text.starts_with(CLIENT_TEXT_NO_FILE)) {
         return {CGI_UNPLAYABLE, ""};
     }
-    return {CGI_FAILED, words.empty() ? "" : "It says: " + escape(text)};
+    return {CGI_FAILED,
+            text.empty() ? "" : "Its error message: " + client_text_escape(std::string(text))};
 }
 
-/* What a failed call of `method` of the daemon means. */
-CgiOutcome judge(const GError *error, const char *method)
+/* Returns the outcome for a failed call of `method` of the daemon. */
+CgiOutcome explain_error(const GError *error, const char *method)
 {
     switch (static_cast<ClientErrorCode>(error->code)) {
     case CLIENT_ERROR_NO_BUS:
     case CLIENT_ERROR_NO_DAEMON:
         return {CGI_AWAY, ""};
     case CLIENT_ERROR_DENIED: {
-        g_autofree char *allowed = client_policy_describe(method);
-        return {CGI_DENIED, allowed ? "Allowed are: " + escape(allowed) + "." : ""};
+        const std::string allowed = client_policy_describe(method);
+        return {CGI_DENIED,
+                allowed.empty() ? "" : "Only " + client_text_escape(allowed) + " may do this."};
     }
     case CLIENT_ERROR_METHOD:
-        return judge_refusal(error->message);
+        return explain_method_error(error->message);
     case CLIENT_ERROR_ARGUMENT:
-        return {CGI_FAILED, "The bus cannot carry the name of the clip's file."};
+        return {CGI_FAILED, "The name of the clip's file cannot be sent over D-Bus."};
     case CLIENT_ERROR_NO_CLIP:
         return {CGI_NO_CLIP, ""};
     case CLIENT_ERROR_REPLY:
@@ -62,14 +66,14 @@ CgiOutcome judge(const GError *error, const char *method)
     return {CGI_REPLY, ""};
 }
 
-/* Calls a method that takes a text and answers "OK"; `success` is what then came of it. */
+/* Calls a method that takes a text and replies "OK". Returns `success` if it does. */
 CgiOutcome call(sd_bus *bus, const char *method, const char *text, CgiResult success)
 {
     g_autoptr(GError) error = nullptr;
     sd_bus_message *request = client_bus_new_call(bus, &CLIENT_SONOBRIK, method, &error, "s", text);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, request, &error);
     if (!answer) {
-        return judge(error, method);
+        return explain_error(error, method);
     }
     const char *word = nullptr;
     if (sd_bus_message_read(answer, "s", &word) < 0 || !g_str_equal(word, "OK")) {
@@ -79,12 +83,12 @@ CgiOutcome call(sd_bus *bus, const char *method, const char *text, CgiResult suc
 }
 
 /*
- * Whether the daemon plays the file of this name itself. Where it cannot, it takes a name with
- * wildcard characters for a set of files, and would play any of them.
+ * Returns an error if the daemon would play other files than the one of this name. It does that if
+ * the name contains wildcard characters and the file itself cannot be played.
  */
 CgiOutcome check_literal(sd_bus *bus, const char *location)
 {
-    if (!strpbrk(location, "*?")) {
+    if (!client_play_has_wildcards(location)) {
         return {};
     }
     CgiOutcome outcome = call(bus, "SupportedFile", location, CGI_OK);
@@ -93,32 +97,35 @@ CgiOutcome check_literal(sd_bus *bus, const char *location)
 
 CgiOutcome play(sd_bus *bus, const CgiRequest &request, const char *location)
 {
-    if (cgi_daemon_find_file(location) == CGI_FILE_GONE) {
+    if (is_file_missing(location)) {
         return {CGI_NO_FILE, ""};
     }
     CgiOutcome outcome = check_literal(bus, location);
     if (outcome.result == CGI_OK) {
-        ClientPlay options = {.location = location};
-        options.volume = request.volume;
-        options.repeat = request.repeat;
-        options.output = request.output;
+        const ClientPlay options = {
+            .location = location,
+            .volume = request.volume,
+            .repeat = request.repeat,
+            .output = request.output,
+        };
         g_autofree char *text = client_play_options(&options);
         outcome = call(bus, "StartPlayingClip", text, CGI_PLAYING);
     }
-    /* It may have gone since. */
-    if (outcome.result == CGI_UNPLAYABLE && cgi_daemon_find_file(location) == CGI_FILE_GONE) {
+    /* The file may have been deleted since the first check. */
+    if (outcome.result == CGI_UNPLAYABLE && is_file_missing(location)) {
         return {CGI_NO_FILE, ""};
     }
     return outcome;
 }
 
+/* The interface for a call that every service answers. */
 constexpr ClientInterface PEER = {
     .service = "com.vesk.Sonobrik",
     .object = "/com/vesk/Sonobrik",
     .interface = "org.freedesktop.DBus.Peer",
 };
 
-/* Whether the daemon answers at all; one that the bus can start is started by this. */
+/* Returns true if the daemon is not running. The bus starts it first if it can. */
 bool is_away(sd_bus *bus)
 {
     g_autoptr(GError) error = nullptr;
@@ -128,7 +135,7 @@ bool is_away(sd_bus *bus)
                        g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS));
 }
 
-/* Reads what plays now. It stays unknown where the platform keeps no events, or none like these. */
+/* Reads what is playing. It stays unknown if the platform publishes no event objects. */
 void read_now(sd_bus *bus, CgiNow *now)
 {
     g_autoptr(GError) error = nullptr;
@@ -136,11 +143,15 @@ void read_now(sd_bus *bus, CgiNow *now)
     now->is_known = outputs && outputs->len > 0;
     for (guint i = 0; outputs && i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        now->outputs.push_back({output->output, output->playing, output->file_name});
+        now->outputs.push_back({
+            .number = output->output,
+            .playing = output->playing,
+            .file = output->file_name,
+        });
     }
 }
 
-/* Lists the clips; without what their files hold if the daemon cannot tell that. */
+/* Lists the clips, without metadata if the daemon fails to read it. */
 GPtrArray *list_clips(sd_bus *bus, GError **error)
 {
     g_autoptr(GError) failure = nullptr;
@@ -162,7 +173,7 @@ CgiOutcome cgi_daemon_play(const CgiRequest &request)
     g_autoptr(sd_bus) bus = client_bus_open(&error);
     g_autoptr(GPtrArray) clips = bus ? client_clips_list(bus, false, &error) : nullptr;
     if (!clips) {
-        return judge(error, "StartPlayingClip");
+        return explain_error(error, "StartPlayingClip");
     }
     const ClientClip *clip = client_clips_get(clips, request.clip);
     return clip ? play(bus, request, clip->location) : CgiOutcome{CGI_NO_CLIP, ""};
@@ -172,18 +183,8 @@ CgiOutcome cgi_daemon_stop()
 {
     g_autoptr(GError) error = nullptr;
     g_autoptr(sd_bus) bus = client_bus_open(&error);
-    return bus ? call(bus, "StopPlayingClip", "", CGI_STOPPED) : judge(error, "StopPlayingClip");
-}
-
-CgiFile cgi_daemon_find_file(const char *location)
-{
-    struct stat status;
-    if (*location == '\0') {
-        return CGI_FILE_GONE;
-    }
-    const bool is_gone =
-        stat(location, &status) != 0 && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
-    return is_gone ? CGI_FILE_GONE : CGI_FILE_THERE;
+    return bus ? call(bus, "StopPlayingClip", "", CGI_STOPPED)
+               : explain_error(error, "StopPlayingClip");
 }
 
 CgiOutcome cgi_daemon_read_now(CgiNow *now)
@@ -191,7 +192,7 @@ CgiOutcome cgi_daemon_read_now(CgiNow *now)
     g_autoptr(GError) error = nullptr;
     g_autoptr(sd_bus) bus = client_bus_open(&error);
     if (!bus) {
-        return judge(error, "StartPlayingClip");
+        return explain_error(error, "StartPlayingClip");
     }
     read_now(bus, now);
     return {!now->is_known && is_away(bus) ? CGI_AWAY : CGI_OK, ""};
@@ -203,7 +204,7 @@ CgiOutcome cgi_daemon_read_state(CgiState *state)
     g_autoptr(sd_bus) bus = client_bus_open(&error);
     g_autoptr(GPtrArray) clips = bus ? list_clips(bus, &error) : nullptr;
     if (!clips) {
-        return judge(error, "StartPlayingClip");
+        return explain_error(error, "StartPlayingClip");
     }
     read_now(bus, &state->now);
     for (guint i = 0; i < clips->len; i++) {
@@ -213,7 +214,7 @@ CgiOutcome cgi_daemon_read_state(CgiState *state)
             .name = clip->name,
             .location = clip->location,
             .duration_ms = clip->duration_ms,
-            .file = cgi_daemon_find_file(clip->location),
+            .is_file_missing = is_file_missing(clip->location),
         });
     }
     return {};
@@ -225,12 +226,12 @@ std::string cgi_now_describe(const CgiNow &now)
     for (const CgiOutput &output : now.outputs) {
         if (output.playing) {
             g_autofree char *name = g_path_get_basename(output.file.c_str());
-            text += (text.empty() ? "" : " ") + escape(name) + " plays on output " +
-                    std::to_string(output.number) + ".";
+            text += (text.empty() ? "" : " ") + client_text_escape(name) +
+                    " is playing on output " + std::to_string(output.number) + ".";
         }
     }
     if (!text.empty()) {
         return text;
     }
-    return now.is_known ? "Nothing plays now." : "What plays now is not known on this device.";
+    return now.is_known ? "Nothing is playing." : "This device does not report what is playing.";
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-/* What a request has the daemon do. Each opens a connection of its own. */
+/* The calls to the daemon. Each function opens its own connection to the bus. */
 
 #include <glib.h>
 #include <string>
@@ -9,54 +9,46 @@
 #include "cgi_request.h"
 #include "cgi_result.h"
 
-/* Plays the file of the clip that the request names, and no other file; answers when it plays. */
+/* Starts the clip with the requested number. Plays that clip's file and no other file. Returns when
+ * the clip is playing. */
 CgiOutcome cgi_daemon_play(const CgiRequest &request);
 
-/* Stops what plays, if anything does. */
+/* Stops playback. Succeeds if nothing is playing. */
 CgiOutcome cgi_daemon_stop();
-
-/* Whether a clip's file is there, as far as the web server's user can see. */
-enum CgiFile {
-    CGI_FILE_THERE, /* or not to be seen by this user */
-    CGI_FILE_GONE,
-};
-
-/* Looks for the file at `location`, a clip's. */
-CgiFile cgi_daemon_find_file(const char *location);
 
 /* A stored clip. */
 struct CgiClip {
     gint32 number;
-    std::string name;     /* empty if it has none */
-    std::string location; /* empty if it has no file */
-    gint64 duration_ms;   /* negative if it is not known */
-    CgiFile file;
+    std::string name;     /* empty if the clip has no name */
+    std::string location; /* empty if the clip has no file */
+    gint64 duration_ms;   /* negative if unknown */
+    bool is_file_missing; /* false if the web server's user cannot find out */
 };
 
 /* An audio output. */
 struct CgiOutput {
-    gint32 number; /* as `audiooutput` names it */
+    gint32 number; /* the `audiooutput` of a play request */
     bool playing;
-    std::string file; /* path of what plays or played last; empty if nothing did */
+    std::string file; /* path of the current or last file; empty if there was none */
 };
 
-/* The outputs and what plays on them. */
+/* The outputs and what is playing on them. */
 struct CgiNow {
-    bool is_known = false; /* false: the platform keeps no events on the bus */
+    bool is_known = false; /* false if the platform publishes no event objects */
     std::vector<CgiOutput> outputs;
 };
 
-/* What the page shows. */
+/* The content of the page. */
 struct CgiState {
     std::vector<CgiClip> clips; /* sorted by number */
     CgiNow now;
 };
 
-/* Asks for what plays now. */
+/* Reads what is playing. */
 CgiOutcome cgi_daemon_read_now(CgiNow *now);
 
-/* Asks for all that the page shows; what the clips' files hold may take 5 s for each new clip. */
+/* Reads the content of the page. The daemon probes new clips first, which takes up to 5 s each. */
 CgiOutcome cgi_daemon_read_state(CgiState *state);
 
-/* Returns what plays now in a sentence for people. */
+/* Returns a sentence for users that says what is playing. */
 std::string cgi_now_describe(const CgiNow &now);

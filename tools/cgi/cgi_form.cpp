@@ -1,32 +1,28 @@
 #include "cgi_form.h"
 
+#include <algorithm>
 #include <glib.h>
 
 namespace
 {
 
-/* Appends what `text` stands for to `plain`. */
-bool unescape(std::string_view text, std::string *plain, std::string *why)
+bool unescape(std::string text, std::string *plain, std::string *why)
 {
-    for (size_t i = 0; i < text.size(); i++) {
-        if (text[i] != '%') {
-            plain->push_back(text[i] == '+' ? ' ' : text[i]);
-            continue;
-        }
-        if (i + 2 >= text.size() || !g_ascii_isxdigit(text[i + 1]) ||
-            !g_ascii_isxdigit(text[i + 2])) {
-            *why = "a '%' without two hexadecimal digits after it";
-            return false;
-        }
-        plain->push_back(static_cast<char>(g_ascii_xdigit_value(text[i + 1]) << 4 |
-                                           g_ascii_xdigit_value(text[i + 2])));
-        i += 2;
-    }
-    /* Refuses a zero byte too, since the length is given. */
-    if (!g_utf8_validate(plain->data(), static_cast<gssize>(plain->size()), nullptr)) {
-        *why = "something that is not UTF-8 text";
+    std::ranges::replace(text, '+', ' ');
+    g_autoptr(GBytes) bytes =
+        g_uri_unescape_bytes(text.data(), static_cast<gssize>(text.size()), nullptr, nullptr);
+    if (!bytes) {
+        *why = "A '%' is not followed by two hexadecimal digits.";
         return false;
     }
+    gsize size = 0;
+    const auto *data = static_cast<const char *>(g_bytes_get_data(bytes, &size));
+    /* With a given size, g_utf8_validate() also rejects NUL bytes. */
+    if (size > 0 && !g_utf8_validate(data, static_cast<gssize>(size), nullptr)) {
+        *why = "A parameter is not valid UTF-8 text.";
+        return false;
+    }
+    plain->assign(data ? data : "", size);
     return true;
 }
 
@@ -35,14 +31,15 @@ bool add_pair(CgiForm *form, std::string_view pair, std::string *why)
     const size_t equals = pair.find('=');
     std::string key;
     std::string value;
-    if (!unescape(pair.substr(0, equals), &key, why)) {
+    if (!unescape(std::string(pair.substr(0, equals)), &key, why)) {
         return false;
     }
-    if (equals != std::string_view::npos && !unescape(pair.substr(equals + 1), &value, why)) {
+    if (equals != std::string_view::npos &&
+        !unescape(std::string(pair.substr(equals + 1)), &value, why)) {
         return false;
     }
     if (!form->emplace(key, value).second) {
-        *why = "'" + key + "' twice";
+        *why = "Parameter '" + key + "' is given twice.";
         return false;
     }
     return true;

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The pairs of an HTML form, as a query or a body carries them. */
+/* The parameters of a request, from the query and from the body of an HTML form. */
 
 #include <map>
 #include <string>
@@ -10,12 +10,12 @@
 using CgiForm = std::map<std::string, std::string, std::less<>>;
 
 /*
- * Adds the pairs of `text`, "key=value&key=value" with %XX and "+" for a space, to `form`. Empty
- * pairs are skipped. Returns false, with what is wrong in `why`, for a broken escape, a zero byte,
- * text that is not UTF-8, and a key that `form` has already: a guess at the one that was meant
- * could be wrong. `form` then holds the pairs before that.
+ * Parses `text`, such as "key=value&key=value" with %XX escapes and "+" for a space, and adds the
+ * pairs to `form`. Skips empty pairs. Returns false and sets `why` to a sentence for users if there
+ * is an invalid escape, a NUL byte, invalid UTF-8, or a key that `form` already contains: either of
+ * its values could be the intended one. `form` then contains the pairs up to the error.
  */
 bool cgi_form_read(CgiForm *form, std::string_view text, std::string *why);
 
-/* Returns the value of `key`, empty if there is none. It lives as long as `form`. */
+/* Returns the value of `key`, or an empty string. The result is valid as long as `form`. */
 std::string_view cgi_form_get(const CgiForm &form, std::string_view key);

@@ -6,37 +6,34 @@
 namespace
 {
 
-/* Returns "host:port" of an address in lower case, without the scheme's own port; empty if it is
- * none, such as "null". */
-std::string find_authority(std::string_view address)
+/* Returns "host port" of an address, in lower case and with the port filled in, or an empty string
+ * if the address has no host ("null", "about:blank"). */
+std::string normalise_authority(const std::string &address)
 {
-    const size_t colon = address.find("://");
-    if (colon == std::string_view::npos) {
+    constexpr int HTTP_PORT = 80;
+    constexpr int HTTPS_PORT = 443;
+    g_autofree char *scheme = nullptr;
+    g_autofree char *host = nullptr;
+    int port = -1;
+    if (!g_uri_split_network(address.c_str(), G_URI_FLAGS_NONE, &scheme, &host, &port, nullptr) ||
+        !host || *host == '\0') {
         return "";
     }
-    const std::string_view scheme = address.substr(0, colon);
-    address.remove_prefix(colon + 3);
-    address = address.substr(0, address.find_first_of("/?#"));
-    /* A name before an "@" is not the host. */
-    const size_t at = address.rfind('@');
-    if (at != std::string_view::npos) {
-        address.remove_prefix(at + 1);
+    if (port < 0) {
+        port = g_str_equal(scheme, "https") ? HTTPS_PORT : HTTP_PORT;
     }
-    const std::string_view port = scheme == "https" ? ":443" : ":80";
-    if (address.ends_with(port)) {
-        address.remove_suffix(port.size());
-    }
-    g_autofree char *lower = g_ascii_strdown(address.data(), static_cast<gssize>(address.size()));
-    return lower;
+    g_autofree char *lower = g_ascii_strdown(host, -1);
+    return std::string(lower) + " " + std::to_string(port);
 }
 
 bool is_same_host(std::string_view address, std::string_view host)
 {
-    /* The scheme of the request itself is not known behind a proxy, so that of the address tells
-     * which port may be left out. */
+    /* Behind a proxy, the scheme of the request is unknown, so the default port is that of the
+     * address's scheme. */
     const std::string scheme(address.substr(0, address.find("://")));
-    const std::string authority = find_authority(address);
-    return !authority.empty() && authority == find_authority(scheme + "://" + std::string(host));
+    const std::string authority = normalise_authority(std::string(address));
+    return !authority.empty() &&
+           authority == normalise_authority(scheme + "://" + std::string(host));
 }
 
 } // namespace

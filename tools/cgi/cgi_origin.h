@@ -1,19 +1,19 @@
 #pragma once
 
-/* Whether a request comes from a page of another site. */
+/* Detection of requests that a page of another site sends. */
 
 #include <string_view>
 
-/* What the request's headers say of where it comes from; empty where a header is missing. */
+/* The request headers that show where a request comes from. A missing header is empty. */
 struct CgiOrigin {
     std::string_view host;       /* Host */
-    std::string_view fetch_site; /* Sec-Fetch-Site, of browsers on an encrypted connection */
-    std::string_view origin;     /* Origin, of browsers with a POST */
-    std::string_view referer;    /* Referer, unless the other site keeps it back */
+    std::string_view fetch_site; /* Sec-Fetch-Site; browsers send it over TLS and to localhost */
+    std::string_view origin;     /* Origin; browsers send it with POST */
+    std::string_view referer;    /* Referer; another site can suppress it */
 };
 
 /*
- * True if any of them tells of another site. A program, such as curl or the device's own controls,
- * sends none of them.
+ * Returns true if any of the headers names another site. Programs such as curl or the on-screen
+ * controls send none of them, so their requests are not foreign.
  */
 bool cgi_origin_is_foreign(const CgiOrigin &origin);

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "cgi_template.h"
+#include "client_clips.h"
 #include "client_text.h"
 #include "page_template.h"
 
@@ -13,7 +14,6 @@ namespace
 {
 
 constexpr gint64 DEFAULT_VOLUME = 100;
-constexpr gint32 OUTPUT_COUNT = 6; /* of a request; which there are is known from the events */
 
 struct Repeat {
     gint64 value;
@@ -28,28 +28,16 @@ constexpr std::array<Repeat, 5> REPEATS = {{
     {-1, "until stopped"},
 }};
 
-/* What a section takes to be shown once, or not at all. */
+/* Returns the values for a section that is shown once or not at all. */
 std::vector<CgiValues> show_if(bool condition)
 {
     return std::vector<CgiValues>(condition ? 1 : 0);
 }
 
-std::string escape(const std::string &text)
+std::string get_title(const CgiClip &clip)
 {
-    g_autofree char *escaped = client_text_escape(text.c_str());
-    return escaped;
-}
-
-/* The path as people need it: those of the clips' own folder without that. */
-std::string shorten(const std::string &location)
-{
-    constexpr std::string_view FOLDER = "/etc/audioclips/";
-    return escape(location.starts_with(FOLDER) ? location.substr(FOLDER.size()) : location);
-}
-
-std::string name_clip(const CgiClip &clip)
-{
-    return clip.name.empty() ? "Clip " + std::to_string(clip.number) : escape(clip.name);
+    return clip.name.empty() ? "Clip " + std::to_string(clip.number)
+                             : client_text_escape(clip.name);
 }
 
 bool is_playing(const CgiClip &clip, const CgiNow &now)
@@ -66,22 +54,22 @@ bool plays_anything(const CgiNow &now)
 
 CgiValues describe_clip(const CgiClip &clip, const CgiNow &now)
 {
-    const bool is_gone = clip.file == CGI_FILE_GONE;
     const bool has_length = clip.duration_ms >= 0;
-    g_autofree char *length = client_text_duration(clip.duration_ms);
     CgiValues values;
     values.texts = {
         {"number", std::to_string(clip.number)},
-        {"name", name_clip(clip)},
+        {"name", get_title(clip)},
         {"location", clip.location},
-        {"file", clip.location.empty() ? "no file" : shorten(clip.location)},
-        {"length", length},
+        {"file", clip.location.empty()
+                     ? "no file"
+                     : client_text_escape(client_clips_relative(clip.location.c_str()))},
+        {"length", client_text_duration(clip.duration_ms)},
         {"state", is_playing(clip, now) ? "playing" : ""},
     };
     values.sections = {
-        {"has_length", show_if(has_length && !is_gone)},
-        {"no_length", show_if(!has_length && !is_gone)},
-        {"gone", show_if(is_gone)},
+        {"has_length", show_if(has_length && !clip.is_file_missing)},
+        {"no_length", show_if(!has_length && !clip.is_file_missing)},
+        {"missing", show_if(clip.is_file_missing)},
     };
     return values;
 }
@@ -97,8 +85,8 @@ CgiValues make_choice(const std::string &value, const std::string &text, bool is
 std::vector<CgiValues> list_outputs(const CgiRequest &request, const CgiNow &now)
 {
     std::vector<CgiValues> choices = {
-        make_choice("", "first output", request.output == CLIENT_NOT_GIVEN)};
-    for (gint32 number = 0; number < OUTPUT_COUNT; number++) {
+        make_choice("", "default output", request.output == CLIENT_NOT_GIVEN)};
+    for (gint32 number = 0; number <= CLIENT_MAX_OUTPUT; number++) {
         bool is_there = !now.is_known;
         for (const CgiOutput &output : now.outputs) {
             is_there |= output.number == number;
@@ -122,22 +110,22 @@ std::vector<CgiValues> list_repeats(const CgiRequest &request)
     return choices;
 }
 
-/* The result that the page was called with, as a sentence; empty for none that is known. */
-std::string tell_result(const CgiRequest &request, const CgiState &state)
+/* Returns a sentence about the result that the request names; empty if it is unknown. */
+std::string describe_result(const CgiRequest &request, const CgiState &state)
 {
-    const CgiTelling *telling = cgi_result_find(request.result);
-    if (!telling || telling->result == CGI_OK) {
+    const CgiResultInfo *info = cgi_result_find(request.result);
+    if (!info || info->result == CGI_OK) {
         return "";
     }
     for (const CgiClip &clip : state.clips) {
-        if (telling->result == CGI_PLAYING && clip.number == request.clip) {
-            return "Started " + name_clip(clip) + ".";
+        if (info->result == CGI_PLAYING && clip.number == request.clip) {
+            return "Started " + get_title(clip) + ".";
         }
     }
-    return telling->text;
+    return info->text;
 }
 
-/* The content of the template's only element of this kind. */
+/* Returns the content of an element that the template contains once. */
 std::string_view find_element(std::string_view tag)
 {
     const std::string opening = "<" + std::string(tag) + ">";
@@ -146,7 +134,7 @@ std::string_view find_element(std::string_view tag)
     return PAGE_TEMPLATE.substr(begin, PAGE_TEMPLATE.find(closing, begin) - begin);
 }
 
-/* Names an element's content in a content security policy. */
+/* Returns the hash by which a Content-Security-Policy allows an element's content. */
 std::string make_hash(std::string_view content)
 {
     g_autoptr(GChecksum) checksum = g_checksum_new(G_CHECKSUM_SHA256);
@@ -164,10 +152,10 @@ std::string make_hash(std::string_view content)
 std::string cgi_page_make(const CgiRequest &request, const CgiState &state,
                           const CgiOutcome &outcome)
 {
-    const bool is_well = outcome.result == CGI_OK;
-    const std::string result = is_well ? tell_result(request, state) : "";
-    const bool is_good = request.result == cgi_result_tell(CGI_PLAYING)->code ||
-                         request.result == cgi_result_tell(CGI_STOPPED)->code;
+    const bool is_ok = outcome.result == CGI_OK;
+    const std::string result = is_ok ? describe_result(request, state) : "";
+    const bool is_good = request.result == cgi_result_get(CGI_PLAYING)->code ||
+                         request.result == cgi_result_get(CGI_STOPPED)->code;
     const gint64 volume = request.volume == CLIENT_NOT_GIVEN ? DEFAULT_VOLUME : request.volume;
     CgiValues values;
     values.texts = {
@@ -176,15 +164,15 @@ std::string cgi_page_make(const CgiRequest &request, const CgiState &state,
         {"result", result},
         {"result_kind", result.empty() || is_good ? "" : "bad"},
         {"volume", std::to_string(volume)},
-        {"trouble", cgi_outcome_describe(outcome)},
+        {"error", cgi_outcome_describe(outcome)},
     };
     values.sections = {
-        {"is_well", show_if(is_well)},
-        {"is_trouble", show_if(!is_well)},
-        {"is_empty", show_if(is_well && state.clips.empty())},
+        {"is_ok", show_if(is_ok)},
+        {"is_error", show_if(!is_ok)},
+        {"is_empty", show_if(is_ok && state.clips.empty())},
         {"outputs", list_outputs(request, state.now)},
         {"repeats", list_repeats(request)},
-        {"has_clips", show_if(is_well && !state.clips.empty())},
+        {"has_clips", show_if(is_ok && !state.clips.empty())},
     };
     for (const CgiClip &clip : state.clips) {
         values.sections["clips"].push_back(describe_clip(clip, state.now));

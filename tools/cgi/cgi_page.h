@@ -1,17 +1,17 @@
 #pragma once
 
-/* The page for people. */
+/* The page for users. */
 
 #include <string>
 
 #include "cgi_daemon.h"
 
 /*
- * Returns the page: the clips of `state` or, if `outcome` is no CGI_OK, why there are none. What
- * `request` chose is chosen again, and the result that it names is told.
+ * Returns the page. Shows the clips of `state` or, if `outcome` is not CGI_OK, the error. Also
+ * shows the result that `request` names, and preselects the options that `request` contains.
  */
 std::string cgi_page_make(const CgiRequest &request, const CgiState &state,
                           const CgiOutcome &outcome);
 
-/* Returns the header lines with what the page may do: its own style and script, and no other. */
+/* Returns the Content-Security-Policy header, which allows only the page's own style and script. */
 std::string cgi_page_policy();

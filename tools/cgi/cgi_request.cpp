@@ -13,7 +13,7 @@
 namespace
 {
 
-/* How long the web server may keep a part of the body back; servers send it whole. */
+/* How long to wait for each part of the body. Web servers usually send the body at once. */
 constexpr int BODY_TIMEOUT_MS = 10000;
 
 struct Number {
@@ -24,10 +24,10 @@ struct Number {
 };
 
 constexpr std::array<Number, 4> NUMBERS = {{
-    {"clip", &CgiRequest::clip, 0, G_MAXINT32},
-    {"volume", &CgiRequest::volume, 0, 1000},
-    {"repeat", &CgiRequest::repeat, -1, G_MAXINT32},
-    {"audiooutput", &CgiRequest::output, 0, 5},
+    {.key = "clip", .place = &CgiRequest::clip, .min = 0, .max = G_MAXINT32},
+    {.key = "volume", .place = &CgiRequest::volume, .min = 0, .max = CLIENT_MAX_VOLUME},
+    {.key = "repeat", .place = &CgiRequest::repeat, .min = -1, .max = G_MAXINT32},
+    {.key = "audiooutput", .place = &CgiRequest::output, .min = 0, .max = CLIENT_MAX_OUTPUT},
 }};
 
 struct Action {
@@ -53,7 +53,7 @@ CgiOutcome unreadable(const std::string &why)
     return {CGI_UNREADABLE, why};
 }
 
-/* Takes the number as the daemon's own texts write it: no sign but '-', no leading zero. */
+/* Reads a decimal number without leading zeros and without a sign other than '-'. */
 bool read_number(std::string_view text, gint64 *value)
 {
     const char *end = text.data() + text.size();
@@ -70,9 +70,9 @@ CgiOutcome read_length(size_t *length)
         return {};
     }
     if (text.find_first_not_of("0123456789") != std::string_view::npos) {
-        return unreadable("CONTENT_LENGTH is no number.");
+        return unreadable("CONTENT_LENGTH is not a number.");
     }
-    /* A number with more digits than fit is too large as well. */
+    /* read_number() also fails if the number is too large for a gint64. */
     if (!read_number(text, &value) || value > static_cast<gint64>(CGI_REQUEST_MAX)) {
         return {CGI_TOO_LARGE, ""};
     }
@@ -102,7 +102,7 @@ CgiOutcome read_body(int fd, std::string *body)
             continue;
         }
         if (r <= 0) {
-            return unreadable("Its body ends too early.");
+            return unreadable("The body is shorter than CONTENT_LENGTH.");
         }
         done += static_cast<size_t>(r);
     }
@@ -117,7 +117,7 @@ CgiOutcome read_form(CgiForm *form, int body_fd, bool has_body)
         return {CGI_TOO_LARGE, ""};
     }
     if (!cgi_form_read(form, query, &why)) {
-        return unreadable("It has " + why + ".");
+        return unreadable(why);
     }
     if (!has_body) {
         return {};
@@ -125,7 +125,7 @@ CgiOutcome read_form(CgiForm *form, int body_fd, bool has_body)
     std::string body;
     CgiOutcome outcome = read_body(body_fd, &body);
     if (outcome.result == CGI_OK && !cgi_form_read(form, body, &why)) {
-        outcome = unreadable("It has " + why + ".");
+        outcome = unreadable(why);
     }
     return outcome;
 }
@@ -133,7 +133,7 @@ CgiOutcome read_form(CgiForm *form, int body_fd, bool has_body)
 CgiOutcome take_number(CgiRequest *request, const Number &number, std::string_view text)
 {
     if (text.empty()) {
-        return {}; /* a field that was left empty */
+        return {}; /* an empty form field */
     }
     gint64 value = 0;
     if (!read_number(text, &value) || value < number.min || value > number.max) {
@@ -144,7 +144,7 @@ CgiOutcome take_number(CgiRequest *request, const Number &number, std::string_vi
     return {};
 }
 
-/* Takes one pair; a key that is not known could be a misspelt volume. */
+/* Stores one parameter. Rejects unknown keys, which could be misspelt options such as "volum". */
 CgiOutcome take_pair(CgiRequest *request, std::string_view key, std::string_view value)
 {
     for (const Number &number : NUMBERS) {
@@ -159,7 +159,7 @@ CgiOutcome take_pair(CgiRequest *request, std::string_view key, std::string_view
                 return {};
             }
         }
-        return unreadable("'action' is not play, stop or status.");
+        return unreadable("'action' must be play, stop or status.");
     }
     if (key == "result") {
         request->result = value;
@@ -168,10 +168,10 @@ CgiOutcome take_pair(CgiRequest *request, std::string_view key, std::string_view
     if (key == "page") {
         return {};
     }
-    return unreadable("'" + std::string(key) + "' is no parameter of it.");
+    return unreadable("Unknown parameter '" + std::string(key) + "'.");
 }
 
-bool does_something(const CgiRequest &request)
+bool changes_playback(const CgiRequest &request)
 {
     return request.action == CGI_PLAY || request.action == CGI_STOP;
 }
@@ -185,7 +185,7 @@ CgiOutcome take_form(CgiRequest *request, const CgiForm &form)
         }
     }
     if (request->action == CGI_PLAY && request->clip == CLIENT_NOT_GIVEN) {
-        return unreadable("'clip' is missing.");
+        return unreadable("Parameter 'clip' is missing.");
     }
     return {};
 }
@@ -198,7 +198,8 @@ CgiOutcome check_origin(const CgiForm &form)
         .origin = get_variable("HTTP_ORIGIN"),
         .referer = get_variable("HTTP_REFERER"),
     };
-    /* Whatever the action is: what another site may not do, it may not try either. */
+    /* Another site may link to the page, but may not request any action, not even an unknown one.
+     */
     if (cgi_form_get(form, "action").empty()) {
         return {};
     }
@@ -221,7 +222,7 @@ CgiOutcome cgi_request_read(CgiRequest *request, int body_fd)
     const std::string_view method = get_variable("REQUEST_METHOD");
     request->is_head = method == "HEAD";
     if (method.empty()) {
-        return unreadable("A web server runs this program, with a REQUEST_METHOD.");
+        return unreadable("REQUEST_METHOD is not set: this program must be run by a web server.");
     }
     if (method != "GET" && method != "POST" && !request->is_head) {
         return {CGI_METHOD, ""};
@@ -236,7 +237,7 @@ CgiOutcome cgi_request_read(CgiRequest *request, int body_fd)
     }
     request->is_from_page = method == "POST" && cgi_form_get(form, "page") == "1";
     outcome = take_form(request, form);
-    if (outcome.result == CGI_OK && request->is_head && does_something(*request)) {
+    if (outcome.result == CGI_OK && request->is_head && changes_playback(*request)) {
         return {CGI_METHOD, ""};
     }
     return outcome;

@@ -1,6 +1,6 @@
 #pragma once
 
-/* What a web server's request asks for, read from the environment and the standard input. */
+/* The request of the web server, read from the environment and from standard input. */
 
 #include <glib.h>
 #include <string>
@@ -17,21 +17,21 @@ enum CgiAction {
 
 struct CgiRequest {
     CgiAction action = CGI_SHOW_PAGE;
-    bool is_head = false;      /* wants no body, and nothing done */
-    bool is_from_page = false; /* of the page's own forms: answered by going back to the page */
-    std::string result;        /* code of the result that the page shall tell; empty for none */
+    bool is_head = false;      /* HEAD: no body is sent and nothing is done */
+    bool is_from_page = false; /* sent by a form of the page; the answer redirects to the page */
+    std::string result;        /* code of the result that the page shows; empty if none */
     gint64 clip = CLIENT_NOT_GIVEN;
-    gint64 volume = CLIENT_NOT_GIVEN; /* these three as ClientPlay has them, in their ranges */
+    gint64 volume = CLIENT_NOT_GIVEN; /* this and the next two are those of ClientPlay, in range */
     gint64 repeat = CLIENT_NOT_GIVEN;
     gint64 output = CLIENT_NOT_GIVEN;
 };
 
-/* The most bytes of a query and of a body that are read. */
+/* The maximum size of a query and of a body, in bytes. */
 constexpr size_t CGI_REQUEST_MAX = 8192;
 
 /*
- * Reads the request of this process's environment, and the body of a POST from `body_fd`. Returns
- * CGI_OK or what is wrong with it; `is_head` and `is_from_page` are as far as they are known then.
- * A request to do something that does not come from a person on this site is among what is wrong.
+ * Reads the request from the environment, and the body of a POST from `body_fd`. Returns CGI_OK, or
+ * what is wrong: an invalid request, an action that another site requests, or a prefetched action.
+ * Sets `is_head` and `is_from_page` as far as the request could be read.
  */
 CgiOutcome cgi_request_read(CgiRequest *request, int body_fd);

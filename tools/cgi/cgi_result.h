@@ -1,12 +1,12 @@
 #pragma once
 
-/* What may come of a request, and how it is told. */
+/* The possible results of a request, and their texts. */
 
 #include <string>
 #include <string_view>
 
 enum CgiResult {
-    CGI_OK, /* nothing is wrong so far */
+    CGI_OK, /* no error so far */
     CGI_PLAYING,
     CGI_STOPPED,
     CGI_UNREADABLE,
@@ -25,24 +25,25 @@ enum CgiResult {
     CGI_AWAY,
 };
 
-/* A result, and what is known of it beyond that: sentences for people, not escaped for HTML. */
+/* A result with its details. */
 struct CgiOutcome {
     CgiResult result = CGI_OK;
-    std::string detail;
+    std::string detail; /* further sentences for users, not escaped for HTML; may be empty */
 };
 
-/* How a result is told. */
-struct CgiTelling {
+/* How a result is presented. */
+struct CgiResultInfo {
     CgiResult result;
-    const char *code; /* names it in the page's address */
-    int status;       /* of HTTP */
-    const char *text; /* a sentence for people */
+    const char *code; /* the value of "result" in the page's address */
+    int status;       /* HTTP status */
+    const char *text; /* a sentence for users */
 };
 
-const CgiTelling *cgi_result_tell(CgiResult result);
+/* Returns how `result` is presented. */
+const CgiResultInfo *cgi_result_get(CgiResult result);
 
-/* Returns the telling with this code, or null. */
-const CgiTelling *cgi_result_find(std::string_view code);
+/* Returns the result with this code, or null. */
+const CgiResultInfo *cgi_result_find(std::string_view code);
 
-/* Returns the sentence, and what is known beyond it. */
+/* Returns the sentence of the result, followed by the details. */
 std::string cgi_outcome_describe(const CgiOutcome &outcome);

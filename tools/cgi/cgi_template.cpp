@@ -3,7 +3,7 @@
 namespace
 {
 
-/* The values of a section and of those around it, the innermost first. */
+/* The values of a section, linked to those of the enclosing section. */
 struct Scope {
     const CgiValues &values;
     const Scope *outer;
@@ -68,6 +68,8 @@ std::string cgi_template_fill(std::string_view text, const CgiValues &values)
     return page;
 }
 
+/* g_markup_escape_text() is no replacement: it writes U+009B as "&#x9b;", and HTML defines that as
+ * a different character. */
 std::string cgi_template_escape(std::string_view text)
 {
     std::string escaped;

@@ -5,8 +5,8 @@
 #include "cgi_answer.h"
 
 /*
- * A CGI/1.1 program: plays and stops the stored clips, and shows the page from which people do. It
- * has no state; docs/web.md has its parameters and answers.
+ * A CGI/1.1 program that plays and stops the stored clips and serves a page with buttons for that.
+ * It keeps no state between requests. docs/web.md describes its parameters and answers.
  */
 int main()
 {

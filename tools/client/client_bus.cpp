@@ -26,9 +26,9 @@ G_DEFINE_QUARK(sonobrik - client - error, client_error)
 namespace
 {
 
-/* What the bus or the service manager says in the daemon's place. A bus error ends with its name, a
- * family of errors with a dot. */
-constexpr std::array<std::string_view, 7> AWAY = {
+/* The errors that the bus or systemd sends when the daemon is not running. An entry that ends with
+ * a dot matches all errors with that prefix. */
+constexpr std::array<std::string_view, 7> NO_DAEMON_ERRORS = {
     "org.freedesktop.DBus.Error.NameHasNoOwner",
     "org.freedesktop.DBus.Error.NoReply",
     "org.freedesktop.DBus.Error.ServiceUnknown",
@@ -38,10 +38,10 @@ constexpr std::array<std::string_view, 7> AWAY = {
     "org.freedesktop.systemd1.",
 };
 
-bool means_away(std::string_view name)
+bool means_no_daemon(std::string_view name)
 {
-    return std::ranges::any_of(AWAY, [name](std::string_view away) {
-        return away.ends_with('.') ? name.starts_with(away) : name == away;
+    return std::ranges::any_of(NO_DAEMON_ERRORS, [name](std::string_view error) {
+        return error.ends_with('.') ? name.starts_with(error) : name == error;
     });
 }
 
@@ -50,7 +50,7 @@ ClientErrorCode code_of(int reason, std::string_view name)
     if (name == SD_BUS_ERROR_ACCESS_DENIED) {
         return CLIENT_ERROR_DENIED;
     }
-    if (means_away(name)) {
+    if (means_no_daemon(name)) {
         return CLIENT_ERROR_NO_DAEMON;
     }
     if (name.starts_with("com.vesk.")) {
@@ -119,9 +119,40 @@ void client_bus_set_error(GError **error, int reason, const sd_bus_error *bus_er
     const char *name = bus_error && bus_error->name ? bus_error->name : "";
     const char *text = bus_error && bus_error->message ? bus_error->message : "";
     const ClientErrorCode code = code_of(reason, name);
-    /* An empty text of the method's own is an answer; elsewhere it would leave the reader alone. */
+    /* The daemon sends some errors without a text, and callers check for that. For every other
+     * error without a text, use the error's name or the errno text. */
     if (*text == '\0' && code != CLIENT_ERROR_METHOD) {
         text = *name != '\0' ? name : g_strerror(-reason);
     }
     g_set_error_literal(error, CLIENT_ERROR, code, text);
+}
+
+int client_bus_read_dict(sd_bus_message *m, const char *entry, const std::function<int()> &read)
+{
+    g_autofree char *contents = g_strdup_printf("{%s}", entry);
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, contents);
+    if (r < 0) {
+        return r;
+    }
+    while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, entry)) > 0) {
+        if ((r = read()) < 0 || (r = sd_bus_message_exit_container(m)) < 0) {
+            return r;
+        }
+    }
+    return r < 0 ? r : sd_bus_message_exit_container(m);
+}
+
+int client_bus_read_properties(sd_bus_message *m,
+                               const std::function<int(const char *name, const char *type)> &read)
+{
+    return client_bus_read_dict(m, "sv", [m, &read] {
+        const char *name = nullptr;
+        const char *type = nullptr;
+        int r = sd_bus_message_read(m, "s", &name);
+        if (r < 0 || (r = sd_bus_message_peek_type(m, nullptr, &type)) < 0) {
+            return r;
+        }
+        r = read(name, type);
+        return r == 0 ? sd_bus_message_skip(m, "v") : r;
+    });
 }

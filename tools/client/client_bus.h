@@ -1,7 +1,8 @@
 #pragma once
 
-/* Calls to the daemon over the system bus. A connection belongs to the thread that opened it. */
+/* Calls to the daemon over the system bus. Use a connection only on the thread that opened it. */
 
+#include <functional>
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
@@ -9,41 +10,57 @@
 
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus, sd_bus_flush_close_unref)
 
-/* What can be called: an interface of an object of a service. */
+/* The address of an interface: the service, its object and the interface's name. */
 struct ClientInterface {
     const char *service;
     const char *object;
     const char *interface;
 };
 
-/* Playing and adding clips; the access policy decides who may. */
+/* Plays and adds clips. The access policy decides who may call it. */
 extern const ClientInterface CLIENT_SONOBRIK;
 
-/* The stored clips, entry by entry; the bus's policy decides who may. */
+/* Lists and changes the stored clips. The bus policy decides who may call it. */
 extern const ClientInterface CLIENT_LEGACY;
 
 /*
- * Returns a connection to the system bus, to be ended with sd_bus_flush_close_unref(), or null with
- * CLIENT_ERROR_NO_BUS.
+ * Returns a connection to the system bus; free it with sd_bus_flush_close_unref(). Returns null and
+ * sets CLIENT_ERROR_NO_BUS on failure.
  */
 sd_bus *client_bus_open(GError **error);
 
 /*
- * Returns a new call of `member`, to be sent with client_bus_call() or, if the caller has a loop to
- * wait in, with sd_bus_call_async(), or null with CLIENT_ERROR_ARGUMENT. `types` and what follows
- * are those of sd_bus_message_append(); `types` may be null.
+ * Returns a new call of `member`, or null with CLIENT_ERROR_ARGUMENT or CLIENT_ERROR_NO_BUS.
+ * `types` and the arguments after it are those of sd_bus_message_append(); `types` may be null.
+ * Send the call with client_bus_call(), or with sd_bus_call_async() from an event loop.
  */
 sd_bus_message *client_bus_new_call(sd_bus *bus, const ClientInterface *interface,
                                     const char *member, GError **error, const char *types, ...);
 
 /*
- * Sends `call`, which it takes, and waits for the answer as long as it takes: a clip that plays,
- * files that are looked into and a silent on-screen controls service all hold an answer longer
- * than the bus library's 25 s. The daemon's end ends the wait. Returns the answer, or null with any
- * error but CLIENT_ERROR_NO_CLIP. A null call returns null and leaves `error` as it is.
+ * Sends `call`, takes ownership of it, and waits for the reply without a time limit: playing a
+ * clip, probing files and a slow on-screen controls service can all take longer than the bus
+ * library's default of 25 s. The wait also ends when the daemon or the bus goes away. Returns the
+ * reply, or null with any error except CLIENT_ERROR_NO_CLIP. If `call` is null, returns null and
+ * leaves `error` alone, so the result of client_bus_new_call() can be passed unchecked.
  */
 sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **error);
 
-/* Sets `error` to what an error that came over the bus means; `reason` is a negative errno value.
- */
+/* Sets `error` to describe a D-Bus error; `reason` is a negative errno value. `bus_error` may be
+ * null. */
 void client_bus_set_error(GError **error, int reason, const sd_bus_error *bus_error);
+
+/*
+ * Reads the D-Bus dictionary at the current position of `m`. `entry` is the signature of one entry,
+ * such as "ia{sv}". Calls `read` inside each entry; it reads the key and the value and returns a
+ * negative errno value on failure. Returns 0, or the first negative errno value.
+ */
+int client_bus_read_dict(sd_bus_message *m, const char *entry, const std::function<int()> &read);
+
+/*
+ * Reads the a{sv} at the current position of `m`. Calls `read` with the name and the signature of
+ * each value; it reads the variant and returns a positive number, or returns 0 to skip the value,
+ * or a negative errno value on failure. Returns 0, or the first negative errno value.
+ */
+int client_bus_read_properties(sd_bus_message *m,
+                               const std::function<int(const char *name, const char *type)> &read);

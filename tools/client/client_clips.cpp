@@ -1,5 +1,6 @@
 #include "client_clips.h"
 
+#include <cstring>
 #include <string>
 
 #include "autoptr.h"
@@ -8,7 +9,7 @@
 namespace
 {
 
-constexpr gint64 NOT_KNOWN = -1;
+constexpr gint64 UNKNOWN = -1;
 
 ClientClip *new_clip(gint32 number)
 {
@@ -16,8 +17,8 @@ ClientClip *new_clip(gint32 number)
     clip->number = number;
     clip->name = g_strdup("");
     clip->location = g_strdup("");
-    clip->size_kib = NOT_KNOWN;
-    clip->duration_ms = NOT_KNOWN;
+    clip->size_kib = UNKNOWN;
+    clip->duration_ms = UNKNOWN;
     return clip;
 }
 
@@ -33,66 +34,42 @@ int compare_numbers(const void *a, const void *b)
     return first->number < second->number ? -1 : first->number > second->number;
 }
 
-/* Reads one {sv}; a property that the client does not know, or of another type, is skipped. */
-int read_property(sd_bus_message *m, ClientClip *clip)
+/* Copies the name and the location from an a{sv}. Skips unknown properties and those of an
+ * unexpected type. */
+int read_properties(sd_bus_message *m, ClientClip *clip)
 {
-    const char *property = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
-    if (r <= 0 || (r = sd_bus_message_read(m, "s", &property)) < 0) {
-        return r;
-    }
-    const bool is_name = g_str_equal(property, "Name");
-    const bool is_location = g_str_equal(property, "Location");
-    const char *contents = nullptr;
-    if ((r = sd_bus_message_peek_type(m, nullptr, &contents)) < 0) {
-        return r;
-    }
-    if ((is_name || is_location) && g_strcmp0(contents, "s") == 0) {
-        const char *value = nullptr;
-        if ((r = sd_bus_message_read(m, "v", "s", &value)) < 0) {
-            return r;
+    return client_bus_read_properties(m, [m, clip](const char *property, const char *type) {
+        char **text = g_str_equal(property, "Name")       ? &clip->name
+                      : g_str_equal(property, "Location") ? &clip->location
+                                                          : nullptr;
+        if (!text || !g_str_equal(type, "s")) {
+            return 0;
         }
-        char **text = is_name ? &clip->name : &clip->location;
-        g_free(*text);
-        *text = g_strdup(value);
-    } else if ((r = sd_bus_message_skip(m, "v")) < 0) {
+        const char *value = nullptr;
+        const int r = sd_bus_message_read(m, "v", "s", &value);
+        if (r >= 0) {
+            g_free(*text);
+            *text = g_strdup(value);
+        }
         return r;
-    }
-    r = sd_bus_message_exit_container(m);
-    return r < 0 ? r : 1;
-}
-
-/* Reads one {ia{sv}} into `clips`. Returns 0 when there are no more. */
-int read_clip(sd_bus_message *m, GPtrArray *clips)
-{
-    gint32 number = 0;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "ia{sv}");
-    if (r <= 0 || (r = sd_bus_message_read(m, "i", &number)) < 0) {
-        return r;
-    }
-    g_autoptr(ClientClip) clip = new_clip(number);
-    if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}")) < 0) {
-        return r;
-    }
-    while ((r = read_property(m, clip)) > 0) {
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0 ||
-        (r = sd_bus_message_exit_container(m)) < 0) {
-        return r;
-    }
-    g_ptr_array_add(clips, g_steal_pointer(&clip));
-    return 1;
+    });
 }
 
 int read_clips(sd_bus_message *m, GPtrArray *clips)
 {
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{ia{sv}}");
-    while (r >= 0 && (r = read_clip(m, clips)) > 0) {
-    }
-    return r;
+    return client_bus_read_dict(m, "ia{sv}", [m, clips] {
+        gint32 number = 0;
+        int r = sd_bus_message_read(m, "i", &number);
+        g_autoptr(ClientClip) clip = new_clip(number);
+        if (r < 0 || (r = read_properties(m, clip)) < 0) {
+            return r;
+        }
+        g_ptr_array_add(clips, g_steal_pointer(&clip));
+        return r;
+    });
 }
 
-/* The daemon answers with an error, an empty one, when there is no clip at all. */
+/* If there are no clips, the daemon replies with an error without a text. */
 bool means_no_clips(const GError *error)
 {
     return g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_METHOD);
@@ -120,7 +97,7 @@ bool list_entries(sd_bus *bus, GPtrArray *clips, GError **error)
     return true;
 }
 
-/* Digits alone, of a number that fits; without sign or leading zero, as the daemon writes it. */
+/* Reads a clip number as the daemon writes it: digits without a sign or leading zeros. */
 bool read_number(const char *text, gint64 *number)
 {
     g_autofree char *again = nullptr;
@@ -140,22 +117,23 @@ ClientClip *find_by_number(const GPtrArray *clips, gint64 number)
     return nullptr;
 }
 
+/* Returns the strings of a JSON array. */
 char **copy_texts(const json_t *array)
 {
-    GPtrArray *texts = g_ptr_array_new();
+    g_autoptr(GStrvBuilder) texts = g_strv_builder_new();
     size_t i = 0;
     const json_t *text = nullptr;
     json_array_foreach(array, i, text)
     {
         if (json_is_string(text)) {
-            g_ptr_array_add(texts, g_strdup(json_string_value(text)));
+            g_strv_builder_add(texts, json_string_value(text));
         }
     }
-    g_ptr_array_add(texts, nullptr);
-    return reinterpret_cast<char **>(g_ptr_array_free(texts, FALSE));
+    return g_strv_builder_end(texts);
 }
 
-/* Takes over what `description`, the member "NUMBER" of an element, says. */
+/* Copies the metadata from `description`, the value of the member that is named by the clip's
+ * number. */
 void take_metadata(ClientClip *clip, const json_t *description)
 {
     const json_t *media_types = json_object_get(description, "mediaTypes");
@@ -166,8 +144,8 @@ void take_metadata(ClientClip *clip, const json_t *description)
     }
     g_strfreev(clip->media_types);
     clip->media_types = copy_texts(media_types);
-    clip->size_kib = json_is_integer(size) ? json_integer_value(size) : NOT_KNOWN;
-    clip->duration_ms = json_is_integer(duration) ? json_integer_value(duration) : NOT_KNOWN;
+    clip->size_kib = json_is_integer(size) ? json_integer_value(size) : UNKNOWN;
+    clip->duration_ms = json_is_integer(duration) ? json_integer_value(duration) : UNKNOWN;
 }
 
 bool add_metadata(sd_bus *bus, const GPtrArray *clips, GError **error)
@@ -256,11 +234,19 @@ const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GE
     }
     if (numbers.find(',') != std::string::npos) {
         g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP,
-                    "several clips have the name '%s': %s; give the number", text, numbers.c_str());
+                    "several clips are named '%s': %s; use the number", text, numbers.c_str());
         return nullptr;
     }
     if (!found) {
-        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP, "no clip '%s'", text);
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP, "no such clip: '%s'", text);
     }
     return found;
+}
+
+const char *client_clips_relative(const char *location)
+{
+    const char *rest = g_str_has_prefix(location, CLIENT_CLIP_FOLDER)
+                           ? location + strlen(CLIENT_CLIP_FOLDER)
+                           : location;
+    return rest != location && *rest == '/' ? rest + 1 : location;
 }

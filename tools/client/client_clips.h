@@ -1,21 +1,25 @@
 #pragma once
 
-/* The stored clips, as the daemon tells of them. */
+/* The stored clips, as the daemon lists them. */
 
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
 #include "client_error.h"
 
-/* One stored clip. The texts are the daemon's and may hold anything that is UTF-8. */
+/* The folder in which stored clips must be, without a slash at the end. */
+inline constexpr const char *CLIENT_CLIP_FOLDER = "/etc/audioclips";
+
+/* One stored clip. The texts come from the daemon and can contain any UTF-8, control characters
+ * included. */
 struct ClientClip {
     gint32 number;
-    char *name;     /* owned; empty if it has none */
-    char *location; /* owned; path of its file, empty for a clip without one */
+    char *name;     /* owned; empty if the clip has no name */
+    char *location; /* owned; path of the file, empty if the clip has no file */
 
-    /* What is known of the file's content; null and negative where the daemon left the clip out,
-     * since the file is missing or is no media, and where it was not asked. */
-    char **media_types; /* owned; containers first */
+    /* The file's metadata. Null and negative if it was not requested, or if the daemon has none
+     * because the file is missing or not playable. */
+    char **media_types; /* owned; the container first */
     gint64 size_kib;
     gint64 duration_ms;
 };
@@ -25,16 +29,20 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(ClientClip, client_clip_free)
 
 /*
  * Returns all clips, an array of owned ClientClip sorted by number, or null with an error. With
- * `with_metadata` the daemon looks into files that it does not know yet, for up to 5 s each.
+ * `with_metadata`, the daemon probes files that it has not seen yet, which takes up to 5 s each.
  */
 GPtrArray *client_clips_list(sd_bus *bus, bool with_metadata, GError **error);
 
 /*
- * Returns the clip that `text` means, borrowed from `clips`: the one with that number or else the
- * one with that name. Null with CLIENT_ERROR_NO_CLIP if there is none, or if several have the name;
- * the message says which then.
+ * Returns the clip whose number is `text` or, failing that, the clip whose name is `text`, borrowed
+ * from `clips`. Returns null with CLIENT_ERROR_NO_CLIP if there is none, or if several clips have
+ * that name; the message then lists their numbers.
  */
 const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GError **error);
 
 /* Returns the clip with this number, borrowed from `clips`, or null. */
 const ClientClip *client_clips_get(const GPtrArray *clips, gint64 number);
+
+/* Returns the part of `location` that is relative to the clip folder, or all of it if it is outside
+ * that folder. The result points into `location`. */
+const char *client_clips_relative(const char *location);

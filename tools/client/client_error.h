@@ -1,19 +1,24 @@
 #pragma once
 
-/* How a conversation with the daemon fails. */
+/* The errors of calls to the daemon. */
 
 #include <glib.h>
 
 enum ClientErrorCode {
-    CLIENT_ERROR_NO_BUS,    /* there is no system bus to talk to, or it went away */
-    CLIENT_ERROR_NO_DAEMON, /* nobody owns the name, it cannot be started, or it ended meanwhile */
-    CLIENT_ERROR_DENIED,    /* the bus or the access policy refuses the caller; neither says why */
-    CLIENT_ERROR_METHOD, /* the method's own error; the message is the daemon's, and may be empty */
-    CLIENT_ERROR_ARGUMENT, /* the bus cannot carry what was to be sent */
-    CLIENT_ERROR_REPLY,    /* the answer is not what was expected */
-    CLIENT_ERROR_NO_CLIP,  /* no stored clip is meant, or more than one */
+    CLIENT_ERROR_NO_BUS,    /* the system bus cannot be reached, or the connection was lost */
+    CLIENT_ERROR_NO_DAEMON, /* the daemon is not running, cannot be started, or exited meanwhile */
+    CLIENT_ERROR_DENIED,    /* the bus policy or the access policy denied the call */
+    CLIENT_ERROR_METHOD,    /* the daemon's own error; the message is the daemon's, maybe empty */
+    CLIENT_ERROR_ARGUMENT,  /* an argument cannot be sent over D-Bus */
+    CLIENT_ERROR_REPLY,     /* the reply has an unexpected type or content */
+    CLIENT_ERROR_NO_CLIP,   /* no stored clip matches, or more than one does */
 };
 
-/* The domain of all errors that the client's operations set; their codes are ClientErrorCode. */
+/* The domain of all errors in this folder; the codes are those of ClientErrorCode. */
 GQuark client_error_quark(void);
 #define CLIENT_ERROR (client_error_quark())
+
+/* The beginnings of the daemon's error texts that clients recognise. */
+inline constexpr const char *CLIENT_TEXT_BUSY = "A clip is already playing.";
+inline constexpr const char *CLIENT_TEXT_BAD_OPTIONS = "Failed to parse/validate option string";
+inline constexpr const char *CLIENT_TEXT_NO_FILE = "No supported file(s) found at";

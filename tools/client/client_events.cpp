@@ -16,7 +16,7 @@ constexpr ClientInterface EVENTS = {
     .interface = "org.freedesktop.DBus.ObjectManager",
 };
 
-/* The keys of a playing event, as far as they were there and of the expected type. */
+/* The keys of a playing event. A key that is missing or of an unexpected type stays null or 0. */
 struct Keys {
     const char *topic0;
     const char *topic1;
@@ -27,7 +27,7 @@ struct Keys {
     int playing;
 };
 
-/* Where the value of a key goes, and its type. Null for a key that is not known. */
+/* Returns where to store the value of a key, and its type; null for an unknown key. */
 void *find_place(Keys *keys, const char *name, const char **type)
 {
     const struct {
@@ -49,29 +49,8 @@ void *find_place(Keys *keys, const char *name, const char **type)
     return nullptr;
 }
 
-int read_key(sd_bus_message *m, Keys *keys)
-{
-    const char *name = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
-    if (r <= 0 || (r = sd_bus_message_read(m, "s", &name)) < 0) {
-        return r;
-    }
-    const char *contents = nullptr;
-    if ((r = sd_bus_message_peek_type(m, nullptr, &contents)) < 0) {
-        return r;
-    }
-    const char *type = nullptr;
-    void *place = find_place(keys, name, &type);
-    r = place && g_strcmp0(contents, type) == 0 ? sd_bus_message_read(m, "v", type, place)
-                                                : sd_bus_message_skip(m, "v");
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0) {
-        return r;
-    }
-    return 1;
-}
-
-/* Takes the event's news into the output that it is of, which is added if it is new. */
-void take_event(GPtrArray *outputs, const ClientEvent &event)
+/* Updates the event's output in `outputs`, or adds it. */
+void apply_event(GPtrArray *outputs, const ClientEvent &event)
 {
     ClientOutput *output = nullptr;
     for (guint i = 0; i < outputs->len && !output; i++) {
@@ -96,66 +75,47 @@ void take_event(GPtrArray *outputs, const ClientEvent &event)
     }
 }
 
-/* Reads one {sv} of an event object's properties. */
-int read_property(sd_bus_message *m, GPtrArray *outputs)
+/* Reads the a{sv} of an event object's properties. */
+int read_event_object(sd_bus_message *m, GPtrArray *outputs)
 {
-    const char *name = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
-    if (r <= 0 || (r = sd_bus_message_read(m, "s", &name)) < 0) {
-        return r;
-    }
-    if (!g_str_equal(name, "Keys")) {
-        r = sd_bus_message_skip(m, "v");
-    } else if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "a{sv}")) >= 0) {
+    return client_bus_read_properties(m, [m, outputs](const char *name, const char *) {
+        if (!g_str_equal(name, "Keys")) {
+            return 0;
+        }
         ClientEvent event = {};
-        if ((r = client_event_read(m, &event)) > 0) {
-            take_event(outputs, event);
+        int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "a{sv}");
+        if (r < 0 || (r = client_event_read(m, &event)) < 0) {
+            return r;
         }
-        r = r < 0 ? r : sd_bus_message_exit_container(m);
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0) {
-        return r;
-    }
-    return 1;
+        if (r > 0) {
+            apply_event(outputs, event);
+        }
+        r = sd_bus_message_exit_container(m);
+        return r < 0 ? r : 1;
+    });
 }
 
-/* Reads one {sa{sv}}, an interface of an object. */
-int read_interface(sd_bus_message *m, GPtrArray *outputs)
+/* Reads the a{sa{sv}} of an object's interfaces. */
+int read_interfaces(sd_bus_message *m, GPtrArray *outputs)
 {
-    const char *name = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}");
-    if (r <= 0 || (r = sd_bus_message_read(m, "s", &name)) < 0) {
-        return r;
-    }
-    if (!g_str_equal(name, CLIENT_EVENT_INTERFACE)) {
-        r = sd_bus_message_skip(m, "a{sv}");
-    } else if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}")) >= 0) {
-        while ((r = read_property(m, outputs)) > 0) {
+    return client_bus_read_dict(m, "sa{sv}", [m, outputs] {
+        const char *name = nullptr;
+        const int r = sd_bus_message_read(m, "s", &name);
+        if (r < 0) {
+            return r;
         }
-        r = r < 0 ? r : sd_bus_message_exit_container(m);
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0) {
-        return r;
-    }
-    return 1;
+        return g_str_equal(name, CLIENT_EVENT_INTERFACE) ? read_event_object(m, outputs)
+                                                         : sd_bus_message_skip(m, "a{sv}");
+    });
 }
 
-/* Reads one {oa{sa{sv}}}, an object. */
-int read_object(sd_bus_message *m, GPtrArray *outputs)
+/* Reads the a{oa{sa{sv}}} of all objects. */
+int read_objects(sd_bus_message *m, GPtrArray *outputs)
 {
-    const char *path = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "oa{sa{sv}}");
-    if (r <= 0 || (r = sd_bus_message_read(m, "o", &path)) < 0 ||
-        (r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sa{sv}}")) < 0) {
-        return r;
-    }
-    while ((r = read_interface(m, outputs)) > 0) {
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0 ||
-        (r = sd_bus_message_exit_container(m)) < 0) {
-        return r;
-    }
-    return 1;
+    return client_bus_read_dict(m, "oa{sa{sv}}", [m, outputs] {
+        const int r = sd_bus_message_skip(m, "o");
+        return r < 0 ? r : read_interfaces(m, outputs);
+    });
 }
 
 void free_output(void *output)
@@ -184,10 +144,12 @@ void client_output_free(ClientOutput *output)
 int client_event_read(sd_bus_message *m, ClientEvent *event)
 {
     Keys keys = {};
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}");
-    while (r >= 0 && (r = read_key(m, &keys)) > 0) {
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0) {
+    const int r = client_bus_read_properties(m, [m, &keys](const char *name, const char *contents) {
+        const char *type = nullptr;
+        void *place = find_place(&keys, name, &type);
+        return place && g_str_equal(contents, type) ? sd_bus_message_read(m, "v", type, place) : 0;
+    });
+    if (r < 0) {
         return r;
     }
     const bool is_state = g_strcmp0(keys.topic1, "Playing") == 0;
@@ -214,9 +176,7 @@ GPtrArray *client_outputs_list(sd_bus *bus, GError **error)
         return nullptr;
     }
     g_autoptr(GPtrArray) outputs = g_ptr_array_new_with_free_func(free_output);
-    int r = sd_bus_message_enter_container(answer, SD_BUS_TYPE_ARRAY, "{oa{sa{sv}}}");
-    while (r >= 0 && (r = read_object(answer, outputs)) > 0) {
-    }
+    const int r = read_objects(answer, outputs);
     if (r < 0) {
         g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
         return nullptr;

@@ -1,8 +1,9 @@
 #pragma once
 
 /*
- * The audio outputs and what plays on them. No method of the daemon lists them; the stock platform
- * keeps an object on the bus for each event, which does. Another platform need not.
+ * The audio outputs and what is playing on them. The daemon has no method that lists them. The
+ * stock platform publishes an object on the bus for each event, and the outputs are read from these
+ * objects. Other platforms may not publish any.
  */
 
 #include <glib.h>
@@ -10,33 +11,35 @@
 
 #include "client_error.h"
 
-/* Where the stock platform's events are: bus name, object manager, and the interface of each. */
+/* The stock platform's events: bus name, object manager, and the interface of each event object. */
 extern const char *const CLIENT_EVENTS_SERVICE;
 extern const char *const CLIENT_EVENTS_OBJECT;
 extern const char *const CLIENT_EVENT_INTERFACE;
 
-/* The first output of an audio device: those are what has events. */
+/* An audio output. Only the first output of each audio device has events, so only those are known.
+ */
 struct ClientOutput {
-    gint32 output; /* as a request names it with `audiooutput`, from 0 */
+    gint32 output; /* the `audiooutput` of a play request, from 0 */
     gint32 device;
     gint32 device_output;
     bool playing;
-    char *file_name; /* owned; of what plays, or played last, empty if nothing did */
+    char *file_name; /* owned; the current or last file, empty if there was none */
 };
 
 void client_output_free(ClientOutput *output);
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(ClientOutput, client_output_free)
 
 /*
- * Returns the outputs, an array of owned ClientOutput sorted by `output`, or null with an error;
- * CLIENT_ERROR_NO_DAEMON also stands for a platform without such objects.
+ * Returns the outputs, an array of owned ClientOutput sorted by `output`, or null with an error.
+ * CLIENT_ERROR_NO_DAEMON can also mean that the platform publishes no event objects.
  */
 GPtrArray *client_outputs_list(sd_bus *bus, GError **error);
 
-/* What a playing event says. */
+/* The content of a playing event. */
 struct ClientEvent {
-    bool is_state; /* "Playing", which carries `playing`; or "CurrentlyPlaying", `file_name` */
-    gint32 output; /* as ClientOutput has them */
+    bool is_state; /* true: "Playing", which sets `playing`; false: "CurrentlyPlaying", which sets
+                      `file_name` */
+    gint32 output; /* this and the next two have the meaning that they have in ClientOutput */
     gint32 device;
     gint32 device_output;
     bool playing;
@@ -44,8 +47,8 @@ struct ClientEvent {
 };
 
 /*
- * Reads the a{sv} at which `m` stands, the content of the signal `Sent` or of the property `Keys`,
- * into `event`. False for one that is no playing event; a negative errno value if it is not
- * readable.
+ * Reads an event into `event` from the a{sv} at the current position of `m`: the content of the
+ * signal `Sent` or of the property `Keys`. Returns a positive number, or 0 if it is not a playing
+ * event, or a negative errno value on failure.
  */
 int client_event_read(sd_bus_message *m, ClientEvent *event);

@@ -1,23 +1,38 @@
 #pragma once
 
-/* The option text of a play request. */
+/* The option string of a play request. */
 
+#include <cstring>
 #include <glib.h>
 
+/* Marks a number as not given; the daemon then uses its default. */
 constexpr gint64 CLIENT_NOT_GIVEN = G_MININT64;
 
-/* What is to be played, and how. A number that is CLIENT_NOT_GIVEN is left to the daemon. */
+/* The largest values that the daemon accepts. */
+constexpr gint64 CLIENT_MAX_VOLUME = 1000;
+constexpr gint64 CLIENT_MAX_OUTPUT = 5;
+
+/* The options of a play request. */
 struct ClientPlay {
     const char *location;                    /* path, any bytes */
-    gint64 volume = CLIENT_NOT_GIVEN;        /* percent, 0 to 1000 */
-    gint64 repeat = CLIENT_NOT_GIVEN;        /* plays after the first; -1: until stopped */
-    gint64 output = CLIENT_NOT_GIVEN;        /* 0 to 5 */
-    gint64 device = CLIENT_NOT_GIVEN;        /* instead of `output`, both: an audio device ... */
-    gint64 device_output = CLIENT_NOT_GIVEN; /* ... and one of its outputs */
+    gint64 volume = CLIENT_NOT_GIVEN;        /* percent, 0 to CLIENT_MAX_VOLUME */
+    gint64 repeat = CLIENT_NOT_GIVEN;        /* extra plays after the first; -1 repeats forever */
+    gint64 output = CLIENT_NOT_GIVEN;        /* 0 to CLIENT_MAX_OUTPUT */
+    gint64 device = CLIENT_NOT_GIVEN;        /* audio device; used with `device_output` and ... */
+    gint64 device_output = CLIENT_NOT_GIVEN; /* ... instead of `output` */
 };
 
 /*
- * Returns the text, owned by the caller, with the location escaped. It plays that file; only where
- * there is no such file does the daemon take '*' and '?' in its last component for wildcards.
+ * Returns the option string, with the location escaped; free it with g_free(). The daemon plays the
+ * file of exactly that name. Only if that file does not exist or cannot be played does the daemon
+ * treat '*' and '?' in the last component as wildcards.
  */
 char *client_play_options(const ClientPlay *play);
+
+/* Returns true if the last component of `path` contains a character that the daemon may treat as a
+ * wildcard. */
+inline bool client_play_has_wildcards(const char *path)
+{
+    const char *slash = strrchr(path, '/');
+    return strpbrk(slash ? slash : path, "*?") != nullptr;
+}

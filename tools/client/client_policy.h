@@ -1,13 +1,15 @@
 #pragma once
 
-/* Who may call the daemon, as far as a caller can read the stock platform's policy. */
+/* The stock platform's access policy, if the caller can read it. */
+
+#include <string>
 
 /*
- * Returns who may call `method` of com.vesk.Sonobrik ("PlayClip"), such as "root, and members of
- * the group audio", to be freed with g_free(); null when the policy's file cannot be read or admits
- * nobody. A hint for people: the daemon decides.
+ * Returns who may call `method` of com.vesk.Sonobrik ("PlayClip"), such as "root and members of
+ * group 'audio'". Returns an empty string if the policy file cannot be read or allows nobody. Use
+ * the result only in messages: the daemon makes the decision.
  */
-char *client_policy_describe(const char *method);
+std::string client_policy_describe(const char *method);
 
-/* For the unit tests only: reads the policy from `path`, which is borrowed. */
+/* For unit tests only. Makes client_policy_describe() read `path`, which must stay valid. */
 void client_policy_set_file(const char *path);

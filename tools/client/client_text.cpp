@@ -1,9 +1,20 @@
 #include "client_text.h"
 
+#include <cstdarg>
+
 namespace
 {
 
-/* They join or part the characters around them, in Persian words and in signs of a family. */
+G_GNUC_PRINTF(1, 2) std::string format(const char *pattern, ...)
+{
+    va_list values;
+    va_start(values, pattern);
+    g_autofree char *text = g_strdup_vprintf(pattern, values);
+    va_end(values);
+    return text;
+}
+
+/* Persian spelling and combined emoji need these two format characters. */
 constexpr gunichar ZERO_WIDTH_NON_JOINER = 0x200C;
 constexpr gunichar ZERO_WIDTH_JOINER = 0x200D;
 
@@ -14,7 +25,7 @@ bool is_harmless(gunichar c)
     }
     switch (g_unichar_type(c)) {
     case G_UNICODE_CONTROL:
-    case G_UNICODE_FORMAT: /* the marks of writing direction are among these */
+    case G_UNICODE_FORMAT: /* includes those that set the direction of writing */
     case G_UNICODE_LINE_SEPARATOR:
     case G_UNICODE_PARAGRAPH_SEPARATOR:
     case G_UNICODE_SURROGATE:
@@ -27,32 +38,32 @@ bool is_harmless(gunichar c)
 
 } // namespace
 
-char *client_text_escape(const char *text)
+std::string client_text_escape(const std::string &input)
 {
-    GString *escaped = g_string_new(nullptr);
+    const char *text = input.c_str();
+    std::string escaped;
     while (*text != '\0') {
         const gunichar c = g_utf8_get_char_validated(text, -1);
         if (c == static_cast<gunichar>(-1) || c == static_cast<gunichar>(-2)) {
-            g_string_append_printf(escaped, "\\x%02x", static_cast<unsigned char>(*text));
+            escaped += format("\\x%02x", static_cast<unsigned char>(*text));
             text++;
             continue;
         }
+        const char *next = g_utf8_next_char(text);
         if (is_harmless(c)) {
-            g_string_append_unichar(escaped, c);
-        } else if (c < 0x80) {
-            g_string_append_printf(escaped, "\\x%02x", c);
+            escaped.append(text, next);
         } else {
-            g_string_append_printf(escaped, c > 0xFFFF ? "\\U%08x" : "\\u%04x", c);
+            escaped += format(c < 0x80 ? "\\x%02x" : c > 0xFFFF ? "\\U%08x" : "\\u%04x", c);
         }
-        text = g_utf8_next_char(text);
+        text = next;
     }
-    return g_string_free(escaped, FALSE);
+    return escaped;
 }
 
-char *client_text_duration(gint64 milliseconds)
+std::string client_text_duration(gint64 milliseconds)
 {
     if (milliseconds < 0) {
-        return g_strdup("-");
+        return "-";
     }
     const int tenths = static_cast<int>(milliseconds / 100 % 10);
     const gint64 seconds = milliseconds / 1000;
@@ -60,21 +71,20 @@ char *client_text_duration(gint64 milliseconds)
     const int minute = static_cast<int>(seconds / 60 % 60);
     const gint64 hour = seconds / 3600;
     if (hour > 0) {
-        return g_strdup_printf("%" G_GINT64_FORMAT ":%02d:%02d", hour, minute, second);
+        return format("%" G_GINT64_FORMAT ":%02d:%02d", hour, minute, second);
     }
-    return g_strdup_printf("%d:%02d.%d", minute, second, tenths);
+    return format("%d:%02d.%d", minute, second, tenths);
 }
 
-char *client_text_size(gint64 kibibytes)
+std::string client_text_size(gint64 kibibytes)
 {
     constexpr gint64 KIB_PER_MIB = 1024;
     if (kibibytes < 0) {
-        return g_strdup("-");
+        return "-";
     }
     if (kibibytes < KIB_PER_MIB) {
-        return g_strdup_printf("%" G_GINT64_FORMAT " KiB", kibibytes);
+        return format("%" G_GINT64_FORMAT " KiB", kibibytes);
     }
     const gint64 tenths = kibibytes / KIB_PER_MIB * 10 + kibibytes % KIB_PER_MIB * 10 / KIB_PER_MIB;
-    return g_strdup_printf("%" G_GINT64_FORMAT ".%" G_GINT64_FORMAT " MiB", tenths / 10,
-                           tenths % 10);
+    return format("%" G_GINT64_FORMAT ".%" G_GINT64_FORMAT " MiB", tenths / 10, tenths % 10);
 }

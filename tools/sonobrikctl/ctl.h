@@ -1,26 +1,32 @@
 #pragma once
 
-/* The commands, and how each ends. */
+/* The commands and their exit statuses. */
 
 #include <glib.h>
-#include <systemd/sd-bus.h>
 
-/* The exit statuses, as sonobrikctl(1) has them. One that a signal ended has 128 and its number. */
+/* The exit statuses that sonobrikctl(1) documents. After a signal it is 128 plus the signal's
+ * number.
+ */
 enum CtlStatus {
     CTL_OK = 0,
-    CTL_FAILED = 1, /* the daemon's own error, or an answer that is none */
-    CTL_USAGE = 2,  /* the command line is not understood */
-    CTL_AWAY = 3,   /* no bus, or no daemon on it */
+    CTL_FAILED = 1, /* the daemon replied with an error or with something unexpected */
+    CTL_USAGE = 2,  /* invalid command line */
+    CTL_AWAY = 3,   /* the system bus or the daemon cannot be reached */
     CTL_DENIED = 4,
-    CTL_NO_CLIP = 5, /* no such clip, no such file */
+    CTL_NO_CLIP = 5, /* no such clip or file */
     CTL_SIGNAL = 128,
 };
 
-/* A command. `words` are those of the command line from the command's own name on. */
+/* A command. */
 struct CtlCommand {
     const char *name;
-    const char *operands; /* as its help shows them */
+    const char *operands; /* as --help shows them */
+    guint min_operands;
+    guint max_operands;
     const char *summary;
+
+    /* Runs the command and returns the exit status. `words` is the command line, starting with the
+     * command's name. */
     int (*run)(const CtlCommand *command, char **words);
 };
 

@@ -18,7 +18,7 @@
 namespace
 {
 
-/* Resolves a path without its last component. Empty, with errno, if that is not possible. */
+/* Returns the folder of `path` without symbolic links, or an empty string and errno. */
 std::string resolve_folder(const char *path)
 {
     g_autofree char *folder = g_path_get_dirname(path);
@@ -27,26 +27,26 @@ std::string resolve_folder(const char *path)
 }
 
 /*
- * Returns the location of a file that lies below the clips' folder, by whichever way `path` gets
- * there; empty for one elsewhere.
+ * Returns the location of `path` under the clip folder, even if `path` gets there through symbolic
+ * links. Returns an empty string if the file is elsewhere.
  */
 std::string find_location(const char *path)
 {
     const std::string folder = resolve_folder(path);
-    const std::string clips = resolve_folder((std::string(CTL_CLIP_FOLDER) + "/.").c_str());
+    const std::string clips = resolve_folder((std::string(CLIENT_CLIP_FOLDER) + "/.").c_str());
     g_autofree char *name = g_path_get_basename(path);
     if (clips.empty() || !folder.starts_with(clips) ||
         (folder.size() > clips.size() && folder[clips.size()] != '/')) {
         return "";
     }
-    return CTL_CLIP_FOLDER + folder.substr(clips.size()) + "/" + name;
+    return CLIENT_CLIP_FOLDER + folder.substr(clips.size()) + "/" + name;
 }
 
-/* False, after a line, if there is nothing at `path` that could be added. */
-bool is_there(const char *path, int *status)
+/* Returns false after printing an error, and sets `status`, if `path` is missing or a folder. */
+bool check_exists(const char *path, int *status)
 {
     if (g_file_test(path, G_FILE_TEST_IS_DIR)) {
-        ctl_error("'%s' is a folder; add one of its files", path);
+        ctl_error("'%s' is a directory; add one of its files", path);
         *status = CTL_USAGE;
         return false;
     }
@@ -58,8 +58,8 @@ bool is_there(const char *path, int *status)
     return true;
 }
 
-/* Returns the file's name without its suffix, which people may read. */
-std::string make_name(const std::string &location)
+/* Returns the file's name without its suffix. */
+std::string default_name(const std::string &location)
 {
     std::string name = location.substr(location.rfind('/') + 1);
     const size_t dot = name.rfind('.');
@@ -80,7 +80,6 @@ int add(sd_bus *bus, const std::string &location, const char *name)
         .bus = bus,
         .interface = &CLIENT_SONOBRIK,
         .method = "AddClip",
-        .path = nullptr,
     };
     sd_bus_message *message = client_bus_new_call(bus, call.interface, call.method, &error, "sss",
                                                   location.c_str(), name, "audio");
@@ -99,10 +98,19 @@ int add(sd_bus *bus, const std::string &location, const char *name)
     return CTL_OK;
 }
 
-/* Whether the clip may be stored although its adding failed: nobody said that it was not. */
-bool is_uncertain(int status)
+/* Copies `file`, an absolute path outside the clip folder, into it and adds the copy as a clip. */
+int copy_and_add(sd_bus *bus, const char *file, const char *name)
 {
-    return status == CTL_AWAY;
+    const std::string location = ctl_copy_to_clips(file);
+    if (location.empty()) {
+        return CTL_FAILED;
+    }
+    const int status = add(bus, location, name);
+    /* If the daemon went away before it replied, it may have stored the clip. */
+    if (status != CTL_OK && status != CTL_AWAY) {
+        unlink(location.c_str());
+    }
+    return status;
 }
 
 } // namespace
@@ -112,48 +120,36 @@ int ctl_add(const CtlCommand *command, char **words)
     g_autofree char *name = nullptr;
     gboolean is_copying = FALSE;
     const GOptionEntry entries[] = {
-        {"name", 'n', 0, G_OPTION_ARG_FILENAME, &name,
-         "What people call it, instead of the file's name", "NAME"},
-        {"copy", 'c', 0, G_OPTION_ARG_NONE, &is_copying,
-         "Copy a file from elsewhere to /etc/audioclips first", nullptr},
+        ctl_options_value("name", 'n', "Clip name (default: file name without suffix)", "NAME",
+                          &name),
+        ctl_options_flag("copy", 'c', "Copy the file to /etc/audioclips first", &is_copying),
         {},
     };
-    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 1, 1);
-    if (!operands) {
-        return CTL_USAGE;
-    }
-    int status = CTL_OK;
-    if (!is_there(operands[0], &status)) {
-        return status;
-    }
-    const std::string path = ctl_clips_absolute(operands[0]);
-    std::string location = find_location(path.c_str());
-    const bool is_elsewhere = location.empty();
-    if (is_elsewhere && !is_copying) {
-        ctl_error("'%s' is not below %s, where clips have to lie", operands[0], CTL_CLIP_FOLDER);
-        ctl_error(
-            "move it there and add it then, or let it be copied: sonobrikctl add --copy FILE");
-        return CTL_USAGE;
-    }
-    const std::string title = name ? name : make_name(path);
-    if (!g_utf8_validate(path.c_str(), -1, nullptr) ||
-        !g_utf8_validate(title.c_str(), -1, nullptr)) {
-        ctl_error("names of clips and files have to be UTF-8");
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
-    if (is_elsewhere) {
-        location = ctl_copy_to_clips(path.c_str());
-        if (location.empty()) {
-            return CTL_FAILED;
+    std::string path;
+    std::string location;
+    std::string title;
+    const auto check = [&](char **operands) -> int {
+        int status = CTL_OK;
+        if (!check_exists(operands[0], &status)) {
+            return status;
         }
-    }
-    status = add(bus, location, title.c_str());
-    if (status != CTL_OK && is_elsewhere && !is_uncertain(status)) {
-        unlink(location.c_str());
-    }
-    return status;
+        path = ctl_clips_absolute(operands[0]);
+        location = find_location(path.c_str());
+        if (location.empty() && !is_copying) {
+            ctl_error("'%s' is not under %s", operands[0], CLIENT_CLIP_FOLDER);
+            ctl_error("move it there, or let sonobrikctl copy it: sonobrikctl add --copy FILE");
+            return CTL_USAGE;
+        }
+        title = name ? name : default_name(path);
+        if (!g_utf8_validate(path.c_str(), -1, nullptr) ||
+            !g_utf8_validate(title.c_str(), -1, nullptr)) {
+            ctl_error("clip and file names must be valid UTF-8");
+            return CTL_USAGE;
+        }
+        return CTL_OK;
+    };
+    return ctl_options_run(command, words, entries, check, [&](sd_bus *bus, char **) {
+        return location.empty() ? copy_and_add(bus, path.c_str(), title.c_str())
+                                : add(bus, location, title.c_str());
+    });
 }

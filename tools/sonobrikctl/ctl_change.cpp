@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <unistd.h>
 
 #include "autoptr.h"
@@ -14,20 +15,13 @@
 namespace
 {
 
-constexpr size_t MAX_NAME = 255; /* bytes that the daemon takes */
+constexpr size_t MAX_NAME = 255; /* bytes; the daemon accepts no longer names */
 
-/* Makes a call of the legacy interface that answers nothing. Takes `message`. */
+/* Sends a call of the legacy interface, as ctl_send() does. */
 int call_legacy(sd_bus *bus, const char *method, sd_bus_message *message, GError *failure)
 {
-    const CtlCall call = {
-        .bus = bus,
-        .interface = &CLIENT_LEGACY,
-        .method = method,
-        .path = nullptr,
-    };
-    g_autoptr(GError) error = failure;
-    g_autoptr(sd_bus_message) answer = client_bus_call(bus, message, &error);
-    return answer ? CTL_OK : ctl_explain(&call, error);
+    const CtlCall call = {.bus = bus, .interface = &CLIENT_LEGACY, .method = method};
+    return ctl_send(&call, message, failure);
 }
 
 int set_name(sd_bus *bus, gint32 number, const char *name)
@@ -55,13 +49,11 @@ int remove_clip(sd_bus *bus, gint32 number)
     return call_legacy(bus, "RemoveConfiguration", message, error);
 }
 
-/* Asks on the terminal. No answer is no. */
+/* Asks the user for confirmation on the terminal. Anything but "y" or "yes" means no. */
 bool is_confirmed(const ClientClip &clip)
 {
-    g_autofree char *name = client_text_escape(clip.name);
-    g_autofree char *location = client_text_escape(clip.location);
-    fprintf(stderr, "Remove clip %d, '%s'? Its file '%s' stays. [y/N] ", clip.number, name,
-            location);
+    fprintf(stderr, "Remove clip %d '%s'? The file '%s' is kept. [y/N] ", clip.number,
+            client_text_escape(clip.name).c_str(), client_text_escape(clip.location).c_str());
     fflush(stderr);
     char line[16] = "";
     if (!fgets(line, sizeof line, stdin)) {
@@ -72,72 +64,65 @@ bool is_confirmed(const ClientClip &clip)
     return g_ascii_strcasecmp(line, "y") == 0 || g_ascii_strcasecmp(line, "yes") == 0;
 }
 
+/* Calls `change` with the clip that `text` identifies. Returns the exit status. */
+int change_clip(sd_bus *bus, const char *text, const std::function<int(const ClientClip &)> &change)
+{
+    int status = CTL_OK;
+    g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, &status);
+    const ClientClip *clip = clips ? ctl_clips_find(clips, text, &status) : nullptr;
+    return clip ? change(*clip) : status;
+}
+
 } // namespace
 
 int ctl_rename(const CtlCommand *command, char **words)
 {
-    g_auto(GStrv) operands = ctl_options_read(command, words, nullptr, 2, 2);
-    if (!operands) {
+    const auto check = [](char **operands) {
+        const char *name = operands[1];
+        if (g_utf8_validate(name, -1, nullptr) && strlen(name) <= MAX_NAME) {
+            return CTL_OK;
+        }
+        ctl_error("clip names must be valid UTF-8 and at most %zu bytes long", MAX_NAME);
         return CTL_USAGE;
-    }
-    const char *name = operands[1];
-    if (!g_utf8_validate(name, -1, nullptr) || strlen(name) > MAX_NAME) {
-        ctl_error("a name is UTF-8, and has %zu bytes at most", MAX_NAME);
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
-    int status = CTL_OK;
-    g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, &status);
-    const ClientClip *clip = clips ? ctl_clips_find(clips, operands[0], &status) : nullptr;
-    return clip ? set_name(bus, clip->number, name) : status;
+    };
+    return ctl_options_run(command, words, nullptr, check, [](sd_bus *bus, char **operands) {
+        return change_clip(bus, operands[0], [bus, operands](const ClientClip &clip) {
+            return set_name(bus, clip.number, operands[1]);
+        });
+    });
 }
 
 int ctl_remove(const CtlCommand *command, char **words)
 {
     gboolean is_sure = FALSE;
     const GOptionEntry entries[] = {
-        {"yes", 'y', 0, G_OPTION_ARG_NONE, &is_sure, "Do not ask", nullptr},
+        ctl_options_flag("yes", 'y', "Do not ask for confirmation", &is_sure),
         {},
     };
-    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 1, 1);
-    if (!operands) {
+    const auto check = [&is_sure](char **) {
+        if (is_sure || isatty(STDIN_FILENO)) {
+            return CTL_OK;
+        }
+        ctl_error("not a terminal, cannot ask for confirmation; use --yes");
         return CTL_USAGE;
-    }
-    if (!is_sure && !isatty(STDIN_FILENO)) {
-        ctl_error("nobody can be asked here; to remove the clip without a question, give --yes");
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
-    int status = CTL_OK;
-    g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, &status);
-    const ClientClip *clip = clips ? ctl_clips_find(clips, operands[0], &status) : nullptr;
-    if (!clip) {
-        return status;
-    }
-    if (!is_sure && !is_confirmed(*clip)) {
-        ctl_error("the clip stays");
-        return CTL_FAILED;
-    }
-    return remove_clip(bus, clip->number);
+    };
+    const auto remove = [&is_sure](sd_bus *bus, char **operands) {
+        return change_clip(bus, operands[0], [bus, &is_sure](const ClientClip &clip) -> int {
+            if (is_sure || is_confirmed(clip)) {
+                return remove_clip(bus, clip.number);
+            }
+            ctl_error("clip not removed");
+            return CTL_FAILED;
+        });
+    };
+    return ctl_options_run(command, words, entries, check, remove);
 }
 
 int ctl_sync(const CtlCommand *command, char **words)
 {
-    g_auto(GStrv) operands = ctl_options_read(command, words, nullptr, 0, 0);
-    if (!operands) {
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
-    GError *error = nullptr;
-    sd_bus_message *message = client_bus_new_call(bus, &CLIENT_LEGACY, "Sync", &error, nullptr);
-    return call_legacy(bus, "Sync", message, error);
+    return ctl_options_run(command, words, nullptr, nullptr, [](sd_bus *bus, char **) {
+        GError *error = nullptr;
+        sd_bus_message *message = client_bus_new_call(bus, &CLIENT_LEGACY, "Sync", &error, nullptr);
+        return call_legacy(bus, "Sync", message, error);
+    });
 }

@@ -12,25 +12,22 @@
 namespace
 {
 
-void print_result(const char *file, const char *result, const char *reason)
+void print_result(const char *file, const std::string &result)
 {
-    g_autofree char *escaped_file = client_text_escape(file);
-    g_autofree char *escaped_result = client_text_escape(result);
-    g_autofree char *escaped_reason = client_text_escape(reason ? reason : "");
-    printf("%s: %s%s%s\n", escaped_file, escaped_result, reason ? "; " : "", escaped_reason);
+    printf("%s: %s\n", client_text_escape(file).c_str(), client_text_escape(result).c_str());
 }
 
-/* Checks one file. CTL_AWAY and CTL_DENIED will not be better with the next one. */
-int check(sd_bus *bus, const char *file)
+/* Checks one file and prints the result. */
+int check_file(sd_bus *bus, const char *file)
 {
     const std::string path = ctl_clips_absolute(file);
     if (!g_utf8_validate(path.c_str(), -1, nullptr)) {
-        print_result(file, "its name is not UTF-8, so it cannot be asked for", nullptr);
+        print_result(file, "the file name is not valid UTF-8");
         return CTL_FAILED;
     }
     g_autoptr(GError) error = nullptr;
     if (ctl_clips_is_supported(bus, path.c_str(), &error)) {
-        print_result(file, "can be played", nullptr);
+        print_result(file, "can be played");
         return CTL_OK;
     }
     if (error->code != CLIENT_ERROR_METHOD) {
@@ -38,30 +35,29 @@ int check(sd_bus *bus, const char *file)
         return ctl_explain(&call, error);
     }
     bool is_missing = false;
-    g_autofree char *reason = ctl_file_explain(bus, path.c_str(), &is_missing);
-    print_result(file, error->message, reason);
+    const std::string reason = ctl_file_explain(bus, path.c_str(), &is_missing);
+    print_result(file, error->message + (reason.empty() ? "" : "; " + reason));
     return is_missing ? CTL_NO_CLIP : CTL_FAILED;
+}
+
+/* Returns the status of the first file that cannot be played. */
+int check_files(sd_bus *bus, char **files)
+{
+    int first = CTL_OK;
+    for (char **file = files; *file; file++) {
+        const int status = check_file(bus, *file);
+        /* These would be the same for every further file. */
+        if (status == CTL_AWAY || status == CTL_DENIED) {
+            return status;
+        }
+        first = first == CTL_OK ? status : first;
+    }
+    return first;
 }
 
 } // namespace
 
 int ctl_check(const CtlCommand *command, char **words)
 {
-    g_auto(GStrv) operands = ctl_options_read(command, words, nullptr, 1, G_MAXUINT);
-    if (!operands) {
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
-    int worst = CTL_OK;
-    for (char **file = operands; *file; file++) {
-        const int status = check(bus, *file);
-        if (status == CTL_AWAY || status == CTL_DENIED) {
-            return status;
-        }
-        worst = worst == CTL_OK ? status : worst;
-    }
-    return worst;
+    return ctl_options_run(command, words, nullptr, nullptr, check_files);
 }

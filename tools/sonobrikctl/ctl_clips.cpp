@@ -16,9 +16,9 @@ GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status)
         .bus = bus,
         .interface = &CLIENT_LEGACY,
         .method = "GetConfigurations",
-        .path = nullptr,
     };
-    /* Two calls make a list; which of them is refused decides who is let in. */
+    /* A list with metadata takes two calls, and different users may make them. Finds out which of
+     * the two was denied. */
     if (with_metadata && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_DENIED)) {
         g_autoptr(GPtrArray) entries = client_clips_list(bus, false, nullptr);
         if (entries) {
@@ -36,10 +36,8 @@ const ClientClip *ctl_clips_find(const GPtrArray *clips, const char *text, int *
     const ClientClip *clip = client_clips_find(clips, text, &error);
     if (!clip) {
         const CtlCall call = {
-            .bus = nullptr,
             .interface = &CLIENT_LEGACY,
             .method = "GetConfigurations",
-            .path = nullptr,
         };
         *status = ctl_explain(&call, error);
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The stored clips, and files, as commands look for them. */
+/* Finding stored clips and files for the commands. */
 
 #include <glib.h>
 #include <string>
@@ -9,22 +9,19 @@
 #include "client_clips.h"
 #include "ctl_say.h"
 
-/* Where clips have to lie to be stored. */
-constexpr const char *CTL_CLIP_FOLDER = "/etc/audioclips";
-
-/* Returns client_clips_list(), or null after an explanation, with the exit status in `status`. */
+/* Returns client_clips_list(). On failure explains the error, sets `status` to the exit status and
+ * returns null. */
 GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status);
 
-/* Returns the clip that `text` means, by number or name, borrowed from `clips`, or null likewise.
- */
+/* Returns client_clips_find(). On failure does the same as ctl_clips_list(). */
 const ClientClip *ctl_clips_find(const GPtrArray *clips, const char *text, int *status);
 
-/* Returns an absolute path of the file `path`, which need not exist. */
+/* Returns the absolute form of `path`. The file need not exist. */
 std::string ctl_clips_absolute(const char *path);
 
-/* Asks the daemon whether it can play the file at `path`. False, with `error`, if it cannot, or
- * cannot be asked. */
+/* Asks the daemon whether it can play the file at `path`. Returns false and sets `error` if it
+ * cannot, or if the call fails. */
 bool ctl_clips_is_supported(sd_bus *bus, const char *path, GError **error);
 
-/* The call of ctl_clips_is_supported(), to explain its failure by. */
+/* Returns the call that ctl_clips_is_supported() makes, to explain its failure. */
 CtlCall ctl_clips_supported_call(sd_bus *bus, const char *path);

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "ctl_clips.h"
+#include "client_clips.h"
 #include "ctl_say.h"
 
 namespace
@@ -46,12 +46,13 @@ bool copy_content(int from, int to)
     return true;
 }
 
-/* Fills the new file `to`, closes it, and removes it again if that fails. */
+/* Copies `from` into the new file `to` and closes `to`. On failure prints an error and removes it.
+ */
 bool fill(int from, int to, const char *path)
 {
-    constexpr mode_t FOR_EVERYBODY = 0644;
-    /* The umask of the caller must not keep the daemon's user out. */
-    bool is_whole = copy_content(from, to) && fchmod(to, FOR_EVERYBODY) == 0 && fsync(to) == 0;
+    constexpr mode_t READABLE_FOR_ALL = 0644;
+    /* The caller's umask must not make the file unreadable for the daemon's user. */
+    bool is_whole = copy_content(from, to) && fchmod(to, READABLE_FOR_ALL) == 0 && fsync(to) == 0;
     int reason = errno;
     if (close(to) < 0 && is_whole) {
         is_whole = false;
@@ -64,8 +65,8 @@ bool fill(int from, int to, const char *path)
     return is_whole;
 }
 
-/* Holds back what would end the program; what came meanwhile does so when it is given back. */
-sigset_t hold_signals()
+/* Blocks the signals that end the program, and returns the previous signal mask. */
+sigset_t block_signals()
 {
     sigset_t ending;
     sigset_t before;
@@ -77,16 +78,16 @@ sigset_t hold_signals()
     return before;
 }
 
-void explain_open(const std::string &path)
+void explain_create(const std::string &path)
 {
     if (errno == EEXIST) {
-        ctl_error("there is a '%s' already, and it stays; add that one, or rename yours",
+        ctl_error("'%s' already exists and was not overwritten; add that file, or rename yours",
                   path.c_str());
         return;
     }
     ctl_error("cannot write '%s': %s", path.c_str(), g_strerror(errno));
     if (errno == EACCES) {
-        ctl_error("root, and members of the group sonobrik-config, may write there");
+        ctl_error("only root and members of group 'sonobrik-config' may write there");
     }
 }
 
@@ -94,10 +95,10 @@ void explain_open(const std::string &path)
 
 std::string ctl_copy_to_clips(const char *source)
 {
-    constexpr mode_t FOR_NOBODY_YET = 0600;
+    constexpr mode_t PRIVATE_UNTIL_COMPLETE = 0600;
     g_autofree char *name = g_path_get_basename(source);
-    const std::string path = std::string(CTL_CLIP_FOLDER) + "/" + name;
-    /* A pipe that nobody writes to must not hold us. */
+    const std::string path = std::string(CLIENT_CLIP_FOLDER) + "/" + name;
+    /* Without O_NONBLOCK, opening a FIFO waits until another process writes to it. */
     const int from = open(source, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat found = {};
     if (from < 0 || fstat(from, &found) < 0) {
@@ -108,15 +109,17 @@ std::string ctl_copy_to_clips(const char *source)
         return "";
     }
     if (!S_ISREG(found.st_mode)) {
-        ctl_error("'%s' is no regular file", source);
+        ctl_error("'%s' is not a regular file", source);
         close(from);
         return "";
     }
-    /* Half a copy would be in the way of the next one. */
-    const sigset_t signals = hold_signals();
-    const int to = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FOR_NOBODY_YET);
+    /* A signal must not leave an incomplete copy behind: the next attempt would fail because the
+     * file exists. */
+    const sigset_t signals = block_signals();
+    const int to =
+        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_UNTIL_COMPLETE);
     if (to < 0) {
-        explain_open(path);
+        explain_create(path);
     }
     const bool is_copied = to >= 0 && fill(from, to, path.c_str());
     sigprocmask(SIG_SETMASK, &signals, nullptr);

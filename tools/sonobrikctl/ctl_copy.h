@@ -1,12 +1,12 @@
 #pragma once
 
-/* Copying a file to where clips have to lie. */
+/* Copying a file into the clip folder. */
 
 #include <string>
 
 /*
- * Copies the regular file `source` into the clips' folder, readable for everybody, and returns the
- * path of the copy. Never writes to a file that is there already. Empty, after a line on standard
- * error and without a rest of a copy, if that fails.
+ * Copies the regular file `source` into the clip folder, readable for everyone, and returns the
+ * path of the copy. Never overwrites a file. On failure prints an error, removes the incomplete
+ * copy and returns an empty string.
  */
 std::string ctl_copy_to_clips(const char *source);

@@ -15,14 +15,15 @@
 
 #include "autoptr.h"
 #include "client_bus.h"
+#include "client_play.h"
 #include "ctl_driver.h"
 
 namespace
 {
 
-constexpr int MAX_LINKS = 40; /* as many as the kernel follows */
+constexpr int MAX_LINKS = 40; /* the limit of the kernel */
 
-/* Folders that the service's unit shows empty. */
+/* The folders that are empty for the daemon because of its systemd unit. */
 constexpr std::array HIDDEN = {"/home/", "/root/", "/run/user/", "/tmp/", "/var/tmp/"};
 
 struct User {
@@ -33,14 +34,14 @@ struct User {
 
 enum Right { SEARCH = 1, READ = 4 };
 
-bool has_list(const char *path)
+bool has_acl(const char *path)
 {
     return getxattr(path, "system.posix_acl_access", nullptr, 0) >= 0;
 }
 
 bool admits(const char *path, const struct stat &file, const User &user, Right right)
 {
-    if (user.uid == 0 || has_list(path)) {
+    if (user.uid == 0 || has_acl(path)) {
         return true;
     }
     const bool in_group = std::ranges::find(user.gids, file.st_gid) != user.gids.end();
@@ -48,14 +49,14 @@ bool admits(const char *path, const struct stat &file, const User &user, Right r
     return (file.st_mode >> shift & right) != 0;
 }
 
-/* A walk along a path as the kernel goes, which ends with a reason or at the file. */
+/* Resolves a path as the kernel does, until a component cannot be accessed. */
 struct Walk {
     User user;
-    std::string folder;             /* where it is, an absolute path without links */
-    std::vector<std::string> ahead; /* components, the next one last */
+    std::string folder;             /* the folder reached so far, an absolute path without links */
+    std::vector<std::string> ahead; /* remaining components in reverse order */
     int links;
     bool is_missing;
-    std::string reason; /* empty as long as there is none */
+    std::string reason; /* why access fails; empty if no reason is found */
 };
 
 void add_ahead(Walk *walk, const char *path)
@@ -73,7 +74,7 @@ void go_up(Walk *walk)
     walk->folder.resize(walk->folder.rfind('/'));
 }
 
-/* Follows the link at `path`. False if that leads nowhere. */
+/* Follows the link at `path`. Returns false if the link cannot be read or there are too many. */
 bool follow(Walk *walk, const std::string &path)
 {
     std::array<char, 4096> target = {};
@@ -88,17 +89,17 @@ bool follow(Walk *walk, const std::string &path)
     return true;
 }
 
-void judge_file(Walk *walk, const std::string &path, const struct stat &file)
+void check_file(Walk *walk, const std::string &path, const struct stat &file)
 {
     if (!S_ISREG(file.st_mode)) {
-        walk->reason = "'" + path + "' is no regular file";
+        walk->reason = "'" + path + "' is not a regular file";
     } else if (!admits(path.c_str(), file, walk->user, READ)) {
-        walk->reason = "the daemon's user, " + std::string(walk->user.name) +
-                       ", may not read it; let everybody: chmod a+r '" + path + "'";
+        walk->reason = "the daemon's user '" + std::string(walk->user.name) +
+                       "' cannot read it; to allow everyone: chmod a+r '" + path + "'";
     }
 }
 
-/* Goes one component on. False at the end, with or without a reason. */
+/* Advances by one component. Returns false at the end of the path or where access fails. */
 bool step(Walk *walk)
 {
     struct stat found = {};
@@ -107,9 +108,9 @@ bool step(Walk *walk)
         return false;
     }
     if (!admits(here.c_str(), found, walk->user, SEARCH)) {
-        walk->reason = "the daemon's user, " + std::string(walk->user.name) +
-                       ", may not look into the folder '" + here +
-                       "'; clips belong below /etc/audioclips, where all folders are open";
+        walk->reason = "the daemon's user '" + std::string(walk->user.name) +
+                       "' cannot access directory '" + here +
+                       "'; put clips under /etc/audioclips, in directories with mode 755";
         return false;
     }
     if (walk->ahead.empty()) {
@@ -127,7 +128,7 @@ bool step(Walk *walk)
     if (lstat(path.c_str(), &found) < 0) {
         walk->is_missing = errno == ENOENT;
         if (walk->is_missing) {
-            walk->reason = "there is no '" + path + "'";
+            walk->reason = "'" + path + "' does not exist";
         }
         return false;
     }
@@ -139,48 +140,32 @@ bool step(Walk *walk)
         return true;
     }
     if (walk->ahead.empty()) {
-        judge_file(walk, path, found);
+        check_file(walk, path, found);
     } else {
         walk->is_missing = true;
-        walk->reason = "'" + path + "' is no folder";
+        walk->reason = "'" + path + "' is not a directory";
     }
     return false;
 }
 
-/* Reads one {sv} of the credentials. Returns 0 at their end. */
-int read_credential(sd_bus_message *m, uid_t *uid, std::vector<gid_t> *gids)
+/* Reads the variant with the group numbers. */
+int read_groups(sd_bus_message *m, std::vector<gid_t> *gids)
 {
-    const char *key = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv");
-    if (r <= 0 || (r = sd_bus_message_read(m, "s", &key)) < 0) {
+    const void *values = nullptr;
+    size_t size = 0;
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "au");
+    if (r < 0 || (r = sd_bus_message_read_array(m, 'u', &values, &size)) < 0) {
         return r;
     }
-    const char *contents = nullptr;
-    if ((r = sd_bus_message_peek_type(m, nullptr, &contents)) < 0) {
-        return r;
-    }
-    if (g_str_equal(key, "UnixUserID") && g_strcmp0(contents, "u") == 0) {
-        r = sd_bus_message_read(m, "v", "u", uid);
-    } else if (g_str_equal(key, "UnixGroupIDs") && g_strcmp0(contents, "au") == 0) {
-        const void *values = nullptr;
-        size_t size = 0;
-        if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "au")) >= 0 &&
-            (r = sd_bus_message_read_array(m, 'u', &values, &size)) >= 0) {
-            const auto *numbers = static_cast<const guint32 *>(values);
-            gids->assign(numbers, numbers + size / sizeof *numbers);
-            r = sd_bus_message_exit_container(m);
-        }
-    } else {
-        r = sd_bus_message_skip(m, "v");
-    }
-    if (r < 0 || (r = sd_bus_message_exit_container(m)) < 0) {
-        return r;
-    }
-    return 1;
+    const auto *numbers = static_cast<const guint32 *>(values);
+    gids->assign(numbers, numbers + size / sizeof *numbers);
+    r = sd_bus_message_exit_container(m);
+    return r < 0 ? r : 1;
 }
 
-/* Asks the bus who the daemon is. */
-bool find_daemon(sd_bus *bus, uid_t *uid, std::vector<gid_t> *gids)
+/* Asks the bus for the daemon's user and groups. The groups stay empty if the bus does not report
+ * them. */
+bool find_daemon_user(sd_bus *bus, uid_t *uid, std::vector<gid_t> *gids)
 {
     sd_bus_message *call = client_bus_new_call(bus, &CTL_BUS_DRIVER, "GetConnectionCredentials",
                                                nullptr, "s", CLIENT_SONOBRIK.service);
@@ -189,13 +174,19 @@ bool find_daemon(sd_bus *bus, uid_t *uid, std::vector<gid_t> *gids)
     if (!answer) {
         return false;
     }
-    int r = sd_bus_message_enter_container(answer, SD_BUS_TYPE_ARRAY, "{sv}");
-    while (r >= 0 && (r = read_credential(answer, uid, gids)) > 0) {
-    }
+    const auto read = [&answer, uid, gids](const char *key, const char *type) {
+        if (g_str_equal(key, "UnixUserID") && g_str_equal(type, "u")) {
+            return sd_bus_message_read(answer, "v", "u", uid);
+        }
+        return g_str_equal(key, "UnixGroupIDs") && g_str_equal(type, "au")
+                   ? read_groups(answer, gids)
+                   : 0;
+    };
+    const int r = client_bus_read_properties(answer, read);
     return r >= 0 && *uid != static_cast<uid_t>(-1);
 }
 
-/* The groups of the user, from the machine's files: a bus of old does not tell them. */
+/* Looks up the groups of the user, since older message buses do not report them. */
 void look_up_groups(const struct passwd *user, std::vector<gid_t> *gids)
 {
     int count = 64;
@@ -215,29 +206,29 @@ bool is_hidden(const char *path)
 
 } // namespace
 
-char *ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
+std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
 {
     uid_t uid = 0;
     std::vector<gid_t> gids;
     *is_missing = false;
-    if (!find_daemon(bus, &uid, &gids)) {
-        return nullptr;
+    if (!find_daemon_user(bus, &uid, &gids)) {
+        return "";
     }
     const struct passwd *user = getpwuid(uid);
     if (gids.empty() && user) {
         look_up_groups(user, &gids);
     }
     const std::string name = user ? user->pw_name : std::to_string(uid);
-    char *reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
-    if (!reason && is_hidden(path)) {
-        return g_strdup("the service may not see files there: its unit hides the folders of "
-                        "people, and /tmp; clips belong below /etc/audioclips");
+    const std::string reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
+    if (reason.empty() && is_hidden(path)) {
+        return "the daemon cannot see /home or /tmp (systemd sandbox); put clips under "
+               "/etc/audioclips";
     }
     return reason;
 }
 
-char *ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const char *name,
-                           const char *path, bool *is_missing)
+std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const char *name,
+                                 const char *path, bool *is_missing)
 {
     Walk walk = {
         .user = {.uid = uid, .gids = gids, .name = name},
@@ -249,12 +240,12 @@ char *ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const char *n
     };
     struct stat found = {};
     g_autofree char *parent = g_path_get_dirname(path);
-    /* Of a pattern, the folder says all that can be said. */
+    /* For a pattern, checks only the folder. */
     const bool is_pattern =
-        strpbrk(strrchr(path, '/'), "*?") && lstat(path, &found) < 0 && errno == ENOENT;
+        client_play_has_wildcards(path) && lstat(path, &found) < 0 && errno == ENOENT;
     add_ahead(&walk, is_pattern ? parent : path);
     while (step(&walk)) {
     }
     *is_missing = walk.is_missing;
-    return walk.reason.empty() ? nullptr : g_strdup(walk.reason.c_str());
+    return walk.reason;
 }

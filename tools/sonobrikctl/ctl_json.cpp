@@ -2,15 +2,7 @@
 
 #include <cstdio>
 
-json_t *ctl_json_text(const char *text)
-{
-    /* What came over the bus is UTF-8; should it not be, something readable is better than nothing.
-     */
-    g_autofree char *valid = g_utf8_make_valid(text, -1);
-    return json_string(valid);
-}
-
-json_t *ctl_json_known(gint64 number)
+json_t *ctl_json_number_or_null(gint64 number)
 {
     return number < 0 ? json_null() : json_integer(number);
 }

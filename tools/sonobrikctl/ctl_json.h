@@ -1,16 +1,13 @@
 #pragma once
 
-/* JSON for programs. */
+/* Output in JSON. */
 
 #include <glib.h>
 #include <jansson.h>
 
-/* Returns a new text. */
-json_t *ctl_json_text(const char *text);
+/* Returns a new JSON number, or a new null if `number` is negative, which stands for unknown. */
+json_t *ctl_json_number_or_null(gint64 number);
 
-/* Returns a new number, or a new null for a negative one: that is not known. */
-json_t *ctl_json_known(gint64 number);
-
-/* Writes `value` to standard output, in plain ASCII, which no terminal mistakes; on one line unless
- * `is_indented`. */
+/* Prints `value` to standard output, in ASCII so that it cannot control a terminal. Prints a single
+ * line unless `is_indented`. */
 void ctl_json_print(const json_t *value, bool is_indented);

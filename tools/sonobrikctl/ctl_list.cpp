@@ -20,17 +20,11 @@
 namespace
 {
 
-/* The path below the clips' folder, or the whole of one elsewhere. */
-std::string shorten(const char *location)
-{
-    const size_t length = strlen(CTL_CLIP_FOLDER);
-    return g_str_has_prefix(location, CTL_CLIP_FOLDER) && location[length] == '/'
-               ? location + length + 1
-               : location;
-}
-
-/* "ogg/vorbis" of "application/ogg" and "audio/x-vorbis". The daemon keeps what it once knew of a
- * file that is gone. */
+/*
+ * Returns the format of a clip's file, such as "ogg/vorbis" for the media types "application/ogg"
+ * and "audio/x-vorbis". Checks whether the file exists, because the daemon keeps the metadata of a
+ * file that has been deleted.
+ */
 std::string describe_format(const ClientClip &clip)
 {
     if (access(clip.location, F_OK) < 0 && errno == ENOENT) {
@@ -46,13 +40,6 @@ std::string describe_format(const ClientClip &clip)
     return text.empty() ? "-" : text;
 }
 
-std::string take(char *text)
-{
-    std::string copy = text;
-    g_free(text);
-    return copy;
-}
-
 void print_clips(const GPtrArray *clips)
 {
     CtlTable table = {
@@ -64,14 +51,14 @@ void print_clips(const GPtrArray *clips)
         table.rows.push_back({
             std::to_string(clip->number),
             clip->name,
-            shorten(clip->location),
+            client_clips_relative(clip->location),
             describe_format(*clip),
-            take(client_text_duration(clip->duration_ms)),
-            take(client_text_size(clip->size_kib)),
+            client_text_duration(clip->duration_ms),
+            client_text_size(clip->size_kib),
         });
     }
     if (clips->len == 0) {
-        ctl_error("there are no clips yet; add one: sonobrikctl add FILE");
+        ctl_error("no clips yet; to add one: sonobrikctl add FILE");
         return;
     }
     ctl_table_print(&table);
@@ -84,25 +71,24 @@ void print_clips_json(const GPtrArray *clips)
         const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
         json_t *types = clip->media_types ? json_array() : json_null();
         for (char **type = clip->media_types; type && *type; type++) {
-            json_array_append_new(types, ctl_json_text(*type));
+            json_array_append_new(types, json_string(*type));
         }
         json_t *object = json_object();
         json_object_set_new(object, "number", json_integer(clip->number));
-        json_object_set_new(object, "name", ctl_json_text(clip->name));
-        json_object_set_new(object, "location", ctl_json_text(clip->location));
+        json_object_set_new(object, "name", json_string(clip->name));
+        json_object_set_new(object, "location", json_string(clip->location));
         json_object_set_new(object, "mediaTypes", types);
-        json_object_set_new(object, "sizeKiB", ctl_json_known(clip->size_kib));
-        json_object_set_new(object, "durationMs", ctl_json_known(clip->duration_ms));
+        json_object_set_new(object, "sizeKiB", ctl_json_number_or_null(clip->size_kib));
+        json_object_set_new(object, "durationMs", ctl_json_number_or_null(clip->duration_ms));
         json_array_append_new(array, object);
     }
     ctl_json_print(array, true);
 }
 
-/* Whether the clip can be called by its name, in one line of text. */
+/* Returns true if the name is printable, fits on one line and identifies this clip only. */
 bool has_usable_name(const GPtrArray *clips, const ClientClip &clip)
 {
-    g_autofree char *escaped = client_text_escape(clip.name);
-    return *clip.name != '\0' && g_str_equal(escaped, clip.name) &&
+    return *clip.name != '\0' && client_text_escape(clip.name) == clip.name &&
            client_clips_find(clips, clip.name, nullptr) == &clip;
 }
 
@@ -134,7 +120,7 @@ void print_outputs(const GPtrArray *outputs)
     }
     if (outputs->len == 0) {
         ctl_error(
-            "there are no outputs; a PCM 'audiosink0' in ALSA's configuration makes output 0");
+            "no outputs; to create output 0, define PCM 'audiosink0' in the ALSA configuration");
         return;
     }
     ctl_table_print(&table);
@@ -151,14 +137,15 @@ void print_outputs_json(const GPtrArray *outputs)
         json_object_set_new(object, "deviceOutput", json_integer(output->device_output));
         json_object_set_new(object, "playing", json_boolean(output->playing));
         json_object_set_new(object, "file",
-                            output->playing ? ctl_json_text(output->file_name) : json_null());
+                            output->playing ? json_string(output->file_name) : json_null());
         json_array_append_new(array, object);
     }
     ctl_json_print(array, true);
 }
 
-/* Whether the daemon is there, after the bus has started it if it can. */
-bool wake_daemon(sd_bus *bus, GError **error)
+/* Makes the bus start the daemon if it is not running. Returns false and sets `error` on failure.
+ */
+bool start_daemon(sd_bus *bus, GError **error)
 {
     if (ctl_driver_has_owner(bus, CLIENT_SONOBRIK.service)) {
         return true;
@@ -169,30 +156,8 @@ bool wake_daemon(sd_bus *bus, GError **error)
     return answer != nullptr;
 }
 
-} // namespace
-
-int ctl_list(const CtlCommand *command, char **words)
+int list_clips(sd_bus *bus, bool as_json, bool names_only)
 {
-    gboolean as_json = FALSE;
-    gboolean names_only = FALSE;
-    const GOptionEntry entries[] = {
-        {"json", 0, 0, G_OPTION_ARG_NONE, &as_json, "For programs: a JSON array", nullptr},
-        {"names", 0, 0, G_OPTION_ARG_NONE, &names_only,
-         "Only the names by which clips can be called, one a line", nullptr},
-        {},
-    };
-    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 0, 0);
-    if (!operands) {
-        return CTL_USAGE;
-    }
-    if (as_json && names_only) {
-        ctl_error("give --json or --names, not both");
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
     int status = CTL_OK;
     g_autoptr(GPtrArray) clips = ctl_clips_list(bus, !names_only, &status);
     if (!clips) {
@@ -208,35 +173,21 @@ int ctl_list(const CtlCommand *command, char **words)
     return CTL_OK;
 }
 
-int ctl_outputs(const CtlCommand *command, char **words)
+int list_outputs(sd_bus *bus, bool as_json)
 {
-    gboolean as_json = FALSE;
-    const GOptionEntry entries[] = {
-        {"json", 0, 0, G_OPTION_ARG_NONE, &as_json, "For programs: a JSON array", nullptr},
-        {},
-    };
-    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 0, 0);
-    if (!operands) {
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
     const CtlCall call = {
         .bus = bus,
         .interface = &CLIENT_SONOBRIK,
         .method = "GetManagedObjects",
-        .path = nullptr,
     };
     g_autoptr(GError) error = nullptr;
-    if (!wake_daemon(bus, &error)) {
+    if (!start_daemon(bus, &error)) {
         return ctl_explain(&call, error);
     }
     g_autoptr(GPtrArray) outputs = client_outputs_list(bus, &error);
     if (!outputs && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON) &&
         !ctl_driver_has_owner(bus, CLIENT_EVENTS_SERVICE)) {
-        ctl_error("the daemon runs, and this platform does not list its outputs on the bus");
+        ctl_error("the daemon is running, but this platform does not list its outputs on the bus");
         return CTL_FAILED;
     }
     if (!outputs) {
@@ -248,4 +199,40 @@ int ctl_outputs(const CtlCommand *command, char **words)
         print_outputs(outputs);
     }
     return CTL_OK;
+}
+
+} // namespace
+
+int ctl_list(const CtlCommand *command, char **words)
+{
+    gboolean as_json = FALSE;
+    gboolean names_only = FALSE;
+    const GOptionEntry entries[] = {
+        ctl_options_flag("json", 0, "Print a JSON array, for programs", &as_json),
+        ctl_options_flag("names", 0, "Print only the names that identify one clip, one per line",
+                         &names_only),
+        {},
+    };
+    const auto check = [&as_json, &names_only](char **) {
+        if (!as_json || !names_only) {
+            return CTL_OK;
+        }
+        ctl_error("--json and --names cannot be combined");
+        return CTL_USAGE;
+    };
+    return ctl_options_run(command, words, entries, check,
+                           [&as_json, &names_only](sd_bus *bus, char **) {
+                               return list_clips(bus, as_json, names_only);
+                           });
+}
+
+int ctl_outputs(const CtlCommand *command, char **words)
+{
+    gboolean as_json = FALSE;
+    const GOptionEntry entries[] = {
+        ctl_options_flag("json", 0, "Print a JSON array, for programs", &as_json),
+        {},
+    };
+    return ctl_options_run(command, words, entries, nullptr,
+                           [&as_json](sd_bus *bus, char **) { return list_outputs(bus, as_json); });
 }

@@ -1,6 +1,5 @@
 #include "ctl.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -27,14 +26,15 @@ struct Monitor {
     bool as_json;
 };
 
-std::string now(const char *format)
+/* Returns the current local time. */
+std::string format_time(const char *format)
 {
     g_autoptr(GDateTime) time = g_date_time_new_now_local();
     g_autofree char *text = g_date_time_format(time, format);
     return text;
 }
 
-/* Ends the monitor when nothing can be written any more. */
+/* Flushes the output, and ends the monitor if that fails. */
 int flush(const Monitor *monitor)
 {
     return fflush(stdout) == 0 ? 0 : sd_event_exit(monitor->event, 0);
@@ -42,17 +42,16 @@ int flush(const Monitor *monitor)
 
 int print_line(const Monitor *monitor, const std::string &text)
 {
-    g_autofree char *escaped = client_text_escape(text.c_str());
-    printf("%s %s\n", now("%H:%M:%S").c_str(), escaped);
+    printf("%s %s\n", format_time("%H:%M:%S").c_str(), client_text_escape(text).c_str());
     return flush(monitor);
 }
 
-/* Takes `object`, and adds when and what it is. */
-int print_json(const Monitor *monitor, const char *what, json_t *object)
+/* Prints `object`, which it takes, with the time and the kind of event in front. */
+int print_json(const Monitor *monitor, const char *kind, json_t *object)
 {
     g_autoptr(json_t) line = json_object();
-    json_object_set_new(line, "time", json_string(now("%Y-%m-%dT%H:%M:%S.%f%:z").c_str()));
-    json_object_set_new(line, "event", json_string(what));
+    json_object_set_new(line, "time", json_string(format_time("%Y-%m-%dT%H:%M:%S.%f%:z").c_str()));
+    json_object_set_new(line, "event", json_string(kind));
     json_object_update(line, object);
     json_decref(object);
     ctl_json_print(line, false);
@@ -78,32 +77,35 @@ int on_event(sd_bus_message *signal, void *data, sd_bus_error *)
     const std::string output = "output " + std::to_string(event.output);
     if (!monitor->as_json) {
         return print_line(monitor, event.is_state
-                                       ? output + (event.playing ? " begins to play" : " is idle")
-                                       : output + " plays " + event.file_name);
+                                       ? output + (event.playing ? " started playing" : " is idle")
+                                       : output + " is playing " + event.file_name);
     }
     json_t *object = describe_output(event);
     if (event.is_state) {
         json_object_set_new(object, "playing", json_boolean(event.playing));
     } else {
-        json_object_set_new(object, "file", ctl_json_text(event.file_name));
+        json_object_set_new(object, "file", json_string(event.file_name));
     }
     return print_json(monitor, event.is_state ? "playing" : "file", object);
 }
 
-/* Reads the a{ss} at which `m` stands. */
+/* Reads the a{ss} at the current position of `m`. Returns a new object, or null on failure. */
 json_t *read_values(sd_bus_message *m)
 {
     g_autoptr(json_t) values = json_object();
-    const char *key = nullptr;
-    const char *value = nullptr;
-    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{ss}");
-    while (r >= 0 && (r = sd_bus_message_read(m, "{ss}", &key, &value)) > 0) {
-        json_object_set_new(values, key, ctl_json_text(value));
-    }
+    const int r = client_bus_read_dict(m, "ss", [m, &values] {
+        const char *key = nullptr;
+        const char *value = nullptr;
+        const int read = sd_bus_message_read(m, "ss", &key, &value);
+        if (read >= 0) {
+            json_object_set_new(values, key, json_string(value));
+        }
+        return read;
+    });
     return r < 0 ? nullptr : g_steal_pointer(&values);
 }
 
-std::string text_of(const json_t *values, const char *key)
+std::string get_text(const json_t *values, const char *key)
 {
     const char *text = json_string_value(json_object_get(values, key));
     return text ? text : "";
@@ -124,19 +126,18 @@ int on_change(sd_bus_message *signal, void *data, sd_bus_error *)
     const char *slash = strrchr(entry, '/');
     const char *number = slash ? slash + 1 : entry;
     if (!monitor->as_json) {
-        return print_line(monitor, std::string("clip ") + number +
-                                       (is_change ? " is changed: '" : " is added: '") +
-                                       text_of(values, "Name") + "', " +
-                                       text_of(values, "Location"));
+        return print_line(
+            monitor, std::string("clip ") + number + (is_change ? " changed: '" : " added: '") +
+                         get_text(values, "Name") + "', " + get_text(values, "Location"));
     }
     json_t *object = json_object();
-    json_object_set_new(object, "clip", ctl_json_text(number));
+    json_object_set_new(object, "clip", json_string(number));
     json_object_set_new(object, "added", json_boolean(!is_change));
     json_object_set_new(object, "values", g_steal_pointer(&values));
     return print_json(monitor, "clip", object);
 }
 
-/* The events' name came or went: the daemon's begin and end. */
+/* The owner of the events' bus name changed: the daemon started or stopped. */
 int on_owner(sd_bus_message *signal, void *, sd_bus_error *)
 {
     const char *owner = nullptr;
@@ -144,24 +145,24 @@ int on_owner(sd_bus_message *signal, void *, sd_bus_error *)
     if (sd_bus_message_read(signal, "sss", nullptr, &old_owner, &owner) < 0) {
         return 0;
     }
-    ctl_error("%s", *owner == '\0' ? "the daemon has ended; waiting for its next start"
+    ctl_error("%s", *owner == '\0' ? "the daemon has stopped; waiting for it to start again"
                                    : "the daemon has started");
     return 0;
 }
 
 int on_bus_lost(sd_bus_message *, void *data, sd_bus_error *)
 {
-    ctl_error("the system bus is gone");
+    ctl_error("lost the connection to the system bus");
     return sd_event_exit(static_cast<const Monitor *>(data)->event, CTL_AWAY);
 }
 
-/* Nobody reads the output any more, and none may come for long that would tell. */
+/* The reader has closed the pipe. Without this the monitor would notice only at the next event. */
 int on_output_closed(sd_event_source *source, int, uint32_t, void *)
 {
     return sd_event_exit(sd_event_source_get_event(source), CTL_OK);
 }
 
-int watch(sd_bus *bus, Monitor *monitor)
+int subscribe(sd_bus *bus, Monitor *monitor)
 {
     int r = sd_bus_match_signal(bus, nullptr, CLIENT_EVENTS_SERVICE, nullptr,
                                 CLIENT_EVENT_INTERFACE, "Sent", on_event, monitor);
@@ -181,16 +182,16 @@ int watch(sd_bus *bus, Monitor *monitor)
     return r;
 }
 
-/* Says that there is something to wait for, or not yet, or perhaps never. */
-void say_ready(sd_bus *bus)
+/* Prints whether events can be expected. */
+void print_ready(sd_bus *bus)
 {
     if (ctl_driver_has_owner(bus, CLIENT_EVENTS_SERVICE)) {
-        ctl_error("watching; Ctrl-C ends");
+        ctl_error("watching; press Ctrl-C to quit");
     } else if (ctl_driver_has_owner(bus, CLIENT_SONOBRIK.service)) {
-        ctl_error("the daemon runs, and this platform announces no events on the bus; waiting "
-                  "all the same");
+        ctl_error("the daemon is running, but this platform sends no events on the bus; waiting "
+                  "anyway");
     } else {
-        ctl_error("the daemon does not run; waiting for its start");
+        ctl_error("the daemon is not running; waiting for it to start");
     }
 }
 
@@ -198,19 +199,32 @@ int run(sd_bus *bus, Monitor *monitor)
 {
     int r = sd_bus_attach_event(bus, monitor->event, SD_EVENT_PRIORITY_NORMAL);
     if (r >= 0) {
-        r = watch(bus, monitor);
+        r = subscribe(bus, monitor);
     }
     if (r < 0) {
         g_autoptr(GError) error = nullptr;
         client_bus_set_error(&error, r, nullptr);
         return ctl_explain_bus(error);
     }
-    say_ready(bus);
-    /* A file cannot be waited for, and need not be. */
+    print_ready(bus);
+    /* Fails for a regular file, which has no reader that could close it. */
     sd_event_add_io(monitor->event, nullptr, STDOUT_FILENO, 0, on_output_closed, nullptr);
     r = sd_event_loop(monitor->event);
     sd_bus_detach_event(bus);
     return r < 0 ? CTL_FAILED : r;
+}
+
+int watch(sd_bus *bus, bool as_json)
+{
+    Monitor monitor = {.event = nullptr, .as_json = as_json};
+    const int r = sd_event_new(&monitor.event);
+    if (r < 0) {
+        ctl_error("cannot create an event loop: %s", g_strerror(-r));
+        return CTL_FAILED;
+    }
+    const int status = run(bus, &monitor);
+    sd_event_unref(monitor.event);
+    return status;
 }
 
 } // namespace
@@ -219,23 +233,9 @@ int ctl_monitor(const CtlCommand *command, char **words)
 {
     gboolean as_json = FALSE;
     const GOptionEntry entries[] = {
-        {"json", 0, 0, G_OPTION_ARG_NONE, &as_json, "For programs: a JSON object a line", nullptr},
+        ctl_options_flag("json", 0, "Print one JSON object per line, for programs", &as_json),
         {},
     };
-    g_auto(GStrv) operands = ctl_options_read(command, words, entries, 0, 0);
-    if (!operands) {
-        return CTL_USAGE;
-    }
-    g_autoptr(sd_bus) bus = ctl_bus_open();
-    if (!bus) {
-        return CTL_AWAY;
-    }
-    Monitor monitor = {.event = nullptr, .as_json = as_json != FALSE};
-    if (sd_event_new(&monitor.event) < 0) {
-        ctl_error("no event loop: %s", g_strerror(ENOMEM));
-        return CTL_FAILED;
-    }
-    const int status = run(bus, &monitor);
-    sd_event_unref(monitor.event);
-    return status;
+    return ctl_options_run(command, words, entries, nullptr,
+                           [&as_json](sd_bus *bus, char **) { return watch(bus, as_json); });
 }

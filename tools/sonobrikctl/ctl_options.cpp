@@ -1,15 +1,25 @@
 #include "ctl_options.h"
 
+#include "client_bus.h"
 #include "ctl_say.h"
 
-char **ctl_options_read(const CtlCommand *command, char **words, const GOptionEntry *entries,
-                        guint least, guint most)
+namespace
 {
-    /* Operands are taken as they are: names of files need not be text. */
+
+/* Returns the operands, to be freed with g_strfreev(), or null after printing an error. */
+char **read_operands(const CtlCommand *command, char **words, const GOptionEntry *entries)
+{
     g_auto(GStrv) operands = nullptr;
     const GOptionEntry rest[] = {
-        {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &operands, nullptr,
-         command->operands},
+        {
+            .long_name = G_OPTION_REMAINING,
+            .short_name = 0,
+            .flags = 0,
+            .arg = G_OPTION_ARG_FILENAME_ARRAY, /* a file name need not be valid UTF-8 */
+            .arg_data = &operands,
+            .description = nullptr,
+            .arg_description = command->operands,
+        },
         {},
     };
     g_autofree char *program = g_strdup_printf("sonobrikctl %s", command->name);
@@ -26,23 +36,68 @@ char **ctl_options_read(const CtlCommand *command, char **words, const GOptionEn
         ctl_error("%s", error->message);
     } else {
         const guint count = operands ? g_strv_length(operands) : 0;
-        if (count >= least && count <= most) {
+        if (count >= command->min_operands && count <= command->max_operands) {
             return operands ? g_steal_pointer(&operands) : g_new0(char *, 1);
         }
-        ctl_error(count < least ? "%s: an argument is missing" : "%s: too many arguments",
+        ctl_error(count < command->min_operands ? "%s: missing argument" : "%s: too many arguments",
                   command->name);
     }
-    ctl_error("see: sonobrikctl %s --help", command->name);
+    ctl_error("try 'sonobrikctl %s --help'", command->name);
     return nullptr;
 }
 
-bool ctl_options_number(const char *option, const char *text, gint64 least, gint64 most,
+} // namespace
+
+GOptionEntry ctl_options_flag(const char *name, char letter, const char *help, gboolean *is_given)
+{
+    return {
+        .long_name = name,
+        .short_name = letter,
+        .flags = 0,
+        .arg = G_OPTION_ARG_NONE,
+        .arg_data = is_given,
+        .description = help,
+        .arg_description = nullptr,
+    };
+}
+
+GOptionEntry ctl_options_value(const char *name, char letter, const char *help,
+                               const char *placeholder, char **value)
+{
+    return {
+        .long_name = name,
+        .short_name = letter,
+        .flags = 0,
+        .arg = G_OPTION_ARG_FILENAME,
+        .arg_data = value,
+        .description = help,
+        .arg_description = placeholder,
+    };
+}
+
+int ctl_options_run(const CtlCommand *command, char **words, const GOptionEntry *entries,
+                    const CtlCheck &check, const CtlAction &action)
+{
+    g_auto(GStrv) operands = read_operands(command, words, entries);
+    if (!operands) {
+        return CTL_USAGE;
+    }
+    const int status = check ? check(operands) : CTL_OK;
+    if (status != CTL_OK) {
+        return status;
+    }
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    return bus ? action(bus, operands) : ctl_explain_bus(error);
+}
+
+bool ctl_options_number(const char *option, const char *text, gint64 min, gint64 max,
                         gint64 *number)
 {
-    if (!text || g_ascii_string_to_signed(text, 10, least, most, number, nullptr)) {
+    if (!text || g_ascii_string_to_signed(text, 10, min, max, number, nullptr)) {
         return true;
     }
     ctl_error("%s takes a number from %" G_GINT64_FORMAT " to %" G_GINT64_FORMAT ", not '%s'",
-              option, least, most, text);
+              option, min, max, text);
     return false;
 }

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "autoptr.h"
 #include "client_policy.h"
 #include "client_text.h"
 #include "ctl.h"
@@ -11,17 +12,16 @@
 namespace
 {
 
-/* What to do about an error of the daemon's own, by the beginning of its text. */
+/* What to do about the daemon's own errors, by the beginning of their text. */
 constexpr struct {
     const char *text;
     const char *advice;
 } ADVICE[] = {
-    {"A clip is already playing", "stop it with 'sonobrikctl stop', or wait for its end"},
-    {"Failed to parse/validate option string",
-     "is there such an output? 'sonobrikctl outputs' lists them"},
+    {CLIENT_TEXT_BUSY, "stop it with 'sonobrikctl stop', or wait until it ends"},
+    {CLIENT_TEXT_BAD_OPTIONS, "check that the output exists: sonobrikctl outputs"},
     {"Error playing clip: Could not set receive pipeline",
-     "is the output there, and not taken by another program? See: journalctl -t sonobrik"},
-    {"NOK", "the daemon's log says why: journalctl -t sonobrik"},
+     "the output may be missing or in use by another program; for details: journalctl -t sonobrik"},
+    {"NOK", "for details: journalctl -t sonobrik"},
 };
 
 bool is_method(const CtlCall *call, const char *method)
@@ -32,28 +32,27 @@ bool is_method(const CtlCall *call, const char *method)
 void explain_denied(const CtlCall *call)
 {
     if (call->interface == &CLIENT_LEGACY) {
-        ctl_error("not allowed: %s",
+        ctl_error("permission denied: only root and members of %s",
                   is_method(call, "GetConfigurations")
-                      ? "root, and members of the group audio, may list the clips"
-                      : "root, and members of the group sonobrik-config, may change the clips");
-        ctl_error("who was just added to a group is a member from the next log-in on");
+                      ? "groups 'audio', 'sonobrik-config' may list clips"
+                      : "group 'sonobrik-config' may change clips");
+        ctl_error("just added to the group? log out and back in");
         return;
     }
-    g_autofree char *admitted = client_policy_describe(call->method);
-    if (admitted) {
-        ctl_error("not allowed; %s are, on this machine", admitted);
-        ctl_error("who was just added to a group is a member from the next log-in on");
+    const std::string allowed = client_policy_describe(call->method);
+    if (!allowed.empty()) {
+        ctl_error("permission denied: only %s may do this", allowed.c_str());
+        ctl_error("just added to the group? log out and back in");
         return;
     }
-    ctl_error("not allowed to call %s", call->method);
-    ctl_error("the device's access policy decides; the daemon's log says why: "
-              "journalctl -t sonobrik");
+    ctl_error("permission denied by the access policy: %s", call->method);
+    ctl_error("for details: journalctl -t sonobrik");
 }
 
 int explain_method(const CtlCall *call, const GError *error)
 {
     if (*error->message == '\0') {
-        ctl_error("%s failed; the daemon's log says why: journalctl -t sonobrik", call->method);
+        ctl_error("%s failed; for details: journalctl -t sonobrik", call->method);
         return CTL_FAILED;
     }
     ctl_error("%s", error->message);
@@ -67,9 +66,9 @@ int explain_method(const CtlCall *call, const GError *error)
         return CTL_FAILED;
     }
     bool is_missing = false;
-    g_autofree char *reason = ctl_file_explain(call->bus, call->path, &is_missing);
-    if (reason) {
-        ctl_error("%s", reason);
+    const std::string reason = ctl_file_explain(call->bus, call->path, &is_missing);
+    if (!reason.empty()) {
+        ctl_error("%s", reason.c_str());
     }
     return is_missing ? CTL_NO_CLIP : CTL_FAILED;
 }
@@ -82,10 +81,9 @@ void ctl_error(const char *format, ...)
     va_start(values, format);
     g_autofree char *text = g_strdup_vprintf(format, values);
     va_end(values);
-    g_autofree char *escaped = client_text_escape(text);
-    /* What was printed before stands before it, where both go to one place. */
+    /* Keeps the lines in order if standard output and standard error are the same file. */
     fflush(stdout);
-    fprintf(stderr, "sonobrikctl: %s\n", escaped);
+    fprintf(stderr, "sonobrikctl: %s\n", client_text_escape(text).c_str());
 }
 
 int ctl_explain(const CtlCall *call, const GError *error)
@@ -94,8 +92,8 @@ int ctl_explain(const CtlCall *call, const GError *error)
     case CLIENT_ERROR_NO_BUS:
         return ctl_explain_bus(error);
     case CLIENT_ERROR_NO_DAEMON:
-        ctl_error("the daemon does not answer: %s", error->message);
-        ctl_error("is the service running? See: systemctl status sonobrik");
+        ctl_error("cannot reach the daemon: %s", error->message);
+        ctl_error("check the service: systemctl status sonobrik");
         return CTL_AWAY;
     case CLIENT_ERROR_DENIED:
         explain_denied(call);
@@ -103,33 +101,29 @@ int ctl_explain(const CtlCall *call, const GError *error)
     case CLIENT_ERROR_METHOD:
         return explain_method(call, error);
     case CLIENT_ERROR_ARGUMENT:
-        ctl_error("names of clips and files have to be UTF-8 to be sent over the bus; rename "
-                  "the file first");
+        ctl_error("clip and file names must be valid UTF-8; rename the file first");
         return CTL_USAGE;
     case CLIENT_ERROR_NO_CLIP:
         ctl_error("%s", error->message);
-        ctl_error("'sonobrikctl list' shows all clips");
+        ctl_error("to list all clips: sonobrikctl list");
         return CTL_NO_CLIP;
     default:
-        ctl_error("%s: the answer is not what was expected: %s", call->method, error->message);
-        ctl_error("do the versions of the daemon and of sonobrikctl match?");
+        ctl_error("%s: unexpected reply: %s", call->method, error->message);
+        ctl_error("the daemon and sonobrikctl may be of different versions");
         return CTL_FAILED;
     }
 }
 
 int ctl_explain_bus(const GError *error)
 {
-    ctl_error("no system bus: %s", error->message);
-    ctl_error("is it running? See: systemctl status dbus");
+    ctl_error("no connection to the system bus: %s", error->message);
+    ctl_error("check that the bus is running: systemctl status dbus");
     return CTL_AWAY;
 }
 
-sd_bus *ctl_bus_open()
+int ctl_send(const CtlCall *call, sd_bus_message *message, GError *failure)
 {
-    g_autoptr(GError) error = nullptr;
-    sd_bus *bus = client_bus_open(&error);
-    if (!bus) {
-        ctl_explain_bus(error);
-    }
-    return bus;
+    g_autoptr(GError) error = failure;
+    g_autoptr(sd_bus_message) answer = client_bus_call(call->bus, message, &error);
+    return answer ? CTL_OK : ctl_explain(call, error);
 }

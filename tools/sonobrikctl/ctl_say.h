@@ -1,31 +1,32 @@
 #pragma once
 
-/* What the client says when something went wrong. */
+/* The error messages of sonobrikctl. */
 
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
 #include "client_bus.h"
 
-/* Writes a line to standard error, escaped. */
+/* Prints a line to standard error, with control characters escaped. */
 void ctl_error(const char *format, ...) G_GNUC_PRINTF(1, 2);
 
-/* A call that failed. */
+/* A call, to explain its failure. */
 struct CtlCall {
-    sd_bus *bus; /* to ask who the daemon is */
+    sd_bus *bus = nullptr; /* used to find out as which user the daemon runs */
     const ClientInterface *interface;
     const char *method;
-    const char *path; /* the file that it was about, or null */
+    const char *path = nullptr; /* the file that the call is about, or null */
 };
 
-/* Says what `error` means and what to do next. Returns the exit status that fits. */
+/* Prints what `error` means and what to do about it. Returns the matching exit status. */
 int ctl_explain(const CtlCall *call, const GError *error);
 
-/* Explains and returns the exit status for a connection that could not be made. */
+/* Does the same for an error of the connection to the bus, CLIENT_ERROR_NO_BUS. */
 int ctl_explain_bus(const GError *error);
 
 /*
- * Returns a connection to the system bus, to be ended with sd_bus_flush_close_unref(), or null
- * after saying why; the command then ends with CTL_AWAY.
+ * Sends `message`, the call that `call` describes, and waits for the reply. Takes ownership of
+ * `message`. If `message` is null, `failure`, which is always taken, says why. Returns CTL_OK, or
+ * the exit status after explaining the error.
  */
-sd_bus *ctl_bus_open(void);
+int ctl_send(const CtlCall *call, sd_bus_message *message, GError *failure);

@@ -15,24 +15,12 @@ constexpr const char *PLAIN = "\x1b[0m";
 constexpr const char *ERASE_REST = "\x1b[K";
 constexpr const char *GAP = "  ";
 
-constexpr int LEAST_BAR = 10;
-constexpr int MOST_BAR = 40;
-constexpr int COLUMNS = 80; /* of a terminal that does not tell */
+constexpr int MIN_BAR = 10;
+constexpr int MAX_BAR = 40;
+constexpr int DEFAULT_COLUMNS = 80; /* if the terminal does not report its width */
 
-std::string escape(const std::string &text)
-{
-    g_autofree char *escaped = client_text_escape(text.c_str());
-    return escaped;
-}
-
-std::string format_duration(gint64 milliseconds)
-{
-    g_autofree char *text = client_text_duration(milliseconds);
-    return text;
-}
-
-/* Cuts `text` to what fits into `columns`. */
-std::string fit(const std::string &text, int columns)
+/* Returns as much of the beginning of `text` as fits into `columns`. */
+std::string truncate(const std::string &text, int columns)
 {
     const char *end = text.c_str();
     int used = 0;
@@ -50,7 +38,8 @@ std::string fit(const std::string &text, int columns)
 int count_columns()
 {
     struct winsize size = {};
-    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : COLUMNS;
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
+                                                                           : DEFAULT_COLUMNS;
 }
 
 std::string draw_bar(double share, int width)
@@ -95,7 +84,7 @@ void ctl_table_print(const CtlTable *table)
     std::vector<int> widths(columns, 0);
     for (auto &row : rows) {
         for (size_t i = 0; i < columns; i++) {
-            row[i] = escape(row[i]);
+            row[i] = client_text_escape(row[i]);
             widths[i] = std::max(widths[i], ctl_terminal_width(row[i]));
         }
     }
@@ -119,7 +108,7 @@ CtlProgress ctl_progress_begin(gint64 length_ms, const char *label)
         .is_shown = ctl_terminal_is_rich(stderr),
         .began_us = g_get_monotonic_time(),
         .length_ms = length_ms,
-        .label = escape(label),
+        .label = client_text_escape(label),
     };
 }
 
@@ -129,17 +118,18 @@ void ctl_progress_show(const CtlProgress *progress, bool is_over)
         return;
     }
     gint64 elapsed_ms = (g_get_monotonic_time() - progress->began_us) / 1000;
-    std::string times = format_duration(elapsed_ms);
+    std::string times = client_text_duration(elapsed_ms);
     const bool has_length = progress->length_ms > 0;
     if (has_length) {
         elapsed_ms = is_over ? progress->length_ms : std::min(elapsed_ms, progress->length_ms);
-        times = format_duration(elapsed_ms) + " / " + format_duration(progress->length_ms);
+        times =
+            client_text_duration(elapsed_ms) + " / " + client_text_duration(progress->length_ms);
     }
-    /* One column stays free: a full line would wrap on some terminals. */
+    /* Leaves one column free, because some terminals wrap a full line. */
     int left = count_columns() - 1 - static_cast<int>(times.size());
     std::string line;
-    const int bar = std::min(left - 3, MOST_BAR);
-    if (has_length && bar >= LEAST_BAR) {
+    const int bar = std::min(left - 3, MAX_BAR);
+    if (has_length && bar >= MIN_BAR) {
         line = draw_bar(static_cast<double>(elapsed_ms) / static_cast<double>(progress->length_ms),
                         bar);
         left -= static_cast<int>(line.size());
@@ -147,7 +137,7 @@ void ctl_progress_show(const CtlProgress *progress, bool is_over)
     line += times;
     const int room = left - 2;
     if (room > 0) {
-        line += GAP + fit(progress->label, room);
+        line += GAP + truncate(progress->label, room);
     }
     fprintf(stderr, "\r%s%s", line.c_str(), ERASE_REST);
     fflush(stderr);

@@ -1,43 +1,43 @@
 #pragma once
 
-/* What a terminal shows: colour, columns, and how far a clip has come. */
+/* Terminal output: colour, tables and the progress of a clip. */
 
 #include <cstdio>
 #include <glib.h>
 #include <string>
 #include <vector>
 
-/* Whether `stream` is a terminal that understands control sequences. */
+/* Returns true if `stream` is a terminal that understands control sequences. */
 bool ctl_terminal_is_rich(FILE *stream);
 
-/* Whether it is one, and its user wants emphasis too. */
+/* Returns true if `stream` is such a terminal and the user has not disabled colour. */
 bool ctl_terminal_has_colour(FILE *stream);
 
-/* How many columns `text`, UTF-8 without control characters, takes. */
+/* Returns how many columns `text` takes. It is UTF-8 without control characters. */
 int ctl_terminal_width(const std::string &text);
 
-/* Columns of text, the first row their heads. */
+/* A table of text. The first row is the heading. */
 struct CtlTable {
-    std::vector<bool> is_right; /* of each column: numbers stand on its right */
+    std::vector<bool> is_right; /* for each column: true if aligned to the right, as numbers are */
     std::vector<std::vector<std::string>> rows;
 };
 
-/* Escapes all texts and writes them to standard output, with emphasis where that is wanted. */
+/* Escapes the table's texts and prints it to standard output; with colour, the heading is bold. */
 void ctl_table_print(const CtlTable *table);
 
-/* How far a clip has come, on a line of standard error; nothing where that is no rich terminal. */
+/* The progress of a clip, shown on one line of standard error if that is a rich terminal. */
 struct CtlProgress {
     bool is_shown;
     gint64 began_us;  /* of g_get_monotonic_time() */
-    gint64 length_ms; /* negative if it is not known, or has no end */
+    gint64 length_ms; /* negative if it is unknown or infinite */
     std::string label;
 };
 
-/* Begins now. */
+/* Returns the progress of a clip that starts now. */
 CtlProgress ctl_progress_begin(gint64 length_ms, const char *label);
 
-/* Shows where it is now; at its end if `is_over`. */
+/* Updates the line, to the current position or, if `is_over`, to the end of the clip. */
 void ctl_progress_show(const CtlProgress *progress, bool is_over);
 
-/* Leaves the line, if it was begun. */
+/* Ends the line. */
 void ctl_progress_end(const CtlProgress *progress);

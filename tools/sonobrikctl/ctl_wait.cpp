@@ -14,7 +14,7 @@ namespace
 
 constexpr uint64_t REDRAW_US = 100000;
 constexpr uint64_t ACCURACY_US = 10000;
-constexpr uint64_t PATIENCE_US = 5000000;
+constexpr uint64_t STOP_TIMEOUT_US = 5000000;
 
 struct Wait {
     sd_bus *bus;
@@ -24,8 +24,8 @@ struct Wait {
     int signal;
 };
 
-/* Reads an answer. */
-void take_answer(Wait *wait, sd_bus_message *answer)
+/* Records the error of a reply, if it is one, and ends the wait. */
+void end_with_reply(Wait *wait, sd_bus_message *answer)
 {
     if (sd_bus_message_is_method_error(answer, nullptr)) {
         client_bus_set_error(wait->error, -sd_bus_message_get_errno(answer),
@@ -37,20 +37,20 @@ void take_answer(Wait *wait, sd_bus_message *answer)
 int on_played(sd_bus_message *answer, void *data, sd_bus_error *)
 {
     auto *wait = static_cast<Wait *>(data);
-    /* The clip that is stopped ends too; what counts then is the answer to the stop. */
+    /* Stopping the clip also ends this call. After a signal, the reply to the stop decides. */
     if (wait->signal == 0) {
-        take_answer(wait, answer);
+        end_with_reply(wait, answer);
     }
     return 0;
 }
 
 int on_stopped(sd_bus_message *answer, void *data, sd_bus_error *)
 {
-    take_answer(static_cast<Wait *>(data), answer);
+    end_with_reply(static_cast<Wait *>(data), answer);
     return 0;
 }
 
-int on_impatience(sd_event_source *source, uint64_t, void *)
+int on_stop_timeout(sd_event_source *source, uint64_t, void *)
 {
     return sd_event_exit(sd_event_source_get_event(source), 0);
 }
@@ -74,7 +74,7 @@ int on_signal(sd_event_source *source, const struct signalfd_siginfo *info, void
         return sd_event_exit(wait->event, 0);
     }
     return sd_event_add_time_relative(sd_event_source_get_event(source), nullptr, CLOCK_MONOTONIC,
-                                      PATIENCE_US, 0, on_impatience, wait);
+                                      STOP_TIMEOUT_US, 0, on_stop_timeout, wait);
 }
 
 int on_redraw(sd_event_source *source, uint64_t, void *data)
@@ -84,7 +84,8 @@ int on_redraw(sd_event_source *source, uint64_t, void *data)
     return sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
 }
 
-/* A shell's background job ignores the terminal's Ctrl-C, and shall go on doing so. */
+/* Handles SIGINT and SIGTERM unless they are ignored: a shell without job control starts background
+ * jobs that ignore Ctrl-C. */
 int watch_signals(Wait *wait)
 {
     for (const int number : {SIGINT, SIGTERM}) {
@@ -134,7 +135,6 @@ CtlCall ctl_wait_stop_call(sd_bus *bus)
         .bus = bus,
         .interface = &CLIENT_SONOBRIK,
         .method = "StopPlayingClip",
-        .path = nullptr,
     };
 }
 

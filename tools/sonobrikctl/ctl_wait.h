@@ -9,22 +9,22 @@
 
 /* How a wait ended. */
 struct CtlWaitResult {
-    int signal;   /* that asked to stop the clip; 0 if it ended by itself */
-    CtlCall stop; /* how it was stopped then, to explain a failure by */
+    int signal;   /* the signal that stopped the clip; 0 if there was none */
+    CtlCall stop; /* the call that stopped the clip after a signal, to explain its failure */
 };
 
-/* Whether ctl_wait() shows how far the clip has come. */
+/* Returns true if ctl_wait() shows the progress of the clip. */
 bool ctl_wait_shows_progress();
 
-/* The call that stops what plays, to explain its failure by. */
+/* Returns the call that stops playback, to explain its failure. */
 CtlCall ctl_wait_stop_call(sd_bus *bus);
 
 /*
- * Sends `play`, a call of PlayClip, which it takes, and waits for its answer without limit. Shows
- * how far the clip has come meanwhile: of `length_ms`, or without an end if that is negative.
- * SIGINT and SIGTERM, unless they were ignored, stop the clip; a second one, or a daemon that does
- * not answer for 5 s, ends the wait for that. Sets `error` if the clip could not be played or,
- * after a signal, not be stopped.
+ * Sends `play`, a call of PlayClip, takes ownership of it, and waits for the reply without a time
+ * limit. Shows the progress of the clip meanwhile; `length_ms` is negative if it is unknown or
+ * infinite. SIGINT and SIGTERM stop the clip, unless the program ignores them. The wait for the
+ * stop ends with a second signal or after 5 s. Sets `error` if playing or, after a signal, stopping
+ * failed.
  */
 CtlWaitResult ctl_wait(sd_bus *bus, sd_bus_message *play, gint64 length_ms, const char *label,
                        GError **error);

@@ -14,17 +14,86 @@ namespace
 {
 
 constexpr CtlCommand COMMANDS[] = {
-    {"play", "CLIP|FILE|PATTERN", "Plays a stored clip, a file, or one of many files at random.",
-     ctl_play},
-    {"stop", "", "Stops what plays.", ctl_stop},
-    {"list", "", "Lists the stored clips.", ctl_list},
-    {"add", "FILE", "Stores a clip, and prints its number.", ctl_add},
-    {"rename", "CLIP NAME", "Gives a clip another name.", ctl_rename},
-    {"remove", "CLIP", "Removes a clip; its file stays.", ctl_remove},
-    {"check", "FILE…", "Says of each file whether it can be played.", ctl_check},
-    {"sync", "", "Tells the on-screen controls of the clips anew.", ctl_sync},
-    {"outputs", "", "Lists the audio outputs and what they play.", ctl_outputs},
-    {"monitor", "", "Prints what plays, and which clips are added, as it happens.", ctl_monitor},
+    {
+        .name = "play",
+        .operands = "CLIP|FILE|PATTERN",
+        .min_operands = 1,
+        .max_operands = 1,
+        .summary = "Plays a stored clip, a file, or a random file matching a pattern.",
+        .run = ctl_play,
+    },
+    {
+        .name = "stop",
+        .operands = "",
+        .min_operands = 0,
+        .max_operands = 0,
+        .summary = "Stops playback.",
+        .run = ctl_stop,
+    },
+    {
+        .name = "list",
+        .operands = "",
+        .min_operands = 0,
+        .max_operands = 0,
+        .summary = "Lists the stored clips.",
+        .run = ctl_list,
+    },
+    {
+        .name = "add",
+        .operands = "FILE",
+        .min_operands = 1,
+        .max_operands = 1,
+        .summary = "Stores a file as a clip and prints its number.",
+        .run = ctl_add,
+    },
+    {
+        .name = "rename",
+        .operands = "CLIP NAME",
+        .min_operands = 2,
+        .max_operands = 2,
+        .summary = "Renames a clip.",
+        .run = ctl_rename,
+    },
+    {
+        .name = "remove",
+        .operands = "CLIP",
+        .min_operands = 1,
+        .max_operands = 1,
+        .summary = "Removes a clip; its file is kept.",
+        .run = ctl_remove,
+    },
+    {
+        .name = "check",
+        .operands = "FILE…",
+        .min_operands = 1,
+        .max_operands = G_MAXUINT,
+        .summary = "Reports whether the daemon can play each file.",
+        .run = ctl_check,
+    },
+    {
+        .name = "sync",
+        .operands = "",
+        .min_operands = 0,
+        .max_operands = 0,
+        .summary = "Re-sends the clip list to the on-screen controls.",
+        .run = ctl_sync,
+    },
+    {
+        .name = "outputs",
+        .operands = "",
+        .min_operands = 0,
+        .max_operands = 0,
+        .summary = "Lists the audio outputs and what is playing on them.",
+        .run = ctl_outputs,
+    },
+    {
+        .name = "monitor",
+        .operands = "",
+        .min_operands = 0,
+        .max_operands = 0,
+        .summary = "Prints playback and changes of clips as they happen.",
+        .run = ctl_monitor,
+    },
 };
 
 constexpr int OPERANDS_WIDTH = 17;
@@ -32,12 +101,13 @@ constexpr int OPERANDS_WIDTH = 17;
 void print_help()
 {
     printf("Usage:\n  sonobrikctl COMMAND [OPTION…] [ARGUMENT…]\n\n"
-           "Plays audio clips, and keeps a list of them, by the daemon sonobrik.\n\nCommands:\n");
+           "Plays and manages audio clips through the sonobrik daemon.\n\nCommands:\n");
     for (const CtlCommand &command : COMMANDS) {
         const int blanks = OPERANDS_WIDTH - ctl_terminal_width(command.operands);
         printf("  %-8s %s%*s %s\n", command.name, command.operands, blanks, "", command.summary);
     }
-    printf("\nCLIP is a clip's number or name. What a command takes: sonobrikctl COMMAND --help\n");
+    printf(
+        "\nCLIP is a clip's number or name. For a command's options: sonobrikctl COMMAND --help\n");
 }
 
 const CtlCommand *find_command(const char *name)
@@ -66,11 +136,11 @@ int run(char **words)
         return command->run(command, words);
     }
     if (name) {
-        ctl_error("there is no command '%s'", name);
+        ctl_error("unknown command '%s'", name);
     } else {
-        ctl_error("a command is missing");
+        ctl_error("missing command");
     }
-    ctl_error("see: sonobrikctl --help");
+    ctl_error("try 'sonobrikctl --help'");
     return CTL_USAGE;
 }
 
@@ -79,12 +149,11 @@ int run(char **words)
 int main(int argc, char **argv)
 {
     setlocale(LC_ALL, "");
-    /* A reader of the output that has enough ends the program without a word, whoever started it.
-     */
+    /* If the reader of a pipe exits, end silently, even if the parent process ignores SIGPIPE. */
     signal(SIGPIPE, SIG_DFL);
     const int status = run(argv + (argc > 0 ? 1 : 0));
     if (fflush(stdout) != 0 || ferror(stdout)) {
-        ctl_error("cannot write: %s", g_strerror(errno));
+        ctl_error("cannot write to standard output: %s", g_strerror(errno));
         return status == CTL_OK ? CTL_FAILED : status;
     }
     return status;

@@ -1,11 +1,11 @@
-"""A browser that shows a page to a test, as a person sees it."""
+"""Controls a real browser that shows a page to a test."""
 
 import contextlib
 import shutil
 
 DRIVER = "chromedriver"
 
-# Nothing of its own goes out, and nothing of its user comes in.
+# Without network traffic of its own and without the settings of the current user.
 FLAGS = (
     "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
     "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -14,9 +14,9 @@ FLAGS = (
 
 
 def find_browser():
-    """The path of the browser's program, or null if it or what drives it is not installed."""
+    """Returns the path of the browser, or None if the browser, its driver or selenium is missing."""
     try:
-        import selenium  # noqa: F401 (only whether it is there)
+        import selenium  # noqa: F401 (checks that it is installed)
     except ImportError:
         return None
     return shutil.which("chromium") if shutil.which(DRIVER) else None
@@ -24,7 +24,7 @@ def find_browser():
 
 @contextlib.contextmanager
 def open_browser(folder, width=1100, height=900, dark=False, script=True):
-    """Starts a browser, with nothing but what is in `folder`, and ends it afterwards."""
+    """Starts a browser with the profile in `folder`, and quits it afterwards."""
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
 

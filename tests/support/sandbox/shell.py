@@ -1,4 +1,4 @@
-"""The command-line client as people use it: in a pipe and on a terminal."""
+"""Runs the command-line client, in a pipe or on a terminal."""
 
 import json
 
@@ -15,17 +15,17 @@ class Shell:
         self.sandbox = sandbox
 
     def run(self, *words, **options):
-        """Runs it in a pipe; returns its CompletedProcess."""
+        """Runs it in a pipe and returns the CompletedProcess."""
         return self.sandbox.run([PROGRAM, *words], check=False, **options)
 
     def ok(self, *words, **options):
-        """Runs it, which must succeed without a word on standard error; returns what it printed."""
+        """Runs it, asserts success and an empty standard error, and returns its standard output."""
         result = self.run(*words, **options)
         assert (result.returncode, result.stderr) == (0, ""), (words, result)
         return result.stdout
 
     def fail(self, status, *words, **options):
-        """Runs it, which must end with `status` and print nothing; returns its lines of error."""
+        """Runs it, asserts `status` and an empty standard output, and returns the error lines."""
         result = self.run(*words, **options)
         assert (result.returncode, result.stdout) == (status, ""), (words, result)
         lines = result.stderr.splitlines()
@@ -33,8 +33,8 @@ class Shell:
         return [line.removeprefix("sonobrikctl: ") for line in lines]
 
     def on_terminal(self, *words, steps=(), columns=80, env=None, command=None):
-        """Runs it, or `command`, on a terminal; `steps` are pairs of a text to wait for and keys to
-        press then. Returns what the terminal got, and the exit status."""
+        """Runs it, or `command`, on a terminal. `steps` are pairs of a text to wait for and keys to
+        press then. Returns the terminal's output and the exit status."""
         task = {"command": [*(command or [PROGRAM]), *words], "columns": columns,
                 "steps": list(steps)}
         result = self.sandbox.run(
@@ -45,12 +45,12 @@ class Shell:
         return answer["output"], answer["status"]
 
     def start(self, *words):
-        """Starts it, with its standard output in a file of the sandbox; returns the Running."""
+        """Starts it, with standard output redirected to a file, and returns a Running."""
         return Running(self.sandbox, words)
 
 
 class Running:
-    """A sonobrikctl that runs on."""
+    """A running sonobrikctl."""
 
     def __init__(self, sandbox, words):
         self._output = sandbox.folder / "tmp/ctl-output"
@@ -60,12 +60,12 @@ class Running:
 
     @property
     def lines(self):
-        """The whole lines that it has printed so far."""
+        """The complete lines that it has printed so far."""
         return self._output.read_text().split("\n")[:-1]
 
     def wait_lines(self, count):
-        wait_until(lambda: len(self.lines) >= count, 20, f"there are {count} lines")
+        wait_until(lambda: len(self.lines) >= count, 20, f"{count} lines are printed")
         return self.lines
 
     def wait_error(self, text):
-        wait_until(lambda: f"sonobrikctl: {text}" in self.process.lines, 20, f"it says {text}")
+        wait_until(lambda: f"sonobrikctl: {text}" in self.process.lines, 20, f"the error {text!r} is printed")

@@ -1,4 +1,4 @@
-"""A web server in the sandbox, with the program that it runs for people."""
+"""A web server in the sandbox that runs sonobrik.cgi."""
 
 import dataclasses
 import pathlib
@@ -15,26 +15,25 @@ PROGRAM = "/usr/libexec/vesk-cgi/sonobrik.cgi"
 PATH = "/vesk-cgi/sonobrik.cgi"
 
 USER = "anna:s3cret"
-# Of "s3cret", as "openssl passwd -6 -salt salt" prints it.
+# The output of "openssl passwd -6 -salt salt s3cret".
 HASH = ("$6$salt$DGAQW8l.nT4RCbPNEQZjx6ZZzjHy2eW5krORahM6YQzUbUKsZPuhNkX7AUpx1TMPuF37mzmXtWWdUw3"
         "tTKEd.1")
 
 
 def find_server(name):
-    """The path of a web server's program, or null; they are outside of many people's PATH."""
+    """Returns the path of a web server, or None. Many users do not have /usr/sbin in their PATH."""
     return shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin")
 
 
 @dataclasses.dataclass(frozen=True)
 class Answer:
     status: int
-    headers: dict  # by name in lower case; of the last one of a name
+    headers: dict  # by lower-case name; the last one if a name is repeated
     text: str
 
 
 class Web:
-    """A web server in `sandbox`, which serves the program of the sandbox's build with the
-    configuration that comes with it."""
+    """A web server in `sandbox` that runs the built program with the shipped configuration."""
 
     def __init__(self, sandbox):
         self._sandbox = sandbox
@@ -51,7 +50,7 @@ class Web:
                     'server.document-root = "/run/home"\n'
                     'server.bind = "127.0.0.1"\n'
                     f"server.port = {self.port}\n"
-                    # As the distribution's own does; both load it.
+                    # The distribution's configuration loads this module too.
                     'server.modules = ( "mod_alias" )\n'
                     'include "sonobrik.conf"\n')
         self._start([find_server("lighttpd"), "-D", "-f", "/etc/lighttpd/lighttpd.conf"])
@@ -73,7 +72,7 @@ class Web:
         self.processes.append(self._sandbox.spawn(
             [find_server("fcgiwrap"), "-s", "unix:/run/home/fcgi"]))
         socket_path = self._sandbox.folder / "run/home/fcgi"
-        wait_until(socket_path.exists, 20, "the wrapper listens")
+        wait_until(socket_path.exists, 20, "fcgiwrap is listening")
         self._start([find_server("nginx"), "-c", "/etc/nginx/nginx.conf"])
         return check.stderr
 
@@ -89,7 +88,7 @@ class Web:
     def _start(self, command):
         server = self._sandbox.spawn(command)
         self.processes.append(server)
-        wait_until(lambda: not server.is_running or self._answers(), 20, "the web server answers")
+        wait_until(lambda: not server.is_running or self._answers(), 20, "the web server is listening")
         assert server.is_running, server.lines
 
     def _answers(self):
@@ -100,7 +99,7 @@ class Web:
         return True
 
     def get(self, query="", *options, user=USER):
-        """What curl gets for a query; `options` are further ones of curl's."""
+        """Requests a query with curl and returns the Answer. `options` are passed to curl."""
         address = f"{self.address}?{query}" if query else self.address
         command = ["curl", "--silent", "--show-error", "--include", "--max-time", "120",
                    "--noproxy", "*", *(["--user", user] if user else []), *options, address]
@@ -115,6 +114,6 @@ class Web:
         return self.get("", "--data", form, *options, user=user)
 
     def check(self):
-        """Fails if the program had something to say beside its answers."""
+        """Fails if a sanitizer reported an error."""
         lines = [line for process in self.processes for line in process.lines]
         assert not any(SANITIZER_REPORT.search(line) for line in lines), "\n".join(lines)
