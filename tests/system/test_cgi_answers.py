@@ -230,7 +230,7 @@ def test_the_forms_of_the_page_redirect_to_the_page(web, door, quiet):
     assert answer.headers["location"] == "?result=noclip&clip=77"
     assert "There is no such clip." in web.get(answer.headers["location"][1:]).text
     answer = web.post("page=1&action=play&clip=77&volume=2000")
-    assert answer.headers["location"].startswith("?result=unreadable")
+    assert answer.headers["location"].startswith("?result=invalid")
 
 
 @pytest.mark.parametrize("page", ["", "page=1&"])

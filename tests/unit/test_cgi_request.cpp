@@ -55,7 +55,7 @@ CgiResult read_body(const std::string &body, CgiRequest *request = nullptr)
 
 TEST(CgiRequest, RejectsAMissingMethod)
 {
-    EXPECT_EQ(read({}), CGI_UNREADABLE);
+    EXPECT_EQ(read({}), CGI_INVALID);
 }
 
 TEST(CgiRequest, RejectsOtherMethods)
@@ -93,7 +93,7 @@ TEST(CgiRequest, TreatsAnEmptyNumberAsNotGiven)
     EXPECT_EQ(request.volume, CLIENT_NOT_GIVEN);
     EXPECT_EQ(request.repeat, CLIENT_NOT_GIVEN);
     EXPECT_EQ(request.output, CLIENT_NOT_GIVEN);
-    EXPECT_EQ(read_query("action=play&clip="), CGI_UNREADABLE);
+    EXPECT_EQ(read_query("action=play&clip="), CGI_INVALID);
 }
 
 TEST(CgiRequest, RejectsNumbersThatAreNotCanonicalOrInRange)
@@ -103,20 +103,20 @@ TEST(CgiRequest, RejectsNumbersThatAreNotCanonicalOrInRange)
     }
     for (const char *clip : {"-0", "00", "01", "%2B1", "1+", "+1", "1.0", "1e1", "-1", "2147483648",
                              "9223372036854775808", "-9223372036854775809", "\u0661", "a"}) {
-        EXPECT_EQ(read_query(std::string("action=play&clip=") + clip), CGI_UNREADABLE) << clip;
+        EXPECT_EQ(read_query(std::string("action=play&clip=") + clip), CGI_INVALID) << clip;
     }
     for (const char *option : {"volume=1001", "volume=-1", "repeat=-2", "repeat=2147483648",
                                "audiooutput=6", "audiooutput=-1"}) {
-        EXPECT_EQ(read_query(std::string("action=play&clip=1&") + option), CGI_UNREADABLE)
+        EXPECT_EQ(read_query(std::string("action=play&clip=1&") + option), CGI_INVALID)
             << option;
     }
 }
 
 TEST(CgiRequest, RejectsUnknownKeysAndActions)
 {
-    EXPECT_EQ(read_query("action=stop&volum=1"), CGI_UNREADABLE);
-    EXPECT_EQ(read_query("Action=stop"), CGI_UNREADABLE);
-    EXPECT_EQ(read_query("action=pause"), CGI_UNREADABLE);
+    EXPECT_EQ(read_query("action=stop&volum=1"), CGI_INVALID);
+    EXPECT_EQ(read_query("Action=stop"), CGI_INVALID);
+    EXPECT_EQ(read_query("action=pause"), CGI_INVALID);
 }
 
 TEST(CgiRequest, RejectsActionsWithHead)
@@ -147,7 +147,7 @@ TEST(CgiRequest, OnlyAPostComesFromThePage)
 TEST(CgiRequest, RecognisesAnInvalidFormOfThePage)
 {
     CgiRequest request;
-    EXPECT_EQ(read_body("action=play&clip=x&page=1", &request), CGI_UNREADABLE);
+    EXPECT_EQ(read_body("action=play&clip=x&page=1", &request), CGI_INVALID);
     EXPECT_TRUE(request.is_from_page);
 }
 
@@ -155,7 +155,7 @@ TEST(CgiRequest, RejectsAKeyThatIsInBothQueryAndBody)
 {
     Environment environment = make_post("11");
     environment["QUERY_STRING"] = "action=stop";
-    EXPECT_EQ(read(environment, "action=stop"), CGI_UNREADABLE);
+    EXPECT_EQ(read(environment, "action=stop"), CGI_INVALID);
     environment["QUERY_STRING"] = "clip=1";
     EXPECT_EQ(read(environment, "action=play"), CGI_OK);
 }
@@ -170,10 +170,10 @@ TEST(CgiRequest, LimitsTheSizeOfQueryAndBody)
 
 TEST(CgiRequest, RejectsAWrongContentLength)
 {
-    EXPECT_EQ(read(make_post("12"), "action=stop"), CGI_UNREADABLE);
-    EXPECT_EQ(read(make_post("10"), "action=stop"), CGI_UNREADABLE); /* reads "action=sto" */
-    EXPECT_EQ(read(make_post("-11"), "action=stop"), CGI_UNREADABLE);
-    EXPECT_EQ(read(make_post("11 "), "action=stop"), CGI_UNREADABLE);
+    EXPECT_EQ(read(make_post("12"), "action=stop"), CGI_INVALID);
+    EXPECT_EQ(read(make_post("10"), "action=stop"), CGI_INVALID); /* reads "action=sto" */
+    EXPECT_EQ(read(make_post("-11"), "action=stop"), CGI_INVALID);
+    EXPECT_EQ(read(make_post("11 "), "action=stop"), CGI_INVALID);
     EXPECT_EQ(read(make_post("99999999999999999999"), "action=stop"), CGI_TOO_LARGE);
 }
 
@@ -204,7 +204,7 @@ TEST(CgiRequest, RejectsPrefetchedActions)
     for (const char *name : {"HTTP_SEC_PURPOSE", "HTTP_PURPOSE", "HTTP_X_MOZ"}) {
         EXPECT_EQ(
             read({{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", "action=stop"}, {name, "prefetch"}}),
-            CGI_AHEAD);
+            CGI_PREFETCH);
     }
 }
 

@@ -2,13 +2,13 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <poll.h>
 #include <string_view>
 #include <unistd.h>
 
 #include "cgi_form.h"
 #include "cgi_origin.h"
+#include "client_number.h"
 
 namespace
 {
@@ -48,17 +48,9 @@ std::string_view get_variable(const char *name)
     return value ? value : "";
 }
 
-CgiOutcome unreadable(const std::string &why)
+CgiOutcome reject(const std::string &why)
 {
-    return {CGI_UNREADABLE, why};
-}
-
-/* Reads a decimal number without leading zeros and without a sign other than '-'. */
-bool read_number(std::string_view text, gint64 *value)
-{
-    const char *end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, *value);
-    return error == std::errc{} && stop == end && std::to_string(*value) == text;
+    return {CGI_INVALID, why};
 }
 
 CgiOutcome read_length(size_t *length)
@@ -70,10 +62,10 @@ CgiOutcome read_length(size_t *length)
         return {};
     }
     if (text.find_first_not_of("0123456789") != std::string_view::npos) {
-        return unreadable("CONTENT_LENGTH is not a number.");
+        return reject("CONTENT_LENGTH is not a number.");
     }
-    /* read_number() also fails if the number is too large for a gint64. */
-    if (!read_number(text, &value) || value > static_cast<gint64>(CGI_REQUEST_MAX)) {
+    /* client_number_read() also fails if the number is too large for a gint64. */
+    if (!client_number_read(text, &value) || value > static_cast<gint64>(CGI_REQUEST_MAX)) {
         return {CGI_TOO_LARGE, ""};
     }
     *length = static_cast<size_t>(value);
@@ -102,7 +94,7 @@ CgiOutcome read_body(int fd, std::string *body)
             continue;
         }
         if (r <= 0) {
-            return unreadable("The body is shorter than CONTENT_LENGTH.");
+            return reject("The body is shorter than CONTENT_LENGTH.");
         }
         done += static_cast<size_t>(r);
     }
@@ -117,7 +109,7 @@ CgiOutcome read_form(CgiForm *form, int body_fd, bool has_body)
         return {CGI_TOO_LARGE, ""};
     }
     if (!cgi_form_read(form, query, &why)) {
-        return unreadable(why);
+        return reject(why);
     }
     if (!has_body) {
         return {};
@@ -125,7 +117,7 @@ CgiOutcome read_form(CgiForm *form, int body_fd, bool has_body)
     std::string body;
     CgiOutcome outcome = read_body(body_fd, &body);
     if (outcome.result == CGI_OK && !cgi_form_read(form, body, &why)) {
-        outcome = unreadable(why);
+        outcome = reject(why);
     }
     return outcome;
 }
@@ -136,9 +128,9 @@ CgiOutcome take_number(CgiRequest *request, const Number &number, std::string_vi
         return {}; /* an empty form field */
     }
     gint64 value = 0;
-    if (!read_number(text, &value) || value < number.min || value > number.max) {
-        return unreadable("'" + std::string(number.key) + "' is not a number from " +
-                          std::to_string(number.min) + " to " + std::to_string(number.max) + ".");
+    if (!client_number_read(text, &value) || value < number.min || value > number.max) {
+        return reject("'" + std::string(number.key) + "' is not a number from " +
+                      std::to_string(number.min) + " to " + std::to_string(number.max) + ".");
     }
     request->*number.place = value;
     return {};
@@ -159,7 +151,7 @@ CgiOutcome take_pair(CgiRequest *request, std::string_view key, std::string_view
                 return {};
             }
         }
-        return unreadable("'action' must be play, stop or status.");
+        return reject("'action' must be play, stop or status.");
     }
     if (key == "result") {
         request->result = value;
@@ -168,7 +160,7 @@ CgiOutcome take_pair(CgiRequest *request, std::string_view key, std::string_view
     if (key == "page") {
         return {};
     }
-    return unreadable("Unknown parameter '" + std::string(key) + "'.");
+    return reject("Unknown parameter '" + std::string(key) + "'.");
 }
 
 bool changes_playback(const CgiRequest &request)
@@ -185,7 +177,7 @@ CgiOutcome take_form(CgiRequest *request, const CgiForm &form)
         }
     }
     if (request->action == CGI_PLAY && request->clip == CLIENT_NOT_GIVEN) {
-        return unreadable("Parameter 'clip' is missing.");
+        return reject("Parameter 'clip' is missing.");
     }
     return {};
 }
@@ -209,7 +201,7 @@ CgiOutcome check_origin(const CgiForm &form)
     for (const char *name : {"HTTP_SEC_PURPOSE", "HTTP_PURPOSE", "HTTP_X_MOZ"}) {
         const std::string_view purpose = get_variable(name);
         if (purpose.starts_with("prefetch") || purpose.starts_with("preview")) {
-            return {CGI_AHEAD, ""};
+            return {CGI_PREFETCH, ""};
         }
     }
     return {};
@@ -222,7 +214,7 @@ CgiOutcome cgi_request_read(CgiRequest *request, int body_fd)
     const std::string_view method = get_variable("REQUEST_METHOD");
     request->is_head = method == "HEAD";
     if (method.empty()) {
-        return unreadable("REQUEST_METHOD is not set: this program must be run by a web server.");
+        return reject("REQUEST_METHOD is not set: this program must be run by a web server.");
     }
     if (method != "GET" && method != "POST" && !request->is_head) {
         return {CGI_METHOD, ""};

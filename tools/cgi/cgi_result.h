@@ -9,9 +9,9 @@ enum CgiResult {
     CGI_OK, /* no error so far */
     CGI_PLAYING,
     CGI_STOPPED,
-    CGI_UNREADABLE,
+    CGI_INVALID,
     CGI_FOREIGN,
-    CGI_AHEAD,
+    CGI_PREFETCH,
     CGI_DENIED,
     CGI_NO_CLIP,
     CGI_NO_FILE,

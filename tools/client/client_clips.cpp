@@ -5,6 +5,7 @@
 
 #include "autoptr.h"
 #include "client_bus.h"
+#include "client_number.h"
 
 namespace
 {
@@ -97,15 +98,6 @@ bool list_entries(sd_bus *bus, GPtrArray *clips, GError **error)
     return true;
 }
 
-/* Reads a clip number as the daemon writes it: digits without a sign or leading zeros. */
-bool read_number(const char *text, gint64 *number)
-{
-    g_autofree char *again = nullptr;
-    *number = g_ascii_strtoll(text, nullptr, 10);
-    again = g_strdup_printf("%" G_GINT64_FORMAT, *number);
-    return *number >= 0 && g_str_equal(text, again);
-}
-
 ClientClip *find_by_number(const GPtrArray *clips, gint64 number)
 {
     for (guint i = 0; i < clips->len; i++) {
@@ -132,9 +124,8 @@ char **copy_texts(const json_t *array)
     return g_strv_builder_end(texts);
 }
 
-/* Copies the metadata from `description`, the value of the member that is named by the clip's
- * number. */
-void take_metadata(ClientClip *clip, const json_t *description)
+/* Sets the metadata of a clip from its entry in the daemon's JSON list. */
+void set_metadata(ClientClip *clip, const json_t *description)
 {
     const json_t *media_types = json_object_get(description, "mediaTypes");
     const json_t *size = json_object_get(description, "size");
@@ -178,9 +169,10 @@ bool add_metadata(sd_bus *bus, const GPtrArray *clips, GError **error)
         json_object_foreach(element, key, description)
         {
             gint64 number = 0;
-            ClientClip *clip = read_number(key, &number) ? find_by_number(clips, number) : nullptr;
+            ClientClip *clip =
+                client_number_read(key, &number) ? find_by_number(clips, number) : nullptr;
             if (clip) {
-                take_metadata(clip, description);
+                set_metadata(clip, description);
             }
         }
     }
@@ -220,7 +212,8 @@ const ClientClip *client_clips_get(const GPtrArray *clips, gint64 number)
 const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GError **error)
 {
     gint64 number = 0;
-    const ClientClip *found = read_number(text, &number) ? find_by_number(clips, number) : nullptr;
+    const ClientClip *found =
+        client_number_read(text, &number) ? find_by_number(clips, number) : nullptr;
     if (found) {
         return found;
     }

@@ -59,6 +59,7 @@ struct Walk {
     std::string reason; /* why access fails; empty if no reason is found */
 };
 
+/* Inserts the components of `path` before the remaining ones. */
 void add_ahead(Walk *walk, const char *path)
 {
     g_auto(GStrv) parts = g_strsplit(path, "/", -1);

@@ -209,7 +209,7 @@ int ctl_list(const CtlCommand *command, char **words)
     gboolean names_only = FALSE;
     const GOptionEntry entries[] = {
         ctl_options_flag("json", 0, "Print a JSON array, for programs", &as_json),
-        ctl_options_flag("names", 0, "Print only the names that identify one clip, one per line",
+        ctl_options_flag("names", 0, "Print only clip names, one per line, without ambiguous ones",
                          &names_only),
         {},
     };

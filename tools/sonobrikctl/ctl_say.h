@@ -25,8 +25,8 @@ int ctl_explain(const CtlCall *call, const GError *error);
 int ctl_explain_bus(const GError *error);
 
 /*
- * Sends `message`, the call that `call` describes, and waits for the reply. Takes ownership of
- * `message`. If `message` is null, `failure`, which is always taken, says why. Returns CTL_OK, or
- * the exit status after explaining the error.
+ * Sends `message`, the call that `call` describes, and waits for the reply. If `message` is null,
+ * `failure` is the error of client_bus_new_call(). Takes ownership of both. Returns CTL_OK, or the
+ * exit status after explaining the error.
  */
 int ctl_send(const CtlCall *call, sd_bus_message *message, GError *failure);

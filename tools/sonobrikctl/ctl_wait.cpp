@@ -84,8 +84,8 @@ int on_redraw(sd_event_source *source, uint64_t, void *data)
     return sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
 }
 
-/* Handles SIGINT and SIGTERM unless they are ignored: a shell without job control starts background
- * jobs that ignore Ctrl-C. */
+/* Handles SIGINT and SIGTERM unless they are ignored. Shell scripts start background jobs with
+ * SIGINT ignored, and Ctrl-C must not stop those. */
 int watch_signals(Wait *wait)
 {
     for (const int number : {SIGINT, SIGTERM}) {

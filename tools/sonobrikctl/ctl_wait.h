@@ -22,9 +22,9 @@ CtlCall ctl_wait_stop_call(sd_bus *bus);
 /*
  * Sends `play`, a call of PlayClip, takes ownership of it, and waits for the reply without a time
  * limit. Shows the progress of the clip meanwhile; `length_ms` is negative if it is unknown or
- * infinite. SIGINT and SIGTERM stop the clip, unless the program ignores them. The wait for the
- * stop ends with a second signal or after 5 s. Sets `error` if playing or, after a signal, stopping
- * failed.
+ * infinite. SIGINT and SIGTERM stop the clip, unless the program was started with them ignored.
+ * After a signal, the wait ends when the clip has stopped, with a second signal, or after 5 s. Sets
+ * `error` if playing or, after a signal, stopping failed.
  */
 CtlWaitResult ctl_wait(sd_bus *bus, sd_bus_message *play, gint64 length_ms, const char *label,
                        GError **error);

@@ -91,7 +91,7 @@ constexpr CtlCommand COMMANDS[] = {
         .operands = "",
         .min_operands = 0,
         .max_operands = 0,
-        .summary = "Prints playback and changes of clips as they happen.",
+        .summary = "Prints playback events and added clips as they happen.",
         .run = ctl_monitor,
     },
 };
