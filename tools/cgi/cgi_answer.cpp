@@ -139,15 +139,13 @@ CgiAnswer answer_status(const CgiRequest &request)
     const std::string text = cgi_now_describe(now);
     g_autoptr(json_t) status = json_pack("{s:b, s:s, s:O}", "known", now.is_known, "text",
                                          text.c_str(), "outputs", outputs);
-    char *body = json_dumps(status, JSON_COMPACT);
-    CgiAnswer answer = {
+    g_auto(JsonText) body = json_dumps(status, JSON_COMPACT);
+    return {
         .status = 200,
         .content_type = "application/json",
         .headers = NOTHING_ALLOWED,
         .body = std::string(body ? body : "") + "\n",
     };
-    free(body);
-    return answer;
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 
 #include "cgi_form.h"
 #include "cgi_origin.h"
-#include "client_number.h"
+#include "client_text.h"
 
 namespace
 {
@@ -64,8 +64,8 @@ CgiOutcome read_length(size_t *length)
     if (text.find_first_not_of("0123456789") != std::string_view::npos) {
         return reject("CONTENT_LENGTH is not a number.");
     }
-    /* client_number_read() also fails if the number is too large for a gint64. */
-    if (!client_number_read(text, &value) || value > static_cast<gint64>(CGI_REQUEST_MAX)) {
+    /* client_text_read_number() also fails if the number is too large for a gint64. */
+    if (!client_text_read_number(text, &value) || value > static_cast<gint64>(CGI_REQUEST_MAX)) {
         return {CGI_TOO_LARGE, ""};
     }
     *length = static_cast<size_t>(value);
@@ -128,7 +128,7 @@ CgiOutcome take_number(CgiRequest *request, const Number &number, std::string_vi
         return {}; /* an empty form field */
     }
     gint64 value = 0;
-    if (!client_number_read(text, &value) || value < number.min || value > number.max) {
+    if (!client_text_read_number(text, &value) || value < number.min || value > number.max) {
         return reject("'" + std::string(number.key) + "' is not a number from " +
                       std::to_string(number.min) + " to " + std::to_string(number.max) + ".");
     }

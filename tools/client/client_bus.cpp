@@ -103,15 +103,15 @@ sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **erro
     if (!call) {
         return nullptr;
     }
-    sd_bus_error bus_error = {};
+    g_autoptr(sd_bus_message) owned_call = call;
+    g_auto(sd_bus_error) bus_error = SD_BUS_ERROR_NULL;
     sd_bus_message *answer = nullptr;
-    const int r = sd_bus_call(bus, call, UINT64_MAX, &bus_error, &answer);
-    sd_bus_message_unref(call);
+    const int r = sd_bus_call(bus, owned_call, UINT64_MAX, &bus_error, &answer);
     if (r < 0) {
         client_bus_set_error(error, r, &bus_error);
+        return nullptr;
     }
-    sd_bus_error_free(&bus_error);
-    return r < 0 ? nullptr : answer;
+    return answer;
 }
 
 void client_bus_set_error(GError **error, int reason, const sd_bus_error *bus_error)

@@ -5,7 +5,7 @@
 
 #include "autoptr.h"
 #include "client_bus.h"
-#include "client_number.h"
+#include "client_text.h"
 
 namespace
 {
@@ -170,7 +170,7 @@ bool add_metadata(sd_bus *bus, const GPtrArray *clips, GError **error)
         {
             gint64 number = 0;
             ClientClip *clip =
-                client_number_read(key, &number) ? find_by_number(clips, number) : nullptr;
+                client_text_read_number(key, &number) ? find_by_number(clips, number) : nullptr;
             if (clip) {
                 set_metadata(clip, description);
             }
@@ -213,7 +213,7 @@ const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GE
 {
     gint64 number = 0;
     const ClientClip *found =
-        client_number_read(text, &number) ? find_by_number(clips, number) : nullptr;
+        client_text_read_number(text, &number) ? find_by_number(clips, number) : nullptr;
     if (found) {
         return found;
     }

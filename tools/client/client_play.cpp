@@ -1,5 +1,7 @@
 #include "client_play.h"
 
+#include <cstring>
+
 char *client_play_options(const ClientPlay *play)
 {
     const struct {
@@ -21,4 +23,10 @@ char *client_play_options(const ClientPlay *play)
         }
     }
     return g_string_free(options, FALSE);
+}
+
+bool client_play_has_wildcards(const char *path)
+{
+    const char *slash = strrchr(path, '/');
+    return strpbrk(slash ? slash : path, "*?") != nullptr;
 }

@@ -2,7 +2,6 @@
 
 /* The option string of a play request. */
 
-#include <cstring>
 #include <glib.h>
 
 /* Marks a number as not given; the daemon then uses its default. */
@@ -31,8 +30,4 @@ char *client_play_options(const ClientPlay *play);
 
 /* Returns true if the last component of `path` contains a character that the daemon may treat as a
  * wildcard. */
-inline bool client_play_has_wildcards(const char *path)
-{
-    const char *slash = strrchr(path, '/');
-    return strpbrk(slash ? slash : path, "*?") != nullptr;
-}
+bool client_play_has_wildcards(const char *path);

@@ -1,5 +1,6 @@
 #include "client_text.h"
 
+#include <charconv>
 #include <cstdarg>
 
 namespace
@@ -87,4 +88,11 @@ std::string client_text_size(gint64 kibibytes)
     }
     const gint64 tenths = kibibytes / KIB_PER_MIB * 10 + kibibytes % KIB_PER_MIB * 10 / KIB_PER_MIB;
     return format("%" G_GINT64_FORMAT ".%" G_GINT64_FORMAT " MiB", tenths / 10, tenths % 10);
+}
+
+bool client_text_read_number(std::string_view text, gint64 *number)
+{
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, *number);
+    return error == std::errc{} && stop == end && std::to_string(*number) == text;
 }

@@ -1,9 +1,10 @@
 #pragma once
 
-/* Texts for users. */
+/* Texts for users, and numbers in texts. */
 
 #include <glib.h>
 #include <string>
+#include <string_view>
 
 /*
  * Returns `text` with escapes such as "\x1b" or "\u202e" in place of everything that could control
@@ -17,3 +18,9 @@ std::string client_text_duration(gint64 milliseconds);
 
 /* Returns a size as "113 KiB" or "4.2 MiB", or "-" if it is negative. */
 std::string client_text_size(gint64 kibibytes);
+
+/*
+ * Reads a decimal number as the daemon writes it: without leading zeros, and without a sign other
+ * than '-'. Returns false for any other text, and for a number that does not fit.
+ */
+bool client_text_read_number(std::string_view text, gint64 *number);

@@ -216,15 +216,14 @@ int run(sd_bus *bus, Monitor *monitor)
 
 int watch(sd_bus *bus, bool as_json)
 {
-    Monitor monitor = {.event = nullptr, .as_json = as_json};
-    const int r = sd_event_new(&monitor.event);
+    g_autoptr(sd_event) event = nullptr;
+    const int r = sd_event_new(&event);
     if (r < 0) {
         ctl_error("cannot create an event loop: %s", g_strerror(-r));
         return CTL_FAILED;
     }
-    const int status = run(bus, &monitor);
-    sd_event_unref(monitor.event);
-    return status;
+    Monitor monitor = {.event = event, .as_json = as_json};
+    return run(bus, &monitor);
 }
 
 } // namespace

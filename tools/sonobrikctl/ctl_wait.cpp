@@ -6,6 +6,7 @@
 #include <sys/signalfd.h>
 #include <systemd/sd-event.h>
 
+#include "autoptr.h"
 #include "client_bus.h"
 #include "ctl_terminal.h"
 
@@ -62,13 +63,12 @@ int on_signal(sd_event_source *source, const struct signalfd_siginfo *info, void
         return sd_event_exit(wait->event, 0);
     }
     wait->signal = static_cast<int>(info->ssi_signo);
-    sd_bus_message *stop =
+    g_autoptr(sd_bus_message) stop =
         client_bus_new_call(wait->bus, &CLIENT_SONOBRIK, "StopPlayingClip", wait->error, "s", "");
     if (!stop) {
         return sd_event_exit(wait->event, 0);
     }
     const int r = sd_bus_call_async(wait->bus, nullptr, stop, on_stopped, wait, UINT64_MAX);
-    sd_bus_message_unref(stop);
     if (r < 0) {
         client_bus_set_error(wait->error, r, nullptr);
         return sd_event_exit(wait->event, 0);
@@ -149,12 +149,13 @@ CtlWaitResult ctl_wait(sd_bus *bus, sd_bus_message *play, gint64 length_ms, cons
         .progress = ctl_progress_begin(length_ms, label),
         .signal = 0,
     };
-    int r = sd_event_new(&wait.event);
+    g_autoptr(sd_bus_message) owned_play = play;
+    g_autoptr(sd_event) event = nullptr;
+    int r = sd_event_new(&event);
     if (r >= 0) {
-        r = run(&wait, play);
+        wait.event = event;
+        r = run(&wait, owned_play);
     }
-    sd_bus_message_unref(play);
-    sd_event_unref(wait.event);
     if (r < 0 && !failure) {
         client_bus_set_error(&failure, r, nullptr);
     }
