@@ -16,7 +16,7 @@ void forget_object(gpointer, GObject *)
     fake.objects_alive--;
 }
 
-/* Makes an object whose end is seen. */
+/* Makes an object that fake.objects_alive counts until it is finalised. */
 GObject *watched_object(GType type)
 {
     auto *object = static_cast<GObject *>(g_object_new(type, nullptr));
@@ -157,7 +157,7 @@ gchar *gst_pb_utils_get_codec_description(const GstCaps *caps)
     return fake.codec ? g_strdup(fake.codec->c_str()) : nullptr;
 }
 
-/* Library functions that fail when a test asks for it. */
+/* Library functions that fail if a test asks for it. */
 
 gchar *gst_filename_to_uri(const gchar *filename, GError **error)
 {
@@ -215,7 +215,7 @@ DiscoverMedia::DiscoverMedia()
 {
     fake = FakeDiscoverer();
     media_info = json_object();
-    path = dir.file("clip.wav", "not looked into");
+    path = dir.file("clip.wav", "content of the clip");
 }
 
 void DiscoverMedia::TearDown()

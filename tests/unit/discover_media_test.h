@@ -1,8 +1,7 @@
 #pragma once
 
 /*
- * A discoverer that says what a test wants, linked in GStreamer's place, and the fixture of the
- * tests that use it.
+ * A fake discoverer, linked instead of GStreamer's, and the fixture of the tests that use it.
  */
 
 #include <functional>
@@ -16,7 +15,7 @@
 #include "log_test.h"
 #include "temp_dir.h"
 
-/* What the discoverer says of a stream. */
+/* What the discoverer reports for a stream. */
 struct FakeStream {
     GstCaps *caps = nullptr;
     GstDiscovererStreamInfo *next = nullptr;
@@ -28,7 +27,7 @@ struct FakeStream {
 };
 
 struct FakeDiscoverer {
-    /* What the discoverer answers. */
+    /* What the discoverer returns. */
     std::optional<std::string> new_error;
     std::optional<std::string> error;
     bool error_names_file = false; /* the message is that of a file that cannot be opened */
@@ -42,7 +41,7 @@ struct FakeDiscoverer {
 
     std::function<void()> before_discovery; /* runs before the discoverer opens the file */
 
-    /* What fails beside it. */
+    /* What else fails. */
     std::optional<std::string> uri_error;
     bool json_array_fails = false;
     bool json_object_fails = false;
@@ -50,7 +49,7 @@ struct FakeDiscoverer {
     bool caps_structure_fails = false;
     std::optional<const char *> structure_name;
 
-    /* What it was asked. */
+    /* What the code under test called, and with which arguments. */
     int discoverers = 0;
     GstClockTime timeout = 0;
     std::string content; /* of the file behind the URI */

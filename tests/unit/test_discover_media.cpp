@@ -1,7 +1,7 @@
 /*
- * What media discovery makes of a path and of the discoverer's answers. Its walk over the streams
- * is tested in test_discover_media_streams.cpp, GStreamer's own discoverer on real files in
- * test_discover_media_files.cpp.
+ * Tests how media discovery checks a path and handles the discoverer's results.
+ * test_discover_media_streams.cpp tests the walk over the streams, test_discover_media_files.cpp
+ * runs GStreamer's own discoverer on real files.
  */
 
 #include "discover_media.h"
@@ -18,7 +18,7 @@ namespace
 class DiscoverMediaRefusal : public DiscoverMedia
 {
   protected:
-    /* Refused before the file is opened, and without a word. */
+    /* Refused without a log line, before the discoverer runs. */
     void expect_refused_unopened(const std::string &special)
     {
         EXPECT_FALSE(discover_media(special.c_str(), media_info));
@@ -40,7 +40,7 @@ class DiscoverMediaDuration : public DiscoverMedia
     }
 };
 
-/* What is not looked into. */
+/* Files and arguments that are refused. */
 
 TEST_F(DiscoverMediaRefusal, NullPathIsRefusedSilently)
 {
@@ -99,7 +99,7 @@ TEST_F(DiscoverMediaRefusal, FileIsLookedAtBeforeTheObject)
     expect_no_log();
 }
 
-TEST_F(DiscoverMediaRefusal, WantOfDescriptorsIsLogged)
+TEST_F(DiscoverMediaRefusal, RunningOutOfDescriptorsIsLogged)
 {
     rlimit limit;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
@@ -141,13 +141,13 @@ TEST_F(DiscoverMediaRefusal, PathThatHasNoUriIsLogged)
     EXPECT_EQ(fake.discoverers, 0);
 }
 
-/* The discoverer's answers. */
+/* The discoverer's results. */
 
 TEST_F(DiscoverMedia, DiscovererGetsTheFileAndFiveSeconds)
 {
     fake.top = audio("audio/x-wav");
     EXPECT_TRUE(discover());
-    EXPECT_EQ(fake.content, "not looked into");
+    EXPECT_EQ(fake.content, "content of the clip");
     EXPECT_EQ(fake.timeout, 5000000000u);
     EXPECT_EQ(fake.discoverers, 1);
     expect_no_log();
@@ -161,7 +161,7 @@ TEST_F(DiscoverMedia, FileThatIsReplacedAfterTheCheckIsStillTheOneProbed)
         ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     };
     EXPECT_TRUE(discover());
-    EXPECT_EQ(fake.content, "not looked into");
+    EXPECT_EQ(fake.content, "content of the clip");
 }
 
 TEST_F(DiscoverMedia, FileIsClosedWhateverTheOutcome)

@@ -1,4 +1,4 @@
-/* Media discovery with GStreamer's own discoverer, on files of each kind. */
+/* Tests media discovery with GStreamer's own discoverer on real files of each kind. */
 
 #include <gst/gst.h>
 #include <string>
@@ -30,7 +30,7 @@ class DiscoverMediaFiles : public LogTest
         json_decref(media_info);
     }
 
-    /* One second of a tone, encoded by `encoder`; "" if an element of it is not installed. */
+    /* Encodes one second of a tone. Returns the path, or "" if the encoder is not installed. */
     std::string encode(const std::string &name, int rate, int channels,
                        const std::string &encoder) const
     {
@@ -57,7 +57,7 @@ class DiscoverMediaFiles : public LogTest
         return path;
     }
 
-    /* A Sun audio file: big-endian header, then the samples. */
+    /* Makes a Sun audio file, a big-endian header and the samples, and returns its path. */
     std::string sun_audio(const std::string &name, guint32 encoding,
                           const std::string &samples) const
     {
@@ -100,7 +100,7 @@ class DiscoverMediaFiles : public LogTest
         return json_integer_value(json_object_get(media_info, "duration"));
     }
 
-    /* "" if the file is supported, else the message. */
+    /* Returns "" if the file is supported, otherwise the message. */
     static std::string verdict(const std::string &path)
     {
         g_autofree char *message = nullptr;
@@ -114,7 +114,7 @@ class DiscoverMediaFiles : public LogTest
         return "Could not determine the media format of file: '" + path + "'";
     }
 
-    /* What GStreamer itself says of a file that it cannot make out. */
+    /* Returns the text of GStreamer's own error for a file that it cannot identify. */
     static std::string discoverer_error(const std::string &path)
     {
         g_autoptr(GstDiscoverer) discoverer = gst_discoverer_new(5 * GST_SECOND, nullptr);
@@ -125,7 +125,7 @@ class DiscoverMediaFiles : public LogTest
         return error ? error->message : "";
     }
 
-    /* The discoverer opens the file and cannot make it out. */
+    /* The discoverer opens the file and reports an error. */
     void expect_discoverer_error(const std::string &path)
     {
         const std::string reason = discoverer_error(path);
@@ -137,7 +137,7 @@ class DiscoverMediaFiles : public LogTest
         expect_no_log();
     }
 
-    /* No opinion, no log line, and above all no wait. */
+    /* Refused before the discoverer runs, so without its log lines and without waiting. */
     void expect_refused_unopened(const std::string &path)
     {
         EXPECT_FALSE(discover(path));
@@ -312,7 +312,7 @@ TEST_F(DiscoverMediaFiles, MetadataTellsFormatLengthAndSize)
 
 TEST_F(DiscoverMediaFiles, TextIsUndetermined)
 {
-    expect_discoverer_error(dir.file("a.wav", "This is no clip but a text.\n"));
+    expect_discoverer_error(dir.file("a.wav", "This is text, not sound.\n"));
 }
 
 TEST_F(DiscoverMediaFiles, EmptyFileIsUndetermined)
@@ -325,7 +325,7 @@ TEST_F(DiscoverMediaFiles, TornWavIsUndetermined)
     ENCODE_OR_SKIP(path, "a.wav", 44100, 2, "wavenc");
     ASSERT_EQ(truncate(path.c_str(), 20), 0);
     EXPECT_EQ(verdict(path), undetermined(path));
-    clear_log(); /* two elements find fault with it, and either may come first */
+    clear_log(); /* two elements report an error, in either order */
 }
 
 TEST_F(DiscoverMediaFiles, FileThatMayNotBeReadIsUndetermined)

@@ -50,7 +50,7 @@ gint32 file_utils_get_file_size_kb(const char *path)
     return fake.size_kb;
 }
 
-/* Stands before Jansson's own, which it calls unless a test asks for a failure. */
+/* Replaces Jansson's function, which it calls unless a test asks for a failure. */
 json_t *json_object()
 {
     static auto real = reinterpret_cast<decltype(&json_object)>(dlsym(RTLD_NEXT, "json_object"));
@@ -175,7 +175,7 @@ TEST_F(DiscoverMediaMetadata, DescriptionWithoutMediaTypesIsLogged)
 
 TEST_F(DiscoverMediaMetadata, DescriptionWithoutPropertiesIsLogged)
 {
-    /* The media types are in the record by then: they go with it. */
+    /* The record already has the media types by then and must release them. */
     expect_none("{\"duration\": 1, \"media_types\": []}");
     EXPECT_EQ(json_object_get(fake.kept, "media_types")->refcount, 1u);
 }

@@ -1,4 +1,4 @@
-/* Media discovery's walk over the streams that the discoverer found. */
+/* Tests media discovery's walk over the streams that the discoverer found. */
 
 #include <string>
 
@@ -148,7 +148,7 @@ TEST_F(DiscoverMediaStreams, ContainersBadStreamDoesNotFailTheFile)
     EXPECT_EQ(media_types(), "[\"audio/ogg\",\"audio/x-opus\"]");
 }
 
-/* What there is no memory for. */
+/* Allocation failures. */
 
 TEST_F(DiscoverMediaStreams, MissingArrayFails)
 {

@@ -25,7 +25,7 @@ bool describe(const char *path, json_t *media_info)
     fake.path = path ? path : "(null)";
     fake.was_empty_object = json_is_object(media_info) && json_object_size(media_info) == 0;
     if (!fake.media_info) {
-        /* What a failed probe leaves behind must not be read. */
+        /* The caller must not read what a failed probe left in the object. */
         json_object_set_new(media_info, "media_types", json_pack("[s]", "audio/x-opus"));
         return false;
     }
@@ -38,7 +38,7 @@ bool describe(const char *path, json_t *media_info)
 const std::string UNSUPPORTED = "'/clips/a.wav' is not supported on this device.";
 const std::string UNDETERMINED = "Could not determine the media format of file: '/clips/a.wav'";
 
-/* A file with these media types, a list in JSON, and this codec. */
+/* Returns the description of a file with these media types, a JSON array, and this codec. */
 std::string media_info(const std::string &media_types, const std::string &codec)
 {
     return "{\"duration\": 1, \"properties\": {\"audio_codec\": \"" + codec +
@@ -54,7 +54,7 @@ class DiscoverMediaSupported : public LogTest
         fake_discover_media = describe;
     }
 
-    /* "" if the file is supported, else the message. */
+    /* Returns "" if the file is supported, otherwise the message. */
     static std::string verdict(const std::string &media_info)
     {
         fake.media_info = media_info;

@@ -17,7 +17,7 @@ namespace
 class FileUtils : public LogTest
 {
   protected:
-    /* Lists what matches, frees the list and checks that this emptied the variable. */
+    /* Returns the matching paths. Also frees the list and checks that the variable becomes null. */
     static std::vector<std::string> list(const std::string &pattern)
     {
         GSList *files = file_utils_get_files_from_wildcard(pattern.c_str());
@@ -30,7 +30,7 @@ class FileUtils : public LogTest
         return paths;
     }
 
-    /* Makes a file of so many bytes that takes no room. */
+    /* Makes a sparse file of `size` bytes. Returns its path, or "" if it cannot be made. */
     std::string sized_file(const std::string &name, off_t size) const
     {
         std::string path = dir.file(name);

@@ -26,7 +26,7 @@ struct FakeWrite {
 
 FakeWrite fake_write;
 
-/* What the serialisation yields instead of the value's own text. */
+/* What json_dumps() returns instead of the value's own text. */
 std::optional<std::string> fake_serialised;
 
 } // namespace
@@ -40,7 +40,7 @@ int util_write_file_synced(const char *path, const char *text, size_t length, mo
     return fake_write.fails ? 0 : 1;
 }
 
-/* Stands before Jansson's own, which it calls unless a test asks for another outcome. */
+/* Replaces Jansson's function, which it calls unless a test asks for another result. */
 char *json_dumps(const json_t *json, size_t flags)
 {
     if (fake_serialised) {
@@ -62,7 +62,7 @@ class JsonUtils : public LogTest
         fake_serialised.reset();
     }
 
-    /* The value that a file with this content holds, on one line, or "" for null. */
+    /* Loads a file with this content. Returns the value on one line, or "" for null. */
     std::string load(const std::string &content)
     {
         g_autoptr(json_t) value =
@@ -73,7 +73,7 @@ class JsonUtils : public LogTest
         return result;
     }
 
-    /* Jansson's own account of what is wrong with the file at `path`. */
+    /* Returns the error that Jansson itself reports for the file at `path`. */
     static json_error_t jansson_error(const std::string &path)
     {
         json_error_t error = {};
