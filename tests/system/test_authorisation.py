@@ -186,7 +186,7 @@ def test_after_a_broken_edit_only_root_is_allowed_and_this_is_logged_once(sandbo
     for _ in range(3):
         assert player.call("StopPlayingClip") == "OK"
     logged = (f"warning: Only root is allowed until this is fixed: {POLICY}: "
-            "Key file contains line “nonsense” which is not a key-value pair, group, or comment")
+              "Key file contains line “nonsense” which is not a key-value pair, group, or comment")
     assert sandbox.daemon.texts.count(logged) == 1
     sandbox.set_access({NAME: {"users": "nobody"}})
     assert_refused(player, "StopPlayingClip")
