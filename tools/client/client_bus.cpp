@@ -104,7 +104,7 @@ sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **erro
         return nullptr;
     }
     g_autoptr(sd_bus_message) owned_call = call;
-    g_auto(sd_bus_error) bus_error = SD_BUS_ERROR_NULL;
+    g_auto(sd_bus_error) bus_error = {};
     sd_bus_message *answer = nullptr;
     const int r = sd_bus_call(bus, owned_call, UINT64_MAX, &bus_error, &answer);
     if (r < 0) {
