@@ -17,7 +17,8 @@ typedef char *JsonText;
 G_DEFINE_AUTO_CLEANUP_FREE_FUNC(JsonText, free, nullptr)
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(json_t, json_decref)
 
-/* For g_auto(sd_bus_error), which must be initialised with SD_BUS_ERROR_NULL. */
+/* For g_auto(sd_bus_error), which must be initialised with {}: clang rejects SD_BUS_ERROR_NULL in
+ * C++. */
 G_DEFINE_AUTO_CLEANUP_CLEAR_FUNC(sd_bus_error, sd_bus_error_free)
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus_slot, sd_bus_slot_unref)
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_bus_message, sd_bus_message_unref)
