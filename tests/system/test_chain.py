@@ -1,4 +1,4 @@
-"""Chains of clips: what "repeat" plays, without a gap."""
+"""Chains of clips: "repeat" plays them without a gap."""
 
 import itertools
 
@@ -25,8 +25,10 @@ def heard(sandbox, samples):
 
 
 def play_without_gap(sandbox, player, options, *parts):
-    """Plays, and returns how often: a gap that the daemon leaves is there each time, one that a busy
-    machine leaves is not."""
+    """Plays the chain until it has no gap, and returns the number of attempts.
+
+    A busy machine leaves a gap now and then, a faulty daemon each time.
+    """
     for attempt in range(1, 6):
         assert player.call("PlayClip", options) == "OK"
         if heard(sandbox, join(*parts)):
@@ -35,13 +37,13 @@ def play_without_gap(sandbox, player, options, *parts):
     raise AssertionError("there is a gap")
 
 
-# Long enough for a busy machine to have the next clip ready before one has ended.
+# Long enough for a busy machine to prepare the next clip before this one has ended.
 FRAMES = 28800
 
 
 @pytest.fixture
 def three(sandbox):
-    """Three clips of 600 ms, by their path."""
+    """Returns three clips of 600 ms, with their paths as keys."""
     written = [sandbox.write_clip(f"set-{i}.wav", clips.noise(FRAMES, seed=i)) for i in range(3)]
     return {clip.path: clip for clip in written}
 
@@ -81,7 +83,7 @@ def test_a_chain_of_three_files_plays_no_file_twice_in_a_row(sandbox, player, th
         played = files_of(player)[-3:]
         assert all(first != second for first, second in itertools.pairwise(played))
         in_order += heard(sandbox, join(*(three[path].samples for path in played)))
-    # The card has them as the events named them, and without a gap unless the machine was busy.
+    # The card plays them in the order of the events. Only a busy machine leaves a gap.
     assert in_order > 0
 
 
@@ -118,7 +120,7 @@ def test_clips_of_several_formats_are_chained(sandbox, player):
                sandbox.write_clip("set-2.wav", clips.noise(48000), 48000, 1)]
     assert player.call("PlayClip", "location=/etc/audioclips/set-*.wav&repeat=1") == "OK"
     first, second = sorted(written, key=lambda clip: files_of(player).index(clip.path))
-    # The card is set up anew between them, and drops what it holds then: up to 200 ms.
+    # Between them the card is set up again and drops its buffer of up to 200 ms.
     takes = sandbox.card(0).takes
     assert [take.rate for take in takes] == [first.rate, second.rate]
     assert takes[0].find(first.samples[:len(first.samples) // 2]) >= 0
@@ -139,9 +141,8 @@ def test_a_chain_ends_with_its_error_when_the_next_file_has_gone(sandbox, daemon
         *START, "error: Error received from element 'source': Resource not found."]
 
 
-# Stops at any moment. GStreamer 1.22 may lock up within itself when a chain of clips of a few
-# milliseconds is stopped just as it switches, and the daemon then ends after 3 s; with clips of this
-# length it never did.
+# Stops at any moment. GStreamer 1.22 can deadlock if a chain of clips of a few milliseconds is
+# stopped while it switches clips; the daemon then exits after 3 s. Clips of this length avoid that.
 
 LENGTH = 72000
 
@@ -155,7 +156,7 @@ def test_chains_are_stopped_at_any_moment(sandbox, daemon, player):
             start.wait()
         if number % 3 == 2:
             opened = number // 3 + 1
-            wait_until(lambda: len(files_of(player)) >= 2 * opened, what="it is chained")
+            wait_until(lambda: len(files_of(player)) >= 2 * opened, what="the next clip is chained")
         assert player.call("StopPlayingClip") == "OK"
         assert start.wait() == ("OK",)
     player.fence()

@@ -10,7 +10,7 @@ CANNOT_PLAY = "Error playing clip: Could not set receive pipeline to playing.."
 
 
 def find_nothing(device, output, number=-1):
-    """The log lines, from its start to its end, of a clip on an output without events."""
+    """Returns the log lines of a clip that plays on an output without events."""
     where = (f"Failed to find event id for audio output {number} or audio device id {device} and "
              f"audio output id {output}")
     return [f"warning: {operation} {where}" for operation in (
@@ -26,7 +26,7 @@ def clip(sandbox):
 
 @pytest.fixture
 def serve(sandbox):
-    """Starts the daemon with the outputs, and returns it as its callers see it."""
+    """Returns a function that starts the daemon with these outputs and returns its player."""
     def start(*outputs):
         sandbox.set_outputs(list(outputs))
         sandbox.start_daemon()
@@ -35,7 +35,7 @@ def serve(sandbox):
 
 
 def heard_on(sandbox, clip):
-    """The cards, as (device, output), on which the clip was heard."""
+    """Returns the cards that have played the clip, as (device, output)."""
     return [(device, output) for device in range(8) for output in range(3)
             if any(take.find(clip.samples) >= 0 for take in sandbox.card(device, output).takes)]
 
@@ -132,7 +132,7 @@ def test_an_output_that_is_added_while_the_daemon_runs_is_played(sandbox, serve,
     sandbox.set_outputs(["audiosink0", "audiosink2"])
     assert player.call("PlayClip", f"{clip.location}&audiooutput=2") == "OK"
     assert heard_on(sandbox, clip) == [(2, 0)]
-    assert player.events == []  # those of the start have events
+    assert player.events == []  # only the outputs at start-up have events
     assert sandbox.daemon.texts[len(START) + 1:] == find_nothing(-1, -1, 2)
 
 

@@ -1,4 +1,4 @@
-"""One clip after the other: what callers are told, and what reaches the sound card."""
+"""Single clips: what callers are answered, and what reaches the sound card."""
 
 import os
 import re
@@ -24,7 +24,7 @@ def wait_heard(sandbox, samples):
 
 
 def wait_sounding(sandbox, opened=1):
-    """Waits until the card plays for the given time."""
+    """Waits until the card has been started `opened` times."""
     card = sandbox.card(0)
     wait_until(lambda: card.count("start") == opened, what="the card plays")
 
@@ -49,7 +49,7 @@ def test_play_clip_is_answered_when_the_clip_has_ended(sandbox, daemon, player, 
     assert reply.wait(20) == ("OK",)
     assert not sandbox.card(0).is_open
     start, = [event for event in sandbox.card(0).events if event.name == "start"]
-    # Its own length, and 300 ms in which the output plays out what it holds.
+    # The length of the clip, and 300 ms in which the output plays what it has buffered.
     assert reply.time - start.time >= (0.05 + 0.3) * 1e9
     assert heard(sandbox, short.samples)
     assert daemon.stop() == 0
@@ -169,7 +169,7 @@ def test_a_clip_that_has_ended_plays_until_it_is_answered(sandbox, player, short
     wait_heard(sandbox, short.samples)
     second = player.send("PlayClip", short.location)
     assert (held.wait(), second.wait()) == (("OK",), ("OK",))
-    # Either it came in time to be told of the clip that plays, or it was played in full itself.
+    # The second call either arrived before the first was answered, and played nothing, or it played.
     assert (second.arrival < held.arrival) == (sandbox.card(0).count("open") == 1)
 
 
@@ -201,7 +201,7 @@ def test_volume_0_is_silence(sandbox, player, short):
     "'\"\\.wav", "line\nfeed.wav"])
 def test_a_clip_of_any_name_is_played_by_its_escaped_name(sandbox, player, name):
     clip = sandbox.write_clip(name, clips.noise(480))
-    # Would be taken by the wildcards in the third of the names above.
+    # The third of the names above would match this file if it were taken for a pattern.
     sandbox.write_clip("[a]xx.wav", clips.noise(480, seed=1))
     assert player.call("PlayClip", f"location={urllib.parse.quote(clip.path)}") == "OK"
     assert heard(sandbox, clip.samples)

@@ -1,4 +1,4 @@
-"""A device with a sink element of its own: the daemon plays through that, and not through ALSA."""
+"""On a device with a vendor sink element, the daemon plays through that instead of ALSA."""
 
 import pytest
 from sandbox import Player, clips, wait_until
@@ -13,7 +13,7 @@ def clip(sandbox):
 
 @pytest.fixture
 def vendor(sandbox):
-    """The daemon on such a device, as its callers see it."""
+    """Starts the daemon on such a device and returns its player."""
     sandbox.start_daemon(vendor_sink=True)
     return Player(sandbox.bus)
 
@@ -97,7 +97,7 @@ def test_a_chain_through_the_sink_has_no_gap(sandbox, vendor):
     for attempt in range(1, 6):
         assert vendor.call("PlayClip", f"{clip.location}&repeat=2") == "OK"
         if sandbox.vendor_sink.takes[0].find(chain) >= 0:
-            break  # otherwise the machine may have been too busy
+            break  # a busy machine may leave a gap, so try again
     assert sandbox.vendor_sink.takes[0].find(chain) >= 0
     vendor.fence()
     assert [event[-1] for event in vendor.events] == [True, *[clip.path] * 3, False] * attempt
