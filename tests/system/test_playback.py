@@ -169,7 +169,7 @@ def test_a_clip_that_has_ended_plays_until_it_is_answered(sandbox, player, short
     wait_heard(sandbox, short.samples)
     second = player.send("PlayClip", short.location)
     assert (held.wait(), second.wait()) == (("OK",), ("OK",))
-    # The second call either arrived before the first was answered, and played nothing, or it played.
+    # The second call either came before the first was answered and played nothing, or it played.
     assert (second.arrival < held.arrival) == (sandbox.card(0).count("open") == 1)
 
 

@@ -14,7 +14,8 @@
  *
  *     busy   opening fails with EBUSY, as if another program were using the card
  *     gone   everything fails with ENODEV, as if the card were unplugged
- *     stuck  the card accepts frames until its buffer is full, records the event "full", and plays none
+ *     stuck  the card plays nothing; it accepts frames until its buffer is full, and then records
+ *            the event "full"
  *
  * It needs no thread: programs do not change the buffer between the position last reported to ALSA
  * and the write position, so the played frames are copied whenever ALSA asks for the position.
