@@ -11,7 +11,7 @@
 
 #include <glib.h>
 
-struct AudioClip; /* a single instance, for the life of the process */
+struct AudioClip; /* one static instance for the whole process */
 
 /*
  * Initialises the player and returns it. It has no reference count: one audio_clip_unref() tears it
@@ -20,17 +20,17 @@ struct AudioClip; /* a single instance, for the life of the process */
 AudioClip *audio_clip_ref();
 
 /*
- * Stops playback without events or notice, and tears the player down. May block for 3 s. Aborts the
- * process if a start or a stop is still running. Only logs a warning if `clip` is not the player or
- * is null.
+ * Stops playback without sending events or notifying the D-Bus side, and tears the player down. May
+ * block for 3 s. Aborts the process if a start or a stop is still running. Any other pointer than
+ * the player, null included, only logs a warning.
  */
 void audio_clip_unref(AudioClip *clip);
 
 /*
- * Starts the play request that `options` describe (see audio_clip_options.h). Returns null if it
- * plays, otherwise a new text that gives the reason; free it with g_free(). Fails for a null
- * argument. Inspects the files of the request, so it may block for the discoverer's time-out for
- * each. A pipeline that fails to start may block for another 3 s.
+ * Starts the play request that `options` describe (see audio_clip_options.h). Returns null on
+ * success, otherwise the reason of the failure as a new string; free it with g_free(). A null
+ * argument is a failure. Inspects the files of the request, so it may block for the discoverer's
+ * time-out for each. A pipeline that does not start may block for another 3 s.
  */
 char *audio_clip_start(AudioClip *clip, const char *options);
 

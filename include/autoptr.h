@@ -10,7 +10,7 @@
 
 /*
  * A text of json_dumps(), for g_auto(JsonText). It comes from malloc(), which need not be the
- * allocator behind g_free(), so g_autofree is not for it.
+ * allocator behind g_free(), so g_autofree must not free it.
  */
 typedef char *JsonText;
 

@@ -14,7 +14,7 @@
 /*
  * Describes the file at `path` in `media_info`, an empty JSON object that the caller keeps owning:
  *
- * "duration"     integer, ms; truncated to 32 signed bits
+ * "duration"     integer, ms; truncated to a signed 32-bit number
  * "properties"   object: "audio_codec" (human-readable), "bitrate" (bit/s), "channels",
  *                "bits_per_sample", "sample_rate" (Hz) of the last audio stream; empty if the file
  *                has no audio stream

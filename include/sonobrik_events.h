@@ -3,8 +3,8 @@
 /*
  * Playing-status events: tell the device's event system which audio output plays, and which file.
  *
- * Every audio device has two events for its first output, declared at set-up. The output is named
- * by its number or, if that is -1, by its device id and output id.
+ * Every usable audio device (see device_utils.h) has two events for its first output, declared at
+ * set-up. The output is named by its number or, if that is -1, by its device id and output id.
  */
 
 #include <glib.h>
@@ -15,10 +15,13 @@
  */
 bool sonobrik_events_setup();
 
-/* Withdraws the events. Called on the main thread; safe without a set-up. */
+/*
+ * Closes the event producer, which withdraws the events. Called on the main thread; safe without a
+ * set-up.
+ */
 void sonobrik_events_teardown();
 
-/* Sends whether an output plays. Called on the main thread. */
+/* Sends the event that tells whether an output plays. Called on the main thread. */
 void sonobrik_events_set_file_state(bool playing, gint32 audio_output, gint32 audio_device_id,
                                     gint32 audio_output_id);
 

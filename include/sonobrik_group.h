@@ -15,7 +15,7 @@ struct SonobrikGroup {
     gint32 index;     /* the record's number; it names the file and is not stored in it */
     char *location;   /* owned; path of the media file; null only while the record is being built */
     char *name;       /* owned; the clip's name for users */
-    char *type;       /* owned; a word that the client chose; the store does not interpret it */
+    char *type;       /* owned; a word that the client chose; not interpreted */
     json_t *metadata; /* owned; normally an object; null if the file has none */
 };
 
@@ -52,8 +52,8 @@ bool sonobrik_group_set_type(SonobrikGroup *group, const char *text);
 bool sonobrik_group_valid_parameter(const SonobrikGroup *group);
 
 /*
- * Returns true if the bus can carry every text of the record, its metadata included. This is the
- * one rule for what is saved and what is listed.
+ * Returns true if the bus can carry every text of the record, its metadata included. Only such
+ * records are saved and listed.
  */
 bool sonobrik_group_can_be_sent(const SonobrikGroup *group);
 
@@ -102,7 +102,7 @@ bool sonobrik_group_set_enum_property(SonobrikGroup *group, guint value, const c
 bool sonobrik_group_create_group(gint32 *index, const char *location, const char *name,
                                  const char *type);
 
-/* Deletes a record's file. Returns false with a log line if it does not exist or stays. */
+/* Deletes a record's file. Returns false with a log line if it is missing or cannot be removed. */
 bool sonobrik_group_remove_group(gint32 index);
 
 /* Loads one record; the caller owns it. Returns null if it does not exist or cannot be loaded. */

@@ -18,8 +18,8 @@ bool sonobrik_group_metadata_valid(const SonobrikGroup *group);
 
 /*
  * Replaces the record's metadata, taking the reference to `metadata`, and saves the record. Returns
- * false if an argument is null, or with a log line if the metadata is not valid or the record
- * cannot be saved; the record in memory keeps the new metadata in both of the latter cases.
+ * false if an argument is null. Also returns false, with a log line, if the metadata is not valid
+ * or the record cannot be saved; the record in memory then has the new metadata nevertheless.
  */
 bool sonobrik_group_set_media_metadata(SonobrikGroup *group, json_t *metadata);
 

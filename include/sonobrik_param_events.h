@@ -12,8 +12,8 @@
 
 /*
  * Creates the change notifier for `producer`, which stays the caller's. Returns false with a
- * warning if that fails or the notifier cannot be declared; in the second case it is used
- * nevertheless.
+ * warning if the notifier cannot be created or declared; one that could not be declared is still
+ * used.
  */
 bool sonobrik_param_events_setup(EventProducer *producer);
 

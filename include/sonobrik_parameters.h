@@ -1,10 +1,8 @@
 #pragma once
 
-/* Start and stop of the clip store, for the service frame. Called on the main thread. */
+/* Starts and stops the clip store for the service frame. Called on the main thread. */
 
-/*
- * Starts the store's D-Bus interface; reads no file. Returns false with a log line on failure.
- */
+/* Starts the store's D-Bus interface; reads no file. Returns false with a log line on failure. */
 bool sonobrik_parameters_setup();
 
 /* Stops the interface; safe without a set-up. */

@@ -35,7 +35,7 @@ int authorise(sd_bus_message *message, void *, sd_bus_error *)
     g_autoptr(GError) error = nullptr;
     if (!access_policy_check(sd_bus_message_get_sender(message), action, &error)) {
         g_info("%sFailed to authorize: %s", "", error ? error->message : "no reason given");
-        return -1; /* errno 1: sd-bus answers that access is denied */
+        return -1; /* -EPERM, which sd-bus answers with AccessDenied */
     }
     return 0;
 }
@@ -48,7 +48,7 @@ int devices_changed(sd_bus_message *message, void *, sd_bus_error *)
 {
     /*
      * The audio control service broadcasts its signals. A signal that is addressed to this
-     * connection comes from another peer: the bus does not check its sender against the match.
+     * connection may come from any peer: the bus does not check its sender against the match.
      */
     if (!sd_bus_message_get_destination(message)) {
         sonobrik_quit_main_loop(EXIT_DEVICES_CHANGED);

@@ -90,8 +90,8 @@ bool play_clip_synchronous(sonobrik_dbus_method *state, sd_bus_message *reply, A
     }
     sonobrik_dbus_method_error_msg(state, error);
     /*
-     * A PlayClip that finds another PlayClip's clip playing is answered "OK" and plays nothing: its
-     * callers do not expect a busy player to be an error.
+     * While the clip of another PlayClip plays, the answer is "OK" although nothing was started. A
+     * busy player is an error only if StartPlayingClip started its clip.
      */
     if (!audio_clip_is_active(clip) || !held_call_is_pending() ||
         !sonobrik_dbus_method_append_ok(reply)) {

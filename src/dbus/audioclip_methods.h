@@ -1,9 +1,9 @@
 #pragma once
 
 /*
- * The methods of "com.vesk.Sonobrik" as sd-bus handlers, and their table. The user data of all is
- * the AudioClip. A call that fails is answered with the method's full name as the error name. Main
- * thread only.
+ * The methods of "com.vesk.Sonobrik" as sd-bus handlers, and their table. The user data of each
+ * is the AudioClip. A call that fails is answered with the method's full name as the error name.
+ * Main thread only.
  */
 
 #include <systemd/sd-bus.h>
@@ -34,7 +34,7 @@ int sonobrik_play_clip_asynchronous(sd_bus_message *message, void *user_data,
 int sonobrik_play_clip_synchronous(sd_bus_message *message, void *user_data,
                                    sd_bus_error *ret_error);
 
-/* (s options) -> (s "OK"): stops the request that plays, if any. The options are not read. */
+/* (s options) -> (s "OK"): stops the request that plays, if any. The options are ignored. */
 int sonobrik_stop_clip(sd_bus_message *message, void *user_data, sd_bus_error *ret_error);
 
 /*

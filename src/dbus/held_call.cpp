@@ -8,10 +8,10 @@
 namespace
 {
 
-/* Boolean: a PlayClip caller waits for its answer. */
+/* Used as a boolean: 1 while a PlayClip caller waits for its answer. */
 int sync_pending;
 
-/* That call, one reference owned; null if none is held. */
+/* The held call, one reference owned; null if none is held. */
 sd_bus_message *sync_message;
 
 void release_message()

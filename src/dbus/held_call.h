@@ -7,13 +7,16 @@
 
 #include <systemd/sd-bus.h>
 
-/* Starts without a held call. */
+/* Resets the state: no call is held. */
 void held_call_setup();
 
 /* Drops the held call, if any; its caller gets no answer. */
 void held_call_teardown();
 
-/* Holds `message`, the call that has just started a clip, until held_call_finish(). */
+/*
+ * Keeps a reference of its own to `message`, the call that has just started a clip, until
+ * held_call_finish().
+ */
 void held_call_hold(sd_bus_message *message);
 
 /* Returns true while a PlayClip caller waits for its answer. */

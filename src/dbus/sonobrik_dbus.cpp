@@ -29,7 +29,7 @@ constexpr sd_bus_error_map error_map[] = {
     SD_BUS_ERROR_MAP_END,
 };
 
-/* Opens the connection under its name. Returns false with a log line. */
+/* Opens the connection and requests its name. Returns false with a log line on failure. */
 bool connect_as(sonobrik_dbus *conn, const char *service_name)
 {
     int r = sd_bus_open_system(&conn->bus);
@@ -75,14 +75,14 @@ int on_disconnected(sd_bus_message *, void *user_data, sd_bus_error *)
     return 0;
 }
 
-/* The match is local to this process: the bus cannot tell us that the bus is gone. */
+/* sd-bus itself creates this signal when the connection has broken; the bus never sends it. */
 int watch_disconnect(sonobrik_dbus *conn)
 {
     return sd_bus_match_signal(conn->bus, nullptr, nullptr, "/org/freedesktop/DBus/Local",
                                "org.freedesktop.DBus.Local", "Disconnected", on_disconnected, conn);
 }
 
-/* The source calls this when it cannot dispatch the connection any more, and removes itself. */
+/* The source calls this before it removes itself because it cannot dispatch any more. */
 gboolean on_dispatch_failed(gpointer user_data)
 {
     auto *conn = static_cast<sonobrik_dbus *>(user_data);

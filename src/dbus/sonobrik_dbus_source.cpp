@@ -32,7 +32,7 @@ gboolean source_check(GSource *source)
 
 /*
  * Returning false makes GLib remove the source, so a dispatch error disconnects it. The callback
- * tells the owner.
+ * tells the owner of the source.
  */
 gboolean source_dispatch(GSource *source, GSourceFunc callback, gpointer user_data)
 {

@@ -43,7 +43,7 @@ GstDiscovererInfo *probe(int fd, const char *path)
     }
     g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
     if (!info) {
-        /* The text names the URI but takes the reason. */
+        /* The message says 'uri', but its argument is the error's text. */
         g_warning("%sError discovering uri '%s'.", "", error ? error->message : "");
         return nullptr;
     }
@@ -70,9 +70,9 @@ GstDiscovererInfo *probe(int fd, const char *path)
 }
 
 /*
- * Returns the duration in milliseconds. The cast makes an unknown duration, GST_CLOCK_TIME_NONE,
- * the negative number -140462611, and the store refuses metadata with a negative duration. Without
- * the cast it would store the 18446744073709 ms.
+ * Returns the duration in milliseconds. The cast turns an unknown duration (GST_CLOCK_TIME_NONE,
+ * 18446744073709 ms) into -140462611, and the store refuses metadata with a negative duration.
+ * Without the cast, the store would accept it.
  */
 gint32 get_duration_ms(const GstDiscovererInfo *info)
 {
@@ -89,7 +89,7 @@ bool parse_stream_or_log(GstDiscovererStreamInfo *info, json_t *media_types, jso
 }
 
 /*
- * Describes the containers and audio streams in `container`. Ignores their results: one stream that
+ * Describes the containers and audio streams in `container`. Ignores failures: one stream that
  * cannot be described does not make the file unusable.
  */
 void parse_children(GstDiscovererContainerInfo *container, json_t *media_types, json_t *properties)
@@ -147,7 +147,7 @@ bool describe_streams(GstDiscovererStreamInfo *top, json_t *media_info)
     return true;
 }
 
-/* Takes the reference to `value`. Logs a failure; a null `value` is one. */
+/* Takes the reference to `value`. Logs a failure; a null `value` counts as one. */
 void set_property(json_t *properties, const char *key, json_t *value)
 {
     if (json_object_set_new(properties, key, value) != 0) {

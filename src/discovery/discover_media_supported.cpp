@@ -53,8 +53,7 @@ constexpr SupportedMediaType supported_media_types[] = {
     {"audio/x-au", media_type_au_supported},        {"audio/x-wav", media_type_wav_supported},
 };
 
-/* Returns the array's last media type, borrowed, or null, with a log line, if it is not a string.
- */
+/* Returns the array's last media type, borrowed; null with a log line if it is not a string. */
 const char *determine_media_type(json_t *media_types)
 {
     const char *media_type =

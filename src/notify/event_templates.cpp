@@ -87,9 +87,9 @@ constexpr Key currently_playing_keys[] = {
 };
 
 /*
- * Performs one step of building a template. If the step fails, performs it a second time, logs that
- * result, which is normally 0 again, and returns false; the template is discarded whatever the
- * second result was.
+ * Performs one step of building a template. If the step fails, performs it a second time, logs the
+ * second result, which is normally 0 again, and returns false. The caller discards the template
+ * even if the second attempt succeeded.
  */
 template <typename Step> bool perform(Step step)
 {

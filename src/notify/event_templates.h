@@ -1,6 +1,6 @@
 #pragma once
 
-/* Event templates: the two events of an audio output, for the event producer. Main thread only. */
+/* Builds the templates of an audio output's two events for the event producer. Main thread only. */
 
 #include "audio_output.h"
 #include "platform/event_service.h"

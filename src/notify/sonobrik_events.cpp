@@ -16,7 +16,7 @@ constexpr gint32 NO_ID = -1;
 constexpr size_t OUTPUT_COUNT = DEVICE_UTILS_MAX_ID + 1;
 constexpr guint MAX_RETRIES = 5;
 
-/* The numbers of the two kinds of event in the keys of `event_ids_by_device`. */
+/* The two kinds of event. Their numbers are part of the keys of `event_ids_by_device`. */
 enum EventKind { CURRENTLY_PLAYING_EVENT = 0, PLAYING_EVENT = 1 };
 
 /* Ids of declared events by audio output number; 0 where there is none. */
@@ -32,7 +32,7 @@ struct sonobrik_events_state {
 
 sonobrik_events_state state;
 
-/* A file name on its way to the main loop. */
+/* A file name that waits for the main loop to send it. */
 struct event_file_request {
     char *file_name; /* owned */
     AudioOutputIds output;
@@ -53,7 +53,7 @@ char *device_key(EventKind kind, const AudioOutputIds &output)
 
 /*
  * Stores the id of a declared event. An output whose number is above DEVICE_UTILS_MAX_ID has no
- * slot: no request can name it by number, so its events are found by its device alone.
+ * slot: no request can name it by number, so its events are found by device and output id alone.
  */
 void store_event_id(EventKind kind, guint id, const AudioOutputIds &output)
 {
@@ -144,7 +144,7 @@ void send_file_name(const event_file_request *request)
 
 /*
  * Runs on the main loop as an idle source that owns the request. If no CurrentlyPlaying event has
- * been acknowledged yet, waits for a few turns of the loop, then drops the request.
+ * been acknowledged yet, waits for MAX_RETRIES turns of the loop, then drops the request.
  */
 gboolean event_set_file_mainloop(gpointer user_data)
 {

@@ -17,8 +17,7 @@ constexpr const char *OBJECT_PATH = "/com/vesk/Onscreencontrols1";
 /* Opened by the first update, and again by the next update after it was lost. */
 sonobrik_dbus connection;
 
-/* Logs a failed step. Log searches on devices know each step by its number, so these never change.
- */
+/* Logs a failed step. The number identifies the step in the log, so it never changes. */
 bool fail(int number, int r)
 {
     log_error("%sFailed to execute sd-bus command (line %d): %s", "", number, strerror(-r));
@@ -28,7 +27,7 @@ bool fail(int number, int r)
 bool connect_to_bus()
 {
     if (connection.bus && sd_bus_is_open(connection.bus) <= 0) {
-        sonobrik_dbus_teardown(&connection); /* lost since the main loop last ran it */
+        sonobrik_dbus_teardown(&connection); /* lost, and the main loop has not noticed yet */
     }
     if (connection.bus) {
         return true;
@@ -52,7 +51,7 @@ int on_answer(sd_bus_message *message, void *user_data, sd_bus_error *)
     auto *answer = static_cast<Answer *>(user_data);
     answer->arrived = true;
     answer->r = -sd_bus_message_get_errno(message);
-    return 1; /* so that sd_bus_process() reports progress, for a time-out too */
+    return 1; /* makes sd_bus_process() report progress, also when the call timed out */
 }
 
 /*
@@ -61,7 +60,7 @@ int on_answer(sd_bus_message *message, void *user_data, sd_bus_error *)
  */
 int call(sd_bus *bus, sd_bus_message *message)
 {
-    sd_bus_ref(bus); /* a loss of the connection releases the reference of `connection` */
+    sd_bus_ref(bus); /* losing the connection drops the reference that `connection` holds */
     g_autoptr(sd_bus_slot) slot = nullptr;
     Answer answer = {};
     int r = sd_bus_call_async(bus, &slot, message, on_answer, &answer, 0);

@@ -17,12 +17,12 @@ constexpr gint32 NOT_KNOWN = -1;
 const char *group_directory = SONOBRIK_GROUP_DIRECTORY;
 
 /*
- * The highest valid index, once it is known. If the parameter is 0 this stays -1: the parameter is
- * then read on every call, and no index is valid.
+ * The highest valid index, once it is known. A parameter of 0 gives -1, which looks unknown: the
+ * parameter is then read on every call, and no index is valid.
  */
 gint32 max_group_index = NOT_KNOWN;
 
-/* Reads the bound into the cache. Returns false if it cannot be read. */
+/* Reads the parameter and caches the highest valid index. Returns false if it cannot be read. */
 bool read_max_group_index()
 {
     g_autofree char *text = get_parameter(MAX_GROUPS_PARAMETER);
@@ -84,7 +84,7 @@ void sonobrik_group_conf_free_param_file_list(GSList **list)
     file_utils_free_list(list);
 }
 
-void sonobrik_group_conf_start_over(const char *directory)
+void sonobrik_group_conf_reset(const char *directory)
 {
     group_directory = directory;
     max_group_index = NOT_KNOWN;

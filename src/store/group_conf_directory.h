@@ -5,6 +5,6 @@ inline constexpr const char *SONOBRIK_GROUP_DIRECTORY = "/etc/dynamic/sonobrik/c
 
 /*
  * For the unit tests and the fuzzers only: keeps the records in `directory`, which is borrowed, and
- * forgets the highest valid index, so that the next test begins as the daemon does.
+ * forgets the highest valid index, so that each test begins in the state of a new process.
  */
-void sonobrik_group_conf_start_over(const char *directory);
+void sonobrik_group_conf_reset(const char *directory);

@@ -15,10 +15,10 @@ sonobrik_dbus *dbus_connection;
 
 /*
  * GetConfigurationEntry declares the result "v" but replies with "sv"; configuration front ends
- * rely on both. For a method that is called through a table, sd-bus refuses to send a reply of
- * another type than declared. This filter therefore answers valid calls of that method before
- * sd-bus reads the table. Everything else goes on to the table, calls with the wrong arguments
- * included.
+ * rely on both. For a method that is called through a table, sd-bus refuses to send a reply
+ * whose type is not the declared one. This filter therefore answers valid calls of that method
+ * before sd-bus reads the table. Everything else goes on to the table, calls with the wrong
+ * arguments included.
  */
 int answer_get_configuration_entry(sd_bus_message *message, void *user_data,
                                    sd_bus_error *ret_error)

@@ -1,9 +1,9 @@
 #pragma once
 
 /*
- * The legacy configuration interface: the service "com.vesk.Sonobrik.Legacy" on a bus connection of
- * its own. The device's configuration front end lists, reads, renames, adds and removes clip
- * records with it. The daemon lets any peer call it; the bus policy limits the callers. Main thread
+ * The legacy configuration interface: the service "com.vesk.Sonobrik.Legacy" on its own bus
+ * connection. The device's configuration front end uses it to list, read, rename, add and remove
+ * clip records. The daemon lets any peer call it; the bus policy limits the callers. Main thread
  * only.
  */
 

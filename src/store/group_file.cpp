@@ -42,7 +42,7 @@ bool json_can_be_sent(json_t *value)
     }
 }
 
-/* Returns a new reference to the object that the record's file contains; null with a log line. */
+/* Returns a new reference to the object to write to the record's file; null with a log line. */
 json_t *sonobrik_group_json_pack(const SonobrikGroup *group)
 {
     json_error_t error = {};

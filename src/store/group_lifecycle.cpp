@@ -13,9 +13,9 @@ bool index_is_taken(gint32 index)
 }
 
 /*
- * Returns the lowest free index. If all below the highest valid index are taken, returns that one
- * without checking it: the caller reports a full store by its number. Returns -1 while the bound is
- * unknown.
+ * Returns the lowest free index. If all below the highest valid index are taken, returns the
+ * highest without checking it: the caller's warning about a full store names that index. Returns -1
+ * while the bound is unknown.
  */
 gint32 find_free_index()
 {

@@ -7,7 +7,7 @@
 namespace
 {
 
-/* Returns a new reference to the metadata as records store it; null with a log line. */
+/* Returns a new reference to the metadata as a record stores it; null with a log line. */
 json_t *pack_metadata(const discover_media_metadata *m)
 {
     json_t *media_types = discover_media_metadata_get_media_types(m);
@@ -42,7 +42,7 @@ bool compute_metadata(SonobrikGroup *group)
     return metadata && sonobrik_group_set_media_metadata(group, metadata);
 }
 
-/* Returns a new reference to the record's object in the reply; null with a log line. */
+/* Returns a new reference to the object that describes the record to clients; null on failure. */
 json_t *pack_reply(const SonobrikGroup *group)
 {
     json_t *metadata = sonobrik_group_get_media_metadata(group);

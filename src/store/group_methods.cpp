@@ -12,8 +12,8 @@ namespace
 {
 
 /*
- * The size of a value's buffer with its terminating zero: a value may have 255 bytes, although the
- * warning about longer ones, whose text is fixed, names 256.
+ * The size of the buffer for a value and its terminating zero. A value has at most 255 bytes; the
+ * warning about a longer one names the size of the buffer.
  */
 constexpr size_t VALUE_SIZE = 256;
 
@@ -141,8 +141,8 @@ bool append_properties(sd_bus_message *reply, const SonobrikGroup *group)
 }
 
 /*
- * Appends the record's entry, or skips a record whose entry cannot be started. Returns false if the
- * entry was started but cannot be completed: the whole reply is then unusable.
+ * Appends the record's entry. Skips a record whose entry cannot be opened. Returns false if its
+ * properties cannot be appended: the whole reply is then unusable.
  */
 bool append_or_skip_group(sd_bus_message *reply, const SonobrikGroup *group)
 {
@@ -167,7 +167,7 @@ bool get_configurations(sd_bus_message *, sd_bus_message *reply)
 {
     GSList *groups = sonobrik_group_get_parameter_list();
     if (!groups) {
-        return false; /* callers know an empty store by this error */
+        return false; /* callers recognise an empty store by this error */
     }
     sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{ia{sv}}");
     bool complete = true;
@@ -187,7 +187,7 @@ bool sync_controls(sd_bus_message *, sd_bus_message *)
     return true;
 }
 
-/* Answers a call to a method that fails with an empty error text. */
+/* Answers a method call. If it fails, the error text is empty. */
 template <typename Work>
 int answer(sd_bus_message *message, sd_bus_error *ret_error, const char *error_name, Work work)
 {

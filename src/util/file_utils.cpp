@@ -13,8 +13,8 @@ namespace
 constexpr double KIB_PER_BYTE = 1.0 / 1024;
 
 /*
- * Returns true if `name` matches. GLib's matching expects UTF-8 and accesses memory beyond the end
- * of a name that is not, so each invalid byte is first replaced by one character.
+ * Returns true if `name` matches. GLib's matching expects UTF-8 and reads beyond the end of a
+ * name that is not valid UTF-8, so each invalid byte is replaced by one character first.
  */
 bool name_matches(GPatternSpec *pattern, const char *name)
 {

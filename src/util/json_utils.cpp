@@ -18,8 +18,8 @@ namespace
 constexpr mode_t FILE_MODE = 0644;
 
 /*
- * Describes why the file could not be opened. Except for ENXIO, which json_load_file() would not
- * report, line and text are those of json_load_file().
+ * Describes why the file could not be opened. The line and the text are those of json_load_file(),
+ * except for ENXIO, our errno for files that are not regular.
  */
 void describe_open_error(const char *path, int error_number, json_error_t *error)
 {

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     folder = fuzz_input_setup("record");
     record_path = folder + "/M0.json";
     copy_path = folder + "/M1.json";
-    sonobrik_group_conf_start_over(folder.c_str());
+    sonobrik_group_conf_reset(folder.c_str());
     fake_platform.parameter = "10";
     return 0;
 }

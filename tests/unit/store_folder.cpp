@@ -24,7 +24,7 @@ std::string path_of(const std::string &name)
 
 StoreFolder::StoreFolder()
 {
-    sonobrik_group_conf_start_over(DIRECTORY);
+    sonobrik_group_conf_reset(DIRECTORY);
     fake_platform = {};
     fake_platform.parameter = "10";
     std::filesystem::create_directory(DIRECTORY);

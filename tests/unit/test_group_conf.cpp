@@ -25,7 +25,7 @@ class GroupConf : public LogTest
   protected:
     GroupConf()
     {
-        start_over();
+        reset();
         fake_platform = {};
         fake_platform.parameter = "20";
         listed_pattern.clear();
@@ -34,9 +34,9 @@ class GroupConf : public LogTest
     }
 
     /* The folder is the daemon's, in which nothing is touched. */
-    static void start_over()
+    static void reset()
     {
-        sonobrik_group_conf_start_over(SONOBRIK_GROUP_DIRECTORY);
+        sonobrik_group_conf_reset(SONOBRIK_GROUP_DIRECTORY);
     }
 
     /* The highest valid index; -100 when it is not known. */
@@ -160,7 +160,7 @@ TEST_F(GroupConf, ParameterZeroIsReadAgainAtEachCall)
 TEST_F(GroupConf, NoIndexIsValidBelowANegativeParameter)
 {
     for (const char *text : {"-1", "-5", "-2147483648"}) {
-        start_over();
+        reset();
         fake_platform.parameter = text;
         EXPECT_FALSE(sonobrik_group_conf_valid_group_index(0)) << text;
         EXPECT_FALSE(sonobrik_group_conf_valid_group_index(-1)) << text;
