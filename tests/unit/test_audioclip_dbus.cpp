@@ -31,6 +31,7 @@ constexpr const char *TEXT_METHODS[] = {"StartPlayingClip", "PlayClip", "StopPla
 struct World {
     bool policy_works = true;
     bool is_allowed = true;
+    bool gives_reasons = true; /* sets the error when it fails or refuses */
     Lines checks; /* "SENDER ACTION" */
     Lines inspected;
 };
@@ -39,7 +40,9 @@ World world;
 
 bool refuse(GError **error, const char *text)
 {
-    g_set_error_literal(error, g_quark_from_static_string("test"), 0, text);
+    if (world.gives_reasons) {
+        g_set_error_literal(error, g_quark_from_static_string("test"), 0, text);
+    }
     return false;
 }
 
@@ -136,6 +139,25 @@ TEST_F(ServiceTest, SetUpBringsTheServiceUp)
 {
     EXPECT_GE(setup(), 0);
     EXPECT_TRUE(is_on_bus());
+    expect_no_log();
+}
+
+TEST_F(ServiceTest, PolicyThatFailsWithoutAReasonEndsTheSetUp)
+{
+    world.policy_works = false;
+    world.gives_reasons = false;
+    EXPECT_EQ(setup(), -1);
+    expect_log(LOG_LEVEL_ERROR, "access_policy_init failed, error no reason given");
+    expect_no_log();
+}
+
+TEST_F(ServiceTest, RefusalWithoutAReasonIsLogged)
+{
+    setup();
+    world.is_allowed = false;
+    world.gives_reasons = false;
+    EXPECT_EQ(call("StopPlayingClip"), DENIED);
+    expect_log(G_LOG_LEVEL_INFO, "Failed to authorize: no reason given");
     expect_no_log();
 }
 
