@@ -38,7 +38,7 @@ void FailingCalls::fail_one(const std::string &function, int number, int result)
     failures[function] = {count(function) + number, result};
 }
 
-void FailingCalls::mend(const std::string &function)
+void FailingCalls::restore(const std::string &function)
 {
     failures.erase(function);
 }
@@ -59,7 +59,7 @@ const int *FailingCalls::enter(const std::string &function)
     return &failure->second.result;
 }
 
-/* The linker's option --wrap=f makes a call of f one of __wrap_f, and one of __real_f that of f. */
+/* With the linker's option --wrap=f, a call of f calls __wrap_f, and a call of __real_f calls f. */
 #define WRAP(function, parameters, arguments)                                                      \
     int __real_##function parameters;                                                              \
     int __wrap_##function parameters                                                               \
@@ -109,7 +109,7 @@ WRAP_POINTER(sd_event, sd_event_unref, (sd_event * event), (event))
 WRAP_POINTER(sd_bus_slot, sd_bus_slot_unref, (sd_bus_slot * slot), (slot))
 WRAP_POINTER(sd_bus, sd_bus_flush_close_unref, (sd_bus * bus), (bus))
 
-/* g_try_new0() is one of the two, depending on optimisation. */
+/* g_try_new0() calls one of the two, depending on the optimisation. */
 void *__real_g_try_malloc0(gsize size);
 void *__wrap_g_try_malloc0(gsize size)
 {
@@ -146,7 +146,7 @@ int __wrap_sd_bus_open_system(sd_bus **bus)
     return r;
 }
 
-/* Recorded with its member. */
+/* Records the name together with the member. */
 int __real_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender,
                                const char *path, const char *interface, const char *member,
                                sd_bus_message_handler_t callback, void *user_data);
@@ -241,7 +241,7 @@ int __wrap_json_unpack(json_t *json, const char *format, ...)
     return r;
 }
 
-/* These take the value's reference, also when they fail. */
+/* These take the reference to the value even if they fail. */
 
 int __real_json_array_append_new(json_t *array, json_t *value);
 int __wrap_json_array_append_new(json_t *array, json_t *value)

@@ -18,7 +18,7 @@ char *audio_clip_start(AudioClip *clip, const char *options)
     return nullptr;
 }
 
-/* As the player does, tells that the request is over also when nothing played. */
+/* Like the player, notifies the D-Bus side even if nothing was playing. */
 bool audio_clip_stop(AudioClip *clip, const char *options)
 {
     clip->calls.push_back(std::string("stop ") + options);

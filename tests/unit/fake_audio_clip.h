@@ -1,6 +1,6 @@
 #pragma once
 
-/* A player that plays nothing, for what calls the player. */
+/* A fake player that records its calls and plays nothing. */
 
 #include <string>
 #include <vector>
@@ -10,10 +10,10 @@
 struct AudioClip {
     std::vector<std::string> calls; /* "start OPTIONS", "stop OPTIONS" */
 
-    std::string refusal; /* what a start answers; empty: it plays */
+    std::string refusal; /* the error of a start; empty: the start succeeds */
     bool stops = true;   /* the result of a stop */
     bool active = false;
 
-    /* Ends the request as the player does, when its clip has ended or broke. */
+    /* Ends the request, as the player does when its clip has ended or failed. */
     void end();
 };

@@ -1,4 +1,4 @@
-/* A clip store for tests of other methods than those that use it: every clip is number 7. */
+/* A fake clip store for tests of methods that do not use it: every new clip is number 7. */
 
 #include "sonobrik_group.h"
 #include "sonobrik_group_metadata.h"

@@ -1,8 +1,8 @@
 #pragma once
 
-/* The description of a file, as a test wants it. */
+/* A fake of the function that describes a file. */
 
 #include "discover_media.h"
 
-/* What discover_media() does; each test sets it. */
+/* discover_media() calls this function; each test sets it. */
 extern decltype(&discover_media) fake_discover_media;

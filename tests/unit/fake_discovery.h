@@ -1,15 +1,15 @@
 #pragma once
 
-/* Media discovery, as a test wants it. */
+/* A fake media discovery, which returns the descriptions that a test sets. */
 
 #include <glib.h>
 #include <map>
 #include <string>
 #include <vector>
 
-/* What is said of a file. */
+/* The description of a file. */
 struct Description {
-    const char *media_types = R"(["audio/x-wav"])"; /* JSON; null: there are none */
+    const char *media_types = R"(["audio/x-wav"])"; /* JSON; null if there are none */
     gint64 size = 5;
     gint64 duration = 50;
 };
@@ -17,7 +17,7 @@ struct Description {
 struct FakeDiscovery {
     std::map<std::string, Description> found; /* by path; no other file can be described */
     std::vector<std::string> inspected;
-    int handles = 0; /* not freed yet */
+    int handles = 0; /* records that are not freed yet */
 };
 
 extern FakeDiscovery discovery;

@@ -1,17 +1,17 @@
 #pragma once
 
-/* The device's parameters and the platform's write of a file, as a test wants them. */
+/* Fakes of the platform's parameters and of its synced write. */
 
 #include <optional>
 #include <string>
 #include <vector>
 
 struct FakePlatform {
-    /* The value of every parameter; none: no parameter can be read. */
+    /* The value of every parameter; if it is not set, no parameter can be read. */
     std::optional<std::string> parameter;
     std::vector<std::string> parameters_read; /* names */
 
-    bool write_fails = false;           /* and leaves the file as it is */
+    bool write_fails = false;           /* a failed write leaves the old file */
     std::vector<std::string> written;   /* paths */
     std::vector<unsigned> written_mode; /* of each */
 };

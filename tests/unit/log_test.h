@@ -1,6 +1,6 @@
 #pragma once
 
-/* A test fixture that sees the log. */
+/* A fixture that captures the log. */
 
 #include <deque>
 #include <glib.h>
@@ -11,9 +11,9 @@
 #include "log_level.h"
 
 /*
- * Collects what the code under test logs, debug lines apart. A test takes the lines that it expects
- * with expect_log(), oldest first; a line of a warning's weight or more that no test line took
- * fails the test at its end.
+ * Captures what the code under test logs, except debug lines. A test takes the expected lines with
+ * expect_log(), oldest first. At the end of the test, each remaining line at warning level or above
+ * fails it.
  */
 class LogTest : public ::testing::Test
 {
@@ -23,13 +23,13 @@ class LogTest : public ::testing::Test
 
     void TearDown() override;
 
-    /* The oldest line not taken yet must have exactly this level and text. */
+    /* Takes the oldest line, which must have exactly this level and text. */
     void expect_log(GLogLevelFlags level, const std::string &text);
 
-    /* Every line was taken. */
+    /* Fails the test if any line is left. */
     void expect_no_log();
 
-    /* Forgets the lines so far. */
+    /* Drops all lines. */
     void clear_log();
 
   private:

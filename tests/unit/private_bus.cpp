@@ -73,7 +73,7 @@ void keep_result(GObject *, GAsyncResult *result, gpointer data)
 bool run_until(const std::function<bool()> &done)
 {
     const gint64 deadline = g_get_monotonic_time() + PATIENCE_USEC;
-    /* Ends the wait of an iteration in which nothing happens. */
+    /* Wakes an iteration in which nothing happens. */
     const guint tick = g_timeout_add(
         100, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     bool is_done = done();
@@ -89,7 +89,7 @@ PrivateBus::PrivateBus(const std::string &rules)
 {
     g_autofree char *made = g_dir_make_tmp("sonobrik-bus-XXXXXX", nullptr);
     folder = made;
-    chmod(made, 0755); /* clients of other users are let in */
+    chmod(made, 0755); /* lets clients of other users in */
     address = "unix:path=" + folder + "/socket";
     g_autofree char *text = g_strdup_printf(CONFIGURATION, made, rules.c_str());
     g_file_set_contents((folder + "/bus.conf").c_str(), text, -1, nullptr);
@@ -126,7 +126,7 @@ void PrivateBus::start()
 void PrivateBus::stop()
 {
     if (pid != 0) {
-        kill(pid, SIGKILL); /* works on a frozen one too */
+        kill(pid, SIGKILL); /* kills a frozen process too */
         waitpid(pid, nullptr, 0);
         g_spawn_close_pid(pid);
         pid = 0;
@@ -187,7 +187,7 @@ std::string bus_get(GDBusConnection *peer, const std::string &service, const std
     const std::string reply =
         bus_call(peer, service, object, "org.freedesktop.DBus.Properties", "Get",
                  g_variant_new("(ss)", interface.c_str(), property.c_str()));
-    /* A reply prints as "(<VALUE>,)", an error without the brackets. */
+    /* A reply prints as "(<VALUE>,)", an error as text without brackets. */
     return reply.starts_with("(<") ? reply.substr(2, reply.size() - 5) : reply;
 }
 
@@ -202,7 +202,7 @@ SignalLog::SignalLog(GDBusConnection *peer_, const std::string &sender) : peer(p
     id =
         g_dbus_connection_signal_subscribe(peer, sender.c_str(), nullptr, nullptr, nullptr, nullptr,
                                            G_DBUS_SIGNAL_FLAGS_NONE, record, this, nullptr);
-    /* The bus has the subscription once it has answered something that was asked later. */
+    /* Once the bus has answered a later call, it has processed the subscription. */
     bus_call(peer, "org.freedesktop.DBus", "/", "org.freedesktop.DBus.Peer", "Ping");
 }
 

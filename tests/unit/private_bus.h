@@ -1,6 +1,6 @@
 #pragma once
 
-/* A message bus of the test's own, in the place of the system bus, and strangers on it. */
+/* A private message bus that replaces the system bus, and clients on it. */
 
 #include <functional>
 #include <gio/gio.h>
@@ -9,33 +9,32 @@
 
 #include "log_test.h"
 
-/* Runs the default main context until `done` says so. False if it has not after ten seconds. */
+/* Runs the default main context until `done` returns true. Returns false after ten seconds. */
 bool run_until(const std::function<bool()> &done);
 
 /*
- * A real dbus-daemon, as long as the object lives. Its address stands in DBUS_SYSTEM_BUS_ADDRESS,
- * so that the code under test takes it for the system bus. It dies with the test, however that
- * ends.
+ * A real dbus-daemon that runs while the object lives. DBUS_SYSTEM_BUS_ADDRESS is set to its
+ * address, so the code under test uses it as the system bus. It is killed when the test ends, even
+ * by a crash.
  */
 class PrivateBus
 {
   public:
-    /* Everything is allowed, except for what `rules`, <allow> and <deny> elements, say otherwise.
-     */
+    /* Starts the bus. It allows everything that `rules` (<allow>, <deny>) do not deny. */
     explicit PrivateBus(const std::string &rules = "");
     ~PrivateBus();
     PrivateBus(const PrivateBus &) = delete;
     PrivateBus &operator=(const PrivateBus &) = delete;
 
-    /* Ends the bus; start() begins a new one at the same address. */
+    /* Kills the bus; start() starts a new one at the same address. */
     void stop();
     void start();
 
-    /* The bus reads and answers nothing until it is thawed. */
+    /* Suspends the bus until thaw(): it reads and answers nothing. */
     void freeze();
     void thaw();
 
-    /* A new client of the bus, to be freed with g_object_unref(). */
+    /* Returns a new client of the bus; free it with g_object_unref(). */
     GDBusConnection *connect() const;
 
   private:
@@ -45,19 +44,19 @@ class PrivateBus
 };
 
 /*
- * Calls a method as `peer` does, while the default main context runs. Returns the reply as
- * g_variant_print() prints it with types, or the error's D-Bus name and message. `arguments` may be
- * null.
+ * Calls a method from `peer` and runs the default main context until the answer. Returns the reply
+ * as g_variant_print() prints it with types, or the error's D-Bus name and message. `arguments` may
+ * be null.
  */
 std::string bus_call(GDBusConnection *peer, const std::string &service, const std::string &object,
                      const std::string &interface, const std::string &method,
                      GVariant *arguments = nullptr);
 
-/* A property's value, printed as bus_call() does. */
+/* Returns the value of a property, printed as by bus_call(). */
 std::string bus_get(GDBusConnection *peer, const std::string &service, const std::string &object,
                     const std::string &interface, const std::string &property);
 
-/* Everything that a peer hears from `sender` while the object lives. */
+/* Records the signals of `sender` while the object lives. */
 class SignalLog
 {
   public:
@@ -66,7 +65,7 @@ class SignalLog
     SignalLog(const SignalLog &) = delete;
     SignalLog &operator=(const SignalLog &) = delete;
 
-    /* "object interface.signal arguments" each, oldest first. */
+    /* Each as "object interface.signal arguments", oldest first. */
     std::vector<std::string> lines;
 
   private:
@@ -74,7 +73,7 @@ class SignalLog
     guint id;
 };
 
-/* A test with a log and a private bus. */
+/* A fixture that captures the log and has a private bus. */
 class BusTest : public LogTest
 {
   protected:
@@ -82,5 +81,5 @@ class BusTest : public LogTest
     ~BusTest() override;
 
     PrivateBus bus;
-    GDBusConnection *stranger; /* a client of the bus that has nothing to do with the daemon */
+    GDBusConnection *stranger; /* a client that is not part of the daemon */
 };

@@ -1,8 +1,8 @@
 #pragma once
 
 /*
- * What the tests of the playing-status events share: an event system and devices that note what is
- * asked of them, and a fixture.
+ * A fake event system and fake devices that record their calls, and the fixture of the tests of the
+ * playing-status events.
  */
 
 #include <string>
@@ -21,7 +21,7 @@ struct Device {
     gint32 audio_output_id;
 };
 
-/* How the platform behaves, and what was asked of it. */
+/* How the fakes behave, and the calls that they recorded. */
 struct Platform {
     std::vector<Device> devices;
     bool open_fails = false;
@@ -30,7 +30,7 @@ struct Platform {
     bool set_fails = false;
     bool playing_template_fails = false;
     bool currently_playing_template_fails = false;
-    guint next_id = 10; /* of the next declared event; 0 for ever: the declaration fails */
+    guint next_id = 10; /* of the next declared event; 0: every declaration fails */
     const char *send_error = nullptr;
 
     Calls calls;
@@ -45,21 +45,21 @@ extern Platform platform;
 class SonobrikEventsTest : public LogTest
 {
   protected:
-    /* Ids of events stay when the module is torn down: declarations that fail wipe them out. */
+    /* Resets the ids of events, which teardown keeps, by declarations that fail. */
     void SetUp() override;
     void TearDown() override;
 
     static void run_pending_sources();
 
-    /* Declares the events of these devices; the calls so far are forgotten. */
+    /* Declares the events of these devices, and drops the calls recorded so far. */
     static void set_up(const std::vector<Device> &devices);
 
-    /* The event system has taken the first CurrentlyPlaying event. */
+    /* Acknowledges the first CurrentlyPlaying event. */
     static void acknowledge();
 
     static Calls take_calls();
 
-    /* The oldest line of the log says that there is no event. */
+    /* Expects that the oldest log line reports a missing event. */
     void expect_not_found(const std::string &operation, gint32 audio_output, gint32 audio_device_id,
                           gint32 audio_output_id);
 };

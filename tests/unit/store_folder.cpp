@@ -94,12 +94,12 @@ std::string compact(const json_t *value)
     return copy;
 }
 
-PlainUser::PlainUser()
+UnprivilegedFileAccess::UnprivilegedFileAccess()
 {
     setfsuid(geteuid() == 0 ? 65534 : geteuid());
 }
 
-PlainUser::~PlainUser()
+UnprivilegedFileAccess::~UnprivilegedFileAccess()
 {
     setfsuid(geteuid());
 }

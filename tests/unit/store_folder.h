@@ -1,6 +1,6 @@
 #pragma once
 
-/* A store of clip records on disk, of the test's own. */
+/* A private store of clip records on disk. */
 
 #include <string>
 #include <vector>
@@ -10,45 +10,45 @@
 #include "temp_dir.h"
 
 /*
- * An empty folder "clip_data", in which the store's modules keep the records while the object
- * lives. The bound is what fake_platform.parameter says when it is asked for first, 10 records
- * unless the test says otherwise; it is not known yet, as at the start of the daemon.
+ * Makes an empty folder "clip_data", in which the code under test keeps the records while the
+ * object lives. The bound is read from fake_platform.parameter at first use, as after the start of
+ * the daemon; it is 10 records unless the test changes it.
  */
 class StoreFolder
 {
   public:
     StoreFolder();
 
-    /* Makes the file `name` in the folder hold `text`. */
+    /* Writes `text` to the file `name` in the folder. */
     static void write(const std::string &name, const std::string &text);
 
-    /* What the file `name` in the folder holds; "" if there is none. */
+    /* Returns the content of the file `name` in the folder, or "" if there is no such file. */
     static std::string read(const std::string &name);
 
-    /* The names in the folder that begin with "M", in the order in which the folder yields them. */
+    /* Returns the names in the folder that begin with "M", in the order of the folder. */
     static std::vector<std::string> names();
 
   private:
     WorkingTempDir folder;
 };
 
-/* A file of a record to the letter, with `metadata` as it is written at that depth. */
+/* Returns the exact content of a record's file; `metadata` is already indented for it. */
 std::string record_file(const std::string &location, const std::string &name,
                         const std::string &type, const std::string &metadata = "{}");
 
-/* A new record with copies of the texts, null ones among them, and with metadata or null. */
+/* Returns a new record with copies of the texts. Takes `metadata`. All but `index` may be null. */
 SonobrikGroup *new_record(int index, const char *location, const char *name, const char *type,
                           json_t *metadata = nullptr);
 
-/* The compact text of a JSON value, which stays the caller's; "null pointer" for none. */
+/* Returns a JSON value as compact text, or "null pointer" for null. */
 std::string compact(const json_t *value);
 
-/* While it lives, files are opened as by a user who is not root. */
-class PlainUser
+/* While it lives, files are opened without root's rights, even if root runs the test. */
+class UnprivilegedFileAccess
 {
   public:
-    PlainUser();
-    ~PlainUser();
-    PlainUser(const PlainUser &) = delete;
-    PlainUser &operator=(const PlainUser &) = delete;
+    UnprivilegedFileAccess();
+    ~UnprivilegedFileAccess();
+    UnprivilegedFileAccess(const UnprivilegedFileAccess &) = delete;
+    UnprivilegedFileAccess &operator=(const UnprivilegedFileAccess &) = delete;
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-/* Folders and files of a test's own. */
+/* Temporary folders and files for a test. */
 
 #include <filesystem>
 #include <fstream>
@@ -14,7 +14,7 @@
 #include <system_error>
 #include <unistd.h>
 
-/* Makes the file `path` hold `content`, in place: an existing file keeps its inode. */
+/* Writes `content` to the file `path` in place: an existing file keeps its inode. */
 inline void write_file(const std::string &path, std::string_view content)
 {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
@@ -23,7 +23,7 @@ inline void write_file(const std::string &path, std::string_view content)
     ASSERT_TRUE(file) << path;
 }
 
-/* The content of the file `path`; empty when there is none. */
+/* Returns the content of the file `path`, or "" if there is no such file. */
 inline std::string read_file(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
@@ -38,7 +38,7 @@ inline size_t count_open_files()
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-/* A new empty folder, which goes with all that it holds at the end of its scope. */
+/* A new empty folder, removed with its content at the end of its scope. */
 class TempDir
 {
   public:
@@ -58,7 +58,7 @@ class TempDir
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
 
-    /* The path of an entry, whether it exists or not. */
+    /* Returns the path of an entry, whether it exists or not. */
     std::string path(const std::string &name) const
     {
         return root + "/" + name;
@@ -103,7 +103,7 @@ class TempDir
     std::string root;
 };
 
-/* One that is the working directory meanwhile. */
+/* A temporary folder that is the working directory while the object lives. */
 class WorkingTempDir : public TempDir
 {
   public:

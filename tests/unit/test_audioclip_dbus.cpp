@@ -2,13 +2,13 @@
 
 #include <cerrno>
 
+#include "bus_server.h"
 #include "discover_media_supported.h"
 #include "failing_calls.h"
 #include "fake_audio_clip.h"
 #include "fake_service_frame.h"
 #include "platform/access_policy.h"
 #include "private_bus.h"
-#include "served_bus.h"
 
 namespace
 {
@@ -23,24 +23,24 @@ constexpr const char *DENIED = "org.freedesktop.DBus.Error.AccessDenied: Operati
 constexpr const char *METHODS[] = {"AddClip",  "GetMetadata",     "StartPlayingClip",
                                    "PlayClip", "StopPlayingClip", "SupportedFile"};
 
-/* Those that take one text. */
+/* The methods that take one string. */
 constexpr const char *TEXT_METHODS[] = {"StartPlayingClip", "PlayClip", "StopPlayingClip",
                                         "SupportedFile"};
 
-/* What the fakes below were asked, and what they answer. */
-struct World {
+/* The calls that the fakes below recorded, and their results. */
+struct Fakes {
     bool policy_works = true;
     bool is_allowed = true;
     bool gives_reasons = true; /* sets the error when it fails or refuses */
-    Lines checks; /* "SENDER ACTION" */
+    Lines checks;              /* "SENDER ACTION" */
     Lines inspected;
 };
 
-World world;
+Fakes fakes;
 
 bool refuse(GError **error, const char *text)
 {
-    if (world.gives_reasons) {
+    if (fakes.gives_reasons) {
         g_set_error_literal(error, g_quark_from_static_string("test"), 0, text);
     }
     return false;
@@ -51,14 +51,14 @@ class ServiceTest : public BusTest
   protected:
     ServiceTest()
     {
-        world = {};
+        fakes = {};
         quits.clear();
     }
 
     ~ServiceTest() override
     {
         audioclip_dbus_teardown();
-        /* A set-up that failed early left its connection open. */
+        /* A set-up that failed early leaves its connection open. */
         if (left_open) {
             sd_bus_flush_close_unref(library.opened);
         }
@@ -87,7 +87,7 @@ class ServiceTest : public BusTest
                         g_variant_new("(s)", SERVICE)) == "(true,)";
     }
 
-    /* The bus learns of a closed connection in its own time. */
+    /* Waits: the bus notices a closed connection a little later. */
     bool leaves_bus()
     {
         return run_until([this] { return !is_on_bus(); });
@@ -100,7 +100,7 @@ class ServiceTest : public BusTest
                   "(uint32 1,)");
     }
 
-    /* The stranger says that audio devices have changed, to everybody without a destination. */
+    /* Signals a change of the audio devices; a null `destination` broadcasts it. */
     void announce(const char *destination, const char *member = "InterfacesAdded")
     {
         g_dbus_connection_emit_signal(stranger, destination, "/com/vesk/AudioControl",
@@ -118,34 +118,34 @@ class ServiceTest : public BusTest
 
 bool access_policy_init(GError **error)
 {
-    return world.policy_works || refuse(error, "no such policy");
+    return fakes.policy_works || refuse(error, "no such policy");
 }
 
 bool access_policy_check(const char *sender, const char *action, GError **error)
 {
-    world.checks.push_back(std::string(sender) + " " + action);
-    return world.is_allowed || refuse(error, "not on the list");
+    fakes.checks.push_back(std::string(sender) + " " + action);
+    return fakes.is_allowed || refuse(error, "not on the list");
 }
 
 bool discover_media_is_supported(const char *path, char **)
 {
-    world.inspected.emplace_back(path);
+    fakes.inspected.emplace_back(path);
     return true;
 }
 
 /* Set-up and teardown. */
 
-TEST_F(ServiceTest, SetUpBringsTheServiceUp)
+TEST_F(ServiceTest, SetUpStartsTheService)
 {
     EXPECT_GE(setup(), 0);
     EXPECT_TRUE(is_on_bus());
     expect_no_log();
 }
 
-TEST_F(ServiceTest, PolicyThatFailsWithoutAReasonEndsTheSetUp)
+TEST_F(ServiceTest, PolicyFailureWithoutAReasonFailsTheSetUp)
 {
-    world.policy_works = false;
-    world.gives_reasons = false;
+    fakes.policy_works = false;
+    fakes.gives_reasons = false;
     EXPECT_EQ(setup(), -1);
     expect_log(LOG_LEVEL_ERROR, "access_policy_init failed, error no reason given");
     expect_no_log();
@@ -154,23 +154,23 @@ TEST_F(ServiceTest, PolicyThatFailsWithoutAReasonEndsTheSetUp)
 TEST_F(ServiceTest, RefusalWithoutAReasonIsLogged)
 {
     setup();
-    world.is_allowed = false;
-    world.gives_reasons = false;
+    fakes.is_allowed = false;
+    fakes.gives_reasons = false;
     EXPECT_EQ(call("StopPlayingClip"), DENIED);
     expect_log(G_LOG_LEVEL_INFO, "Failed to authorize: no reason given");
     expect_no_log();
 }
 
-TEST_F(ServiceTest, UnusablePolicyEndsTheSetUpBeforeTheBus)
+TEST_F(ServiceTest, UnusablePolicyFailsTheSetUpBeforeConnecting)
 {
-    world.policy_works = false;
+    fakes.policy_works = false;
     EXPECT_EQ(setup(), -1);
     expect_log(LOG_LEVEL_ERROR, "access_policy_init failed, error no such policy");
     expect_no_log();
     EXPECT_EQ(library.count("sd_bus_open_system"), 0);
 }
 
-TEST_F(ServiceTest, NameThatIsOwnedEndsTheSetUp)
+TEST_F(ServiceTest, OwnedNameFailsTheSetUp)
 {
     own(stranger, SERVICE);
     left_open = true;
@@ -180,7 +180,7 @@ TEST_F(ServiceTest, NameThatIsOwnedEndsTheSetUp)
     expect_no_log();
 }
 
-TEST_F(ServiceTest, WithoutTheGuardThereAreNoMethods)
+TEST_F(ServiceTest, FailureToAddTheAccessCheckFailsTheSetUp)
 {
     library.fail("sd_bus_add_object", -ENOMEM);
     EXPECT_EQ(setup(), -ENOMEM);
@@ -190,7 +190,7 @@ TEST_F(ServiceTest, WithoutTheGuardThereAreNoMethods)
     EXPECT_EQ(library.count("sd_bus_add_object_vtable"), 0);
 }
 
-TEST_F(ServiceTest, WithoutItsMethodsTheServiceDoesNotStart)
+TEST_F(ServiceTest, FailureToAddTheMethodsFailsTheSetUp)
 {
     library.fail("sd_bus_add_object_vtable", -EEXIST);
     EXPECT_EQ(setup(), -EEXIST);
@@ -199,7 +199,7 @@ TEST_F(ServiceTest, WithoutItsMethodsTheServiceDoesNotStart)
     EXPECT_EQ(library.count("sd_bus_match_signal InterfacesAdded"), 0);
 }
 
-TEST_F(ServiceTest, WithoutTheDeviceListenerTheServiceDoesNotStart)
+TEST_F(ServiceTest, FailureToListenForDevicesFailsTheSetUp)
 {
     library.fail("sd_bus_match_signal InterfacesRemoved", -ENOBUFS);
     EXPECT_EQ(setup(), -ENOBUFS);
@@ -208,7 +208,7 @@ TEST_F(ServiceTest, WithoutTheDeviceListenerTheServiceDoesNotStart)
     expect_no_log();
 }
 
-TEST_F(ServiceTest, TeardownRemovesWhatAFailedSetUpLeft)
+TEST_F(ServiceTest, TeardownCleansUpAfterAFailedSetUp)
 {
     library.fail("sd_bus_add_object_vtable", -EEXIST);
     setup();
@@ -227,7 +227,7 @@ TEST_F(ServiceTest, TeardownEndsTheService)
     expect_no_log();
 }
 
-TEST_F(ServiceTest, TeardownLeavesTheHeldCallerToTheBus)
+TEST_F(ServiceTest, TeardownDropsTheHeldCall)
 {
     setup();
     PendingCall held(stranger, SERVICE, OBJECT, INTERFACE, "PlayClip",
@@ -242,7 +242,7 @@ TEST_F(ServiceTest, TeardownLeavesTheHeldCallerToTheBus)
     expect_no_log();
 }
 
-TEST_F(ServiceTest, ServiceCanBeSetUpAnew)
+TEST_F(ServiceTest, ServiceCanBeSetUpAgain)
 {
     setup();
     PendingCall held(stranger, SERVICE, OBJECT, INTERFACE, "PlayClip",
@@ -251,18 +251,18 @@ TEST_F(ServiceTest, ServiceCanBeSetUpAnew)
     audioclip_dbus_teardown();
     EXPECT_TRUE(leaves_bus());
     EXPECT_GE(setup(), 0);
-    clip.end(); /* the held call is forgotten */
+    clip.end(); /* the held call was dropped */
     EXPECT_EQ(call("StartPlayingClip"), "('OK',)");
     expect_log(G_LOG_LEVEL_INFO, "sonobrik_play_clip_asynchronous with options: options");
     expect_no_log();
 }
 
-/* What anybody may read. */
+/* Introspection and standard interfaces. */
 
-TEST_F(ServiceTest, IntrospectionListsTheMethodsForARefusedCallerToo)
+TEST_F(ServiceTest, RefusedCallerCanIntrospectTheMethods)
 {
     setup();
-    world.is_allowed = false;
+    fakes.is_allowed = false;
     const std::string reply = call("org.freedesktop.DBus.Introspectable", "Introspect", nullptr);
     g_autofree char *text = g_strcompress(reply.c_str());
     const std::string xml = text;
@@ -296,21 +296,21 @@ TEST_F(ServiceTest, IntrospectionListsTheMethodsForARefusedCallerToo)
    <arg type="s" direction="out"/>
   </method>
 )");
-    EXPECT_EQ(world.checks, Lines{});
+    EXPECT_EQ(fakes.checks, Lines{});
     expect_no_log();
 }
 
 TEST_F(ServiceTest, StandardInterfacesAreOpenToARefusedCaller)
 {
     setup();
-    world.is_allowed = false;
+    fakes.is_allowed = false;
     EXPECT_EQ(call("org.freedesktop.DBus.Peer", "Ping", nullptr), "()");
     EXPECT_EQ(call("org.freedesktop.DBus.Properties", "GetAll", g_variant_new("(s)", INTERFACE)),
               "(@a{sv} {},)");
-    EXPECT_EQ(world.checks, Lines{});
+    EXPECT_EQ(fakes.checks, Lines{});
 }
 
-/* Who may call. */
+/* Access checks. */
 
 TEST_F(ServiceTest, EachMethodIsCheckedUnderItsOwnName)
 {
@@ -322,26 +322,26 @@ TEST_F(ServiceTest, EachMethodIsCheckedUnderItsOwnName)
         call(method);
         expected.push_back(caller + " com.vesk.Sonobrik." + method);
     }
-    EXPECT_EQ(world.checks, expected);
+    EXPECT_EQ(fakes.checks, expected);
 }
 
 TEST_F(ServiceTest, RefusedCallerReachesNoMethod)
 {
     setup();
-    world.is_allowed = false;
+    fakes.is_allowed = false;
     for (const char *method : METHODS) {
         EXPECT_EQ(call(method), DENIED);
         expect_log(G_LOG_LEVEL_INFO, "Failed to authorize: not on the list");
     }
     EXPECT_EQ(clip.calls, Lines{});
-    EXPECT_EQ(world.inspected, Lines{});
+    EXPECT_EQ(fakes.inspected, Lines{});
     expect_no_log();
 }
 
-TEST_F(ServiceTest, RefusedCallerDoesNotLearnWhichMethodsThereAre)
+TEST_F(ServiceTest, RefusedCallerCannotProbeForMethods)
 {
     setup();
-    world.is_allowed = false;
+    fakes.is_allowed = false;
     EXPECT_EQ(call("NoSuchMethod"), DENIED);
     EXPECT_EQ(call(INTERFACE, "PlayClip", g_variant_new("(i)", 5)), DENIED);
 }
@@ -353,9 +353,9 @@ TEST_F(ServiceTest, CallWithoutAnInterfaceIsNotCheckedAndReachesNoMethod)
         EXPECT_TRUE(call(nullptr, method, g_variant_new("(s)", "options"))
                         .starts_with("org.freedesktop.DBus.Error.UnknownMethod: "));
     }
-    EXPECT_EQ(world.checks, Lines{});
+    EXPECT_EQ(fakes.checks, Lines{});
     EXPECT_EQ(clip.calls, Lines{});
-    EXPECT_EQ(world.inspected, Lines{});
+    EXPECT_EQ(fakes.inspected, Lines{});
 }
 
 TEST_F(ServiceTest, OtherInterfacesAreNotCheckedAndReachNoMethod)
@@ -366,7 +366,7 @@ TEST_F(ServiceTest, OtherInterfacesAreNotCheckedAndReachNoMethod)
         EXPECT_TRUE(call(interface, "StartPlayingClip", g_variant_new("(s)", "options"))
                         .starts_with("org.freedesktop.DBus.Error.UnknownMethod: "));
     }
-    EXPECT_EQ(world.checks, Lines{});
+    EXPECT_EQ(fakes.checks, Lines{});
     EXPECT_EQ(clip.calls, Lines{});
 }
 
@@ -375,7 +375,7 @@ TEST_F(ServiceTest, MessageWithoutAMemberIsCheckedUnderTheNameOfTheInterface)
     setup();
     library.fail("sd_bus_message_get_member", 0);
     call("StartPlayingClip");
-    EXPECT_EQ(world.checks, Lines{std::string(g_dbus_connection_get_unique_name(stranger)) +
+    EXPECT_EQ(fakes.checks, Lines{std::string(g_dbus_connection_get_unique_name(stranger)) +
                                   " com.vesk.Sonobrik"});
 }
 
@@ -393,7 +393,7 @@ TEST_F(ServiceTest, MethodsReachThePlayerAndTheDiscovery)
     clip.end();
     EXPECT_EQ(held.wait(), "('OK',)");
     EXPECT_EQ(clip.calls, (Lines{"start a", "stop b", "start d"}));
-    EXPECT_EQ(world.inspected, Lines{"c"});
+    EXPECT_EQ(fakes.inspected, Lines{"c"});
 }
 
 TEST_F(ServiceTest, MethodsReachTheClipStore)
@@ -404,7 +404,7 @@ TEST_F(ServiceTest, MethodsReachTheClipStore)
     EXPECT_EQ(call(INTERFACE, "GetMetadata", nullptr), "('[]',)");
 }
 
-TEST_F(ServiceTest, HeldCallerIsAnsweredBeforeTheOneWhoStops)
+TEST_F(ServiceTest, HeldCallIsAnsweredBeforeTheStopCall)
 {
     setup();
     PendingCall held(stranger, SERVICE, OBJECT, INTERFACE, "PlayClip", g_variant_new("(s)", "a"));
@@ -431,7 +431,7 @@ TEST_F(ServiceTest, ArgumentsOfOtherTypesAreRefused)
     EXPECT_EQ(clip.calls, Lines{});
 }
 
-TEST_F(ServiceTest, ArgumentThatSdBusRefusesIsAnswered)
+TEST_F(ServiceTest, ArgumentThatSdBusRefusesGetsAnError)
 {
     setup();
     for (const char *method : TEXT_METHODS) {
@@ -452,9 +452,9 @@ TEST_F(ServiceTest, OtherObjectsHaveNoMethods)
     EXPECT_EQ(clip.calls, Lines{});
 }
 
-/* Devices that come and go. */
+/* Changes of the audio devices. */
 
-TEST_F(ServiceTest, ChangeOfTheDevicesAsksForARestart)
+TEST_F(ServiceTest, DeviceChangeRequestsARestart)
 {
     setup();
     own(stranger, "com.vesk.AudioControl");
@@ -465,7 +465,7 @@ TEST_F(ServiceTest, ChangeOfTheDevicesAsksForARestart)
     expect_no_log();
 }
 
-TEST_F(ServiceTest, OnlyTheAudioControlServiceTellsOfDevices)
+TEST_F(ServiceTest, SignalsOfOtherSendersAreIgnored)
 {
     setup();
     announce(nullptr, "InterfacesAdded");
@@ -473,7 +473,7 @@ TEST_F(ServiceTest, OnlyTheAudioControlServiceTellsOfDevices)
     EXPECT_TRUE(quits.empty());
 }
 
-TEST_F(ServiceTest, SignalToTheServiceAloneIsIgnored)
+TEST_F(ServiceTest, UnicastSignalIsIgnored)
 {
     setup();
     announce(SERVICE, "InterfacesAdded");

@@ -26,7 +26,7 @@ std::string encode(gunichar c)
     return std::string(bytes, g_unichar_to_utf8(c, bytes));
 }
 
-/* A connection that builds messages but sends none. */
+/* Has a connection that builds messages but sends none. */
 class BusTextOnTheBus : public ::testing::Test
 {
   protected:
@@ -93,7 +93,7 @@ TEST(BusText, EachByteThatIsNotUtf8IsReplaced)
     EXPECT_EQ(make_valid("a\xe9z\xff"), "a" + REPLACEMENT + "z" + REPLACEMENT);
 }
 
-TEST(BusText, CutCharacterIsReplaced)
+TEST(BusText, TruncatedCharacterIsReplaced)
 {
     EXPECT_EQ(make_valid("a\xc3"), "a" + REPLACEMENT);
 }
@@ -107,7 +107,7 @@ TEST(BusText, LastTwoCodePointsOfEachPlaneAreReplaced)
     }
 }
 
-TEST(BusText, ReservedBlockIsReplacedAndItsNeighboursStay)
+TEST(BusText, ReservedBlockIsReplacedButItsNeighboursAreKept)
 {
     for (gunichar c = 0xFDD0; c <= 0xFDEF; c++) {
         EXPECT_EQ(make_valid(encode(c)), REPLACEMENT);
@@ -115,7 +115,7 @@ TEST(BusText, ReservedBlockIsReplacedAndItsNeighboursStay)
     EXPECT_EQ(make_valid(encode(0xFDCF) + encode(0xFDF0)), encode(0xFDCF) + encode(0xFDF0));
 }
 
-TEST_F(BusTextOnTheBus, ReplacementCanBeCarried)
+TEST_F(BusTextOnTheBus, ReplacementCanBeSent)
 {
     EXPECT_TRUE(carries(REPLACEMENT));
 }
@@ -123,7 +123,7 @@ TEST_F(BusTextOnTheBus, ReplacementCanBeCarried)
 TEST_F(BusTextOnTheBus, CodePointIsReplacedExactlyWhenTheBusRefusesIt)
 {
     for (gunichar c = 1; c <= 0x10FFFF; c++) {
-        /* The whole first plane, which has most scripts; of the others, the first and last few. */
+        /* Test the first plane whole, since it has most scripts; of the others, both ends. */
         if (c > 0x10000 && (c & 0xFFFF) > 0x10 && (c & 0xFFFF) < 0xFFF0) {
             continue;
         }
@@ -138,7 +138,7 @@ TEST_F(BusTextOnTheBus, CodePointIsReplacedExactlyWhenTheBusRefusesIt)
     }
 }
 
-TEST_F(BusTextOnTheBus, TextOfAnyBytesCanBeCarried)
+TEST_F(BusTextOnTheBus, RepairedTextOfAnyBytesCanBeSent)
 {
     std::string text;
     for (int first = 1; first <= 0xFF; first++) {

@@ -2,10 +2,10 @@
 
 #include <cerrno>
 
+#include "bus_server.h"
 #include "discover_media_supported.h"
 #include "failing_calls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 
 namespace
 {
@@ -13,11 +13,11 @@ namespace
 constexpr const char *NONCHARACTER = "\xEF\xBF\xBE"; /* U+FFFE */
 constexpr const char *REPLACEMENT = "\xEF\xBF\xBD";  /* U+FFFD */
 
-/* The discovery, as the test wants it. */
+/* The result and the calls of the fake discovery. */
 struct Discovery {
-    std::vector<std::string> paths; /* that were asked about */
+    std::vector<std::string> paths; /* passed to the fake */
     bool is_supported = false;
-    std::string explanation; /* empty: none is given */
+    std::string explanation; /* empty: no explanation */
 };
 
 Discovery discovery;
@@ -28,12 +28,12 @@ class ClipMethodsTest : public BusTest
     ClipMethodsTest()
     {
         discovery = {};
-        served.serve("/test", sonobrik_supported_file);
+        server.serve("/test", sonobrik_supported_file);
     }
 
     std::string call(GVariant *arguments)
     {
-        return bus_call(stranger, served.name, "/test", "com.vesk.Test", "SupportedFile",
+        return bus_call(stranger, server.name, "/test", "com.vesk.Test", "SupportedFile",
                         arguments);
     }
 
@@ -42,7 +42,7 @@ class ClipMethodsTest : public BusTest
         return call(g_variant_new("(s)", path));
     }
 
-    ServedBus served;
+    BusServer server;
     FailingCalls library;
 };
 
@@ -79,14 +79,14 @@ TEST_F(ClipMethodsTest, UnsupportedFileWithoutAnExplanationIsNok)
     expect_no_log();
 }
 
-TEST_F(ClipMethodsTest, ExplanationThatTheBusRefusesIsStillAnswered)
+TEST_F(ClipMethodsTest, ExplanationThatTheBusRefusesIsRepaired)
 {
     discovery.explanation = std::string("No '") + NONCHARACTER + "'";
     EXPECT_EQ(call("/etc/passwd"),
               std::string("com.vesk.Sonobrik.SupportedFile: No '") + REPLACEMENT + "'");
 }
 
-TEST_F(ClipMethodsTest, ReplyThatTakesNoResultAnswersNok)
+TEST_F(ClipMethodsTest, FailureToAppendTheResultAnswersNok)
 {
     discovery.is_supported = true;
     library.fail("sd_bus_message_append", -ENOMEM);
@@ -94,7 +94,7 @@ TEST_F(ClipMethodsTest, ReplyThatTakesNoResultAnswersNok)
     expect_no_log();
 }
 
-TEST_F(ClipMethodsTest, ArgumentOfAnotherTypeIsAnsweredWithTheReason)
+TEST_F(ClipMethodsTest, WrongArgumentTypeIsAnsweredWithTheReason)
 {
     EXPECT_EQ(call(g_variant_new("(i)", 5)),
               "com.vesk.Sonobrik.SupportedFile: Failed to parse parameter(s): No such device or "

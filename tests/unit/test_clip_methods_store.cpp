@@ -3,10 +3,10 @@
 #include <string>
 #include <vector>
 
+#include "bus_server.h"
 #include "discover_media_supported.h"
 #include "failing_calls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 #include "sonobrik_group.h"
 #include "sonobrik_group_metadata.h"
 #include "sonobrik_osc.h"
@@ -19,13 +19,13 @@ using Calls = std::vector<std::string>;
 
 constexpr const char *NONCHARACTER = "\xEF\xBF\xBE"; /* U+FFFE */
 
-Calls done; /* what was asked of the neighbours, in order */
+Calls done; /* calls of the fakes, in order */
 bool create_fails;
 bool announcement_fails;
 bool osc_update_fails;
 const char *metadata; /* of all clips; may be null */
 
-/* The two methods that deal with the store. */
+/* The two methods that use the store. */
 class ClipStoreMethods : public BusTest
 {
   protected:
@@ -34,14 +34,14 @@ class ClipStoreMethods : public BusTest
         done.clear();
         create_fails = announcement_fails = osc_update_fails = false;
         metadata = "[]";
-        served.serve("/AddClip", sonobrik_add_clip);
-        served.serve("/GetMetadata", sonobrik_get_metadata);
+        server.serve("/AddClip", sonobrik_add_clip);
+        server.serve("/GetMetadata", sonobrik_get_metadata);
     }
 
-    /* Calls a method. Each has an object of its own here, and no table says what it takes. */
+    /* Calls a method. Each method has its own object, without a method table. */
     std::string call(const std::string &method, GVariant *arguments = nullptr)
     {
-        return bus_call(stranger, served.name, "/" + method, "com.vesk.Test", method, arguments);
+        return bus_call(stranger, server.name, "/" + method, "com.vesk.Test", method, arguments);
     }
 
     std::string add(const char *location, const char *name, const char *type)
@@ -49,7 +49,7 @@ class ClipStoreMethods : public BusTest
         return call("AddClip", g_variant_new("(sss)", location, name, type));
     }
 
-    ServedBus served;
+    BusServer server;
     FailingCalls calls;
 };
 
@@ -95,7 +95,7 @@ bool discover_media_is_supported(const char *, char **)
 
 /* AddClip. */
 
-TEST_F(ClipStoreMethods, ClipIsCreatedAnnouncedAndOffered)
+TEST_F(ClipStoreMethods, ClipIsCreatedAnnouncedAndAddedToTheControls)
 {
     EXPECT_EQ(add("/etc/audioclips/a b.wav", "T\xC3\xBCr", "audio"), "(7,)");
     EXPECT_EQ(done, (Calls{"create /etc/audioclips/a b.wav T\xC3\xBCr audio",
@@ -108,7 +108,7 @@ TEST_F(ClipStoreMethods, ClipMayHaveNoName)
     EXPECT_EQ(add("/etc/audioclips/a.wav", "", "audio"), "(7,)");
 }
 
-TEST_F(ClipStoreMethods, LocationIsHeldAgainstAPlainPrefix)
+TEST_F(ClipStoreMethods, LocationIsComparedAsAPlainPrefix)
 {
     EXPECT_EQ(add("/etc/audioclips", "A", "audio"), "(7,)");
     EXPECT_EQ(add("/etc/audioclips-old/a.wav", "A", "audio"), "(7,)");
@@ -136,7 +136,7 @@ TEST_F(ClipStoreMethods, OtherTypesAreRefused)
     expect_no_log();
 }
 
-TEST_F(ClipStoreMethods, ClipThatIsNotCreatedIsNeitherAnnouncedNorOffered)
+TEST_F(ClipStoreMethods, ClipThatCannotBeCreatedIsNotAnnounced)
 {
     create_fails = true;
     EXPECT_EQ(add("/etc/audioclips/a.wav", "A", "audio"), NOK);
@@ -160,7 +160,7 @@ TEST_F(ClipStoreMethods, ClipIsAddedWithoutAnAnnouncement)
     expect_no_log();
 }
 
-TEST_F(ClipStoreMethods, NumberThatTheReplyDoesNotTakeIsOfferedButNotAnnounced)
+TEST_F(ClipStoreMethods, FailureToAppendTheNumberSkipsTheAnnouncement)
 {
     calls.fail("sd_bus_message_append");
     EXPECT_EQ(add("/etc/audioclips/a.wav", "A", "audio"), NOK);
@@ -168,7 +168,7 @@ TEST_F(ClipStoreMethods, NumberThatTheReplyDoesNotTakeIsOfferedButNotAnnounced)
     expect_no_log();
 }
 
-TEST_F(ClipStoreMethods, ArgumentOfAnotherTypeIsAnsweredWithTheReason)
+TEST_F(ClipStoreMethods, WrongArgumentTypeIsAnsweredWithTheReason)
 {
     for (GVariant *arguments : {g_variant_new("(iss)", 1, "A", "audio"),
                                 g_variant_new("(sis)", "/etc/audioclips/a.wav", 1, "audio"),
@@ -201,7 +201,7 @@ TEST_F(ClipStoreMethods, NothingIsAddedWithoutAReply)
 
 /* GetMetadata. */
 
-TEST_F(ClipStoreMethods, MetadataIsRepliedAsItIs)
+TEST_F(ClipStoreMethods, MetadataIsReturnedUnchanged)
 {
     metadata = R"([{"4":{"name":"100%s","size":5}}])";
     EXPECT_EQ(call("GetMetadata"), R"(('[{"4":{"name":"100%s","size":5}}]',))");
@@ -216,14 +216,14 @@ TEST_F(ClipStoreMethods, MissingMetadataIsAnError)
     expect_no_log();
 }
 
-TEST_F(ClipStoreMethods, MetadataThatTheReplyDoesNotTakeIsNok)
+TEST_F(ClipStoreMethods, FailureToAppendTheMetadataAnswersNok)
 {
     calls.fail("sd_bus_message_append");
     EXPECT_EQ(call("GetMetadata"), "com.vesk.Sonobrik.GetMetadata: NOK");
     expect_no_log();
 }
 
-TEST_F(ClipStoreMethods, NothingIsDescribedWithoutAReply)
+TEST_F(ClipStoreMethods, MetadataIsNotReadWithoutAReply)
 {
     calls.fail("sd_bus_message_new_method_return");
     EXPECT_EQ(call("GetMetadata"),

@@ -2,9 +2,9 @@
 
 #include <cerrno>
 
+#include "bus_server.h"
 #include "failing_calls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 
 namespace
 {
@@ -13,7 +13,7 @@ constexpr const char *SENDER = "com.vesk.AudioControl";
 constexpr const char *OBJECT = "/com/vesk/AudioControl";
 constexpr const char *INTERFACE = "org.freedesktop.DBus.ObjectManager";
 
-/* How often the callback was called, and with what. */
+/* The number of calls of the callback, and the last user data. */
 int heard;
 void *heard_user_data;
 
@@ -41,18 +41,18 @@ class DevicesListenerTest : public BusTest
         return sonobrik_dbus_devices_listener(&conn, hear);
     }
 
-    /* Sends a signal, to everybody if `destination` is null, and has it delivered. */
+    /* Sends a signal, as a broadcast if `destination` is null, and waits until it is delivered. */
     void announce(GDBusConnection *sender, const char *destination, const char *object,
                   const char *interface, const char *member)
     {
         g_dbus_connection_emit_signal(sender, destination, object, interface, member,
                                       g_variant_new("(oas)", "/com/vesk/AudioControl/0", nullptr),
                                       nullptr);
-        settle(sender, served.name);
+        settle(sender, server.name);
     }
 
-    ServedBus served;
-    sonobrik_dbus conn = {.bus = served.bus,
+    BusServer server;
+    sonobrik_dbus conn = {.bus = server.bus,
                           .slot = nullptr,
                           .source = nullptr,
                           .service_name = nullptr,
@@ -62,7 +62,7 @@ class DevicesListenerTest : public BusTest
 
 } // namespace
 
-TEST_F(DevicesListenerTest, DevicesThatAppearAreHeard)
+TEST_F(DevicesListenerTest, AddedDevicesAreReported)
 {
     EXPECT_GE(listen(), 0);
     announce(stranger, nullptr, OBJECT, INTERFACE, "InterfacesAdded");
@@ -71,7 +71,7 @@ TEST_F(DevicesListenerTest, DevicesThatAppearAreHeard)
     expect_no_log();
 }
 
-TEST_F(DevicesListenerTest, DevicesThatDisappearAreHeard)
+TEST_F(DevicesListenerTest, RemovedDevicesAreReported)
 {
     EXPECT_GE(listen(), 0);
     announce(stranger, nullptr, OBJECT, INTERFACE, "InterfacesRemoved");
@@ -79,7 +79,7 @@ TEST_F(DevicesListenerTest, DevicesThatDisappearAreHeard)
     EXPECT_EQ(heard_user_data, nullptr);
 }
 
-TEST_F(DevicesListenerTest, EverySignalIsHeard)
+TEST_F(DevicesListenerTest, EverySignalIsReported)
 {
     listen();
     announce(stranger, nullptr, OBJECT, INTERFACE, "InterfacesAdded");
@@ -108,17 +108,17 @@ TEST_F(DevicesListenerTest, OtherObjectsInterfacesAndMembersAreIgnored)
     EXPECT_EQ(heard, 0);
 }
 
-/* The bus does not look at the rule then; the callback has to. */
-TEST_F(DevicesListenerTest, SignalToThisConnectionAloneIsPassedOnFromAnybody)
+/* The bus does not check a unicast signal against the match, so the callback has to. */
+TEST_F(DevicesListenerTest, UnicastSignalOfAnySenderIsPassedOn)
 {
     listen();
     GDBusConnection *other = bus.connect();
-    announce(other, served.name.c_str(), OBJECT, INTERFACE, "InterfacesAdded");
+    announce(other, server.name.c_str(), OBJECT, INTERFACE, "InterfacesAdded");
     EXPECT_EQ(heard, 1);
     g_object_unref(other);
 }
 
-TEST_F(DevicesListenerTest, NothingIsHeardBeforeItListens)
+TEST_F(DevicesListenerTest, NothingIsReportedBeforeItListens)
 {
     announce(stranger, nullptr, OBJECT, INTERFACE, "InterfacesAdded");
     EXPECT_EQ(heard, 0);
@@ -132,7 +132,7 @@ TEST_F(DevicesListenerTest, ListensForTheTwoSignalsInOrderAndKeepsNoSlot)
     EXPECT_EQ(conn.slot, nullptr);
 }
 
-TEST_F(DevicesListenerTest, FirstFailureIsReturnedAndEndsIt)
+TEST_F(DevicesListenerTest, FailureOfTheFirstMatchIsReturnedAtOnce)
 {
     library.fail("sd_bus_match_signal InterfacesAdded", -ENOMEM);
     EXPECT_EQ(listen(), -ENOMEM);
@@ -140,14 +140,14 @@ TEST_F(DevicesListenerTest, FirstFailureIsReturnedAndEndsIt)
     expect_no_log();
 }
 
-TEST_F(DevicesListenerTest, SecondFailureIsReturned)
+TEST_F(DevicesListenerTest, FailureOfTheSecondMatchIsReturned)
 {
     library.fail("sd_bus_match_signal InterfacesRemoved", -ENOBUFS);
     EXPECT_EQ(listen(), -ENOBUFS);
     expect_no_log();
 }
 
-TEST_F(DevicesListenerTest, WithoutAConnectionItFails)
+TEST_F(DevicesListenerTest, NullConnectionFails)
 {
     sonobrik_dbus closed = {};
     EXPECT_EQ(sonobrik_dbus_devices_listener(nullptr, hear), -EINVAL);

@@ -6,7 +6,7 @@
 
 #include "log_test.h"
 
-/* The platform's template, as a record of what was done to it. */
+/* A fake template; `steps` records the calls on it. */
 struct EventTemplate {
     int number;
 };
@@ -16,12 +16,12 @@ namespace
 
 using Steps = std::vector<std::string>;
 
-/* What was asked of the event producer, in order; "new" apart, each step names its template. */
+/* The calls of the fakes, in order; except for "new", each names its template. */
 Steps steps;
 int templates_made;
 int templates_alive;
 
-/* The steps with these numbers (from 0, in the order in which they are performed) fail. */
+/* The steps with these numbers fail; they count from 0, in the order of the calls. */
 std::vector<size_t> failing_steps;
 
 EventStateInitialiser initialiser;
@@ -199,7 +199,7 @@ bool event_template_set_state_key(EventTemplate *event_template, const char *key
     return perform(std::string("state ") + key);
 }
 
-/* An occurrence that notes the one value that is set. */
+/* A fake event that records the last value set. */
 struct Event {
     std::string set;
     bool result;
@@ -232,7 +232,7 @@ TEST_F(EventTemplates, CountsOutputsFromOne)
     EXPECT_EQ(steps[7], "value AudioOutput 1 1");
 }
 
-TEST_F(EventTemplates, CarriesIdsAsTheyAre)
+TEST_F(EventTemplates, PassesIdsUnchanged)
 {
     g_autoptr(EventTemplate) built = event_templates_new_currently_playing({0, -1, 12});
     EXPECT_NE(built, nullptr);
@@ -240,7 +240,7 @@ TEST_F(EventTemplates, CarriesIdsAsTheyAre)
     EXPECT_EQ(steps[12], "value AudioOutputId 1 12");
 }
 
-TEST_F(EventTemplates, LogsNothingWhenAllGoesWell)
+TEST_F(EventTemplates, LogsNothingOnSuccess)
 {
     g_autoptr(EventTemplate) playing = event_templates_new_playing({0, 0, 0});
     g_autoptr(EventTemplate) currently = event_templates_new_currently_playing({0, 0, 0});
@@ -269,7 +269,7 @@ TEST_F(EventTemplates, ReportsAStateThatCannotBeSet)
     EXPECT_FALSE(initialiser(&event, initialiser_data));
 }
 
-TEST_P(FailingStep, IsPerformedOnceMoreAndEndsTheTemplate)
+TEST_P(FailingStep, IsRetriedOnceAndFailsTheTemplate)
 {
     const Failure &failure = GetParam();
     failing_steps = {failure.number, failure.number + 1};
@@ -281,8 +281,8 @@ TEST_P(FailingStep, IsPerformedOnceMoreAndEndsTheTemplate)
     expect_no_log();
 }
 
-/* The template is freed then, too: the fixture counts. */
-TEST_P(FailingStep, EndsTheTemplateAlsoWhenTheSecondTrySucceeds)
+/* The fixture checks that the template is freed in this case too. */
+TEST_P(FailingStep, FailsTheTemplateEvenIfTheRetrySucceeds)
 {
     const Failure &failure = GetParam();
     failing_steps = {failure.number};

@@ -17,7 +17,7 @@ constexpr const char *UNKNOWN = "sonobrik_group_conf_get_max_group_index can not
                                 "value of 'root.SonoBrik.MaxGroups'";
 
 std::string listed_pattern;
-GSList *listed; /* what the listing yields */
+GSList *listed; /* the result of the fake listing */
 GSList **freed;
 
 class GroupConf : public LogTest
@@ -33,13 +33,13 @@ class GroupConf : public LogTest
         freed = nullptr;
     }
 
-    /* The folder is the daemon's, in which nothing is touched. */
+    /* Uses the daemon's own folder, since these tests touch no file. */
     static void reset()
     {
         sonobrik_group_conf_reset(SONOBRIK_GROUP_DIRECTORY);
     }
 
-    /* The highest valid index; -100 when it is not known. */
+    /* Returns the highest valid index, or -100 if it is unknown. */
     static gint32 max_index()
     {
         gint32 index = -100;
@@ -92,7 +92,7 @@ TEST_F(GroupConf, ParameterHasNoUpperLimit)
     EXPECT_FALSE(sonobrik_group_conf_valid_group_index(G_MAXINT32));
 }
 
-TEST_F(GroupConf, BoundIsNotKnownWhileTheParameterIsMissing)
+TEST_F(GroupConf, BoundIsUnknownWhileTheParameterIsMissing)
 {
     fake_platform.parameter.reset();
     EXPECT_EQ(max_index(), -100);
@@ -100,7 +100,7 @@ TEST_F(GroupConf, BoundIsNotKnownWhileTheParameterIsMissing)
     expect_no_log();
 }
 
-TEST_F(GroupConf, BoundIsNotKnownWhileTheParameterIsNoNumber)
+TEST_F(GroupConf, BoundIsUnknownWhileTheParameterIsNotANumber)
 {
     for (const char *text : {"twenty", "", "20 groups", "4294967296"}) {
         fake_platform.parameter = text;
@@ -110,7 +110,7 @@ TEST_F(GroupConf, BoundIsNotKnownWhileTheParameterIsNoNumber)
     expect_no_log();
 }
 
-TEST_F(GroupConf, NoIndexIsValidWhileTheBoundIsNotKnown)
+TEST_F(GroupConf, NoIndexIsValidWhileTheBoundIsUnknown)
 {
     fake_platform.parameter.reset();
     EXPECT_FALSE(sonobrik_group_conf_valid_group_index(0));
@@ -128,7 +128,7 @@ TEST_F(GroupConf, ParameterThatAppearsTakesEffectAtTheNextCall)
     expect_no_log();
 }
 
-TEST_F(GroupConf, ParameterIsReadOnceOnly)
+TEST_F(GroupConf, ParameterIsReadOnce)
 {
     EXPECT_EQ(max_index(), 19);
     fake_platform.parameter = "3";
@@ -138,14 +138,14 @@ TEST_F(GroupConf, ParameterIsReadOnceOnly)
     EXPECT_EQ(fake_platform.parameters_read.size(), 1U);
 }
 
-TEST_F(GroupConf, CheckOfAnIndexKeepsTheBoundToo)
+TEST_F(GroupConf, CheckingAnIndexCachesTheBoundToo)
 {
     EXPECT_TRUE(sonobrik_group_conf_valid_group_index(19));
     fake_platform.parameter = "3";
     EXPECT_EQ(max_index(), 19);
 }
 
-TEST_F(GroupConf, ParameterZeroIsReadAgainAtEachCall)
+TEST_F(GroupConf, ParameterOfZeroIsReadAtEachCall)
 {
     fake_platform.parameter = "0";
     EXPECT_EQ(max_index(), -1);
@@ -157,7 +157,7 @@ TEST_F(GroupConf, ParameterZeroIsReadAgainAtEachCall)
     expect_no_log();
 }
 
-TEST_F(GroupConf, NoIndexIsValidBelowANegativeParameter)
+TEST_F(GroupConf, NoIndexIsValidWithANegativeParameter)
 {
     for (const char *text : {"-1", "-5", "-2147483648"}) {
         reset();
@@ -170,21 +170,21 @@ TEST_F(GroupConf, NoIndexIsValidBelowANegativeParameter)
     expect_no_log();
 }
 
-TEST_F(GroupConf, NowhereToStoreTheBoundFails)
+TEST_F(GroupConf, NullOutputFails)
 {
     EXPECT_FALSE(sonobrik_group_conf_get_max_group_index(nullptr));
     expect_log(G_LOG_LEVEL_WARNING, UNKNOWN);
     EXPECT_EQ(fake_platform.parameters_read, Names{});
 }
 
-TEST_F(GroupConf, NowhereToStoreTheBoundFailsThoughItIsKnown)
+TEST_F(GroupConf, NullOutputFailsEvenIfTheBoundIsKnown)
 {
     EXPECT_EQ(max_index(), 19);
     EXPECT_FALSE(sonobrik_group_conf_get_max_group_index(nullptr));
     expect_log(G_LOG_LEVEL_WARNING, UNKNOWN);
 }
 
-TEST_F(GroupConf, FilePathHoldsTheIndex)
+TEST_F(GroupConf, FilePathContainsTheIndex)
 {
     EXPECT_EQ(file_path(0), "/etc/dynamic/sonobrik/clip_data/M0.json");
     EXPECT_EQ(file_path(3), "/etc/dynamic/sonobrik/clip_data/M3.json");
@@ -201,7 +201,7 @@ TEST_F(GroupConf, InvalidIndexHasNoFilePath)
     expect_no_log();
 }
 
-TEST_F(GroupConf, NoIndexHasAFilePathWhileTheBoundIsNotKnown)
+TEST_F(GroupConf, NoIndexHasAFilePathWhileTheBoundIsUnknown)
 {
     fake_platform.parameter.reset();
     EXPECT_EQ(file_path(0), "null");
@@ -216,7 +216,7 @@ TEST_F(GroupConf, IndexIsReadFromAPath)
     expect_no_log();
 }
 
-TEST_F(GroupConf, IndexOfAPathIsNotHeldAgainstTheBound)
+TEST_F(GroupConf, IndexOfAPathIsNotComparedWithTheBound)
 {
     EXPECT_EQ(sonobrik_group_conf_get_param_index("/etc/dynamic/sonobrik/clip_data/M99.json"), 99);
     EXPECT_EQ(fake_platform.parameters_read, Names{});
@@ -234,7 +234,7 @@ TEST_F(GroupConf, PathWithoutANumberHasNoIndex)
     expect_no_log();
 }
 
-TEST_F(GroupConf, PathOfSomethingElseHasNoIndex)
+TEST_F(GroupConf, PathOfAnotherFileHasNoIndex)
 {
     for (const char *path :
          {"/etc/dynamic/sonobrik/clip_data/7.json", "/etc/dynamic/sonobrik/clip_data/M7.txt",
@@ -253,12 +253,12 @@ TEST_F(GroupConf, FilesAreListedByTheirPattern)
     EXPECT_EQ(listed_pattern, "/etc/dynamic/sonobrik/clip_data/M*.json");
 }
 
-TEST_F(GroupConf, NoFilesAreNoList)
+TEST_F(GroupConf, NoFilesGiveANullList)
 {
     EXPECT_EQ(sonobrik_group_conf_get_param_file_list(), nullptr);
 }
 
-TEST_F(GroupConf, ListIsFreedAsItWasMade)
+TEST_F(GroupConf, ListIsFreedByFileUtils)
 {
     GSList some = {nullptr, nullptr};
     GSList *list = &some;

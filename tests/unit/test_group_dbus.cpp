@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
+#include "bus_server.h"
 #include "failing_calls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 #include "sonobrik_group.h"
 #include "sonobrik_osc.h"
 
@@ -16,7 +16,7 @@ constexpr const char *SERVICE = "com.vesk.Sonobrik.Legacy";
 constexpr const char *OBJECT = "/com/vesk/Sonobrik";
 constexpr const char *INTERFACE = "com.vesk.Configuration.Legacy";
 
-std::vector<std::string> handled; /* what the methods asked the store for */
+std::vector<std::string> handled; /* the calls of the fake store */
 
 class GroupDbus : public BusTest
 {
@@ -44,7 +44,7 @@ class GroupDbus : public BusTest
                         g_variant_new("(s)", SERVICE)) == "(true,)";
     }
 
-    /* The bus learns of the end of a connection in its own time. */
+    /* Waits: the bus notices a closed connection a little later. */
     bool loses_owner()
     {
         return run_until([this] { return !has_owner(); });
@@ -53,7 +53,7 @@ class GroupDbus : public BusTest
 
 } // namespace
 
-/* A store with one record, number 7, named "Door". */
+/* A fake store with one record, number 7, named "Door". */
 
 bool sonobrik_group_create_group(gint32 *index, const char *, const char *, const char *)
 {
@@ -122,7 +122,7 @@ TEST_F(GroupDbus, EachMethodHasItsHandler)
     expect_no_log();
 }
 
-TEST_F(GroupDbus, InterfaceIsDescribedToTheLetter)
+TEST_F(GroupDbus, IntrospectionShowsTheExactInterface)
 {
     ASSERT_TRUE(sonobrik_group_dbus_setup());
     const std::string text =
@@ -157,9 +157,9 @@ TEST_F(GroupDbus, InterfaceIsDescribedToTheLetter)
               R"( </interface>)");
 }
 
-/* The call of GetConfigurationEntry that is answered ahead of the table. */
+/* GetConfigurationEntry, which a filter answers before the table. */
 
-TEST_F(GroupDbus, EntryAskedForWithOtherArgumentsIsLeftToTheTable)
+TEST_F(GroupDbus, GetEntryWithWrongArgumentsIsLeftToTheTable)
 {
     ASSERT_TRUE(sonobrik_group_dbus_setup());
     EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(s)", "Name")),
@@ -168,7 +168,7 @@ TEST_F(GroupDbus, EntryAskedForWithOtherArgumentsIsLeftToTheTable)
     EXPECT_TRUE(handled.empty());
 }
 
-TEST_F(GroupDbus, EntryOfAnotherObjectIsUnknown)
+TEST_F(GroupDbus, GetEntryOnAnotherObjectIsUnknown)
 {
     ASSERT_TRUE(sonobrik_group_dbus_setup());
     EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(is)", 3, "Name"), "/com/vesk"),
@@ -176,7 +176,7 @@ TEST_F(GroupDbus, EntryOfAnotherObjectIsUnknown)
     EXPECT_TRUE(handled.empty());
 }
 
-TEST_F(GroupDbus, EntryOfAnotherInterfaceIsUnknown)
+TEST_F(GroupDbus, GetEntryOfAnotherInterfaceIsUnknown)
 {
     ASSERT_TRUE(sonobrik_group_dbus_setup());
     EXPECT_EQ(call("GetConfigurationEntry", g_variant_new("(is)", 3, "Name"), OBJECT,
@@ -195,7 +195,7 @@ TEST_F(GroupDbus, OtherMemberWithTheSameArgumentsIsUnknown)
     EXPECT_TRUE(handled.empty());
 }
 
-TEST_F(GroupDbus, SignalIsNoCall)
+TEST_F(GroupDbus, SignalIsNotTreatedAsACall)
 {
     ASSERT_TRUE(sonobrik_group_dbus_setup());
     EXPECT_TRUE(g_dbus_connection_emit_signal(stranger, SERVICE, OBJECT, INTERFACE,
@@ -205,7 +205,7 @@ TEST_F(GroupDbus, SignalIsNoCall)
     EXPECT_TRUE(handled.empty());
 }
 
-TEST_F(GroupDbus, EntryAskedForWithoutAnInterfaceIsLeftToTheTable)
+TEST_F(GroupDbus, GetEntryWithoutAnInterfaceIsLeftToTheTable)
 {
     ASSERT_TRUE(sonobrik_group_dbus_setup());
     for (const char *method : {"GetConfigurationEntry", "Sync"}) {
@@ -217,7 +217,7 @@ TEST_F(GroupDbus, EntryAskedForWithoutAnInterfaceIsLeftToTheTable)
     EXPECT_TRUE(handled.empty());
 }
 
-/* Coming and going. */
+/* Set-up and teardown. */
 
 TEST_F(GroupDbus, NameIsOwnedFromSetupToTeardown)
 {

@@ -26,7 +26,7 @@ class GroupFile : public LogTest
   protected:
     GroupFile()
     {
-        alarm(20); /* ends the test if a file is waited for */
+        alarm(20); /* kills the test if it blocks on a file */
     }
 
     ~GroupFile() override
@@ -34,14 +34,14 @@ class GroupFile : public LogTest
         alarm(0);
     }
 
-    /* Loads "clip_data/M4.json", in which `text` is. */
+    /* Writes `text` to "clip_data/M4.json" and loads the file. */
     static SonobrikGroup *load(const std::string &text)
     {
         StoreFolder::write("M4.json", text);
         return sonobrik_group_from_file("clip_data/M4.json");
     }
 
-    /* The file cannot be read as JSON: takes the two lines that say so. */
+    /* Expects the two log lines of a file that cannot be read as JSON. */
     void expect_no_json(const std::string &name, int line, const std::string &error)
     {
         expect_log(G_LOG_LEVEL_WARNING,
@@ -52,7 +52,7 @@ class GroupFile : public LogTest
         expect_no_log();
     }
 
-    /* The document is none of a record: takes the two lines that say so. */
+    /* Expects the two log lines of a document that is not a record. */
     void expect_no_record(const std::string &error)
     {
         expect_log(LOG_LEVEL_ERROR,
@@ -61,7 +61,7 @@ class GroupFile : public LogTest
         expect_no_log();
     }
 
-    /* The record cannot be made a document: takes the two lines that say so. */
+    /* Expects the two log lines of a record that cannot be packed. */
     void expect_not_packed(const std::string &error)
     {
         expect_log(LOG_LEVEL_ERROR,
@@ -77,7 +77,7 @@ class GroupFile : public LogTest
 
 /* Saving. */
 
-TEST_F(GroupFile, RecordIsSavedToTheLetter)
+TEST_F(GroupFile, SavedFileHasTheExactFormat)
 {
     g_autoptr(SonobrikGroup) group = new_record(
         4, "/etc/audioclips/a \"b\".wav", "T\xC3\xBCr", "audio",
@@ -123,7 +123,7 @@ TEST_F(GroupFile, MissingMetadataIsSavedAndKeptAsAnEmptyObject)
     EXPECT_EQ(group->metadata->refcount, 1U);
 }
 
-TEST_F(GroupFile, MetadataStaysTheRecords)
+TEST_F(GroupFile, SavingKeepsTheRecordsMetadata)
 {
     g_autoptr(SonobrikGroup) group =
         new_record(0, "/door.wav", "Door", "audio", json_pack("{s:i}", "size", 5));
@@ -132,7 +132,7 @@ TEST_F(GroupFile, MetadataStaysTheRecords)
     EXPECT_EQ(compact(group->metadata), R"({"size":5})");
 }
 
-TEST_F(GroupFile, MetadataOfAnyKindIsSaved)
+TEST_F(GroupFile, MetadataOfAnyTypeIsSaved)
 {
     g_autoptr(SonobrikGroup) group = new_record(0, "/door.wav", "Door", "audio", json_null());
     EXPECT_TRUE(sonobrik_group_save(group));
@@ -161,7 +161,7 @@ TEST_F(GroupFile, RecordWithoutATextIsNotSaved)
     EXPECT_EQ(group->metadata, nullptr);
 }
 
-TEST_F(GroupFile, RecordBeyondTheBoundIsNotSaved)
+TEST_F(GroupFile, RecordAboveTheBoundIsNotSaved)
 {
     g_autoptr(SonobrikGroup) group = new_record(10, "/door.wav", "Door", "audio");
     EXPECT_FALSE(sonobrik_group_save(group));
@@ -171,7 +171,7 @@ TEST_F(GroupFile, RecordBeyondTheBoundIsNotSaved)
     EXPECT_TRUE(StoreFolder::names().empty());
 }
 
-TEST_F(GroupFile, WriteThatFailsLeavesTheFile)
+TEST_F(GroupFile, FailedWriteKeepsTheOldFile)
 {
     StoreFolder::write("M4.json", DOOR);
     g_autoptr(SonobrikGroup) group = new_record(4, "/bell.wav", "Bell", "audio");
@@ -205,7 +205,7 @@ TEST_F(GroupFile, TextThatIsNotUtf8IsNotSaved)
     EXPECT_EQ(group->metadata->refcount, 1U);
 }
 
-TEST_F(GroupFile, DocumentThatCannotBeMadeIsNotSaved)
+TEST_F(GroupFile, DocumentThatCannotBePackedIsNotSaved)
 {
     FailingCalls calls;
     calls.fail("json_pack_ex");
@@ -215,7 +215,7 @@ TEST_F(GroupFile, DocumentThatCannotBeMadeIsNotSaved)
     EXPECT_TRUE(StoreFolder::names().empty());
 }
 
-/* GLib and Jansson take them for good texts; sd-bus refuses a message that holds one. */
+/* GLib and Jansson accept noncharacters; sd-bus refuses a message that contains one. */
 class GroupFileNoncharacter : public GroupFile, public ::testing::WithParamInterface<gunichar>
 {
   protected:
@@ -247,7 +247,7 @@ TEST_P(GroupFileNoncharacter, IsNotSavedInAnyText)
     EXPECT_EQ(group->metadata->refcount, 1U);
 }
 
-TEST_P(GroupFileNoncharacter, IsLoadedAndCuredByARename)
+TEST_P(GroupFileNoncharacter, IsLoadedAndCanBeReplacedByARename)
 {
     g_autoptr(SonobrikGroup) group = load(record_file("/door.wav", text, "audio"));
     ASSERT_NE(group, nullptr);
@@ -273,7 +273,7 @@ TEST_F(GroupFile, RecordIsLoadedWhole)
     expect_no_log();
 }
 
-TEST_F(GroupFile, WhatWasSavedIsLoaded)
+TEST_F(GroupFile, SavedRecordCanBeLoaded)
 {
     g_autoptr(SonobrikGroup) group =
         new_record(4, "/door.wav", "Door", "audio", json_pack("{s:[]}", "mediaTypes"));
@@ -295,7 +295,7 @@ TEST_F(GroupFile, FileWithoutMetadataIsLoaded)
     expect_no_log();
 }
 
-TEST_F(GroupFile, MetadataOfAnyKindIsLoaded)
+TEST_F(GroupFile, MetadataOfAnyTypeIsLoaded)
 {
     for (const std::string metadata : {"null", "[1]", "\"text\"", "5", "true"}) {
         g_autoptr(SonobrikGroup) group = load(record_file("/a.wav", "A", "audio", metadata));
@@ -316,7 +316,7 @@ TEST_F(GroupFile, ExtraKeysAreIgnoredAndDroppedBySaving)
     expect_no_log();
 }
 
-TEST_F(GroupFile, MissingTextIsNoRecord)
+TEST_F(GroupFile, FileWithoutATextIsNotLoaded)
 {
     EXPECT_EQ(load(R"({"name": "A", "type": "t", "metadata": {"a": [1]}})"), nullptr);
     expect_no_record("Object item not found: location");
@@ -326,7 +326,7 @@ TEST_F(GroupFile, MissingTextIsNoRecord)
     expect_no_record("Object item not found: type");
 }
 
-TEST_F(GroupFile, TextOfAnotherKindIsNoRecord)
+TEST_F(GroupFile, TextOfAnotherTypeIsNotLoaded)
 {
     EXPECT_EQ(load(R"({"location": 1, "name": "A", "type": "t"})"), nullptr);
     expect_no_record("Expected string, got integer");
@@ -336,13 +336,13 @@ TEST_F(GroupFile, TextOfAnotherKindIsNoRecord)
     expect_no_record("Expected string, got array");
 }
 
-TEST_F(GroupFile, DocumentThatIsNoObjectIsNoRecord)
+TEST_F(GroupFile, DocumentThatIsNotAnObjectIsNotLoaded)
 {
     EXPECT_EQ(load(R"(["/a", "A", "t"])"), nullptr);
     expect_no_record("Expected object, got array");
 }
 
-TEST_F(GroupFile, TornFileIsNotLoaded)
+TEST_F(GroupFile, TruncatedFileIsNotLoaded)
 {
     EXPECT_EQ(load("{\n  \"location\": \"/a\",\n  \"na"), nullptr);
     expect_no_json("M4.json", 3, "premature end of input near '\"na'");
@@ -366,7 +366,7 @@ TEST_F(GroupFile, UnreadableFileIsNotLoaded)
 {
     StoreFolder::write("M4.json", DOOR);
     std::filesystem::permissions("clip_data/M4.json", std::filesystem::perms::none);
-    const PlainUser user;
+    const UnprivilegedFileAccess user;
     EXPECT_EQ(sonobrik_group_from_file("clip_data/M4.json"), nullptr);
     expect_no_json("M4.json", -1, "unable to open clip_data/M4.json: Permission denied");
 }
@@ -408,7 +408,7 @@ TEST_F(GroupFile, NullPathIsNotLoaded)
     expect_no_log();
 }
 
-TEST_F(GroupFile, FileBeyondTheBoundIsLoaded)
+TEST_F(GroupFile, FileAboveTheBoundIsLoaded)
 {
     StoreFolder::write("M99.json", DOOR);
     g_autoptr(SonobrikGroup) group = sonobrik_group_from_file("clip_data/M99.json");

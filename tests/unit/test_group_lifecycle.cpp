@@ -27,7 +27,7 @@ class GroupLifecycle : public LogTest
   protected:
     GroupLifecycle()
     {
-        alarm(20); /* ends the test if a file is waited for */
+        alarm(20); /* kills the test if it blocks on a file */
     }
 
     ~GroupLifecycle() override
@@ -35,7 +35,7 @@ class GroupLifecycle : public LogTest
         alarm(0);
     }
 
-    /* Creates a record with this index, -1 for any. Returns its index, or -100. */
+    /* Creates a record with this index, -1 for the lowest free one. Returns its index, or -100. */
     static gint32 create(gint32 index)
     {
         gint32 number = index;
@@ -64,7 +64,7 @@ class GroupLifecycle : public LogTest
     StoreFolder store;
 };
 
-/* The files of all records, in the list's order. */
+/* Returns the files of all records, in the order of the list. */
 Names listed()
 {
     Names names;
@@ -81,7 +81,7 @@ Names listed()
 
 /* Creating. */
 
-TEST_F(GroupLifecycle, RecordIsCreatedToTheLetter)
+TEST_F(GroupLifecycle, CreatedFileHasTheExactFormat)
 {
     gint32 index = 7;
     EXPECT_TRUE(sonobrik_group_create_group(&index, "/etc/audioclips/door.wav", "Door", "audio"));
@@ -92,7 +92,7 @@ TEST_F(GroupLifecycle, RecordIsCreatedToTheLetter)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, NullTextsAreCreatedEmpty)
+TEST_F(GroupLifecycle, NullTextsBecomeEmpty)
 {
     gint32 index = -1;
     EXPECT_TRUE(sonobrik_group_create_group(&index, nullptr, nullptr, nullptr));
@@ -109,7 +109,7 @@ TEST_F(GroupLifecycle, NullIndexCreatesNothing)
     EXPECT_TRUE(StoreFolder::names().empty());
 }
 
-TEST_F(GroupLifecycle, IndexesAreGivenUpToTheBoundAndAFullStoreReportsTheBound)
+TEST_F(GroupLifecycle, IndexesAreAssignedUpToTheBoundWhichAFullStoreReports)
 {
     fake_platform.parameter = "3";
     EXPECT_EQ(create(-1), 0);
@@ -123,7 +123,7 @@ TEST_F(GroupLifecycle, IndexesAreGivenUpToTheBoundAndAFullStoreReportsTheBound)
     EXPECT_EQ(StoreFolder::names().size(), 3U);
 }
 
-TEST_F(GroupLifecycle, LowestFreeIndexIsGiven)
+TEST_F(GroupLifecycle, LowestFreeIndexIsAssigned)
 {
     StoreFolder::write("M0.json", DOOR);
     StoreFolder::write("M2.json", DOOR);
@@ -132,7 +132,7 @@ TEST_F(GroupLifecycle, LowestFreeIndexIsGiven)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, HighestIndexIsGivenLast)
+TEST_F(GroupLifecycle, HighestIndexIsAssignedLast)
 {
     fake_platform.parameter = "2";
     StoreFolder::write("M0.json", DOOR);
@@ -140,7 +140,7 @@ TEST_F(GroupLifecycle, HighestIndexIsGivenLast)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, StoreOfOneRecordIsFilledAndFull)
+TEST_F(GroupLifecycle, StoreForOneRecordCanBeFilled)
 {
     fake_platform.parameter = "1";
     EXPECT_EQ(create(-1), 0);
@@ -149,7 +149,7 @@ TEST_F(GroupLifecycle, StoreOfOneRecordIsFilledAndFull)
     expect_taken(0);
 }
 
-TEST_F(GroupLifecycle, TakenIndexIsAFileOfAnyKind)
+TEST_F(GroupLifecycle, AnyKindOfFileTakesTheIndex)
 {
     std::filesystem::create_directory("clip_data/M0.json");
     StoreFolder::write("M1.json", "torn");
@@ -177,7 +177,7 @@ TEST_F(GroupLifecycle, InvalidIndexIsRefused)
     EXPECT_TRUE(StoreFolder::names().empty());
 }
 
-TEST_F(GroupLifecycle, NothingIsCreatedWhileTheBoundIsNotKnown)
+TEST_F(GroupLifecycle, NothingIsCreatedWhileTheBoundIsUnknown)
 {
     fake_platform.parameter.reset();
     EXPECT_EQ(create(-1), -100);
@@ -191,7 +191,7 @@ TEST_F(GroupLifecycle, NothingIsCreatedWhileTheBoundIsNotKnown)
     EXPECT_TRUE(StoreFolder::names().empty());
 }
 
-TEST_F(GroupLifecycle, NothingIsCreatedInAStoreOfNoRecords)
+TEST_F(GroupLifecycle, NothingIsCreatedInAStoreForNoRecords)
 {
     for (const char *parameter : {"0", "-3"}) {
         fake_platform.parameter = parameter;
@@ -241,7 +241,7 @@ TEST_F(GroupLifecycle, MissingRecordIsNotRemoved)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, RecordThatStaysIsNotRemoved)
+TEST_F(GroupLifecycle, RecordThatCannotBeDeletedIsReported)
 {
     std::filesystem::create_directories("clip_data/M4.json/full");
     EXPECT_FALSE(sonobrik_group_remove_group(4));
@@ -250,7 +250,7 @@ TEST_F(GroupLifecycle, RecordThatStaysIsNotRemoved)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, RecordBeyondTheBoundIsNotRemoved)
+TEST_F(GroupLifecycle, RecordAboveTheBoundIsNotRemoved)
 {
     StoreFolder::write("M10.json", DOOR);
     EXPECT_FALSE(sonobrik_group_remove_group(10));
@@ -273,13 +273,13 @@ TEST_F(GroupLifecycle, RecordIsLoadedByItsIndex)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, MissingRecordIsSilentlyNone)
+TEST_F(GroupLifecycle, MissingRecordIsNullWithoutALogLine)
 {
     EXPECT_EQ(sonobrik_group_from_index(4), nullptr);
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, RecordBeyondTheBoundIsNotLoadedByItsIndex)
+TEST_F(GroupLifecycle, RecordAboveTheBoundIsNotLoadedByItsIndex)
 {
     StoreFolder::write("M10.json", DOOR);
     EXPECT_EQ(sonobrik_group_from_index(10), nullptr);
@@ -326,13 +326,13 @@ TEST_F(GroupLifecycle, RecordsAreListedWithTheirTexts)
     EXPECT_EQ(groups, nullptr);
 }
 
-TEST_F(GroupLifecycle, EmptyFolderHasNoList)
+TEST_F(GroupLifecycle, EmptyFolderGivesANullList)
 {
     EXPECT_EQ(sonobrik_group_get_parameter_list(), nullptr);
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, MissingFolderHasNoList)
+TEST_F(GroupLifecycle, MissingFolderGivesANullList)
 {
     std::filesystem::remove("clip_data");
     EXPECT_EQ(sonobrik_group_get_parameter_list(), nullptr);
@@ -340,11 +340,11 @@ TEST_F(GroupLifecycle, MissingFolderHasNoList)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, UnreadableFolderHasNoList)
+TEST_F(GroupLifecycle, UnreadableFolderGivesANullList)
 {
     StoreFolder::write("M4.json", DOOR);
     std::filesystem::permissions("clip_data", std::filesystem::perms::none);
-    const PlainUser user;
+    const UnprivilegedFileAccess user;
     EXPECT_EQ(sonobrik_group_get_parameter_list(), nullptr);
     expect_log(G_LOG_LEVEL_INFO, "The specified directory of 'clip_data/M*.json' does not exist");
     expect_no_log();
@@ -359,7 +359,7 @@ TEST_F(GroupLifecycle, FilesOfOtherNamesAreNotListed)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, RecordBeyondTheBoundIsListed)
+TEST_F(GroupLifecycle, RecordAboveTheBoundIsListed)
 {
     fake_platform.parameter = "1";
     StoreFolder::write("M99.json", DOOR);
@@ -367,7 +367,7 @@ TEST_F(GroupLifecycle, RecordBeyondTheBoundIsListed)
     expect_no_log();
 }
 
-/* Each alone beside a good record: it is logged and left out. */
+/* One broken file beside a good record: it is logged and left out. */
 class BrokenFileTest : public GroupLifecycle
 {
   protected:
@@ -377,7 +377,7 @@ class BrokenFileTest : public GroupLifecycle
     }
 };
 
-TEST_F(BrokenFileTest, TornFileIsLeftOut)
+TEST_F(BrokenFileTest, TruncatedFileIsLeftOut)
 {
     StoreFolder::write("M4.json", "{");
     EXPECT_EQ(listed(), Names{"M1.json"});
@@ -422,7 +422,7 @@ TEST_F(BrokenFileTest, FileWithoutANumberIsLeftOut)
     expect_no_log();
 }
 
-TEST_F(BrokenFileTest, FileThatIsNoRecordIsLeftOut)
+TEST_F(BrokenFileTest, FileThatIsNotARecordIsLeftOut)
 {
     StoreFolder::write("M7.json", R"({"location": "/a", "metadata": {}})");
     EXPECT_EQ(listed(), Names{"M1.json"});
@@ -433,7 +433,7 @@ TEST_F(BrokenFileTest, FileThatIsNoRecordIsLeftOut)
     expect_no_log();
 }
 
-TEST_F(GroupLifecycle, BrokenFilesAloneHaveNoList)
+TEST_F(GroupLifecycle, OnlyBrokenFilesGiveANullList)
 {
     StoreFolder::write("Mx.json", DOOR);
     EXPECT_EQ(sonobrik_group_get_parameter_list(), nullptr);
@@ -442,7 +442,7 @@ TEST_F(GroupLifecycle, BrokenFilesAloneHaveNoList)
 
 /* Releasing. */
 
-TEST_F(GroupLifecycle, NullListIsReleased)
+TEST_F(GroupLifecycle, ReleasingANullListDoesNothing)
 {
     sonobrik_group_release_parameter_list(nullptr);
     GSList *none = nullptr;
@@ -450,7 +450,7 @@ TEST_F(GroupLifecycle, NullListIsReleased)
     EXPECT_EQ(none, nullptr);
 }
 
-TEST_F(GroupLifecycle, ReleasedRecordsLetGoOfTheirMetadata)
+TEST_F(GroupLifecycle, ReleasedRecordsReleaseTheirMetadata)
 {
     json_t *metadata = json_object();
     GSList *groups =

@@ -28,7 +28,7 @@ class GroupMetadata : public LogTest
         json_decref(metadata);
     }
 
-    /* The record with this metadata, JSON or null. */
+    /* Returns a record with this metadata, JSON or null. */
     SonobrikGroup *record(const char *text)
     {
         group = new_record(4, "/etc/audioclips/door.wav", "Door", "audio", parse(text));
@@ -40,7 +40,7 @@ class GroupMetadata : public LogTest
         return text ? json_loads(text, JSON_DECODE_ANY, nullptr) : nullptr;
     }
 
-    /* The record's object of the reply. */
+    /* Returns the object that describes the record to clients. */
     static std::string reply(SonobrikGroup *group)
     {
         g_autoptr(json_t) object = sonobrik_group_metadata(group);
@@ -77,7 +77,7 @@ TEST_F(GroupMetadata, CompleteMetadataIsValid)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, MediaTypesMayBeOfAnyKind)
+TEST_F(GroupMetadata, MediaTypesMayBeOfAnyType)
 {
     for (const char *text : {R"({"mediaTypes":null,"size":5,"duration":50})",
                              R"({"mediaTypes":"x","size":5,"duration":50})",
@@ -101,7 +101,7 @@ TEST_F(GroupMetadata, NumbersOf64BitsAreValid)
         record(R"({"mediaTypes":[],"size":9223372036854775807,"duration":4294967296})")));
 }
 
-TEST_F(GroupMetadata, NothingToSpeakOfIsSilentlyNotValid)
+TEST_F(GroupMetadata, MetadataWithoutMembersIsInvalidWithoutALogLine)
 {
     for (const char *text :
          {static_cast<const char *>(nullptr), "{}", "[]", "[1]", "null", "\"text\"", "5"}) {
@@ -111,7 +111,7 @@ TEST_F(GroupMetadata, NothingToSpeakOfIsSilentlyNotValid)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, MetadataOfAnInvalidRecordIsSilentlyNotValid)
+TEST_F(GroupMetadata, MetadataOfAnInvalidRecordIsInvalidWithoutALogLine)
 {
     EXPECT_FALSE(sonobrik_group_metadata_valid(nullptr));
     record(R"({"size":"5"})");
@@ -133,7 +133,7 @@ TEST_F(GroupMetadata, MissingMemberIsNotValid)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, NumberOfAnotherKindIsNotValid)
+TEST_F(GroupMetadata, NumberOfAnotherTypeIsNotValid)
 {
     EXPECT_FALSE(
         sonobrik_group_metadata_valid(record(R"({"mediaTypes":[],"size":"5","duration":50})")));
@@ -159,7 +159,7 @@ TEST_F(GroupMetadata, MetadataIsStoredAndItsReferenceTaken)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, OldMetadataIsLetGo)
+TEST_F(GroupMetadata, OldMetadataIsReleased)
 {
     record(nullptr);
     metadata = json_object();
@@ -185,7 +185,7 @@ TEST_F(GroupMetadata, NullIsNotStored)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, MetadataForNoRecordIsLetGo)
+TEST_F(GroupMetadata, MetadataForANullRecordIsReleased)
 {
     metadata = parse(VALID);
     EXPECT_FALSE(sonobrik_group_set_media_metadata(nullptr, json_incref(metadata)));
@@ -225,7 +225,7 @@ TEST_F(GroupMetadata, FailureToSaveIsReported)
 
 /* One record. */
 
-TEST_F(GroupMetadata, StoredMetadataIsRepliedWithoutAnotherLook)
+TEST_F(GroupMetadata, StoredMetadataIsReturnedWithoutInspectingTheFile)
 {
     EXPECT_EQ(reply(record(R"({"mediaTypes":["audio/x-wav"],"size":-1,"duration":7})")),
               R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],)"
@@ -235,7 +235,7 @@ TEST_F(GroupMetadata, StoredMetadataIsRepliedWithoutAnotherLook)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, StoredMetadataStaysTheRecords)
+TEST_F(GroupMetadata, ReturningMetadataKeepsTheRecordsReference)
 {
     record(VALID);
     reply(group);
@@ -253,7 +253,7 @@ TEST_F(GroupMetadata, ReplyOutlivesTheRecord)
     EXPECT_EQ(object->refcount, 1U);
 }
 
-TEST_F(GroupMetadata, NullMediaTypesAreRepliedAsTheyStand)
+TEST_F(GroupMetadata, NullMediaTypesAreReturnedUnchanged)
 {
     EXPECT_EQ(reply(record(R"({"mediaTypes":null,"size":5,"duration":50})")),
               R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":null,"size":5,)"
@@ -262,7 +262,7 @@ TEST_F(GroupMetadata, NullMediaTypesAreRepliedAsTheyStand)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, ExtraMembersAreNotReplied)
+TEST_F(GroupMetadata, ExtraMembersAreNotReturned)
 {
     EXPECT_EQ(reply(record(R"({"a":1,"duration":50,"size":5,"mediaTypes":[]})")),
               R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":[],"size":5,)"
@@ -302,7 +302,7 @@ TEST_F(GroupMetadata, MissingMetadataIsComputedAndSaved)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, BrokenMetadataIsComputedAnew)
+TEST_F(GroupMetadata, BrokenMetadataIsRecomputed)
 {
     EXPECT_EQ(reply(record(R"({"mediaTypes":[],"size":"5","duration":50})")),
               R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],)"
@@ -338,13 +338,13 @@ TEST_F(GroupMetadata, NumbersOf64BitsAreStored)
               R"("duration":9223372036854775807}})");
 }
 
-TEST_F(GroupMetadata, NullRecordHasNone)
+TEST_F(GroupMetadata, NullRecordHasNoMetadata)
 {
     EXPECT_EQ(sonobrik_group_metadata(nullptr), nullptr);
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, RecordWithoutALocationHasNone)
+TEST_F(GroupMetadata, RecordWithoutALocationHasNoMetadata)
 {
     record(VALID);
     g_clear_pointer(&group->location, g_free);
@@ -354,7 +354,7 @@ TEST_F(GroupMetadata, RecordWithoutALocationHasNone)
     EXPECT_TRUE(discovery.inspected.empty());
 }
 
-TEST_F(GroupMetadata, FileThatCannotBeDescribedHasNone)
+TEST_F(GroupMetadata, FileThatCannotBeDescribedHasNoMetadata)
 {
     discovery.found.clear();
     EXPECT_EQ(sonobrik_group_metadata(record("{}")), nullptr);
@@ -386,7 +386,7 @@ TEST_F(GroupMetadata, DescriptionThatCannotBePackedIsNotStored)
     expect_not_created();
 }
 
-TEST_F(GroupMetadata, ComputedMetadataThatCannotBeSavedIsNotReplied)
+TEST_F(GroupMetadata, ComputedMetadataThatCannotBeSavedIsNotReturned)
 {
     fake_platform.write_fails = true;
     EXPECT_EQ(sonobrik_group_metadata(record("{}")), nullptr);
@@ -407,7 +407,7 @@ TEST_F(GroupMetadata, ReplyThatCannotBePackedIsReported)
 }
 
 /*
- * A valid record has the three members, so reading one back fails only when memory runs out. They
+ * A valid record has the three members, so reading one back fails only on allocation failure. They
  * are read in the order media types, size, duration.
  */
 
@@ -421,7 +421,7 @@ TEST_F(GroupMetadata, ReplyNeedsTheMediaTypes)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, SizeThatCannotBeReadIsRepliedAsMinusOne)
+TEST_F(GroupMetadata, SizeThatCannotBeReadIsReturnedAsMinusOne)
 {
     calls.fail_one("json_unpack", 2);
     EXPECT_EQ(reply(record(VALID)),
@@ -432,7 +432,7 @@ TEST_F(GroupMetadata, SizeThatCannotBeReadIsRepliedAsMinusOne)
     expect_no_log();
 }
 
-TEST_F(GroupMetadata, DurationThatCannotBeReadIsRepliedAsMinusOne)
+TEST_F(GroupMetadata, DurationThatCannotBeReadIsReturnedAsMinusOne)
 {
     calls.fail_one("json_unpack", 3);
     EXPECT_EQ(reply(record(VALID)),

@@ -12,7 +12,7 @@ namespace
 
 constexpr const char *NONCHARACTER = "\xEF\xBF\xBE"; /* U+FFFE */
 
-/* The metadata of all records that are stored. */
+/* Tests the metadata of all stored records. */
 class GroupMetadataList : public LogTest
 {
   protected:
@@ -39,14 +39,14 @@ class GroupMetadataList : public LogTest
                    "Failed to create metadata for clip at location: " + location);
     }
 
-    /* The record of this location, and no other, is left out. */
+    /* Expects the log line for this location, and no other. */
     void expect_left_out(const std::string &location)
     {
         expect_log(LOG_LEVEL_ERROR, "Could not obtain metadata for clip at location: " + location);
         expect_no_log();
     }
 
-    /* The lists leave out the file `name`, and nothing else is logged. */
+    /* Expects the log line for the file `name` that is left out, and no other. */
     void expect_not_listed(const std::string &name)
     {
         expect_log(G_LOG_LEVEL_WARNING, "Left out 'clip_data/" + name +
@@ -60,13 +60,13 @@ class GroupMetadataList : public LogTest
 
 } // namespace
 
-TEST_F(GroupMetadataList, NoRecordsAreAnEmptyArray)
+TEST_F(GroupMetadataList, NoRecordsGiveAnEmptyArray)
 {
     EXPECT_EQ(reply_of_all(), "[]");
     expect_no_log();
 }
 
-TEST_F(GroupMetadataList, AllRecordsAreRepliedCompact)
+TEST_F(GroupMetadataList, AllRecordsAreReturnedAsCompactJson)
 {
     StoreFolder::write(
         "M4.json", record_file("/etc/audioclips/door.wav", "A \\\"d\\\" \xC3\xBC", "audio", VALID));
@@ -76,7 +76,7 @@ TEST_F(GroupMetadataList, AllRecordsAreRepliedCompact)
     expect_no_log();
 }
 
-TEST_F(GroupMetadataList, RecordsAreRepliedInTheFoldersOrder)
+TEST_F(GroupMetadataList, RecordsAreReturnedInTheOrderOfTheFolder)
 {
     std::string expected;
     for (const int index : {3, 11, 0, 7, 5, 12, 1, 9, 2}) {
@@ -91,7 +91,7 @@ TEST_F(GroupMetadataList, RecordsAreRepliedInTheFoldersOrder)
     EXPECT_EQ(reply_of_all(), expected + "]");
 }
 
-TEST_F(GroupMetadataList, NewRecordIsComputedAndItsFileWritten)
+TEST_F(GroupMetadataList, MetadataOfANewRecordIsComputedAndSaved)
 {
     StoreFolder::write("M4.json", record_file("/etc/audioclips/door.wav", "Door", "audio"));
     EXPECT_EQ(reply_of_all(), R"([{"4":{"name":"Door","fileName":"door.wav",)"
@@ -113,7 +113,7 @@ TEST_F(GroupMetadataList, MissingClipIsLeftOutAmongGoodOnes)
     EXPECT_EQ(StoreFolder::read("M1.json"), record_file("/gone.wav", "Gone", "audio"));
 }
 
-TEST_F(GroupMetadataList, RecordBeyondTheBoundIsRepliedFromItsFileButNotComputed)
+TEST_F(GroupMetadataList, RecordAboveTheBoundIsReturnedFromItsFileButNotComputed)
 {
     StoreFolder::write("M99.json", record_file("/a", "A", "audio", VALID));
     StoreFolder::write("M98.json", record_file("/etc/audioclips/door.wav", "Door", "audio"));
@@ -126,9 +126,9 @@ TEST_F(GroupMetadataList, RecordBeyondTheBoundIsRepliedFromItsFileButNotComputed
     expect_left_out("/etc/audioclips/door.wav");
 }
 
-/* Texts that Jansson reads and sd-bus refuses. */
+/* Texts that Jansson accepts and sd-bus refuses. */
 
-TEST_F(GroupMetadataList, NameThatTheBusRefusesSpoilsItsOwnEntryOnly)
+TEST_F(GroupMetadataList, RecordWithARefusedNameIsLeftOut)
 {
     StoreFolder::write("M1.json", record_file("/a", NONCHARACTER, "audio", VALID));
     StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
@@ -137,7 +137,7 @@ TEST_F(GroupMetadataList, NameThatTheBusRefusesSpoilsItsOwnEntryOnly)
     expect_not_listed("M1.json");
 }
 
-TEST_F(GroupMetadataList, FileNameThatTheBusRefusesSpoilsItsOwnEntryOnly)
+TEST_F(GroupMetadataList, RecordWithARefusedFileNameIsLeftOut)
 {
     const std::string location = std::string("/a/") + NONCHARACTER;
     StoreFolder::write("M1.json", record_file(location, "N", "audio", VALID));
@@ -145,7 +145,7 @@ TEST_F(GroupMetadataList, FileNameThatTheBusRefusesSpoilsItsOwnEntryOnly)
     expect_not_listed("M1.json");
 }
 
-TEST_F(GroupMetadataList, MediaTypeThatTheBusRefusesSpoilsItsOwnEntryOnly)
+TEST_F(GroupMetadataList, RecordWithARefusedMediaTypeIsLeftOut)
 {
     StoreFolder::write(
         "M1.json",
@@ -154,7 +154,7 @@ TEST_F(GroupMetadataList, MediaTypeThatTheBusRefusesSpoilsItsOwnEntryOnly)
     expect_not_listed("M1.json");
 }
 
-TEST_F(GroupMetadataList, TextDeepInTheMetadataThatTheBusRefusesSpoilsItsOwnEntryOnly)
+TEST_F(GroupMetadataList, RecordWithARefusedNestedTextIsLeftOut)
 {
     StoreFolder::write(
         "M1.json",
@@ -164,9 +164,9 @@ TEST_F(GroupMetadataList, TextDeepInTheMetadataThatTheBusRefusesSpoilsItsOwnEntr
     expect_not_listed("M1.json");
 }
 
-/* Out of memory. */
+/* Allocation failures. */
 
-TEST_F(GroupMetadataList, NoArrayIsNoReply)
+TEST_F(GroupMetadataList, FailureToCreateTheArrayReturnsNull)
 {
     StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
     calls.fail("json_array");

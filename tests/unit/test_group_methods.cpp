@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
+#include "bus_server.h"
 #include "failing_calls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 #include "sonobrik_osc.h"
 #include "store_folder.h"
 
@@ -24,18 +24,18 @@ class GroupMethods : public BusTest
     {
         osc_updates = 0;
         osc_update_fails = false;
-        served.serve("/AddConfiguration", sonobrik_group_add_configuration);
-        served.serve("/RemoveConfiguration", sonobrik_group_remove_configuration);
-        served.serve("/GetConfigurationEntry", sonobrik_group_get_configuration);
-        served.serve("/SetConfigurationEntry", sonobrik_group_set_configuration);
-        served.serve("/GetConfigurations", sonobrik_group_get_configurations);
-        served.serve("/Sync", sonobrik_group_sync);
+        server.serve("/AddConfiguration", sonobrik_group_add_configuration);
+        server.serve("/RemoveConfiguration", sonobrik_group_remove_configuration);
+        server.serve("/GetConfigurationEntry", sonobrik_group_get_configuration);
+        server.serve("/SetConfigurationEntry", sonobrik_group_set_configuration);
+        server.serve("/GetConfigurations", sonobrik_group_get_configurations);
+        server.serve("/Sync", sonobrik_group_sync);
     }
 
-    /* Calls a method. Each has an object of its own here, and no table says what it takes. */
+    /* Calls a method. Each method has its own object, without a method table. */
     std::string call(const std::string &method, GVariant *arguments = nullptr)
     {
-        return bus_call(stranger, served.name, "/" + method, "com.vesk.Test", method, arguments);
+        return bus_call(stranger, server.name, "/" + method, "com.vesk.Test", method, arguments);
     }
 
     std::string call(const std::string &method, gint32 index)
@@ -53,14 +53,14 @@ class GroupMethods : public BusTest
         return call("SetConfigurationEntry", g_variant_new("(isv)", index, name, value));
     }
 
-    /* Sets a property to the bytes of a text, zeros among them. */
+    /* Sets a property to these bytes, which may include zeros. */
     std::string set(gint32 index, const char *name, const std::string &bytes)
     {
         return set(index, name,
                    g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1));
     }
 
-    /* The lists leave out the file `name`, and nothing else is logged. */
+    /* Expects the log line for the file `name` that is left out, and no other. */
     void expect_left_out(const std::string &name)
     {
         expect_log(G_LOG_LEVEL_WARNING, "Left out 'clip_data/" + name +
@@ -68,13 +68,13 @@ class GroupMethods : public BusTest
         expect_no_log();
     }
 
-    /* What the method's caller reads when it fails. */
+    /* Returns the error that the caller gets if the method fails. */
     static std::string failure(const std::string &method)
     {
         return "com.vesk.Sonobrik.Legacy." + method + ": ";
     }
 
-    /* The entry of a record in the reply of GetConfigurations. */
+    /* Returns the entry of a record in the reply of GetConfigurations. */
     static std::string entry(const std::string &index, const std::string &location,
                              const std::string &name, const std::string &type)
     {
@@ -96,7 +96,7 @@ class GroupMethods : public BusTest
     }
 
     StoreFolder store;
-    ServedBus served;
+    BusServer server;
     FailingCalls calls;
 };
 
@@ -105,12 +105,12 @@ struct Method {
     const char *handler;
 };
 
-/* What all six methods have in common. */
+/* Tests for all six methods. */
 class AnyGroupMethod : public GroupMethods, public ::testing::WithParamInterface<const char *>
 {
 };
 
-/* Those that take arguments. */
+/* Tests for the methods that take arguments. */
 class GroupMethodWithArguments : public GroupMethods, public ::testing::WithParamInterface<Method>
 {
 };
@@ -197,7 +197,7 @@ TEST_F(GroupMethods, TakenIndexIsNotAdded)
     EXPECT_EQ(StoreFolder::read("M3.json"), file);
 }
 
-TEST_F(GroupMethods, IndexThatTheReplyDoesNotTakeFails)
+TEST_F(GroupMethods, FailureToAppendTheIndexFails)
 {
     calls.fail("sd_bus_message_append");
     EXPECT_EQ(call("AddConfiguration", -1), failure("AddConfiguration"));
@@ -246,7 +246,7 @@ TEST_F(GroupMethods, UnknownPropertyIsNotRead)
     expect_no_log();
 }
 
-TEST_F(GroupMethods, PropertyOfAMissingRecordIsSilentlyNotRead)
+TEST_F(GroupMethods, PropertyOfAMissingRecordIsNotReadOrLogged)
 {
     EXPECT_EQ(get(0, "Name"), failure("GetConfigurationEntry"));
     expect_no_log();
@@ -267,7 +267,7 @@ TEST_F(GroupMethods, PropertyThatTheBusRefusesIsNotRead)
     expect_no_log();
 }
 
-TEST_F(GroupMethods, PropertyThatTheReplyDoesNotTakeFails)
+TEST_F(GroupMethods, FailureToAppendThePropertyFails)
 {
     StoreFolder::write("M0.json", record_file("/door.wav", "Door", "audio"));
     for (const int number : {1, 2}) {
@@ -287,7 +287,7 @@ class RenameTest : public GroupMethods
         StoreFolder::write("M0.json", file);
     }
 
-    /* The file after a rename. */
+    /* Returns the expected file after a rename. */
     static std::string renamed(const std::string &name)
     {
         return record_file("/door.wav", name, "audio", "{\n    \"size\": 5\n  }");
@@ -311,7 +311,7 @@ TEST_F(RenameTest, NameEndsAtTheFirstZero)
     expect_no_log();
 }
 
-TEST_F(RenameTest, NoBytesAreTheEmptyName)
+TEST_F(RenameTest, NoBytesGiveAnEmptyName)
 {
     EXPECT_EQ(set(0, "Name", ""), "()");
     EXPECT_EQ(StoreFolder::read("M0.json"), renamed(""));
@@ -338,7 +338,7 @@ TEST_F(RenameTest, LongerNameIsRefused)
     expect_too_long("Name");
 }
 
-TEST_F(RenameTest, BytesBehindTheZeroCount)
+TEST_F(RenameTest, BytesAfterTheZeroCountTowardsTheLimit)
 {
     EXPECT_EQ(set(0, "Name", std::string("a") + std::string(255, '\0')),
               failure("SetConfigurationEntry"));
@@ -383,7 +383,7 @@ TEST_F(RenameTest, ValueIsReadBeforeThePropertyIsChecked)
     expect_too_long("Type");
 }
 
-TEST_F(RenameTest, MissingRecordIsSilentlyNotRenamed)
+TEST_F(RenameTest, MissingRecordIsNotRenamedOrLogged)
 {
     EXPECT_EQ(set(1, "Name", "Bell"), failure("SetConfigurationEntry"));
     expect_no_log();
@@ -420,7 +420,7 @@ TEST_F(RenameTest, NameInAFileThatTheBusRefusesIsReplaced)
     expect_no_log();
 }
 
-/* The bus refuses to change a location, so only the operation below the method can. */
+/* The method refuses to change a location, so this test calls the operation below it. */
 TEST_F(RenameTest, LocationSetByNameReachesTheFileWithoutTheOldMetadata)
 {
     g_autoptr(SonobrikGroup) group = sonobrik_group_from_index(0);
@@ -430,7 +430,7 @@ TEST_F(RenameTest, LocationSetByNameReachesTheFileWithoutTheOldMetadata)
     expect_no_log();
 }
 
-TEST_F(RenameTest, FailureToWriteIsAFailure)
+TEST_F(RenameTest, FailureToWriteFailsTheCall)
 {
     fake_platform.write_fails = true;
     EXPECT_EQ(set(0, "Name", "Bell"), failure("SetConfigurationEntry"));
@@ -446,7 +446,7 @@ TEST_F(GroupMethods, EmptyStoreFails)
     expect_no_log();
 }
 
-TEST_F(GroupMethods, RecordIsListedWithItsPropertiesInTheirOrder)
+TEST_F(GroupMethods, RecordIsListedWithItsPropertiesInOrder)
 {
     StoreFolder::write("M3.json", record_file("/door.wav", "T\xC3\xBCr", ""));
     EXPECT_EQ(call("GetConfigurations"), "({" + entry("3", "/door.wav", "T\xC3\xBCr", "") + "},)");
@@ -468,7 +468,7 @@ TEST_F(GroupMethods, AllRecordsAreListedInTheFoldersOrder)
     expect_no_log();
 }
 
-TEST_F(GroupMethods, RecordThatTheBusRefusesSpoilsItsOwnEntryOnly)
+TEST_F(GroupMethods, OnlyTheRecordThatTheBusRefusesIsLeftOut)
 {
     StoreFolder::write("M1.json", record_file("/a", "A", "audio"));
     StoreFolder::write("M3.json", record_file("/b", NONCHARACTER, "audio"));
@@ -480,7 +480,7 @@ TEST_F(GroupMethods, RecordThatTheBusRefusesSpoilsItsOwnEntryOnly)
     expect_no_log();
 }
 
-TEST_F(GroupMethods, RecordsThatTheBusRefusesAloneAreAnEmptyStore)
+TEST_F(GroupMethods, StoreOfOnlyRefusedRecordsCountsAsEmpty)
 {
     StoreFolder::write("M3.json", record_file("/b", "B", NONCHARACTER));
     EXPECT_EQ(call("GetConfigurations"), failure("GetConfigurations"));
@@ -541,7 +541,7 @@ TEST_F(IncompleteEntry, ArrayThatCannotBeOpenedFailsTheCall)
 
 /* Sync. */
 
-TEST_F(GroupMethods, SyncRefreshesTheControls)
+TEST_F(GroupMethods, SyncUpdatesTheControls)
 {
     EXPECT_EQ(call("Sync"), "()");
     EXPECT_EQ(osc_updates, 1);

@@ -9,7 +9,7 @@
 namespace
 {
 
-/* What each save found: location, name, type, metadata. */
+/* The record at each save: location, name, type, metadata. */
 std::vector<std::string> saved;
 bool save_fails;
 
@@ -123,7 +123,7 @@ TEST_F(GroupProperties, PropertyIsReadByValue)
     expect_no_log();
 }
 
-TEST_F(GroupProperties, ThereIsNoFourthProperty)
+TEST_F(GroupProperties, FourthPropertyDoesNotExist)
 {
     EXPECT_EQ(sonobrik_group_get_enum_property(group, 3), nullptr);
     EXPECT_EQ(sonobrik_group_get_enum_property(group, G_MAXUINT), nullptr);

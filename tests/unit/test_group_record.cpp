@@ -8,7 +8,7 @@
 namespace
 {
 
-/* A record, and a reference of the test's own to its metadata. */
+/* Has a record, and its own reference to the record's metadata. */
 class GroupRecord : public LogTest
 {
   protected:
@@ -28,7 +28,7 @@ class GroupRecord : public LogTest
         json_decref(metadata);
     }
 
-    /* Nothing here has anything to log. */
+    /* None of these operations logs. */
     void TearDown() override
     {
         expect_no_log();
@@ -41,7 +41,7 @@ class GroupRecord : public LogTest
 
 } // namespace
 
-TEST_F(GroupRecord, AccessorsYieldTheFields)
+TEST_F(GroupRecord, AccessorsReturnTheFields)
 {
     EXPECT_EQ(sonobrik_group_get_index(group), 4);
     EXPECT_STREQ(sonobrik_group_get_location(group), "/etc/audioclips/door.wav");
@@ -51,7 +51,7 @@ TEST_F(GroupRecord, AccessorsYieldTheFields)
     EXPECT_EQ(metadata->refcount, 2U) << "borrowed";
 }
 
-TEST_F(GroupRecord, NullRecordIsAnsweredWithTheFailureValue)
+TEST_F(GroupRecord, NullRecordGivesTheFailureValue)
 {
     EXPECT_EQ(sonobrik_group_get_index(nullptr), -1);
     EXPECT_EQ(sonobrik_group_get_location(nullptr), nullptr);
@@ -72,7 +72,7 @@ TEST_F(GroupRecord, NameIsReplacedByACopy)
     EXPECT_TRUE(sonobrik_group_set_name(group, text));
     text[0] = '?';
     EXPECT_STREQ(group->name, "Bell");
-    EXPECT_EQ(group->metadata, metadata) << "a name says nothing about the file";
+    EXPECT_EQ(group->metadata, metadata) << "a name does not describe the file";
 }
 
 TEST_F(GroupRecord, TypeIsReplacedByACopy)
@@ -81,7 +81,7 @@ TEST_F(GroupRecord, TypeIsReplacedByACopy)
     EXPECT_TRUE(sonobrik_group_set_type(group, text));
     text[0] = '?';
     EXPECT_STREQ(group->type, "speech");
-    EXPECT_EQ(group->metadata, metadata) << "a type says nothing about the file";
+    EXPECT_EQ(group->metadata, metadata) << "a type does not describe the file";
 }
 
 TEST_F(GroupRecord, LocationIsReplacedByACopy)
@@ -102,7 +102,7 @@ TEST_F(GroupRecord, NewLocationEmptiesTheMetadata)
     EXPECT_EQ(json_object_size(metadata), 1U) << "and did not change it";
 }
 
-TEST_F(GroupRecord, OldLocationSetAgainEmptiesTheMetadataToo)
+TEST_F(GroupRecord, SettingTheSameLocationEmptiesTheMetadataToo)
 {
     EXPECT_TRUE(sonobrik_group_set_location(group, "/etc/audioclips/door.wav"));
     EXPECT_EQ(json_object_size(group->metadata), 0U);
@@ -127,7 +127,7 @@ TEST_F(GroupRecord, NullTextChangesNothing)
     EXPECT_EQ(group->metadata, metadata);
 }
 
-TEST_F(GroupRecord, EmptyTextIsAText)
+TEST_F(GroupRecord, EmptyTextIsAccepted)
 {
     EXPECT_TRUE(sonobrik_group_set_location(group, ""));
     EXPECT_TRUE(sonobrik_group_set_name(group, ""));
@@ -164,13 +164,13 @@ TEST_F(GroupRecord, RecordWithoutATextIsNotValid)
     EXPECT_TRUE(sonobrik_group_valid_parameter(group));
 }
 
-TEST_F(GroupRecord, FreedRecordLetsGoOfTheMetadata)
+TEST_F(GroupRecord, FreeingTheRecordReleasesTheMetadata)
 {
     sonobrik_group_free(g_steal_pointer(&group));
     EXPECT_EQ(metadata->refcount, 1U);
 }
 
-TEST_F(GroupRecord, RecordThatIsNotFilledIsFreed)
+TEST_F(GroupRecord, EmptyRecordCanBeFreed)
 {
     sonobrik_group_free(g_new0(SonobrikGroup, 1));
 }

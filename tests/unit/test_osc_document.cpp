@@ -11,14 +11,13 @@
 namespace
 {
 
-
 struct Clip {
     gint32 index;
     const char *name; /* may be null */
 };
 
-std::vector<Clip> clips; /* that are stored, in the store's order */
-int lists;               /* that were not released yet */
+std::vector<Clip> clips; /* the stored clips, in the order of the store */
+int lists;               /* lists that are not released yet */
 
 class OscDocument : public LogTest
 {
@@ -42,7 +41,7 @@ class OscDocument : public LogTest
         return copy;
     }
 
-    /* The whole document with these "values". */
+    /* Returns the whole document with these "values". */
     static std::string document_with(const std::string &values)
     {
         return R"({"name":"playClip","niceName":"Play sono brik","featureGroups":[],"features":[)"
@@ -91,13 +90,13 @@ void sonobrik_group_release_parameter_list(GSList **list)
     });
 }
 
-TEST_F(OscDocument, IsToTheLetterWithoutClips)
+TEST_F(OscDocument, HasTheExactTextWithoutClips)
 {
     EXPECT_EQ(document(), document_with(""));
     expect_no_log();
 }
 
-TEST_F(OscDocument, OffersTheClipsInTheStoresOrder)
+TEST_F(OscDocument, ListsTheClipsInTheOrderOfTheStore)
 {
     clips = {{1, "Door"}, {2, "Bell"}, {0, "Door"}};
     EXPECT_EQ(document(), document_with(R"({"niceName":"Door","value":1},)"
@@ -106,7 +105,7 @@ TEST_F(OscDocument, OffersTheClipsInTheStoresOrder)
     expect_no_log();
 }
 
-TEST_F(OscDocument, OffersAnyNameThatTheBusCarries)
+TEST_F(OscDocument, ListsAnyNameThatTheBusCanCarry)
 {
     clips = {{1, ""}, {2, "\"T\xC3\xBCr\" \\ {clip}\n"}};
     EXPECT_EQ(document(), document_with("{\"niceName\":\"\",\"value\":1},"
@@ -124,7 +123,7 @@ TEST_F(OscDocument, FailsForAClipWithoutAName)
                    "Failed to generate json object for play action."});
 }
 
-TEST_F(OscDocument, FailsWithoutRoomForAClip)
+TEST_F(OscDocument, FailsIfAClipCannotBeAppended)
 {
     clips = {{1, "Door"}, {2, "Bell"}};
     calls.fail_one("json_array_append_new", 2);
@@ -134,9 +133,9 @@ TEST_F(OscDocument, FailsWithoutRoomForAClip)
                    "Failed to generate json object for play action."});
 }
 
-/* The objects are packed in this order: play action, a clip each, parameter, stop action, all. */
+/* The objects are packed in this order: play action, clips, parameter, stop action, document. */
 
-TEST_F(OscDocument, FailsWithoutThePlayAction)
+TEST_F(OscDocument, FailsIfThePlayActionCannotBePacked)
 {
     calls.fail_one("json_pack", 1);
     EXPECT_EQ(document(), "null");
@@ -144,7 +143,7 @@ TEST_F(OscDocument, FailsWithoutThePlayAction)
                    "Failed to generate json object for play action."});
 }
 
-TEST_F(OscDocument, FailsWithoutTheClipParameter)
+TEST_F(OscDocument, FailsIfTheClipParameterCannotBePacked)
 {
     clips = {{1, "Door"}};
     calls.fail_one("json_pack", 3);
@@ -154,7 +153,7 @@ TEST_F(OscDocument, FailsWithoutTheClipParameter)
                    "Failed to generate json object for play action."});
 }
 
-TEST_F(OscDocument, FailsWhenTheActionDoesNotTakeTheParameter)
+TEST_F(OscDocument, FailsIfTheParameterCannotBeAddedToTheAction)
 {
     clips = {{1, "Door"}};
     calls.fail("json_object_set_new");
@@ -163,7 +162,7 @@ TEST_F(OscDocument, FailsWhenTheActionDoesNotTakeTheParameter)
                    "Failed to generate json object for play action."});
 }
 
-TEST_F(OscDocument, FailsWithoutTheStopAction)
+TEST_F(OscDocument, FailsIfTheStopActionCannotBePacked)
 {
     calls.fail_one("json_pack", 3);
     EXPECT_EQ(document(), "null");
@@ -171,14 +170,14 @@ TEST_F(OscDocument, FailsWithoutTheStopAction)
                    "Failed to generate json object for stop action."});
 }
 
-TEST_F(OscDocument, FailsWithoutTheWhole)
+TEST_F(OscDocument, FailsIfTheDocumentCannotBePacked)
 {
     calls.fail_one("json_pack", 4);
     EXPECT_EQ(document(), "null");
     expect_errors({"Failed to pack json object for all actions."});
 }
 
-TEST_F(OscDocument, FailsWithoutAText)
+TEST_F(OscDocument, FailsIfTheTextCannotBeMade)
 {
     calls.fail("json_dumps");
     EXPECT_EQ(document(), "null");

@@ -14,13 +14,13 @@ using Calls = std::vector<std::string>;
 constexpr const char *TARGET =
     "com.vesk.Sonobrik.Legacy /com/vesk/Sonobrik com.vesk.Configuration.Legacy";
 
-/* The change notifier. */
+/* The calls and the results of the fake change notifier. */
 Calls calls;
 bool new_fails;
 bool declare_fails;
 bool send_fails;
 
-int object; /* whose address stands for the notifier */
+int object; /* its address is the notifier */
 int producer_object;
 
 ChangeNotifier *const notifier = reinterpret_cast<ChangeNotifier *>(&object);
@@ -191,7 +191,7 @@ TEST_F(ParamEvents, NothingIsAnnouncedBeforeTheSetup)
     EXPECT_EQ(calls, Calls{});
 }
 
-TEST_F(ParamEvents, FailureToSendSaysWhatWasToBeSent)
+TEST_F(ParamEvents, FailureToSendIsLoggedWithTheChange)
 {
     set_up();
     send_fails = true;

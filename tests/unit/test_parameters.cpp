@@ -24,7 +24,7 @@ void sonobrik_group_dbus_teardown()
     teardowns++;
 }
 
-TEST(Parameters, SetupStartsTheLegacyInterfaceAndPassesItsResultBack)
+TEST(Parameters, SetupStartsTheLegacyInterfaceAndReturnsItsResult)
 {
     setups = 0;
     setup_result = true;
@@ -35,7 +35,7 @@ TEST(Parameters, SetupStartsTheLegacyInterfaceAndPassesItsResultBack)
     EXPECT_EQ(setups, 2);
 }
 
-TEST(Parameters, TeardownEndsTheLegacyInterface)
+TEST(Parameters, TeardownStopsTheLegacyInterface)
 {
     teardowns = 0;
     sonobrik_parameters_teardown();

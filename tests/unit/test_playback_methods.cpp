@@ -3,11 +3,11 @@
 #include <cerrno>
 
 #include "audioclip_dbus.h"
-#include "fake_audio_clip.h"
+#include "bus_server.h"
 #include "failing_calls.h"
+#include "fake_audio_clip.h"
 #include "held_call.h"
 #include "private_bus.h"
-#include "served_bus.h"
 
 namespace
 {
@@ -23,9 +23,9 @@ class PlaybackTest : public BusTest
     PlaybackTest()
     {
         held_call_setup();
-        served.serve("/PlayClip", sonobrik_play_clip_synchronous, &clip);
-        served.serve("/StartPlayingClip", sonobrik_play_clip_asynchronous, &clip);
-        served.serve("/StopPlayingClip", sonobrik_stop_clip, &clip);
+        server.serve("/PlayClip", sonobrik_play_clip_synchronous, &clip);
+        server.serve("/StartPlayingClip", sonobrik_play_clip_asynchronous, &clip);
+        server.serve("/StopPlayingClip", sonobrik_stop_clip, &clip);
     }
 
     ~PlaybackTest() override
@@ -33,10 +33,10 @@ class PlaybackTest : public BusTest
         held_call_teardown();
     }
 
-    /* Calls the method from a caller that waits. Each has an object of its own here. */
+    /* Calls a method and waits for the answer. Each method has its own object. */
     std::string call(const std::string &method, GVariant *arguments)
     {
-        return bus_call(stranger, served.name, "/" + method, "com.vesk.Test", method, arguments);
+        return bus_call(stranger, server.name, "/" + method, "com.vesk.Test", method, arguments);
     }
 
     std::string call(const std::string &method, const char *options)
@@ -44,22 +44,22 @@ class PlaybackTest : public BusTest
         return call(method, g_variant_new("(s)", options));
     }
 
-    /* Makes a call whose answer may be held, and has it handled. */
+    /* Starts a call whose answer may be held, and waits until it has been handled. */
     std::unique_ptr<PendingCall> begin(const std::string &method, const char *options)
     {
-        auto pending = std::make_unique<PendingCall>(stranger, served.name, ("/" + method).c_str(),
+        auto pending = std::make_unique<PendingCall>(stranger, server.name, ("/" + method).c_str(),
                                                      "com.vesk.Test", method.c_str(),
                                                      g_variant_new("(s)", options));
-        settle(stranger, served.name);
+        settle(stranger, server.name);
         return pending;
     }
 
     AudioClip clip;
-    ServedBus served;
+    BusServer server;
     FailingCalls library;
 };
 
-/* What all three methods have in common. */
+/* Tests for all three methods. */
 class AnyPlaybackMethodTest : public PlaybackTest,
                               public ::testing::WithParamInterface<const char *>
 {
@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(Methods, AnyPlaybackMethodTest,
                          ::testing::Values("PlayClip", "StartPlayingClip", "StopPlayingClip"),
                          [](const auto &method) { return std::string(method.param); });
 
-TEST_P(AnyPlaybackMethodTest, ArgumentOfAnotherTypeIsAnsweredWithTheReason)
+TEST_P(AnyPlaybackMethodTest, WrongArgumentTypeIsAnsweredWithTheReason)
 {
     EXPECT_EQ(call(GetParam(), g_variant_new("(i)", 5)),
               error("Failed to parse parameter(s): No such device or address."));
@@ -104,15 +104,15 @@ TEST_P(AnyPlaybackMethodTest, NothingIsDoneWithoutAReply)
     expect_no_log();
 }
 
-TEST_P(AnyPlaybackMethodTest, CallThatWantsNoAnswerIsServed)
+TEST_P(AnyPlaybackMethodTest, CallWithoutReplyExpectedIsHandled)
 {
-    g_dbus_connection_call(stranger, served.name.c_str(), (std::string("/") + GetParam()).c_str(),
+    g_dbus_connection_call(stranger, server.name.c_str(), (std::string("/") + GetParam()).c_str(),
                            "com.vesk.Test", GetParam(), g_variant_new("(s)", "options"), nullptr,
                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr, nullptr);
-    settle(stranger, served.name);
+    settle(stranger, server.name);
     EXPECT_EQ(clip.calls.size(), 1U);
     clip.end();
-    settle(stranger, served.name);
+    settle(stranger, server.name);
 }
 
 /* StartPlayingClip. */
@@ -144,7 +144,7 @@ TEST_F(PlaybackTest, StartThatIsRefusedWhilePlayClipIsHeldIsNotOk)
     EXPECT_FALSE(held->is_answered());
 }
 
-TEST_F(PlaybackTest, StartWhoseReplyTakesNoResultAnswersNok)
+TEST_F(PlaybackTest, StartWhoseResultCannotBeAppendedAnswersNok)
 {
     library.fail("sd_bus_message_append", -ENOMEM);
     EXPECT_EQ(call("StartPlayingClip", "options"), "com.vesk.Sonobrik.StartPlayingClip: NOK");
@@ -169,7 +169,7 @@ TEST_F(PlaybackTest, EndOfAStartedClipAnswersNobody)
 
 /* StopPlayingClip. */
 
-TEST_F(PlaybackTest, StopIsAnsweredAlsoWhenNothingPlays)
+TEST_F(PlaybackTest, StopIsAnsweredEvenIfNothingPlays)
 {
     EXPECT_EQ(call("StopPlayingClip", "options"), "('OK',)");
     EXPECT_EQ(clip.calls, Calls{"stop options"});
@@ -184,7 +184,7 @@ TEST_F(PlaybackTest, StopThatFailsAnswersNok)
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, StopWhoseReplyTakesNoResultAnswersNok)
+TEST_F(PlaybackTest, StopWhoseResultCannotBeAppendedAnswersNok)
 {
     library.fail("sd_bus_message_append", -ENOMEM);
     EXPECT_EQ(call("StopPlayingClip", "options"), "com.vesk.Sonobrik.StopPlayingClip: NOK");
@@ -213,7 +213,7 @@ TEST_F(PlaybackTest, HeldCallIsAnsweredOnce)
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, PlayAfterAPlayIsHeldInItsTurn)
+TEST_F(PlaybackTest, SecondPlayAfterTheFirstEndedIsHeldToo)
 {
     const auto first = begin("PlayClip", "first");
     clip.end();
@@ -237,7 +237,7 @@ TEST_F(PlaybackTest, PlayThatIsRefusedAnswersThePlayersText)
 TEST_F(PlaybackTest, StopAnswersTheHeldCallerFirst)
 {
     const auto held = begin("PlayClip", "options");
-    PendingCall stop(stranger, served.name, "/StopPlayingClip", "com.vesk.Test", "StopPlayingClip",
+    PendingCall stop(stranger, server.name, "/StopPlayingClip", "com.vesk.Test", "StopPlayingClip",
                      g_variant_new("(s)", "options"));
     EXPECT_EQ(stop.wait(), "('OK',)");
     ASSERT_TRUE(held->is_answered());
@@ -266,7 +266,7 @@ TEST_F(PlaybackTest, PlayWhileAPlayIsHeldIsOkAtOnce)
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, PlayWhileAPlayIsHeldAnswersThePlayersTextIfItsReplyTakesNoResult)
+TEST_F(PlaybackTest, PlayWhileAPlayIsHeldAnswersThePlayersTextIfOkCannotBeAppended)
 {
     const auto held = begin("PlayClip", "first");
     clip.refusal = BUSY;
@@ -287,7 +287,7 @@ TEST_F(PlaybackTest, PlayWhileAStartedClipPlaysAnswersThePlayersText)
 TEST_F(PlaybackTest, PlayThatIsRefusedAfterTheHeldClipBecameInactiveAnswersThePlayersText)
 {
     const auto held = begin("PlayClip", "first");
-    clip.active = false; /* nobody was told */
+    clip.active = false; /* without notifying the D-Bus side */
     clip.refusal = "No supported file(s) found at 'second'.";
     EXPECT_EQ(call("PlayClip", "second"),
               "com.vesk.Sonobrik.PlayClip: No supported file(s) found at 'second'.");
@@ -295,14 +295,14 @@ TEST_F(PlaybackTest, PlayThatIsRefusedAfterTheHeldClipBecameInactiveAnswersThePl
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, PlayThatStartsWhileOneIsHeldTakesItsPlace)
+TEST_F(PlaybackTest, PlayThatStartsWhileOneIsHeldReplacesIt)
 {
     const auto old = begin("PlayClip", "first");
     const auto held = begin("PlayClip", "second");
     expect_log(LOG_LEVEL_ERROR, "No synchronous message should exist at this point.");
     clip.end();
     EXPECT_EQ(held->wait(), "('OK',)");
-    settle(stranger, served.name);
+    settle(stranger, server.name);
     EXPECT_FALSE(old->is_answered());
     expect_no_log();
 }
@@ -314,12 +314,12 @@ TEST_F(PlaybackTest, PlayThatCannotBeHeldIsNotPending)
     expect_log(G_LOG_LEVEL_WARNING, "Failed to obtain reference to the sd_bus_message.");
     EXPECT_FALSE(lost->is_answered());
     clip.end();
-    settle(stranger, served.name);
+    settle(stranger, server.name);
     EXPECT_FALSE(lost->is_answered());
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, EndWithoutTheCallThatIsPendingIsLoggedOnce)
+TEST_F(PlaybackTest, EndWithoutThePendingMessageIsLoggedOnce)
 {
     const auto old = begin("PlayClip", "first");
     library.fail("sd_bus_message_ref", 0);
@@ -333,32 +333,32 @@ TEST_F(PlaybackTest, EndWithoutTheCallThatIsPendingIsLoggedOnce)
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, HeldCallWhoseAnswerCannotBeSentIsGivenUp)
+TEST_F(PlaybackTest, HeldCallWhoseAnswerCannotBeSentIsDropped)
 {
     const auto held = begin("PlayClip", "options");
     library.fail("sd_bus_reply_method_return", -ENOBUFS);
     clip.end();
     expect_log(G_LOG_LEVEL_WARNING, "Could not send the D-Bus response: No buffer space available");
-    library.mend("sd_bus_reply_method_return");
+    library.restore("sd_bus_reply_method_return");
     clip.end();
-    settle(stranger, served.name);
+    settle(stranger, server.name);
     EXPECT_FALSE(held->is_answered());
     expect_no_log();
 }
 
-TEST_F(PlaybackTest, CallerThatLeftBeforeItsAnswerDoesNoHarm)
+TEST_F(PlaybackTest, CallerThatDisconnectedBeforeItsAnswerDoesNoHarm)
 {
     GDBusConnection *visitor = bus.connect();
     {
-        const PendingCall left(visitor, served.name, "/PlayClip", "com.vesk.Test", "PlayClip",
+        const PendingCall left(visitor, server.name, "/PlayClip", "com.vesk.Test", "PlayClip",
                                g_variant_new("(s)", "options"));
-        settle(visitor, served.name);
+        settle(visitor, server.name);
     }
     g_dbus_connection_close_sync(visitor, nullptr, nullptr);
     g_object_unref(visitor);
     clip.end();
     EXPECT_EQ(library.count("sd_bus_reply_method_return"), 1);
-    settle(stranger, served.name);
+    settle(stranger, server.name);
     expect_no_log();
 }
 
@@ -376,7 +376,7 @@ TEST_F(PlaybackTest, TeardownDropsTheHeldCall)
 {
     const auto held = begin("PlayClip", "options");
     held_call_teardown();
-    settle(stranger, served.name);
+    settle(stranger, server.name);
     EXPECT_FALSE(held->is_answered());
     EXPECT_EQ(library.count("sd_bus_reply_method_return"), 0);
     expect_no_log();

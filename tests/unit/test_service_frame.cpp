@@ -22,14 +22,15 @@
 #include "sonobrik_parameters.h"
 
 /*
- * The whole program runs in a death test. Whatever the frame calls writes "[CALL]" to standard
- * error, a log line "[LEVEL: TEXT]"; the sequence is what a test expects.
+ * Each test runs the whole program in a child process (a death test). Fakes write each call as
+ * "[CALL]" to standard error, and each log line as "[LEVEL: TEXT]". A test expects an exact
+ * sequence.
  */
 
 /* The linker's option --wrap=main gives the program's own main() this name. */
 extern "C" int __real_main(int argc, char **argv);
 
-/* Where this program starts. */
+/* The entry point of the test program. */
 extern "C" int __wrap_main(int argc, char **argv)
 {
     return run_tests(argc, argv);
@@ -41,8 +42,8 @@ struct AudioClip {
 namespace
 {
 
-/* How the surroundings behave, and what they do in the course of things. */
-struct Surroundings {
+/* The results of the fakes, and hooks that run in them. */
+struct Fakes {
     bool loop_fails = false;
     bool clip_fails = false;
     bool osc_result = true;
@@ -53,14 +54,14 @@ struct Surroundings {
     std::function<void()> on_log_redirect;
     std::function<void()> on_dbus_setup;
     std::function<void()> on_loop_run; /* before it runs */
-} surroundings;
+} fakes;
 
 AudioClip the_clip;
 GSourceFunc quit_handler;
 GSourceFunc watchdog_callback;
 constexpr guint WATCHDOG_SOURCE = 4711;
 
-void say(const std::string &what)
+void record(const std::string &what)
 {
     fprintf(stderr, "[%s]", what.c_str());
 }
@@ -69,7 +70,7 @@ void log_to_stderr()
 {
     g_log_set_default_handler(
         [](const gchar *, GLogLevelFlags level, const gchar *text, gpointer) {
-            say(std::to_string(static_cast<int>(level)) + ": " + text);
+            record(std::to_string(static_cast<int>(level)) + ": " + text);
         },
         nullptr);
 }
@@ -82,7 +83,7 @@ void run()
     char option[] = "--gst-version";
     char *argv[] = {program, option, nullptr};
     __real_main(2, argv);
-    say("returned");
+    record("returned");
 }
 
 std::function<void()> quit_with(gint32 code)
@@ -97,7 +98,7 @@ std::function<void()> quit_with(gint32 code)
     };
 }
 
-/* `text` as a regular expression that matches itself. */
+/* Returns a regular expression that matches exactly `text`. */
 std::string literally(const std::string &text)
 {
     std::string expression;
@@ -123,10 +124,10 @@ class ServiceFrame : public ::testing::Test
   protected:
     void SetUp() override
     {
-        surroundings = Surroundings();
+        fakes = Fakes();
     }
 
-    /* The program ends with this status, and everything was called in this order. */
+    /* Expects that the program exits with this status after exactly these calls. */
     static void expect_run(int status, const std::string &calls)
     {
         EXPECT_EXIT(run(), ::testing::ExitedWithCode(status), "^" + literally(calls) + "$");
@@ -139,71 +140,71 @@ using ServiceFrameWatchdog = ServiceFrame;
 
 void log_redirect_to_syslog(const char *identity, int facility)
 {
-    say(std::string("log_redirect ") + identity + " " + std::to_string(facility));
-    if (surroundings.on_log_redirect) {
-        surroundings.on_log_redirect();
+    record(std::string("log_redirect ") + identity + " " + std::to_string(facility));
+    if (fakes.on_log_redirect) {
+        fakes.on_log_redirect();
     }
 }
 
 bool sonobrik_events_setup()
 {
-    say("events_setup");
-    return false; /* nobody may care */
+    record("events_setup");
+    return false; /* the frame ignores it */
 }
 
 void sonobrik_events_teardown()
 {
-    say("events_teardown");
+    record("events_teardown");
 }
 
 AudioClip *audio_clip_ref()
 {
-    say("clip_ref");
-    return surroundings.clip_fails ? nullptr : &the_clip;
+    record("clip_ref");
+    return fakes.clip_fails ? nullptr : &the_clip;
 }
 
 void audio_clip_unref(AudioClip *clip)
 {
-    say(clip == &the_clip ? "clip_unref" : "clip_unref of something else");
+    record(clip == &the_clip ? "clip_unref" : "clip_unref of something else");
 }
 
 bool sonobrik_osc_setup()
 {
-    say("osc_setup");
-    return surroundings.osc_result;
+    record("osc_setup");
+    return fakes.osc_result;
 }
 
 void sonobrik_osc_teardown()
 {
-    say("osc_teardown");
+    record("osc_teardown");
 }
 
 bool sonobrik_parameters_setup()
 {
-    say("parameters_setup");
-    return surroundings.parameters_result;
+    record("parameters_setup");
+    return fakes.parameters_result;
 }
 
 void sonobrik_parameters_teardown()
 {
-    say("parameters_teardown");
+    record("parameters_teardown");
 }
 
 int audioclip_dbus_setup(AudioClip *clip)
 {
-    say(clip == &the_clip ? "dbus_setup" : "dbus_setup with something else");
-    if (surroundings.on_dbus_setup) {
-        surroundings.on_dbus_setup();
+    record(clip == &the_clip ? "dbus_setup" : "dbus_setup with something else");
+    if (fakes.on_dbus_setup) {
+        fakes.on_dbus_setup();
     }
-    return surroundings.dbus_result;
+    return fakes.dbus_result;
 }
 
 void audioclip_dbus_teardown()
 {
-    say("dbus_teardown");
+    record("dbus_teardown");
 }
 
-/* Calls of the libraries, in place of them or in front of them. */
+/* Fakes and wrappers of library functions. */
 
 template <typename Function> Function *library(const char *name)
 {
@@ -212,30 +213,30 @@ template <typename Function> Function *library(const char *name)
 
 GMainLoop *g_main_loop_new(GMainContext *context, gboolean is_running)
 {
-    say(context || is_running ? "odd loop" : "loop_new");
-    return surroundings.loop_fails
+    record(context || is_running ? "odd loop" : "loop_new");
+    return fakes.loop_fails
                ? nullptr
                : library<GMainLoop *(GMainContext *, gboolean)>("g_main_loop_new")(context, FALSE);
 }
 
 void g_main_loop_run(GMainLoop *loop)
 {
-    say("loop_run");
-    if (surroundings.on_loop_run) {
-        surroundings.on_loop_run();
+    record("loop_run");
+    if (fakes.on_loop_run) {
+        fakes.on_loop_run();
     }
     library<void(GMainLoop *)>("g_main_loop_run")(loop);
 }
 
 void g_main_loop_unref(GMainLoop *loop)
 {
-    say("loop_unref");
+    record("loop_unref");
     library<void(GMainLoop *)>("g_main_loop_unref")(loop);
 }
 
 guint g_unix_signal_add(gint number, GSourceFunc handler, gpointer data)
 {
-    say("signal " + std::to_string(number));
+    record("signal " + std::to_string(number));
     quit_handler = handler;
     return library<guint(gint, GSourceFunc, gpointer)>("g_unix_signal_add")(number, handler, data);
 }
@@ -243,39 +244,39 @@ guint g_unix_signal_add(gint number, GSourceFunc handler, gpointer data)
 guint g_timeout_add_seconds_full(gint priority, guint interval, GSourceFunc callback, gpointer data,
                                  GDestroyNotify destroy)
 {
-    say("timer " + std::to_string(priority) + " " + std::to_string(interval) + " s" +
-        (data || destroy ? " with data" : ""));
+    record("timer " + std::to_string(priority) + " " + std::to_string(interval) + " s" +
+           (data || destroy ? " with data" : ""));
     watchdog_callback = callback;
     return WATCHDOG_SOURCE;
 }
 
 gboolean g_source_remove(guint id)
 {
-    say("source_remove " + std::to_string(id));
+    record("source_remove " + std::to_string(id));
     return TRUE;
 }
 
 void gst_init(int *argc, char ***argv)
 {
-    say("gst_init " + std::to_string(*argc) + " " + (*argv)[1]);
+    record("gst_init " + std::to_string(*argc) + " " + (*argv)[1]);
 }
 
 int sd_watchdog_enabled(int unset_environment, uint64_t *usec)
 {
-    say("watchdog_enabled " + std::to_string(unset_environment));
-    *usec = surroundings.watchdog_usec;
-    return surroundings.watchdog_result;
+    record("watchdog_enabled " + std::to_string(unset_environment));
+    *usec = fakes.watchdog_usec;
+    return fakes.watchdog_result;
 }
 
 int sd_notify(int unset_environment, const char *state)
 {
-    say("notify " + std::to_string(unset_environment) + " " + state);
-    return -EPIPE; /* nobody may care */
+    record("notify " + std::to_string(unset_environment) + " " + state);
+    return -EPIPE; /* the frame ignores it */
 }
 
 TEST_F(ServiceFrame, EndsWith0AfterSigterm)
 {
-    surroundings.on_loop_run = [] {
+    fakes.on_loop_run = [] {
         raise(SIGTERM);
     };
     expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
@@ -283,7 +284,7 @@ TEST_F(ServiceFrame, EndsWith0AfterSigterm)
 
 TEST_F(ServiceFrame, EndsWith0AfterSigint)
 {
-    surroundings.on_loop_run = [] {
+    fakes.on_loop_run = [] {
         raise(SIGINT);
     };
     expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
@@ -291,7 +292,7 @@ TEST_F(ServiceFrame, EndsWith0AfterSigint)
 
 TEST_F(ServiceFrame, EndsWith0AfterASignalDuringSetup)
 {
-    surroundings.on_dbus_setup = [] {
+    fakes.on_dbus_setup = [] {
         raise(SIGTERM);
     };
     expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
@@ -299,27 +300,27 @@ TEST_F(ServiceFrame, EndsWith0AfterASignalDuringSetup)
 
 TEST_F(ServiceFrame, EndsWithTheStatusOfAQuitRequest)
 {
-    surroundings.on_loop_run = quit_with(75);
+    fakes.on_loop_run = quit_with(75);
     expect_run(75, setup + "[loop_run]" + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutAMainLoop)
 {
-    surroundings.loop_fails = true;
+    fakes.loop_fails = true;
     expect_run(1, "[log_redirect sonobrik 24][loop_new]" + teardown_without_player);
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutAPlayer)
 {
-    surroundings.clip_fails = true;
+    fakes.clip_fails = true;
     expect_run(1, setup_to_player + "[8: Failed to initialize the audio clip struct.]" +
                       teardown_without_player + "[loop_unref]");
 }
 
-TEST_F(ServiceFrame, GoesOnWithoutOnScreenControls)
+TEST_F(ServiceFrame, ContinuesWithoutOnScreenControls)
 {
-    surroundings.osc_result = false;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.osc_result = false;
+    fakes.on_loop_run = quit_with(0);
     expect_run(0, setup_to_player +
                       "[osc_setup][16: Failed to add features to onscreencontrols.]"
                       "[parameters_setup][dbus_setup][watchdog_enabled 0][loop_run]" +
@@ -328,30 +329,30 @@ TEST_F(ServiceFrame, GoesOnWithoutOnScreenControls)
 
 TEST_F(ServiceFrame, EndsWith1WithoutAClipStore)
 {
-    surroundings.parameters_result = false;
+    fakes.parameters_result = false;
     expect_run(1, setup_to_parameters + "[8: Failed to initialize sonobrik parameters.]" +
                       teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutABusService)
 {
-    surroundings.dbus_result = -1;
+    fakes.dbus_result = -1;
     expect_run(1, setup_to_parameters +
                       "[dbus_setup][8: Failed to setup the audioclip dbus service.]" + teardown +
                       "[loop_unref]");
 }
 
-TEST_F(ServiceFrame, TakesAPositiveResultOfTheBusServiceForSuccess)
+TEST_F(ServiceFrame, TreatsAPositiveBusServiceResultAsSuccess)
 {
-    surroundings.dbus_result = 1;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.dbus_result = 1;
+    fakes.on_loop_run = quit_with(0);
     expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, KeepsTheStatusOfAQuitRequestBeforeTheLoopRuns)
 {
-    surroundings.dbus_result = -1;
-    surroundings.on_dbus_setup = [] {
+    fakes.dbus_result = -1;
+    fakes.on_dbus_setup = [] {
         sonobrik_quit_main_loop(75);
     };
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(75), "");
@@ -359,8 +360,8 @@ TEST_F(ServiceFrame, KeepsTheStatusOfAQuitRequestBeforeTheLoopRuns)
 
 TEST_F(ServiceFrame, KeepsTheStatusOfAQuitRequestBeforeThereIsALoop)
 {
-    surroundings.loop_fails = true;
-    surroundings.on_log_redirect = [] {
+    fakes.loop_fails = true;
+    fakes.on_log_redirect = [] {
         sonobrik_quit_main_loop(75);
     };
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(75), "");
@@ -368,38 +369,38 @@ TEST_F(ServiceFrame, KeepsTheStatusOfAQuitRequestBeforeThereIsALoop)
 
 TEST_F(ServiceFrame, ObeysTheLastQuitRequest)
 {
-    surroundings.on_dbus_setup = [] {
+    fakes.on_dbus_setup = [] {
         sonobrik_quit_main_loop(75);
     };
-    surroundings.on_loop_run = quit_with(3);
+    fakes.on_loop_run = quit_with(3);
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(3), "");
 }
 
-TEST_F(ServiceFrame, AnswersEachSignalOnce)
+TEST_F(ServiceFrame, HandlesEachSignalOnce)
 {
-    surroundings.on_dbus_setup = [] {
-        say(quit_handler(nullptr) == G_SOURCE_REMOVE ? "removed" : "kept");
+    fakes.on_dbus_setup = [] {
+        record(quit_handler(nullptr) == G_SOURCE_REMOVE ? "removed" : "kept");
     };
-    surroundings.dbus_result = -1;
+    fakes.dbus_result = -1;
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "\\[removed\\]");
 }
 
-TEST_F(ServiceFrameWatchdog, IsFedTwiceInItsPeriod)
+TEST_F(ServiceFrameWatchdog, IsPingedAtHalfItsInterval)
 {
-    surroundings.watchdog_result = 1;
-    surroundings.watchdog_usec = 30 * G_USEC_PER_SEC;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = 30 * G_USEC_PER_SEC;
+    fakes.on_loop_run = quit_with(0);
     expect_run(0, setup + "[timer -100 15 s][loop_run]" + teardown +
                       "[source_remove 4711][loop_unref]");
 }
 
-TEST_F(ServiceFrameWatchdog, IsFedEachTime)
+TEST_F(ServiceFrameWatchdog, IsPingedRepeatedly)
 {
-    surroundings.watchdog_result = 1;
-    surroundings.watchdog_usec = 30 * G_USEC_PER_SEC;
-    surroundings.on_loop_run = [] {
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = 30 * G_USEC_PER_SEC;
+    fakes.on_loop_run = [] {
         for (int i = 0; i < 3; i++) {
-            say(watchdog_callback(nullptr) == G_SOURCE_CONTINUE ? "goes on" : "ends");
+            record(watchdog_callback(nullptr) == G_SOURCE_CONTINUE ? "goes on" : "ends");
         }
         quit_with(0)();
     };
@@ -412,47 +413,47 @@ TEST_F(ServiceFrameWatchdog, IsFedEachTime)
 
 TEST_F(ServiceFrameWatchdog, HasAnIntervalOf0BelowTwoSeconds)
 {
-    surroundings.watchdog_result = 1;
-    surroundings.watchdog_usec = 1500000;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = 1500000;
+    fakes.on_loop_run = quit_with(0);
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "\\[timer -100 0 s\\]");
 }
 
 TEST_F(ServiceFrameWatchdog, IsRoundedDownTwice)
 {
-    surroundings.watchdog_result = 1;
-    surroundings.watchdog_usec = 7999999;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = 7999999;
+    fakes.on_loop_run = quit_with(0);
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "\\[timer -100 3 s\\]");
 }
 
-TEST_F(ServiceFrameWatchdog, CutsThePeriodTo32BitsOfSeconds)
+TEST_F(ServiceFrameWatchdog, TruncatesTheSecondsTo32Bits)
 {
-    surroundings.watchdog_result = 1;
-    surroundings.watchdog_usec = ((uint64_t{1} << 32) + 6) * G_USEC_PER_SEC;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = ((uint64_t{1} << 32) + 6) * G_USEC_PER_SEC;
+    fakes.on_loop_run = quit_with(0);
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "\\[timer -100 3 s\\]");
 }
 
 TEST_F(ServiceFrameWatchdog, HalvesThePeriodWithoutASign)
 {
-    surroundings.watchdog_result = 1;
-    surroundings.watchdog_usec = uint64_t{UINT32_MAX} * G_USEC_PER_SEC;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = uint64_t{UINT32_MAX} * G_USEC_PER_SEC;
+    fakes.on_loop_run = quit_with(0);
     EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "\\[timer -100 2147483647 s\\]");
 }
 
-TEST_F(ServiceFrameWatchdog, IsNotNecessary)
+TEST_F(ServiceFrameWatchdog, MayBeDisabled)
 {
-    surroundings.watchdog_usec = 30 * G_USEC_PER_SEC;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_usec = 30 * G_USEC_PER_SEC;
+    fakes.on_loop_run = quit_with(0);
     expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
 }
 
-TEST_F(ServiceFrameWatchdog, MayBeUnknown)
+TEST_F(ServiceFrameWatchdog, MayFailToBeRead)
 {
-    surroundings.watchdog_result = -EINVAL;
-    surroundings.on_loop_run = quit_with(0);
+    fakes.watchdog_result = -EINVAL;
+    fakes.on_loop_run = quit_with(0);
     expect_run(0, setup +
                       "[16: Failed checking if watchdog is enabled, error code -22.]"
                       "[16: Failed to setup watchdog.][loop_run]" +

@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <sys/socket.h>
 
+#include "bus_server.h"
 #include "failing_calls.h"
 #include "fake_service_frame.h"
 #include "private_bus.h"
-#include "served_bus.h"
 #include "sonobrik_dbus_source.h"
 
 namespace
@@ -41,20 +41,20 @@ constexpr sd_bus_vtable table[] = {
     SD_BUS_VTABLE_END,
 };
 
-/* The name is owned by somebody on the bus. */
+/* Returns true if a client of the bus owns the name. */
 bool has_owner(GDBusConnection *peer, const char *name)
 {
     return bus_call(peer, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                     "NameHasOwner", g_variant_new("(s)", name)) == "(true,)";
 }
 
-/* The bus learns of a closed connection in its own time. */
+/* Waits: the bus notices a closed connection a little later. */
 bool loses_owner(GDBusConnection *peer, const char *name)
 {
     return run_until([&] { return !has_owner(peer, name); });
 }
 
-/* The errno that sd-bus knows for an error name, negative. */
+/* Returns the negative errno value that sd-bus maps an error name to. */
 int errno_of(const char *error_name)
 {
     sd_bus_error error = {};
@@ -77,14 +77,14 @@ class ConnectionTest : public BusTest
         g_free(conn);
     }
 
-    /* The record of a connection, which the test frees. */
+    /* Opens the connection of the fixture, which frees it. */
     void connect()
     {
         conn = sonobrik_dbus_setup(SERVICE);
         ASSERT_NE(conn, nullptr);
     }
 
-    /* A connection that a failed set-up left open. */
+    /* Closes the connection that a failed set-up left open. */
     static void close_what_is_left(const FailingCalls &calls)
     {
         sd_bus_flush_close_unref(calls.opened);
@@ -102,7 +102,7 @@ class ConnectionTest : public BusTest
 
 /* Set-up. */
 
-TEST_F(ConnectionTest, WithoutAServiceNameThereIsNoConnection)
+TEST_F(ConnectionTest, NullServiceNameFailsTheSetUp)
 {
     FailingCalls calls;
     EXPECT_EQ(sonobrik_dbus_setup(nullptr), nullptr);
@@ -111,7 +111,7 @@ TEST_F(ConnectionTest, WithoutAServiceNameThereIsNoConnection)
     EXPECT_EQ(calls.made, Steps{});
 }
 
-TEST_F(ConnectionTest, WithoutMemoryThereIsNoConnection)
+TEST_F(ConnectionTest, AllocationFailureFailsTheSetUp)
 {
     FailingCalls calls;
     calls.fail("g_try_new0", 0);
@@ -121,7 +121,7 @@ TEST_F(ConnectionTest, WithoutMemoryThereIsNoConnection)
     EXPECT_EQ(calls.made, Steps{"g_try_new0"});
 }
 
-TEST_F(ConnectionTest, WithoutABusThereIsNoConnection)
+TEST_F(ConnectionTest, MissingBusFailsTheSetUp)
 {
     bus.stop();
     FailingCalls calls;
@@ -131,7 +131,7 @@ TEST_F(ConnectionTest, WithoutABusThereIsNoConnection)
     EXPECT_EQ(calls.count("sd_bus_error_add_map"), 0);
 }
 
-TEST_F(ConnectionTest, RefusedErrorMapEndsTheSetUp)
+TEST_F(ConnectionTest, RefusedErrorMapFailsTheSetUp)
 {
     FailingCalls calls;
     calls.fail("sd_bus_error_add_map", -ENOMEM);
@@ -142,7 +142,7 @@ TEST_F(ConnectionTest, RefusedErrorMapEndsTheSetUp)
     close_what_is_left(calls);
 }
 
-TEST_F(ConnectionTest, NameThatIsOwnedEndsTheSetUp)
+TEST_F(ConnectionTest, OwnedNameFailsTheSetUp)
 {
     FailingCalls calls;
     bus_call(stranger, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
@@ -154,7 +154,7 @@ TEST_F(ConnectionTest, NameThatIsOwnedEndsTheSetUp)
     close_what_is_left(calls);
 }
 
-TEST_F(ConnectionTest, NameThatIsNoneEndsTheSetUp)
+TEST_F(ConnectionTest, InvalidNameFailsTheSetUp)
 {
     FailingCalls calls;
     EXPECT_EQ(sonobrik_dbus_setup("no name"), nullptr);
@@ -163,7 +163,7 @@ TEST_F(ConnectionTest, NameThatIsNoneEndsTheSetUp)
     close_what_is_left(calls);
 }
 
-TEST_F(ConnectionTest, WithoutAnEventLoopTheSetUpEnds)
+TEST_F(ConnectionTest, MissingEventLoopFailsTheSetUp)
 {
     FailingCalls calls;
     calls.fail("sd_event_new", -EMFILE);
@@ -175,7 +175,7 @@ TEST_F(ConnectionTest, WithoutAnEventLoopTheSetUpEnds)
     close_what_is_left(calls);
 }
 
-TEST_F(ConnectionTest, EventLoopThatTakesNoConnectionIsGivenBack)
+TEST_F(ConnectionTest, EventLoopThatCannotBeAttachedIsReleased)
 {
     FailingCalls calls;
     calls.fail("sd_bus_attach_event", -EBUSY);
@@ -187,7 +187,7 @@ TEST_F(ConnectionTest, EventLoopThatTakesNoConnectionIsGivenBack)
     close_what_is_left(calls);
 }
 
-TEST_F(ConnectionTest, LossThatCannotBeWatchedEndsTheSetUp)
+TEST_F(ConnectionTest, FailureToWatchTheConnectionFailsTheSetUp)
 {
     FailingCalls calls;
     calls.fail("sd_bus_match_signal Disconnected");
@@ -218,7 +218,7 @@ TEST_F(ConnectionTest, RecordHoldsTheConnectionAndItsSource)
     EXPECT_EQ(sd_bus_get_event(conn->bus), conn->source->event);
 }
 
-TEST_F(ConnectionTest, TwoConnectionsStandSideBySide)
+TEST_F(ConnectionTest, TwoConnectionsCanCoexist)
 {
     connect();
     sonobrik_dbus *other = sonobrik_dbus_setup("com.vesk.Test.Other");
@@ -268,7 +268,7 @@ TEST_F(ConnectionTest, LostConnectionIsLoggedAndEndsTheProcessWithOne)
     expect_no_log();
 }
 
-TEST_F(ConnectionTest, BusThatRestartsIsALoss)
+TEST_F(ConnectionTest, RestartOfTheBusIsALoss)
 {
     connect();
     bus.stop();
@@ -305,7 +305,7 @@ TEST_F(ConnectionTest, AttachNeedsAConnectionAndACallback)
 
 /* Registrations. */
 
-TEST_F(ConnectionTest, ObjectCallbackSeesMessagesAheadOfTheTable)
+TEST_F(ConnectionTest, ObjectCallbackRunsBeforeTheTable)
 {
     connect();
     int seen = 0;
@@ -336,7 +336,7 @@ TEST_F(ConnectionTest, TableGetsItsUserData)
     EXPECT_EQ(given, this);
 }
 
-TEST_F(ConnectionTest, MatchReceivesWhatItSelects)
+TEST_F(ConnectionTest, MatchReceivesTheSelectedMessages)
 {
     connect();
     int seen = 0;
@@ -349,7 +349,7 @@ TEST_F(ConnectionTest, MatchReceivesWhatItSelects)
     EXPECT_EQ(seen, 1);
 }
 
-TEST_F(ConnectionTest, EachRegistrationTakesTheSlotOfTheOneBefore)
+TEST_F(ConnectionTest, EachRegistrationOverwritesTheSlot)
 {
     connect();
     sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
@@ -360,10 +360,10 @@ TEST_F(ConnectionTest, EachRegistrationTakesTheSlotOfTheOneBefore)
     EXPECT_NE(second, first);
     sonobrik_dbus_add_match(conn, "member='Wanted'", ignore, nullptr);
     EXPECT_NE(conn->slot, second);
-    EXPECT_EQ(ask(), "('yes',)"); /* those before are in force */
+    EXPECT_EQ(ask(), "('yes',)"); /* earlier registrations still work */
 }
 
-TEST_F(ConnectionTest, ErrorsOfSdBusAreReturnedAsTheyAre)
+TEST_F(ConnectionTest, ErrorsOfSdBusAreReturnedUnchanged)
 {
     connect();
     EXPECT_EQ(sonobrik_dbus_add_object(conn, "no path", ignore, nullptr), -EINVAL);
@@ -434,7 +434,7 @@ TEST_F(ConnectionTest, TeardownOfNullDoesNothing)
     expect_no_log();
 }
 
-TEST_F(ConnectionTest, TeardownReleasesSourceSlotAndConnectionInTurn)
+TEST_F(ConnectionTest, TeardownReleasesSourceSlotAndConnectionInOrder)
 {
     connect();
     sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
@@ -452,10 +452,10 @@ TEST_F(ConnectionTest, TeardownReleasesSourceSlotAndConnectionInTurn)
     EXPECT_TRUE(loses_owner(stranger, SERVICE));
 }
 
-TEST_F(ConnectionTest, SourceGoesWithTheTeardown)
+TEST_F(ConnectionTest, TeardownDestroysTheSource)
 {
     connect();
-    /* Its event loop is then the connection's alone. */
+    /* Only the connection holds its event loop afterwards. */
     sd_event *event = sd_event_ref(conn->source->event);
     bool is_gone = false;
     sd_event_source *kept = nullptr;
@@ -481,7 +481,7 @@ TEST_F(ConnectionTest, SecondTeardownDoesNothing)
     expect_no_log();
 }
 
-TEST_F(ConnectionTest, ConnectionIsClosedThoughLostSlotsKeepItAlive)
+TEST_F(ConnectionTest, ConnectionIsClosedEvenIfOverwrittenSlotsKeepItAlive)
 {
     connect();
     sonobrik_dbus_add_object(conn, OBJECT, ignore, nullptr);
@@ -492,7 +492,7 @@ TEST_F(ConnectionTest, ConnectionIsClosedThoughLostSlotsKeepItAlive)
     connect(); /* the name is free */
 }
 
-TEST_F(ConnectionTest, TeardownSendsWhatIsQueued)
+TEST_F(ConnectionTest, TeardownSendsQueuedMessages)
 {
     connect();
     SignalLog heard(stranger, SERVICE);

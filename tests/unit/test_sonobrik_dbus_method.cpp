@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "autoptr.h"
+#include "bus_server.h"
 #include "failing_calls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 
 namespace
 {
@@ -27,9 +27,9 @@ std::string truncation_line(const std::string &text)
     return "sonobrik_dbus_method_error_msg the error message '" + text + "' has been truncated.";
 }
 
-/* What one call does when it is served: each handler below is told by it. */
+/* How the handler below answers a call, and what it recorded. */
 struct Script {
-    std::string error_text; /* what the handler fails with, if anything */
+    std::string error_text; /* the error text to set; empty: none */
     bool succeeds = false;
     bool sends_reply = true;
     int send_result = -1;
@@ -38,7 +38,7 @@ struct Script {
     std::string error_name_set;
 };
 
-/* A handler in the order that all handlers have. */
+/* A method handler that follows its script. */
 int handle(sd_bus_message *message, void *user_data, sd_bus_error *ret_error)
 {
     auto *script = static_cast<Script *>(user_data);
@@ -68,12 +68,12 @@ class MethodOnBusTest : public BusTest
   protected:
     MethodOnBusTest()
     {
-        served.serve("/test", handle, &script);
+        server.serve("/test", handle, &script);
     }
 
     std::string call(GVariant *arguments)
     {
-        return bus_call(stranger, served.name, "/test", "com.vesk.Test", "Test", arguments);
+        return bus_call(stranger, server.name, "/test", "com.vesk.Test", "Test", arguments);
     }
 
     std::string call()
@@ -81,7 +81,7 @@ class MethodOnBusTest : public BusTest
         return call(g_variant_new("(s)", "options"));
     }
 
-    ServedBus served;
+    BusServer server;
     FailingCalls calls;
     Script script;
 };
@@ -103,7 +103,7 @@ TEST_F(MethodTest, TextOf255BytesIsKeptWholeWithoutAWarning)
     expect_no_log();
 }
 
-TEST_F(MethodTest, TextOf256BytesIsCutTo255WithAWarningThatHasItWhole)
+TEST_F(MethodTest, TextOf256BytesIsTruncatedAndLoggedWhole)
 {
     sonobrik_dbus_method_error_msg(&method, letters(256).c_str());
     EXPECT_EQ(method.error_message, letters(255));
@@ -111,7 +111,7 @@ TEST_F(MethodTest, TextOf256BytesIsCutTo255WithAWarningThatHasItWhole)
     expect_no_log();
 }
 
-TEST_F(MethodTest, CharacterThatEndsAtTheCutIsKept)
+TEST_F(MethodTest, CharacterThatEndsAtTheLimitIsKept)
 {
     const std::string text = letters(252) + EURO + "b";
     sonobrik_dbus_method_error_msg(&method, text.c_str());
@@ -119,7 +119,7 @@ TEST_F(MethodTest, CharacterThatEndsAtTheCutIsKept)
     expect_log(G_LOG_LEVEL_WARNING, truncation_line(text));
 }
 
-TEST_F(MethodTest, CharacterAcrossTheCutIsDroppedWhole)
+TEST_F(MethodTest, CharacterAcrossTheLimitIsDroppedWhole)
 {
     for (const size_t missing : {1, 2, 3}) {
         const std::string text = letters(255 - missing) + CLEF;
@@ -143,7 +143,7 @@ TEST_F(MethodTest, BytesThatAreNotUtf8AreReplaced)
     EXPECT_EQ(method.error_message, std::string("a") + REPLACEMENT + "b");
 }
 
-TEST_F(MethodTest, TextThatGrowsBeyond255BytesByReplacementIsCut)
+TEST_F(MethodTest, TextThatReplacementMakesTooLongIsTruncated)
 {
     const std::string text = letters(254) + "\xFF";
     sonobrik_dbus_method_error_msg(&method, text.c_str());
@@ -151,27 +151,27 @@ TEST_F(MethodTest, TextThatGrowsBeyond255BytesByReplacementIsCut)
     expect_log(G_LOG_LEVEL_WARNING, truncation_line(text));
 }
 
-TEST_F(MethodTest, LaterTextReplacesTheEarlierOne)
+TEST_F(MethodTest, LaterTextReplacesAnEarlierOne)
 {
     sonobrik_dbus_method_error_msg(&method, "a long first text");
     sonobrik_dbus_method_error_msg(&method, "second");
     EXPECT_STREQ(method.error_message, "second");
 }
 
-TEST_F(MethodTest, EmptyTextIsATextToo)
+TEST_F(MethodTest, EmptyTextReplacesTheDefault)
 {
     sonobrik_dbus_method_error_msg(&method, "");
     EXPECT_STREQ(method.error_message, "");
 }
 
-TEST_F(MethodTest, NullTextLeavesTheDefaultSilently)
+TEST_F(MethodTest, NullTextKeepsTheDefault)
 {
     sonobrik_dbus_method_error_msg(&method, nullptr);
     EXPECT_STREQ(method.error_message, "NOK");
     expect_no_log();
 }
 
-TEST_F(MethodTest, NullMethodTakesATextSilently)
+TEST_F(MethodTest, SettingATextOnNullDoesNothing)
 {
     sonobrik_dbus_method_error_msg(nullptr, letters(256).c_str());
     expect_no_log();
@@ -210,7 +210,7 @@ TEST_F(MethodOnBusTest, SendReplyRefusesEachNullArgument)
     constexpr const char *line =
         "sonobrik_dbus_method_send_reply has been called with invalid arguments";
     g_autoptr(sd_bus_message) reply = nullptr;
-    ASSERT_GE(sd_bus_message_new_signal(served.bus, &reply, "/test", "com.vesk.Test", "Test"), 0);
+    ASSERT_GE(sd_bus_message_new_signal(server.bus, &reply, "/test", "com.vesk.Test", "Test"), 0);
     sonobrik_dbus_method method = {reply, 0, ERROR_NAME, "NOK"};
     sd_bus_error error = {};
     for (const bool successful : {false, true}) {
@@ -227,10 +227,10 @@ TEST_F(MethodOnBusTest, SendReplyRefusesEachNullArgument)
     EXPECT_EQ(calls.count("sd_bus_send"), 0);
 }
 
-TEST_F(MethodOnBusTest, UnreadableArgumentOfNoMethodIsJustRefused)
+TEST_F(MethodOnBusTest, UnreadableArgumentWithANullMethodFails)
 {
     g_autoptr(sd_bus_message) message = nullptr;
-    ASSERT_GE(sd_bus_message_new_signal(served.bus, &message, "/test", "com.vesk.Test", "Test"), 0);
+    ASSERT_GE(sd_bus_message_new_signal(server.bus, &message, "/test", "com.vesk.Test", "Test"), 0);
     ASSERT_GE(sd_bus_message_append(message, "i", 5), 0);
     ASSERT_GE(sd_bus_message_seal(message, 1, 0), 0);
     const char *argument = nullptr;
@@ -239,7 +239,7 @@ TEST_F(MethodOnBusTest, UnreadableArgumentOfNoMethodIsJustRefused)
     expect_no_log();
 }
 
-/* What a caller gets. */
+/* Answers on the bus. */
 
 TEST_F(MethodOnBusTest, SuccessfulCallGetsTheReply)
 {
@@ -267,20 +267,20 @@ TEST_F(MethodOnBusTest, FailureAnswersItsText)
     expect_no_log();
 }
 
-TEST_F(MethodOnBusTest, TextThatIsCutInsideACharacterIsStillAnswered)
+TEST_F(MethodOnBusTest, TextTruncatedInsideACharacterIsStillSent)
 {
     script.error_text = letters(253) + EURO;
     EXPECT_EQ(call(), "com.vesk.Sonobrik.PlayClip: " + letters(253));
     expect_log(G_LOG_LEVEL_WARNING, truncation_line(script.error_text));
 }
 
-TEST_F(MethodOnBusTest, TextWithANoncharacterIsStillAnswered)
+TEST_F(MethodOnBusTest, TextWithANoncharacterIsStillSent)
 {
     script.error_text = std::string("No file at '") + NONCHARACTER + "'.";
     EXPECT_EQ(call(), std::string("com.vesk.Sonobrik.PlayClip: No file at '") + REPLACEMENT + "'.");
 }
 
-TEST_F(MethodOnBusTest, ArgumentOfAnotherTypeIsAnsweredWithTheReason)
+TEST_F(MethodOnBusTest, WrongArgumentTypeIsAnsweredWithTheReason)
 {
     EXPECT_EQ(call(g_variant_new("(i)", 5)),
               std::string("com.vesk.Sonobrik.PlayClip: Failed to parse parameter(s): ") +
@@ -303,7 +303,7 @@ TEST_F(MethodOnBusTest, ArgumentThatSdBusRefusesIsAnsweredWithTheReason)
     EXPECT_EQ(script.read_result, -EBADMSG);
 }
 
-TEST_F(MethodOnBusTest, ReplyThatCannotBeMadeAnswersTheErrorOfErrnoOne)
+TEST_F(MethodOnBusTest, ReplyThatCannotBeMadeAnswersAccessDenied)
 {
     script.succeeds = true;
     calls.fail("sd_bus_message_new_method_return", -ENOMEM);

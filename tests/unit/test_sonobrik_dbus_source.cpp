@@ -19,7 +19,7 @@ namespace
 constexpr int PATIENCE_MS = 10000;
 constexpr int ROUNDS = 2000;
 
-/* A counter that one side raises and the other waits for. */
+/* An event counter: one side rings it, the other waits for it. */
 class Doorbell
 {
   public:
@@ -42,7 +42,7 @@ class Doorbell
         eventfd_read(fd, &rings);
     }
 
-    /* False when it has not rung in time. */
+    /* Returns false on time-out. */
     bool wait() const
     {
         struct pollfd rung = {.fd = fd, .events = POLLIN, .revents = 0};
@@ -60,8 +60,8 @@ gboolean call(gpointer function)
 }
 
 /*
- * Runs the default main context until `loop` is quit. Nothing wakes it from time to time, so a lost
- * wake-up shows: then, and only then, it lasts until the deadline and is false.
+ * Runs `loop` until it is quit. Nothing else wakes it, so a lost wake-up makes it run into the
+ * deadline. Returns false in that case.
  */
 bool run_undisturbed(GMainLoop *loop)
 {
@@ -77,7 +77,7 @@ bool run_undisturbed(GMainLoop *loop)
     return in_time;
 }
 
-/* A GLib source that runs an sd-event loop of the test's. */
+/* Has a source that runs the fixture's sd-event loop. */
 class SourceTest : public ::testing::Test
 {
   protected:
@@ -95,7 +95,7 @@ class SourceTest : public ::testing::Test
         sd_event_unref(event);
     }
 
-    /* Has `handler` run, for as long as the loop lives, when `bell` rings. */
+    /* Runs `handler` whenever `bell` rings, while the event loop lives. */
     sd_event_source *listen(const Doorbell &bell, std::function<int()> *handler)
     {
         const auto run = [](sd_event_source *, int, uint32_t, void *function) {
@@ -148,7 +148,7 @@ TEST_F(SourceTest, PollsTheDescriptorOfTheEventLoop)
     EXPECT_FALSE(g_source_get_can_recurse(source));
 }
 
-TEST_F(SourceTest, GivesItsReferenceToTheEventLoopBack)
+TEST_F(SourceTest, ReleasesItsReferenceToTheEventLoop)
 {
     static bool is_gone;
     is_gone = false;
@@ -201,7 +201,7 @@ TEST_F(SourceTest, FindsTheEventThatArrivedWhenItChecks)
     EXPECT_EQ(heard, 1);
 }
 
-TEST_F(SourceTest, LeavesTheTimeOutAlone)
+TEST_F(SourceTest, DoesNotChangeTheTimeOut)
 {
     listen(bell, &hear);
     sd_event_source *timer = nullptr;
@@ -225,7 +225,7 @@ TEST_F(SourceTest, LeavesTheTimeOutAlone)
 
 /* Preparing twice, which GLib does when it skips the check. */
 
-TEST_F(SourceTest, SecondPrepareWithoutACheckIsNoEvent)
+TEST_F(SourceTest, SecondPrepareWithoutACheckFindsNoEvent)
 {
     listen(bell, &hear);
     EXPECT_FALSE(prepare());
@@ -235,7 +235,7 @@ TEST_F(SourceTest, SecondPrepareWithoutACheckIsNoEvent)
     EXPECT_FALSE(check());
 }
 
-TEST_F(SourceTest, SecondPrepareTakesWhatHasArrivedSince)
+TEST_F(SourceTest, SecondPrepareFindsWhatHasArrivedSince)
 {
     listen(bell, &hear);
     EXPECT_FALSE(prepare());
@@ -256,7 +256,7 @@ TEST_F(SourceTest, EventAfterTheSecondPrepareIsFoundByTheCheck)
     EXPECT_EQ(heard, 1);
 }
 
-TEST_F(SourceTest, SecondPrepareLetsTheEventLoopLookAtItsSourcesAnew)
+TEST_F(SourceTest, SecondPreparePreparesTheEventLoopsSourcesAgain)
 {
     static int looked;
     looked = 0;
@@ -264,7 +264,7 @@ TEST_F(SourceTest, SecondPrepareLetsTheEventLoopLookAtItsSourcesAnew)
         looked++;
         return 0;
     };
-    /* This is how a connection says that it has become able to send. */
+    /* A connection uses this callback to ask for writability when it has messages to send. */
     ASSERT_GE(sd_event_source_set_prepare(listen(bell, &hear), look), 0);
     prepare();
     EXPECT_EQ(looked, 1);
@@ -272,7 +272,7 @@ TEST_F(SourceTest, SecondPrepareLetsTheEventLoopLookAtItsSourcesAnew)
     EXPECT_EQ(looked, 2);
 }
 
-TEST_F(SourceTest, CheckWithoutPrepareIsNoEvent)
+TEST_F(SourceTest, CheckWithoutPrepareFindsNoEvent)
 {
     listen(bell, &hear);
     bell.ring();
@@ -333,7 +333,7 @@ TEST_F(SourceTest, EventWhoseHandlerFailsKeepsTheSource)
     EXPECT_FALSE(g_source_is_destroyed(source));
 }
 
-/* In a main context that others use too. */
+/* A main context with other sources. */
 
 TEST_F(SourceTest, NoEventIsLostWhileAnotherThreadChangesTheContext)
 {
@@ -350,7 +350,7 @@ TEST_F(SourceTest, NoEventIsLostWhileAnotherThreadChangesTheContext)
     listen(bell, &hear);
 
     std::atomic<bool> is_over = false;
-    /* A descriptor that comes or goes makes GLib drop what it polled, and prepare anew. */
+    /* Adding or removing a descriptor makes GLib drop its poll results and prepare again. */
     std::thread churn([&] {
         Doorbell silent;
         while (!is_over) {
@@ -378,12 +378,12 @@ TEST_F(SourceTest, NoEventIsLostWhileAnotherThreadChangesTheContext)
     EXPECT_FALSE(g_source_is_destroyed(source));
 }
 
-TEST_F(SourceTest, EventIsServedOnceASourceOfHigherPriorityHasHadItsTurns)
+TEST_F(SourceTest, EventIsHandledAfterASourceOfHigherPriority)
 {
     g_source_attach(source, nullptr);
     listen(bell, &hear);
 
-    /* It shows only when it is checked, so that ours is prepared each time and never checked. */
+    /* Becomes ready only in its check, so ours is prepared each time but never checked. */
     Doorbell urgent;
     int turns = 0;
     std::function<bool()> take_turn = [&] {

@@ -1,4 +1,4 @@
-/* A connection in a main context that is busy with other things. */
+/* Tests a connection in a main context that is busy with other sources. */
 
 #include <atomic>
 #include <functional>
@@ -23,11 +23,11 @@ constexpr int PATIENCE_MS = 10000;
 constexpr uint64_t PATIENCE_USEC = PATIENCE_MS * UINT64_C(1000);
 constexpr int ROUNDS = 500;
 
-enum class Wait { AS_LONG_AS_MEANT, NOT_AT_ALL };
+enum class Wait { UNCHANGED, NOT_AT_ALL };
 
 /*
- * What is done when the default main context is about to wait, all its sources being prepared; it
- * is then forgotten. Returns how long the wait will be.
+ * Runs once, the next time that the default main context has prepared its sources and is about to
+ * poll. Returns how long to wait.
  */
 std::function<Wait()> before_the_wait;
 
@@ -58,8 +58,8 @@ class TrafficTest : public LogTest
     }
 
     /*
-     * Runs the main loop until it is quit. Nothing wakes it from time to time, so a lost wake-up
-     * shows: then, and only then, it lasts until the deadline and is false.
+     * Runs the main loop until it is quit. Nothing else wakes it, so a lost wake-up makes it run
+     * into the deadline. Returns false in that case.
      */
     bool run_undisturbed()
     {
@@ -74,7 +74,7 @@ class TrafficTest : public LogTest
         return in_time;
     }
 
-    /* Has `ring` run each time that something rings the bell, until it is removed. */
+    /* Runs `ring` each time the bell rings, until the returned source is removed. */
     guint listen_to_bell(int priority)
     {
         const auto run = [](gint fd, GIOCondition, gpointer function) -> gboolean {
@@ -86,7 +86,7 @@ class TrafficTest : public LogTest
         return g_unix_fd_add_full(priority, bell, G_IO_IN, run, &ring, nullptr);
     }
 
-    /* Ends the main loop once `rounds` calls in a row were answered. */
+    /* Makes `rounds` calls in a row on another thread, then quits the main loop. */
     std::thread visit(int rounds, const std::function<void()> &before_each)
     {
         return std::thread([this, rounds, before_each] {
@@ -108,7 +108,7 @@ class TrafficTest : public LogTest
         });
     }
 
-    /* Fills the socket of a bus that does not read, queues more, and a reply at the very end. */
+    /* Fills the socket of a frozen bus, queues more signals, and queues the held reply last. */
     void flood()
     {
         const std::string ballast(50000, 'x');
@@ -124,11 +124,11 @@ class TrafficTest : public LogTest
         held = sd_bus_message_unref(held);
         before_the_wait = [this] {
             bus.thaw();
-            return Wait::AS_LONG_AS_MEANT;
+            return Wait::UNCHANGED;
         };
     }
 
-    /* Has the call of a peer held, then runs the flood as a source of `priority`. */
+    /* Lets a peer's call be held, then runs the flood in a source of `priority`. */
     void flood_at_priority(int priority)
     {
         flood_priority = priority;
@@ -193,8 +193,8 @@ class TrafficTest : public LogTest
         auto *test = static_cast<TrafficTest *>(user_data);
         test->held = sd_bus_message_ref(call);
         /*
-         * The flood begins when the connection has nothing left to do. A timer brings it, since
-         * GLib wakes itself up after it has run a source that has a descriptor.
+         * Starts the flood when the connection has nothing left to do. Uses a timer, since GLib
+         * wakes itself up after it has run a source that has a descriptor.
          */
         before_the_wait = [test] {
             const auto run = [](gpointer self) -> gboolean {
@@ -220,7 +220,7 @@ class TrafficTest : public LogTest
 TEST_F(TrafficTest, CallsAreAnsweredWhileAnotherThreadChangesTheContext)
 {
     std::atomic<bool> is_over = false;
-    /* A descriptor that comes or goes makes GLib drop what it polled, and prepare anew. */
+    /* Adding or removing a descriptor makes GLib drop its poll results and prepare again. */
     std::thread churn([&] {
         const int silent = eventfd(0, EFD_CLOEXEC);
         while (!is_over) {
@@ -239,7 +239,7 @@ TEST_F(TrafficTest, CallsAreAnsweredWhileAnotherThreadChangesTheContext)
     EXPECT_EQ(answers, ROUNDS);
 }
 
-TEST_F(TrafficTest, CallsAreAnsweredBetweenTheTurnsOfAnUrgentSource)
+TEST_F(TrafficTest, CallsAreAnsweredBesideASourceOfHighPriority)
 {
     int turns = 0;
     ring = [&] {
@@ -269,18 +269,18 @@ TEST_F(TrafficTest, CallsAreAnsweredWhileAnIdleSourceIsAlwaysReady)
     g_source_remove(idle);
 }
 
-TEST_F(TrafficTest, WhatACallbackQueuesLeavesWithoutAnythingComingIn)
+TEST_F(TrafficTest, CallbacksQueuedMessagesAreSentWithoutIncomingTraffic)
 {
     flood_at_priority(G_PRIORITY_DEFAULT);
 }
 
-TEST_F(TrafficTest, WhatALazyCallbackQueuesLeavesWithoutAnythingComingIn)
+TEST_F(TrafficTest, IdleCallbacksQueuedMessagesAreSentWithoutIncomingTraffic)
 {
     flood_at_priority(G_PRIORITY_DEFAULT_IDLE);
 }
 
-/* Then the connection is prepared when the callback runs, but it was not checked. */
-TEST_F(TrafficTest, WhatAnUrgentCallbackQueuesLeavesWithoutAnythingComingIn)
+/* In this case the connection is prepared when the callback runs, but not checked. */
+TEST_F(TrafficTest, UrgentCallbacksQueuedMessagesAreSentWithoutIncomingTraffic)
 {
     flood_at_priority(G_PRIORITY_HIGH);
 }

@@ -1,6 +1,6 @@
 #include "sonobrik_events_test.h"
 
-/* The events are declared and withdrawn, and the status of outputs is sent. */
+/* Tests declaring and withdrawing the events, and sending the status of outputs. */
 
 namespace
 {
@@ -26,7 +26,7 @@ TEST_F(SonobrikEvents, DeclaresAllPlayingEventsBeforeTheOthers)
                             }));
 }
 
-TEST_F(SonobrikEvents, SetsUpTheChangeNoticesWithoutAnEventSystemToo)
+TEST_F(SonobrikEvents, SetsUpTheChangeNoticesEvenWithoutAnEventSystem)
 {
     platform.open_fails = true;
     EXPECT_TRUE(sonobrik_events_setup());
@@ -69,14 +69,14 @@ TEST_F(SonobrikEvents, DeclaresNothingWithoutACurrentlyPlayingTemplate)
                             }));
 }
 
-TEST_F(SonobrikEvents, ClosesTheProducerAtTheEnd)
+TEST_F(SonobrikEvents, TeardownClosesTheProducer)
 {
     set_up({{0, 0, 0}});
     sonobrik_events_teardown();
     EXPECT_EQ(take_calls(), Calls({"tear down change notices", "close"}));
 }
 
-TEST_F(SonobrikEvents, ClosesTheProducerOnce)
+TEST_F(SonobrikEvents, SecondTeardownDoesNotCloseTheProducerAgain)
 {
     set_up({});
     sonobrik_events_teardown();
@@ -85,7 +85,7 @@ TEST_F(SonobrikEvents, ClosesTheProducerOnce)
     EXPECT_EQ(take_calls(), Calls({"tear down change notices"}));
 }
 
-TEST_F(SonobrikEventsState, SaysThatAnOutputPlays)
+TEST_F(SonobrikEventsState, ReportsThatAnOutputPlays)
 {
     set_up({{0, 0, 0}});
     sonobrik_events_set_file_state(true, 0, -1, -1);
@@ -93,28 +93,28 @@ TEST_F(SonobrikEventsState, SaysThatAnOutputPlays)
     expect_no_log();
 }
 
-TEST_F(SonobrikEventsState, SaysThatAnOutputStopped)
+TEST_F(SonobrikEventsState, ReportsThatAnOutputStopped)
 {
     set_up({{0, 0, 0}});
     sonobrik_events_set_file_state(false, 0, -1, -1);
     EXPECT_EQ(take_calls(), Calls({"prepare async 10", "send 10 Playing=0", "release 10"}));
 }
 
-TEST_F(SonobrikEventsState, GoesByTheOutputNumber)
+TEST_F(SonobrikEventsState, FindsTheEventByTheOutputNumber)
 {
     set_up({{0, 0, 0}, {5, 5, 0}});
     sonobrik_events_set_file_state(true, 5, 0, 0);
     EXPECT_EQ(take_calls().front(), "prepare async 11");
 }
 
-TEST_F(SonobrikEventsState, GoesByTheDeviceWithoutAnOutputNumber)
+TEST_F(SonobrikEventsState, FindsTheEventByTheDeviceWithoutAnOutputNumber)
 {
     set_up({{0, 0, 0}, {2, 2, 0}});
     sonobrik_events_set_file_state(true, -1, 2, 0);
     EXPECT_EQ(take_calls().front(), "prepare async 11");
 }
 
-TEST_F(SonobrikEventsState, KnowsOnlyTheDeclaredOutputOfADevice)
+TEST_F(SonobrikEventsState, FindsOnlyTheDeclaredOutputOfADevice)
 {
     set_up({{2, 2, 0}});
     sonobrik_events_set_file_state(true, -1, 2, 1);
@@ -141,13 +141,13 @@ TEST_F(SonobrikEventsState, LogsAnOutputWhoseDeclarationFailed)
     expect_not_found("sonobrik_events_set_file_state", -1, 0, 0);
 }
 
-TEST_F(SonobrikEventsState, LogsWhatIsAskedBeforeSetUp)
+TEST_F(SonobrikEventsState, LogsARequestBeforeTheSetUp)
 {
     sonobrik_events_set_file_state(true, -1, 2, 0);
     expect_not_found("sonobrik_events_set_file_state", -1, 2, 0);
 }
 
-/* The slots of both kinds lie side by side: a write beyond one would be seen in the other. */
+/* The slots of both kinds are adjacent, so a write beyond one would show in the other. */
 TEST_F(SonobrikEventsState, HasNoSlotForASeventhOutput)
 {
     set_up({{6, 6, 0}, {7, 7, 0}, {G_MAXINT32, G_MAXINT32, 0}});
@@ -173,14 +173,14 @@ TEST_F(SonobrikEventsState, FindsASeventhOutputByItsDevice)
     EXPECT_EQ(take_calls().front(), "prepare async 10");
 }
 
-TEST_F(SonobrikEventsState, KeepsADeviceWithoutAnOutputNumber)
+TEST_F(SonobrikEventsState, StoresADeviceWithoutAnOutputNumber)
 {
     set_up({{-1, 4, 2}});
     sonobrik_events_set_file_state(true, -1, 4, 2);
     EXPECT_EQ(take_calls().front(), "prepare async 10");
 }
 
-TEST_F(SonobrikEventsState, KnowsNoDeviceWithoutAnId)
+TEST_F(SonobrikEventsState, DoesNotStoreADeviceWithoutAnId)
 {
     set_up({{1, -1, 0}, {2, 3, -1}});
     sonobrik_events_set_file_state(true, -1, -1, 0);
@@ -191,14 +191,14 @@ TEST_F(SonobrikEventsState, KnowsNoDeviceWithoutAnId)
     EXPECT_EQ(take_calls().front(), "prepare async 10");
 }
 
-TEST_F(SonobrikEventsState, TakesTheLaterOfTwoEventsOfADevice)
+TEST_F(SonobrikEventsState, UsesTheLaterOfTwoEventsOfADevice)
 {
     set_up({{1, 2, 0}, {3, 2, 0}});
     sonobrik_events_set_file_state(true, -1, 2, 0);
     EXPECT_EQ(take_calls().front(), "prepare async 11");
 }
 
-TEST_F(SonobrikEventsState, ForgetsDevicesAtTheEnd)
+TEST_F(SonobrikEventsState, TeardownForgetsTheDevices)
 {
     set_up({{2, 2, 0}});
     sonobrik_events_teardown();

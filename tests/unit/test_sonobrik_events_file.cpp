@@ -1,6 +1,6 @@
 #include "sonobrik_events_test.h"
 
-/* The file that an output plays is sent, from any thread and as soon as its event is declared. */
+/* Tests sending the file that an output plays, from any thread, once its event is acknowledged. */
 
 namespace
 {
@@ -53,7 +53,7 @@ TEST_F(SonobrikEventsFile, AreSentInOrder)
     EXPECT_EQ(calls[4], "send 11 FileName=/clips/b.wav");
 }
 
-TEST_F(SonobrikEventsFile, IsNothingForNull)
+TEST_F(SonobrikEventsFile, NullSendsNothing)
 {
     set_up({{0, 0, 0}});
     acknowledge();
@@ -61,7 +61,7 @@ TEST_F(SonobrikEventsFile, IsNothingForNull)
     EXPECT_FALSE(g_main_context_pending(nullptr));
 }
 
-TEST_F(SonobrikEventsFile, GoesByTheDeviceWithoutAnOutputNumber)
+TEST_F(SonobrikEventsFile, FindsTheEventByTheDeviceWithoutAnOutputNumber)
 {
     set_up({{0, 0, 0}, {2, 2, 0}});
     acknowledge();

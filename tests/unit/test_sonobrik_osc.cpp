@@ -8,16 +8,16 @@
 #include <sys/socket.h>
 #include <vector>
 
+#include "bus_server.h"
 #include "failing_calls.h"
+#include "fake_controls.h"
 #include "osc_document.h"
-#include "played_controls.h"
 #include "private_bus.h"
-#include "served_bus.h"
 
 namespace
 {
 
-const char *document; /* null: it cannot be made */
+const char *document; /* null: making it fails */
 int documents;
 
 class SonobrikOsc : public BusTest
@@ -34,7 +34,7 @@ class SonobrikOsc : public BusTest
         sonobrik_osc_teardown();
     }
 
-    /* The step of this number failed. */
+    /* Expects the log line of the failed step with this number. */
     void expect_failure(int number, const std::string &text)
     {
         expect_log(LOG_LEVEL_ERROR, "Failed to execute sd-bus command (line " +
@@ -42,7 +42,7 @@ class SonobrikOsc : public BusTest
         expect_no_log();
     }
 
-    /* The stranger sends a signal with a file descriptor to the connection `name`. */
+    /* Sends a signal with a file descriptor to the connection `name`. */
     void send_signal_with_file(const std::string &name)
     {
         g_autoptr(GDBusMessage) signal = g_dbus_message_new_signal("/a", "com.vesk.Test", "Signal");
@@ -77,7 +77,7 @@ char *osc_document_new()
 
 TEST_F(SonobrikOsc, FeaturesAreAdded)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     EXPECT_EQ(controls.requests(), std::vector<std::string>{REQUEST});
     expect_no_log();
@@ -85,30 +85,30 @@ TEST_F(SonobrikOsc, FeaturesAreAdded)
 
 TEST_F(SonobrikOsc, SetupAddsTheFeatures)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_setup());
     EXPECT_EQ(controls.requests(), std::vector<std::string>{REQUEST});
 }
 
-TEST_F(SonobrikOsc, AnswerMayHoldAnything)
+TEST_F(SonobrikOsc, AnswerMayHaveAnyContent)
 {
-    PlayedControls controls(bus);
-    controls.answer = PlayedControls::Answer::TEXT;
+    FakeControls controls(bus);
+    controls.answer = FakeControls::Answer::TEXT;
     EXPECT_TRUE(sonobrik_osc_update());
     expect_no_log();
 }
 
-TEST_F(SonobrikOsc, CallWaitsForTheBussTimeOut)
+TEST_F(SonobrikOsc, CallUsesTheDefaultTimeOutOfTheBus)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     EXPECT_EQ(calls.call_timeout, 0U);
 }
 
 TEST_F(SonobrikOsc, ErrorOfTheServiceIsLogged)
 {
-    PlayedControls controls(bus);
-    controls.answer = PlayedControls::Answer::ERROR;
+    FakeControls controls(bus);
+    controls.answer = FakeControls::Answer::ERROR;
     EXPECT_FALSE(sonobrik_osc_update());
     expect_failure(135, "Permission denied");
     EXPECT_EQ(controls.requests().size(), 1U);
@@ -126,20 +126,20 @@ TEST_F(SonobrikOsc, SetupReportsAMissingService)
     expect_failure(135, "No route to host");
 }
 
-TEST_F(SonobrikOsc, ServiceThatAppearsLaterIsReached)
+TEST_F(SonobrikOsc, ServiceThatStartsLaterIsReached)
 {
     EXPECT_FALSE(sonobrik_osc_update());
     clear_log();
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     EXPECT_EQ(controls.requests().size(), 1U);
     EXPECT_EQ(calls.count("sd_bus_open_system"), 1);
     expect_no_log();
 }
 
-TEST_F(SonobrikOsc, SecondUpdateReusesTheConnectionAndMakesTheDocumentAnew)
+TEST_F(SonobrikOsc, SecondUpdateReusesTheConnectionAndRebuildsTheDocument)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     document = "{}";
     EXPECT_TRUE(sonobrik_osc_update());
@@ -159,9 +159,9 @@ TEST_F(SonobrikOsc, MissingBusIsLogged)
     EXPECT_EQ(documents, 0);
 }
 
-TEST_F(SonobrikOsc, BusThatAppearsLaterIsUsed)
+TEST_F(SonobrikOsc, BusThatStartsLaterIsUsed)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     calls.fail_one("sd_bus_open_system", 1, -ENOENT);
     EXPECT_FALSE(sonobrik_osc_update());
     clear_log();
@@ -170,7 +170,7 @@ TEST_F(SonobrikOsc, BusThatAppearsLaterIsUsed)
 
 TEST_F(SonobrikOsc, NothingIsSentWithoutADocument)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     document = nullptr;
     EXPECT_FALSE(sonobrik_osc_update());
     EXPECT_EQ(calls.count("sd_bus_message_new_method_call"), 0);
@@ -178,9 +178,9 @@ TEST_F(SonobrikOsc, NothingIsSentWithoutADocument)
     expect_no_log();
 }
 
-TEST_F(SonobrikOsc, EachStepThatFailsHasItsNumber)
+TEST_F(SonobrikOsc, EachFailedStepIsLoggedWithItsNumber)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     const struct {
         const char *function;
         int number;
@@ -198,9 +198,9 @@ TEST_F(SonobrikOsc, EachStepThatFailsHasItsNumber)
     EXPECT_EQ(calls.count("sd_bus_open_system"), 1);
 }
 
-TEST_F(SonobrikOsc, ContainerThatDoesNotOpenShowsAtItsEnd)
+TEST_F(SonobrikOsc, FailureToOpenTheContainerShowsWhenItIsClosed)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     calls.fail("sd_bus_message_open_container");
     EXPECT_FALSE(sonobrik_osc_update());
     expect_failure(132, "Invalid argument");
@@ -208,15 +208,15 @@ TEST_F(SonobrikOsc, ContainerThatDoesNotOpenShowsAtItsEnd)
 
 TEST_F(SonobrikOsc, DocumentThatTheBusRefusesIsLogged)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     document = "\xEF\xBF\xBE";
     EXPECT_FALSE(sonobrik_osc_update());
     expect_failure(127, "Invalid argument");
 }
 
-TEST_F(SonobrikOsc, TeardownEndsTheConnection)
+TEST_F(SonobrikOsc, TeardownClosesTheConnection)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     sonobrik_osc_teardown();
     EXPECT_EQ(calls.count("sd_bus_flush_close_unref"), 1);
@@ -227,7 +227,7 @@ TEST_F(SonobrikOsc, TeardownEndsTheConnection)
 
 TEST_F(SonobrikOsc, LostConnectionIsOpenedAgainByTheNextUpdate)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     shutdown(sd_bus_get_fd(calls.opened), SHUT_RDWR);
     EXPECT_TRUE(run_until([this] { return calls.count("sd_bus_flush_close_unref") == 1; }));
@@ -236,9 +236,9 @@ TEST_F(SonobrikOsc, LostConnectionIsOpenedAgainByTheNextUpdate)
     expect_no_log();
 }
 
-TEST_F(SonobrikOsc, LossThatTheLoopHasNotSeenIsNoticedByTheUpdate)
+TEST_F(SonobrikOsc, UpdateNoticesALossThatTheLoopHasNotSeen)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     shutdown(sd_bus_get_fd(calls.opened), SHUT_RDWR);
     EXPECT_FALSE(sonobrik_osc_update());
@@ -247,9 +247,9 @@ TEST_F(SonobrikOsc, LossThatTheLoopHasNotSeenIsNoticedByTheUpdate)
     EXPECT_EQ(controls.callers().size(), 2U);
 }
 
-TEST_F(SonobrikOsc, SignalsThatNobodyAskedForAreDropped)
+TEST_F(SonobrikOsc, UnrequestedSignalsAreDropped)
 {
-    PlayedControls controls(bus);
+    FakeControls controls(bus);
     EXPECT_TRUE(sonobrik_osc_update());
     const std::string name = *controls.callers().begin();
     const size_t open_files = count_open_files();

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The on-screen controls service, played on a private bus. */
+/* A fake on-screen controls service on a private bus. */
 
 #include <atomic>
 #include <gio/gio.h>
@@ -12,10 +12,10 @@
 #include "private_bus.h"
 
 /*
- * Owns "com.vesk.Onscreencontrols1" while the object lives, and answers each method call from a
- * thread of its own, so that a test may block.
+ * Owns "com.vesk.Onscreencontrols1" while the object lives. Answers method calls on GDBus's own
+ * thread, so the code under test may block the test's thread.
  */
-class PlayedControls
+class FakeControls
 {
   public:
     enum class Answer {
@@ -24,15 +24,15 @@ class PlayedControls
         ERROR, /* org.freedesktop.DBus.Error.AccessDenied */
     };
 
-    explicit PlayedControls(const PrivateBus &bus);
-    ~PlayedControls();
-    PlayedControls(const PlayedControls &) = delete;
-    PlayedControls &operator=(const PlayedControls &) = delete;
+    explicit FakeControls(const PrivateBus &bus);
+    ~FakeControls();
+    FakeControls(const FakeControls &) = delete;
+    FakeControls &operator=(const FakeControls &) = delete;
 
-    /* "destination object interface.method arguments" each, oldest first. */
+    /* Returns the calls, oldest first, each as "destination object interface.method arguments". */
     std::vector<std::string> requests();
 
-    /* The unique names of those who called. */
+    /* Returns the unique names of the callers. */
     std::set<std::string> callers();
 
     std::atomic<Answer> answer = Answer::EMPTY;

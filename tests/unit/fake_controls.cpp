@@ -1,4 +1,4 @@
-#include "played_controls.h"
+#include "fake_controls.h"
 
 namespace
 {
@@ -7,7 +7,7 @@ constexpr const char *SERVICE = "com.vesk.Onscreencontrols1";
 
 } // namespace
 
-PlayedControls::PlayedControls(const PrivateBus &bus) : connection(bus.connect())
+FakeControls::FakeControls(const PrivateBus &bus) : connection(bus.connect())
 {
     filter_id = g_dbus_connection_add_filter(connection, filter, this, nullptr);
     EXPECT_EQ(bus_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -15,38 +15,38 @@ PlayedControls::PlayedControls(const PrivateBus &bus) : connection(bus.connect()
               "(uint32 1,)");
 }
 
-PlayedControls::~PlayedControls()
+FakeControls::~FakeControls()
 {
     g_dbus_connection_remove_filter(connection, filter_id);
     g_dbus_connection_close_sync(connection, nullptr, nullptr);
     g_object_unref(connection);
 }
 
-std::vector<std::string> PlayedControls::requests()
+std::vector<std::string> FakeControls::requests()
 {
     const std::lock_guard guard(lock);
     return made;
 }
 
-std::set<std::string> PlayedControls::callers()
+std::set<std::string> FakeControls::callers()
 {
     const std::lock_guard guard(lock);
     return made_by;
 }
 
-/* Runs in the thread that reads the bus for GDBus. */
-GDBusMessage *PlayedControls::filter(GDBusConnection *connection, GDBusMessage *message,
-                                     gboolean incoming, gpointer controls)
+/* Runs on GDBus's own thread. */
+GDBusMessage *FakeControls::filter(GDBusConnection *connection, GDBusMessage *message,
+                                   gboolean incoming, gpointer controls)
 {
     if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return message;
     }
-    static_cast<PlayedControls *>(controls)->serve(connection, message);
+    static_cast<FakeControls *>(controls)->serve(connection, message);
     g_object_unref(message);
     return nullptr;
 }
 
-void PlayedControls::serve(GDBusConnection *peer, GDBusMessage *call)
+void FakeControls::serve(GDBusConnection *peer, GDBusMessage *call)
 {
     {
         const std::lock_guard guard(lock);

@@ -1,4 +1,4 @@
-#include "served_bus.h"
+#include "bus_server.h"
 
 #include <glib-unix.h>
 
@@ -18,7 +18,7 @@ gboolean process(gint, GIOCondition, gpointer bus)
 
 } // namespace
 
-ServedBus::ServedBus()
+BusServer::BusServer()
 {
     const char *unique_name = "";
     EXPECT_GE(sd_bus_open_system(&bus), 0);
@@ -27,13 +27,13 @@ ServedBus::ServedBus()
     watch = g_unix_fd_add(sd_bus_get_fd(bus), G_IO_IN, process, bus);
 }
 
-ServedBus::~ServedBus()
+BusServer::~BusServer()
 {
     g_source_remove(watch);
     sd_bus_flush_close_unref(bus);
 }
 
-void ServedBus::serve(const char *path, sd_bus_message_handler_t handler, void *user_data)
+void BusServer::serve(const char *path, sd_bus_message_handler_t handler, void *user_data)
 {
     EXPECT_GE(sd_bus_add_object(bus, nullptr, path, handler, user_data), 0);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-/* Method handlers on a real bus without the daemon's own connection, and calls that last. */
+/* Runs method handlers on a bus without the daemon's own connection, and waits for slow calls. */
 
 #include <gio/gio.h>
 #include <memory>
@@ -8,29 +8,29 @@
 #include <systemd/sd-bus.h>
 #include <vector>
 
-/* A connection to the system bus that the default main context serves. */
-class ServedBus
+/* A connection to the system bus, run by the default main context. */
+class BusServer
 {
   public:
-    ServedBus();
-    ~ServedBus();
-    ServedBus(const ServedBus &) = delete;
-    ServedBus &operator=(const ServedBus &) = delete;
+    BusServer();
+    ~BusServer();
+    BusServer(const BusServer &) = delete;
+    BusServer &operator=(const BusServer &) = delete;
 
     /*
-     * Every method call to the object `path` goes to `handler`. No table says which arguments it
-     * takes, so sd-bus refuses none.
+     * Passes every method call to the object `path` to `handler`. There is no method table, so
+     * sd-bus does not check the arguments.
      */
     void serve(const char *path, sd_bus_message_handler_t handler, void *user_data = nullptr);
 
     sd_bus *bus;
-    std::string name; /* the unique one */
+    std::string name; /* the unique name */
 
   private:
     guint watch;
 };
 
-/* A method call whose answer the test need not wait for. */
+/* A method call that does not block the test until it is answered. */
 class PendingCall
 {
   public:
@@ -38,17 +38,17 @@ class PendingCall
     PendingCall(GDBusConnection *peer, const std::string &service, const char *object,
                 const char *interface, const char *method, GVariant *arguments);
 
-    /* Gives up waiting, if the answer has not come. */
+    /* Cancels the call if it has not been answered. */
     ~PendingCall();
     PendingCall(const PendingCall &) = delete;
     PendingCall &operator=(const PendingCall &) = delete;
 
     bool is_answered() const;
 
-    /* Waits for the answer. Returns it as bus_call() does. */
+    /* Waits for the answer and returns it as bus_call() does. */
     std::string wait();
 
-    /* How many pending calls of the process were answered before this one was. */
+    /* Returns how many pending calls of the process were answered before this one. */
     int rank() const;
 
   private:
@@ -65,7 +65,7 @@ class PendingCall
 };
 
 /*
- * Has the bus and `service` answered everything that `peer` sent before? Waits until they have, by
- * an exchange that comes after; what has no answer then is being held.
+ * Waits until `service` has handled everything that `peer` sent before, by calling Ping and waiting
+ * for the answer. A call that is unanswered after that is being held.
  */
 void settle(GDBusConnection *peer, const std::string &service);
