@@ -23,7 +23,8 @@ struct Caller {
 };
 
 struct {
-    sd_bus *bus; /* held from the first check until the process ends */
+    sd_bus
+        *bus; /* held from the start until the process ends; if lost, the next check replaces it */
     std::array<Caller, CALLERS_MAX> callers;
     size_t next; /* index of the oldest entry, which the next caller replaces */
 } state;
@@ -33,7 +34,7 @@ bool connect_bus(GError **error)
     if (!platform_bus_is_open(state.bus)) {
         state.callers = {}; /* a restarted bus gives the same names to other clients */
     }
-    return platform_bus_hold(&state.bus, error);
+    return platform_bus_hold_lookup(&state.bus, error);
 }
 
 /* Reads uid and group ids from the bus driver's a{sv}. Returns a negative errno on failure. */
@@ -71,25 +72,38 @@ int read_credentials(sd_bus_message *reply, Caller *caller, bool *has_uid)
     return r;
 }
 
+/* Returns the text of an error reply, or of the errno `-r` if there is none. */
+const char *describe(sd_bus_message *reply, int r)
+{
+    const sd_bus_error *error = reply ? sd_bus_message_get_error(reply) : nullptr;
+    return error && error->message ? error->message : g_strerror(-r);
+}
+
 /* Asks the bus driver for the credentials of `sender`. */
 bool ask_bus(const char *sender, Caller *caller, GError **error)
 {
-    g_auto(sd_bus_error) fault = {};
+    g_autoptr(sd_bus_message) call = nullptr;
     g_autoptr(sd_bus_message) reply = nullptr;
     bool has_uid = false;
-    int r = sd_bus_call_method(state.bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                               "org.freedesktop.DBus", "GetConnectionCredentials", &fault, &reply,
-                               "s", sender);
+    int r = sd_bus_message_new_method_call(state.bus, &call, "org.freedesktop.DBus",
+                                           "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                           "GetConnectionCredentials");
+    if (r >= 0) {
+        r = sd_bus_message_append(call, "s", sender);
+    }
+    if (r >= 0) {
+        r = platform_bus_call(state.bus, call, &reply);
+    }
     if (r >= 0) {
         r = read_credentials(reply, caller, &has_uid);
     }
-    if (sd_bus_error_has_name(&fault, SD_BUS_ERROR_NAME_HAS_NO_OWNER)) {
+    if (reply && sd_bus_message_is_method_error(reply, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {
         g_set_error(error, PLATFORM_ERROR, ESRCH, "the caller '%s' has left the bus", sender);
         return false;
     }
     if (r < 0) {
         g_set_error(error, PLATFORM_ERROR, -r, "the bus did not identify the caller '%s': %s",
-                    sender, fault.message ? fault.message : g_strerror(-r));
+                    sender, describe(reply, r));
         return false;
     }
     if (!has_uid) {
@@ -125,7 +139,12 @@ const Caller *identify(const char *sender, GError **error)
 
 bool access_policy_init(GError **error)
 {
-    return access_policy_file_load(error);
+    if (!access_policy_file_load(error)) {
+        return false;
+    }
+    /* Opened now so that no caller has to wait for it. The next check reports a failure. */
+    connect_bus(nullptr);
+    return true;
 }
 
 bool access_policy_check(const char *sender, const char *action, GError **error)

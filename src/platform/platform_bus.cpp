@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 #include "platform_error.h"
 
@@ -13,17 +14,27 @@ uint64_t timeout_usec = UINT64_C(5000) * 1000;
 /* The most messages handled per turn of the loop. Other sources must run while a peer floods us. */
 constexpr unsigned MESSAGES_PER_TURN = 64;
 
+/* The default of libsystemd, which libsystemd does not make public. */
+constexpr const char *SYSTEM_BUS_ADDRESS = "unix:path=/run/dbus/system_bus_socket";
+
+struct Connection {
+    const char *owner; /* for the log */
+    sd_bus *bus;       /* one reference; null if there is no connection */
+    GSource *source;
+    unsigned holders;
+};
+
 struct BusSource {
     GSource base;
+    Connection *connection;
     sd_bus *bus; /* one reference */
     GPollFD poll;
 };
 
-struct {
-    sd_bus *bus; /* one reference; null if there is no connection */
-    GSource *source;
-    unsigned holders;
-} shared;
+Connection shared = {.owner = "platform", .bus = nullptr, .source = nullptr, .holders = 0};
+
+/* Exports nothing, so that strangers cannot delay its replies by calls. */
+Connection lookup = {.owner = "access policy", .bus = nullptr, .source = nullptr, .holders = 0};
 
 /*
  * Returns true if sd-bus has work that poll() does not show: a call that has timed out, or messages
@@ -69,22 +80,23 @@ gboolean bus_source_check(GSource *base)
     return source->poll.revents != 0 || is_due(source->bus, &timeout_ms);
 }
 
-/* Closes the shared connection. Its holders still have valid references to it. */
-void drop_shared()
+/* Closes the connection. Its holders still have valid references to it. */
+void drop(Connection *connection)
 {
-    g_source_destroy(shared.source);
-    g_source_unref(shared.source);
-    sd_bus_close(shared.bus); /* queued messages hold references, so unref alone may not close it */
-    sd_bus_unref(shared.bus);
-    shared = {};
+    g_source_destroy(connection->source);
+    g_source_unref(connection->source);
+    /* Queued messages hold references, so unref alone may not close it. */
+    sd_bus_close(connection->bus);
+    sd_bus_unref(connection->bus);
+    *connection = {.owner = connection->owner, .bus = nullptr, .source = nullptr, .holders = 0};
 }
 
-/* Logs that the shared connection was lost, and closes it. */
-void lose_shared(int reason)
+/* Logs that the connection was lost, and closes it. */
+void lose(Connection *connection, int reason)
 {
-    g_warning("%sThe platform's connection to the system bus was lost: %s.", "",
+    g_warning("%sThe %s's connection to the system bus was lost: %s.", "", connection->owner,
               g_strerror(reason));
-    drop_shared();
+    drop(connection);
 }
 
 gboolean bus_source_dispatch(GSource *base, GSourceFunc, gpointer)
@@ -98,7 +110,7 @@ gboolean bus_source_dispatch(GSource *base, GSourceFunc, gpointer)
         }
     }
     if (r < 0) {
-        lose_shared(-r);
+        lose(source->connection, -r);
         return G_SOURCE_REMOVE;
     }
     return G_SOURCE_CONTINUE;
@@ -115,10 +127,11 @@ GSourceFuncs bus_source_functions = {
     bus_source_finalize, nullptr,          nullptr,
 };
 
-GSource *bus_source_new(sd_bus *bus)
+GSource *bus_source_new(Connection *connection, sd_bus *bus)
 {
     GSource *base = g_source_new(&bus_source_functions, sizeof(BusSource));
     auto *source = reinterpret_cast<BusSource *>(base);
+    source->connection = connection;
     source->bus = sd_bus_ref(bus);
     source->poll.fd = sd_bus_get_fd(bus);
     g_source_add_poll(base, &source->poll);
@@ -126,8 +139,24 @@ GSource *bus_source_new(sd_bus *bus)
 }
 
 /*
- * Waits until the connection is ready for use. sd_bus_open_system() only starts the authentication,
- * and a bus that hangs never finishes it. Returns a negative errno on failure.
+ * Starts a connection to the system bus. Unlike sd_bus_open_system(), it accepts no file
+ * descriptors: the bus then refuses messages that carry some, so nobody can use up ours.
+ */
+int start_connection(sd_bus **bus)
+{
+    const char *address = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    int r = sd_bus_new(bus);
+    if (r < 0 || (r = sd_bus_set_address(*bus, address ? address : SYSTEM_BUS_ADDRESS)) < 0 ||
+        (r = sd_bus_set_bus_client(*bus, true)) < 0 ||
+        (r = sd_bus_negotiate_fds(*bus, false)) < 0) {
+        return r;
+    }
+    return sd_bus_start(*bus);
+}
+
+/*
+ * Waits until the connection is ready for use. sd_bus_start() only starts the authentication, and a
+ * bus that hangs never finishes it. Returns a negative errno on failure.
  */
 int wait_until_ready(sd_bus *bus)
 {
@@ -146,10 +175,10 @@ int wait_until_ready(sd_bus *bus)
     return r;
 }
 
-bool open_shared(GError **error)
+bool open(Connection *connection, GError **error)
 {
     sd_bus *bus = nullptr;
-    int r = sd_bus_open_system(&bus);
+    int r = start_connection(&bus);
     if (r >= 0) {
         r = wait_until_ready(bus);
     }
@@ -162,29 +191,58 @@ bool open_shared(GError **error)
         sd_bus_close_unref(bus);
         return false;
     }
-    shared.bus = bus;
-    shared.source = bus_source_new(bus);
-    g_source_attach(shared.source, nullptr);
+    connection->bus = bus;
+    connection->source = bus_source_new(connection, bus);
+    g_source_attach(connection->source, nullptr);
     return true;
+}
+
+bool hold(Connection *connection, sd_bus **bus, GError **error)
+{
+    if (platform_bus_is_open(*bus)) {
+        return true;
+    }
+    platform_bus_release(g_steal_pointer(bus));
+    if (connection->bus && !platform_bus_is_open(connection->bus)) {
+        lose(connection, ECONNRESET);
+    }
+    if (!connection->bus && !open(connection, error)) {
+        return false;
+    }
+    connection->holders++;
+    *bus = sd_bus_ref(connection->bus);
+    return true;
+}
+
+void release(Connection *connection)
+{
+    if (--connection->holders > 0) {
+        return;
+    }
+    if (platform_bus_is_open(connection->bus)) {
+        sd_bus_flush(connection->bus);
+        drop(connection);
+    } else {
+        lose(connection, ECONNRESET);
+    }
+}
+
+int on_reply(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    *static_cast<sd_bus_message **>(user_data) = sd_bus_message_ref(message);
+    return 1; /* so that sd_bus_process() reports progress, for a time-out too */
 }
 
 } // namespace
 
 bool platform_bus_hold(sd_bus **bus, GError **error)
 {
-    if (platform_bus_is_open(*bus)) {
-        return true;
-    }
-    platform_bus_release(g_steal_pointer(bus));
-    if (shared.bus && !platform_bus_is_open(shared.bus)) {
-        lose_shared(ECONNRESET);
-    }
-    if (!shared.bus && !open_shared(error)) {
-        return false;
-    }
-    shared.holders++;
-    *bus = sd_bus_ref(shared.bus);
-    return true;
+    return hold(&shared, bus, error);
+}
+
+bool platform_bus_hold_lookup(sd_bus **bus, GError **error)
+{
+    return hold(&lookup, bus, error);
 }
 
 bool platform_bus_is_open(sd_bus *bus)
@@ -197,15 +255,28 @@ void platform_bus_release(sd_bus *bus)
     if (!bus) {
         return;
     }
-    if (bus == shared.bus && --shared.holders == 0) {
-        if (platform_bus_is_open(bus)) {
-            sd_bus_flush(bus);
-            drop_shared();
-        } else {
-            lose_shared(ECONNRESET);
+    for (Connection *connection : {&shared, &lookup}) {
+        if (bus == connection->bus) {
+            release(connection);
+            break;
         }
     }
     sd_bus_unref(bus);
+}
+
+int platform_bus_call(sd_bus *bus, sd_bus_message *call, sd_bus_message **reply)
+{
+    sd_bus_slot *slot = nullptr;
+    *reply = nullptr;
+    int r = sd_bus_call_async(bus, &slot, call, on_reply, reply, 0);
+    while (r >= 0 && !*reply) {
+        r = sd_bus_process(bus, nullptr);
+        if (r == 0) {
+            r = sd_bus_wait(bus, UINT64_MAX); /* the time-out of the call ends it */
+        }
+    }
+    sd_bus_slot_unref(slot);
+    return *reply ? -sd_bus_message_get_errno(*reply) : r;
 }
 
 void platform_bus_set_timeout(uint64_t usec)

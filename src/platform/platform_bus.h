@@ -1,13 +1,16 @@
 #pragma once
 
 /*
- * The platform's connection to the system bus. The access policy, the events and the change notices
- * share it. The default main context serves it.
+ * The platform's connections to the system bus. The events and the change notices share one. The
+ * access policy has its own, on which nothing is exported: callers of the events cannot delay its
+ * questions to the bus. The default main context serves both.
+ *
+ * Neither connection accepts file descriptors.
  *
  * The daemon has its own code for bus connections. The platform must not use it: a device can build
  * parts of this platform into a library that knows nothing of the daemon.
  *
- * Main thread only. A forked child must not use the connection of its parent.
+ * Main thread only. A forked child must not use the connections of its parent.
  */
 
 #include <glib.h>
@@ -30,6 +33,9 @@ G_DEFINE_AUTO_CLEANUP_CLEAR_FUNC(sd_bus_error, sd_bus_error_free)
  */
 bool platform_bus_hold(sd_bus **bus, GError **error);
 
+/* Does the same with the connection of the access policy. */
+bool platform_bus_hold_lookup(sd_bus **bus, GError **error);
+
 /* Returns true if `bus` is not null and was not lost. */
 bool platform_bus_is_open(sd_bus *bus);
 
@@ -41,6 +47,13 @@ bool platform_bus_is_open(sd_bus *bus);
  * notices the loss.
  */
 void platform_bus_release(sd_bus *bus);
+
+/*
+ * Sends `call` and waits for its reply, which it stores in `*reply` for the caller to free; null if
+ * there was none. Returns 0 or a negative errno; that of an error reply, too. Messages that arrive
+ * before the reply are processed, so they do not pile up as they would in sd_bus_call().
+ */
+int platform_bus_call(sd_bus *bus, sd_bus_message *call, sd_bus_message **reply);
 
 /*
  * For the unit tests only: sets the time-out for opening a connection, and for calls on connections

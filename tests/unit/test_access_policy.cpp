@@ -16,7 +16,7 @@ namespace
 constexpr const char *ACTION = "com.vesk.Sonobrik.PlayClip";
 constexpr uid_t NOBODY = 65534;
 constexpr const char *LOST_LINE =
-    "The platform's connection to the system bus was lost: Connection reset by peer.";
+    "The access policy's connection to the system bus was lost: Connection reset by peer.";
 
 class AccessPolicy : public BusTest
 {
@@ -51,6 +51,13 @@ class AccessPolicy : public BusTest
     static std::string check(GDBusConnection *peer)
     {
         return check(g_dbus_connection_get_unique_name(peer));
+    }
+
+    static uint64_t count_queued(sd_bus *connection)
+    {
+        uint64_t count = 0;
+        EXPECT_GE(sd_bus_get_n_queued_read(connection, &count), 0);
+        return count;
     }
 
     /* Connects as another user; needs root. The bus refuses users that have no account. */
@@ -182,7 +189,7 @@ TEST_F(AccessPolicy, RefusesWhileTheBusDoesNotAnswerAndAsksAgainLater)
     bus.freeze();
     const std::string name = g_dbus_connection_get_unique_name(other);
     EXPECT_EQ(check(other),
-              "the bus did not identify the caller '" + name + "': Connection timed out");
+              "the bus did not identify the caller '" + name + "': Method call timed out");
     bus.thaw();
     EXPECT_EQ(check(other), "admitted");
 }
@@ -204,6 +211,52 @@ TEST_F(AccessPolicy, RemembersABoundedNumberOfCallers)
     for (GDBusConnection *peer : peers) {
         g_object_unref(peer);
     }
+}
+
+TEST_F(AccessPolicy, DoesNotReadWhatIsSentToTheEvents)
+{
+    init(policy_for_me());
+    sd_bus *events = nullptr;
+    ASSERT_TRUE(platform_bus_hold(&events, nullptr));
+    int received = 0;
+    const auto count = [](sd_bus_message *, void *data, sd_bus_error *) {
+        ++*static_cast<int *>(data);
+        return 0;
+    };
+    sd_bus_slot *slot = nullptr;
+    ASSERT_GE(sd_bus_add_filter(events, &slot, count, &received), 0);
+    bus.freeze();
+    const char *name = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(events, &name), 0);
+    for (int i = 0; i < 100; i++) {
+        ASSERT_TRUE(
+            g_dbus_connection_emit_signal(stranger, name, "/a", "a.b", "C", nullptr, nullptr));
+    }
+    bus.thaw();
+    EXPECT_EQ(check(stranger), "admitted");
+    EXPECT_EQ(received, 0);
+    EXPECT_EQ(count_queued(events), 0U);
+    sd_bus_slot_unref(slot);
+    platform_bus_release(events);
+}
+
+TEST_F(AccessPolicy, DropsWhatArrivesBeforeTheReply)
+{
+    init(policy_for_me());
+    sd_bus *lookup = nullptr;
+    ASSERT_TRUE(platform_bus_hold_lookup(&lookup, nullptr));
+    bus.freeze();
+    const char *name = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(lookup, &name), 0);
+    for (int i = 0; i < 100; i++) {
+        ASSERT_TRUE(
+            g_dbus_connection_emit_signal(stranger, name, "/a", "a.b", "C", nullptr, nullptr));
+    }
+    ASSERT_TRUE(g_dbus_connection_flush_sync(stranger, nullptr, nullptr));
+    bus.thaw();
+    EXPECT_EQ(check(stranger), "admitted");
+    EXPECT_EQ(count_queued(lookup), 0U);
+    platform_bus_release(lookup);
 }
 
 TEST_F(AccessPolicy, RefusesWithoutABusAndRecoversWithIt)

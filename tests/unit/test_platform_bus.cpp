@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <gio/gunixfdlist.h>
 #include <thread>
 
 #include "impatient.h"
@@ -188,6 +189,22 @@ TEST_F(PlatformBus, LetsOtherSourcesRunWhileItIsFlooded)
     EXPECT_LT(served, 100);
     EXPECT_TRUE(run_until([&] { return pongs == 120; }));
     sd_bus_slot_unref(slot);
+    platform_bus_release(connection);
+}
+
+TEST_F(PlatformBus, AcceptsNoFileDescriptors)
+{
+    sd_bus *connection = hold();
+    g_autoptr(GUnixFDList) files = g_unix_fd_list_new();
+    ASSERT_GE(g_unix_fd_list_append(files, 0, nullptr), 0);
+    g_autoptr(GDBusMessage) message = g_dbus_message_new_method_call(
+        unique_name(connection).c_str(), "/", "org.freedesktop.DBus.Peer", "Ping");
+    g_dbus_message_set_body(message, g_variant_new("(h)", 0));
+    g_dbus_message_set_unix_fd_list(message, files);
+    g_autoptr(GDBusMessage) reply = g_dbus_connection_send_message_with_reply_sync(
+        stranger, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, 9000, nullptr, nullptr, nullptr);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_STREQ(g_dbus_message_get_error_name(reply), "org.freedesktop.DBus.Error.NotSupported");
     platform_bus_release(connection);
 }
 
