@@ -24,16 +24,22 @@ bool fail(int number, int r)
     return false;
 }
 
+/* The next update opens the connection again. */
+void on_lost(sonobrik_dbus *conn)
+{
+    g_warning("%sThe connection to the on-screen controls was lost.", "");
+    sonobrik_dbus_teardown(conn);
+}
+
 bool connect_to_bus()
 {
     if (connection.bus && sd_bus_is_open(connection.bus) <= 0) {
-        sonobrik_dbus_teardown(&connection); /* lost, and the main loop has not noticed yet */
+        on_lost(&connection); /* the main loop has not noticed yet */
     }
     if (connection.bus) {
         return true;
     }
-    if (sd_bus_open_system(&connection.bus) < 0 ||
-        !sonobrik_dbus_attach(&connection, sonobrik_dbus_teardown)) {
+    if (sd_bus_open_system(&connection.bus) < 0 || !sonobrik_dbus_attach(&connection, on_lost)) {
         log_error("%sFailed to connect to the system bus.", "");
         sonobrik_dbus_teardown(&connection);
         return false;

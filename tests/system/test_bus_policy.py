@@ -1,10 +1,11 @@
 """The installed bus policy: who may own the daemon's names and send messages to them."""
 
+import concurrent.futures
 import itertools
 import xml.etree.ElementTree as ElementTree
 
 import pytest
-from sandbox import LEGACY, PLAYBACK, Player, Sandbox, Store, clips
+from sandbox import LEGACY, PLAYBACK, Player, Sandbox, Store, clips, wait_until
 from sandbox.controls import Controls
 from sandbox.installation import User, allow_peer, find_id, send_as
 from sandbox.store import fence_changes, subscribe_changes
@@ -167,7 +168,8 @@ def test_the_policy_lists_every_legacy_method(box, installation):
     assert methods == {*READING, *CHANGING}
     policy = ElementTree.parse(installation.find("usr/share/dbus-1/system.d/*.conf"))
     for who in ("policy[@user='root']", "policy[@group='sonobrik-config']"):
-        assert {allow.get("send_member") for allow in policy.findall(f"{who}/allow")} == methods
+        assert {allow.get("send_member")
+                for allow in policy.findall(f"{who}/allow[@send_member]")} == methods
 
 
 # What works under the policy
@@ -200,6 +202,45 @@ def test_it_plays_and_stores_and_sends_signals(served):
     assert store.call("GetConfigurationEntry", "(is)", number, "Name") == ("Name", "Bell")
     fence_changes(box.bus)
     assert [notice.args[3] for notice in notices] == [f"/com/vesk/Sonobrik/{number}"]
+
+
+# Prints the paths of the clips that change notices announce, until a signal named End arrives.
+LISTENER = """
+from gi.repository import Gio, GLib
+flags = (Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+         | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION)
+bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags)
+loop = GLib.MainLoop()
+
+def receive(_connection, _sender, _path, _interface, member, args):
+    if member == "End":
+        loop.quit()
+    else:
+        print(args.unpack()[3], flush=True)
+
+for interface in ("com.vesk.ConfigurationChanges1", "com.vesk.Test"):
+    bus.signal_subscribe(None, interface, None, None, None, 0, receive)
+bus.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+              None, None, 0, 20000)
+open("/tmp/listening", "w").close()
+loop.run()
+"""
+
+
+@pytest.mark.parametrize("who, is_told", [
+    ("root", True), ("audio", True), ("config", True), ("stranger", False)])
+def test_a_change_notice_reaches_only_those_who_may_list_the_clips(box, users, who, is_told):
+    (box.folder / "tmp/listening").unlink(missing_ok=True)
+    with concurrent.futures.ThreadPoolExecutor() as threads:
+        listener = threads.submit(box.run, ["/usr/bin/python3", "-c", LISTENER],
+                                  **users[who].options)
+        wait_until(lambda: (box.folder / "tmp/listening").exists() or listener.done(), 20,
+                   "the listener has subscribed")
+        number = Store(box).add_clip("/etc/audioclips/a.wav", "Door")
+        fence_changes(box.bus)
+        box.bus.emit("/com/vesk/Test", "com.vesk.Test", "End")
+        told = listener.result(20).stdout.split()
+    assert told == ([f"/com/vesk/Sonobrik/{number}"] if is_told else [])
 
 
 def test_it_receives_device_signals(served):

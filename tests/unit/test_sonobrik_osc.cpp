@@ -232,6 +232,7 @@ TEST_F(SonobrikOsc, LostConnectionIsOpenedAgainByTheNextUpdate)
     shutdown(sd_bus_get_fd(calls.opened), SHUT_RDWR);
     EXPECT_TRUE(run_until([this] { return calls.count("sd_bus_flush_close_unref") == 1; }));
     EXPECT_TRUE(sonobrik_osc_update());
+    expect_log(G_LOG_LEVEL_WARNING, "The connection to the on-screen controls was lost.");
     EXPECT_EQ(controls.callers().size(), 2U);
     expect_no_log();
 }
@@ -244,6 +245,7 @@ TEST_F(SonobrikOsc, UpdateNoticesALossThatTheLoopHasNotSeen)
     EXPECT_FALSE(sonobrik_osc_update());
     expect_failure(135, "Connection reset by peer");
     EXPECT_TRUE(sonobrik_osc_update());
+    expect_log(G_LOG_LEVEL_WARNING, "The connection to the on-screen controls was lost.");
     EXPECT_EQ(controls.callers().size(), 2U);
 }
 
