@@ -126,6 +126,21 @@ TEST_F(AudioClipOptions, EmptyTextIsRefused)
     expect_refused("", G_LOG_LEVEL_WARNING, "Failed to acquire option hash.");
 }
 
+TEST_F(AudioClipOptions, TextOf64KiBIsRead)
+{
+    std::string text = "location=x&other=";
+    text.resize(65536, 'y');
+    EXPECT_EQ(location_of(text.c_str()), "x");
+    expect_no_log();
+}
+
+TEST_F(AudioClipOptions, LongerTextIsRefused)
+{
+    std::string text = "location=x&other=";
+    text.resize(65537, 'y');
+    expect_refused(text.c_str(), G_LOG_LEVEL_WARNING, "Failed to acquire option hash.");
+}
+
 TEST_F(AudioClipOptions, RefusedTextWritesNothing)
 {
     EXPECT_FALSE(request.parse("location=x&location=y"));
