@@ -110,6 +110,27 @@ GstStateChangeReturn set_to_null_in_time(GstElement *pipeline)
                   : GST_STATE_CHANGE_ASYNC;
 }
 
+void log_stream_error(GstMessage *message)
+{
+    g_autoptr(GError) error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    log_error("%sError received from element '%s': %s", "", GST_MESSAGE_SRC_NAME(message),
+              error->message);
+}
+
+/*
+ * Logs the error that the bus watch has not read yet, if there is one. The null state drops it.
+ * Later errors follow from the first one and do not name the cause.
+ */
+void log_unread_error(GstElement *pipeline)
+{
+    g_autoptr(GstBus) bus = gst_element_get_bus(pipeline);
+    g_autoptr(GstMessage) message = bus ? gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR) : nullptr;
+    if (message) {
+        log_stream_error(message);
+    }
+}
+
 /*
  * Stops and releases the pipeline; keeps one that cannot be stopped. May block for
  * STATE_CHANGE_TIMEOUT. The caller holds `state_lock`, except in audio_clip_unref().
@@ -117,6 +138,7 @@ GstStateChangeReturn set_to_null_in_time(GstElement *pipeline)
 void audio_clip_stop_pipeline(AudioClip *clip, bool exit_on_failure)
 {
     if (clip->pipeline) {
+        log_unread_error(clip->pipeline);
         const GstStateChangeReturn result = set_to_null_in_time(clip->pipeline);
         if (result == GST_STATE_CHANGE_ASYNC) {
             g_warning("%sIt took too long to set the pipeline to GST_STATE_NULL.", "");
@@ -162,7 +184,7 @@ bool start_stop_timer(AudioClip *clip)
     return added;
 }
 
-gboolean audio_clip_on_bus_message(GstBus *, GstMessage *message, gpointer user_data)
+gboolean audio_clip_on_bus_message(GstBus *bus, GstMessage *message, gpointer user_data)
 {
     auto *clip = static_cast<AudioClip *>(user_data);
     switch (GST_MESSAGE_TYPE(message)) {
@@ -171,14 +193,12 @@ gboolean audio_clip_on_bus_message(GstBus *, GstMessage *message, gpointer user_
             audio_clip_stop(clip, nullptr);
         }
         return G_SOURCE_REMOVE;
-    case GST_MESSAGE_ERROR: {
-        g_autoptr(GError) error = nullptr;
-        gst_message_parse_error(message, &error, nullptr);
-        log_error("%sError received from element '%s': %s", "", GST_MESSAGE_SRC_NAME(message),
-                  error->message);
+    case GST_MESSAGE_ERROR:
+        log_stream_error(message);
+        /* Drops the errors that follow from this one. */
+        gst_bus_set_flushing(bus, TRUE);
         audio_clip_stop(clip, nullptr);
         return G_SOURCE_REMOVE;
-    }
     default:
         return G_SOURCE_CONTINUE;
     }

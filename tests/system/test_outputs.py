@@ -150,13 +150,21 @@ def test_an_output_that_is_removed_while_the_daemon_runs_is_refused(sandbox, ser
 # Sound cards that misbehave
 
 
-@pytest.mark.parametrize("trouble", ["busy", "gone"])
+OPEN_ERRORS = {
+    "busy": "Could not open audio device for playback. Device is being used by another application.",
+    "gone": "Could not open audio device for playback.",
+}
+
+
+@pytest.mark.parametrize("trouble", OPEN_ERRORS)
 def test_a_card_that_cannot_be_opened_is_told_and_forgotten(sandbox, serve, clip, trouble):
     player = serve("audiosink0")
     sandbox.card(0).set_trouble(trouble)
     for method in ("PlayClip", "StartPlayingClip"):
         for _ in range(2):
             assert player.fail(method, clip.location) == CANNOT_PLAY
+    assert sandbox.daemon.texts == START + [
+        f"error: Error received from element 'alsasink': {OPEN_ERRORS[trouble]}"] * 4
     assert player.call("StopPlayingClip") == "OK"
     player.fence()
     assert player.events == []

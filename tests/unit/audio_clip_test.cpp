@@ -250,10 +250,15 @@ bool AudioClipTest::pipeline_released()
     return run_until([this] { return !fakes.pipeline; });
 }
 
-void AudioClipTest::post(GstMessage *message)
+void AudioClipTest::queue(GstMessage *message)
 {
     g_autoptr(GstBus) bus = gst_element_get_bus(fakes.pipeline);
     gst_bus_post(bus, message);
+}
+
+void AudioClipTest::post(GstMessage *message)
+{
+    queue(message);
     run_pending_sources();
 }
 

@@ -104,6 +104,9 @@ class AudioClipTest : public LogTest
     /* Returns true once the pipeline has been released. */
     bool pipeline_released();
 
+    /* Posts a message on the bus of the pipeline. */
+    void queue(GstMessage *message);
+
     /* Posts a message on the bus of the pipeline and runs the sources that are ready. */
     void post(GstMessage *message);
 

@@ -245,6 +245,8 @@ TEST_F(AudioClipPlayback, RefusesAFileThatIsGone)
 {
     fakes.uris = {"file:///nonexistent/clip.wav"};
     EXPECT_EQ(start(), "Error playing clip: Could not set receive pipeline to playing..");
+    expect_log(LOG_LEVEL_ERROR, "Error received from element 'source': Resource not found.");
+    expect_no_log();
     EXPECT_TRUE(run_until([] { return stand_in_sink_count() == 0; }));
     EXPECT_FALSE(audio_clip_is_active(clip));
 }

@@ -348,6 +348,44 @@ TEST_F(AudioClipBus, StopsAtOnceAfterAStreamError)
     clear_log();
 }
 
+TEST_F(AudioClipBus, LogsOnlyTheFirstOfSeveralStreamErrors)
+{
+    start_playing();
+    queue(stream_error(fakes.pipeline, "Broken."));
+    post(stream_error(fakes.pipeline, "Internal data stream error."));
+    expect_log(LOG_LEVEL_ERROR, "Error received from element 'play audio clip': Broken.");
+    expect_no_log();
+    expect_stopped();
+}
+
+TEST_F(AudioClipStop, LogsAStreamErrorThatTheWatchHasNotRead)
+{
+    start_playing();
+    queue(stream_error(fakes.pipeline, "Broken."));
+    audio_clip_stop(clip, nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Error received from element 'play audio clip': Broken.");
+    expect_no_log();
+    expect_stopped();
+}
+
+TEST_F(AudioClipBus, LogsAStreamErrorAfterTheEndOfTheStream)
+{
+    start_playing();
+    fakes.timers_expire_at_once = true;
+    queue(end_of_stream(fakes.pipeline));
+    post(stream_error(fakes.pipeline, "Broken."));
+    expect_log(LOG_LEVEL_ERROR, "Error received from element 'play audio clip': Broken.");
+    expect_stopped();
+}
+
+TEST_F(AudioClipUnref, LogsAStreamErrorThatTheWatchHasNotRead)
+{
+    start_playing();
+    queue(stream_error(fakes.pipeline, "Broken."));
+    audio_clip_unref(g_steal_pointer(&clip));
+    expect_log(LOG_LEVEL_ERROR, "Error received from element 'play audio clip': Broken.");
+}
+
 TEST_F(AudioClipBus, IgnoresOtherMessages)
 {
     start_playing();
