@@ -27,7 +27,8 @@ bool sonobrik_group_conf_valid_group_index(gint32 index);
 char *sonobrik_group_conf_get_file_path(gint32 index);
 
 /*
- * Returns the index in the path of a record's file, or -1 with a warning. The index is not compared
+ * Returns the index in the path of a record's file, or -1 with a warning. The path must be the one
+ * that is built from the index: "M007.json" and "M+7.json" have no index. The index is not compared
  * with the bound.
  */
 gint32 sonobrik_group_conf_get_param_index(const char *path);

@@ -1,5 +1,6 @@
 #include "sonobrik_group_conf.h"
 
+#include <cstring>
 #include <string>
 
 #include "file_utils.h"
@@ -21,6 +22,11 @@ const char *group_directory = SONOBRIK_GROUP_DIRECTORY;
  * parameter is then read on every call, and no index is valid.
  */
 gint32 max_group_index = NOT_KNOWN;
+
+char *build_path(gint32 index)
+{
+    return g_strdup_printf("%s/M%d.json", group_directory, index);
+}
 
 /* Reads the parameter and caches the highest valid index. Returns false if it cannot be read. */
 bool read_max_group_index()
@@ -59,7 +65,7 @@ char *sonobrik_group_conf_get_file_path(gint32 index)
         g_warning("%s%s invalid index '%d'", "", "sonobrik_group_conf_get_file_path", index);
         return nullptr;
     }
-    return g_strdup_printf("%s/M%d.json", group_directory, index);
+    return build_path(index);
 }
 
 gint32 sonobrik_group_conf_get_param_index(const char *path)
@@ -67,10 +73,16 @@ gint32 sonobrik_group_conf_get_param_index(const char *path)
     gint32 index = -1;
     const std::string prefix = std::string(group_directory) + "/M";
     g_autofree char *text = util_str_extract(path, prefix.c_str(), ".json");
-    if (!util_str_to_int(text, &index)) {
-        g_warning("%sCould not obtain parameter index from '%s'", "", text);
+    if (util_str_to_int(text, &index)) {
+        /* A record with the index of "M007.json" would be saved to "M7.json", another clip's file.
+         */
+        g_autofree char *own_path = build_path(index);
+        if (strcmp(own_path, path) == 0) {
+            return index;
+        }
     }
-    return index;
+    g_warning("%sCould not obtain parameter index from '%s'", "", text);
+    return -1;
 }
 
 GSList *sonobrik_group_conf_get_param_file_list()

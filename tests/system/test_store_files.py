@@ -59,6 +59,9 @@ BROKEN = {
     "M-1.json": (PLAIN, [NO_INDEX]),
     "M99999999999.json": (PLAIN, [
         "warning: Could not obtain parameter index from '99999999999'", NO_INDEX]),
+    # The number leads to another file.
+    "M030.json": (PLAIN, ["warning: Could not obtain parameter index from '030'", NO_INDEX]),
+    "M+30.json": (PLAIN, ["warning: Could not obtain parameter index from '+30'", NO_INDEX]),
     # The name is not UTF-8.
     "M\udcff\udcf0.json": (PLAIN, [
         "warning: Could not obtain parameter index from '\\xff\\xf0'", NO_INDEX]),
@@ -222,6 +225,25 @@ def test_a_clip_beyond_the_bound_is_listed_but_not_changed(sandbox, store):
         f"warning: Failed to create metadata for clip at location: {clip.path}",
         f"error: Could not obtain metadata for clip at location: {clip.path}"]
     assert store.read(100) == record
+
+
+@pytest.mark.parametrize("name", ["M007.json", "M+7.json", "M07.json"])
+def test_a_copy_of_a_clip_under_another_spelling_of_its_number_is_not_a_clip(sandbox, store, name):
+    clip = sandbox.write_clip("door.wav", [1] * 2400)
+    store.write("M7.json", write_record("/etc/audioclips/missing.wav", "Seven", "audio"))
+    store.write(name, write_record(clip.path, "Copy", "audio"))
+    kept = {file: (store.folder / file).read_text() for file in ("M7.json", name)}
+    path = f"{FOLDER}/{name}"
+    log = [f"warning: Could not obtain parameter index from '{name[1:-5]}'",
+           NO_INDEX.format(path), NOT_LISTED.format(path)]
+    assert store.get_metadata() == "[]"
+    assert [line for line in store.take_log() if "missing.wav" not in line] == log
+    assert {file: (store.folder / file).read_text() for file in store.list()} == kept
+    assert store.call("GetConfigurations") == (
+        {7: {"Location": "/etc/audioclips/missing.wav", "Name": "Seven", "Type": "audio"}},)
+    assert store.take_log() == log
+    assert store.call("RemoveConfiguration", "(i)", 7) == ()
+    assert store.list() == [name]
 
 
 # Strings that a file may contain but D-Bus cannot transmit

@@ -234,6 +234,18 @@ TEST_F(GroupConf, PathWithoutANumberHasNoIndex)
     expect_no_log();
 }
 
+TEST_F(GroupConf, PathThatItsNumberDoesNotLeadBackToHasNoIndex)
+{
+    for (const char *number : {"007", "+7", "-0", "-07", "00"}) {
+        const std::string path =
+            std::string("/etc/dynamic/sonobrik/clip_data/M") + number + ".json";
+        EXPECT_EQ(sonobrik_group_conf_get_param_index(path.c_str()), -1);
+        expect_log(G_LOG_LEVEL_WARNING,
+                   std::string("Could not obtain parameter index from '") + number + "'");
+    }
+    expect_no_log();
+}
+
 TEST_F(GroupConf, PathOfAnotherFileHasNoIndex)
 {
     for (const char *path :
