@@ -96,6 +96,10 @@ class Process:
         """Returns the host's path of the folder that the program sees as `path`."""
         return pathlib.Path(f"/proc/{self.pid}/root{path}")
 
+    def count_descriptors(self):
+        """Returns the number of file descriptors that the program has open."""
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
     def pause(self):
         """Suspends the program until go_on(). What is sent to it meanwhile arrives at once then."""
         os.kill(self.pid, signal.SIGSTOP)
