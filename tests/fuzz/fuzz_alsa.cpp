@@ -1,11 +1,18 @@
 /* Fuzzes the reading of the ALSA configuration, which an administrator writes. */
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdlib>
 #include <glib.h>
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
+
+/* The header declares snd_lib_error_set_local() without extern "C". */
+extern "C" {
+#include <alsa/error.h>
+}
+#include <alsa/asoundlib.h>
 
 #include "alsa_files.h"
 #include "fuzz_input.h"
@@ -36,6 +43,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     return 0;
 }
 
+static void ignore_complaint(const char *, int, const char *, int, const char *, va_list) {}
+
 /* Returns the number, which must be written without a sign or a leading zero. */
 static int check_number(const char *text)
 {
@@ -61,6 +70,44 @@ static void check_devices(AudioDevice **devices)
     }
 }
 
+/*
+ * Returns true if an entry "@hooks" of the tree is not a list. alsa-lib then aborts every program
+ * that reads the configuration, when it finds a device or opens one.
+ */
+static bool has_scalar_hooks(snd_config_t *node)
+{
+    snd_config_iterator_t position;
+    snd_config_iterator_t next;
+    snd_config_for_each(position, next, node)
+    {
+        snd_config_t *entry = snd_config_iterator_entry(position);
+        const char *id = nullptr;
+        const bool is_list = snd_config_get_type(entry) == SND_CONFIG_TYPE_COMPOUND;
+        const bool is_hooks = snd_config_get_id(entry, &id) >= 0 && g_strcmp0(id, "@hooks") == 0;
+        if (is_list ? has_scalar_hooks(entry) : is_hooks) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Returns true if alsa-lib can read the file without aborting, or refuses it. */
+static bool is_safe(const std::string &file)
+{
+    g_autofree char *text = nullptr;
+    gsize size = 0;
+    snd_config_t *root = nullptr;
+    g_assert(g_file_get_contents(file.c_str(), &text, &size, nullptr));
+    const snd_local_error_handler_t previous = snd_lib_error_set_local(ignore_complaint);
+    const bool is_parsed = snd_config_load_string(&root, text, size) >= 0;
+    snd_lib_error_set_local(previous);
+    const bool is_safe = !is_parsed || !has_scalar_hooks(root);
+    if (is_parsed) {
+        snd_config_delete(root);
+    }
+    return is_safe;
+}
+
 /* An input is the top-level file; after a zero byte comes the second file. */
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -69,6 +116,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t next = std::min(end + 1, size);
     fuzz_input_write(main_file, data, end);
     fuzz_input_write(second_file, data + next, size - next);
+
+    if (!is_safe(main_file) || !is_safe(second_file)) {
+        return 0;
+    }
 
     const AlsaFiles files = alsa_files_find();
     g_assert(files.stamps.contains(main_file));
