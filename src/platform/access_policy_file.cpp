@@ -15,7 +15,7 @@
 namespace
 {
 
-const char *access_file = "/etc/vesk/access.conf";
+const char *access_file = SONOBRIK_SYSCONFDIR "/vesk/access.conf";
 
 constexpr const char *USERS_KEY = "users";
 constexpr const char *GROUPS_KEY = "groups";

@@ -8,7 +8,7 @@
 #include "config_file.h"
 #include "param_file.h"
 
-static const char *parameters_file = "/etc/vesk/parameters.conf";
+static const char *parameters_file = SONOBRIK_SYSCONFDIR "/vesk/parameters.conf";
 
 /* Removes blanks at both ends. A carriage return is a blank too: Windows editors end lines with it.
  */

@@ -22,7 +22,7 @@ CHANGING = ("AddConfiguration", "RemoveConfiguration", "SetConfigurationEntry", 
 # Arguments that no method accepts, so a call that the bus allows changes nothing.
 WRONG = ("(d)", (0.5,))
 
-USERS = ("root", "stranger", "audio", "config")
+USERS = ("root", "stranger", "audio", "play", "config")
 
 pytestmark = pytest.mark.needs_root
 
@@ -45,9 +45,10 @@ def start(box, installation, extra=""):
 
 @pytest.fixture(scope="module")
 def users(box):
-    audio, config = (find_id(box, "group", name) for name in ("audio", "sonobrik-config"))
+    audio, play, config = (find_id(box, "group", name)
+                           for name in ("audio", "sonobrik-play", "sonobrik-config"))
     return {"root": User(0), "stranger": User(65534), "audio": User(1, (audio,)),
-            "config": User(2, (config,)), "daemon": User(find_id(box, "passwd", "sonobrik"))}
+            "play": User(3, (play,)), "config": User(2, (config,)), "daemon": User(find_id(box, "passwd", "sonobrik"))}
 
 
 def make_calls(destinations, interface, members, path):
@@ -104,7 +105,8 @@ def test_nobody_may_set_properties(box, users, who):
 @pytest.mark.parametrize("who, open_members", [
     ("root", [*READING, *CHANGING]),
     ("config", [*READING, *CHANGING]),
-    ("audio", [*READING]),
+    ("play", [*READING]),
+    ("audio", []),
     ("stranger", []),
 ])
 def test_the_legacy_interface_is_open_by_group(box, users, who, open_members):

@@ -124,8 +124,8 @@ def guarded(sandbox):
 def test_a_call_that_the_bus_denies_says_who_is_allowed(guarded):
     for words in (["list"], ["play", "0"], ["remove", "--yes", "0"]):
         assert guarded.fail(4, *words) == [
-            "permission denied: only root and members of groups 'audio', 'sonobrik-config' may "
-            "list clips", NEXT_LOGIN]
+            "permission denied: only root and members of groups 'sonobrik-play', "
+            "'sonobrik-config' may list clips", NEXT_LOGIN]
     assert guarded.fail(4, "sync") == [
         "permission denied: only root and members of group 'sonobrik-config' may change clips",
         NEXT_LOGIN]

@@ -13,7 +13,7 @@ from sandbox.installation import find_id
 SERVICES = (PLAYBACK[0], LEGACY[0])
 
 FOLDERS = {
-    "audioclips": ("sonobrik", "sonobrik-config", 0o2775),
+    "audioclips": ("root", "sonobrik-config", 0o2775),
     "dynamic": ("root", "root", 0o755),
     "dynamic/sonobrik": ("root", "root", 0o755),
     "dynamic/sonobrik/clip_data": ("sonobrik", "sonobrik", 0o755),
@@ -55,12 +55,12 @@ def box(tmp_path, build_dir, cache):
 
 
 @pytest.mark.needs_root
-def test_the_user_is_in_audio_and_the_configuration_group_is_empty(box, installation):
+def test_the_user_is_in_audio_and_the_groups_are_empty(box, installation):
     installation.make_users(box)
     groups = [line.split(":") for line in (box.etc / "group").read_text().splitlines()]
     members = {group[0]: group[3].split(",") for group in groups}
     assert "sonobrik" in members["audio"]
-    assert members["sonobrik-config"] == [""]
+    assert members["sonobrik-play"] == members["sonobrik-config"] == [""]
     user, = [line.split(":") for line in (box.etc / "passwd").read_text().splitlines()
              if line.startswith("sonobrik:")]
     assert int(user[3]) == find_id(box, "group", "sonobrik")

@@ -6,7 +6,7 @@
 namespace
 {
 
-const char *access_file = "/etc/vesk/access.conf";
+const char *access_file = SONOBRIK_SYSCONFDIR "/vesk/access.conf";
 
 /* Returns the most specific section of the policy file for `action`, or an empty string. */
 std::string find_section(GKeyFile *policy, std::string action)

@@ -87,7 +87,7 @@ void explain_create(const std::string &path)
     }
     ctl_error("cannot write '%s': %s", path.c_str(), g_strerror(errno));
     if (errno == EACCES) {
-        ctl_error("only root and members of group 'sonobrik-config' may write there");
+        ctl_error("only root and members of group '" SONOBRIK_CONFIG_GROUP "' may write there");
     }
 }
 

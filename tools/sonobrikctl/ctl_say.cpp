@@ -34,8 +34,9 @@ void explain_denied(const CtlCall *call)
     if (call->interface == &CLIENT_LEGACY) {
         ctl_error("permission denied: only root and members of %s",
                   is_method(call, "GetConfigurations")
-                      ? "groups 'audio', 'sonobrik-config' may list clips"
-                      : "group 'sonobrik-config' may change clips");
+                      ? "groups '" SONOBRIK_PLAY_GROUP "', '" SONOBRIK_CONFIG_GROUP
+                        "' may list clips"
+                      : "group '" SONOBRIK_CONFIG_GROUP "' may change clips");
         ctl_error("just added to the group? log out and back in");
         return;
     }

@@ -1,15 +1,12 @@
 """A web server in the sandbox that runs sonobrik.cgi."""
 
 import dataclasses
-import pathlib
 import shutil
 import socket
 import subprocess
 
 from .process import SANITIZER_REPORT
 from .wait import wait_until
-
-ROOT = pathlib.Path(__file__).resolve().parents[3]
 
 PROGRAM = "/usr/libexec/vesk-cgi/sonobrik.cgi"
 PATH = "/vesk-cgi/sonobrik.cgi"
@@ -77,7 +74,7 @@ class Web:
         return check.stderr
 
     def _read_shipped(self, server):
-        text = (ROOT / "data" / server / "sonobrik.conf").read_text()
+        text = (self._sandbox.build_dir / "data" / server / "sonobrik.conf").read_text()
         return text.replace(PROGRAM, "/run/build/tools/cgi/sonobrik.cgi")
 
     def _write(self, name, text):
