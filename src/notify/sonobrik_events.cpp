@@ -220,4 +220,5 @@ void sonobrik_events_set_file(const char *file_name, gint32 audio_output, gint32
     request->output = {audio_output, audio_device_id, audio_output_id};
     g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, event_set_file_mainloop, request,
                     event_file_request_free);
+    /* cppcheck-suppress memleak ; the idle source owns the request */
 }

@@ -137,7 +137,7 @@ static void add_includes(AlsaFiles *files, std::string_view text)
             name.erase(0, strlen("confdir:"));
         }
         if (!name.starts_with('/')) {
-            name = std::string(snd_config_topdir()) + '/' + name;
+            name.insert(0, std::string(snd_config_topdir()) + '/');
         }
         add_path(files, name);
     }

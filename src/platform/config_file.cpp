@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 /* A configuration file has a few lines. A larger file is a mistake and must not fill the memory. */
-static constexpr size_t MAX_SIZE = 1024 * 1024;
+static constexpr size_t MAX_SIZE = size_t{1024} * 1024;
 
 static gint64 in_nsec(const struct timespec &time)
 {

@@ -103,6 +103,7 @@ std::vector<CgiValues> list_repeats(const CgiRequest &request)
 {
     const gint64 chosen = request.repeat == CLIENT_NOT_GIVEN ? 0 : request.repeat;
     std::vector<CgiValues> choices;
+    choices.reserve(std::size(REPEATS));
     for (const Repeat &repeat : REPEATS) {
         choices.push_back(
             make_choice(std::to_string(repeat.value), repeat.text, chosen == repeat.value));

@@ -43,7 +43,7 @@ std::string client_policy_describe(const char *method)
     if (section.empty()) {
         return "";
     }
-    const std::string users = list_names(policy, section, "users", "");
+    std::string users = list_names(policy, section, "users", "");
     const std::string groups = list_names(policy, section, "groups", "'");
     if (groups.empty()) {
         return users;

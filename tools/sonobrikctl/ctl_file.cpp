@@ -220,7 +220,7 @@ std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
         look_up_groups(user, &gids);
     }
     const std::string name = user ? user->pw_name : std::to_string(uid);
-    const std::string reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
+    std::string reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
     if (reason.empty() && is_hidden(path)) {
         return "the daemon cannot see /home or /tmp (systemd sandbox); put clips under "
                "/etc/audioclips";
