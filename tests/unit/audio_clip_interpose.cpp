@@ -3,6 +3,7 @@
  * Calls that do not concern the player's own pipeline go on to the library.
  */
 
+#include <atomic>
 #include <dlfcn.h>
 
 #include "audio_clip_test.h"
@@ -20,11 +21,13 @@ bool is_pipeline(gpointer object)
     return object && object == audio_clip_fakes().pipeline.load();
 }
 
-/* The player's two locks by address. */
+typedef std::atomic<const GMutex *> LockAddress;
+
+/* The player's two locks by address. Threads of libraries compare them with locks of their own. */
 struct Locks {
-    const GMutex *state;
-    const GMutex *request;
-    const GMutex **next; /* where the next unknown lock goes; null: nowhere */
+    LockAddress state;
+    LockAddress request;
+    std::atomic<LockAddress *> next; /* where the next unknown lock goes; null: nowhere */
 } locks;
 
 const char *lock_name(const GMutex *mutex)
@@ -55,7 +58,8 @@ void forget_element(gpointer made, GObject *released)
 
 void audio_clip_learn_locks(AudioClip *clip)
 {
-    locks = {};
+    locks.state = nullptr;
+    locks.request = nullptr;
     locks.next = &locks.state;
     audio_clip_is_active(clip);
     locks.next = &locks.request;
@@ -66,8 +70,9 @@ void audio_clip_learn_locks(AudioClip *clip)
 void g_mutex_lock(GMutex *mutex)
 {
     static auto *const next = library<void(GMutex *)>("g_mutex_lock");
-    if (locks.next && !lock_name(mutex)) {
-        *locks.next = mutex;
+    LockAddress *const unknown = locks.next;
+    if (unknown && !lock_name(mutex)) {
+        *unknown = mutex;
     }
     note_lock("lock", mutex);
     next(mutex);

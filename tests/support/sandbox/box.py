@@ -33,7 +33,8 @@ SANITIZER_OPTIONS = {
     "ASAN_OPTIONS": "",
     "LSAN_OPTIONS": "fast_unwind_on_malloc=0:print_suppressions=0:"
                     f"suppressions={ROOT}/tests/support/lsan.supp",
-    "TSAN_OPTIONS": "",
+    "TSAN_OPTIONS": "ignore_noninstrumented_modules=1:print_suppressions=0:second_deadlock_stack=1:"
+                    f"suppressions={ROOT}/tests/support/tsan.supp",
     "UBSAN_OPTIONS": "print_stacktrace=1",
 }
 
