@@ -277,6 +277,10 @@ class Sandbox:
             command += ["--ro-bind", path, path]
         command += ["--ro-bind", self.build_dir, "/run/build", "--bind", self.cache, "/run/cache",
                     "--chdir", "/"]
+        profiles = self.build_dir / "profiles"
+        if profiles.is_dir():
+            # In a build by scripts/coverage, each program writes there which lines it ran.
+            command += ["--bind", profiles, profiles]
         if launcher:
             if not has_several_users():
                 raise SandboxError("a launcher in the sandbox needs root")
