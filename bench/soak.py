@@ -4,7 +4,7 @@ usage: /usr/bin/python3 bench/soak.py [--plays N] [--chains N] [BUILD-FOLDER]
 
 The daemon runs in a sandbox with the virtual sound card; install the packages of the system tests
 first. The defaults are 10,000 plays and 1,000 chains. Every tenth clip plays to its end, which takes
-a third of a second each because of the delay after the end; the others are stopped once the card has
+a third of a second because of the delay after the end; the others are stopped once the card has
 started. A chain is stopped when its third clip has begun. The table shows resident memory, open
 descriptors and threads at the start, after a tenth and at the end. Exits with 1 if, from a tenth to
 the end, descriptors or threads grow, or memory grows by more than 0.5 KiB a play.
