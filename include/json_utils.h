@@ -6,11 +6,16 @@
  * Every function returns its failure value for a null argument. Called on the main thread.
  */
 
+#include <cstddef>
 #include <jansson.h>
 
+/* The longest file that is loaded, in bytes. */
+inline constexpr size_t JSON_UTILS_FILE_MAX = 1024 * 1024;
+
 /*
- * Returns the object or array in the file as a new reference, or null with a log line. Never
- * blocks: FIFOs, sockets and devices are refused.
+ * Returns the object or array in the file as a new reference, or null with a log line. FIFOs,
+ * sockets, devices and files of more than JSON_UTILS_FILE_MAX bytes are refused, because reading
+ * them could block the caller.
  */
 json_t *json_utils_load_from_file(const char *path);
 

@@ -19,6 +19,15 @@ struct SonobrikGroup {
     json_t *metadata; /* owned; normally an object; null if the file has none */
 };
 
+/*
+ * The longest texts, in bytes, and the largest metadata, in bytes of compact JSON, of a record that
+ * is saved or listed. A location has the kernel's limit for paths.
+ */
+inline constexpr size_t SONOBRIK_GROUP_LOCATION_MAX = 4095;
+inline constexpr size_t SONOBRIK_GROUP_NAME_MAX = 255;
+inline constexpr size_t SONOBRIK_GROUP_TYPE_MAX = 255;
+inline constexpr size_t SONOBRIK_GROUP_METADATA_MAX = 16384;
+
 /* The properties that clients can name. */
 enum SonobrikGroupProperty {
     SONOBRIK_GROUP_LOCATION = 0,
@@ -52,10 +61,11 @@ bool sonobrik_group_set_type(SonobrikGroup *group, const char *text);
 bool sonobrik_group_valid_parameter(const SonobrikGroup *group);
 
 /*
- * Returns true if the bus can carry every text of the record, its metadata included. Only such
- * records are saved and listed.
+ * Returns null if the record can be saved and listed: the bus can carry every text of it, its
+ * metadata included, and none of them exceeds its limit. Otherwise returns the reason, such as "has
+ * a name of more than 255 bytes".
  */
-bool sonobrik_group_can_be_sent(const SonobrikGroup *group);
+const char *sonobrik_group_get_fault(const SonobrikGroup *group);
 
 /* Frees the record. Does nothing for null. */
 void sonobrik_group_free(SonobrikGroup *group);
@@ -64,7 +74,7 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(SonobrikGroup, sonobrik_group_free)
 
 /*
  * Writes the record's file. Returns false with a log line, and leaves the file as it was, if a text
- * is missing, the bus cannot carry the record, the index is invalid, or the file cannot be written.
+ * is missing, the record has a fault, the index is invalid, or the file cannot be written.
  */
 bool sonobrik_group_save(SonobrikGroup *group);
 
@@ -110,8 +120,8 @@ SonobrikGroup *sonobrik_group_from_index(gint32 index);
 
 /*
  * Loads all records, in the order of the directory. Leaves out, with a warning, each file that
- * cannot be loaded or that contains text that the bus cannot carry. Returns null if there are none;
- * free the list with sonobrik_group_release_parameter_list().
+ * cannot be loaded or whose record has a fault. Returns null if there are none; free the list with
+ * sonobrik_group_release_parameter_list().
  */
 GSList *sonobrik_group_get_parameter_list();
 

@@ -1,18 +1,36 @@
 #include "osc_document.h"
 
 #include "autoptr.h"
+#include "bus_budget.h"
 #include "log_level.h"
 #include "sonobrik_group.h"
 
 namespace
 {
 
-/* Adds the clip to the values that the user can choose from. Returns false on failure. */
-bool add_clip(json_t *values, const SonobrikGroup *group)
+constexpr size_t SEPARATOR = 1; /* between two values */
+
+/* Adds the clips to the values that the user can choose from. Returns false on failure. */
+bool add_clips(json_t *values, GSList *groups)
 {
-    json_t *value = json_pack("{s:s, s:i}", "niceName", sonobrik_group_get_name(group), "value",
-                              sonobrik_group_get_index(group));
-    return value && json_array_append_new(values, value) == 0;
+    size_t left = BUS_BUDGET;
+    for (GSList *node = groups; node; node = node->next) {
+        auto *group = static_cast<SonobrikGroup *>(node->data);
+        g_autoptr(json_t) value =
+            json_pack("{s:s, s:i}", "niceName", sonobrik_group_get_name(group), "value",
+                      sonobrik_group_get_index(group));
+        if (!value) {
+            return false;
+        }
+        if (!bus_budget_take(&left, json_dumpb(value, nullptr, 0, JSON_COMPACT) + SEPARATOR)) {
+            bus_budget_report(node, "the list for the on-screen controls");
+            return true;
+        }
+        if (json_array_append_new(values, g_steal_pointer(&value)) != 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 /* Returns a new reference to the array of all stored clips; null with a log line. */
@@ -20,10 +38,7 @@ json_t *create_clip_values()
 {
     g_autoptr(json_t) values = json_array();
     GSList *groups = sonobrik_group_get_parameter_list();
-    bool added = true;
-    for (GSList *node = groups; node && added; node = node->next) {
-        added = add_clip(values, static_cast<SonobrikGroup *>(node->data));
-    }
+    const bool added = add_clips(values, groups);
     sonobrik_group_release_parameter_list(&groups);
     if (!added) {
         log_error("%sFailed to add clip to parameters.", "");

@@ -1,5 +1,7 @@
 #include "sonobrik_group.h"
 
+#include <cstring>
+
 #include "autoptr.h"
 #include "bus_text.h"
 #include "json_utils.h"
@@ -46,19 +48,21 @@ bool json_can_be_sent(json_t *value)
 json_t *sonobrik_group_json_pack(const SonobrikGroup *group)
 {
     json_error_t error = {};
-    json_t *object =
+    g_autoptr(json_t) object =
         json_pack_ex(&error, 0, "{s:s, s:s, s:s, s:O}", "location", group->location, "name",
                      group->name, "type", group->type, "metadata", group->metadata);
-    const char *reason = error.text;
-    if (object && !sonobrik_group_can_be_sent(group)) {
-        reason = "It contains text that D-Bus cannot transmit";
-        json_decref(g_steal_pointer(&object));
-    }
     if (!object) {
         log_error("%s%s Failed to create object, error '%s'", "", "sonobrik_group_json_pack",
-                  reason);
+                  error.text);
+        return nullptr;
     }
-    return object;
+    const char *fault = sonobrik_group_get_fault(group);
+    if (fault) {
+        log_error("%s%s Failed to create object, error 'It %s'", "", "sonobrik_group_json_pack",
+                  fault);
+        return nullptr;
+    }
+    return g_steal_pointer(&object);
 }
 
 /* Returns a new record made from a file's document, without an index; null with a log line. */
@@ -86,10 +90,26 @@ SonobrikGroup *sonobrik_group_json_unpack(json_t *document)
 
 } // namespace
 
-bool sonobrik_group_can_be_sent(const SonobrikGroup *group)
+const char *sonobrik_group_get_fault(const SonobrikGroup *group)
 {
-    return group && bus_text_is_valid(group->location) && bus_text_is_valid(group->name) &&
-           bus_text_is_valid(group->type) && json_can_be_sent(group->metadata);
+    if (!group || !bus_text_is_valid(group->location) || !bus_text_is_valid(group->name) ||
+        !bus_text_is_valid(group->type) || !json_can_be_sent(group->metadata)) {
+        return "contains text that D-Bus cannot transmit";
+    }
+    if (strlen(group->location) > SONOBRIK_GROUP_LOCATION_MAX) {
+        return "has a location of more than 4095 bytes";
+    }
+    if (strlen(group->name) > SONOBRIK_GROUP_NAME_MAX) {
+        return "has a name of more than 255 bytes";
+    }
+    if (strlen(group->type) > SONOBRIK_GROUP_TYPE_MAX) {
+        return "has a type of more than 255 bytes";
+    }
+    if (json_dumpb(group->metadata, nullptr, 0, JSON_COMPACT | JSON_ENCODE_ANY) >
+        SONOBRIK_GROUP_METADATA_MAX) {
+        return "has metadata of more than 16384 bytes";
+    }
+    return nullptr;
 }
 
 bool sonobrik_group_save(SonobrikGroup *group)

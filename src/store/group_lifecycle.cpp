@@ -97,12 +97,15 @@ GSList *sonobrik_group_get_parameter_list()
         if (!group) {
             g_warning("%s%s failed to create parameter from file %s", "",
                       "sonobrik_group_get_parameter_list", file);
-        } else if (!sonobrik_group_can_be_sent(group)) {
-            /* One such record would make every reply and document with all records fail. */
-            g_warning("%sLeft out '%s', which contains text that D-Bus cannot transmit", "", file);
-        } else {
-            groups = g_slist_prepend(groups, g_steal_pointer(&group));
+            continue;
         }
+        const char *fault = sonobrik_group_get_fault(group);
+        if (fault) {
+            /* One such record could make every reply and document with all records fail. */
+            g_warning("%sLeft out '%s', which %s", "", file, fault);
+            continue;
+        }
+        groups = g_slist_prepend(groups, g_steal_pointer(&group));
     }
     sonobrik_group_conf_free_param_file_list(&paths);
     return g_slist_reverse(groups);

@@ -1,11 +1,14 @@
 #include "sonobrik_group_metadata.h"
 
 #include "autoptr.h"
+#include "bus_budget.h"
 #include "discover_media_metadata.h"
 #include "log_level.h"
 
 namespace
 {
+
+constexpr size_t SEPARATOR = 1; /* between two objects of the reply */
 
 /* Returns a new reference to the metadata as a record stores it; null with a log line. */
 json_t *pack_metadata(const discover_media_metadata *m)
@@ -130,6 +133,7 @@ char *sonobrik_group_get_metadata()
     if (!array) {
         return nullptr;
     }
+    size_t left = BUS_BUDGET;
     GSList *groups = sonobrik_group_get_parameter_list();
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
@@ -137,7 +141,14 @@ char *sonobrik_group_get_metadata()
         if (!metadata) {
             log_error("%sCould not obtain metadata for clip at location: %s", "",
                       sonobrik_group_get_location(group));
-        } else if (json_array_append_new(array, metadata) != 0) {
+            continue;
+        }
+        if (!bus_budget_take(&left, json_dumpb(metadata, nullptr, 0, JSON_COMPACT) + SEPARATOR)) {
+            bus_budget_report(node, "the reply to GetMetadata");
+            json_decref(metadata);
+            break;
+        }
+        if (json_array_append_new(array, metadata) != 0) {
             log_error("%sFailed to append metadata", "");
         }
     }

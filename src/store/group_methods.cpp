@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "autoptr.h"
+#include "bus_budget.h"
 #include "log_level.h"
 #include "sonobrik_dbus_method.h"
 #include "sonobrik_group.h"
@@ -15,7 +16,10 @@ namespace
  * The size of the buffer for a value and its terminating zero. A value has at most 255 bytes; the
  * warning about a longer one names the size of the buffer.
  */
-constexpr size_t VALUE_SIZE = 256;
+constexpr size_t VALUE_SIZE = SONOBRIK_GROUP_NAME_MAX + 1;
+
+/* An entry of GetConfigurations without its three values: number, names, types and padding. */
+constexpr size_t ENTRY_OVERHEAD = 128;
 
 bool add_configuration(sd_bus_message *message, sd_bus_message *reply)
 {
@@ -163,6 +167,12 @@ bool append_or_skip_group(sd_bus_message *reply, const SonobrikGroup *group)
     return true;
 }
 
+/* Returns at least the size of the record's entry in the reply. */
+size_t get_entry_size(const SonobrikGroup *group)
+{
+    return ENTRY_OVERHEAD + strlen(group->location) + strlen(group->name) + strlen(group->type);
+}
+
 bool get_configurations(sd_bus_message *, sd_bus_message *reply)
 {
     GSList *groups = sonobrik_group_get_parameter_list();
@@ -170,9 +180,15 @@ bool get_configurations(sd_bus_message *, sd_bus_message *reply)
         return false; /* callers recognise an empty store by this error */
     }
     sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{ia{sv}}");
+    size_t left = BUS_BUDGET;
     bool complete = true;
     for (GSList *node = groups; node && complete; node = node->next) {
-        complete = append_or_skip_group(reply, static_cast<SonobrikGroup *>(node->data));
+        auto *group = static_cast<SonobrikGroup *>(node->data);
+        if (!bus_budget_take(&left, get_entry_size(group))) {
+            bus_budget_report(node, "the reply to GetConfigurations");
+            break;
+        }
+        complete = append_or_skip_group(reply, group);
     }
     sd_bus_message_close_container(reply);
     sonobrik_group_release_parameter_list(&groups);

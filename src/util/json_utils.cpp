@@ -39,6 +39,19 @@ void describe_open_error(const char *path, int error_number, json_error_t *error
                strerror(error_number));
 }
 
+struct Input {
+    FILE *file;
+    size_t left; /* how many bytes may still be read */
+};
+
+size_t read_input(void *buffer, size_t size, void *data)
+{
+    auto *input = static_cast<Input *>(data);
+    const size_t count = fread(buffer, 1, MIN(size, input->left), input->file);
+    input->left -= count;
+    return count;
+}
+
 /* Returns a new reference, or null with line and text of `error` set. */
 json_t *load(const char *path, json_error_t *error)
 {
@@ -54,9 +67,15 @@ json_t *load(const char *path, json_error_t *error)
         close(fd);
         return nullptr;
     }
-    json_t *value = json_loadf(file, 0, error);
+    Input input = {.file = file, .left = JSON_UTILS_FILE_MAX + 1};
+    g_autoptr(json_t) value = json_load_callback(read_input, &input, 0, error);
     fclose(file);
-    return value;
+    if (input.left == 0) {
+        error->line = -1;
+        g_snprintf(error->text, sizeof(error->text), "more than %zu bytes", JSON_UTILS_FILE_MAX);
+        return nullptr;
+    }
+    return g_steal_pointer(&value);
 }
 
 } // namespace

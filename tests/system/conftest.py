@@ -17,6 +17,8 @@ from sandbox import (  # noqa: E402 (found by the path above)
 def pytest_addoption(parser):
     parser.addoption("--build-dir", default=os.environ.get("SONOBRIK_BUILD_DIR", ROOT / "build"),
                      help="the build to test (default: $SONOBRIK_BUILD_DIR, or build)")
+    parser.addoption("--full", action="store_true",
+                     help="repeat some tests more often, and with more clips; takes minutes")
 
 
 def pytest_configure(config):
@@ -38,6 +40,12 @@ def build_dir(pytestconfig):
     if not (folder / "build.ninja").exists():
         pytest.exit(f"{folder} is not a build folder; name one with --build-dir", 4)
     return folder
+
+
+@pytest.fixture(scope="session")
+def full(pytestconfig):
+    """True if tests that have a short and a full form run in full."""
+    return pytestconfig.getoption("--full")
 
 
 @pytest.fixture(scope="session")

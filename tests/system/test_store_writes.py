@@ -7,7 +7,8 @@ from sandbox import Store, clips
 from sandbox.log_lines import NO_CONTROLS, NO_CONTROLS_FOR_CLIP, not_created, not_removed
 from sandbox.store import FOLDER, write_record
 
-LOCATION = "/etc/audioclips/" + "x" * 50000  # makes a write slow enough to be interrupted
+# The longest one. JSON makes six bytes of each control character, so its record has 24.6 kB.
+LOCATION = "/etc/audioclips/" + "\1" * 4079
 
 NOT_SAVED = "error: sonobrik_group_save failed to save json object"
 NOT_RENAMED = "warning: sonobrik_group_set_enum_property Failed to update parameter"
@@ -117,13 +118,13 @@ def test_a_full_disk_leaves_the_old_files_and_nothing_else(small):
 
 
 def test_a_record_that_fits_only_in_part_is_not_stored(small):
-    # 128 KiB have room for the old file and two more of 50 kB, but not for three.
-    assert [small.add_clip(LOCATION) for _ in range(2)] == [1, 2]
+    # 128 KiB have room for the old file and five more of 24.6 kB, but not for six.
+    assert [small.add_clip(LOCATION) for _ in range(5)] == [1, 2, 3, 4, 5]
     small.refuse_clip(LOCATION)
     small.fail("SetConfigurationEntry", "(isv)", 1, "Name", small.make_bytes(b"New"))
-    assert small.take_log() == 2 * [NO_CONTROLS, NO_CONTROLS_FOR_CLIP] + [
-        not_written(3), NOT_SAVED, NOT_CREATED, not_written(1), NOT_SAVED, NOT_RENAMED]
-    assert sorted(small.list()) == ["M0.json", "M1.json", "M2.json"]
+    assert small.take_log() == 5 * [NO_CONTROLS, NO_CONTROLS_FOR_CLIP] + [
+        not_written(6), NOT_SAVED, NOT_CREATED, not_written(1), NOT_SAVED, NOT_RENAMED]
+    assert sorted(small.list()) == [f"M{index}.json" for index in range(6)]
     assert small.read(1) == write_record(LOCATION, "", "audio")
     small.call("RemoveConfiguration", "(i)", 2)
     small.rename(1, "New")

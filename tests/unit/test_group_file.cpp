@@ -1,5 +1,6 @@
 #include "sonobrik_group.h"
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -255,6 +256,80 @@ TEST_P(GroupFileNoncharacter, IsLoadedAndCanBeReplacedByARename)
     EXPECT_TRUE(sonobrik_group_set_name(group, "Door"));
     EXPECT_TRUE(sonobrik_group_save(group));
     EXPECT_EQ(StoreFolder::read("M4.json"), record_file("/door.wav", "Door", "audio"));
+}
+
+/* The limits of a record. */
+
+struct Limit {
+    const char *name;
+    char *SonobrikGroup::*field;
+    size_t bytes;
+    const char *fault;
+};
+
+class GroupFileLimit : public GroupFile, public ::testing::WithParamInterface<Limit>
+{
+  protected:
+    /* Sets the field to `bytes` bytes in characters of two. */
+    static void fill(SonobrikGroup *group, size_t bytes)
+    {
+        std::string text(bytes % 2, 'x');
+        while (text.size() < bytes) {
+            text += "\xC3\xBC";
+        }
+        g_free(group->*GetParam().field);
+        group->*GetParam().field = g_strdup(text.c_str());
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Texts, GroupFileLimit,
+                         ::testing::Values(Limit{"Location", &SonobrikGroup::location, 4095,
+                                                 "has a location of more than 4095 bytes"},
+                                           Limit{"Name", &SonobrikGroup::name, 255,
+                                                 "has a name of more than 255 bytes"},
+                                           Limit{"Type", &SonobrikGroup::type, 255,
+                                                 "has a type of more than 255 bytes"}),
+                         [](const auto &info) { return info.param.name; });
+
+TEST_P(GroupFileLimit, LongestTextIsSaved)
+{
+    g_autoptr(SonobrikGroup) group = new_record(4, "/door.wav", "Door", "audio");
+    fill(group, GetParam().bytes);
+    EXPECT_EQ(sonobrik_group_get_fault(group), nullptr);
+    EXPECT_TRUE(sonobrik_group_save(group));
+    expect_no_log();
+}
+
+TEST_P(GroupFileLimit, LongerTextIsNotSaved)
+{
+    StoreFolder::write("M4.json", DOOR);
+    g_autoptr(SonobrikGroup) group = new_record(4, "/door.wav", "Door", "audio");
+    fill(group, GetParam().bytes + 1);
+    EXPECT_STREQ(sonobrik_group_get_fault(group), GetParam().fault);
+    EXPECT_FALSE(sonobrik_group_save(group));
+    expect_not_packed(std::string("It ") + GetParam().fault);
+    EXPECT_EQ(StoreFolder::read("M4.json"), DOOR);
+}
+
+TEST_F(GroupFile, MetadataIsLimitedByItsCompactText)
+{
+    const std::string text(16384 - strlen(R"({"a":""})"), 'x');
+    g_autoptr(SonobrikGroup) group =
+        new_record(4, "/door.wav", "Door", "audio", json_pack("{s:s}", "a", text.c_str()));
+    EXPECT_EQ(sonobrik_group_get_fault(group), nullptr);
+    EXPECT_TRUE(sonobrik_group_save(group));
+    expect_no_log();
+    json_object_set_new(group->metadata, "a", json_string((text + "x").c_str()));
+    EXPECT_FALSE(sonobrik_group_save(group));
+    expect_not_packed("It has metadata of more than 16384 bytes");
+    /* A control character has six bytes. */
+    json_object_set_new(group->metadata, "a", json_string(std::string(16384 / 6, 1).c_str()));
+    EXPECT_STREQ(sonobrik_group_get_fault(group), "has metadata of more than 16384 bytes");
+}
+
+TEST_F(GroupFile, NullRecordHasAFault)
+{
+    EXPECT_NE(sonobrik_group_get_fault(nullptr), nullptr);
 }
 
 /* Loading. */

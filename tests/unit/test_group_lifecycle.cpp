@@ -433,6 +433,28 @@ TEST_F(BrokenFileTest, FileThatIsNotARecordIsLeftOut)
     expect_no_log();
 }
 
+TEST_F(BrokenFileTest, RecordOverALimitIsLeftOut)
+{
+    const std::string metadata = "{\"a\":\"" + std::string(16384, 'x') + "\"}";
+    const struct {
+        std::string record;
+        const char *reason;
+    } cases[] = {
+        {record_file("/" + std::string(4095, 'x'), "A", "audio"),
+         "has a location of more than 4095 bytes"},
+        {record_file("/a", std::string(256, 'x'), "audio"), "has a name of more than 255 bytes"},
+        {record_file("/a", "A", std::string(256, 'x')), "has a type of more than 255 bytes"},
+        {record_file("/a", "A", "audio", metadata), "has metadata of more than 16384 bytes"},
+    };
+    for (const auto &[record, reason] : cases) {
+        StoreFolder::write("M7.json", record);
+        EXPECT_EQ(listed(), Names{"M1.json"});
+        expect_log(G_LOG_LEVEL_WARNING,
+                   std::string("Left out 'clip_data/M7.json', which ") + reason);
+        expect_no_log();
+    }
+}
+
 TEST_F(GroupLifecycle, OnlyBrokenFilesGiveANullList)
 {
     StoreFolder::write("Mx.json", DOOR);

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "autoptr.h"
 #include "failing_calls.h"
 #include "fake_discovery.h"
 #include "log_test.h"
@@ -162,6 +163,33 @@ TEST_F(GroupMetadataList, RecordWithARefusedNestedTextIsLeftOut)
                     R"({"mediaTypes":[["a"],{"b":["\uFFFE"]}],"size":5,"duration":50})"));
     EXPECT_EQ(reply_of_all(), "[]");
     expect_not_listed("M1.json");
+}
+
+/* A reply that is too long for the bus. */
+
+TEST_F(GroupMetadataList, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
+{
+    /* Each takes 24,570 + 16,000 bytes and some more, so 411 are too many. */
+    std::string location;
+    for (int i = 0; i < 4095; i++) {
+        location += "\\u0001";
+    }
+    const std::string metadata =
+        R"({"mediaTypes":")" + std::string(16000, 'x') + R"(","size":5,"duration":50})";
+    for (int i = 0; i < 420; i++) {
+        StoreFolder::write("M" + std::to_string(i) + ".json",
+                           record_file(location, "A", "audio", metadata));
+    }
+    const std::string reply = reply_of_all();
+    EXPECT_LE(reply.size(), size_t{16} * 1024 * 1024);
+    g_autoptr(json_t) entries = json_loads(reply.c_str(), 0, nullptr);
+    const size_t listed = json_array_size(entries);
+    EXPECT_GT(listed, 400U);
+    EXPECT_LT(listed, 414U);
+    expect_log(G_LOG_LEVEL_WARNING,
+               "Left out " + std::to_string(420 - listed) +
+                   " clips, because the reply to GetMetadata would exceed 16777216 bytes");
+    expect_no_log();
 }
 
 /* Allocation failures. */

@@ -468,6 +468,26 @@ TEST_F(GroupMethods, AllRecordsAreListedInTheFoldersOrder)
     expect_no_log();
 }
 
+TEST_F(GroupMethods, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
+{
+    /* Each is taken for 4095 + 255 + 255 + 128 bytes, so 3545 are too many. */
+    const std::string record =
+        record_file(std::string(4095, 'x'), std::string(255, 'y'), std::string(255, 'z'));
+    for (int i = 0; i < 3600; i++) {
+        StoreFolder::write("M" + std::to_string(i) + ".json", record);
+    }
+    const std::string reply = call("GetConfigurations");
+    size_t listed = 0;
+    for (size_t at = reply.find("'Type'"); at != std::string::npos; at = reply.find("'Type'", at)) {
+        listed++;
+        at++;
+    }
+    EXPECT_EQ(listed, 3544U);
+    expect_log(G_LOG_LEVEL_WARNING, "Left out 56 clips, because the reply to GetConfigurations "
+                                    "would exceed 16777216 bytes");
+    expect_no_log();
+}
+
 TEST_F(GroupMethods, OnlyTheRecordThatTheBusRefusesIsLeftOut)
 {
     StoreFolder::write("M1.json", record_file("/a", "A", "audio"));

@@ -199,6 +199,26 @@ TEST_F(JsonUtils, FileThatIsNotRegularIsRefusedAtOnce)
     }
 }
 
+TEST_F(JsonUtils, FileOf1MiBIsLoadedAndALongerOneRefused)
+{
+    std::string content = "[1]";
+    content.append(1024 * 1024 - content.size(), ' ');
+    EXPECT_EQ(load(content), "[1]");
+    expect_no_log();
+    EXPECT_EQ(load(content + ' '), "");
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to load JSON, line -1 error 'more than 1048576 bytes'");
+    expect_no_log();
+}
+
+TEST_F(JsonUtils, NoMoreThan1MiBIsReadOfAHugeFile)
+{
+    const std::string path = dir.file("huge.json", std::string(2 * 1024 * 1024, '\n'));
+    std::filesystem::resize_file(path, uintmax_t{64} << 30);
+    EXPECT_EQ(json_utils_load_from_file(path.c_str()), nullptr);
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to load JSON, line -1 error 'more than 1048576 bytes'");
+    expect_no_log();
+}
+
 TEST_F(JsonUtils, LinkToAFileIsFollowed)
 {
     dir.file("value.json", "[1]");

@@ -114,6 +114,28 @@ TEST_F(OscDocument, ListsAnyNameThatTheBusCanCarry)
     expect_no_log();
 }
 
+TEST_F(OscDocument, LeavesOutTheClipsBeyondItsBudget)
+{
+    /* Each takes 255 * 6 bytes for the name, 26 to 28 for the rest, and up to 5 for the number. */
+    const std::string name(255, 1);
+    for (int i = 0; i < 11000; i++) {
+        clips.push_back({i, name.c_str()});
+    }
+    const std::string text = document();
+    EXPECT_LE(text.size(), size_t{16} * 1024 * 1024 + document_with("").size());
+    size_t offered = 0;
+    for (size_t at = text.find("\"value\":"); at != std::string::npos;
+         at = text.find("\"value\":", at + 1)) {
+        offered++;
+    }
+    EXPECT_GT(offered, 10000U);
+    expect_log(G_LOG_LEVEL_WARNING,
+               "Left out " + std::to_string(11000 - offered) +
+                   " clips, because the list for the on-screen controls would exceed 16777216 "
+                   "bytes");
+    expect_no_log();
+}
+
 TEST_F(OscDocument, FailsForAClipWithoutAName)
 {
     clips = {{1, "Door"}, {2, nullptr}, {3, "Bell"}};
