@@ -35,9 +35,9 @@ SUPERVISION = {
 # Directives that this program applies.
 IMPOSED = {
     "CacheDirectory", "CacheDirectoryMode", "CapabilityBoundingSet", "Environment", "ExecPaths",
-    "ExecStart", "LockPersonality", "MemoryDenyWriteExecute", "NoExecPaths", "NoNewPrivileges",
-    "PrivateMounts", "PrivateNetwork", "PrivateTmp", "ProcSubset", "ProtectClock",
-    "ProtectControlGroups", "ProtectHome", "ProtectHostname", "ProtectKernelLogs",
+    "ExecStart", "InaccessiblePaths", "LockPersonality", "MemoryDenyWriteExecute", "NoExecPaths",
+    "NoNewPrivileges", "PrivateMounts", "PrivateNetwork", "PrivateTmp", "ProcSubset",
+    "ProtectClock", "ProtectControlGroups", "ProtectHome", "ProtectHostname", "ProtectKernelLogs",
     "ProtectKernelModules", "ProtectKernelTunables", "ProtectProc", "ProtectSystem",
     "ReadWritePaths", "RestrictAddressFamilies", "RestrictNamespaces", "RestrictRealtime",
     "RestrictSUIDSGID", "SystemCallArchitectures", "SystemCallErrorNumber", "SystemCallFilter",
@@ -176,6 +176,7 @@ def make_view(unit, uid, gid, program):
         hidden += find_paths(["-/usr/lib/modules", "-/lib/modules"])
     if unit.is_on("ProtectKernelLogs"):
         hidden += ["/dev/kmsg", "/proc/kmsg"]
+    hidden += find_paths(unit.get_words("InaccessiblePaths"))
     for path in hidden:
         hide(path)
     if unit.is_on("ProtectKernelTunables") or unit.is_on("ProtectControlGroups"):

@@ -120,6 +120,11 @@ def test_the_restrictions_apply(box, launcher, tmp_path):
     (tmp_path / "lib").mkdir()
     (tmp_path / "lib/library").write_text("x")
     box.bind(tmp_path / "lib", "/usr/local/lib")
+    (tmp_path / "tmp").mkdir()
+    (tmp_path / "tmp/stranger").write_text("x")
+    box.bind(tmp_path / "tmp", "/var/tmp")
+    for name in ("lock", "user"):
+        (box.folder / "run" / name).mkdir()
     probe = json.loads(box.run(["probe"], launcher=launcher).stdout)
     assert probe["status"] == {
         "CapBnd": "0" * 16, "CapEff": "0" * 16, "CapPrm": "0" * 16, "NoNewPrivs": "1",
@@ -137,6 +142,10 @@ def test_the_restrictions_apply(box, launcher, tmp_path):
         "write a sound card": "done",
         "list /home": "EACCES",
         "list /root": "EACCES",
+        "list /dev/shm": "EACCES",
+        "list /run/user": "EACCES",
+        "list /run/lock": "EACCES",
+        "read a file of /var/tmp": "ENOENT",
         "read /proc/meminfo": "ENOENT",
         "see another process": "ENOENT",
         "see itself": "done",
