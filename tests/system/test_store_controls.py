@@ -3,6 +3,8 @@
 The controls are a mock.
 """
 
+import os
+
 import pytest
 from sandbox import Player, Store, clips, wait_until
 from sandbox.bus import DRIVER
@@ -162,6 +164,45 @@ def test_a_registration_without_a_reply_times_out(sandbox, controls):
     controls.release()
     store.call("Sync")
     assert store.take_log() == []
+
+
+@pytest.mark.parametrize("size", [0, 10000000])
+def test_the_text_of_a_refusal_is_not_used(sandbox, controls, size):
+    store = Store(sandbox).start()
+    controls.reply_with_error(size)
+    for _ in range(3):
+        assert store.call("Sync") == ()
+        assert store.take_log() == [FAILED.format("Input/output error"), NO_CONTROLS_FOR_SYNC]
+    assert Player(sandbox.bus).call("StopPlayingClip") == "OK"
+
+
+@pytest.mark.parametrize("signature, code", [
+    ("i", "7"), ("s", "'x' * 10000000"), ("a{sv}", "{'a': 1}"), ("as", "['x'] * 100000")])
+def test_values_in_the_reply_are_ignored(sandbox, controls, signature, code):
+    store = Store(sandbox).start()
+    controls.reply_with_values(signature, code)
+    for _ in range(3):
+        assert store.call("Sync") == ()
+    assert store.take_log() == []
+    assert Player(sandbox.bus).call("StopPlayingClip") == "OK"
+
+
+def test_controls_that_die_in_each_of_many_calls_leave_nothing(sandbox):
+    store = Store(sandbox).start()
+    files = None
+    for _ in range(5):
+        controls = Controls(sandbox)
+        controls.hold()
+        sync = store.send("Sync")
+        controls.wait_asked()
+        controls.process.kill()
+        assert sync.wait() == ()
+        wait_until(lambda: sandbox.bus.get_owner("com.vesk.Onscreencontrols1") is None, 10,
+                   "the name is free")
+        assert store.take_log()[-1] == NO_CONTROLS_FOR_SYNC
+        count = len(os.listdir(f"/proc/{sandbox.daemon.pid}/fd"))
+        files = files or count
+        assert count == files
 
 
 # Controls that are slow to reply

@@ -38,6 +38,16 @@ class Controls:
         """Makes the mock reply with an error from now on."""
         self._reply_with(REFUSAL)
 
+    def reply_with_error(self, text_size):
+        """Makes the mock reply with an error whose text has this many bytes."""
+        self._reply_with(f"raise dbus.exceptions.DBusException('x' * {text_size}, "
+                         "name='com.vesk.Error.Full')")
+
+    def reply_with_values(self, signature, code):
+        """Makes the mock reply with values that the daemon does not expect."""
+        self._call("AddMethod", "(sssss)", NAME, "AddFeatures", "sssa{sv}", signature,
+                   f"ret = {code}")
+
     def hold(self):
         """Makes the mock hold back its replies until release()."""
         self._asked.unlink(missing_ok=True)
