@@ -1,0 +1,172 @@
+"""Messages that nobody asked for, sent by a user without any right to each of the daemon's
+connections."""
+
+import concurrent.futures
+import itertools
+import os
+
+import pytest
+from sandbox import Player, Sandbox, Store, wait_until
+from sandbox.connections import PURPOSES, find_connections
+from sandbox.controls import Controls
+from sandbox.installation import User, allow_peer
+
+STRANGER = User(65534)
+
+# How many messages of each kind are sent. The long run is started by hand.
+LONG_RUN = bool(os.environ.get("SONOBRIK_LONG_TESTS"))
+COUNT = 10000 if LONG_RUN else 1000
+LARGE_COUNT = 1000 if LONG_RUN else 200
+
+# Sends signals and calls to one connection: small ones with 16 descriptors, and ones of 1 MB. Goes
+# on when the bus refuses them. Prints how many it has sent.
+FLOOD = """
+import os, sys
+from gi.repository import Gio, GLib
+flags = (Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+         | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION)
+bus = Gio.DBusConnection.new_for_address_sync("unix:path=/run/dbus/system_bus_socket", flags)
+to, count, large_count = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+large = GLib.Variant("(s)", ("x" * 1000000,))
+sent = 0
+
+def fence():
+    bus.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+                  None, None, 0, 60000)
+
+def send(message, every):
+    global sent
+    bus.send_message(message, Gio.DBusSendMessageFlags.NONE)
+    sent += 1
+    if sent % every == 0:
+        fence()
+
+def make_all():
+    yield Gio.DBusMessage.new_signal("/com/vesk/Sonobrik", "com.vesk.Test", "Signal")
+    for path, interface, member in (
+            ("/com/vesk/Sonobrik", "com.vesk.Sonobrik", "StopPlayingClip"),
+            ("/com/vesk/Sonobrik", "com.vesk.Configuration.Legacy", "Sync"),
+            ("/com/vesk/Events1/SonoBrikEvents/1", "org.freedesktop.DBus.Properties", "GetAll"),
+            ("/", "org.freedesktop.DBus.Peer", "Ping")):
+        yield Gio.DBusMessage.new_method_call(to, path, interface, member)
+
+for number in range(count):
+    for message in make_all():
+        message.set_destination(to)
+        files = Gio.UnixFDList()
+        handles = [files.append(0) for _ in range(16)]
+        message.set_unix_fd_list(files)
+        message.set_body(GLib.Variant("(ah)", (handles,)))
+        send(message, 100)
+for number in range(large_count):
+    for message in make_all():
+        message.set_destination(to)
+        message.set_body(large)
+        send(message, 10)
+fence()
+print(sent)
+"""
+
+pytestmark = pytest.mark.needs_root
+
+
+def count_files(daemon):
+    return len(os.listdir(f"/proc/{daemon.pid}/fd"))
+
+
+def read_memory(daemon):
+    """Returns the resident memory in MiB."""
+    with open(f"/proc/{daemon.pid}/status", encoding="ascii") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("VmRSS:")) / 1024
+
+
+def flood(box, names, user):
+    with concurrent.futures.ThreadPoolExecutor(len(names)) as threads:
+        runs = [threads.submit(box.run, ["/usr/bin/python3", "-c", FLOOD, name, COUNT, LARGE_COUNT],
+                               deadline=500, **user.options) for name in names]
+        player = Player(box.bus)
+        while not all(run.done() for run in runs):
+            # Served while the flood goes on.
+            assert player.call("SupportedFile", "/etc/audioclips/a.wav", timeout=20) == "OK"
+    assert [int(run.result().stdout) for run in runs] == (
+        [5 * (COUNT + LARGE_COUNT)] * len(names))
+
+
+@pytest.fixture(params=["shipped", "open"])
+def box(request, tmp_path, build_dir, cache, installation):
+    """A sandbox with the daemon and the controls. "shipped" is the installed bus policy; "open"
+    allows everything, so all messages reach the daemon."""
+    with Sandbox(tmp_path / "sandbox", build_dir, cache) as box:
+        options = {}
+        if request.param == "shipped":
+            options = installation.make_users(box).options
+            installation.set_bus(box, allow_peer("com.vesk.Onscreencontrols1"))
+        else:
+            box.set_access({"com.vesk.Sonobrik": {"users": "root"}})
+        box.start_bus()
+        box.controls = Controls(box)
+        box.start_daemon(**options)
+        box.write_clip("a.wav", [1000] * 4800)
+        yield box
+
+
+def measure(daemon):
+    return count_files(daemon), read_memory(daemon)
+
+
+def assert_flat(box, before):
+    files, memory = before
+    wait_until(lambda: count_files(box.daemon) <= files, 30, "the descriptors are closed")
+    assert read_memory(box.daemon) < memory + 64
+    store = Store(box)
+    for _ in range(20):
+        store.call("Sync")
+    assert Player(box.bus).call("StopPlayingClip") == "OK"
+    assert count_files(box.daemon) <= files
+
+
+@pytest.mark.parametrize("purpose", PURPOSES)
+def test_a_stranger_leaves_nothing_in_the_daemon(box, purpose):
+    player = Player(box.bus)
+    for _ in range(2):
+        assert player.call("SupportedFile", "/etc/audioclips/a.wav") == "OK"
+    before = measure(box.daemon)
+    flood(box, [find_connections(box)[purpose]], STRANGER)
+    assert_flat(box, before)
+
+
+def test_a_stranger_leaves_nothing_while_the_controls_are_slow(box):
+    player = Player(box.bus)
+    assert player.call("SupportedFile", "/etc/audioclips/a.wav") == "OK"
+    before = measure(box.daemon)
+    box.controls.hold()
+    names = find_connections(box).values()
+    sync = Store(box).send("Sync")
+    box.controls.wait_asked()
+    with concurrent.futures.ThreadPoolExecutor(len(names)) as threads:
+        runs = [threads.submit(box.run, ["/usr/bin/python3", "-c", FLOOD, name, 100, 20],
+                               deadline=300, **STRANGER.options) for name in names]
+        highest = 0
+        wait_until(lambda: all(run.done() for run in runs), 20, "everything is sent")
+        highest = count_files(box.daemon)
+    for run in runs:
+        run.result()
+    assert not sync.done
+    # One message that is being read may hold up to 16 descriptors on each connection.
+    assert highest <= before[0] + 16 * len(names)
+    box.controls.release()
+    assert sync.wait() == ()
+    assert_flat(box, before)
+
+
+def test_a_caller_is_identified_while_the_events_are_flooded(box):
+    """Under the open policy, the flood reaches the daemon; the caller is new each time."""
+    events = find_connections(box)["events"]
+    with concurrent.futures.ThreadPoolExecutor() as threads:
+        run = threads.submit(box.run, ["/usr/bin/python3", "-c", FLOOD, events, COUNT, LARGE_COUNT],
+                             deadline=500, **STRANGER.options)
+        for _ in itertools.takewhile(lambda _: not run.done(), itertools.count()):
+            caller = Player(box.connect())
+            assert caller.call("StopPlayingClip", timeout=4) == "OK"
+            caller.bus.close()
+        run.result()
