@@ -230,7 +230,7 @@ loop.run()
 
 
 @pytest.mark.parametrize("who, is_told", [
-    ("root", True), ("audio", True), ("config", True), ("stranger", False)])
+    ("root", True), ("play", True), ("config", True), ("audio", False), ("stranger", False)])
 def test_a_change_notice_reaches_only_those_who_may_list_the_clips(box, users, who, is_told):
     (box.folder / "tmp/listening").unlink(missing_ok=True)
     with concurrent.futures.ThreadPoolExecutor() as threads:
