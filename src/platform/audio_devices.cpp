@@ -10,9 +10,8 @@
 
 /* The header declares snd_lib_error_set_local() without extern "C". */
 extern "C" {
-#include <alsa/error.h>
-}
 #include <alsa/asoundlib.h>
+}
 
 #include "alsa_files.h"
 

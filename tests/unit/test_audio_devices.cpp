@@ -8,9 +8,8 @@
 
 /* The header declares snd_lib_error_set_local() without extern "C". */
 extern "C" {
-#include <alsa/error.h>
-}
 #include <alsa/asoundlib.h>
+}
 
 #include "log_test.h"
 #include "temp_dir.h"
