@@ -74,19 +74,33 @@ class Controls:
                 for value in play["parameters"]["clip"]["values"]]
 
 
+# A signal that shows, when it is recorded, that the monitor has started. With --json, busctl of
+# systemd 257 prints nothing when it starts.
+MARK = "MonitorMark"
+
+
 class Monitor:
     """Records the bus messages that match one of the rules, as sent, from now on."""
 
     def __init__(self, sandbox, *rules):
         self._output = sandbox.folder / "tmp/monitor"
-        matches = " ".join(f"--match={rule}" for rule in rules)
-        monitor = sandbox.spawn(["sh", "-c", "exec busctl monitor --system --json=short "
-                                             f"{matches} >/tmp/monitor"])
-        wait_until(lambda: monitor.lines, 20, "the bus is watched")
+        self._output.touch()
+        matches = " ".join(f"--match={rule}" for rule in (*rules, f"member={MARK}"))
+        sandbox.spawn(["sh", "-c", "exec busctl monitor --system --json=short "
+                                   f"{matches} >/tmp/monitor"])
+
+        def is_watching():
+            sandbox.bus.emit("/", "com.vesk.Test", MARK)
+            return any(message.get("member") == MARK for message in self._read())
+        wait_until(is_watching, 20, "the bus is watched")
+
+    def _read(self):
+        lines = self._output.read_text().split("\n")[:-1]
+        return [json.loads(line) for line in lines]
 
     def wait(self, count):
         """Waits for `count` messages and returns them as busctl prints them in JSON."""
         def read():
-            lines = self._output.read_text().split("\n")[:-1]
-            return [json.loads(line) for line in lines] if len(lines) >= count else None
+            messages = [message for message in self._read() if message.get("member") != MARK]
+            return messages if len(messages) >= count else None
         return wait_until(read, 20, f"there are {count} messages")
