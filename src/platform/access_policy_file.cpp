@@ -251,11 +251,15 @@ bool access_policy_file_admits(uid_t uid, std::span<const gid_t> gids, const cha
     if (lists_one(group, USERS_KEY, {&uid, 1}) || lists_one(group, GROUPS_KEY, gids)) {
         return true;
     }
+    /* A process always has a group, so an empty list means that the bus could not tell. */
+    const bool groups_are_missing =
+        gids.empty() && g_key_file_has_key(policy.groups, group, GROUPS_KEY, nullptr);
     g_set_error(
         error, PLATFORM_ERROR, EACCES,
         "uid %u is not allowed to call %s: [%s] in %s lists neither this user nor any of its "
-        "groups",
-        uid, action, group, access_file);
+        "groups%s",
+        uid, action, group, access_file,
+        groups_are_missing ? "; the bus did not report its groups, which needs Linux 4.13" : "");
     return false;
 }
 

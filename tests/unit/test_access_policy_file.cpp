@@ -190,6 +190,18 @@ TEST_F(AccessPolicyFile, SaysWhichGroupRefused)
               "[com.vesk.Sonobrik] in access.conf lists neither this user nor any of its groups");
 }
 
+TEST_F(AccessPolicyFile, SaysThatTheBusDidNotReportTheGroups)
+{
+    load("[com.vesk.Sonobrik]\ngroups=4343\n");
+    EXPECT_EQ(refusal(ANN, {}),
+              "uid 4242 is not allowed to call com.vesk.Sonobrik.PlayClip: "
+              "[com.vesk.Sonobrik] in access.conf lists neither this user nor any of its groups; "
+              "the bus did not report its groups, which needs Linux 4.13");
+    EXPECT_EQ(refusal(ANN, {ANN}),
+              "uid 4242 is not allowed to call com.vesk.Sonobrik.PlayClip: "
+              "[com.vesk.Sonobrik] in access.conf lists neither this user nor any of its groups");
+}
+
 TEST_F(AccessPolicyFile, SaysThatNoGroupCoversTheAction)
 {
     load("[com.vesk.Other]\nusers=1\n");
