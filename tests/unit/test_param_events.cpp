@@ -26,9 +26,11 @@ int producer_object;
 ChangeNotifier *const notifier = reinterpret_cast<ChangeNotifier *>(&object);
 EventProducer *const producer = reinterpret_cast<EventProducer *>(&producer_object);
 
+bool sets_no_error;
+
 bool result(bool fails, GError **error)
 {
-    if (fails) {
+    if (fails && !sets_no_error) {
         g_set_error_literal(error, g_quark_from_static_string("test"), 1, "The bus is away");
     }
     return !fails;
@@ -40,7 +42,7 @@ class ParamEvents : public LogTest
     ParamEvents()
     {
         calls.clear();
-        new_fails = declare_fails = send_fails = false;
+        new_fails = declare_fails = send_fails = sets_no_error = false;
     }
 
     ~ParamEvents() override
@@ -112,6 +114,19 @@ TEST_F(ParamEvents, SetupFailsWithoutANotifier)
     new_fails = true;
     EXPECT_FALSE(sonobrik_param_events_setup(producer));
     EXPECT_EQ(calls, Calls{"new SonoBrik"});
+    expect_log(G_LOG_LEVEL_WARNING, "Unable to create param event object");
+    expect_no_log();
+}
+
+/* Only the error decides, because the operations' results are not read. */
+TEST_F(ParamEvents, SurvivesAPlatformThatFailsWithoutSettingItsError)
+{
+    declare_fails = send_fails = sets_no_error = true;
+    EXPECT_TRUE(sonobrik_param_events_setup(producer));
+    EXPECT_TRUE(sonobrik_param_events_register_new(3, "/a", "A", "audio"));
+    sonobrik_param_events_teardown();
+    new_fails = true;
+    EXPECT_FALSE(sonobrik_param_events_setup(producer));
     expect_log(G_LOG_LEVEL_WARNING, "Unable to create param event object");
     expect_no_log();
 }
