@@ -2,10 +2,13 @@
 
 #include "platform/event_service.h"
 
+#include <string.h>
+
 #include "event_template.h"
 #include "event_values.h"
 
 struct EventProducer {
+    char *name;
     GPtrArray *events;   /* for each event the values sent last; the event `id` is at id - 1 */
     GHashTable *pending; /* source ids of the callbacks that are still to be called */
 };
@@ -44,12 +47,32 @@ static void post(const struct Callback *callback)
     g_hash_table_add(copy->producer->pending, GUINT_TO_POINTER(copy->source));
 }
 
+/* Names of the open producers. */
+static GHashTable *open_names;
+
+static bool is_name(const char *name)
+{
+    return name && *name && !g_ascii_isdigit(*name) &&
+           strspn(name, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_") ==
+               strlen(name);
+}
+
 struct EventProducer *event_service_open(const char *name)
 {
-    if (!name) {
+    if (!is_name(name)) {
+        g_warning("'%s' is not a name for a producer of events", name ? name : "");
+        return NULL;
+    }
+    if (!open_names) {
+        open_names = g_hash_table_new(g_str_hash, g_str_equal);
+    }
+    if (g_hash_table_contains(open_names, name)) {
+        g_warning("the producer of events '%s' is already open", name);
         return NULL;
     }
     struct EventProducer *producer = g_new0(struct EventProducer, 1);
+    producer->name = g_strdup(name);
+    g_hash_table_add(open_names, producer->name);
     producer->events = g_ptr_array_new_with_free_func((GDestroyNotify)g_hash_table_unref);
     producer->pending = g_hash_table_new(NULL, NULL);
     return producer;
@@ -68,6 +91,8 @@ void event_service_close(struct EventProducer *producer)
     }
     g_hash_table_unref(producer->pending);
     g_ptr_array_unref(producer->events);
+    g_hash_table_remove(open_names, producer->name);
+    g_free(producer->name);
     g_free(producer);
 }
 

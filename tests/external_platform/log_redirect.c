@@ -41,18 +41,25 @@ static void handle_log(const char *domain, GLogLevelFlags level, const char *tex
     write_line(level, domain, text);
 }
 
+/* Returns the field's text, as a new string. A length below 0 means that it ends with a NUL. */
+static char *copy_field(const GLogField *field)
+{
+    return field->length < 0 ? g_strdup(field->value)
+                             : g_strndup(field->value, (gsize)field->length);
+}
+
 /* Receives the lines of libraries with structured logging, which bypass the default handler. */
 static GLogWriterOutput write_structured(GLogLevelFlags level, const GLogField *fields,
                                          gsize n_fields, void *user_data)
 {
     (void)user_data;
-    const char *domain = NULL;
-    const char *text = NULL;
+    g_autofree char *domain = NULL;
+    g_autofree char *text = NULL;
     for (gsize i = 0; i < n_fields; i++) {
-        if (g_str_equal(fields[i].key, "GLIB_DOMAIN")) {
-            domain = fields[i].value;
-        } else if (g_str_equal(fields[i].key, "MESSAGE")) {
-            text = fields[i].value;
+        if (!domain && g_str_equal(fields[i].key, "GLIB_DOMAIN")) {
+            domain = copy_field(&fields[i]);
+        } else if (!text && g_str_equal(fields[i].key, "MESSAGE")) {
+            text = copy_field(&fields[i]);
         }
     }
     write_line(level, domain, text);

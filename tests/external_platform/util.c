@@ -66,13 +66,18 @@ static bool write_new(const char *path, const char *text, size_t length, mode_t 
     return false;
 }
 
+/*
+ * Returns false if the folder's storage fails. A folder that may not be read, or whose file system
+ * cannot sync folders (EINVAL), is not an error: the file itself is on storage.
+ */
 static bool sync_folder(const char *path)
 {
     const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool synced = fd >= 0 && fsync(fd) == 0;
-    if (fd >= 0) {
-        close(fd);
+    if (fd < 0) {
+        return true;
     }
+    const bool synced = fsync(fd) == 0 || errno == EINVAL;
+    close(fd);
     return synced;
 }
 

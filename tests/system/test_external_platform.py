@@ -2,13 +2,19 @@
 
 import os
 import pathlib
+import shutil
 import subprocess
 
 import pytest
-from sandbox import LEGACY, PLAYBACK, BusError, Store, clips, wait_until
+from sandbox import LEGACY, PLAYBACK, Store, clips, wait_until
 from sandbox.bus import DRIVER
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+NOBODY = 65534
+
+# The platform allows nobody but root.
+pytestmark = pytest.mark.needs_root
 
 
 def run(command, **env):
@@ -26,15 +32,23 @@ def configure(folder, source, *options, **env):
 
 @pytest.fixture(scope="module")
 def external(build_dir):
-    """Builds the platform and the daemon as docs/platform.md describes, and returns the daemon's
-    path in a sandbox. The build folder stays for the next run."""
+    """Installs the headers, builds the platform with them, and then the daemon with the platform, as
+    docs/platform.md describes. Returns the daemon's path in a sandbox. The build folder stays for
+    the next run."""
     folder = build_dir / "external"
-    configure(folder / "platform", ROOT / "tests/external_platform",
-              f"--prefix={folder}/root", "--libdir=lib")
+    root = folder / "root"
+    shutil.rmtree(root, ignore_errors=True)
+    configure(folder / "headers", ROOT, "-Dplatform=headers", f"--prefix={root}", "--libdir=lib")
+    run(["meson", "install", "-C", folder / "headers"])
+    # A copy outside of the source tree cannot use the tree's headers by accident.
+    shutil.rmtree(folder / "source", ignore_errors=True)
+    shutil.copytree(ROOT / "tests/external_platform", folder / "source")
+    configure(folder / "platform", folder / "source", f"--prefix={root}", "--libdir=lib",
+              PKG_CONFIG_PATH=f"{root}/share/pkgconfig")
     run(["meson", "install", "-C", folder / "platform"])
     configure(folder / "daemon", ROOT, "-Dplatform=external", "-Dtests=disabled", "-Dwerror=true",
-              PKG_CONFIG_PATH=f"{folder}/root/lib/pkgconfig")
-    run(["meson", "compile", "-C", folder / "daemon", "sonobrik"])
+              PKG_CONFIG_PATH=f"{root}/lib/pkgconfig:{root}/share/pkgconfig")
+    run(["ninja", "-C", folder / "daemon"])
     return "/run/build/external/daemon/src/sonobrik"
 
 
@@ -66,14 +80,30 @@ def test_a_clip_plays_and_the_events_reach_the_platform(sandbox, device):
     assert not any(line.startswith("sonobrik[") for line in sandbox.daemon.lines)
 
 
-def test_the_platform_refuses_a_caller(sandbox, device):
+def test_the_platform_allows_nobody_but_root(sandbox, device):
     path = sandbox.write_clip("a.wav", clips.noise(480)).path
-    with pytest.raises(BusError) as error:
-        sandbox.bus.call(*PLAYBACK, "SupportedFile", "(s)", path)
-    assert (error.value.name, error.value.text) == (
-        "org.freedesktop.DBus.Error.AccessDenied", "Operation not permitted")
-    logged(sandbox, "<6>sonobrik: Failed to authorize: this device does not tell "
-                    f"{sandbox.bus.unique_name} which files it supports")
+    assert sandbox.bus.call(*PLAYBACK, "SupportedFile", "(s)", path) == ("OK",)
+    result = sandbox.run(["busctl", "--system", "call", *PLAYBACK, "SupportedFile", "s", path],
+                         uid=NOBODY, check=False)
+    assert "Access denied" in result.stderr
+    logged(sandbox, ": this user is not allowed to call the audio clip service")
+
+
+def test_a_library_of_another_version_is_refused(external, build_dir):
+    folder = build_dir / "external"
+    library = folder / "root/lib/pkgconfig/vesk-platform.pc"
+    other = folder / "other"
+    shutil.rmtree(other, ignore_errors=True)
+    other.mkdir()
+    (other / library.name).write_text(
+        library.read_text().replace("seam_version=1", "seam_version=0"))
+    result = subprocess.run(
+        ["meson", "setup", other / "build", ROOT, "-Dplatform=external", "-Dtests=disabled"],
+        env=os.environ | {"PKG_CONFIG_PATH": f"{other}:{folder}/root/share/pkgconfig"}, text=True,
+        capture_output=True, timeout=600, check=False)
+    assert result.returncode != 0
+    assert ('"vesk-platform" implements version 0 of the platform interface; this daemon needs '
+            'version 1') in result.stdout
 
 
 def test_a_parameter_of_the_platform_bounds_the_store(sandbox, device):
@@ -91,3 +121,14 @@ def test_the_daemon_exits_as_on_the_stock_platform(sandbox, device):
         assert sandbox.bus.call(*DRIVER, "GetConnectionUnixProcessID", "(s)", name) == (
             sandbox.daemon.pid,)
     assert sandbox.daemon.stop() == 0
+
+
+def test_the_daemon_for_a_device_installs_nothing_of_the_stock_platform(external, build_dir,
+                                                                        tmp_path):
+    run(["meson", "install", "-C", build_dir / "external/daemon", "--no-rebuild", "--destdir",
+         tmp_path])
+    files = {path.name for path in tmp_path.rglob("*")}
+    assert {"sonobrik", "sonobrikctl", "sonobrik.8", "com.vesk.Sonobrik.xml"} <= files
+    assert not (tmp_path / "etc").exists()
+    assert not files & {"vesk-access.conf.5", "vesk-parameters.conf.5",
+                        "com.vesk.Events1.Event.xml", "com.vesk.ConfigurationChanges1.xml"}
