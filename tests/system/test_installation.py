@@ -2,13 +2,18 @@
 
 import configparser
 import os
+import pathlib
+import shutil
 import signal
 import stat
+import subprocess
 
 import pytest
 from sandbox import LEGACY, PLAYBACK, Sandbox, wait_until
 from sandbox.bus import DRIVER
 from sandbox.installation import find_id
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 SERVICES = (PLAYBACK[0], LEGACY[0])
 
@@ -111,3 +116,139 @@ def test_a_call_to_a_name_starts_the_daemon(box, installation, name):
     finally:
         os.kill(pid, signal.SIGTERM)
         wait_until(lambda: not box.bus.get_owner(name), 20, "the daemon has ended")
+
+
+# Builds for a device, with options of `meson setup`.
+
+SEAM = {"usr/share/pkgconfig/vesk-platform-seam.pc",
+        *(f"usr/include/vesk-platform/platform/{name}.h" for name in (
+            "access_policy", "audio_devices", "change_notifier", "event_service", "log_redirect",
+            "param", "util", "version"))}
+DAEMON = {"usr/libexec/sonobrik", "usr/share/dbus-1/system.d/com.vesk.Sonobrik.conf",
+          *(f"usr/share/dbus-1/system-services/{name}.service" for name in SERVICES),
+          "usr/share/dbus-1/interfaces/com.vesk.Sonobrik.xml",
+          "usr/share/dbus-1/interfaces/com.vesk.Configuration.Legacy.xml"}
+# The files of the stock platform, except for its manual pages.
+STOCK = {"etc/alsa/conf.d/sonobrik.conf", "etc/vesk/access.conf", "etc/vesk/parameters.conf",
+         "usr/share/dbus-1/interfaces/com.vesk.ConfigurationChanges1.xml",
+         "usr/share/dbus-1/interfaces/com.vesk.Events1.Event.xml"}
+STOCK_PAGES = {f"usr/share/man/man5/vesk-{name}.conf.5" for name in ("access", "parameters")}
+EXAMPLES = {f"usr/share/doc/sonobrik/examples/{server}/sonobrik.conf"
+            for server in ("lighttpd", "nginx")}
+COMPLETION = {"usr/share/bash-completion/completions/sonobrikctl"}
+CLI_PAGE = {"usr/share/man/man1/sonobrikctl.1"}
+WITHOUT = {
+    "cli": {"usr/bin/sonobrikctl"} | CLI_PAGE | COMPLETION,
+    "cgi": {"usr/libexec/vesk-cgi/sonobrik.cgi"} | EXAMPLES,
+    "completion": COMPLETION,
+    "examples": EXAMPLES,
+    "man": {"usr/share/man/man8/sonobrik.8"} | CLI_PAGE | STOCK_PAGES,
+    "systemd": {"usr/lib/systemd/system/sonobrik.service", "usr/lib/sysusers.d/sonobrik.conf",
+                "usr/lib/tmpfiles.d/sonobrik.conf"},
+}
+ALL = SEAM | DAEMON | STOCK | set().union(*WITHOUT.values())
+
+DEFAULTS = {"platform": "linux", "user": "sonobrik", "play_group": "sonobrik-play",
+            "config_group": "sonobrik-config", "sysconfdir": "/etc", "systemd": "enabled",
+            **dict.fromkeys(("cli", "cgi", "completion", "examples", "man"), "auto")}
+
+
+class Device:
+    """Builds with options, in a folder that stays for the next run."""
+
+    def __init__(self, build_dir, folder):
+        self.build = build_dir / "options"
+        self._folder = folder
+        # A folder that another version of the tree configured may not know all options.
+        shutil.rmtree(self.build, ignore_errors=True)
+        self._run("meson", "setup", self.build, ROOT, "--buildtype=debug", "-Dtests=disabled",
+                  "-Dwerror=true")
+
+    def _run(self, *command):
+        result = subprocess.run([str(word) for word in command], text=True, timeout=600,
+                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, check=False)
+        assert result.returncode == 0, f"{command}:\n{result.stdout}"
+
+    def install(self, **options):
+        """Builds with these options and installs the result into an empty folder."""
+        settings = DEFAULTS | options
+        self._run("meson", "configure", self.build,
+                  *(f"-D{name}={value}" for name, value in settings.items()))
+        self._run("ninja", "-C", self.build)
+        shutil.rmtree(self._folder, ignore_errors=True)
+        self._run("meson", "install", "-C", self.build, "--no-rebuild", "--destdir", self._folder)
+        return self._folder
+
+
+def list_files(folder):
+    return {str(path.relative_to(folder)) for path in folder.rglob("*") if not path.is_dir()}
+
+
+@pytest.fixture(scope="module")
+def device(build_dir, tmp_path_factory):
+    return Device(build_dir, tmp_path_factory.mktemp("device") / "root")
+
+
+def test_a_build_installs_these_files(device):
+    assert list_files(device.install()) == ALL
+
+
+@pytest.mark.parametrize("option", WITHOUT)
+def test_an_option_leaves_out_its_files_and_no_others(device, option):
+    assert list_files(device.install(**{option: "disabled"})) == ALL - WITHOUT[option]
+
+
+def test_the_smallest_build_installs_the_daemon_alone(device):
+    options = dict.fromkeys(WITHOUT, "disabled")
+    assert list_files(device.install(**options)) == SEAM | DAEMON | STOCK
+
+
+def test_a_build_without_tests_builds_no_plugins_for_tests(device):
+    device.install()
+    names = [path.name for path in device.build.rglob("*.so")]
+    assert names == []
+
+
+def test_the_headers_alone(device):
+    assert list_files(device.install(platform="headers")) == SEAM
+
+
+def test_the_files_use_the_configured_names(device):
+    folder = device.install(user="ringer", play_group="players", config_group="editors",
+                            sysconfdir="/etc/firm")
+    texts = {path: path.read_text() for path in folder.rglob("*")
+             if path.suffix in (".conf", ".service") and not path.is_dir()}
+    assert len(texts) >= 9
+    for path, text in texts.items():
+        for name in ("sonobrik-play", "sonobrik-config", "User=sonobrik", 'user="sonobrik"',
+                     '"/etc/vesk'):
+            assert name not in text, path
+    policy = folder / "etc/firm/vesk/access.conf"
+    assert dict(read_keys(policy, "com.vesk.Sonobrik")) == {
+        "users": "root", "groups": "players;editors"}
+    assert dict(read_keys(policy, "com.vesk.Sonobrik.AddClip")) == {
+        "users": "root", "groups": "editors"}
+    unit = folder / "usr/lib/systemd/system/sonobrik.service"
+    assert read_keys(unit, "Service")["User"] == "ringer"
+    for name in SERVICES:
+        file = folder / f"usr/share/dbus-1/system-services/{name}.service"
+        assert read_keys(file, "D-BUS Service")["User"] == "ringer"
+    bus = texts[folder / "usr/share/dbus-1/system.d/com.vesk.Sonobrik.conf"]
+    assert '<policy user="ringer">' in bus
+    assert '<policy group="players">' in bus
+    assert '<policy group="editors">' in bus
+    users = texts[folder / "usr/lib/sysusers.d/sonobrik.conf"].splitlines()
+    assert [line for line in users if not line.startswith("#")] == [
+        'u ringer - "Audio clip service"', "m ringer audio", "g players -", "g editors -"]
+
+
+def test_the_programs_read_the_configured_folder(device):
+    folder = device.install(sysconfdir="/etc/firm")
+    for program, names in (("usr/libexec/sonobrik", ("access", "parameters")),
+                           ("usr/bin/sonobrikctl", ("access",)),
+                           ("usr/libexec/vesk-cgi/sonobrik.cgi", ("access",))):
+        content = (folder / program).read_bytes()
+        for name in names:
+            assert f"\0/etc/firm/vesk/{name}.conf\0".encode() in content
+            assert f"\0/etc/vesk/{name}.conf\0".encode() not in content
