@@ -6,6 +6,7 @@
 #include "audio_clip_options.h"
 #include "audio_output.h"
 #include "audioclip_dbus.h"
+#include "clip_volume.h"
 #include "log_level.h"
 #include "playlist.h"
 #include "repeat.h"
@@ -263,7 +264,6 @@ const char *create_pipeline(AudioClip *clip, const PlayRequest *request, const c
     clip->repeat = request->repeat;
 
     g_object_set(playbin, "uri", uri, nullptr);
-    g_object_set(playbin, "volume", request->volume / 100.0, nullptr);
     g_autoptr(GstElement) sink = get_sink(clip, request);
     if (!sink) {
         gst_object_unref(g_steal_pointer(&clip->pipeline));
@@ -271,6 +271,7 @@ const char *create_pipeline(AudioClip *clip, const PlayRequest *request, const c
     }
     g_object_set(sink, "latency-time", SINK_LATENCY_TIME_US, nullptr);
     g_object_set(playbin, "audio-sink", sink, nullptr);
+    clip_volume_set(playbin, sink, request->volume / 100.0);
     gst_pipeline_set_latency(GST_PIPELINE(playbin), PIPELINE_LATENCY);
     return nullptr;
 }

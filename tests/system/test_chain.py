@@ -141,6 +141,16 @@ def test_a_chain_ends_with_its_error_when_the_next_file_has_gone(sandbox, daemon
         *START, "error: Error received from element 'source': Resource not found."]
 
 
+def test_a_chain_keeps_its_volume(sandbox, player):
+    clip = sandbox.write_clip("a.wav", [i % 3000 + 1 for i in range(FRAMES)])
+    loud = [sample * 10 for sample in clip.samples]
+    play_without_gap(sandbox, player, f"{clip.location}&repeat=1&volume=1000", loud, loud)
+    assert player.call("PlayClip", f"{clip.location}&repeat=1&volume=0") == "OK"
+    silence = clips.noise(0)
+    silence.extend([0] * FRAMES)
+    assert heard(sandbox, silence)
+
+
 # Stops at any moment. GStreamer 1.22 can deadlock if a chain of clips of a few milliseconds is
 # stopped while it switches clips; the daemon then exits after 3 s. Clips of this length avoid that.
 

@@ -54,7 +54,25 @@ void forget_element(gpointer made, GObject *released)
     static_cast<MadeElement *>(made)->compare_exchange_strong(element, nullptr);
 }
 
+std::atomic<int> volumes;
+
+/* Counts a volume element, of the player or of playbin, until it is released. */
+GstElement *count_volume(GstElement *element)
+{
+    if (element) {
+        volumes++;
+        g_object_weak_ref(
+            G_OBJECT(element), [](gpointer, GObject *) { volumes--; }, nullptr);
+    }
+    return element;
+}
+
 } // namespace
+
+int audio_clip_count_volumes()
+{
+    return volumes;
+}
 
 void audio_clip_learn_locks(AudioClip *clip)
 {
@@ -128,6 +146,9 @@ GstElement *gst_element_factory_make(const gchar *factory, const gchar *name)
     static auto *const next =
         library<GstElement *(const gchar *, const gchar *)>("gst_element_factory_make");
     const std::string wanted = factory;
+    if (wanted == "volume") {
+        return count_volume(next(factory, name));
+    }
     const bool is_playbin = wanted == "playbin";
     const bool is_vesk_sink = wanted == "veskaudiosink";
     if (!is_playbin && !is_vesk_sink && wanted != "alsasink") {

@@ -136,5 +136,8 @@ AudioClipFakes &audio_clip_fakes();
 /* Counts the calls with this beginning since the calls were last taken. */
 size_t audio_clip_count_calls(const std::string &beginning);
 
+/* Returns the number of volume elements that exist, of the player and of playbin. */
+int audio_clip_count_volumes();
+
 /* For the statement of a death test: sends the log to standard error, "LEVEL: TEXT" a line. */
 void log_to_stderr();

@@ -42,6 +42,13 @@ class AudioClipStart : public AudioClipTest
         const Calls calls = take_calls();
         EXPECT_EQ(calls.back(), "playlist_clear");
     }
+
+    /* Returns the level of the pipeline's own volume element. */
+    double filter_volume()
+    {
+        g_autoptr(GstElement) filter = property<GstElement *>(fakes.pipeline, "audio-filter");
+        return filter ? property<double>(filter, "volume") : -1;
+    }
 };
 
 using AudioClipCreation = AudioClipTest;
@@ -153,6 +160,7 @@ TEST_F(AudioClipStart, MutesAtVolume0)
     fakes.volume = 0;
     start_playing();
     EXPECT_EQ(property<double>(fakes.pipeline, "volume"), 0.0);
+    EXPECT_EQ(filter_volume(), 0.0);
 }
 
 TEST_F(AudioClipStart, AmplifiesTenTimesAtVolume1000)
@@ -160,6 +168,7 @@ TEST_F(AudioClipStart, AmplifiesTenTimesAtVolume1000)
     fakes.volume = 1000;
     start_playing();
     EXPECT_EQ(property<double>(fakes.pipeline, "volume"), 10.0);
+    EXPECT_EQ(filter_volume(), 10.0);
 }
 
 TEST_F(AudioClipStart, DoesNotRoundTheVolume)
@@ -167,6 +176,16 @@ TEST_F(AudioClipStart, DoesNotRoundTheVolume)
     fakes.volume = 33;
     start_playing();
     EXPECT_EQ(property<double>(fakes.pipeline, "volume"), 0.33);
+}
+
+TEST_F(AudioClipStart, DecodesNeitherVideoNorSubtitles)
+{
+    start_playing();
+    GValue flags = G_VALUE_INIT;
+    g_object_get_property(G_OBJECT(fakes.pipeline.load()), "flags", &flags);
+    auto *names = static_cast<GFlagsClass *>(g_type_class_peek(G_VALUE_TYPE(&flags)));
+    EXPECT_EQ(g_value_get_flags(&flags), g_flags_get_value_by_nick(names, "audio")->value);
+    g_value_unset(&flags);
 }
 
 TEST_F(AudioClipStart, OpensTheChosenAlsaDevice)
@@ -237,21 +256,21 @@ TEST_F(AudioClipStart, TellsTheEventsThePathInsteadOfTheUri)
 TEST_F(AudioClipStart, DoesNotChainWithoutRepeat)
 {
     EXPECT_EQ(start(), "");
-    EXPECT_EQ(take_calls("connect "), Calls());
+    EXPECT_EQ(take_calls("connect about-to-finish"), Calls());
 }
 
 TEST_F(AudioClipStart, ChainsWithARepeat)
 {
     fakes.repeat = 1;
     EXPECT_EQ(start(), "");
-    EXPECT_EQ(take_calls("connect "), Calls({"connect about-to-finish"}));
+    EXPECT_EQ(take_calls("connect about"), Calls({"connect about-to-finish"}));
 }
 
 TEST_F(AudioClipStart, ChainsWithoutEnd)
 {
     fakes.repeat = -1;
     EXPECT_EQ(start(), "");
-    EXPECT_EQ(take_calls("connect "), Calls({"connect about-to-finish"}));
+    EXPECT_EQ(take_calls("connect about"), Calls({"connect about-to-finish"}));
 }
 
 TEST_F(AudioClipStart, ChainsBeforeItPlays)

@@ -115,6 +115,16 @@ TEST_F(AudioClipPlayback, PlaysOneClipAndEnds)
     expect_stopped();
 }
 
+/* playbin of GStreamer 1.22 leaks the volume element that it makes itself. */
+TEST_F(AudioClipPlayback, ReleasesTheVolumeElement)
+{
+    add_clip("a.wav", 50);
+    const int before = audio_clip_count_volumes();
+    EXPECT_EQ(start(), "");
+    ASSERT_TRUE(run_until_finished());
+    EXPECT_TRUE(run_until([&] { return audio_clip_count_volumes() <= before; }));
+}
+
 TEST_F(AudioClipPlayback, LetsTheOutputPlayOut)
 {
     add_clip("a.wav", 50);

@@ -1,0 +1,38 @@
+#include "clip_volume.h"
+
+#include <gst/audio/streamvolume.h>
+
+namespace
+{
+
+/* Returns true if the sink, or an element in it, sets the level itself. */
+bool has_volume(GstElement *sink)
+{
+    if (!GST_IS_BIN(sink)) {
+        return GST_IS_STREAM_VOLUME(sink);
+    }
+    g_autoptr(GstElement) element = gst_bin_get_by_interface(GST_BIN(sink), GST_TYPE_STREAM_VOLUME);
+    return element != nullptr;
+}
+
+} // namespace
+
+void clip_volume_set(GstElement *playbin, GstElement *sink, double level)
+{
+    /* playbin passes the level to a sink that has a volume. */
+    g_object_set(playbin, "volume", level, nullptr);
+    if (!has_volume(sink)) {
+        GstElement *filter = gst_element_factory_make("volume", nullptr);
+        if (!filter) {
+            g_warning("%sCould not create volume.", "");
+            return; /* playbin reports that it cannot set the level either */
+        }
+        g_object_set(filter, "volume", level, nullptr);
+        g_object_set(playbin, "audio-filter", filter, nullptr);
+    }
+    /*
+     * Without the flag "soft-volume" playbin makes no volume element of its own, which GStreamer
+     * 1.22 leaks with each pipeline. Without "video" and "text" it does not decode either.
+     */
+    gst_util_set_object_arg(G_OBJECT(playbin), "flags", "audio");
+}
