@@ -50,7 +50,7 @@ def test_a_missing_folder_is_logged(shared, asked):
         "info: The specified directory of '/etc/none/*.wav' does not exist"]
 
 
-@pytest.mark.parametrize("length", [255, 256, 300, 100000])
+@pytest.mark.parametrize("length", [255, 256, 300, 60000])
 def test_an_error_text_has_255_bytes_at_most(shared, asked, length):
     before, after = "No supported file(s) found at '", "'."
     name = "/" + "x" * (length - len(before) - len(after) - 1)
