@@ -6,6 +6,7 @@
 #include "audio_clip_options.h"
 #include "audio_output.h"
 #include "audioclip_dbus.h"
+#include "clip_switch.h"
 #include "clip_volume.h"
 #include "log_level.h"
 #include "playlist.h"
@@ -20,16 +21,17 @@
  * thread runs the player's code before the first start or after the teardown of the pipeline.
  */
 struct AudioClip {
-    GMutex state_lock;     /* guards the fields below `request_lock` */
-    GMutex request_lock;   /* held for a whole stop */
-    bool active;           /* a request is playing: set by a successful start, cleared by stop */
-    GstElement *pipeline;  /* owned; the current "playbin" or null */
-    GstElement *vesk_sink; /* owned; the device's own sink; null if the player uses ALSA */
-    Playlist *playlist;    /* owned; the files of the current request */
-    gint32 repeat;         /* clips still to chain, or REPEAT_ENDLESS */
-    guint bus_watch_id;    /* 0 if there is none, also between the end of stream and the stop */
-    guint stop_timer_id;   /* the timer between the end of stream and the stop, else 0 */
-    AudioOutputIds output; /* of the current or last request, as the events know it */
+    GMutex state_lock;      /* guards the fields below `request_lock` */
+    GMutex request_lock;    /* held for a whole stop */
+    bool active;            /* a request is playing: set by a successful start, cleared by stop */
+    GstElement *pipeline;   /* owned; the current "playbin" or null */
+    GstElement *vesk_sink;  /* owned; the device's own sink; null if the player uses ALSA */
+    Playlist *playlist;     /* owned; the files of the current request */
+    gint32 repeat;          /* clips still to chain, or REPEAT_ENDLESS */
+    guint bus_watch_id;     /* 0 if there is none, also between the end of stream and the stop */
+    guint stop_timer_id;    /* the timer between the end of stream and the stop, else 0 */
+    AudioOutputIds output;  /* of the current or last request, as the events know it */
+    ClipSwitch clip_switch; /* of the current pipeline; has a lock of its own */
 };
 
 namespace
@@ -83,6 +85,9 @@ void announce_state(bool playing, const AudioOutputIds &output)
  */
 void set_to_null(GstElement *pipeline, gpointer user_data)
 {
+    /* playbin reads this under the lock that it holds while it switches clips. */
+    gint count = 0;
+    g_object_get(pipeline, "n-audio", &count, nullptr);
     GstStateChangeReturn result = gst_element_set_state(pipeline, GST_STATE_NULL);
     if (result == GST_STATE_CHANGE_ASYNC) {
         result = gst_element_get_state(pipeline, nullptr, nullptr, STATE_CHANGE_TIMEOUT);
@@ -92,21 +97,20 @@ void set_to_null(GstElement *pipeline, gpointer user_data)
 }
 
 /*
- * Sets the pipeline to the null state. Returns GST_STATE_CHANGE_ASYNC if that takes longer than
- * STATE_CHANGE_TIMEOUT.
+ * Sets the pipeline to the null state. Returns GST_STATE_CHANGE_ASYNC if that takes longer than the
+ * limit, in microseconds.
  *
  * A sink whose device accepts no more samples can block forever in the change, so the change runs
  * on another thread. That thread has a reference of its own to the pipeline and may outlive this
  * call.
  */
-GstStateChangeReturn set_to_null_in_time(GstElement *pipeline)
+GstStateChangeReturn set_to_null_in_time(GstElement *pipeline, gint64 limit)
 {
     g_autoptr(GAsyncQueue) results = g_async_queue_new();
     gst_element_call_async(pipeline, set_to_null, g_async_queue_ref(results), [](gpointer queue) {
         g_async_queue_unref(static_cast<GAsyncQueue *>(queue));
     });
-    const gpointer result =
-        g_async_queue_timeout_pop(results, GST_TIME_AS_USECONDS(STATE_CHANGE_TIMEOUT));
+    const gpointer result = g_async_queue_timeout_pop(results, static_cast<guint64>(limit));
     return result ? static_cast<GstStateChangeReturn>(GPOINTER_TO_INT(result) - 1)
                   : GST_STATE_CHANGE_ASYNC;
 }
@@ -140,7 +144,11 @@ void audio_clip_stop_pipeline(AudioClip *clip, bool exit_on_failure)
 {
     if (clip->pipeline) {
         log_unread_error(clip->pipeline);
-        const GstStateChangeReturn result = set_to_null_in_time(clip->pipeline);
+        const gint64 deadline = g_get_monotonic_time() +
+                                static_cast<gint64>(GST_TIME_AS_USECONDS(STATE_CHANGE_TIMEOUT));
+        clip_switch_close(&clip->clip_switch);
+        const GstStateChangeReturn result =
+            set_to_null_in_time(clip->pipeline, deadline - g_get_monotonic_time());
         if (result == GST_STATE_CHANGE_ASYNC) {
             g_warning("%sIt took too long to set the pipeline to GST_STATE_NULL.", "");
         }
@@ -205,32 +213,51 @@ gboolean audio_clip_on_bus_message(GstBus *bus, GstMessage *message, gpointer us
     }
 }
 
-/* Chains the next clip, if one is left to chain. The caller holds both locks. */
-void chain_next_clip(AudioClip *clip, GstElement *playbin)
+/* Chains the next clip. Returns false if none is left to chain. The caller holds both locks. */
+bool chain_next_clip(AudioClip *clip, GstElement *playbin)
 {
     if (!repeat_take(&clip->repeat)) {
-        return;
+        return false;
     }
     g_autofree char *current_uri = nullptr;
     g_object_get(playbin, "current-uri", &current_uri, nullptr);
     g_autofree char *uri = playlist_get_random_uri(clip->playlist, current_uri);
-    if (uri && clip->pipeline) {
-        g_object_set(clip->pipeline, "uri", uri, nullptr);
-        announce_file(uri, clip->output);
+    if (!uri || !clip->pipeline) {
+        return false;
     }
+    g_object_set(clip->pipeline, "uri", uri, nullptr);
+    announce_file(uri, clip->output);
+    return true;
 }
 
-/* Called on a streaming thread. Takes both locks, or returns if a stop holds them. */
+/*
+ * Called on a streaming thread. Takes both locks, or returns if a stop holds them. When this
+ * function has set the URI of the next clip and returns, playbin switches to that clip.
+ */
 void audio_clip_on_about_to_finish(GstElement *playbin, gpointer user_data)
 {
     auto *clip = static_cast<AudioClip *>(user_data);
-    if (!g_mutex_trylock(&clip->request_lock)) {
-        return; /* the stop waits for this thread, so waiting for the lock would deadlock */
+    if (!clip_switch_begin(&clip->clip_switch)) {
+        return;
     }
-    g_mutex_lock(&clip->state_lock);
-    chain_next_clip(clip, playbin);
-    g_mutex_unlock(&clip->state_lock);
-    g_mutex_unlock(&clip->request_lock);
+    bool chained = false;
+    /* A stop that holds the lock waits for this thread, so waiting for the lock would deadlock. */
+    if (g_mutex_trylock(&clip->request_lock)) {
+        g_mutex_lock(&clip->state_lock);
+        chained = chain_next_clip(clip, playbin);
+        g_mutex_unlock(&clip->state_lock);
+        g_mutex_unlock(&clip->request_lock);
+    }
+    if (!chained) {
+        clip_switch_end(&clip->clip_switch);
+    }
+}
+
+/* Called on a streaming thread or, for the first clip, the main thread. Takes neither lock. */
+void audio_clip_on_source_setup(GstElement *, GstElement *, gpointer user_data)
+{
+    auto *clip = static_cast<AudioClip *>(user_data);
+    clip_switch_end(&clip->clip_switch); /* playbin holds its lock now */
 }
 
 /*
@@ -306,6 +333,8 @@ const char *play(AudioClip *clip, const PlayRequest *request, const char *uri)
     clip->bus_watch_id =
         gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, audio_clip_on_bus_message, clip, nullptr);
 
+    clip_switch_open(&clip->clip_switch);
+    g_signal_connect(clip->pipeline, "source-setup", G_CALLBACK(audio_clip_on_source_setup), clip);
     if (clip->repeat != 0 &&
         g_signal_connect(clip->pipeline, "about-to-finish",
                          G_CALLBACK(audio_clip_on_about_to_finish), clip) == 0) {
@@ -365,6 +394,7 @@ AudioClip *audio_clip_ref()
     clip->active = false;
     g_mutex_init(&clip->state_lock);
     g_mutex_init(&clip->request_lock);
+    clip_switch_init(&clip->clip_switch);
     return clip;
 }
 
@@ -390,6 +420,7 @@ void audio_clip_unref(AudioClip *clip)
     g_mutex_unlock(&clip->request_lock);
     g_mutex_clear(&clip->state_lock);
     g_mutex_clear(&clip->request_lock);
+    clip_switch_clear(&clip->clip_switch);
 }
 
 char *audio_clip_start(AudioClip *clip, const char *options)

@@ -1,6 +1,8 @@
 """Chains of clips: "repeat" plays them without a gap."""
 
 import itertools
+import random
+import time
 
 import pytest
 from sandbox import clips, wait_until
@@ -151,8 +153,19 @@ def test_a_chain_keeps_its_volume(sandbox, player):
     assert heard(sandbox, silence)
 
 
-# Stops at any moment. GStreamer 1.22 can deadlock if a chain of clips of a few milliseconds is
-# stopped while it switches clips; the daemon then exits after 3 s. Clips of this length avoid that.
+def test_a_chain_of_clips_without_samples_switches_50_times_a_second(sandbox, player):
+    clip = sandbox.write_clip("empty.wav", [])
+    began = time.monotonic()
+    held = player.send("PlayClip", f"{clip.location}&repeat=-1")
+    wait_until(lambda: len(files_of(player)) >= 50, 30, "50 clips have begun")
+    assert time.monotonic() - began >= (len(files_of(player)) - 1) / 50
+    stopped = time.monotonic()
+    assert player.call("StopPlayingClip") == "OK"
+    assert time.monotonic() - stopped < 1
+    assert held.wait() == ("OK",)
+
+
+# Stops at any moment
 
 LENGTH = 72000
 
@@ -183,3 +196,21 @@ def test_held_chains_are_stopped_at_any_moment(sandbox, player):
         stop = player.send("StopPlayingClip")
         assert (held.wait(), stop.wait()) == (("OK",), ("OK",))
         assert held.arrival < stop.arrival
+
+
+@pytest.mark.parametrize("milliseconds", [0, 20, 50, 200])
+def test_chains_of_short_clips_are_stopped_at_any_moment(sandbox, player, milliseconds):
+    """playbin of GStreamer 1.22 can lock up when its state changes while it switches clips; the
+    daemon would then end after 3 s."""
+    moment = random.Random(milliseconds)
+    for number in range(2):
+        sandbox.write_clip(f"set-{number}.wav", clips.noise(48 * milliseconds, seed=number))
+    for _ in range(40):
+        before = len(files_of(player))
+        switches = moment.randint(1, 12)
+        assert player.call("StartPlayingClip", "location=/etc/audioclips/set-*.wav&repeat=-1") == "OK"
+        wait_until(lambda: len(files_of(player)) > before + switches, what="it is chained")
+        end = time.monotonic() + moment.uniform(0, 0.02)
+        while time.monotonic() < end:
+            pass
+        assert player.call("StopPlayingClip") == "OK"

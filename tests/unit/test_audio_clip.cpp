@@ -135,6 +135,7 @@ TEST_F(AudioClipStart, TakesTheStepsInOrderUnderTheStateLockAlone)
                                 "make playbin 'play audio clip'",
                                 "make alsasink 'alsasink'",
                                 "watch at priority 0",
+                                "connect source-setup",
                                 "set PLAYING",
                                 "file /clips/door.wav on 0 -1 -1",
                                 "playing on 0 -1 -1",

@@ -20,9 +20,13 @@ class AudioClipChain : public AudioClipTest
         fakes.uris = {"file:///clips/a.wav", "file:///clips/b.wav", "file:///clips/c.wav"};
     }
 
+    /* Emits the signals of a switch, as playbin does. */
     void about_to_finish()
     {
         g_signal_emit_by_name(fakes.pipeline, "about-to-finish");
+        g_autoptr(GstElement) source = gst_element_factory_make("fakesrc", nullptr);
+        gst_object_ref_sink(source);
+        g_signal_emit_by_name(fakes.pipeline, "source-setup", source);
     }
 
     void about_to_finish(int times)
@@ -142,6 +146,50 @@ TEST_F(AudioClipChain, CountsADrawWithoutAFileToo)
     about_to_finish();
     EXPECT_EQ(audio_clip_count_calls("file "), 0u);
     EXPECT_EQ(next_uri(), "file:///clips/a.wav");
+}
+
+TEST_F(AudioClipChain, ChainsNoMoreThan50ClipsASecond)
+{
+    fakes.repeat = -1;
+    const gint64 began = g_get_monotonic_time();
+    start_playing();
+    about_to_finish(10);
+    EXPECT_GE(g_get_monotonic_time() - began, 200 * G_TIME_SPAN_MILLISECOND);
+}
+
+TEST_F(AudioClipChain, EndsASwitchThatIsNotTaken)
+{
+    fakes.repeat = 1;
+    start_playing();
+    about_to_finish();
+    g_signal_emit_by_name(fakes.pipeline, "about-to-finish"); /* no source follows */
+    const gint64 began = g_get_monotonic_time();
+    audio_clip_stop(clip, nullptr);
+    EXPECT_LT(g_get_monotonic_time() - began, 500 * G_TIME_SPAN_MILLISECOND);
+}
+
+/* Otherwise playbin can lock up. */
+TEST_F(AudioClipChain, IsNotStoppedWithinASwitch)
+{
+    fakes.repeat = 1;
+    start_playing();
+    GstElement *pipeline = GST_ELEMENT(gst_object_ref(fakes.pipeline.load()));
+    std::atomic<bool> source_set_up = false;
+    bool stopped_within_switch = false;
+    fakes.on_null = [&] {
+        stopped_within_switch = !source_set_up;
+    };
+    g_signal_emit_by_name(pipeline, "about-to-finish");
+    std::thread streaming([&] {
+        g_autoptr(GstElement) source = gst_element_factory_make("fakesrc", nullptr);
+        gst_object_ref_sink(source);
+        source_set_up = true;
+        g_signal_emit_by_name(pipeline, "source-setup", source);
+    });
+    audio_clip_stop(clip, nullptr);
+    streaming.join();
+    gst_object_unref(pipeline);
+    EXPECT_FALSE(stopped_within_switch);
 }
 
 TEST_F(AudioClipChain, IsUntouchedByARefusedRequest)

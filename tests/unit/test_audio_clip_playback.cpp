@@ -197,6 +197,22 @@ TEST_F(AudioClipPlayback, StopsInTheMiddleOfAChainWithoutEnd)
     expect_stopped();
 }
 
+/* Without care, playbin of GStreamer 1.22 locks up in one stop out of 50. */
+TEST_F(AudioClipPlayback, StopsAtAnyMomentOfAChainOfShortClips)
+{
+    add_clip("a.wav", 50);
+    add_clip("b.wav", 50);
+    fakes.repeat = -1;
+    for (size_t request = 0; request < 200; request++) {
+        EXPECT_EQ(start(), "");
+        const size_t switches = 1 + request % 12;
+        ASSERT_TRUE(run_until([&] { return audio_clip_count_calls("file ") > switches; }));
+        g_usleep(request * 7919 % 5000);
+        audio_clip_stop(clip, nullptr);
+        expect_stopped();
+    }
+}
+
 TEST_F(AudioClipPlayback, PlaysTheNextRequestWholeAfterAStopWithinTheDelay)
 {
     add_clip("a.wav", 50);
