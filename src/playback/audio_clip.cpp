@@ -6,6 +6,7 @@
 #include "audio_clip_options.h"
 #include "audio_output.h"
 #include "audioclip_dbus.h"
+#include "clip_source.h"
 #include "clip_switch.h"
 #include "clip_volume.h"
 #include "log_level.h"
@@ -254,9 +255,10 @@ void audio_clip_on_about_to_finish(GstElement *playbin, gpointer user_data)
 }
 
 /* Called on a streaming thread or, for the first clip, the main thread. Takes neither lock. */
-void audio_clip_on_source_setup(GstElement *, GstElement *, gpointer user_data)
+void audio_clip_on_source_setup(GstElement *, GstElement *source, gpointer user_data)
 {
     auto *clip = static_cast<AudioClip *>(user_data);
+    clip_source_pin(source);
     clip_switch_end(&clip->clip_switch); /* playbin holds its lock now */
 }
 
@@ -369,6 +371,10 @@ char *start_request(AudioClip *clip, const char *options)
     g_autofree char *uri = playlist_get_random_uri(clip->playlist, nullptr);
     if (!uri) {
         return g_strdup("Could not retrieve any media/audio file");
+    }
+    /* The file may have been replaced since it was added to the playlist. */
+    if (!clip_source_is_playable(uri)) {
+        return g_strdup_printf("No supported file(s) found at '%s'.", request.location);
     }
     const char *error = play(clip, &request, uri);
     /* The inner error already ends in a full stop. Callers match on the text with both. */

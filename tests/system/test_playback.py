@@ -2,6 +2,7 @@
 
 import os
 import re
+import threading
 import urllib.parse
 
 import pytest
@@ -143,6 +144,35 @@ def test_a_clip_plays_on_when_its_caller_gives_up(sandbox, daemon, player):
     assert player.call("PlayClip", clip.location) == "OK"
     assert daemon.stop() == 0
     assert daemon.texts == START
+
+
+# Files that change
+
+
+def test_a_path_that_changes_between_clip_and_fifo_blocks_nothing(sandbox, player, long):
+    path = long.file.with_name("changing.wav")
+    new = long.file.with_name("new")
+    ended = threading.Event()
+
+    def change():
+        while not ended.is_set():
+            os.link(long.file, new)
+            os.rename(new, path)
+            os.mkfifo(new)
+            os.rename(new, path)
+
+    changer = threading.Thread(target=change)
+    changer.start()
+    try:
+        for _ in range(60):
+            reply = player.send("StartPlayingClip", f"location=/etc/audioclips/{path.name}")
+            wait_until(lambda: reply.done, 10, "the call is answered")
+            assert player.call("StopPlayingClip") == "OK"
+    finally:
+        ended.set()
+        changer.join()
+    assert player.call("StartPlayingClip", long.location) == "OK"
+    wait_sounding(sandbox, sandbox.card(0).count("start") + 1)
 
 
 # The 300 ms between the end of a clip and its answer

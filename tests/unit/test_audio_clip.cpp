@@ -366,6 +366,12 @@ TEST_F(AudioClipStart, RefusesWhenNoFileIsDrawn)
     expect_refusal("Could not retrieve any media/audio file");
 }
 
+TEST_F(AudioClipStart, RefusesAFileThatHasBecomeADevice)
+{
+    fakes.uris = {"file:///dev/null"};
+    expect_refusal("No supported file(s) found at '/clips/door.wav'.");
+}
+
 TEST_F(AudioClipStart, RefusesWithoutPlaybin)
 {
     fakes.missing_elements.insert("playbin");

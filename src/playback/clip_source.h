@@ -1,0 +1,21 @@
+#pragma once
+
+/*
+ * The file that a clip is read from. Opening a FIFO blocks until it has a writer, and a path can
+ * become one after it was checked.
+ */
+
+#include <gst/gst.h>
+
+/*
+ * Returns false if `uri` names a folder, FIFO, socket or device. Returns true for a file that is
+ * missing or cannot be opened: GStreamer reports the reason when it plays the file.
+ */
+bool clip_source_is_playable(const char *uri);
+
+/*
+ * Makes a "filesrc" read the regular file that its path names now, whatever becomes of the path. If
+ * it does not name one, opening the source fails. Ignores other elements. Call it from
+ * "source-setup", before the source opens its file. Called on any thread.
+ */
+void clip_source_pin(GstElement *source);

@@ -1,0 +1,108 @@
+#include "clip_source.h"
+
+#include <sys/stat.h>
+
+#include "temp_dir.h"
+
+namespace
+{
+
+class ClipSource : public ::testing::Test
+{
+  protected:
+    ClipSource()
+    {
+        gst_init(nullptr, nullptr);
+        path = folder.file("a.wav", "sound");
+    }
+
+    void replace_by_fifo()
+    {
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    }
+
+    std::string uri() const
+    {
+        return "file://" + path;
+    }
+
+    GstElement *make_source(const char *factory = "filesrc")
+    {
+        GstElement *source = gst_element_factory_make(factory, nullptr);
+        gst_object_ref_sink(source);
+        if (std::string(factory) == "filesrc") {
+            g_object_set(source, "location", path.c_str(), nullptr);
+        }
+        return source;
+    }
+
+    static GstStateChangeReturn open_and_close(GstElement *source)
+    {
+        const GstStateChangeReturn result = gst_element_set_state(source, GST_STATE_PAUSED);
+        gst_element_set_state(source, GST_STATE_NULL);
+        return result;
+    }
+
+    TempDir folder;
+    std::string path;
+};
+
+} // namespace
+
+TEST_F(ClipSource, PlaysARegularFile)
+{
+    EXPECT_TRUE(clip_source_is_playable(uri().c_str()));
+}
+
+TEST_F(ClipSource, LeavesAMissingFileToGStreamer)
+{
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_TRUE(clip_source_is_playable(uri().c_str()));
+}
+
+TEST_F(ClipSource, PlaysNoFifo)
+{
+    replace_by_fifo();
+    EXPECT_FALSE(clip_source_is_playable(uri().c_str()));
+}
+
+TEST_F(ClipSource, PlaysNoFolder)
+{
+    const std::string folder_uri = "file://" + folder.root;
+    EXPECT_FALSE(clip_source_is_playable(folder_uri.c_str()));
+}
+
+TEST_F(ClipSource, ReadsThePinnedFileWhenThePathBecomesAFifo)
+{
+    g_autoptr(GstElement) source = make_source();
+    clip_source_pin(source);
+    replace_by_fifo();
+    EXPECT_NE(open_and_close(source), GST_STATE_CHANGE_FAILURE);
+}
+
+TEST_F(ClipSource, FailsToOpenAFifo)
+{
+    replace_by_fifo();
+    g_autoptr(GstElement) source = make_source();
+    clip_source_pin(source);
+    EXPECT_EQ(open_and_close(source), GST_STATE_CHANGE_FAILURE);
+}
+
+TEST_F(ClipSource, ClosesThePinnedFileWithTheSource)
+{
+    const size_t before = count_open_files();
+    GstElement *source = make_source();
+    clip_source_pin(source);
+    EXPECT_EQ(count_open_files(), before + 1);
+    gst_object_unref(source);
+    EXPECT_EQ(count_open_files(), before);
+}
+
+TEST_F(ClipSource, IgnoresOtherSources)
+{
+    const size_t before = count_open_files();
+    g_autoptr(GstElement) source = make_source("fakesrc");
+    clip_source_pin(source);
+    EXPECT_EQ(count_open_files(), before);
+}
