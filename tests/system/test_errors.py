@@ -57,7 +57,7 @@ def test_an_error_text_has_255_bytes_at_most(shared, asked, length):
     text = f"{before}{name}{after}"
     assert asked.fail("PlayClip", f"location={name}") == text[:255]
     line = f"sonobrik_dbus_method_error_msg the error message '{text}' has been truncated."
-    if length == 100000:  # the log truncates a line this long
+    if length == 60000:  # the log truncates a line this long
         assert any(entry.level == "warning" and line.startswith(entry.text.removesuffix(" [cut]"))
                    for entry in shared.daemon.log)
     else:

@@ -47,6 +47,8 @@ constexpr unsigned MAX_PERIODS = 1024;
 /* How often a stuck card checks whether it still is, while a program waits for it. */
 constexpr uint64_t STUCK_POLL_TIME = 20000000;
 
+constexpr uint32_t FAST_PACE = 20;
+
 constexpr std::array<unsigned, 3> FORMATS = {
     SND_PCM_FORMAT_S16_LE,
     SND_PCM_FORMAT_S24_3LE,
@@ -67,6 +69,7 @@ struct Card {
     snd_pcm_uframes_t avail_min;
     snd_pcm_uframes_t boundary; /* where ALSA's positions wrap */
     bool running;
+    uint32_t pace;           /* how many times as fast as the monotonic clock the card plays */
     bool told_full;          /* since the card was prepared */
     uint64_t start_time;     /* when the clock last started */
     uint64_t start_position; /* the position at that time */
@@ -90,6 +93,7 @@ snd_pcm_uframes_t get_filled(Card *card)
 void run_clock(Card *card)
 {
     card->running = true;
+    card->pace = recording_has_flag(&card->recording, "fast") ? FAST_PACE : 1;
     card->start_time = recording_get_time();
     card->start_position = card->position;
 }
@@ -116,7 +120,7 @@ void arm_timer(Card *card)
     } else if (missing > 0 && card->running)
         time = card->start_time +
                recording_frames_to_time(card->position - card->start_position + missing,
-                                        card->io.rate);
+                                        card->io.rate * card->pace);
     else if (missing > 0 && card->io.state != SND_PCM_STATE_DISCONNECTED)
         time = 0; /* never, because the clock does not run */
 
@@ -161,9 +165,9 @@ bool play(Card *card)
         run_clock(card); /* once freed, the card continues from here */
         return true;
     }
-    const uint64_t passed =
-        recording_time_to_frames(recording_get_time() - card->start_time, card->io.rate) -
-        (card->position - card->start_position);
+    const uint64_t passed = recording_time_to_frames(recording_get_time() - card->start_time,
+                                                     card->io.rate * card->pace) -
+                            (card->position - card->start_position);
     const snd_pcm_uframes_t filled = get_filled(card);
     const int r = record_frames(card, std::min<uint64_t>(passed, filled));
     if (r < 0) {

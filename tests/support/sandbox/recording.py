@@ -10,7 +10,7 @@ import struct
 import sys
 
 # While a file of one of these names exists, the sound card misbehaves.
-TROUBLES = ("busy", "gone", "stuck")
+TROUBLES = ("busy", "fast", "gone", "stuck")
 
 HEADER = struct.Struct("<4sI4s4sIHHIIHH4sI")
 
@@ -122,7 +122,7 @@ class Recording:
         return states[-1:] == ["open"]
 
     def set_trouble(self, name, on=True):
-        """Makes a sound card "busy", "gone" or "stuck", or ends that state."""
+        """Makes a sound card "busy", "fast", "gone" or "stuck", or ends that state."""
         if name not in TROUBLES:
             raise ValueError(name)
         if on:
