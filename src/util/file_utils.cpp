@@ -101,5 +101,6 @@ gint32 file_utils_get_file_size_kb(const char *path)
     if (!path || stat(path, &status) != 0) {
         return -1;
     }
-    return static_cast<gint32>(lround(static_cast<double>(status.st_size) * KIB_PER_BYTE));
+    /* Not lround(): a long has only 32 bits on some machines and cannot hold a larger number. */
+    return static_cast<gint32>(llround(static_cast<double>(status.st_size) * KIB_PER_BYTE));
 }
