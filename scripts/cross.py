@@ -30,6 +30,12 @@ LIBRARIES = (
     "libgstreamer-plugins-base1.0-dev", "libgstreamer1.0-dev", "libgtest-dev", "libjansson-dev",
     "libsystemd-dev")
 
+# Tests that end a process, which the emulator shows: it reports the signal on standard error, and the
+# process cannot start itself again without it.
+LEFT_OUT = ("AudioClipStop.EndsTheProcess*", "AudioClipUnref.AbortsDuring*",
+            "LogRedirect.KeepsTheWordOfALineThatWasMadeFatal",
+            "LogRedirect.SaysThatAFatalLineIsFatalAndAborts")
+
 TREE = fresh.TREE
 
 
@@ -74,7 +80,8 @@ class Cross:
     def test(self, step):
         # Emulated programs are many times slower.
         step.run(self.enter("meson test -C build-cross --no-rebuild --print-errorlogs "
-                            "--timeout-multiplier 10", TREE), env=fresh.environment())
+                            "--timeout-multiplier 10", TREE),
+                 env=fresh.environment() | {"GTEST_FILTER": "-" + ":".join(LEFT_OUT)})
 
 
 def run_step(cross, name, function):

@@ -39,8 +39,10 @@ int run_tests(int argc, char **argv)
         }
         filter += tests;
     }
-    if (!filter.empty() && GTEST_FLAG_GET(filter) == "*") {
-        GTEST_FLAG_SET(filter, filter);
+    /* A filter that only leaves out tests, as in GTEST_FILTER=-A.B, applies to the modules too. */
+    const std::string given = GTEST_FLAG_GET(filter);
+    if (!filter.empty() && (given == "*" || given.starts_with('-'))) {
+        GTEST_FLAG_SET(filter, filter + (given == "*" ? "" : given));
     }
     return RUN_ALL_TESTS();
 }
