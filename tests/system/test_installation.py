@@ -159,10 +159,9 @@ class Device:
     def __init__(self, build_dir, folder):
         self.build = build_dir / "options"
         self._folder = folder
-        # A folder that another version of the tree configured may not know all options.
-        shutil.rmtree(self.build, ignore_errors=True)
-        self._run("meson", "setup", self.build, ROOT, "--buildtype=debug", "-Dtests=disabled",
-                  "-Dwerror=true")
+        again = ["--reconfigure"] if (self.build / "build.ninja").exists() else []
+        self._run("meson", "setup", *again, self.build, ROOT, "--buildtype=debug",
+                  "-Dtests=disabled", "-Dwerror=true")
 
     def _run(self, *command):
         result = subprocess.run([str(word) for word in command], text=True, timeout=600,
