@@ -29,8 +29,8 @@ char *util_str_extract(const char *text, const char *prefix, const char *suffix)
 
 /*
  * Replaces the file `path` with a new file that contains the `length` bytes at `text`. The file
- * gets the permission bits `mode` less the process's umask. If `path` is a symbolic link, the link
- * is replaced.
+ * gets the permission bits `mode`, whatever the process's umask. If `path` is a symbolic link, the
+ * link is replaced.
  *
  * Waits until the bytes are on storage. At any moment, even after a crash or a power cut, a reader
  * of `path` gets either the whole old content or the whole new content. A crash may leave one

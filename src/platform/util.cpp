@@ -59,7 +59,9 @@ static bool write_temporary(const Place &place, const char *text, size_t length,
     if (fd < 0) {
         return false;
     }
-    const bool written = write_all(fd, text, length) && sync_descriptor(fd);
+    /* The umask may have removed bits. */
+    const bool written =
+        fchmod(fd, mode) == 0 && write_all(fd, text, length) && sync_descriptor(fd);
     /* Some file systems report a full disk only here. An interrupted close has closed the file. */
     const bool closed = close(fd) == 0 || errno == EINTR;
     if (!written || !closed) {

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 int util_str_to_int(const char *text, int32_t *value)
@@ -58,7 +59,8 @@ static bool write_new(const char *path, const char *text, size_t length, mode_t 
     if (fd < 0) {
         return false;
     }
-    const bool written = write_all(fd, text, length) && fsync(fd) == 0;
+    /* The umask may have removed bits. */
+    const bool written = fchmod(fd, mode) == 0 && write_all(fd, text, length) && fsync(fd) == 0;
     if (close(fd) == 0 && written) {
         return true;
     }
