@@ -28,8 +28,8 @@ NOT_IMPOSED = {
 
 # Directives about starting and watching a service, which do not restrict it.
 SUPERVISION = {
-    "BusName", "Restart", "RestartForceExitStatus", "RestartSec", "SuccessExitStatus", "Type",
-    "WatchdogSec",
+    "BusName", "Restart", "RestartForceExitStatus", "RestartMaxDelaySec", "RestartSec",
+    "RestartSteps", "SuccessExitStatus", "Type", "WatchdogSec",
 }
 
 # Directives that this program applies.
@@ -217,8 +217,10 @@ def expand(name):
     """Returns the system calls of a set such as "@clock", or the one call of that name."""
     if not name.startswith("@"):
         return {name}
+    # systemd-analyze 257 reports its exit to NOTIFY_SOCKET, and blocks once nobody reads that.
+    environment = {key: value for key, value in os.environ.items() if key != "NOTIFY_SOCKET"}
     text = subprocess.run(["systemd-analyze", "--no-pager", "syscall-filter", name], check=True,
-                          capture_output=True, text=True).stdout
+                          capture_output=True, text=True, env=environment).stdout
     words = [line.strip() for line in text.splitlines()[1:]]
     return set().union(*(expand(word) for word in words if word and not word.startswith("#")))
 
