@@ -271,8 +271,8 @@ def test_an_empty_list_of_outputs_says_how_to_create_one(shell, sandbox):
 def many(sandbox):
     """A list that is larger than the buffer of a pipe."""
     store = Store(sandbox)
-    for number in range(100):
-        store.write(f"M{number}.json", write_record("", "n" * 2000, "audio"))
+    for number in range(500):
+        store.write(f"M{number}.json", write_record("", "n" * 255, "audio"))
     sandbox.start_daemon()
 
 
