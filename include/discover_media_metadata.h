@@ -22,6 +22,18 @@ struct discover_media_metadata {
  */
 discover_media_metadata *discover_media_get_metadata(const char *path);
 
+/*
+ * Returns an empty memory for the results of one request, with which a file that several records
+ * share is inspected once. Free it with g_hash_table_unref().
+ */
+GHashTable *discover_media_memo_new();
+
+/*
+ * Does the same as discover_media_get_metadata(), but inspects no path that `memo` knows, and adds
+ * the others to it. A file that could not be described is known too. `memo` may be null.
+ */
+discover_media_metadata *discover_media_get_metadata_once(const char *path, GHashTable *memo);
+
 /* Frees the record and drops its references. A null record is ignored. */
 void discover_media_free_metadata(discover_media_metadata *m);
 

@@ -16,6 +16,9 @@
 namespace
 {
 
+/* In µs. A list of thousands of files would otherwise send a ping for each. */
+constexpr gint64 MIN_PING_INTERVAL = G_USEC_PER_SEC / 10;
+
 GMainLoop *main_loop;
 
 /* Stays EXIT_FAILURE until a quit request sets it, so a failed start-up exits with 1. */
@@ -24,6 +27,8 @@ gint32 exit_status = EXIT_FAILURE;
 AudioClip *audio_clip;
 
 guint watchdog_source_id;
+
+gint64 last_ping; /* in µs of g_get_monotonic_time() */
 
 /* Reserved for a second timer, which the teardown removes too; nothing sets it. */
 guint spare_source_id;
@@ -35,9 +40,15 @@ gboolean quit_signal_handler(gpointer)
     return G_SOURCE_REMOVE;
 }
 
+void ping_watchdog()
+{
+    last_ping = g_get_monotonic_time();
+    sd_notify(0, "WATCHDOG=1");
+}
+
 gboolean watchdog_timeout_cb(gpointer)
 {
-    sd_notify(0, "WATCHDOG=1");
+    ping_watchdog();
     return G_SOURCE_CONTINUE;
 }
 
@@ -126,6 +137,13 @@ void sonobrik_quit_main_loop(gint32 code)
         g_main_loop_quit(main_loop);
     }
     exit_status = code;
+}
+
+void sonobrik_feed_watchdog()
+{
+    if (watchdog_source_id != 0 && g_get_monotonic_time() - last_ping >= MIN_PING_INTERVAL) {
+        ping_watchdog();
+    }
 }
 
 int main(int argc, char **argv)

@@ -5,6 +5,7 @@
 
 #include "discover_media_supported.h"
 #include "file_utils.h"
+#include "service_frame.h"
 
 namespace
 {
@@ -52,6 +53,7 @@ bool playlist_add_from_wildcard_path(Playlist *playlist, const char *path)
     bool added = false;
     GSList *files = file_utils_get_files_from_wildcard(path);
     for (GSList *file = files; file; file = file->next) {
+        sonobrik_feed_watchdog(); /* a damaged file takes seconds */
         added |= playlist_add(playlist, static_cast<const char *>(file->data));
     }
     file_utils_free_list(&files);

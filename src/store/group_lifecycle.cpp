@@ -1,6 +1,7 @@
 #include "sonobrik_group.h"
 
 #include "file_utils.h"
+#include "service_frame.h"
 #include "sonobrik_group_conf.h"
 
 namespace
@@ -92,6 +93,7 @@ GSList *sonobrik_group_get_parameter_list()
     GSList *groups = nullptr;
     GSList *paths = sonobrik_group_conf_get_param_file_list();
     for (GSList *path = paths; path; path = path->next) {
+        sonobrik_feed_watchdog(); /* 10,000 large files take longer than its interval */
         auto *file = static_cast<const char *>(path->data);
         g_autoptr(SonobrikGroup) group = sonobrik_group_from_file(file);
         if (!group) {

@@ -4,6 +4,7 @@
 #include "bus_budget.h"
 #include "discover_media_metadata.h"
 #include "log_level.h"
+#include "service_frame.h"
 
 namespace
 {
@@ -30,13 +31,13 @@ json_t *pack_metadata(const discover_media_metadata *m)
 }
 
 /* Computes the record's metadata and saves it. Returns false with a log line. */
-bool compute_metadata(SonobrikGroup *group)
+bool compute_metadata(SonobrikGroup *group, GHashTable *memo)
 {
     const char *location = sonobrik_group_get_location(group);
     if (!location) {
         return false;
     }
-    g_autoptr(discover_media_metadata) m = discover_media_get_metadata(location);
+    g_autoptr(discover_media_metadata) m = discover_media_get_metadata_once(location, memo);
     if (!m) {
         g_warning("%sCould not get metadata for location: %s", "", location);
         return false;
@@ -78,6 +79,20 @@ json_t *pack_reply(const SonobrikGroup *group)
     return reply;
 }
 
+/* Does the same as sonobrik_group_metadata(), and inspects no file that `memo` knows. */
+json_t *describe_group(SonobrikGroup *group, GHashTable *memo)
+{
+    if (!group) {
+        return nullptr;
+    }
+    if (!sonobrik_group_metadata_valid(group) && !compute_metadata(group, memo)) {
+        g_warning("%sFailed to create metadata for clip at location: %s", "",
+                  sonobrik_group_get_location(group));
+        return nullptr;
+    }
+    return pack_reply(group);
+}
+
 } // namespace
 
 bool sonobrik_group_metadata_valid(const SonobrikGroup *group)
@@ -116,15 +131,7 @@ bool sonobrik_group_set_media_metadata(SonobrikGroup *group, json_t *metadata)
 
 json_t *sonobrik_group_metadata(SonobrikGroup *group)
 {
-    if (!group) {
-        return nullptr;
-    }
-    if (!sonobrik_group_metadata_valid(group) && !compute_metadata(group)) {
-        g_warning("%sFailed to create metadata for clip at location: %s", "",
-                  sonobrik_group_get_location(group));
-        return nullptr;
-    }
-    return pack_reply(group);
+    return describe_group(group, nullptr);
 }
 
 char *sonobrik_group_get_metadata()
@@ -133,11 +140,13 @@ char *sonobrik_group_get_metadata()
     if (!array) {
         return nullptr;
     }
+    g_autoptr(GHashTable) memo = discover_media_memo_new();
     size_t left = BUS_BUDGET;
     GSList *groups = sonobrik_group_get_parameter_list();
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
-        json_t *metadata = sonobrik_group_metadata(group);
+        sonobrik_feed_watchdog(); /* a damaged file takes seconds */
+        json_t *metadata = describe_group(group, memo);
         if (!metadata) {
             log_error("%sCould not obtain metadata for clip at location: %s", "",
                       sonobrik_group_get_location(group));

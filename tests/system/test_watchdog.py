@@ -1,7 +1,13 @@
 """systemd's watchdog."""
 
-from sandbox import Player, clips, wait_until
+import os
+import time as clock
+
+import pytest
+from sandbox import BusError, Player, Store, clips, wait_until
 from sandbox.log_lines import START
+from sandbox.player import NAME, PATH
+from sandbox.store import write_record
 
 PING = "WATCHDOG=1"
 
@@ -61,3 +67,62 @@ def test_an_invalid_watchdog_period_is_logged_and_ignored(sandbox):
         "info: sonobrik_stop_clip with options: ",
     ]
     assert texts(sandbox) == []
+
+
+# Files that take seconds
+
+# The discoverer gives up after 5 s. A busy machine needs some time more.
+LONGEST_GAP = 8
+
+
+def write_slow_clip(sandbox, name):
+    """Writes a file that keeps the discoverer busy until its time-out."""
+    clip = sandbox.write_clip(name, clips.noise(2400))
+    os.truncate(clip.file, 200 * 2**30)
+    return clip
+
+
+def measure(sandbox, reply):
+    """Waits for a reply. Returns how long it took and the longest time without a ping until then,
+    in seconds."""
+    begin = clock.monotonic_ns()
+    # A ping gets its time when `messages` is read.
+    wait_until(lambda: sandbox.notify.messages is not None and reply.done, 60, "it is answered")
+    end = clock.monotonic_ns()
+    times = [begin, *(time for time, _ in sandbox.notify.messages if time > begin), end]
+    gaps = [(later - earlier) / 1e9 for earlier, later in zip(times, times[1:])]
+    return (end - begin) / 1e9, max(gaps)
+
+
+def test_it_is_pinged_between_slow_files(sandbox):
+    store = Store(sandbox).start(watchdog_usec=4000000)
+    for number in range(3):
+        store.add_clip(write_slow_clip(sandbox, f"{number}.wav").path)
+    # Without pings between the files, each call would be a gap of 15 s.
+    reply = sandbox.bus.send(NAME, PATH, NAME, "GetMetadata")
+    duration, gap = measure(sandbox, reply)
+    assert reply.wait() == ("[]",)
+    assert duration > 14
+    assert gap < LONGEST_GAP
+    reply = Player(sandbox.bus).send("StartPlayingClip", "location=/etc/audioclips/*.wav")
+    duration, gap = measure(sandbox, reply)
+    with pytest.raises(BusError, match="No supported file"):
+        reply.wait()
+    assert duration > 14
+    assert gap < LONGEST_GAP
+
+
+def test_a_location_that_many_clips_share_is_inspected_once(sandbox, store):
+    clip = write_slow_clip(sandbox, "slow.wav")
+    for index in range(100):
+        store.write(f"M{index}.json", write_record(clip.path, "A", "audio"))
+    begin = clock.monotonic_ns()
+    assert store.get_metadata() == "[]"
+    assert clock.monotonic_ns() - begin < LONGEST_GAP * 1e9
+    log = store.take_log()
+    # What is logged about each clip does not depend on the others.
+    for line in ("warning: Could not obtain media info for: ",
+                 "warning: Could not get metadata for location: ",
+                 "warning: Failed to create metadata for clip at location: ",
+                 "error: Could not obtain metadata for clip at location: "):
+        assert log.count(line + clip.path) == 100

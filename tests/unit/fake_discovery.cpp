@@ -1,12 +1,14 @@
 #include "fake_discovery.h"
 
 #include "discover_media_metadata.h"
+#include "fake_service_frame.h"
 
 FakeDiscovery discovery;
 
 discover_media_metadata *discover_media_get_metadata(const char *path)
 {
     discovery.inspected.emplace_back(path);
+    discovery.feeds.push_back(watchdog_feeds);
     const auto found = discovery.found.find(path);
     if (found == discovery.found.end()) {
         return nullptr;
@@ -19,6 +21,17 @@ discover_media_metadata *discover_media_get_metadata(const char *path)
     m->media_size_kb = description.size;
     discovery.handles++;
     return m;
+}
+
+GHashTable *discover_media_memo_new()
+{
+    return g_hash_table_new(g_str_hash, g_str_equal);
+}
+
+discover_media_metadata *discover_media_get_metadata_once(const char *path, GHashTable *memo)
+{
+    discovery.memos.push_back(memo);
+    return discover_media_get_metadata(path);
 }
 
 void discover_media_free_metadata(discover_media_metadata *m)

@@ -17,7 +17,9 @@ struct Description {
 struct FakeDiscovery {
     std::map<std::string, Description> found; /* by path; no other file can be described */
     std::vector<std::string> inspected;
-    int handles = 0; /* records that are not freed yet */
+    std::vector<int> feeds;          /* of the watchdog, before each inspection */
+    std::vector<GHashTable *> memos; /* with which each inspection was asked for */
+    int handles = 0;                 /* records that are not freed yet */
 };
 
 extern FakeDiscovery discovery;

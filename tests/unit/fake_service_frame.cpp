@@ -6,3 +6,8 @@ void sonobrik_quit_main_loop(gint32 code)
 {
     quits.push_back(code);
 }
+
+void sonobrik_feed_watchdog()
+{
+    watchdog_feeds++;
+}

@@ -32,6 +32,7 @@ bool describe(const char *path, json_t *media_info)
     fake.discoveries++;
     fake.path = path;
     fake.was_empty_object = json_is_object(media_info) && json_object_size(media_info) == 0;
+    json_decref(fake.kept);
     fake.kept = json_incref(media_info);
     if (!fake.media_info) {
         return false;
@@ -196,6 +197,41 @@ TEST_F(DiscoverMediaMetadata, FileIsNotDescribedWithoutAnObject)
     EXPECT_EQ(discover_media_get_metadata("/clips/a.wav"), nullptr);
     EXPECT_EQ(fake.discoveries, 0);
     expect_no_log();
+}
+
+TEST_F(DiscoverMediaMetadata, FileThatTheMemoKnowsIsNotDescribedAgain)
+{
+    fake.media_info = GOOD;
+    fake.size_kb = 42;
+    {
+        g_autoptr(GHashTable) memo = discover_media_memo_new();
+        for (int i = 0; i < 3; i++) {
+            g_autoptr(discover_media_metadata) m =
+                discover_media_get_metadata_once("/clips/a.wav", memo);
+            ASSERT_NE(m, nullptr);
+            EXPECT_EQ(text(m->media_types), "[\"audio/x-wav\",\"audio/x-mulaw\"]");
+            EXPECT_EQ(text(m->properties), "{\"channels\":2}");
+            EXPECT_EQ(m->duration_ms, 1234);
+            EXPECT_EQ(m->media_size_kb, 42);
+        }
+        EXPECT_EQ(fake.discoveries, 1);
+    }
+    g_autoptr(discover_media_metadata) m = discover_media_get_metadata("/clips/a.wav");
+    EXPECT_EQ(fake.discoveries, 2);
+    expect_no_log();
+}
+
+TEST_F(DiscoverMediaMetadata, FailureThatTheMemoKnowsIsLoggedForEachRecord)
+{
+    g_autoptr(GHashTable) memo = discover_media_memo_new();
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(discover_media_get_metadata_once("/clips/a.wav", memo), nullptr);
+        expect_log(G_LOG_LEVEL_WARNING, "Could not obtain media info for: /clips/a.wav");
+    }
+    EXPECT_EQ(fake.discoveries, 1);
+    EXPECT_EQ(discover_media_get_metadata_once("/clips/b.wav", memo), nullptr);
+    EXPECT_EQ(fake.discoveries, 2);
+    clear_log();
 }
 
 TEST_F(DiscoverMediaMetadata, FreeingNullDoesNothing)

@@ -5,6 +5,7 @@
 #include "autoptr.h"
 #include "failing_calls.h"
 #include "fake_discovery.h"
+#include "fake_service_frame.h"
 #include "log_test.h"
 #include "store_folder.h"
 
@@ -163,6 +164,31 @@ TEST_F(GroupMetadataList, RecordWithARefusedNestedTextIsLeftOut)
                     R"({"mediaTypes":[["a"],{"b":["\uFFFE"]}],"size":5,"duration":50})"));
     EXPECT_EQ(reply_of_all(), "[]");
     expect_not_listed("M1.json");
+}
+
+/* Slow files. */
+
+TEST_F(GroupMetadataList, WatchdogIsFedBetweenTwoFiles)
+{
+    StoreFolder::write("M1.json", record_file("/slow.wav", "A", "audio"));
+    StoreFolder::write("M2.json", record_file("/slow.wav", "B", "audio"));
+    StoreFolder::write("M3.json", record_file("/slow.wav", "C", "audio"));
+    watchdog_feeds = 0;
+    reply_of_all();
+    /* Once for each file that is loaded, then once before each inspection. */
+    EXPECT_EQ(discovery.feeds, (std::vector<int>{4, 5, 6}));
+    clear_log();
+}
+
+TEST_F(GroupMetadataList, FilesOfOneCallShareAMemo)
+{
+    StoreFolder::write("M1.json", record_file("/slow.wav", "A", "audio"));
+    StoreFolder::write("M2.json", record_file("/slow.wav", "B", "audio"));
+    reply_of_all();
+    ASSERT_EQ(discovery.memos.size(), 2U);
+    EXPECT_NE(discovery.memos[0], nullptr);
+    EXPECT_EQ(discovery.memos[0], discovery.memos[1]);
+    clear_log();
 }
 
 /* A reply that is too long for the bus. */

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "discover_media_supported.h"
+#include "fake_service_frame.h"
 #include "file_utils.h"
 #include "log_test.h"
 
@@ -18,6 +19,7 @@ using Paths = std::vector<std::string>;
 struct Fake {
     std::set<std::string> supported;
     Paths inspected;
+    std::vector<int> feeds; /* of the watchdog, before each inspection */
     bool message_asked_for = false;
 
     Paths listing;
@@ -39,6 +41,7 @@ Fake fake;
 bool discover_media_is_supported(const char *path, char **error_message)
 {
     fake.inspected.emplace_back(path);
+    fake.feeds.push_back(watchdog_feeds);
     fake.message_asked_for |= error_message != nullptr;
     return fake.supported.contains(path);
 }
@@ -229,6 +232,14 @@ TEST_F(PlaylistTest, WildcardAddsTheSupportedFilesInListingOrder)
     EXPECT_EQ(content(), (Paths{"/clips/c.wav", "/clips/a.wav", "/clips/b.wav"}));
     EXPECT_EQ(fake.patterns, Paths{"/clips/*.wav"});
     EXPECT_EQ(fake.lists_freed, 1);
+}
+
+TEST_F(PlaylistTest, WatchdogIsFedBeforeEachListedFile)
+{
+    watchdog_feeds = 0;
+    fake.listing = {"/clips/a.wav", "/clips/b.wav", "/clips/c.wav"};
+    EXPECT_FALSE(playlist_add_from_wildcard_path(playlist, "/clips/*"));
+    EXPECT_EQ(fake.feeds, (std::vector<int>{0, 1, 2, 3})); /* the first is the literal name */
 }
 
 TEST_F(PlaylistTest, WildcardWithoutSupportedFilesIsRefused)

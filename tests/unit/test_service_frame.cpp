@@ -411,6 +411,33 @@ TEST_F(ServiceFrameWatchdog, IsPingedRepeatedly)
                       teardown + "[source_remove 4711][loop_unref]");
 }
 
+TEST_F(ServiceFrameWatchdog, IsPingedDuringLongWorkButNotTooOften)
+{
+    fakes.watchdog_result = 1;
+    fakes.watchdog_usec = 30 * G_USEC_PER_SEC;
+    fakes.on_loop_run = [] {
+        sonobrik_feed_watchdog();
+        sonobrik_feed_watchdog();
+        record("a file");
+        g_usleep(110000);
+        sonobrik_feed_watchdog();
+        quit_with(0)();
+    };
+    expect_run(0, setup +
+                      "[timer -100 15 s][loop_run]"
+                      "[notify 0 WATCHDOG=1][a file][notify 0 WATCHDOG=1]" +
+                      teardown + "[source_remove 4711][loop_unref]");
+}
+
+TEST_F(ServiceFrameWatchdog, IsNotPingedDuringLongWorkIfItIsDisabled)
+{
+    fakes.on_dbus_setup = fakes.on_loop_run = [] {
+        sonobrik_feed_watchdog();
+        quit_with(0)();
+    };
+    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+}
+
 TEST_F(ServiceFrameWatchdog, HasAnIntervalOf0BelowTwoSeconds)
 {
     fakes.watchdog_result = 1;
