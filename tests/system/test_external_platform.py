@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 
@@ -86,7 +87,9 @@ def test_the_platform_allows_nobody_but_root(sandbox, device):
     result = sandbox.run(["busctl", "--system", "call", *PLAYBACK, "SupportedFile", "s", path],
                          uid=NOBODY, check=False)
     assert "Access denied" in result.stderr
-    logged(sandbox, ": this user is not allowed to call the audio clip service")
+    refusal = re.compile(r"<6>sonobrik: Failed to authorize: :1\.\d+: this user is not allowed to "
+                         r"call the audio clip service")
+    wait_until(lambda: any(map(refusal.fullmatch, sandbox.daemon.lines)), what="the refusal is logged")
 
 
 def test_a_library_of_another_version_is_refused(external, build_dir):
