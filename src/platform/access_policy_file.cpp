@@ -6,7 +6,10 @@
 #include <grp.h>
 #include <optional>
 #include <pwd.h>
+#include <set>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config_file.h"
@@ -20,6 +23,12 @@ const char *access_file = SONOBRIK_SYSCONFDIR "/vesk/access.conf";
 constexpr const char *USERS_KEY = "users";
 constexpr const char *GROUPS_KEY = "groups";
 constexpr const char *EVERYBODY = "*";
+
+/* The methods that the daemon asks about. */
+constexpr std::string_view INTERFACE_PREFIX = "com.vesk.Sonobrik.";
+constexpr std::string_view METHODS[] = {
+    "AddClip", "GetMetadata", "PlayClip", "StartPlayingClip", "StopPlayingClip", "SupportedFile",
+};
 
 /*
  * The kernel takes the time stamps of a file from a clock that ticks every few milliseconds, so two
@@ -74,6 +83,42 @@ bool check_lists(GKeyFile *groups, GError **error)
     return true;
 }
 
+/* GKeyFile merges groups of the same name, so a forgotten one may admit more than intended. */
+void warn_of_repeated_groups(const std::string &text)
+{
+    std::istringstream lines(text);
+    std::set<std::string> seen;
+    for (std::string line; std::getline(lines, line);) {
+        g_strstrip(line.data());
+        const std::string header = line.c_str();
+        if (header.starts_with('[') && !seen.insert(header).second) {
+            g_warning("%s%s: %s occurs more than once; its lines count as one group", "",
+                      access_file, header.c_str());
+        }
+    }
+}
+
+/* Warns of groups and keys without effect, which are probably misspelt. */
+void warn_of_useless_entries(GKeyFile *groups)
+{
+    g_auto(GStrv) names = g_key_file_get_groups(groups, nullptr);
+    for (char **name = names; *name; name++) {
+        const std::string_view group = *name;
+        if (group.starts_with(INTERFACE_PREFIX) &&
+            std::ranges::find(METHODS, group.substr(INTERFACE_PREFIX.size())) ==
+                std::end(METHODS)) {
+            g_warning("%s%s: there is no method for [%s]", "", access_file, *name);
+        }
+        g_auto(GStrv) keys = g_key_file_get_keys(groups, *name, nullptr, nullptr);
+        for (char **key = keys; key && *key; key++) {
+            if (strcmp(*key, USERS_KEY) != 0 && strcmp(*key, GROUPS_KEY) != 0) {
+                g_warning("%s%s: unknown key '%s' in [%s] is ignored", "", access_file, *key,
+                          *name);
+            }
+        }
+    }
+}
+
 /* Parses the content of the file. The caller frees the result with g_key_file_unref(). */
 GKeyFile *parse(const std::string &text, GError **error)
 {
@@ -92,7 +137,8 @@ GKeyFile *parse(const std::string &text, GError **error)
  */
 bool load(const ConfigFileStamp &stamp, GError **error)
 {
-    if (stamp != policy.stamp) {
+    const bool is_new = stamp != policy.stamp;
+    if (is_new) {
         policy.unknown.clear();
     }
     policy.stamp = stamp;
@@ -115,6 +161,10 @@ bool load(const ConfigFileStamp &stamp, GError **error)
         policy.why_none = std::string(access_file) + " cannot be used";
         g_propagate_error(error, g_steal_pointer(&fault));
         return false;
+    }
+    if (is_new) {
+        warn_of_repeated_groups(text);
+        warn_of_useless_entries(policy.groups);
     }
     return true;
 }

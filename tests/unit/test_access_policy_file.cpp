@@ -135,12 +135,15 @@ TEST_F(AccessPolicyFile, CutsPrefixesAtDotsOnly)
 {
     load("[com.vesk.Son]\nusers=*\n[com.vesk.Sonobrik.Play]\nusers=*\n");
     EXPECT_FALSE(admits(ANN, {}));
+    expect_log(G_LOG_LEVEL_WARNING, "access.conf: there is no method for [com.vesk.Sonobrik.Play]");
 }
 
 TEST_F(AccessPolicyFile, IgnoresGroupsBelowTheAction)
 {
     load("[com.vesk.Sonobrik.PlayClip.Twice]\nusers=*\n");
     EXPECT_FALSE(admits(ANN, {}));
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: there is no method for [com.vesk.Sonobrik.PlayClip.Twice]");
 }
 
 TEST_F(AccessPolicyFile, LetsTheMostSpecificGroupAdmitAlone)
@@ -228,6 +231,39 @@ TEST_F(AccessPolicyFile, LogsAnUnknownUserAndAnUnknownGroupOfOneName)
                "access.conf: unknown user 'no-such' in [com.vesk.Sonobrik.PlayClip] is ignored");
     expect_log(G_LOG_LEVEL_WARNING,
                "access.conf: unknown group 'no-such' in [com.vesk.Sonobrik.PlayClip] is ignored");
+}
+
+TEST_F(AccessPolicyFile, WarnsOfAGroupThatOccursTwice)
+{
+    load("[com.vesk.Sonobrik]\nusers=4242\n  [com.vesk.Sonobrik] \ngroups=4343\n");
+    EXPECT_TRUE(admits(ANN, {}));
+    EXPECT_TRUE(admits(1, {SINGERS}));
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: [com.vesk.Sonobrik] occurs more than once; its lines count as one "
+               "group");
+}
+
+TEST_F(AccessPolicyFile, WarnsOfAGroupForAMethodThatDoesNotExist)
+{
+    load("[com.vesk.Sonobrik.Playclip]\nusers=*\n[com.vesk.Sonobrik.PlayClip]\nusers=*\n"
+         "[com.vesk.Other.Method]\nusers=*\n");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: there is no method for [com.vesk.Sonobrik.Playclip]");
+}
+
+TEST_F(AccessPolicyFile, WarnsOfAnUnknownKey)
+{
+    load("[com.vesk.Sonobrik]\nuser=4242\ngroups=4343\n");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: unknown key 'user' in [com.vesk.Sonobrik] is ignored");
+}
+
+TEST_F(AccessPolicyFile, WarnsOnceUntilTheFileChanges)
+{
+    load("[com.vesk.Sonobrik]\nuser=4242\n");
+    expect_log(G_LOG_LEVEL_WARNING,
+               "access.conf: unknown key 'user' in [com.vesk.Sonobrik] is ignored");
+    EXPECT_FALSE(admits(ANN, {})); /* reads the young file again */
 }
 
 TEST_F(AccessPolicyFile, TakesNoNumberBeyondTheRangeOfIds)
