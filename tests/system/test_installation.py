@@ -1,6 +1,7 @@
 """The installed files are consistent and create the daemon's users and folders."""
 
 import configparser
+import contextlib
 import os
 import pathlib
 import shutil
@@ -83,6 +84,19 @@ def test_the_folders_are_created_and_corrected(box, installation):
             status = (box.etc / folder).stat()
             assert (status.st_uid, status.st_gid, stat.S_IMODE(status.st_mode)) == (
                 find_id(box, "passwd", owner), find_id(box, "group", group), mode), folder
+
+
+@pytest.mark.needs_root
+@pytest.mark.parametrize("owner", [0, 4242])
+def test_the_folder_of_other_services_keeps_its_owner_and_mode(box, installation, owner):
+    shared = box.etc / "dynamic"
+    os.chown(shared, owner, 4343)
+    shared.chmod(0o2770)
+    # systemd-tmpfiles creates nothing in a folder of another user than root, and fails.
+    with pytest.raises(subprocess.CalledProcessError) if owner else contextlib.nullcontext():
+        installation.make_users(box)
+    status = shared.stat()
+    assert (status.st_uid, status.st_gid, stat.S_IMODE(status.st_mode)) == (owner, 4343, 0o2770)
 
 
 @pytest.mark.needs_root
