@@ -37,6 +37,7 @@ LEFT_OUT = ("AudioClipStop.EndsTheProcess*", "AudioClipUnref.AbortsDuring*",
             "LogRedirect.SaysThatAFatalLineIsFatalAndAborts")
 
 TREE = fresh.TREE
+SUITE = "bookworm"
 
 
 class Cross:
@@ -50,17 +51,18 @@ class Cross:
         return fresh.enter(self.machine, command, folder)
 
     def make_machine(self, step):
-        if not fresh.BASE.exists():
-            fresh.make_base(step)
+        suite = fresh.Suite(SUITE)
+        if not suite.base.exists():
+            suite.make_base(step)
         shutil.rmtree(self.machine, ignore_errors=True)
         self.machine.mkdir()
-        step.run(["tar", "-C", self.machine, "-xf", fresh.BASE])
+        step.run(["tar", "-C", self.machine, "-xf", suite.base])
         shutil.copy("/etc/resolv.conf", self.machine / "etc/resolv.conf")
         # A library must have the same version for both architectures. Updates may reach them at
         # different times, so only the release itself is used.
         sources = self.machine / "etc/apt/sources.list"
         lines = sources.read_text().splitlines(keepends=True)
-        sources.write_text("".join(line for line in lines if f" {fresh.SUITE} " in line))
+        sources.write_text("".join(line for line in lines if f" {SUITE} " in line))
         packages = [*TOOLS, f"crossbuild-essential-{self.architecture}",
                     *(f"{name}:{self.architecture}" for name in LIBRARIES)]
         step.run(self.enter(f"dpkg --add-architecture {self.architecture} && apt-get -q update && "

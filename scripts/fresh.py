@@ -1,17 +1,20 @@
-"""Tests the README's commands and the Debian package on two minimal Debian 12 systems.
+"""Tests the README's commands and the Debian packages on minimal Debian systems.
 
-usage: fresh.py [STEP...]
-  machine  creates the two systems: one to build on, one to install the package on
+usage: fresh.py [SUITE...] [STEP...]
+  SUITE    "bookworm" (Debian 12) or "trixie" (Debian 13); both without one
+  machine  creates two systems: one to build on, one to install the packages on
   try      runs the README's first command in a clean clone of the last commit
   test     runs the README's second command in that clone
-  package  builds the package in that clone
-  install  installs the package on the second system
+  package  builds the packages in that clone
+  install  installs the daemon's package on the second system
   play     plays a clip on the second system with sonobrikctl; the bus starts the daemon
+  release  builds the package of the last release
+  boot     boots a copy of the second system with systemd, and runs tests/machine there
 Without a STEP, all steps run. A step other than "machine" uses the systems that already exist.
 
-Each system is a folder under build-fresh/, created by debootstrap from the package mirror of this
-machine and entered as a container. Needs root and the right to mount. The last lines give the
-result of each step, then "N passed, N failed". The output of a step is in build-fresh/STEP.log.
+Each system is a folder under build-fresh/SUITE/, created by debootstrap from the package mirror of
+this machine and entered as a container. Needs root and the right to mount. The last lines give the
+result of each step, then "N passed, N failed". The output of a step is in build-fresh/SUITE/STEP.log.
 """
 
 import os
@@ -27,13 +30,11 @@ sys.path.insert(0, str(ROOT / "tests/support"))
 
 from sandbox import Recording, clips  # noqa: E402
 
-SUITE = "bookworm"
+SUITES = ("bookworm", "trixie")
 FOLDER = ROOT / "build-fresh"
-BASE = FOLDER / "base.tar"  # a copy of the pristine system; delete it to create a new one
-BUILDER = FOLDER / "builder"
-TARGET = FOLDER / "target"
 
 TREE = "/root/sonobrik"  # path of the clone on the first system
+RELEASE = "/root/release"  # path of the clone of the last release
 
 # The apt settings with which this machine reaches its mirror; the new systems need them too.
 APT_OPTIONS = re.compile(r"^Acquire::(http|https|Check-Valid-Until|Check-Date|ForceIPv4)\b")
@@ -43,9 +44,9 @@ ENTRIES = ("bwrap", "unshare")  # programs that run a command on a system
 
 CARD_LIBRARY = "libasound_module_pcm_clockcard.so"
 # Replaces the package's output 0 with the sound card that records what it plays.
-ALSA = f"""\
-pcm_type.clockcard {{ lib "/opt/{CARD_LIBRARY}" }}
-pcm.!audiosink0 {{ type plug slave.pcm {{ type clockcard folder "/tmp/card" }} }}
+ALSA = """\
+pcm_type.clockcard {{ lib "{library}" }}
+pcm.!audiosink0 {{ type plug slave.pcm {{ type clockcard folder "{folder}" }} }}
 """
 
 # The bus starts the daemon through its set-user-id helper, as the user in the activation file.
@@ -70,9 +71,9 @@ class StepError(Exception):
 class Step:
     """One step and its log."""
 
-    def __init__(self, name):
+    def __init__(self, name, folder=FOLDER):
         self.name = name
-        self.log = FOLDER / f"{name}.log"
+        self.log = folder / f"{name}.log"
         self._file = open(self.log, "w")
 
     def run(self, command, what=None, **options):
@@ -120,48 +121,65 @@ def enter_plainly(machine, command):
             'exec chroot "$0" /bin/bash -c "$1"', machine, command]
 
 
-def read_mirrors():
-    """Returns address and suite of each Debian package source of this machine."""
+def read_mirrors(suite):
+    """Returns address and name of each source of `suite`.
+
+    They are those of this machine's own Debian release, with the name of `suite` in their names.
+    """
     answer = subprocess.run(
         ["apt-get", "indextargets", "--format", "$(ORIGIN)|$(REPO_URI)|$(RELEASE)",
          "Created-By: Packages"], check=True, capture_output=True, text=True)
     rows = [line.split("|") for line in answer.stdout.splitlines()]
-    mirrors = [(uri, suite) for origin, uri, suite in rows
-               if origin == "Debian" and suite.startswith(SUITE)]
-    if not any(suite == SUITE for _, suite in mirrors):
-        raise StepError(f"apt on this machine has no source for Debian {SUITE}; run apt-get update")
-    return list(dict.fromkeys(mirrors))
+    mirrors = [(uri, name) for origin, uri, name in rows if origin == "Debian"]
+    own = [name for _, name in mirrors if "-" not in name]
+    if not own:
+        raise StepError("apt on this machine has no source for Debian; run apt-get update")
+    return list(dict.fromkeys(
+        (uri, name.replace(own[0], suite)) for uri, name in mirrors if name.startswith(own[0])))
 
 
-def make_base(step):
-    """Creates the pristine system, which make_machines() copies."""
-    mirrors = read_mirrors()
-    folder = FOLDER / "base"
-    shutil.rmtree(folder, ignore_errors=True)
-    mirror = next(uri for uri, suite in mirrors if suite == SUITE)
-    step.run(["debootstrap", "--variant=minbase", SUITE, folder, mirror],
-             env=os.environ | environment())
-    (folder / "etc/apt/sources.list").write_text(
-        "".join(f"deb {uri} {suite} main\n" for uri, suite in mirrors))
-    options = subprocess.run(["apt-config", "dump"], check=True, capture_output=True, text=True)
-    (folder / "etc/apt/apt.conf.d/90machine").write_text(
-        "".join(f"{line}\n" for line in options.stdout.splitlines() if APT_OPTIONS.match(line)))
-    step.run(["tar", "--one-file-system", "-C", folder, "-cf", f"{BASE}.new", "."])
-    shutil.rmtree(folder)
-    pathlib.Path(f"{BASE}.new").rename(BASE)
+class Suite:
+    """The systems of one Debian release."""
+
+    def __init__(self, name):
+        self.name = name
+        self.folder = FOLDER / name
+        self.base = self.folder / "base.tar"  # a pristine system; delete it to create a new one
+        self.builder = self.folder / "builder"
+        self.target = self.folder / "target"
+        self.machine = self.folder / "machine"
+        self.folder.mkdir(parents=True, exist_ok=True)
+
+    def make_base(self, step):
+        """Creates the pristine system, which make_machines() copies."""
+        mirrors = read_mirrors(self.name)
+        folder = self.folder / "base"
+        shutil.rmtree(folder, ignore_errors=True)
+        mirror = next(uri for uri, suite in mirrors if suite == self.name)
+        step.run(["debootstrap", "--variant=minbase", self.name, folder, mirror],
+                 env=os.environ | environment())
+        (folder / "etc/apt/sources.list").write_text(
+            "".join(f"deb {uri} {suite} main\n" for uri, suite in mirrors))
+        options = subprocess.run(["apt-config", "dump"], check=True, capture_output=True, text=True)
+        (folder / "etc/apt/apt.conf.d/90machine").write_text(
+            "".join(f"{line}\n" for line in options.stdout.splitlines()
+                    if APT_OPTIONS.match(line)))
+        step.run(["tar", "--one-file-system", "-C", folder, "-cf", f"{self.base}.new", "."])
+        shutil.rmtree(folder)
+        pathlib.Path(f"{self.base}.new").rename(self.base)
 
 
-def make_machines(step):
-    if not BASE.exists():
-        make_base(step)
-    for machine in (BUILDER, TARGET):
+def make_machines(suite, step):
+    if not suite.base.exists():
+        suite.make_base(step)
+    for machine in (suite.builder, suite.target):
         shutil.rmtree(machine, ignore_errors=True)
         machine.mkdir()
-        step.run(["tar", "-C", machine, "-xf", BASE])
+        step.run(["tar", "-C", machine, "-xf", suite.base])
         shutil.copy("/etc/resolv.conf", machine / "etc/resolv.conf")
         # An installer would write this file; debootstrap does not.
         (machine / "etc/hosts").write_text("127.0.0.1 localhost\n::1 localhost\n")
-    step.run(["git", "clone", "--quiet", "--no-hardlinks", ROOT, f"{BUILDER}{TREE}"])
+    step.run(["git", "clone", "--quiet", "--no-hardlinks", ROOT, f"{suite.builder}{TREE}"])
 
 
 def read_commands():
@@ -172,16 +190,16 @@ def read_commands():
     return commands[:2]
 
 
-def run_first_command(step):
-    step.run(enter(BUILDER, read_commands()[0], TREE), env=environment())
+def run_first_command(suite, step):
+    step.run(enter(suite.builder, read_commands()[0], TREE), env=environment())
 
 
-def run_second_command(step):
-    step.run(enter(BUILDER, read_commands()[1], TREE), env=environment())
+def run_second_command(suite, step):
+    step.run(enter(suite.builder, read_commands()[1], TREE), env=environment())
 
 
-def build_package(step):
-    step.run(enter(BUILDER, "scripts/package", TREE), env=environment())
+def build_package(suite, step):
+    step.run(enter(suite.builder, "scripts/package", TREE), env=environment())
 
 
 def find_one(folder, pattern):
@@ -191,30 +209,114 @@ def find_one(folder, pattern):
     return found[0]
 
 
-def install_package(step):
-    package = find_one(f"{BUILDER}{TREE}/build-package", "sonobrik_*.deb")
-    shutil.copy(package, TARGET / "root/sonobrik.deb")
-    step.run(enter(TARGET, "apt-get -q update"), env=environment())
-    step.run(enter(TARGET, "DEBIAN_FRONTEND=noninteractive apt-get -q -y "
-                           "--no-install-recommends install /root/sonobrik.deb"),
-             env=environment())
+def install(machine, *packages):
+    """Installs packages, given by name or by path on the system, without what they recommend."""
+    return enter(machine, "apt-get -q update && DEBIAN_FRONTEND=noninteractive apt-get -q -y "
+                          f"--no-install-recommends install {' '.join(packages)}")
 
 
-def play_clip(step):
-    library = find_one(f"{BUILDER}{TREE}/build/tests/support/alsa", CARD_LIBRARY)
-    shutil.copy(library, TARGET / "opt")
-    (TARGET / "etc/asound.conf").write_text(ALSA)
-    card = TARGET / "tmp/card"
+def install_package(suite, step):
+    package = find_one(f"{suite.builder}{TREE}/build-package", "sonobrik_*.deb")
+    shutil.copy(package, suite.target / "root/sonobrik.deb")
+    step.run(install(suite.target, "/root/sonobrik.deb"), env=environment())
+
+
+def set_card(suite, machine, library, folder):
+    """Makes output 0 play to the card that records, with files at these paths on the system."""
+    source = find_one(f"{suite.builder}{TREE}/build/tests/support/alsa", CARD_LIBRARY)
+    shutil.copy(source, f"{machine}{library}")
+    (machine / "etc/asound.conf").write_text(ALSA.format(library=library, folder=folder))
+
+
+def play_clip(suite, step):
+    set_card(suite, suite.target, f"/opt/{CARD_LIBRARY}", "/tmp/card")
+    card = suite.target / "tmp/card"
     shutil.rmtree(card, ignore_errors=True)
     card.mkdir()
     card.chmod(0o1777)
     samples = clips.noise(48000)
-    clips.write_wav(TARGET / "etc/audioclips/fresh.wav", samples)
-    step.run(enter_plainly(TARGET, PLAY), "playing the clip", env=environment())
+    clips.write_wav(suite.target / "etc/audioclips/fresh.wav", samples)
+    step.run(enter_plainly(suite.target, PLAY), "playing the clip", env=environment())
     takes = Recording(card).takes
     if not any(take.find(samples) >= 0 for take in takes):
         raise StepError(f"the clip is not in the {len(takes)} recordings in {card}")
     step.say(f"The recording contains the whole clip: {takes[0].seconds:.2f} s.")
+
+
+def find_release():
+    """Returns the last commit whose version, in debian/changelog, is not the current one."""
+    def read_version(commit):
+        text = subprocess.run(["git", "-C", ROOT, "show", f"{commit}:debian/changelog"],
+                              check=True, capture_output=True, text=True).stdout
+        return text[:text.index(")")]
+    log = subprocess.run(["git", "-C", ROOT, "log", "--format=%H", "HEAD", "--", "debian/changelog"],
+                         check=True, capture_output=True, text=True).stdout.split()
+    newer = "HEAD"
+    for commit in log:
+        if read_version(commit) != read_version("HEAD"):
+            return f"{newer}^"
+        newer = commit
+    raise StepError("debian/changelog has no earlier version in the history")
+
+
+def build_release(suite, step):
+    shutil.rmtree(f"{suite.builder}{RELEASE}", ignore_errors=True)
+    tree = f"{suite.builder}{RELEASE}/sonobrik"
+    step.run(["git", "clone", "--quiet", "--no-hardlinks", ROOT, tree])
+    step.run(["git", "-C", tree, "checkout", "--quiet", find_release()])
+    # What the release needs may have other names in a newer suite; the first step installed it.
+    step.run(enter(suite.builder, "DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage -b -d -us -uc",
+                   f"{RELEASE}/sonobrik"), env=environment())
+
+
+# Runs the tests when the system has started, and then switches it off.
+CHECKS = """\
+[Unit]
+After=sonobrik.service dbus.service multi-user.target
+SuccessAction=poweroff-force
+FailureAction=poweroff-force
+[Service]
+Type=oneshot
+WorkingDirectory=/root
+ExecStart=/bin/sh -c 'exec python3 -B -m pytest sonobrik/tests/machine -v -p no:cacheprovider \
+    --junitxml=/root/results.xml >/root/results.log 2>&1'
+"""
+
+BOOT_DEADLINE = 1200  # seconds
+
+
+def boot_machine(suite, step):
+    machine = suite.machine
+    shutil.rmtree(machine, ignore_errors=True)
+    step.run(["cp", "-a", suite.target, machine])
+    step.run(install(machine, "dbus", "python3-gi", "python3-pytest", "systemd-sysv"),
+             env=environment())
+    set_card(suite, machine, f"/usr/lib/{CARD_LIBRARY}", "/var/cache/sonobrik/card")
+    for folder, source in (("packages", f"{TREE}/build-package"), ("previous", RELEASE)):
+        (machine / "root" / folder).mkdir()
+        for package in pathlib.Path(f"{suite.builder}{source}").glob("sonobrik*.deb"):
+            if "-dbgsym_" not in package.name:
+                shutil.copy(package, machine / "root" / folder)
+    for part in ("tests/machine", "tests/support", "debian/tests"):
+        shutil.copytree(f"{suite.builder}{TREE}/{part}", f"{machine}{TREE}/{part}")
+    units = machine / "etc/systemd/system"
+    (units / "checks.service").write_text(CHECKS)
+    (units / "default.target.wants").mkdir(exist_ok=True)
+    (units / "default.target.wants/checks.service").symlink_to("../checks.service")
+    (machine / "etc/machine-id").write_text("")
+    # The variable is for machines whose own systemd uses the first version of control groups.
+    command = ["systemd-nspawn", "--quiet", "--register=no", "--keep-unit", "--boot",
+               f"--directory={machine}", "SYSTEMD_CGROUP_ENABLE_LEGACY_FORCE=1"]
+    try:
+        step.run(["timeout", "--kill-after=30", str(BOOT_DEADLINE), *command])
+    finally:
+        results = machine / "root/results.log"
+        step.say(results.read_text() if results.exists() else "The tests did not start.")
+    counts = subprocess.run([sys.executable, "-B", ROOT / "scripts/count_results.py",
+                             machine / "root/results.xml"], check=False, capture_output=True,
+                            text=True)
+    if counts.returncode != 0:
+        raise StepError(f"on the booted system: {counts.stdout.strip()}")
 
 
 STEPS = {
@@ -224,34 +326,37 @@ STEPS = {
     "package": build_package,
     "install": install_package,
     "play": play_clip,
+    "release": build_release,
+    "boot": boot_machine,
 }
 
 
-def run_step(name):
+def run_step(suite, name):
     """Runs a step. Returns the line with its result, and True if it passed."""
-    print(f"{name} …", flush=True)
-    step = Step(name)
+    print(f"{suite.name} {name} …", flush=True)
+    step = Step(name, suite.folder)
     start = time.monotonic()
     try:
-        STEPS[name](step)
+        STEPS[name](suite, step)
         passed, outcome = True, "passed"
     except (StepError, OSError, subprocess.CalledProcessError) as error:
         step.say(str(error))
         passed, outcome = False, f"FAILED: {error}; see {step.log.relative_to(ROOT)}"
     step.close()
-    return f"{name:8} {time.monotonic() - start:6.0f} s  {outcome}", passed
+    return f"{suite.name:8} {name:8} {time.monotonic() - start:6.0f} s  {outcome}", passed
 
 
 def main(names):
-    unknown = [name for name in names if name not in STEPS]
+    unknown = [name for name in names if name not in STEPS and name not in SUITES]
     if unknown:
-        print(f"fresh: no such step: {', '.join(unknown)}\n\n{__doc__}", file=sys.stderr)
+        print(f"fresh: no such step or suite: {', '.join(unknown)}\n\n{__doc__}", file=sys.stderr)
         return 2
     if os.getuid() != 0:
         print("fresh: must be run as root", file=sys.stderr)
         return 1
-    FOLDER.mkdir(exist_ok=True)
-    results = [run_step(name) for name in names or STEPS]
+    suites = [name for name in names if name in SUITES] or SUITES
+    steps = [name for name in names if name in STEPS] or STEPS
+    results = [run_step(Suite(suite), name) for suite in suites for name in steps]
     passed = sum(outcome for _, outcome in results)
     print(*(line for line, _ in results), sep="\n")
     print(f"{passed} passed, {len(results) - passed} failed")

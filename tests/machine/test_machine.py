@@ -1,0 +1,277 @@
+"""Tests of the installed package on a machine with a running systemd; scripts/fresh.py starts them.
+
+They change the machine: they break its configuration, restart its bus and remove the package. They
+run in the order of this file. A container cannot show everything: see CONTRIBUTING.md.
+"""
+
+import os
+import pathlib
+import pwd
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "support"))
+
+from gi.repository import Gio, GLib  # noqa: E402
+from sandbox import Recording, clips, wait_until  # noqa: E402
+
+UNIT = "sonobrik.service"
+NAME, PATH = "com.vesk.Sonobrik", "/com/vesk/Sonobrik"
+CONTROL = "com.vesk.AudioControl"
+
+# In one of the two folders that the daemon may write.
+CARD = pathlib.Path("/var/cache/sonobrik/card")
+ACCESS = pathlib.Path("/etc/vesk/access.conf")
+CLIP = pathlib.Path("/etc/audioclips/machine.wav")
+RECORDS = pathlib.Path("/etc/dynamic/sonobrik/clip_data")
+
+# The packages: what is tested, and the last release.
+PACKAGES = pathlib.Path("/root/packages")
+PREVIOUS = pathlib.Path("/root/previous")
+
+
+def run(*command, **options):
+    return subprocess.run([str(word) for word in command], check=True, text=True,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, **options).stdout
+
+
+def show(name):
+    return run("systemctl", "show", "--value", "-p", name, UNIT).strip()
+
+
+def systemd_version():
+    return int(run("systemctl", "--version").split()[1])
+
+
+def get_pid():
+    return int(show("MainPID"))
+
+
+def is_active():
+    return show("ActiveState") == "active"
+
+
+def wait_restarted(old, seconds=60):
+    """Waits for another process of the daemon, and returns its number."""
+    wait_until(lambda: is_active() and get_pid() not in (0, old), seconds, "systemd restarts it")
+    return get_pid()
+
+
+def read_log():
+    return run("journalctl", "-q", "-b", "--no-pager", "-u", UNIT, "-t", "sonobrik")
+
+
+def play():
+    """Plays the clip and returns whether the whole clip is in what was played."""
+    shutil.rmtree(CARD, ignore_errors=True)
+    CARD.mkdir()
+    shutil.chown(CARD, "sonobrik", "sonobrik")
+    samples = clips.noise(48000)
+    clips.write_wav(CLIP, samples)
+    run("sonobrikctl", "play", "--wait", CLIP)
+    return any(take.find(samples) >= 0 for take in Recording(CARD).takes)
+
+
+@pytest.fixture(autouse=True)
+def fresh_start(request):
+    """Forgets earlier restarts, which make systemd wait longer."""
+    if "package" not in request.keywords:
+        run("systemctl", "reset-failed", UNIT)
+        wait_until(is_active, 60, "the daemon runs")
+
+
+def test_the_daemon_was_started_at_boot():
+    assert show("NRestarts") == "0"
+    assert show("UnitFileState") == "enabled"
+    assert pwd.getpwuid(os.stat(f"/proc/{get_pid()}").st_uid).pw_name == "sonobrik"
+
+
+def test_systemd_knows_every_line_of_the_unit():
+    lines = [line for line in run("journalctl", "-q", "-b", "--no-pager", "_PID=1").splitlines()
+             if "sonobrik.service" in line and "ignoring" in line]
+    unknown = ["RestartSteps", "RestartMaxDelaySec"] if systemd_version() < 254 else []
+    assert [name for name in unknown if any(name in line for line in lines)] == unknown
+    assert len(lines) == len(unknown), lines
+
+
+def test_a_clip_is_heard():
+    assert play()
+
+
+def test_the_sandbox_is_imposed():
+    pid = get_pid()
+    status = dict(line.split(":\t", 1) for line in
+                  pathlib.Path(f"/proc/{pid}/status").read_text().splitlines() if ":\t" in line)
+    assert status["NoNewPrivs"] == "1"
+    assert status["Seccomp"] == "2"
+    assert int(status["CapBnd"], 16) == 0
+
+    def try_inside(command):
+        return subprocess.run(["nsenter", "-t", str(pid), "-m", "sh", "-c", command], check=False,
+                              capture_output=True).returncode == 0
+    assert not try_inside("touch /etc/audioclips/x")
+    assert not try_inside("touch /var/lib/x")
+    assert try_inside(f"touch {RECORDS}/x && rm {RECORDS}/x")
+    assert try_inside("touch /var/cache/sonobrik/x && rm /var/cache/sonobrik/x")
+    pathlib.Path("/tmp/secret").touch()
+    assert not try_inside("test -e /tmp/secret")
+    pathlib.Path("/root/secret").touch()
+    assert not try_inside("test -e /root/secret")
+    assert not try_inside("cp /bin/true /var/cache/sonobrik/x && /var/cache/sonobrik/x")
+    assert not try_inside("test -e /sys/fs/cgroup/x || touch /sys/fs/cgroup/x")
+
+
+def test_a_killed_daemon_is_restarted():
+    old = get_pid()
+    os.kill(old, signal.SIGKILL)
+    wait_restarted(old)
+
+
+def test_a_clean_stop_is_no_reason_to_restart():
+    os.kill(get_pid(), signal.SIGTERM)
+    wait_until(lambda: show("ActiveState") == "inactive", 20, "the daemon has stopped")
+    time.sleep(3)  # longer than RestartSec=
+    assert show("ActiveState") == "inactive"
+    run("systemctl", "start", UNIT)
+
+
+@pytest.mark.parametrize("name, path, interface", [
+    (NAME, PATH, "org.freedesktop.DBus.Peer"),
+    (f"{NAME}.Legacy", PATH, "org.freedesktop.DBus.Peer")])
+def test_a_call_starts_the_daemon(name, path, interface):
+    run("systemctl", "stop", UNIT)
+    run("busctl", "call", name, path, interface, "Ping")
+    assert is_active()
+
+
+@pytest.fixture
+def control():
+    """A connection that owns the name of the audio control service."""
+    policy = pathlib.Path("/etc/dbus-1/system.d/machine-test.conf")
+    policy.write_text(f'<busconfig><policy user="root"><allow own="{CONTROL}"/></policy>'
+                      '</busconfig>\n')
+    bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
+    driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+    bus.call_sync(*driver, "ReloadConfig", None, None, 0, -1)
+    reply = bus.call_sync(*driver, "RequestName", GLib.Variant("(su)", (CONTROL, 4)), None, 0, -1)
+    assert reply.unpack() == (1,)
+    yield bus
+    bus.call_sync(*driver, "ReleaseName", GLib.Variant("(s)", (CONTROL,)), None, 0, -1)
+    policy.unlink()
+
+
+def test_a_daemon_that_exits_with_75_is_restarted_each_time(control):
+    for count in range(1, 6):
+        old = get_pid()
+        control.emit_signal(None, "/com/vesk/AudioControl", "org.freedesktop.DBus.ObjectManager",
+                            "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", ("/com/vesk/x", {})))
+        wait_restarted(old)
+        assert show("NRestarts") == str(count)
+    assert "status=75" in read_log()
+
+
+def test_a_hanging_daemon_is_killed_by_the_watchdog():
+    old = get_pid()
+    os.kill(old, signal.SIGSTOP)
+    wait_restarted(old, 180)
+    assert "Watchdog timeout" in read_log()
+
+
+def test_a_restart_of_the_bus_is_survived():
+    old = get_pid()
+    run("systemctl", "restart", "dbus.service")
+    wait_restarted(old)
+    assert play()
+
+
+def test_a_broken_policy_slows_down_the_restarts():
+    content = ACCESS.read_text()
+    ACCESS.write_text("nonsense\n")
+    try:
+        os.kill(get_pid(), signal.SIGKILL)
+        wait_until(lambda: int(show("NRestarts")) >= 5, 120, "five restarts")
+        assert "access_policy_init failed" in read_log()
+        if systemd_version() >= 254:
+            times = [int(line.split(".")[0]) for line in run(
+                "journalctl", "-q", "-b", "--no-pager", "-o", "short-unix", "-u", UNIT,
+                "--grep", "Scheduled restart job").splitlines()[-5:]]
+            assert times[-1] - times[-2] > times[1] - times[0]
+    finally:
+        ACCESS.write_text(content)
+    wait_until(is_active, 60, "the daemon runs again")
+
+
+def test_a_card_is_a_device_that_the_unit_allows():
+    assert "char-alsa rw" in show("DeviceAllow")
+    assert show("DevicePolicy") == "closed"
+    assert "modprobe@snd.service" in show("Wants").split()
+    assert "modprobe@snd.service" in show("After").split()
+
+
+def test_the_packages_own_test_passes():
+    configuration = pathlib.Path("/etc/asound.conf").read_text()
+    run(HERE.parents[1] / "debian/tests/play")
+    pathlib.Path("/etc/asound.conf").write_text(configuration)
+
+
+# The package is removed, upgraded and purged.
+
+
+def get_version(package):
+    return run("dpkg-query", "-W", "-f", "${Version}", package)
+
+
+@pytest.mark.package
+def test_purging_leaves_the_clips_alone():
+    (RECORDS / "M7.json").write_text("{}")
+    play()
+    run("dpkg", "--purge", "sonobrik-web", "sonobrik")
+    assert CLIP.exists()
+    for path in ("/etc/dynamic/sonobrik", "/var/cache/sonobrik", "/etc/vesk",
+                 "/usr/libexec/sonobrik"):
+        assert not os.path.exists(path), path
+    assert run("systemctl", "list-unit-files", "--no-legend").find("sonobrik") < 0
+    left = [str(path) for folder in ("/etc", "/usr", "/var/lib/systemd", "/run/systemd")
+            for path in pathlib.Path(folder).rglob("*sonobrik*")]
+    assert left == []
+
+
+@pytest.mark.package
+def test_an_upgrade_keeps_clips_and_records():
+    run("dpkg", "-i", *PREVIOUS.glob("sonobrik_*.deb"))
+    wait_until(is_active, 60, "the last release runs")
+    old, version = get_pid(), get_version("sonobrik")
+    run("sonobrikctl", "add", "--name", "Kept", CLIP)
+    run("dpkg", "-i", *PACKAGES.glob("sonobrik*.deb"))
+    assert get_version("sonobrik") != version
+    wait_restarted(old)
+    assert run("sonobrikctl", "list", "--names") == "Kept\n"
+    assert play()
+    owner = os.stat("/etc/audioclips")
+    assert (owner.st_uid, oct(owner.st_mode & 0o7777)) == (0, "0o2775")
+    assert os.access("/usr/libexec/vesk-cgi/sonobrik.cgi", os.X_OK)
+
+
+@pytest.mark.package
+def test_a_failed_reload_of_the_bus_is_reported():
+    old = get_pid()
+    output = run("dpkg", "-i", *PACKAGES.glob("sonobrik_*.deb"), stderr=subprocess.STDOUT, env={
+        **os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere"})
+    assert "sonobrik: the message bus did not reload its policy" in output
+    wait_restarted(old)
+
+
+@pytest.mark.package
+def test_removing_keeps_the_records():
+    run("dpkg", "--remove", "sonobrik-web", "sonobrik")
+    assert list(RECORDS.glob("*.json"))
+    assert ACCESS.exists()
+    run("dpkg", "-i", *PACKAGES.glob("sonobrik*.deb"))
+    wait_until(is_active, 60, "the daemon runs")
+    assert run("sonobrikctl", "list", "--names") == "Kept\n"
