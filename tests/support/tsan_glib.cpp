@@ -13,6 +13,7 @@ void __real_g_mutex_lock(GMutex *mutex);
 gboolean __real_g_mutex_trylock(GMutex *mutex);
 void __real_g_mutex_unlock(GMutex *mutex);
 void __real_g_mutex_clear(GMutex *mutex);
+gboolean __real_g_cond_wait_until(GCond *condition, GMutex *mutex, gint64 end_time);
 void __real_g_async_queue_push(GAsyncQueue *queue, gpointer data);
 gpointer __real_g_async_queue_pop(GAsyncQueue *queue);
 gpointer __real_g_async_queue_timeout_pop(GAsyncQueue *queue, guint64 timeout);
@@ -25,6 +26,7 @@ void __wrap_g_mutex_lock(GMutex *mutex);
 gboolean __wrap_g_mutex_trylock(GMutex *mutex);
 void __wrap_g_mutex_unlock(GMutex *mutex);
 void __wrap_g_mutex_clear(GMutex *mutex);
+gboolean __wrap_g_cond_wait_until(GCond *condition, GMutex *mutex, gint64 end_time);
 void __wrap_g_async_queue_push(GAsyncQueue *queue, gpointer data);
 gpointer __wrap_g_async_queue_pop(GAsyncQueue *queue);
 gpointer __wrap_g_async_queue_timeout_pop(GAsyncQueue *queue, guint64 timeout);
@@ -108,6 +110,17 @@ void __wrap_g_mutex_clear(GMutex *mutex)
 {
     __tsan_mutex_destroy(mutex, 0);
     __real_g_mutex_clear(mutex);
+}
+
+/* The wait releases the mutex and takes it again, inside GLib. */
+gboolean __wrap_g_cond_wait_until(GCond *condition, GMutex *mutex, gint64 end_time)
+{
+    __tsan_mutex_pre_unlock(mutex, 0);
+    __tsan_mutex_post_unlock(mutex, 0);
+    const gboolean signalled = __real_g_cond_wait_until(condition, mutex, end_time);
+    __tsan_mutex_pre_lock(mutex, 0);
+    __tsan_mutex_post_lock(mutex, 0, 0);
+    return signalled;
 }
 
 void __wrap_g_async_queue_push(GAsyncQueue *queue, gpointer data)
