@@ -180,7 +180,9 @@ TEST_F(AudioClipChain, IsNotStoppedWithinASwitch)
         stopped_within_switch = !source_set_up;
     };
     g_signal_emit_by_name(pipeline, "about-to-finish");
+    /* Late enough for a stop that does not wait to be over. */
     std::thread streaming([&] {
+        g_usleep(100 * G_TIME_SPAN_MILLISECOND);
         g_autoptr(GstElement) source = gst_element_factory_make("fakesrc", nullptr);
         gst_object_ref_sink(source);
         source_set_up = true;
