@@ -171,8 +171,9 @@ def test_a_path_that_changes_between_clip_and_fifo_blocks_nothing(sandbox, playe
     finally:
         ended.set()
         changer.join()
+    starts = sandbox.card(0).count("start")
     assert player.call("StartPlayingClip", long.location) == "OK"
-    wait_sounding(sandbox, sandbox.card(0).count("start") + 1)
+    wait_sounding(sandbox, starts + 1)
 
 
 # The 300 ms between the end of a clip and its answer
