@@ -48,7 +48,8 @@ def users(box):
     audio, play, config = (find_id(box, "group", name)
                            for name in ("audio", "sonobrik-play", "sonobrik-config"))
     return {"root": User(0), "stranger": User(65534), "audio": User(1, (audio,)),
-            "play": User(3, (play,)), "config": User(2, (config,)), "daemon": User(find_id(box, "passwd", "sonobrik"))}
+            "play": User(3, (play,)), "config": User(2, (config,)),
+            "daemon": User(find_id(box, "passwd", "sonobrik"))}
 
 
 def make_calls(destinations, interface, members, path):

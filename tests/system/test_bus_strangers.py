@@ -2,7 +2,6 @@
 connections."""
 
 import concurrent.futures
-import itertools
 import os
 
 import pytest
@@ -12,11 +11,6 @@ from sandbox.controls import Controls
 from sandbox.installation import User, allow_peer
 
 STRANGER = User(65534)
-
-# How many messages of each kind are sent. The long run is started by hand.
-LONG_RUN = bool(os.environ.get("SONOBRIK_LONG_TESTS"))
-COUNT = 10000 if LONG_RUN else 1000
-LARGE_COUNT = 1000 if LONG_RUN else 200
 
 # Sends signals and calls to one connection: small ones with 16 descriptors, and ones of 1 MB. Goes
 # on when the bus refuses them. Prints how many it has sent.
@@ -80,16 +74,15 @@ def read_memory(daemon):
         return next(int(line.split()[1]) for line in file if line.startswith("VmRSS:")) / 1024
 
 
-def flood(box, names, user):
-    with concurrent.futures.ThreadPoolExecutor(len(names)) as threads:
-        runs = [threads.submit(box.run, ["/usr/bin/python3", "-c", FLOOD, name, COUNT, LARGE_COUNT],
-                               deadline=500, **user.options) for name in names]
-        player = Player(box.bus)
-        while not all(run.done() for run in runs):
-            # Served while the flood goes on.
-            assert player.call("SupportedFile", "/etc/audioclips/a.wav", timeout=20) == "OK"
-    assert [int(run.result().stdout) for run in runs] == (
-        [5 * (COUNT + LARGE_COUNT)] * len(names))
+@pytest.fixture(scope="module")
+def counts(pytestconfig):
+    """How many messages of each of the five kinds are sent: with descriptors, and large ones."""
+    return (10000, 1000) if pytestconfig.getoption("--full") else (1000, 200)
+
+
+def start_flood(threads, box, name, counts, deadline=500):
+    return threads.submit(box.run, ["/usr/bin/python3", "-c", FLOOD, name, *counts],
+                          deadline=deadline, **STRANGER.options)
 
 
 @pytest.fixture(params=["shipped", "open"])
@@ -128,12 +121,17 @@ def assert_flat(box, before):
 
 
 @pytest.mark.parametrize("purpose", PURPOSES)
-def test_a_stranger_leaves_nothing_in_the_daemon(box, purpose):
+def test_a_stranger_leaves_nothing_in_the_daemon(box, counts, purpose):
     player = Player(box.bus)
     for _ in range(2):
         assert player.call("SupportedFile", "/etc/audioclips/a.wav") == "OK"
     before = measure(box.daemon)
-    flood(box, [find_connections(box)[purpose]], STRANGER)
+    with concurrent.futures.ThreadPoolExecutor() as threads:
+        run = start_flood(threads, box, find_connections(box)[purpose], counts)
+        while not run.done():
+            # Others are answered while the flood goes on.
+            assert player.call("SupportedFile", "/etc/audioclips/a.wav", timeout=20) == "OK"
+    assert int(run.result().stdout) == 5 * sum(counts)
     assert_flat(box, before)
 
 
@@ -146,9 +144,8 @@ def test_a_stranger_leaves_nothing_while_the_controls_are_slow(box):
     sync = Store(box).send("Sync")
     box.controls.wait_asked()
     with concurrent.futures.ThreadPoolExecutor(len(connections)) as threads:
-        runs = {purpose: threads.submit(
-            box.run, ["/usr/bin/python3", "-c", FLOOD, name, 100, 20], deadline=170,
-            **STRANGER.options) for purpose, name in connections.items()}
+        runs = {purpose: start_flood(threads, box, name, (100, 20), 170)
+                for purpose, name in connections.items()}
         highest = []
 
         def is_read():
@@ -168,13 +165,12 @@ def test_a_stranger_leaves_nothing_while_the_controls_are_slow(box):
     assert_flat(box, before)
 
 
-def test_a_caller_is_identified_while_the_events_are_flooded(box):
+def test_a_caller_is_identified_while_the_events_are_flooded(box, counts):
     """Under the open policy, the flood reaches the daemon; the caller is new each time."""
     events = find_connections(box)["events"]
     with concurrent.futures.ThreadPoolExecutor() as threads:
-        run = threads.submit(box.run, ["/usr/bin/python3", "-c", FLOOD, events, COUNT, LARGE_COUNT],
-                             deadline=500, **STRANGER.options)
-        for _ in itertools.takewhile(lambda _: not run.done(), itertools.count()):
+        run = start_flood(threads, box, events, counts)
+        while not run.done():
             caller = Player(box.connect())
             assert caller.call("StopPlayingClip", timeout=4) == "OK"
             caller.bus.close()
