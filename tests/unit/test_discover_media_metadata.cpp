@@ -217,6 +217,7 @@ TEST_F(DiscoverMediaMetadata, FileThatTheMemoKnowsIsNotDescribedAgain)
         EXPECT_EQ(fake.discoveries, 1);
     }
     g_autoptr(discover_media_metadata) m = discover_media_get_metadata("/clips/a.wav");
+    EXPECT_NE(m, nullptr);
     EXPECT_EQ(fake.discoveries, 2);
     expect_no_log();
 }
