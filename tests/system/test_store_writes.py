@@ -295,7 +295,7 @@ def check_records(store, names):
 
 
 def test_kills_at_random_moments_leave_whole_records(sandbox, full):
-    # 500 kills take about 10 minutes.
+    # 500 kills take about 3 minutes.
     source = random.Random(1)
     store = Store(sandbox)
     names = {""}
