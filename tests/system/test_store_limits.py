@@ -157,7 +157,7 @@ def test_many_clips_of_the_largest_kind_do_not_exceed_a_message(sandbox, full):
     assert store.take_log() == [NO_CONTROLS, NO_CONTROLS_FOR_SYNC]
 
 
-def test_many_clips_are_handled_in_linear_time(sandbox, full):
+def test_many_clips_are_all_handled(sandbox, full):
     count = 10000 if full else 2000
     sandbox.set_parameters({"root.SonoBrik.MaxGroups": str(2 * count)})
     store = Store(sandbox)
@@ -168,16 +168,13 @@ def test_many_clips_are_handled_in_linear_time(sandbox, full):
 
     def measure(method):
         begin = time.monotonic()
-        method()
-        return time.monotonic() - begin
+        result = method()
+        print(f"{time.monotonic() - begin:.2f} s")
+        return result
 
-    times = {
-        "GetConfigurations": measure(lambda: store.send("GetConfigurations").wait(60)),
-        "GetMetadata": measure(store.get_metadata),
-        "Sync": measure(lambda: store.send("Sync").wait(60)),
-        "AddClip": measure(lambda: store.add_clip(PREFIX + "a.wav", "A")),
-    }
-    print(times)
+    listed, = measure(lambda: store.send("GetConfigurations").wait(60))
+    assert len(listed) == count
+    assert len(json.loads(measure(store.get_metadata))) == count
+    assert measure(lambda: store.send("Sync").wait(60)) == ()
+    assert measure(lambda: store.add_clip(PREFIX + "a.wav", "A")) == count
     assert store.list().count(f"M{count}.json") == 1
-    # About 50 µs a clip were measured; quadratic time would be seconds.
-    assert max(times.values()) < count * 0.001
