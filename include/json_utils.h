@@ -10,7 +10,7 @@
 #include <jansson.h>
 
 /* The longest file that is loaded, in bytes. */
-inline constexpr size_t JSON_UTILS_FILE_MAX = 1024 * 1024;
+inline constexpr size_t JSON_UTILS_FILE_MAX = size_t{1024} * 1024;
 
 /*
  * Returns the object or array in the file as a new reference, or null with a log line. FIFOs,

@@ -89,8 +89,7 @@ void warn_of_repeated_groups(const std::string &text)
     std::istringstream lines(text);
     std::set<std::string> seen;
     for (std::string line; std::getline(lines, line);) {
-        g_strstrip(line.data());
-        const std::string header = line.c_str();
+        const std::string header = g_strstrip(line.data());
         if (header.starts_with('[') && !seen.insert(header).second) {
             g_warning("%s%s: %s occurs more than once; its lines count as one group", "",
                       access_file, header.c_str());

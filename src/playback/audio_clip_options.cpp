@@ -17,7 +17,7 @@ constexpr guint32 MAX_VOLUME = 1000;
  * Keys with equal hashes make the table quadratic: half a megabyte of them held the main loop for
  * two seconds, 64 KiB of them take 40 ms.
  */
-constexpr size_t MAX_OPTIONS_LENGTH = 64 * 1024;
+constexpr size_t MAX_OPTIONS_LENGTH = size_t{64} * 1024;
 
 bool has_valid_length(const char *options)
 {
