@@ -18,8 +18,8 @@ import pytest
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "support"))
 
-from gi.repository import Gio, GLib  # noqa: E402
-from sandbox import Recording, clips, wait_until  # noqa: E402
+from sandbox import Bus, Recording, clips, wait_until  # noqa: E402
+from sandbox.bus import DRIVER  # noqa: E402
 
 UNIT = "sonobrik.service"
 NAME, PATH = "com.vesk.Sonobrik", "/com/vesk/Sonobrik"
@@ -64,7 +64,7 @@ def wait_restarted(old, seconds=60):
 
 
 def read_log():
-    return run("journalctl", "-q", "-b", "--no-pager", "-u", UNIT, "-t", "sonobrik")
+    return run("journalctl", "-q", "-b", "--no-pager", "-u", UNIT)
 
 
 def play():
@@ -93,6 +93,7 @@ def test_the_daemon_was_started_at_boot():
 
 
 def test_systemd_knows_every_line_of_the_unit():
+    run("systemctl", "daemon-reload")  # what it logs at boot may not reach the journal
     lines = [line for line in run("journalctl", "-q", "-b", "--no-pager", "_PID=1").splitlines()
              if "sonobrik.service" in line and "ignoring" in line]
     unknown = ["RestartSteps", "RestartMaxDelaySec"] if systemd_version() < 254 else []
@@ -112,19 +113,31 @@ def test_the_sandbox_is_imposed():
     assert status["Seccomp"] == "2"
     assert int(status["CapBnd"], 16) == 0
 
-    def try_inside(command):
-        return subprocess.run(["nsenter", "-t", str(pid), "-m", "sh", "-c", command], check=False,
-                              capture_output=True).returncode == 0
-    assert not try_inside("touch /etc/audioclips/x")
-    assert not try_inside("touch /var/lib/x")
-    assert try_inside(f"touch {RECORDS}/x && rm {RECORDS}/x")
-    assert try_inside("touch /var/cache/sonobrik/x && rm /var/cache/sonobrik/x")
-    pathlib.Path("/tmp/secret").touch()
-    assert not try_inside("test -e /tmp/secret")
-    pathlib.Path("/root/secret").touch()
-    assert not try_inside("test -e /root/secret")
-    assert not try_inside("cp /bin/true /var/cache/sonobrik/x && /var/cache/sonobrik/x")
-    assert not try_inside("test -e /sys/fs/cgroup/x || touch /sys/fs/cgroup/x")
+    view = pathlib.Path(f"/proc/{pid}/root")  # the file system as the daemon sees it
+    mounts = [line.split() for line in
+              pathlib.Path(f"/proc/{pid}/mountinfo").read_text().splitlines()]
+    writable = {mount[4] for mount in mounts if "rw" in mount[5].split(",")}
+    # The rest of /dev, /proc and /run is not covered by ProtectSystem=; file permissions protect it.
+    writable = {path for path in writable if path.split("/")[1] not in ("dev", "proc", "run")}
+    # systemd leaves the paths of ExecPaths= writable; see the unit.
+    executable = {path for path in writable if path.startswith("/usr/")}
+    assert executable <= {"/usr/lib", "/usr/lib32", "/usr/lib64", "/usr/libexec/sonobrik",
+                          "/usr/local/lib"}
+    assert writable - executable == {"/tmp", "/var/tmp", "/var/cache/sonobrik", str(RECORDS)}
+    for folder in (RECORDS, CARD):
+        written = view / str(folder).lstrip("/") / "written"
+        written.touch()
+        written.unlink()
+    for folder in ("/tmp", "/var/tmp", "/root", "/home", "/dev/shm"):
+        secret = pathlib.Path(folder, "secret")
+        secret.touch()
+        assert not (view / str(secret).lstrip("/")).exists()
+    program = view / str(CARD).lstrip("/") / "program"
+    shutil.copy("/usr/bin/true", program)
+    subprocess.run([CARD / "program"], check=True)
+    with pytest.raises(PermissionError):
+        subprocess.run([program], check=True)
+    program.unlink()
 
 
 def test_a_killed_daemon_is_restarted():
@@ -156,24 +169,23 @@ def control():
     policy = pathlib.Path("/etc/dbus-1/system.d/machine-test.conf")
     policy.write_text(f'<busconfig><policy user="root"><allow own="{CONTROL}"/></policy>'
                       '</busconfig>\n')
-    bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
-    driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
-    bus.call_sync(*driver, "ReloadConfig", None, None, 0, -1)
-    reply = bus.call_sync(*driver, "RequestName", GLib.Variant("(su)", (CONTROL, 4)), None, 0, -1)
-    assert reply.unpack() == (1,)
+    bus = Bus("unix:path=/run/dbus/system_bus_socket")
+    bus.call(*DRIVER, "ReloadConfig")
+    bus.own_name(CONTROL)
     yield bus
-    bus.call_sync(*driver, "ReleaseName", GLib.Variant("(s)", (CONTROL,)), None, 0, -1)
+    bus.close()
     policy.unlink()
 
 
 def test_a_daemon_that_exits_with_75_is_restarted_each_time(control):
     for count in range(1, 6):
         old = get_pid()
-        control.emit_signal(None, "/com/vesk/AudioControl", "org.freedesktop.DBus.ObjectManager",
-                            "InterfacesAdded", GLib.Variant("(oa{sa{sv}})", ("/com/vesk/x", {})))
+        control.emit("/com/vesk/AudioControl", "org.freedesktop.DBus.ObjectManager",
+                     "InterfacesAdded", "(oa{sa{sv}})", "/com/vesk/x", {})
+        # systemd does not log this status, and forgets it when the daemon starts again.
+        wait_until(lambda: show("ExecMainStatus") == "75", 20, "the daemon exits with 75")
         wait_restarted(old)
         assert show("NRestarts") == str(count)
-    assert "status=75" in read_log()
 
 
 def test_a_hanging_daemon_is_killed_by_the_watchdog():
@@ -216,8 +228,10 @@ def test_a_card_is_a_device_that_the_unit_allows():
 
 def test_the_packages_own_test_passes():
     configuration = pathlib.Path("/etc/asound.conf").read_text()
-    run(HERE.parents[1] / "debian/tests/play")
-    pathlib.Path("/etc/asound.conf").write_text(configuration)
+    try:
+        run(HERE.parents[1] / "debian/tests/play")
+    finally:
+        pathlib.Path("/etc/asound.conf").write_text(configuration)
 
 
 # The package is removed, upgraded and purged.
@@ -248,7 +262,8 @@ def test_an_upgrade_keeps_clips_and_records():
     wait_until(is_active, 60, "the last release runs")
     old, version = get_pid(), get_version("sonobrik")
     run("sonobrikctl", "add", "--name", "Kept", CLIP)
-    run("dpkg", "-i", *PACKAGES.glob("sonobrik*.deb"))
+    # As apt does it: sonobrik-web cannot be installed beside the old version.
+    run("dpkg", "--auto-deconfigure", "-i", *PACKAGES.glob("sonobrik*.deb"))
     assert get_version("sonobrik") != version
     wait_restarted(old)
     assert run("sonobrikctl", "list", "--names") == "Kept\n"
