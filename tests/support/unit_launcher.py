@@ -157,7 +157,8 @@ def make_view(unit, uid, gid, program):
     executable = [*find_paths(executable), program, LIBRARIES]
     for path in {*writable, *executable}:
         bind_itself(path)
-    if unit.require("NoExecPaths", "/"):
+    # systemd leaves out the writable folders, so the unit lists them too.
+    if "/" in unit.get_words("NoExecPaths"):
         set_mount("/", MOUNT_ATTR_NOEXEC)
         for path in executable:
             set_mount(path, clear=MOUNT_ATTR_NOEXEC)
