@@ -133,5 +133,7 @@ def test_the_daemon_for_a_device_installs_nothing_of_the_stock_platform(external
     files = {path.name for path in tmp_path.rglob("*")}
     assert {"sonobrik", "sonobrikctl", "sonobrik.8", "com.vesk.Sonobrik.xml"} <= files
     assert not (tmp_path / "etc").exists()
+    # A package of the headers contains these; two packages cannot contain the same file.
+    assert not files & {"include", "vesk-platform-seam.pc"}
     assert not files & {"vesk-access.conf.5", "vesk-parameters.conf.5",
                         "com.vesk.Events1.Event.xml", "com.vesk.ConfigurationChanges1.xml"}

@@ -4,6 +4,7 @@ import configparser
 import contextlib
 import os
 import pathlib
+import re
 import shutil
 import signal
 import stat
@@ -223,6 +224,35 @@ def test_a_build_without_tests_builds_no_plugins_for_tests(device):
     device.install()
     names = [path.name for path in device.build.rglob("*.so")]
     assert names == []
+
+
+def test_elogind_replaces_a_missing_libsystemd(tmp_path):
+    """Hides the library's file from pkg-config, and offers a copy of it as elogind's."""
+    folders = subprocess.run(["pkg-config", "--variable=pc_path", "pkg-config"], text=True,
+                             capture_output=True, check=True).stdout.strip().split(":")
+    known = tmp_path / "pkgconfig"
+    known.mkdir()
+    for file in (file for folder in reversed(folders) for file in pathlib.Path(folder).glob("*.pc")):
+        name = "libelogind.pc" if file.name == "libsystemd.pc" else file.name
+        (known / name).unlink(missing_ok=True)
+        (known / name).symlink_to(file)
+    result = subprocess.run(
+        ["meson", "setup", tmp_path / "build", ROOT, "-Dtests=disabled", "-Dsystemd=disabled"],
+        env=os.environ | {"PKG_CONFIG_LIBDIR": str(known)}, text=True, capture_output=True,
+        timeout=600, check=False)
+    assert result.returncode == 0, result.stdout
+    assert "libsystemd found: NO" in result.stdout
+    assert "libelogind found: YES" in result.stdout
+
+
+def test_the_guide_names_the_versions_that_the_build_requires():
+    build = (ROOT / "meson.build").read_text()
+    required = dict(re.findall(r"dependency\('([a-z0-9.-]+)'.*version: '>= ([0-9.]+)'", build))
+    required["meson"], = re.findall(r"meson_version: '>= ([0-9.]+)'", build)
+    rows = (ROOT / "docs/firmware.md").read_text().splitlines()
+    for library, name in (("meson", "Meson"), ("glib-2.0", "GLib"), ("jansson", "Jansson"),
+                          ("gstreamer-1.0", "GStreamer"), ("libsystemd", "libsystemd")):
+        assert any(row.startswith(f"| {name} | {required[library]} |") for row in rows), library
 
 
 def test_the_headers_alone(device):
