@@ -295,7 +295,7 @@ def boot_machine(suite, step):
     for folder, source in (("packages", f"{TREE}/build-package"), ("previous", RELEASE)):
         (machine / "root" / folder).mkdir()
         for package in pathlib.Path(f"{suite.builder}{source}").glob("sonobrik*.deb"):
-            if "-dbgsym_" not in package.name:
+            if not re.search("-(dbgsym|dev)_", package.name):
                 shutil.copy(package, machine / "root" / folder)
     for part in ("tests/machine", "tests/support", "debian/tests"):
         shutil.copytree(f"{suite.builder}{TREE}/{part}", f"{machine}{TREE}/{part}")
