@@ -175,14 +175,15 @@ class Device:
         self.build = build_dir / "options"
         self._folder = folder
         again = ["--reconfigure"] if (self.build / "build.ninja").exists() else []
-        self._run("meson", "setup", *again, self.build, ROOT, "--buildtype=debug",
-                  "-Dtests=disabled", "-Dwerror=true")
+        self.setup = self._run("meson", "setup", *again, self.build, ROOT,
+                               "--buildtype=debug", "-Dtests=disabled", "-Dwerror=true")
 
     def _run(self, *command):
         result = subprocess.run([str(word) for word in command], text=True, timeout=600,
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, check=False)
         assert result.returncode == 0, f"{command}:\n{result.stdout}"
+        return result.stdout
 
     def install(self, **options):
         """Builds with these options and installs the result into an empty folder."""
@@ -243,6 +244,11 @@ def test_elogind_replaces_a_missing_libsystemd(tmp_path):
     assert result.returncode == 0, result.stdout
     assert "libsystemd found: NO" in result.stdout
     assert "libelogind found: YES" in result.stdout
+
+
+def test_the_build_needs_no_newer_meson_than_it_says(device):
+    # Meson knows the version that introduced each of its features.
+    assert "uses feature introduced in" not in device.setup
 
 
 def test_the_guide_names_the_versions_that_the_build_requires():
