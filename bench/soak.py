@@ -3,9 +3,9 @@
 usage: /usr/bin/python3 bench/soak.py [--plays N] [--chains N] [BUILD-FOLDER]
 
 The daemon runs in a sandbox with the virtual sound card; install the packages of the system tests
-first. The defaults are 10,000 plays and 1,000 chains. Every tenth clip plays to its end, which takes
-a third of a second because of the delay after the end; the others are stopped once the card has
-started. A chain is stopped when its third clip has begun. The table shows resident memory, open
+first. The defaults are 10,000 plays and 1,000 chains. Every tenth clip plays to its end, which
+takes a third of a second because of the delay after the end; the others are stopped once the card
+has started. A chain is stopped when its third clip has begun. The table shows resident memory, open
 descriptors and threads at the start, after a tenth and at the end. Exits with 1 if, from a tenth to
 the end, descriptors or threads grow, or memory grows by more than 0.5 KiB a play.
 """
@@ -57,9 +57,9 @@ def chain(_sandbox, player, clip, _number):
     assert player.call("StopPlayingClip") == "OK"
 
 
-def empty(sandbox):
-    """Deletes what the card has recorded, which would fill the disk and slow down reading it."""
-    for path in sandbox.card(0).folder.glob("*"):
+def empty(card):
+    """Deletes what a card has recorded, which would fill the disk and slow down reading it."""
+    for path in card.folder.glob("*"):
         if path.suffix == ".wav" or path.name == "events":
             path.unlink()
 
@@ -76,7 +76,7 @@ def repeat(sandbox, action, clip, times):
             for number in range(first, min(first + 100, part)):
                 action(sandbox, player, clip, number)
             bus.close()
-            empty(sandbox)
+            empty(sandbox.card(0))
         rows.append(measure(pid))
     for name, row in zip(("start", "a tenth", "end"), rows, strict=True):
         print(f"{action.__name__:6} {name:8}" + "".join(

@@ -56,7 +56,12 @@ class Controls:
 
     def wait_asked(self):
         """Waits until the daemon is waiting for a reply that is held back."""
-        wait_until(self._asked.exists, 20, "the on-screen controls are asked")
+        wait_until(lambda: self.is_asked, 20, "the on-screen controls are asked")
+
+    @property
+    def is_asked(self):
+        """True once the daemon has made a call since hold()."""
+        return self._asked.exists()
 
     def release(self):
         self._answer.touch()
