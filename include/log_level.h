@@ -1,12 +1,16 @@
 #pragma once
 
+/* What all modules that log share. */
+
+#include <glib.h>
+
+/* The name in front of each line in the system log. */
+inline constexpr const char *LOG_IDENTITY = "sonobrik";
+
 /*
  * The daemon's own log level, for errors that do not end the process. GLib's error level cannot be
  * used for them, since GLib aborts after logging at that level.
  */
-
-#include <glib.h>
-
 inline const auto LOG_LEVEL_ERROR = static_cast<GLogLevelFlags>(1 << G_LOG_LEVEL_USER_SHIFT);
 
 /* Logs at LOG_LEVEL_ERROR, with the same arguments as g_warning(). */

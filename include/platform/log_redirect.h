@@ -3,6 +3,7 @@
 /* System-log redirect: sends the log lines of the process to the system log. */
 
 #include <glib.h>
+#include <stdbool.h>
 
 G_BEGIN_DECLS
 
@@ -27,5 +28,23 @@ G_BEGIN_DECLS
  * G_MESSAGES_DEBUG contains the domain or "all".
  */
 void log_redirect_to_syslog(const char *identity, int facility);
+
+/*
+ * The two operations below are optional. If a library does not define both, the daemon does not
+ * offer org.freedesktop.LogControl1 on the bus.
+ */
+
+/*
+ * From now on drops the lines that are less severe than `level`, a level of syslog(3) such as
+ * LOG_INFO. Until the first call, no line is dropped. Called on the main thread.
+ */
+void log_redirect_set_level(int level);
+
+/*
+ * From now on sends the lines to `target`, a value of LogTarget in org.freedesktop.LogControl1(5).
+ * Returns false, and changes nothing, if this platform cannot log there. "syslog" must be possible;
+ * it means what log_redirect_to_syslog() has set up. Called on the main thread.
+ */
+bool log_redirect_set_target(const char *target);
 
 G_END_DECLS

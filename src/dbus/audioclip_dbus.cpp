@@ -7,6 +7,7 @@
 #include "bus_names.h"
 #include "devices_listener.h"
 #include "held_call.h"
+#include "log_control.h"
 #include "log_level.h"
 #include "platform/access_policy.h"
 #include "service_frame.h"
@@ -89,7 +90,9 @@ int audioclip_dbus_setup(AudioClip *clip)
     r = sonobrik_dbus_devices_listener(dbus_connection, devices_changed);
     if (r < 0) {
         log_error("%sFailed to setup the dbus listener to audiocontrol: %s.", "", strerror(-r));
+        return r;
     }
+    log_control_setup(dbus_connection);
     return r;
 }
 

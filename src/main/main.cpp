@@ -8,6 +8,7 @@
 
 #include "audio_clip.h"
 #include "audioclip_dbus.h"
+#include "log_level.h"
 #include "platform/log_redirect.h"
 #include "sonobrik_events.h"
 #include "sonobrik_osc.h"
@@ -75,7 +76,7 @@ void watchdog_setup()
 /* Sets up the subsystems, each after those that it uses. Returns false if a required step fails. */
 bool start(int *argc, char ***argv)
 {
-    log_redirect_to_syslog("sonobrik", LOG_DAEMON);
+    log_redirect_to_syslog(LOG_IDENTITY, LOG_DAEMON);
 
     main_loop = g_main_loop_new(nullptr, FALSE);
     if (!main_loop) {

@@ -1,7 +1,11 @@
+/* The location of each line would be send_to_journal(). */
+#define SD_JOURNAL_SUPPRESS_LOCATION
+
 #include "platform/log_redirect.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -11,6 +15,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include "log_redirect_socket.h"
@@ -43,8 +48,16 @@ static constexpr std::array<Level, 7> levels = {{
 /* For user-defined levels other than the daemon's own; their severity is unknown. */
 static constexpr Level other_level = {0, LOG_NOTICE, "notice"};
 
+enum class Target { SYSLOG, JOURNAL, CONSOLE };
+
 static const char *log_identity = "";
+static int log_facility = LOG_DAEMON;
 static const char *log_socket = "/dev/log";
+static const char *journal_socket = "/run/systemd/journal/socket";
+
+/* Set on the main thread, read by every thread that logs. */
+static std::atomic<int> max_level = LOG_DEBUG;
+static std::atomic<Target> target = Target::SYSLOG;
 
 static const Level &find_level(int glib_level)
 {
@@ -91,15 +104,15 @@ static void append_escaped(std::string *line, std::string_view text, size_t limi
     }
 }
 
-/* Returns true if a system log is running. Without one, syslog(3) drops the line silently. */
-static bool system_log_listens()
+/* Returns true if a log is running behind `path`. Without one, the line would be lost silently. */
+static bool log_listens(const char *path)
 {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return false;
     }
     struct sockaddr_un address = {AF_UNIX, ""};
-    g_strlcpy(address.sun_path, log_socket, sizeof address.sun_path);
+    g_strlcpy(address.sun_path, path, sizeof address.sun_path);
     const int result =
         connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
     /* EPROTOTYPE means that the log listens on a stream socket, which syslog(3) can use too. */
@@ -124,11 +137,22 @@ static bool is_noise(const Level &level, const std::string &domain)
            g_log_writer_default_would_drop(G_LOG_LEVEL_DEBUG, domain.c_str());
 }
 
-/* Writes one line to the system log or standard error. The daemon's own lines have no domain. */
+static void send_to_journal(int level, const char *text)
+{
+    sd_journal_send("MESSAGE=%s", text, "PRIORITY=%d", level, "SYSLOG_IDENTIFIER=%s", log_identity,
+                    "SYSLOG_FACILITY=%d", LOG_FAC(log_facility), nullptr);
+}
+
+/* Writes one line to the log or standard error. The daemon's own lines have no domain. */
 static void log_line(int glib_level, const std::string &domain, std::string_view message)
 {
     const Level &level = find_level(glib_level);
-    const bool listens = system_log_listens();
+    if (level.syslog > max_level) {
+        return;
+    }
+    const Target log = target;
+    const bool listens =
+        log != Target::CONSOLE && log_listens(log == Target::JOURNAL ? journal_socket : log_socket);
     const bool to_stderr = (!listens || isatty(STDERR_FILENO)) && !is_noise(level, domain);
 
     std::string line =
@@ -139,7 +163,9 @@ static void log_line(int glib_level, const std::string &domain, std::string_view
         line += ": ";
     }
     append_escaped(&line, message, MAX_LINE - strlen("\n"));
-    if (listens) {
+    if (listens && log == Target::JOURNAL) {
+        send_to_journal(level.syslog, line.c_str() + text_start);
+    } else if (listens) {
         syslog(level.syslog, "%s", line.c_str() + text_start);
     }
     if (to_stderr) {
@@ -179,12 +205,41 @@ static GLogWriterOutput write_structured(GLogLevelFlags level, const GLogField *
 void log_redirect_to_syslog(const char *identity, int facility)
 {
     log_identity = identity;
+    log_facility = facility;
     openlog(identity, LOG_PID, facility);
     g_log_set_default_handler(handle_log, nullptr);
     g_log_set_writer_func(write_structured, nullptr, nullptr);
 }
 
+void log_redirect_set_level(int level)
+{
+    max_level = level;
+}
+
+/*
+ * The kernel's log ("kmsg") is missing: the daemon's user may not write there, and its sandbox
+ * hides the device.
+ */
+bool log_redirect_set_target(const char *name)
+{
+    if (strcmp(name, "syslog") == 0) {
+        target = Target::SYSLOG;
+    } else if (strcmp(name, "console") == 0) {
+        target = Target::CONSOLE;
+    } else if (strcmp(name, "journal") == 0 && log_listens(journal_socket)) {
+        target = Target::JOURNAL;
+    } else {
+        return false;
+    }
+    return true;
+}
+
 void log_redirect_set_socket(const char *path)
 {
     log_socket = path;
+}
+
+void log_redirect_set_journal(const char *path)
+{
+    journal_socket = path;
 }

@@ -96,7 +96,14 @@ def test_everybody_may_introspect_and_read_properties(box, users, who):
 
 
 @pytest.mark.parametrize("who", USERS)
-def test_nobody_may_set_properties(box, users, who):
+def test_only_root_may_set_the_properties_of_the_log(box, users, who):
+    calls = make_calls(both_names(box, PLAYBACK[0]), f"{STANDARD}.Properties", ["Set"],
+                       "/org/freedesktop/LogControl1")
+    assert find_refused(box, users[who], calls) == (set() if who == "root" else as_rows(calls))
+
+
+@pytest.mark.parametrize("who", USERS)
+def test_nobody_may_set_properties_of_the_other_objects(box, users, who):
     calls = [call for name in NAMES
              for call in make_calls(both_names(box, name), f"{STANDARD}.Properties", ["Set"],
                                     PATHS[name])]
@@ -172,7 +179,8 @@ def test_the_policy_lists_every_legacy_method(box, installation):
     policy = ElementTree.parse(installation.find("usr/share/dbus-1/system.d/*.conf"))
     for who in ("policy[@user='root']", "policy[@group='sonobrik-config']"):
         assert {allow.get("send_member")
-                for allow in policy.findall(f"{who}/allow[@send_member]")} == methods
+                for allow in policy.findall(
+                    f"{who}/allow[@send_interface='{LEGACY[2]}']")} == methods
 
 
 # What works under the policy

@@ -7,7 +7,7 @@ import shutil
 import subprocess
 
 import pytest
-from sandbox import LEGACY, PLAYBACK, Store, clips, wait_until
+from sandbox import LEGACY, PLAYBACK, BusError, Store, clips, wait_until
 from sandbox.bus import DRIVER
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -90,6 +90,14 @@ def test_the_platform_allows_nobody_but_root(sandbox, device):
     refusal = re.compile(r"<6>sonobrik: Failed to authorize: :1\.\d+: this user is not allowed to "
                          r"call the audio clip service")
     wait_until(lambda: any(map(refusal.fullmatch, sandbox.daemon.lines)), what="the refusal is logged")
+
+
+def test_without_the_optional_operations_the_log_has_no_object(sandbox, device):
+    with pytest.raises(BusError) as error:
+        sandbox.bus.call("com.vesk.Sonobrik", "/org/freedesktop/LogControl1",
+                         "org.freedesktop.DBus.Properties", "GetAll", "(s)",
+                         "org.freedesktop.LogControl1")
+    assert error.value.name == "org.freedesktop.DBus.Error.UnknownObject"
 
 
 def test_a_library_of_another_version_is_refused(external, build_dir):

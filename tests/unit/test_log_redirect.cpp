@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <glib.h>
@@ -60,6 +61,24 @@ extern "C" void __syslog_chk(int priority, int, const char *format, ...)
     va_start(arguments, format);
     record_line(priority, format, arguments);
     va_end(arguments);
+}
+
+/* Replaces the function of libsystemd. Each format is "FIELD=%s" or "FIELD=%d". */
+extern "C" int sd_journal_send(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    std::string fields = "journal";
+    for (; format; format = va_arg(arguments, const char *)) {
+        const char *conversion = strstr(format, "=%");
+        const std::string name(format, conversion + 1);
+        fields += " " + name +
+                  (conversion[2] == 's' ? va_arg(arguments, const char *)
+                                        : std::to_string(va_arg(arguments, int)));
+    }
+    va_end(arguments);
+    record(fields);
+    return 0;
 }
 
 /* A pipe in packet mode: each read returns the bytes of one write. */
@@ -235,6 +254,59 @@ TEST_F(LogRedirect, NoticesASystemLogThatComesLater)
     });
     expect_stderr({"warning: before"});
     EXPECT_EQ(to_syslog, Lines{line_to_syslog(LOG_WARNING, "after")});
+}
+
+TEST_F(LogRedirect, DropsLinesBelowTheLevel)
+{
+    listen_to_system_log();
+    run([] {
+        log_redirect_set_level(LOG_ERR);
+        log_at_every_level();
+        log_redirect_set_level(LOG_DEBUG);
+        g_log(nullptr, G_LOG_LEVEL_DEBUG, "again");
+    });
+    const Lines expected = {line_to_syslog(LOG_CRIT, "one"), line_to_syslog(LOG_ERR, "six"),
+                            line_to_syslog(LOG_DEBUG, "again")};
+    EXPECT_EQ(to_syslog, expected);
+}
+
+TEST_F(LogRedirect, WritesOnlyToStandardErrorIfTheTargetIsTheConsole)
+{
+    listen_to_system_log();
+    run([] {
+        EXPECT_TRUE(log_redirect_set_target("console"));
+        g_log(nullptr, G_LOG_LEVEL_WARNING, "here");
+        EXPECT_TRUE(log_redirect_set_target("syslog"));
+        g_log(nullptr, G_LOG_LEVEL_WARNING, "there");
+    });
+    expect_stderr({"warning: here"});
+    EXPECT_EQ(to_syslog, Lines{line_to_syslog(LOG_WARNING, "there")});
+}
+
+TEST_F(LogRedirect, SendsFieldsToTheJournalIfThatIsTheTarget)
+{
+    listen_to_system_log();
+    log_redirect_set_journal("log"); /* any socket that listens */
+    run([] {
+        EXPECT_TRUE(log_redirect_set_target("journal"));
+        g_log("Lib", G_LOG_LEVEL_WARNING, "100%% text");
+    });
+    expect_stderr({});
+    EXPECT_EQ(to_syslog, (Lines{"journal MESSAGE=Lib: 100% text PRIORITY=4 "
+                                "SYSLOG_IDENTIFIER=sonobrik SYSLOG_FACILITY=3"}));
+}
+
+TEST_F(LogRedirect, KeepsTheTargetIfTheNewOneIsNotAvailable)
+{
+    listen_to_system_log();
+    log_redirect_set_journal("no-journal");
+    run([] {
+        EXPECT_FALSE(log_redirect_set_target("journal"));
+        EXPECT_FALSE(log_redirect_set_target("kmsg"));
+        g_log(nullptr, G_LOG_LEVEL_WARNING, "text");
+    });
+    EXPECT_EQ(to_syslog, Lines{line_to_syslog(LOG_WARNING, "text")});
+    expect_stderr({});
 }
 
 TEST_F(LogRedirect, WritesToATerminalBesideTheSystemLog)
