@@ -24,12 +24,6 @@ def read_memory(daemon):
         return next(int(line.split()[1]) for line in file if line.startswith("VmRSS:")) / 1024
 
 
-def keeps_freed_memory(daemon):
-    """Returns whether the daemon has the address sanitizer, which delays the reuse of memory."""
-    with open(f"/proc/{daemon.pid}/exe", "rb") as file:
-        return b"__asan_init" in file.read()
-
-
 @pytest.fixture(scope="module")
 def counts(pytestconfig):
     """How many messages of each of the five kinds are sent: with descriptors, and large ones."""
@@ -63,7 +57,7 @@ def measure(daemon):
 def assert_flat(box, before):
     files, memory = before
     wait_until(lambda: count_files(box.daemon) <= files, 30, "the descriptors are closed")
-    if not keeps_freed_memory(box.daemon):
+    if not box.daemon.keeps_freed_memory:
         assert read_memory(box.daemon) < memory + 64
     store = Store(box)
     for _ in range(20):

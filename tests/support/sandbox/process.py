@@ -155,6 +155,12 @@ class Daemon(Process):
         """Returns the number of lines with this level and exactly this text."""
         return self.log.count(LogLine(level, text))
 
+    @property
+    def keeps_freed_memory(self):
+        """True if the daemon has the address sanitizer, which delays the reuse of memory."""
+        with open(f"/proc/{self.pid}/exe", "rb") as file:
+            return b"__asan_init" in file.read()
+
     def stop(self, number=signal.SIGTERM, deadline=20):
         """Signals the daemon to exit, and returns its exit status."""
         self.kill(number)
