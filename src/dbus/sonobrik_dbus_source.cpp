@@ -64,5 +64,11 @@ sonobrik_dbus_source *sonobrik_dbus_source_new(sd_event *event)
     dbus_source->poll_fd.fd = sd_event_get_fd(event);
     dbus_source->poll_fd.events = G_IO_IN | G_IO_ERR | G_IO_HUP;
     g_source_add_poll(source, &dbus_source->poll_fd);
+    /*
+     * Otherwise GLib takes the descriptor out of its poll set during each dispatch and wakes itself
+     * up twice for that, which costs one turn of the loop per message. A nested loop cannot
+     * dispatch the source twice: sd-event refuses to be prepared while it dispatches.
+     */
+    g_source_set_can_recurse(source, TRUE);
     return dbus_source;
 }

@@ -145,7 +145,6 @@ TEST_F(SourceTest, PollsTheDescriptorOfTheEventLoop)
     EXPECT_EQ(dbus_source->poll_fd.fd, sd_event_get_fd(event));
     EXPECT_EQ(dbus_source->poll_fd.events, 25);
     EXPECT_EQ(g_source_get_priority(source), G_PRIORITY_DEFAULT);
-    EXPECT_FALSE(g_source_get_can_recurse(source));
 }
 
 TEST_F(SourceTest, ReleasesItsReferenceToTheEventLoop)
@@ -410,4 +409,60 @@ TEST_F(SourceTest, EventIsHandledAfterASourceOfHigherPriority)
     EXPECT_EQ(heard, 1);
     EXPECT_FALSE(g_source_is_destroyed(source));
     g_source_remove(id);
+}
+
+/* Turns of the loop. */
+
+namespace
+{
+
+int ready_descriptors;
+
+gint count_ready(GPollFD *descriptors, guint count, gint timeout)
+{
+    const gint ready = g_poll(descriptors, count, timeout);
+    ready_descriptors += ready;
+    return ready;
+}
+
+} // namespace
+
+/* GLib would wake itself up if it took the source's descriptor out of its poll set. */
+TEST_F(SourceTest, DispatchDoesNotWakeTheLoop)
+{
+    g_autoptr(GMainContext) context = g_main_context_new();
+    g_main_context_set_poll_func(context, count_ready);
+    listen(bell, &hear);
+    g_source_attach(source, context);
+    bell.ring();
+    while (heard == 0) {
+        g_main_context_iteration(context, TRUE);
+    }
+    ready_descriptors = 0;
+    g_main_context_iteration(context, FALSE);
+    EXPECT_EQ(ready_descriptors, 0);
+    EXPECT_EQ(heard, 1);
+}
+
+TEST_F(SourceTest, LoopInsideADispatchDoesNotDispatchTheSourceAgain)
+{
+    g_autoptr(GMainContext) context = g_main_context_new();
+    std::function<int()> run_inner_loop = [&] {
+        heard++;
+        g_main_context_iteration(context, FALSE);
+        bell.silence();
+        return 0;
+    };
+    listen(bell, &run_inner_loop);
+    g_source_attach(source, context);
+    bell.ring();
+    while (heard == 0) {
+        g_main_context_iteration(context, TRUE);
+    }
+    EXPECT_EQ(heard, 1);
+    bell.ring();
+    while (heard == 1) {
+        g_main_context_iteration(context, TRUE);
+    }
+    EXPECT_EQ(heard, 2);
 }
