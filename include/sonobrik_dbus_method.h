@@ -54,6 +54,15 @@ int sonobrik_dbus_method_send_reply(sonobrik_dbus_method *m, sd_bus_message *rep
                                     sd_bus_error *ret_error);
 
 /*
+ * Does the same as sonobrik_dbus_method_send_reply(), and calls `log(user_data)` between the
+ * sending and the log line of a failure. If the call was not successful, `log` is not called. `log`
+ * may be null.
+ */
+int sonobrik_dbus_method_send_reply_and_log(sonobrik_dbus_method *m, sd_bus_message *reply,
+                                            sd_bus_error *ret_error, void (*log)(void *user_data),
+                                            void *user_data);
+
+/*
  * Returns the value that the handler returns to sd-bus: 1 if the call was successful; otherwise,
  * and for null, -1, which makes sd-bus send the error.
  */
@@ -68,10 +77,14 @@ bool sonobrik_dbus_method_append_ok(sd_bus_message *reply);
  * cannot be created, the call fails with `error_name` and the text of the state, which starts as
  * `initial_error`. To answer the call later, `work` keeps it, sets `state->message` to null and
  * returns true: nothing is sent then. Returns the handler's return value.
+ *
+ * If the call succeeds, calls `log()` when the reply has been sent, so that the caller does not
+ * wait for the system log.
  */
-template <typename Work>
+template <typename Work, typename Log>
 int sonobrik_dbus_method_answer(sd_bus_message *message, sd_bus_error *ret_error,
-                                const char *error_name, const char *initial_error, Work work)
+                                const char *error_name, const char *initial_error, Work work,
+                                Log log)
 {
     sonobrik_dbus_method state = {message, 0, error_name, ""};
     g_strlcpy(state.error_message, initial_error, sizeof state.error_message);
@@ -80,7 +93,17 @@ int sonobrik_dbus_method_answer(sd_bus_message *message, sd_bus_error *ret_error
         sonobrik_dbus_method_set_successful(&state, true);
     }
     if (state.message) {
-        sonobrik_dbus_method_send_reply(&state, reply, ret_error);
+        sonobrik_dbus_method_send_reply_and_log(
+            &state, reply, ret_error, [](void *function) { (*static_cast<Log *>(function))(); },
+            &log);
     }
     return sonobrik_dbus_method_return_code(&state);
+}
+
+/* Does the same for a method that logs nothing after its reply. */
+template <typename Work>
+int sonobrik_dbus_method_answer(sd_bus_message *message, sd_bus_error *ret_error,
+                                const char *error_name, const char *initial_error, Work work)
+{
+    return sonobrik_dbus_method_answer(message, ret_error, error_name, initial_error, work, [] {});
 }

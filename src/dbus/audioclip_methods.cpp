@@ -59,7 +59,12 @@ bool get_metadata(sonobrik_dbus_method *state, sd_bus_message *reply)
     return sd_bus_message_append(reply, "s", text) >= 0;
 }
 
-bool play_clip_asynchronous(sonobrik_dbus_method *state, sd_bus_message *reply, AudioClip *clip)
+/*
+ * The methods of the player store their options in `*logged` if a line with the options follows the
+ * reply. The message owns the text.
+ */
+bool play_clip_asynchronous(sonobrik_dbus_method *state, sd_bus_message *reply, AudioClip *clip,
+                            const char **logged)
 {
     const char *options = nullptr;
     if (sonobrik_dbus_get_string_arg(state->message, &options, state) < 0) {
@@ -73,11 +78,12 @@ bool play_clip_asynchronous(sonobrik_dbus_method *state, sd_bus_message *reply, 
     if (!sonobrik_dbus_method_append_ok(reply)) {
         return false;
     }
-    g_info("%s%s with options: %s", "", "sonobrik_play_clip_asynchronous", options);
+    *logged = options;
     return true;
 }
 
-bool play_clip_synchronous(sonobrik_dbus_method *state, sd_bus_message *reply, AudioClip *clip)
+bool play_clip_synchronous(sonobrik_dbus_method *state, sd_bus_message *reply, AudioClip *clip,
+                           const char **logged)
 {
     const char *options = nullptr;
     if (sonobrik_dbus_get_string_arg(state->message, &options, state) < 0) {
@@ -97,18 +103,19 @@ bool play_clip_synchronous(sonobrik_dbus_method *state, sd_bus_message *reply, A
         !sonobrik_dbus_method_append_ok(reply)) {
         return false;
     }
-    g_info("%s%s with options: %s", "", "sonobrik_play_clip_synchronous", options);
+    *logged = options;
     return true;
 }
 
-bool stop_clip(sonobrik_dbus_method *state, sd_bus_message *reply, AudioClip *clip)
+bool stop_clip(sonobrik_dbus_method *state, sd_bus_message *reply, AudioClip *clip,
+               const char **logged)
 {
     const char *options = nullptr;
     if (sonobrik_dbus_get_string_arg(state->message, &options, state) < 0 ||
         !audio_clip_stop(clip, options) || !sonobrik_dbus_method_append_ok(reply)) {
         return false;
     }
-    g_info("%s%s with options: %s", "", "sonobrik_stop_clip", options);
+    *logged = options;
     return true;
 }
 
@@ -132,6 +139,23 @@ int answer(sd_bus_message *message, sd_bus_error *ret_error, const char *error_n
     return sonobrik_dbus_method_answer(message, ret_error, error_name, "NOK", work);
 }
 
+/* Answers a call of the player. The log names the `function` that did the work. */
+template <typename Work>
+int answer_player(sd_bus_message *message, sd_bus_error *ret_error, const char *error_name,
+                  const char *function, void *user_data, Work work)
+{
+    auto *clip = static_cast<AudioClip *>(user_data);
+    const char *logged = nullptr;
+    return sonobrik_dbus_method_answer(
+        message, ret_error, error_name, "NOK",
+        [&](auto *state, auto *reply) { return work(state, reply, clip, &logged); },
+        [&] {
+            if (logged) {
+                g_info("%s%s with options: %s", "", function, logged);
+            }
+        });
+}
+
 } // namespace
 
 int sonobrik_add_clip(sd_bus_message *message, void *, sd_bus_error *ret_error)
@@ -147,26 +171,21 @@ int sonobrik_get_metadata(sd_bus_message *message, void *, sd_bus_error *ret_err
 int sonobrik_play_clip_asynchronous(sd_bus_message *message, void *user_data,
                                     sd_bus_error *ret_error)
 {
-    auto *clip = static_cast<AudioClip *>(user_data);
-    return answer(
-        message, ret_error, "com.vesk.Sonobrik.StartPlayingClip",
-        [clip](auto *state, auto *reply) { return play_clip_asynchronous(state, reply, clip); });
+    return answer_player(message, ret_error, "com.vesk.Sonobrik.StartPlayingClip",
+                         "sonobrik_play_clip_asynchronous", user_data, play_clip_asynchronous);
 }
 
 int sonobrik_play_clip_synchronous(sd_bus_message *message, void *user_data,
                                    sd_bus_error *ret_error)
 {
-    auto *clip = static_cast<AudioClip *>(user_data);
-    return answer(
-        message, ret_error, "com.vesk.Sonobrik.PlayClip",
-        [clip](auto *state, auto *reply) { return play_clip_synchronous(state, reply, clip); });
+    return answer_player(message, ret_error, "com.vesk.Sonobrik.PlayClip",
+                         "sonobrik_play_clip_synchronous", user_data, play_clip_synchronous);
 }
 
 int sonobrik_stop_clip(sd_bus_message *message, void *user_data, sd_bus_error *ret_error)
 {
-    auto *clip = static_cast<AudioClip *>(user_data);
-    return answer(message, ret_error, "com.vesk.Sonobrik.StopPlayingClip",
-                  [clip](auto *state, auto *reply) { return stop_clip(state, reply, clip); });
+    return answer_player(message, ret_error, "com.vesk.Sonobrik.StopPlayingClip",
+                         "sonobrik_stop_clip", user_data, stop_clip);
 }
 
 int sonobrik_supported_file(sd_bus_message *message, void *, sd_bus_error *ret_error)

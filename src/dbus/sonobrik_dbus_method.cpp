@@ -71,6 +71,13 @@ void sonobrik_dbus_method_set_successful(sonobrik_dbus_method *m, bool value)
 int sonobrik_dbus_method_send_reply(sonobrik_dbus_method *m, sd_bus_message *reply,
                                     sd_bus_error *ret_error)
 {
+    return sonobrik_dbus_method_send_reply_and_log(m, reply, ret_error, nullptr, nullptr);
+}
+
+int sonobrik_dbus_method_send_reply_and_log(sonobrik_dbus_method *m, sd_bus_message *reply,
+                                            sd_bus_error *ret_error, void (*log)(void *user_data),
+                                            void *user_data)
+{
     if (!m || !reply || !ret_error) {
         g_warning("%s%s has been called with invalid arguments", "",
                   "sonobrik_dbus_method_send_reply");
@@ -81,6 +88,9 @@ int sonobrik_dbus_method_send_reply(sonobrik_dbus_method *m, sd_bus_message *rep
         return 1;
     }
     const int r = sd_bus_send(sd_bus_message_get_bus(m->message), reply, nullptr);
+    if (log) {
+        log(user_data);
+    }
     if (r < 0) {
         g_info("%s%s failed to send positive reply message due to %s", "",
                "sonobrik_dbus_method_send_reply", strerror(-r));

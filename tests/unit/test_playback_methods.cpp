@@ -167,6 +167,35 @@ TEST_F(PlaybackTest, EndOfAStartedClipAnswersNobody)
     expect_no_log();
 }
 
+TEST_F(PlaybackTest, LineWithTheOptionsFollowsTheReply)
+{
+    struct Seen {
+        FailingCalls *library;
+        std::vector<int> replies; /* sent before each line */
+    } seen = {&library, {}};
+    const GLogFunc own = g_log_set_default_handler(
+        [](const gchar *, GLogLevelFlags, const gchar *, gpointer user_data) {
+            auto *at = static_cast<Seen *>(user_data);
+            at->replies.push_back(at->library->count("sd_bus_send"));
+        },
+        &seen);
+    call("StartPlayingClip", "options");
+    call("StopPlayingClip", "options");
+    g_log_set_default_handler(own, this);
+    EXPECT_EQ(seen.replies, (std::vector<int>{1, 2}));
+}
+
+/* The failure is noticed after the line's place in the log. */
+TEST_F(PlaybackTest, LineWithTheOptionsPrecedesTheFailureToSend)
+{
+    library.fail("sd_bus_send", -ENOBUFS);
+    call("StopPlayingClip", "options");
+    expect_log(G_LOG_LEVEL_INFO, "sonobrik_stop_clip with options: options");
+    expect_log(G_LOG_LEVEL_INFO, "sonobrik_dbus_method_send_reply failed to send positive reply "
+                                 "message due to No buffer space available");
+    expect_no_log();
+}
+
 /* StopPlayingClip. */
 
 TEST_F(PlaybackTest, StopIsAnsweredEvenIfNothingPlays)
