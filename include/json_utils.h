@@ -25,3 +25,9 @@ json_t *json_utils_load_from_file(const char *path);
  * the value cannot be serialised or written.
  */
 bool json_utils_save_to_file(const char *path, const json_t *value);
+
+/*
+ * Returns at least the length of the compact JSON text of `value`, and 32 for null, without writing
+ * the text.
+ */
+size_t json_utils_bound_size(json_t *value);

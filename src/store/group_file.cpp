@@ -105,8 +105,10 @@ const char *sonobrik_group_get_fault(const SonobrikGroup *group)
     if (strlen(group->type) > SONOBRIK_GROUP_TYPE_MAX) {
         return "has a type of more than 255 bytes";
     }
-    if (json_dumpb(group->metadata, nullptr, 0, JSON_COMPACT | JSON_ENCODE_ANY) >
-        SONOBRIK_GROUP_METADATA_MAX) {
+    /* Writing the text to find out its length takes a tenth of the time of a listing. */
+    if (json_utils_bound_size(group->metadata) > SONOBRIK_GROUP_METADATA_MAX &&
+        json_dumpb(group->metadata, nullptr, 0, JSON_COMPACT | JSON_ENCODE_ANY) >
+            SONOBRIK_GROUP_METADATA_MAX) {
         return "has metadata of more than 16384 bytes";
     }
     return nullptr;

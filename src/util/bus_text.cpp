@@ -14,10 +14,18 @@ bool is_noncharacter(gunichar c)
 
 bool bus_text_is_valid(const char *text)
 {
-    if (!text || !g_utf8_validate(text, -1, nullptr)) {
+    if (!text) {
         return false;
     }
-    for (const char *p = text; *p != '\0'; p = g_utf8_next_char(p)) {
+    /* ASCII needs no decoding. Most texts are ASCII, and a listing checks six for each clip. */
+    const char *rest = text;
+    while (static_cast<signed char>(*rest) > 0) {
+        rest++;
+    }
+    if (!g_utf8_validate(rest, -1, nullptr)) {
+        return false;
+    }
+    for (const char *p = rest; *p != '\0'; p = g_utf8_next_char(p)) {
         if (is_noncharacter(g_utf8_get_char(p))) {
             return false;
         }

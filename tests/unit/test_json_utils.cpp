@@ -329,3 +329,34 @@ TEST_F(JsonUtils, FailedWriteIsLoggedWithThePath)
 }
 
 } // namespace
+
+/* The bound of a text's size. */
+
+TEST(JsonUtilsBound, CoversEveryKindOfValue)
+{
+    for (const char *text : {
+             "[]",
+             "{}",
+             "[null,true,false]",
+             "[-9223372036854775808,9223372036854775807,-1.7976931348623157e+308]",
+             R"(["\u0001\u0002","\"\\","\u20ac\n"])",
+             R"({"\u0001\"":{"":["a",{"b":[[[]]]}]}})",
+         }) {
+        g_autoptr(json_t) value = json_loads(text, 0, nullptr);
+        ASSERT_NE(value, nullptr) << text;
+        EXPECT_GE(json_utils_bound_size(value), json_dumpb(value, nullptr, 0, JSON_COMPACT))
+            << text;
+    }
+}
+
+TEST(JsonUtilsBound, IsCloseForPlainTexts)
+{
+    const std::string text = "[\"" + std::string(1000, 'x') + "\"]";
+    g_autoptr(json_t) value = json_loads(text.c_str(), 0, nullptr);
+    EXPECT_LE(json_utils_bound_size(value), text.size() + 10);
+}
+
+TEST(JsonUtilsBound, NullCountsAsANumber)
+{
+    EXPECT_EQ(json_utils_bound_size(nullptr), 32U);
+}
