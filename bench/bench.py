@@ -12,7 +12,7 @@ import tempfile
 
 from measuring import ROOT, Bench, quartiles
 
-NAMES = ("round_trips", "first_sample", "starts", "store")
+NAMES = ("first_sample", "wildcard", "starts", "round_trips", "store", "memory", "many", "micro")
 
 
 def show(value):
