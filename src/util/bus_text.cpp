@@ -38,6 +38,9 @@ char *bus_text_make_valid(const char *text)
     if (!text) {
         return nullptr;
     }
+    if (bus_text_is_valid(text)) {
+        return g_strdup(text);
+    }
     constexpr gunichar replacement = 0xFFFD;
     g_autofree char *utf8 = g_utf8_make_valid(text, -1);
     GString *valid = g_string_sized_new(0);
