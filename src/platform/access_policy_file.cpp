@@ -7,7 +7,6 @@
 #include <optional>
 #include <pwd.h>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -86,9 +85,10 @@ bool check_lists(GKeyFile *groups, GError **error)
 /* GKeyFile merges groups of the same name, so a forgotten one may admit more than intended. */
 void warn_of_repeated_groups(const std::string &text)
 {
-    std::istringstream lines(text);
     std::set<std::string> seen;
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string_view rest = text; !rest.empty();) {
+        std::string line(rest.substr(0, rest.find('\n')));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
         const std::string header = g_strstrip(line.data());
         if (header.starts_with('[') && !seen.insert(header).second) {
             g_warning("%s%s: %s occurs more than once; its lines count as one group", "",
