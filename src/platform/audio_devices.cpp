@@ -110,20 +110,42 @@ static Devices read_devices(snd_config_t *top)
     return devices;
 }
 
-/* Reads the configuration into the listing. Uses a private tree, which is freed at once. */
-static void read_configuration()
+/*
+ * Reads the tree from which alsa-lib opens the player's PCMs, and leaves it in memory, so that the
+ * first clip does not wait for it. Only while no other thread uses ALSA: threads of the player
+ * change this tree when they open a PCM.
+ */
+static int read_global_tree()
 {
-    listing.complaints.clear();
-    listing.devices.clear();
+    const int status = snd_config_update();
+    if (status >= 0) {
+        listing.devices = read_devices(snd_config);
+    }
+    return status;
+}
+
+/* Reads a private tree, which is freed at once. */
+static int read_private_tree()
+{
     snd_config_t *top = nullptr;
     snd_config_update_t *update = nullptr;
     const int status = snd_config_update_r(&top, &update, nullptr);
-    listing.is_usable = status >= 0;
-    if (listing.is_usable) {
+    if (status >= 0) {
         listing.devices = read_devices(top);
         snd_config_delete(top);
         snd_config_update_free(update);
-    } else if (listing.complaints.empty()) {
+    }
+    return status;
+}
+
+/* Reads the configuration into the listing. */
+static void read_configuration(bool is_first)
+{
+    listing.complaints.clear();
+    listing.devices.clear();
+    const int status = is_first ? read_global_tree() : read_private_tree();
+    listing.is_usable = status >= 0;
+    if (!listing.is_usable && listing.complaints.empty()) {
         listing.complaints = snd_strerror(status);
     }
 }
@@ -134,7 +156,8 @@ static void read_configuration()
  */
 static void refresh()
 {
-    const bool changed = !listing.is_read || alsa_files_changed(listing.files);
+    const bool is_first = !listing.is_read;
+    const bool changed = is_first || alsa_files_changed(listing.files);
     if (!changed && listing.is_usable) {
         return;
     }
@@ -147,7 +170,7 @@ static void refresh()
         /* The player's PCMs come from this tree. alsa-lib rebuilds it when one is opened. */
         snd_config_update_free_global();
     }
-    read_configuration();
+    read_configuration(is_first);
     snd_lib_error_set_local(previous);
     if (!listing.complaints.empty() && listing.complaints != known_complaints) {
         g_warning("%sThe ALSA configuration cannot be read completely: %s", "",
