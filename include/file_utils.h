@@ -9,6 +9,12 @@
 #include <glib.h>
 
 /*
+ * Returns a new list of the items, in their order. Older GLibs keep the memory of list elements; made
+ * in one go, those of a long list lie together and do not keep the memory between them too.
+ */
+GSList *file_utils_make_list(GPtrArray *items);
+
+/*
  * Lists the files whose path matches `path_pattern`. Only the last component may contain wildcards:
  * "*" matches any run of characters, "?" any one character. Returns a list of new strings in the
  * order in which the directory yields its entries, or null if nothing matches or the directory is

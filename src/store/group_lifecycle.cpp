@@ -1,11 +1,15 @@
 #include "sonobrik_group.h"
 
 #include "file_utils.h"
+#include "memory_trim.h"
 #include "service_frame.h"
 #include "sonobrik_group_conf.h"
 
 namespace
 {
+
+/* A record takes about 2 KiB while a request handles it. */
+constexpr guint LARGE_LIST = 500;
 
 bool index_is_taken(gint32 index)
 {
@@ -90,7 +94,7 @@ SonobrikGroup *sonobrik_group_from_index(gint32 index)
 
 GSList *sonobrik_group_get_parameter_list()
 {
-    GSList *groups = nullptr;
+    g_autoptr(GPtrArray) groups = g_ptr_array_new();
     GSList *paths = sonobrik_group_conf_get_param_file_list();
     for (GSList *path = paths; path; path = path->next) {
         sonobrik_feed_watchdog(); /* 10,000 large files take longer than its interval */
@@ -107,15 +111,18 @@ GSList *sonobrik_group_get_parameter_list()
             g_warning("%sLeft out '%s', which %s", "", file, fault);
             continue;
         }
-        groups = g_slist_prepend(groups, g_steal_pointer(&group));
+        g_ptr_array_add(groups, g_steal_pointer(&group));
     }
     sonobrik_group_conf_free_param_file_list(&paths);
-    return g_slist_reverse(groups);
+    return file_utils_make_list(groups);
 }
 
 void sonobrik_group_release_parameter_list(GSList **list)
 {
     if (list && *list) {
+        if (g_slist_nth(*list, LARGE_LIST - 1)) {
+            memory_trim_later();
+        }
         g_slist_free_full(g_steal_pointer(list), [](gpointer group) {
             sonobrik_group_free(static_cast<SonobrikGroup *>(group));
         });

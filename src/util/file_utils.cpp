@@ -40,14 +40,22 @@ GSList *file_utils_get_files_from_wildcard(const char *path_pattern)
 
     g_autofree char *pattern_text = g_utf8_make_valid(name_pattern, -1);
     g_autoptr(GPatternSpec) pattern = g_pattern_spec_new(pattern_text);
-    GSList *files = nullptr;
+    g_autoptr(GPtrArray) paths = g_ptr_array_new();
     while (const char *name = g_dir_read_name(dir)) {
         if (name_matches(pattern, name)) {
-            files = g_slist_prepend(files, g_strjoin("/", dir_name, name, nullptr));
+            g_ptr_array_add(paths, g_strjoin("/", dir_name, name, nullptr));
         }
     }
-    /* Appending each entry would take quadratic time in a large directory. */
-    return g_slist_reverse(files);
+    return file_utils_make_list(paths);
+}
+
+GSList *file_utils_make_list(GPtrArray *items)
+{
+    GSList *list = nullptr;
+    for (guint i = items->len; i > 0; i--) {
+        list = g_slist_prepend(list, items->pdata[i - 1]);
+    }
+    return list;
 }
 
 void file_utils_free_list(GSList **list)

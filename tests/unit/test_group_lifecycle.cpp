@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "log_test.h"
+#include "memory_trim.h"
 #include "store_folder.h"
 
 namespace
@@ -22,12 +23,15 @@ constexpr const char *UNKNOWN = "sonobrik_group_conf_get_max_group_index can not
 constexpr const char *NO_INDEX =
     "sonobrik_group_create_group invalid index or no more indexes available";
 
+int trims;
+
 class GroupLifecycle : public LogTest
 {
   protected:
     GroupLifecycle()
     {
         alarm(20); /* kills the test if it blocks on a file */
+        trims = 0;
     }
 
     ~GroupLifecycle() override
@@ -78,6 +82,12 @@ Names listed()
 }
 
 } // namespace
+
+/* Replaces the real one. */
+void memory_trim_later()
+{
+    trims++;
+}
 
 /* Creating. */
 
@@ -481,4 +491,27 @@ TEST_F(GroupLifecycle, ReleasedRecordsReleaseTheirMetadata)
     EXPECT_EQ(groups, nullptr);
     EXPECT_EQ(metadata->refcount, 1U);
     json_decref(metadata);
+}
+
+/* Memory. */
+
+TEST_F(GroupLifecycle, MemoryOfALargeListIsReturned)
+{
+    for (int i = 0; i < 500; i++) {
+        StoreFolder::write("M" + std::to_string(i) + ".json", DOOR);
+    }
+    GSList *list = sonobrik_group_get_parameter_list();
+    EXPECT_EQ(trims, 0);
+    sonobrik_group_release_parameter_list(&list);
+    EXPECT_EQ(trims, 1);
+}
+
+TEST_F(GroupLifecycle, MemoryOfASmallListIsKept)
+{
+    for (int i = 0; i < 499; i++) {
+        StoreFolder::write("M" + std::to_string(i) + ".json", DOOR);
+    }
+    GSList *list = sonobrik_group_get_parameter_list();
+    sonobrik_group_release_parameter_list(&list);
+    EXPECT_EQ(trims, 0);
 }

@@ -1,0 +1,38 @@
+#include "memory_trim.h"
+
+#include <cstdlib>
+
+/* The C library's headers say which one it is. */
+#ifdef __GLIBC__
+
+#include <glib.h>
+#include <malloc.h>
+
+namespace
+{
+
+constexpr guint DELAY_S = 10; /* long enough for the reply to leave, and for more such requests */
+
+guint timer_id;
+
+gboolean trim(gpointer)
+{
+    timer_id = 0;
+    malloc_trim(0);
+    return G_SOURCE_REMOVE;
+}
+
+} // namespace
+
+void memory_trim_later()
+{
+    if (timer_id == 0) {
+        timer_id = g_timeout_add_seconds(DELAY_S, trim, nullptr);
+    }
+}
+
+#else
+
+void memory_trim_later() {}
+
+#endif
