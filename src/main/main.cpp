@@ -8,6 +8,7 @@
 
 #include "audio_clip.h"
 #include "audioclip_dbus.h"
+#include "clip_warm_up.h"
 #include "log_level.h"
 #include "platform/log_redirect.h"
 #include "sonobrik_events.h"
@@ -111,12 +112,14 @@ bool start(int *argc, char ***argv)
     }
 
     watchdog_setup();
+    clip_warm_up_start();
     return true;
 }
 
 /* Tears down what start() has set up, even if it failed half-way. */
 void stop()
 {
+    clip_warm_up_stop();
     AudioClip *clip = g_steal_pointer(&audio_clip);
     if (clip) {
         audio_clip_unref(clip);

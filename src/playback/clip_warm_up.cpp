@@ -1,0 +1,145 @@
+#include "clip_warm_up.h"
+
+#include <cstring>
+#include <gst/audio/audio.h>
+#include <gst/gst.h>
+#include <gst/pbutils/pbutils.h>
+#include <iterator>
+
+#include "memory_trim.h"
+
+namespace
+{
+
+/* The player uses the device's own sink if there is one. */
+constexpr const char *VENDOR_SINK = "veskaudiosink";
+constexpr const char *ALSA_SINK = "alsasink";
+
+void load_element(const char *name)
+{
+    if (strcmp(name, ALSA_SINK) == 0) {
+        g_autoptr(GstElementFactory) vendor = gst_element_factory_find(VENDOR_SINK);
+        if (vendor) {
+            return;
+        }
+    }
+    g_autoptr(GstElementFactory) factory = gst_element_factory_find(name);
+    if (!factory) {
+        return;
+    }
+    g_autoptr(GstPluginFeature) loaded = gst_plugin_feature_load(GST_PLUGIN_FEATURE(factory));
+    const GType type =
+        loaded ? gst_element_factory_get_element_type(GST_ELEMENT_FACTORY(loaded)) : G_TYPE_INVALID;
+    if (type != G_TYPE_INVALID) {
+        g_type_class_ref(type); /* never released: GLib would unload the class */
+    }
+}
+
+/* The functions that recognise formats; their plugin has no element. */
+void load_type_finders(const char *plugin_name)
+{
+    g_autoptr(GstPlugin) plugin = gst_plugin_load_by_name(plugin_name);
+}
+
+void load_discoverer(const char *)
+{
+    g_type_class_ref(GST_TYPE_DISCOVERER);
+}
+
+/* GStreamer parses the caps of all decoders when a decoder is first searched, and keeps them. */
+void parse_caps(const char *media_type)
+{
+    GList *factories = gst_element_factory_list_get_elements(GST_ELEMENT_FACTORY_TYPE_DECODABLE,
+                                                             GST_RANK_MARGINAL);
+    g_autoptr(GstCaps) caps = gst_caps_new_empty_simple(media_type);
+    GList *decoders = gst_element_factory_list_filter(factories, caps, GST_PAD_SINK, FALSE);
+    gst_plugin_feature_list_free(decoders);
+    gst_plugin_feature_list_free(factories);
+}
+
+/* The first resampler of the process sets up the library that makes the loops of all of them. */
+void set_up_resampling(const char *)
+{
+    gst_audio_resampler_free(
+        gst_audio_resampler_new(GST_AUDIO_RESAMPLER_METHOD_NEAREST, GST_AUDIO_RESAMPLER_FLAG_NONE,
+                                GST_AUDIO_FORMAT_S16, 1, 44100, 48000, nullptr));
+}
+
+struct Step {
+    void (*load)(const char *name);
+    const char *name;
+};
+
+/*
+ * What the discoverer and the player put together for a WAV file, then what the other formats add.
+ * Each step takes about 1 ms at most.
+ */
+constexpr Step steps[] = {
+    {load_element, "uridecodebin"},
+    {load_discoverer, nullptr},
+    {load_element, "filesrc"},
+    {load_type_finders, "typefindfunctions"},
+    {load_element, "typefind"},
+    {load_element, "decodebin"},
+    {parse_caps, "audio/x-wav"},
+    {load_element, "wavparse"},
+    {load_element, "fakesink"},
+    {load_element, "playbin"},
+    {load_element, "playsink"},
+    {load_element, "input-selector"},
+    {load_element, "streamsynchronizer"},
+    {load_element, "tee"},
+    {load_element, "queue"},
+    {load_element, "identity"},
+    {load_element, "audioconvert"},
+    {load_element, "audioresample"},
+    {load_element, "volume"},
+    {set_up_resampling, nullptr},
+    {load_element, ALSA_SINK},
+    {load_element, "multiqueue"},
+    {load_element, "mpegaudioparse"},
+    {load_element, "mpg123audiodec"},
+    {load_element, "id3demux"},
+    {load_element, "oggdemux"},
+    {load_element, "opusdec"},
+    {load_element, "vorbisdec"},
+    {load_element, "auparse"},
+    {load_element, "mulawdec"},
+};
+
+GSource *source; /* null while nothing is left to load */
+size_t next_step;
+
+gboolean do_step(gpointer)
+{
+    steps[next_step].load(steps[next_step].name);
+    next_step++;
+    if (next_step < std::size(steps)) {
+        return G_SOURCE_CONTINUE;
+    }
+    clip_warm_up_stop();
+    memory_trim_later();
+    return G_SOURCE_REMOVE;
+}
+
+} // namespace
+
+void clip_warm_up_start()
+{
+    if (source || !gst_is_initialized()) {
+        return;
+    }
+    next_step = 0;
+    source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_LOW);
+    g_source_set_callback(source, do_step, nullptr, nullptr);
+    g_source_attach(source, nullptr);
+}
+
+void clip_warm_up_stop()
+{
+    if (source) {
+        g_source_destroy(source);
+        g_source_unref(g_steal_pointer(&source));
+    }
+}
