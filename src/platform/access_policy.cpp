@@ -13,7 +13,8 @@
 namespace
 {
 
-constexpr size_t CALLERS_MAX = 64;
+/* Half of the connections that dbus-daemon permits one user. More callers push each other out. */
+constexpr size_t CALLERS_MAX = 128;
 
 /* The owner of a unique bus name. A bus never gives the same unique name to two clients. */
 struct Caller {
@@ -33,6 +34,7 @@ bool connect_bus(GError **error)
 {
     if (!platform_bus_is_open(state.bus)) {
         state.callers = {}; /* a restarted bus gives the same names to other clients */
+        state.next = 0;
     }
     return platform_bus_hold_lookup(&state.bus, error);
 }
@@ -121,6 +123,9 @@ const Caller *identify(const char *sender, GError **error)
         return nullptr;
     }
     for (const Caller &caller : state.callers) {
+        if (caller.name.empty()) {
+            break; /* the entries are filled in order */
+        }
         if (caller.name == sender) {
             return &caller;
         }

@@ -181,6 +181,19 @@ TEST_F(AccessPolicy, AsksTheBusOnceAboutACaller)
     bus.thaw();
 }
 
+TEST_F(AccessPolicy, AsksAboutACallerThatHasReconnected)
+{
+    init(policy_for_me());
+    GDBusConnection *before = bus.connect();
+    EXPECT_EQ(check(before), "admitted");
+    g_object_unref(before);
+    g_autoptr(GDBusConnection) after = bus.connect();
+    bus.freeze();
+    EXPECT_NE(check(after), "admitted");
+    bus.thaw();
+    EXPECT_EQ(check(after), "admitted");
+}
+
 TEST_F(AccessPolicy, RefusesWhileTheBusDoesNotAnswerAndAsksAgainLater)
 {
     init(policy_for_me());
@@ -198,7 +211,7 @@ TEST_F(AccessPolicy, RemembersABoundedNumberOfCallers)
 {
     init(policy_for_me());
     std::vector<GDBusConnection *> peers;
-    for (int i = 0; i < 65; i++) {
+    for (int i = 0; i < 129; i++) {
         peers.push_back(bus.connect());
         ASSERT_EQ(check(peers.back()), "admitted");
     }
