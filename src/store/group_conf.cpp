@@ -28,6 +28,13 @@ char *build_path(gint32 index)
     return g_strdup_printf("%s/M%d.json", group_directory, index);
 }
 
+/* Returns true if the number `text` is written as "%d" writes it: without "+" or leading zeros. */
+bool is_canonical(const char *text)
+{
+    const char *digits = *text == '-' ? text + 1 : text;
+    return (*digits >= '1' && *digits <= '9') || strcmp(text, "0") == 0;
+}
+
 /* Reads the parameter and caches the highest valid index. Returns false if it cannot be read. */
 bool read_max_group_index()
 {
@@ -73,13 +80,9 @@ gint32 sonobrik_group_conf_get_param_index(const char *path)
     gint32 index = -1;
     const std::string prefix = std::string(group_directory) + "/M";
     g_autofree char *text = util_str_extract(path, prefix.c_str(), ".json");
-    if (util_str_to_int(text, &index)) {
-        /* A record with the index of "M007.json" would be saved to "M7.json", another clip's file.
-         */
-        g_autofree char *own_path = build_path(index);
-        if (strcmp(own_path, path) == 0) {
-            return index;
-        }
+    /* A record with the index of "M007.json" would be saved to "M7.json", another clip's file. */
+    if (util_str_to_int(text, &index) && is_canonical(text)) {
+        return index;
     }
     g_warning("%sCould not obtain parameter index from '%s'", "", text);
     return -1;
