@@ -244,19 +244,13 @@ def play_clip(suite, step):
 
 
 def find_release():
-    """Returns the last commit whose version, in debian/changelog, is not the current one."""
-    def read_version(commit):
-        text = subprocess.run(["git", "-C", ROOT, "show", f"{commit}:debian/changelog"],
-                              check=True, capture_output=True, text=True).stdout
-        return text[:text.index(")")]
-    log = subprocess.run(["git", "-C", ROOT, "log", "--format=%H", "HEAD", "--", "debian/changelog"],
+    """Returns the last commit before the newest section was added to NEWS.md."""
+    newest = re.search(r"^## \S+", (ROOT / "NEWS.md").read_text(), re.MULTILINE).group()
+    log = subprocess.run(["git", "-C", ROOT, "log", "--format=%H", "-S", newest, "--", "NEWS.md"],
                          check=True, capture_output=True, text=True).stdout.split()
-    newer = "HEAD"
-    for commit in log:
-        if read_version(commit) != read_version("HEAD"):
-            return f"{newer}^"
-        newer = commit
-    raise StepError("debian/changelog has no earlier version in the history")
+    if not log:
+        raise StepError(f"NEWS.md has no section '{newest}' in the history")
+    return f"{log[-1]}^"
 
 
 def build_release(suite, step):

@@ -262,9 +262,11 @@ def test_an_upgrade_keeps_clips_and_records():
     wait_until(is_active, 60, "the last release runs")
     old, version = get_pid(), get_version("sonobrik")
     run("sonobrikctl", "add", "--name", "Kept", CLIP)
+    assert "sonobrik-play" not in ACCESS.read_text()
     # As apt does it: sonobrik-web cannot be installed beside the old version.
     run("dpkg", "--auto-deconfigure", "-i", *PACKAGES.glob("sonobrik*.deb"))
     assert get_version("sonobrik") != version
+    assert "sonobrik-play" in ACCESS.read_text()  # nobody changed the file
     wait_restarted(old)
     assert run("sonobrikctl", "list", "--names") == "Kept\n"
     assert play()
