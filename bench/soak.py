@@ -18,6 +18,7 @@ import os
 import pathlib
 import sys
 import tempfile
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests/support"))
@@ -26,6 +27,7 @@ from sandbox import Player, Sandbox, clips, wait_until  # noqa: E402 (found by t
 
 GROWTH_KIB = 0.5
 NATURAL_ENDS = 10  # one play in so many
+SETTLING = 60  # seconds
 
 KINDS = ("resident KiB", "descriptors", "threads")
 
@@ -36,6 +38,16 @@ def measure(pid):
     status = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
     return (int(status["VmRSS"].split()[0]), len(os.listdir(process / "fd")),
             int(status["Threads"]))
+
+
+def settle(pid, first):
+    """Waits up to SETTLING seconds for as few descriptors and threads as in the measurements
+    `first`, because a thread pool keeps idle threads for a while. Returns measure()."""
+    end = time.monotonic() + SETTLING
+    wait_until(lambda: time.monotonic() > end
+               or all(value <= limit for value, limit in
+                      zip(measure(pid)[1:], first[1:], strict=True)), 2 * SETTLING)
+    return measure(pid)
 
 
 def count_files(player):
@@ -80,7 +92,7 @@ def repeat(sandbox, action, clip, times):
                 action(sandbox, player, clip, number)
             bus.close()
             empty(sandbox.card(0))
-        rows.append(measure(pid))
+        rows.append(settle(pid, rows[0]))
     for name, row in zip(("start", "a tenth", "end"), rows, strict=True):
         print(f"{action.__name__:6} {name:8}" + "".join(
             f"{value:8} {kind}" for value, kind in zip(row, KINDS, strict=True)), flush=True)

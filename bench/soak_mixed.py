@@ -25,7 +25,7 @@ import tempfile
 import time
 
 # Makes the package "sandbox" available, too.
-from soak import KINDS, ROOT, count_files, empty, measure
+from soak import KINDS, ROOT, count_files, empty, measure, settle
 
 from sandbox import BusError, Player, Sandbox, Store, clips, has_several_users, wait_until
 from sandbox.answers import Answers, leave, post
@@ -39,7 +39,6 @@ from sandbox.strangers import start_flood
 
 ROUND = 20  # seconds
 PATIENCE = 180  # seconds until a call must be answered, with the sanitizers on a busy machine
-SETTLING = 60  # seconds in which idle threads end and descriptors are closed
 
 GROWTH_KIB = 4096  # from a tenth of the time to the end
 
@@ -312,11 +311,7 @@ class Soak:
         assert player.call("PlayClip", self.good.location, timeout=PATIENCE) == "OK"
         assert self.sandbox.card(0).takes[-1].find(self.good.samples) >= 0
         player.bus.close()
-        settled = time.monotonic() + SETTLING
-        wait_until(lambda: time.monotonic() > settled or first is None
-                   or all(value <= limit for value, limit in
-                          zip(measure(daemon.pid)[1:], first[1:], strict=True)), 2 * SETTLING)
-        return measure(daemon.pid)
+        return settle(daemon.pid, first) if first else measure(daemon.pid)
 
 
 ACTORS = ("play", "play", "stop_at_the_end", "change_the_store", "damage_files", "call_at_random",
