@@ -38,7 +38,8 @@ void load_element(const char *name)
 /* The functions that recognise formats; their plugin has no element. */
 void load_type_finders(const char *plugin_name)
 {
-    g_autoptr(GstPlugin) plugin = gst_plugin_load_by_name(plugin_name);
+    GstPlugin *plugin = gst_plugin_load_by_name(plugin_name);
+    gst_clear_object(&plugin); /* the plugin stays loaded */
 }
 
 void load_discoverer(const char *)
