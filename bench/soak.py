@@ -94,7 +94,7 @@ def repeat(sandbox, action, clip, times):
                 action(sandbox, player, clip, number)
             bus.close()
             empty(sandbox.card(0))
-        rows.append(settle(pid, rows[0]))
+        rows.append(settle(pid, rows[-1]))
     for name, row in zip(("start", "a tenth", "end"), rows, strict=True):
         print(f"{action.__name__:6} {name:8}" + "".join(
             f"{value:8} {kind}" for value, kind in zip(row, KINDS, strict=True)), flush=True)
