@@ -6,6 +6,7 @@ namespace
 {
 
 constexpr const char *INTERFACE = "com.vesk.Events1.Event";
+constexpr const char *TIME_INTERFACE = "com.vesk.Events1.Time";
 
 const EventObject &object_of(void *user_data)
 {
@@ -96,6 +97,12 @@ int get_state_key(sd_bus *, const char *, const char *, const char *, sd_bus_mes
     return sd_bus_message_append(reply, "s", object_of(user_data).description->state_key.c_str());
 }
 
+int get_last_sent(sd_bus *, const char *, const char *, const char *, sd_bus_message *reply,
+                  void *user_data, sd_bus_error *)
+{
+    return sd_bus_message_append(reply, "t", object_of(user_data).last_sent);
+}
+
 /*
  * Every client may read the properties. A change of `Keys` emits no PropertiesChanged, because the
  * signal `Sent` already carries the new values.
@@ -111,17 +118,28 @@ const sd_bus_vtable vtable[] = {
     SD_BUS_VTABLE_END,
 };
 
+/* An interface of its own, because `Keys` of an event has only the keys that were declared. */
+const sd_bus_vtable time_vtable[] = {
+    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_PROPERTY("LastSent", "t", get_last_sent, 0, 0),
+    SD_BUS_VTABLE_END,
+};
+
 } // namespace
 
 int event_object_publish(EventObject *object, sd_bus *bus)
 {
-    return sd_bus_add_object_vtable(bus, &object->slot, object->path.c_str(), INTERFACE, vtable,
-                                    object);
+    const int r = sd_bus_add_object_vtable(bus, &object->slot, object->path.c_str(), INTERFACE,
+                                           vtable, object);
+    return r < 0 ? r
+                 : sd_bus_add_object_vtable(bus, &object->time_slot, object->path.c_str(),
+                                            TIME_INTERFACE, time_vtable, object);
 }
 
 void event_object_withdraw(EventObject *object)
 {
     object->slot = sd_bus_slot_unref(object->slot);
+    object->time_slot = sd_bus_slot_unref(object->time_slot);
 }
 
 int event_object_send(const EventObject &object, const std::vector<EventValue> &values, sd_bus *bus)

@@ -2,6 +2,7 @@
 
 /* The object on the bus that represents a declared event. Main thread only. */
 
+#include <glib.h>
 #include <memory>
 #include <string>
 #include <systemd/sd-bus.h>
@@ -14,7 +15,9 @@ struct EventObject {
     std::string path;
     std::shared_ptr<const EventTemplate> description;
     std::vector<EventValue> values; /* sent last, or the initial values before the first send */
+    guint64 last_sent;              /* monotonic clock in us; 0 before the first send */
     sd_bus_slot *slot;              /* owned; null while the object is not on a bus */
+    sd_bus_slot *time_slot;         /* the same for the interface with the time */
 };
 
 /*

@@ -181,6 +181,7 @@ bool send(EventProducer *producer, const Event *event, GError **error)
         return false;
     }
     object->values = event->values;
+    object->last_sent = static_cast<guint64>(g_get_monotonic_time());
     return true;
 }
 

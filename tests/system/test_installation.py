@@ -146,7 +146,8 @@ DAEMON = {"usr/libexec/sonobrik", "usr/share/dbus-1/system.d/com.vesk.Sonobrik.c
 # The files of the stock platform, except for its manual pages.
 STOCK = {"etc/alsa/conf.d/sonobrik.conf", "etc/vesk/access.conf", "etc/vesk/parameters.conf",
          "usr/share/dbus-1/interfaces/com.vesk.ConfigurationChanges1.xml",
-         "usr/share/dbus-1/interfaces/com.vesk.Events1.Event.xml"}
+         "usr/share/dbus-1/interfaces/com.vesk.Events1.Event.xml",
+         "usr/share/dbus-1/interfaces/com.vesk.Events1.Time.xml"}
 STOCK_PAGES = {f"usr/share/man/man5/vesk-{name}.conf.5" for name in ("access", "parameters")}
 EXAMPLES = {f"usr/share/doc/sonobrik/examples/{server}/sonobrik.conf"
             for server in ("lighttpd", "nginx")}

@@ -14,7 +14,9 @@ FOLDER = pathlib.Path(__file__).resolve().parents[2] / "data/dbus/interfaces"
 NOTICE_PATH = "/com/vesk/ConfigurationChanges1/SonoBrik"
 
 # Where each interface is served: bus name, object, interface.
-SERVED = [PLAYBACK, LEGACY, (EVENTS_NAME, f"{EVENTS_PATH}/1", EVENT_INTERFACE)]
+SERVED = [PLAYBACK, LEGACY,
+          *((EVENTS_NAME, f"{EVENTS_PATH}/1", name)
+            for name in (EVENT_INTERFACE, "com.vesk.Events1.Time"))]
 
 # The prefix of the standard interfaces, which sd-bus adds to every object.
 LIBRARY = "org.freedesktop.DBus."
@@ -52,9 +54,11 @@ def test_a_file_matches_the_daemons_introspection(shared, name, path, interface)
     written, written_path = read_file(interface)
     assert written_path in (path, None)  # an event has many objects
     served = xml.etree.ElementTree.fromstring(shared.bus.introspect(name, path))
-    running, = [element for element in served.findall("interface")
-                if not element.get("name").startswith(LIBRARY)]
-    assert running.get("name") == interface
+    own = [element for element in served.findall("interface")
+           if not element.get("name").startswith(LIBRARY)]
+    assert {element.get("name") for element in own} == {
+        served_interface for served_name, _, served_interface in SERVED if served_name == name}
+    running, = [element for element in own if element.get("name") == interface]
     assert describe(written) == describe(running)
 
 

@@ -84,6 +84,22 @@ TEST_F(EventObjectOnBus, ShowsNoStateKeyForAPlainEvent)
     EXPECT_EQ(get("StateKey"), "''");
 }
 
+TEST_F(EventObjectOnBus, ShowsWhenItWasSentLast)
+{
+    const auto get_time = [this] {
+        return properties_call("Get", g_variant_new("(ss)", "com.vesk.Events1.Time", "LastSent"));
+    };
+    const unsigned int id = declare_playing();
+    EXPECT_EQ(get_time(), "(<uint64 0>,)");
+    const gint64 before = g_get_monotonic_time();
+    send_playing(id, true);
+    const std::string text = get_time();
+    gint64 sent = 0;
+    ASSERT_EQ(sscanf(text.c_str(), "(<uint64 %" G_GINT64_FORMAT, &sent), 1) << text;
+    EXPECT_GE(sent, before);
+    EXPECT_LE(sent, g_get_monotonic_time());
+}
+
 TEST_F(EventObjectOnBus, ShowsAnEventWithoutKeys)
 {
     EventTemplate *made = event_template_new();
