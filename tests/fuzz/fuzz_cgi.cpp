@@ -69,7 +69,7 @@ static size_t count_markup(const std::string &page)
 static void check_page(const CgiRequest &request, const std::string &text)
 {
     CgiState state;
-    state.now = {.is_known = true, .outputs = {{.number = 1, .playing = true, .file = "x"}}};
+    state.now = {.is_known = true, .outputs = {{.number = 1, .playing = true, .file = "x", .title = ""}}, .revision = ""};
     state.clips = {{.number = 7, .name = "x", .location = "x", .duration_ms = 1}};
     const size_t expected = count_markup(cgi_page_make(request, state, {}));
     state.clips[0].name = text + "x";
@@ -89,7 +89,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int body = set_request(text);
     CgiRequest request;
     const CgiOutcome outcome = cgi_request_read(&request, body);
-    close(body);
     if (outcome.result == CGI_OK) {
         g_assert(request.action != CGI_PLAY || request.clip >= 0);
         g_assert(request.volume == CLIENT_NOT_GIVEN ||
@@ -98,7 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         g_assert(request.output == CLIENT_NOT_GIVEN ||
                  (request.output >= 0 && request.output <= CLIENT_MAX_OUTPUT));
     }
-    check_answer(cgi_answer_format(cgi_answer_make(request, outcome), !request.is_head));
+    check_answer(cgi_answer_format(cgi_answer_make(request, outcome, body), !request.is_head));
+    close(body);
     check_page(request, text.c_str());
     return 0;
 }

@@ -1,5 +1,6 @@
 """sonobrik.cgi behind a web server, called by curl as the on-screen controls call it."""
 
+import json
 import shutil
 import urllib.parse
 
@@ -128,7 +129,7 @@ def test_a_missing_file_is_not_found_whatever_its_name(web, clip_store, door, qu
     number = clip_store.add_clip(f"/etc/audioclips/{name}", "Gone")
     first = len(quiet.events)
     answer = web.get(f"action=play&clip={number}")
-    page = web.get()
+    page = web.get("plain=1")
     clip_store.call("RemoveConfiguration", "(i)", number)
     assert (answer.status, answer.text) == (404, "The clip's file is missing.\n")
     quiet.fence()
@@ -182,8 +183,57 @@ def test_status_reports_what_is_playing(web, door, quiet):
         lambda: (a := web.get("action=status")) and "door.wav is playing" in a.text and a, 20,
         "the clip is reported")
     assert answer.headers["content-type"] == "application/json"
-    assert answer.text == ('{"known":true,"text":"door.wav is playing on output 0.","outputs":'
-                           '[{"output":0,"playing":true,"file":"/etc/audioclips/door.wav"}]}\n')
+    status = json.loads(answer.text)
+    output, = status["outputs"]
+    assert 0 <= output.pop("elapsed") < 20000
+    assert output == {"output": 0, "playing": True, "file": "/etc/audioclips/door.wav"}
+    assert status["known"] is True
+    assert status["text"] == "door.wav is playing on output 0."
+
+
+def test_the_revision_tells_that_the_clips_have_changed(shared, web, clip_store, door, quiet):
+    def read():
+        return json.loads(web.get("action=status").text)["revision"]
+
+    web.get("action=list")  # stores the length
+    seen = [read()]
+    assert read() == seen[0]
+    clip_store.rename(door, "Gate")
+    seen.append(read())
+    number = clip_store.add_clip("/etc/audioclips/door.wav", "Second")
+    seen.append(read())
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    seen.append(read())
+    shared.write_file("new.txt", b"").encode()
+    seen.append(read())
+    (shared.etc / "audioclips/new.txt").unlink()
+    assert len(set(seen)) == len(seen)
+
+
+def test_a_clip_is_played_instead_of_another(shared, web, door, quiet):
+    first = len(quiet.events)
+    assert web.get(f"action=play&clip={door}&repeat=-1").status == 200
+    assert web.get(f"action=play&clip={door}").status == 409
+    answer = web.get(f"action=play&clip={door}&instead=1&repeat=-1")
+    assert (answer.status, answer.text) == (200, "The clip is playing.\n")
+    quiet.fence()
+    states = [event[-1] for event in quiet.events[first:] if event[0] == "Playing"]
+    assert states == [True, False, True]
+    assert web.get(f"action=play&clip={door + 7}&instead=1").status == 404
+    assert json.loads(web.get("action=status").text)["outputs"][0]["playing"]
+
+
+def test_the_list_names_each_clip(shared, web, clip_store, door, quiet):
+    number = clip_store.add_clip("/etc/audioclips/gone.wav", "a\x1bb")
+    answer = web.get("action=list")
+    clip_store.call("RemoveConfiguration", "(i)", number)
+    assert answer.headers["content-type"] == "application/json"
+    listed = json.loads(answer.text)
+    assert listed["changes"] is None
+    assert listed["clips"] == [
+        {"number": door, "name": "Door", "file": "door.wav", "length": 200},
+        {"number": number, "name": "a\\x1bb", "file": "gone.wav", "missing": True}]
+    assert listed["status"]["known"] is True
 
 
 @pytest.mark.parametrize("method", ["PUT", "DELETE", "OPTIONS"])
@@ -261,6 +311,10 @@ OTHER = "http://evil.example"
     ([f"Referer: {OWN}/vesk-cgi/sonobrik.cgi"], 200),
     ([f"Referer: {OTHER}/{OWN}"], 403),
     ([f"Referer: {OTHER}@{{port}}/"], 403),
+    (["User-Agent: Mozilla/5.0 (X11; Linux x86_64)"], 403),
+    (["Accept-Language: de"], 403),
+    (["User-Agent: Mozilla/5.0 (X11; Linux x86_64)", f"Origin: {OWN}"], 200),
+    (["User-Agent: Mozilla/5.0 (X11; Linux x86_64)", f"Referer: {OWN}/"], 200),
     (["Purpose: prefetch"], 403),
     (["Sec-Purpose: prefetch;prerender"], 403),
 ])
@@ -299,19 +353,28 @@ def test_only_the_program_is_served(web, path):
 
 
 def test_a_page_without_clips_says_how_to_add_one(web):
-    page = web.get()
+    page = web.get("plain=1")
     assert page.status == 200
     assert "There are no clips yet." in page.text
     assert "sonobrikctl add" in page.text
 
 
-def test_the_page_escapes_special_names(shared, web, clip_store):
-    names = ["<script>alert(1)</script>", "\"'&amp;", "{{now}}", "a\x1b[31m\x07b", "\u202egnp"]
-    for name in names:
+NAMES = ["<script>alert(1)</script>", "\"'&amp;", "{{now}}", "a\x1b[31m\x07b", "\u202egnp",
+         "</script><b>", "<!--", "\\", '\\"', "\u2028"]
+
+
+@pytest.fixture
+def odd(clip_store):
+    """Clips with special names and a special file."""
+    for name in NAMES:
         clip_store.add_clip("/etc/audioclips/</li>.wav", name)
-    page = web.get().text
-    for number in range(len(names)):
+    yield
+    for number in range(len(NAMES)):
         clip_store.call("RemoveConfiguration", "(i)", number)
+
+
+def test_the_plain_page_escapes_special_names(web, odd):
+    page = web.get("plain=1").text
     assert page.count("<script>") == 1
     assert "&lt;script&gt;alert(1)&lt;/script&gt;" in page
     assert "&quot;&#39;&amp;amp;" in page
@@ -319,3 +382,36 @@ def test_the_page_escapes_special_names(shared, web, clip_store):
     assert "a\\x1b[31m\\x07b" in page
     assert "\\u202egnp" in page
     assert "&lt;/li&gt;.wav" in page
+
+
+def test_the_data_of_the_page_cannot_end_its_element(web, odd):
+    page = web.get().text
+    begin = page.index('<script type="application/json" id="data">')
+    begin = page.index(">", begin) + 1
+    data = page[begin:page.index("</script>", begin)]
+    assert not set(data) & set("<>&")
+    shown = [clip["name"] for clip in json.loads(data)["clips"]]
+    assert shown == [name.replace("\x1b", "\\x1b").replace("\x07", "\\x07").replace("\u202e", "\\u202e")
+                     .replace("\u2028", "\\u2028") for name in NAMES]
+
+
+def test_the_page_of_1000_clips_arrives_whole(sandbox):
+    """Without a folder for temporary files, as on a device whose /var/tmp is read-only."""
+    sandbox.set_parameters({"root.SonoBrik.MaxGroups": "1000"})
+    store = Store(sandbox)
+    record = {"location": "/etc/audioclips/x.wav", "type": "audio",
+              "metadata": {"mediaTypes": [], "size": 1, "duration": 1000}}
+    for i in range(1000):
+        store.write(f"M{i}.json", json.dumps(record | {"name": f"Clip with the number {i}"}))
+    store.start()
+    server = Web(sandbox).start_lighttpd(temporary="/var/tmp")
+    assert sandbox.run(["test", "-w", "/var/tmp"], check=False).returncode == 1
+    page = server.get()
+    assert page.status == 200
+    assert page.text.rstrip().endswith("</html>")
+    assert len(page.text) < 150_000
+    assert page.text.count("Clip with the number") == 1000
+    plain = server.get("plain=1").text
+    assert plain.count('name="clip"') == 1000 and plain.rstrip().endswith("</html>")
+    assert len(json.loads(server.get("action=list").text)["clips"]) == 1000
+    server.check()

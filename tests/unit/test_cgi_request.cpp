@@ -9,9 +9,22 @@ namespace
 {
 
 constexpr const char *VARIABLES[] = {
-    "CONTENT_LENGTH",      "CONTENT_TYPE",     "HTTP_HOST",      "HTTP_ORIGIN",
-    "HTTP_PURPOSE",        "HTTP_REFERER",     "HTTP_X_MOZ",     "QUERY_STRING",
-    "HTTP_SEC_FETCH_SITE", "HTTP_SEC_PURPOSE", "REQUEST_METHOD",
+    "CONTENT_LENGTH",
+    "CONTENT_TYPE",
+    "HTTP_HOST",
+    "HTTP_ORIGIN",
+    "HTTP_PURPOSE",
+    "HTTP_REFERER",
+    "HTTP_X_MOZ",
+    "QUERY_STRING",
+    "HTTP_SEC_FETCH_SITE",
+    "HTTP_SEC_PURPOSE",
+    "REQUEST_METHOD",
+    "HTTP_USER_AGENT",
+    "SONOBRIK_MANAGE",
+    "SONOBRIK_UPLOAD_MAX",
+    "HTTP_ACCEPT_LANGUAGE",
+    "HTTP_TRANSFER_ENCODING",
 };
 
 using Environment = std::map<std::string, std::string>;
@@ -107,8 +120,7 @@ TEST(CgiRequest, RejectsNumbersThatAreNotCanonicalOrInRange)
     }
     for (const char *option : {"volume=1001", "volume=-1", "repeat=-2", "repeat=2147483648",
                                "audiooutput=6", "audiooutput=-1"}) {
-        EXPECT_EQ(read_query(std::string("action=play&clip=1&") + option), CGI_INVALID)
-            << option;
+        EXPECT_EQ(read_query(std::string("action=play&clip=1&") + option), CGI_INVALID) << option;
     }
 }
 
@@ -206,6 +218,94 @@ TEST(CgiRequest, RejectsPrefetchedActions)
             read({{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", "action=stop"}, {name, "prefetch"}}),
             CGI_PREFETCH);
     }
+}
+
+/* A request that sends a clip's file of `length` bytes. */
+Environment make_upload(const std::string &length)
+{
+    return {{"REQUEST_METHOD", "POST"},
+            {"CONTENT_TYPE", "application/octet-stream"},
+            {"CONTENT_LENGTH", length},
+            {"QUERY_STRING", "action=add&file=a.wav"},
+            {"SONOBRIK_MANAGE", "1"}};
+}
+
+CgiResult read_with(Environment environment, const std::string &name, const std::string &value)
+{
+    environment[name] = value;
+    return read(environment, "data");
+}
+
+TEST(CgiRequest, ReadsAnUploadAndLeavesItsBodyAlone)
+{
+    CgiRequest request;
+    EXPECT_EQ(read(make_upload("4"), "data", &request), CGI_OK);
+    EXPECT_EQ(request.action, CGI_ADD);
+    EXPECT_EQ(request.body_length, 4);
+    EXPECT_EQ(request.file, "a.wav");
+}
+
+TEST(CgiRequest, RefusesChangesUnlessTheWebServerAllowsThem)
+{
+    for (const char *value : {"", "0", "yes", "true", "11"}) {
+        EXPECT_EQ(read_with(make_upload("4"), "SONOBRIK_MANAGE", value), CGI_READ_ONLY) << value;
+    }
+    for (const char *query : {"action=file&clip=0", "action=rename&clip=0&name=x",
+                              "action=remove&clip=0", "action=replace&clip=0"}) {
+        EXPECT_EQ(read_query(query), CGI_READ_ONLY) << query;
+    }
+}
+
+TEST(CgiRequest, LimitsTheSizeOfAFile)
+{
+    constexpr const char *ALLOWED = "33554432";
+    constexpr const char *LARGER = "33554433";
+    EXPECT_EQ(read(make_upload(ALLOWED)), CGI_OK);
+    EXPECT_EQ(read(make_upload(LARGER)), CGI_TOO_LARGE);
+    EXPECT_EQ(read_with(make_upload(LARGER), "SONOBRIK_UPLOAD_MAX", "33"), CGI_OK);
+    EXPECT_EQ(read_with(make_upload("1048577"), "SONOBRIK_UPLOAD_MAX", "1"), CGI_TOO_LARGE);
+    for (const char *invalid : {"0", "-1", "x", "99999999", "1.5"}) {
+        EXPECT_EQ(read_with(make_upload(LARGER), "SONOBRIK_UPLOAD_MAX", invalid), CGI_TOO_LARGE);
+        EXPECT_EQ(read_with(make_upload(ALLOWED), "SONOBRIK_UPLOAD_MAX", invalid), CGI_OK);
+    }
+}
+
+TEST(CgiRequest, RefusesAFileOfUnknownLength)
+{
+    EXPECT_EQ(read(make_upload("")), CGI_NO_LENGTH);
+    EXPECT_EQ(read(make_upload("0")), CGI_NO_LENGTH);
+    EXPECT_EQ(read_with(make_upload(""), "HTTP_TRANSFER_ENCODING", "chunked"), CGI_NO_LENGTH);
+    Environment form = make_post("10");
+    form["SONOBRIK_MANAGE"] = "1";
+    EXPECT_EQ(read(form, "action=add"), CGI_NO_LENGTH) << "a form has no file";
+}
+
+TEST(CgiRequest, RefusesAFileOfATypeThatOtherSitesCanSend)
+{
+    for (const char *type : {"", "text/plain", "multipart/form-data; boundary=x",
+                             "application/x-www-form-urlencoded", "audio/wav"}) {
+        EXPECT_EQ(read_with(make_upload("4"), "CONTENT_TYPE", type), CGI_MEDIA_TYPE) << type;
+    }
+}
+
+TEST(CgiRequest, ChangesClipsWithPostOnly)
+{
+    for (const char *query : {"action=rename&clip=0&name=x", "action=remove&clip=0"}) {
+        EXPECT_EQ(
+            read({{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", query}, {"SONOBRIK_MANAGE", "1"}}),
+            CGI_METHOD)
+            << query;
+    }
+}
+
+TEST(CgiRequest, RefusesABrowserThatHidesWhereTheRequestComesFrom)
+{
+    const Environment stop = {{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", "action=stop"}};
+    EXPECT_EQ(read_with(stop, "HTTP_USER_AGENT", "Mozilla/5.0"), CGI_NO_ORIGIN);
+    EXPECT_EQ(read_with(stop, "HTTP_ACCEPT_LANGUAGE", "de"), CGI_NO_ORIGIN);
+    EXPECT_EQ(read_with(stop, "HTTP_USER_AGENT", "curl/8"), CGI_OK);
+    const Environment page = {{"REQUEST_METHOD", "GET"}};
+    EXPECT_EQ(read_with(page, "HTTP_USER_AGENT", "Mozilla/5.0"), CGI_OK);
 }
 
 } // namespace

@@ -105,6 +105,13 @@ TEST_F(ClientBus, WaitsForAReplyWithoutLimit)
     EXPECT_EQ(last_timeout, UINT64_MAX);
 }
 
+TEST_F(ClientBus, StopsWaitingAtTheLimit)
+{
+    const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [](sd_bus_message *) { return 1; });
+    client_bus_set_limit(client, 1);
+    EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_TIMEOUT, "")));
+}
+
 TEST_F(ClientBus, PassesTheDaemonsErrorTextOn)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [](sd_bus_message *message) {

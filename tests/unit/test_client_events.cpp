@@ -35,7 +35,9 @@ class ClientEvents : public BusTest
             const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
             text += std::to_string(output->output) + "=" + std::to_string(output->device) + "." +
                     std::to_string(output->device_output) +
-                    (output->playing ? " plays " : " idle ") + output->file_name + "\n";
+                    (output->playing ? " plays " : " idle ") + output->file_name +
+                    (output->file_since ? " since " + std::to_string(output->file_since) : "") +
+                    "\n";
         }
         return text;
     }
@@ -59,6 +61,19 @@ TEST_F(ClientEvents, MergesEventsIntoSortedOutputs)
                       "AudioOutputId", "i", 0, "FileName", "s", "/x.wav");
               }),
               "0=0.0 plays /x.wav\n2=2.0 idle \n");
+}
+
+TEST_F(ClientEvents, ReadsSinceWhenAFileHasBeenPlaying)
+{
+    const auto answer = [](sd_bus_message *call) {
+        return sd_bus_reply_method_return(
+            call, "a{oa{sa{sv}}}", 2, "/a/1", 2, CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 2,
+            TOPIC, "s", "SonoBrik", "topic1", "s", "Playing", CLIENT_TIME_INTERFACE, 1, "LastSent",
+            "t", guint64{3}, "/a/2", 2, CLIENT_TIME_INTERFACE, 1, "LastSent", "t",
+            guint64{12345678901}, CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 3, TOPIC, "s",
+            "SonoBrik", "topic1", "s", "CurrentlyPlaying", "FileName", "s", "/x.wav");
+    };
+    EXPECT_EQ(list(answer), "0=0.0 idle /x.wav since 12345678901\n");
 }
 
 TEST_F(ClientEvents, SkipsOtherEventsAndInterfaces)

@@ -1,11 +1,15 @@
 #include "cgi_answer.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <glib.h>
-#include <jansson.h>
+#include <unistd.h>
+#include <utility>
 
-#include "autoptr.h"
+#include "cgi_change.h"
 #include "cgi_daemon.h"
+#include "cgi_data.h"
 #include "cgi_page.h"
 #include "client_text.h"
 
@@ -29,20 +33,25 @@ struct Reason {
     const char *phrase;
 };
 
-constexpr std::array<Reason, 13> REASONS = {{
+constexpr std::array<Reason, 18> REASONS = {{
     {200, "OK"},
+    {206, "Partial Content"},
     {303, "See Other"},
     {400, "Bad Request"},
     {403, "Forbidden"},
     {404, "Not Found"},
     {405, "Method Not Allowed"},
     {409, "Conflict"},
+    {411, "Length Required"},
     {413, "Content Too Large"},
     {415, "Unsupported Media Type"},
+    {416, "Range Not Satisfiable"},
     {422, "Unprocessable Content"},
     {500, "Internal Server Error"},
     {502, "Bad Gateway"},
     {503, "Service Unavailable"},
+    {504, "Gateway Timeout"},
+    {507, "Insufficient Storage"},
 }};
 
 const char *find_phrase(int status)
@@ -60,8 +69,9 @@ std::string list_headers(const CgiRequest &request, CgiResult result)
 {
     switch (result) {
     case CGI_METHOD:
-        return request.is_head ? "Allow: GET, POST\r\n" : "Allow: GET, HEAD, POST\r\n";
+        return std::string("Allow: ") + cgi_request_list_methods(request) + "\r\n";
     case CGI_AWAY:
+    case CGI_SLOW:
         return "Retry-After: 10\r\n";
     default:
         return "";
@@ -103,6 +113,7 @@ CgiAnswer redirect_to_page(const CgiRequest &request, const CgiOutcome &outcome)
     append_number(&address, "volume", request.volume);
     append_number(&address, "repeat", request.repeat);
     append_number(&address, "audiooutput", request.output);
+    address += request.is_plain ? "&plain=1" : "";
     return {
         .status = 303,
         .content_type = PLAIN,
@@ -123,47 +134,129 @@ CgiAnswer answer_page(const CgiRequest &request)
     };
 }
 
-CgiAnswer answer_status(const CgiRequest &request)
+CgiAnswer answer_json(const std::string &json)
 {
-    CgiNow now;
-    const CgiOutcome outcome = cgi_daemon_read_now(&now);
-    if (outcome.result != CGI_OK) {
-        return answer_text(request, outcome);
-    }
-    g_autoptr(json_t) outputs = json_array();
-    for (const CgiOutput &output : now.outputs) {
-        json_array_append_new(outputs,
-                              json_pack("{s:i, s:b, s:s}", "output", output.number, "playing",
-                                        output.playing, "file", output.file.c_str()));
-    }
-    const std::string text = cgi_now_describe(now);
-    g_autoptr(json_t) status = json_pack("{s:b, s:s, s:O}", "known", now.is_known, "text",
-                                         text.c_str(), "outputs", outputs);
-    g_auto(JsonText) body = json_dumps(status, JSON_COMPACT);
     return {
         .status = 200,
         .content_type = "application/json",
         .headers = NOTHING_ALLOWED,
-        .body = std::string(body ? body : "") + "\n",
+        .body = json + "\n",
     };
+}
+
+CgiAnswer answer_list(const CgiRequest &request)
+{
+    CgiState state;
+    const CgiOutcome outcome = cgi_daemon_read_state(&state);
+    return outcome.result == CGI_OK ? answer_json(cgi_data_make_list(request, state))
+                                    : answer_text(request, outcome);
+}
+
+CgiAnswer answer_status(const CgiRequest &request)
+{
+    CgiNow now;
+    const CgiOutcome outcome = cgi_daemon_read_now(&now);
+    return outcome.result == CGI_OK ? answer_json(cgi_data_make_status(now))
+                                    : answer_text(request, outcome);
+}
+
+CgiAnswer answer_file(const CgiRequest &request)
+{
+    CgiSound sound;
+    const CgiOutcome outcome = cgi_listen_open(request, &sound);
+    const std::string size = std::to_string(sound.size);
+    if (outcome.result != CGI_OK) {
+        CgiAnswer refusal = answer_text(request, outcome);
+        if (outcome.result == CGI_RANGE) {
+            refusal.headers += "Content-Range: bytes */" + size + "\r\n";
+        }
+        return refusal;
+    }
+    std::string headers =
+        NOTHING_ALLOWED +
+        ("Accept-Ranges: bytes\r\nContent-Length: " + std::to_string(sound.range.length) + "\r\n");
+    if (sound.is_part) {
+        headers += "Content-Range: bytes " + std::to_string(sound.range.first) + "-" +
+                   std::to_string(sound.range.first + sound.range.length - 1) + "/" + size + "\r\n";
+    }
+    CgiAnswer answer;
+    answer.status = sound.is_part ? 206 : 200;
+    answer.content_type = sound.type;
+    answer.headers = headers;
+    answer.file = std::move(sound.file);
+    answer.range = sound.range;
+    return answer;
+}
+
+/* Carries out an action that has a result. */
+CgiOutcome carry_out(const CgiRequest &request, int body_fd)
+{
+    switch (request.action) {
+    case CGI_PLAY:
+        return cgi_daemon_play(request);
+    case CGI_STOP:
+        return cgi_daemon_stop();
+    case CGI_ADD:
+        return cgi_change_add(request, body_fd);
+    case CGI_REPLACE:
+        return cgi_change_replace(request, body_fd);
+    case CGI_RENAME:
+        return cgi_change_rename(request);
+    case CGI_REMOVE:
+        return cgi_change_remove(request);
+    default:
+        return {};
+    }
+}
+
+bool write_all(int fd, const char *data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        const size_t done = written > 0 ? static_cast<size_t>(written) : 0;
+        data += done;
+        size -= done;
+    }
+    return true;
+}
+
+bool send_file(const CgiAnswer &answer, int fd)
+{
+    std::array<char, 65536> buffer;
+    gint64 done = 0;
+    while (done < answer.range.length) {
+        const gint64 rest = answer.range.length - done;
+        const size_t size = static_cast<size_t>(std::min(rest, gint64{sizeof buffer}));
+        const ssize_t length =
+            pread(answer.file.get(), buffer.data(), size, answer.range.first + done);
+        if (length <= 0 || !write_all(fd, buffer.data(), static_cast<size_t>(length))) {
+            return false;
+        }
+        done += length;
+    }
+    return true;
 }
 
 } // namespace
 
-CgiAnswer cgi_answer_make(const CgiRequest &request, const CgiOutcome &outcome)
+CgiAnswer cgi_answer_make(const CgiRequest &request, const CgiOutcome &outcome, int body_fd)
 {
     CgiOutcome result = outcome;
     if (outcome.result == CGI_OK) {
         switch (request.action) {
         case CGI_SHOW_PAGE:
             return answer_page(request);
+        case CGI_SHOW_LIST:
+            return answer_list(request);
         case CGI_SHOW_STATUS:
             return answer_status(request);
-        case CGI_PLAY:
-            result = cgi_daemon_play(request);
-            break;
-        case CGI_STOP:
-            result = cgi_daemon_stop();
+        case CGI_SHOW_FILE:
+            return answer_file(request);
+        default:
+            result = carry_out(request, body_fd);
             break;
         }
     }
@@ -176,4 +269,11 @@ std::string cgi_answer_format(const CgiAnswer &answer, bool with_body)
                        find_phrase(answer.status) + "\r\nContent-Type: " + answer.content_type +
                        "\r\n" + COMMON_HEADERS + answer.headers + "\r\n";
     return with_body ? text + answer.body : text;
+}
+
+bool cgi_answer_send(const CgiAnswer &answer, bool with_body, int fd)
+{
+    const std::string text = cgi_answer_format(answer, with_body);
+    return write_all(fd, text.data(), text.size()) &&
+           (!with_body || !answer.file.is_open() || send_file(answer, fd));
 }

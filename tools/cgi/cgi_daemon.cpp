@@ -1,16 +1,15 @@
 #include "cgi_daemon.h"
 
 #include <cerrno>
-#include <string_view>
+#include <initializer_list>
 #include <sys/stat.h>
 
 #include "autoptr.h"
-#include "client_bus.h"
+#include "cgi_bus.h"
 #include "client_clips.h"
 #include "client_error.h"
 #include "client_events.h"
 #include "client_play.h"
-#include "client_policy.h"
 #include "client_text.h"
 
 namespace
@@ -26,62 +25,6 @@ bool is_file_missing(const char *location)
     return stat(location, &status) != 0 && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
 }
 
-/* Returns the outcome for an error of the daemon's own with this text. */
-CgiOutcome explain_method_error(std::string_view text)
-{
-    if (text == CLIENT_TEXT_BUSY) {
-        return {CGI_BUSY, ""};
-    }
-    if (text.starts_with(CLIENT_TEXT_BAD_OPTIONS)) {
-        return {CGI_INVALID, "The daemon rejected the options. Check that the output exists."};
-    }
-    if (text.starts_with(CLIENT_TEXT_NO_FILE)) {
-        return {CGI_UNPLAYABLE, ""};
-    }
-    return {CGI_FAILED,
-            text.empty() ? "" : "Its error message: " + client_text_escape(std::string(text))};
-}
-
-/* Returns the outcome for a failed call of `method` of the daemon. */
-CgiOutcome explain_error(const GError *error, const char *method)
-{
-    switch (static_cast<ClientErrorCode>(error->code)) {
-    case CLIENT_ERROR_NO_BUS:
-    case CLIENT_ERROR_NO_DAEMON:
-        return {CGI_AWAY, ""};
-    case CLIENT_ERROR_DENIED: {
-        const std::string allowed = client_policy_describe(method);
-        return {CGI_DENIED,
-                allowed.empty() ? "" : "Only " + client_text_escape(allowed) + " may do this."};
-    }
-    case CLIENT_ERROR_METHOD:
-        return explain_method_error(error->message);
-    case CLIENT_ERROR_ARGUMENT:
-        return {CGI_FAILED, "The name of the clip's file cannot be sent over D-Bus."};
-    case CLIENT_ERROR_NO_CLIP:
-        return {CGI_NO_CLIP, ""};
-    case CLIENT_ERROR_REPLY:
-        break;
-    }
-    return {CGI_REPLY, ""};
-}
-
-/* Calls a method that takes a text and replies "OK". Returns `success` if it does. */
-CgiOutcome call(sd_bus *bus, const char *method, const char *text, CgiResult success)
-{
-    g_autoptr(GError) error = nullptr;
-    sd_bus_message *request = client_bus_new_call(bus, &CLIENT_SONOBRIK, method, &error, "s", text);
-    g_autoptr(sd_bus_message) answer = client_bus_call(bus, request, &error);
-    if (!answer) {
-        return explain_error(error, method);
-    }
-    const char *word = nullptr;
-    if (sd_bus_message_read(answer, "s", &word) < 0 || !g_str_equal(word, "OK")) {
-        return {CGI_REPLY, ""};
-    }
-    return {success, ""};
-}
-
 /*
  * Returns an error if the daemon would play other files than the one of this name. It does that if
  * the name contains wildcard characters and the file itself cannot be played.
@@ -91,7 +34,7 @@ CgiOutcome check_literal(sd_bus *bus, const char *location)
     if (!client_play_has_wildcards(location)) {
         return {};
     }
-    CgiOutcome outcome = call(bus, "SupportedFile", location, CGI_OK);
+    CgiOutcome outcome = cgi_bus_call(bus, "SupportedFile", location, CGI_OK);
     return outcome.result == CGI_FAILED ? CgiOutcome{CGI_UNPLAYABLE, ""} : outcome;
 }
 
@@ -101,6 +44,9 @@ CgiOutcome play(sd_bus *bus, const CgiRequest &request, const char *location)
         return {CGI_NO_FILE, ""};
     }
     CgiOutcome outcome = check_literal(bus, location);
+    if (outcome.result == CGI_OK && request.stops_first) {
+        outcome = cgi_bus_call(bus, "StopPlayingClip", "", CGI_OK);
+    }
     if (outcome.result == CGI_OK) {
         const ClientPlay options = {
             .location = location,
@@ -109,7 +55,7 @@ CgiOutcome play(sd_bus *bus, const CgiRequest &request, const char *location)
             .output = request.output,
         };
         g_autofree char *text = client_play_options(&options);
-        outcome = call(bus, "StartPlayingClip", text, CGI_PLAYING);
+        outcome = cgi_bus_call(bus, "StartPlayingClip", text, CGI_PLAYING);
     }
     /* The file may have been deleted since the first check. */
     if (outcome.result == CGI_UNPLAYABLE && is_file_missing(location)) {
@@ -132,7 +78,36 @@ bool is_away(sd_bus *bus)
     sd_bus_message *ping = client_bus_new_call(bus, &PEER, "Ping", &error, nullptr);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, ping, &error);
     return !answer && (g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON) ||
+                       g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_TIMEOUT) ||
                        g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS));
+}
+
+/* Returns for how long a file has been playing, in ms, or -1 if it is not known. */
+gint64 measure_elapsed(guint64 since)
+{
+    constexpr gint64 USEC_PER_MSEC = 1000;
+    const gint64 now = g_get_monotonic_time();
+    const bool is_known = since > 0 && since <= static_cast<guint64>(now);
+    return is_known ? (now - static_cast<gint64>(since)) / USEC_PER_MSEC : -1;
+}
+
+/* The folder in which the daemon keeps a record of each clip. */
+constexpr const char *RECORDS = "/etc/dynamic/sonobrik/clip_data";
+
+std::string read_revision()
+{
+    std::string revision;
+    for (const char *folder : {RECORDS, CLIENT_CLIP_FOLDER}) {
+        struct stat status;
+        if (stat(folder, &status) != 0) {
+            return "";
+        }
+        g_autofree char *time = g_strdup_printf("%" G_GINT64_FORMAT ".%09ld",
+                                                static_cast<gint64>(status.st_mtim.tv_sec),
+                                                static_cast<long>(status.st_mtim.tv_nsec));
+        revision += (revision.empty() ? "" : " ") + std::string(time);
+    }
+    return revision;
 }
 
 /* Reads what is playing. It stays unknown if the platform publishes no event objects. */
@@ -147,6 +122,8 @@ void read_now(sd_bus *bus, CgiNow *now)
             .number = output->output,
             .playing = output->playing,
             .file = output->file_name,
+            .title = "",
+            .elapsed_ms = measure_elapsed(output->file_since),
         });
     }
 }
@@ -170,10 +147,10 @@ GPtrArray *list_clips(sd_bus *bus, GError **error)
 CgiOutcome cgi_daemon_play(const CgiRequest &request)
 {
     g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = cgi_bus_open(&error);
     g_autoptr(GPtrArray) clips = bus ? client_clips_list(bus, false, &error) : nullptr;
     if (!clips) {
-        return explain_error(error, "StartPlayingClip");
+        return cgi_bus_explain(error, "StartPlayingClip");
     }
     const ClientClip *clip = client_clips_get(clips, request.clip);
     return clip ? play(bus, request, clip->location) : CgiOutcome{CGI_NO_CLIP, ""};
@@ -182,18 +159,19 @@ CgiOutcome cgi_daemon_play(const CgiRequest &request)
 CgiOutcome cgi_daemon_stop()
 {
     g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
-    return bus ? call(bus, "StopPlayingClip", "", CGI_STOPPED)
-               : explain_error(error, "StopPlayingClip");
+    g_autoptr(sd_bus) bus = cgi_bus_open(&error);
+    return bus ? cgi_bus_call(bus, "StopPlayingClip", "", CGI_STOPPED)
+               : cgi_bus_explain(error, "StopPlayingClip");
 }
 
 CgiOutcome cgi_daemon_read_now(CgiNow *now)
 {
     g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = cgi_bus_open(&error);
     if (!bus) {
-        return explain_error(error, "StartPlayingClip");
+        return cgi_bus_explain(error, "StartPlayingClip");
     }
+    now->revision = read_revision();
     read_now(bus, now);
     return {!now->is_known && is_away(bus) ? CGI_AWAY : CGI_OK, ""};
 }
@@ -201,10 +179,15 @@ CgiOutcome cgi_daemon_read_now(CgiNow *now)
 CgiOutcome cgi_daemon_read_state(CgiState *state)
 {
     g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus = cgi_bus_open(&error);
+    /* Before the list, so that a change in the meantime is seen the next time. */
+    state->now.revision = read_revision();
+    if (bus) {
+        client_bus_set_limit(bus, CGI_LIST_LIMIT);
+    }
     g_autoptr(GPtrArray) clips = bus ? list_clips(bus, &error) : nullptr;
     if (!clips) {
-        return explain_error(error, "StartPlayingClip");
+        return cgi_bus_explain(error, "StartPlayingClip");
     }
     read_now(bus, &state->now);
     for (guint i = 0; i < clips->len; i++) {
@@ -226,7 +209,8 @@ std::string cgi_now_describe(const CgiNow &now)
     for (const CgiOutput &output : now.outputs) {
         if (output.playing) {
             g_autofree char *name = g_path_get_basename(output.file.c_str());
-            text += (text.empty() ? "" : " ") + client_text_escape(name) +
+            text += (text.empty() ? "" : " ") +
+                    (output.title.empty() ? client_text_escape(name) : output.title) +
                     " is playing on output " + std::to_string(output.number) + ".";
         }
     }

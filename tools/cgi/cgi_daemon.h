@@ -9,8 +9,8 @@
 #include "cgi_request.h"
 #include "cgi_result.h"
 
-/* Starts the clip with the requested number. Plays that clip's file and no other file. Returns when
- * the clip is playing. */
+/* Starts the clip with the requested number, and stops what is playing before if the request says
+ * so. Plays that clip's file and no other file. Returns when the clip is playing. */
 CgiOutcome cgi_daemon_play(const CgiRequest &request);
 
 /* Stops playback. Succeeds if nothing is playing. */
@@ -29,13 +29,20 @@ struct CgiClip {
 struct CgiOutput {
     gint32 number; /* the `audiooutput` of a play request */
     bool playing;
-    std::string file; /* path of the current or last file; empty if there was none */
+    std::string file;       /* path of the current or last file; empty if there was none */
+    std::string title;      /* what users call the file; empty: the file's name */
+    gint64 elapsed_ms = -1; /* for how long the file has been playing; negative if unknown */
 };
 
 /* The outputs and what is playing on them. */
 struct CgiNow {
     bool is_known = false; /* false if the platform publishes no event objects */
     std::vector<CgiOutput> outputs;
+
+    /* Differs if the clips may have changed. Cheaper than listing them: it is made of the times at
+     * which the folders of the clips' records and files were changed. Empty if they are not known.
+     */
+    std::string revision;
 };
 
 /* The content of the page. */

@@ -50,3 +50,11 @@ bool cgi_origin_is_foreign(const CgiOrigin &origin)
     return origin.fetch_site.empty() && !origin.referer.empty() &&
            !is_same_host(origin.referer, origin.host);
 }
+
+bool cgi_origin_is_hidden(const CgiOrigin &origin)
+{
+    if (!origin.fetch_site.empty() || !origin.origin.empty() || !origin.referer.empty()) {
+        return false;
+    }
+    return origin.user_agent.starts_with("Mozilla/") || !origin.language.empty();
+}

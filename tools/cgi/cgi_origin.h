@@ -6,10 +6,13 @@
 
 /* The request headers that show where a request comes from. A missing header is empty. */
 struct CgiOrigin {
-    std::string_view host;       /* Host */
-    std::string_view fetch_site; /* Sec-Fetch-Site; browsers send it over TLS and to localhost */
-    std::string_view origin;     /* Origin; browsers send it with POST */
-    std::string_view referer;    /* Referer; another site can suppress it */
+    std::string_view host = {}; /* Host */
+    std::string_view fetch_site =
+        {};                        /* Sec-Fetch-Site; browsers send it over TLS and to localhost */
+    std::string_view origin = {};  /* Origin; browsers send it with POST */
+    std::string_view referer = {}; /* Referer; another site can suppress it */
+    std::string_view user_agent = {}; /* User-Agent; that of a browser begins with "Mozilla/" */
+    std::string_view language = {};   /* Accept-Language; browsers send it with every request */
 };
 
 /*
@@ -17,3 +20,10 @@ struct CgiOrigin {
  * controls send none of them, so their requests are not foreign.
  */
 bool cgi_origin_is_foreign(const CgiOrigin &origin);
+
+/*
+ * Returns true if a browser sent the request, but none of the headers that tell where it comes
+ * from. Without TLS, another site can make a browser do that. Programs send no such headers either,
+ * and are recognised by the other two.
+ */
+bool cgi_origin_is_hidden(const CgiOrigin &origin);

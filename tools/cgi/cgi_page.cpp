@@ -5,6 +5,7 @@
 #include <glib.h>
 #include <string_view>
 
+#include "cgi_data.h"
 #include "cgi_template.h"
 #include "client_clips.h"
 #include "client_text.h"
@@ -14,6 +15,7 @@ namespace
 {
 
 constexpr gint64 DEFAULT_VOLUME = 100;
+constexpr int HTTP_OK = 200;
 
 struct Repeat {
     gint64 value;
@@ -59,7 +61,6 @@ CgiValues describe_clip(const CgiClip &clip, const CgiNow &now)
     values.texts = {
         {"number", std::to_string(clip.number)},
         {"name", get_title(clip)},
-        {"location", clip.location},
         {"file", clip.location.empty()
                      ? "no file"
                      : client_text_escape(client_clips_relative(clip.location.c_str()))},
@@ -111,6 +112,19 @@ std::vector<CgiValues> list_repeats(const CgiRequest &request)
     return choices;
 }
 
+/* Returns a sentence that says what is playing, with the names of the clips. */
+std::string describe_now(const CgiState &state)
+{
+    CgiNow now = state.now;
+    for (CgiOutput &output : now.outputs) {
+        const auto clip = std::ranges::find(state.clips, output.file, &CgiClip::location);
+        if (clip != state.clips.end()) {
+            output.title = get_title(*clip);
+        }
+    }
+    return cgi_now_describe(now);
+}
+
 /* Returns a sentence about the result that the request names; empty if it is unknown. */
 std::string describe_result(const CgiRequest &request, const CgiState &state)
 {
@@ -124,15 +138,6 @@ std::string describe_result(const CgiRequest &request, const CgiState &state)
         }
     }
     return info->text;
-}
-
-/* Returns the content of an element that the template contains once. */
-std::string_view find_element(std::string_view tag)
-{
-    const std::string opening = "<" + std::string(tag) + ">";
-    const std::string closing = "</" + std::string(tag) + ">";
-    const size_t begin = PAGE_TEMPLATE.find(opening) + opening.size();
-    return PAGE_TEMPLATE.substr(begin, PAGE_TEMPLATE.find(closing, begin) - begin);
 }
 
 /* Returns the hash by which a Content-Security-Policy allows an element's content. */
@@ -154,37 +159,43 @@ std::string cgi_page_make(const CgiRequest &request, const CgiState &state,
                           const CgiOutcome &outcome)
 {
     const bool is_ok = outcome.result == CGI_OK;
+    const bool is_plain = is_ok && request.is_plain;
     const std::string result = is_ok ? describe_result(request, state) : "";
-    const bool is_good = request.result == cgi_result_get(CGI_PLAYING)->code ||
-                         request.result == cgi_result_get(CGI_STOPPED)->code;
+    const CgiResultInfo *info = cgi_result_find(request.result);
     const gint64 volume = request.volume == CLIENT_NOT_GIVEN ? DEFAULT_VOLUME : request.volume;
     CgiValues values;
     values.texts = {
-        {"now", cgi_now_describe(state.now)},
+        {"now", describe_now(state)},
         {"now_state", plays_anything(state.now) ? "playing" : ""},
         {"result", result},
-        {"result_kind", result.empty() || is_good ? "" : "bad"},
+        {"result_kind", result.empty() || info->status == HTTP_OK ? "" : "bad"},
         {"volume", std::to_string(volume)},
         {"error", cgi_outcome_describe(outcome)},
+        {"data", is_ok && !is_plain ? cgi_data_embed(cgi_data_make_list(request, state)) : ""},
+        {"script", is_plain ? "" : std::string(PAGE_SCRIPT)},
+        {"style", std::string(PAGE_STYLE)},
     };
     values.sections = {
-        {"is_ok", show_if(is_ok)},
+        {"is_live", show_if(is_ok && !is_plain)},
+        {"is_plain", show_if(is_plain)},
         {"is_error", show_if(!is_ok)},
-        {"is_empty", show_if(is_ok && state.clips.empty())},
+        {"is_empty", show_if(state.clips.empty())},
         {"outputs", list_outputs(request, state.now)},
         {"repeats", list_repeats(request)},
-        {"has_clips", show_if(is_ok && !state.clips.empty())},
+        {"has_clips", show_if(!state.clips.empty())},
     };
     for (const CgiClip &clip : state.clips) {
-        values.sections["clips"].push_back(describe_clip(clip, state.now));
+        if (is_plain) {
+            values.sections["clips"].push_back(describe_clip(clip, state.now));
+        }
     }
     return cgi_template_fill(PAGE_TEMPLATE, values);
 }
 
 std::string cgi_page_policy()
 {
-    return "Content-Security-Policy: default-src 'none'; style-src " +
-           make_hash(find_element("style")) + "; script-src " + make_hash(find_element("script")) +
-           "; connect-src 'self'; img-src data:; form-action 'self'; base-uri 'none'; "
-           "frame-ancestors 'none'\r\n";
+    return "Content-Security-Policy: default-src 'none'; style-src " + make_hash(PAGE_STYLE) +
+           "; script-src " + make_hash(PAGE_SCRIPT) +
+           "; connect-src 'self'; media-src 'self'; img-src data:; form-action 'self'; "
+           "base-uri 'none'; frame-ancestors 'none'\r\n";
 }

@@ -13,10 +13,12 @@ void fill(std::string_view text, const Scope &scope, std::string *page);
 
 void fill_text(std::string_view name, const Scope &scope, std::string *page)
 {
+    const bool is_raw = name.starts_with('&');
+    name.remove_prefix(is_raw ? 1 : 0);
     for (const Scope *place = &scope; place; place = place->outer) {
         const auto found = place->values.texts.find(name);
         if (found != place->values.texts.end()) {
-            *page += cgi_template_escape(found->second);
+            *page += is_raw ? found->second : cgi_template_escape(found->second);
             return;
         }
     }

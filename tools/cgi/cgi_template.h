@@ -15,10 +15,10 @@ struct CgiValues {
 
 /*
  * Returns `text` with its placeholders and sections filled in. {{name}} becomes the text of that
- * name, escaped for HTML, or nothing if there is none. {{#name}}...{{/name}} is repeated once for
- * each of the section's values, so it disappears if there are none. Inside a section, names that
- * the section does not define are looked up in the enclosing values. A section cannot contain a
- * section of the same name.
+ * name, escaped for HTML, or nothing if there is none; {{&name}} is not escaped.
+ * {{#name}}...{{/name}} is repeated once for each of the section's values, so it disappears if
+ * there are none. Inside a section, names that the section does not define are looked up in the
+ * enclosing values. A section cannot contain a section of the same name.
  */
 std::string cgi_template_fill(std::string_view text, const CgiValues &values);
 

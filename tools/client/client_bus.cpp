@@ -26,6 +26,8 @@ G_DEFINE_QUARK(sonobrik - client - error, client_error)
 namespace
 {
 
+constexpr uint64_t NO_LIMIT = UINT64_MAX;
+
 /* The errors that the bus or systemd sends when the daemon is not running. An entry that ends with
  * a dot matches all errors with that prefix. */
 constexpr std::array<std::string_view, 7> NO_DAEMON_ERRORS = {
@@ -50,6 +52,9 @@ ClientErrorCode code_of(int reason, std::string_view name)
     if (name == SD_BUS_ERROR_ACCESS_DENIED) {
         return CLIENT_ERROR_DENIED;
     }
+    if (reason == -ETIMEDOUT && name == SD_BUS_ERROR_TIMEOUT) {
+        return CLIENT_ERROR_TIMEOUT; /* the bus library's own error, not the bus's */
+    }
     if (means_no_daemon(name)) {
         return CLIENT_ERROR_NO_DAEMON;
     }
@@ -72,7 +77,13 @@ sd_bus *client_bus_open(GError **error)
         g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS, "%s", g_strerror(-r));
         return nullptr;
     }
+    sd_bus_set_method_call_timeout(bus, NO_LIMIT);
     return bus;
+}
+
+void client_bus_set_limit(sd_bus *bus, guint seconds)
+{
+    sd_bus_set_method_call_timeout(bus, static_cast<uint64_t>(seconds) * G_USEC_PER_SEC);
 }
 
 sd_bus_message *client_bus_new_call(sd_bus *bus, const ClientInterface *interface,
@@ -106,7 +117,9 @@ sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **erro
     g_autoptr(sd_bus_message) owned_call = call;
     g_auto(sd_bus_error) bus_error = {};
     sd_bus_message *answer = nullptr;
-    const int r = sd_bus_call(bus, owned_call, UINT64_MAX, &bus_error, &answer);
+    uint64_t limit = NO_LIMIT;
+    sd_bus_get_method_call_timeout(bus, &limit);
+    const int r = sd_bus_call(bus, owned_call, limit, &bus_error, &answer);
     if (r < 0) {
         client_bus_set_error(error, r, &bus_error);
         return nullptr;

@@ -30,6 +30,12 @@ extern const ClientInterface CLIENT_LEGACY;
 sd_bus *client_bus_open(GError **error);
 
 /*
+ * Limits how long each later client_bus_call() on `bus` waits. A call that takes longer fails with
+ * CLIENT_ERROR_TIMEOUT, but the daemon may still carry it out.
+ */
+void client_bus_set_limit(sd_bus *bus, guint seconds);
+
+/*
  * Returns a new call of `member`, or null with CLIENT_ERROR_ARGUMENT or CLIENT_ERROR_NO_BUS.
  * `types` and the arguments after it are those of sd_bus_message_append(); `types` may be null.
  * Send the call with client_bus_call(), or with sd_bus_call_async() from an event loop.
@@ -38,11 +44,12 @@ sd_bus_message *client_bus_new_call(sd_bus *bus, const ClientInterface *interfac
                                     const char *member, GError **error, const char *types, ...);
 
 /*
- * Sends `call`, takes ownership of it, and waits for the reply without a time limit: playing a
- * clip, probing files and a slow on-screen controls service can all take longer than the bus
- * library's default of 25 s. The wait also ends when the daemon or the bus goes away. Returns the
- * reply, or null with any error except CLIENT_ERROR_NO_CLIP. If `call` is null, returns null and
- * leaves `error` alone, so the result of client_bus_new_call() can be passed unchecked.
+ * Sends `call`, takes ownership of it, and waits for the reply, without a time limit unless
+ * client_bus_set_limit() sets one: playing a clip, probing files and a slow on-screen controls
+ * service can all take longer than the bus library's default of 25 s. The wait also ends when the
+ * daemon or the bus goes away. Returns the reply, or null with any error except
+ * CLIENT_ERROR_NO_CLIP. If `call` is null, returns null and leaves `error` alone, so the result of
+ * client_bus_new_call() can be passed unchecked.
  */
 sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **error);
 

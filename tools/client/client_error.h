@@ -11,6 +11,7 @@ enum ClientErrorCode {
     CLIENT_ERROR_METHOD,    /* the daemon's own error; the message is the daemon's, maybe empty */
     CLIENT_ERROR_ARGUMENT,  /* an argument cannot be sent over D-Bus */
     CLIENT_ERROR_REPLY,     /* the reply has an unexpected type or content */
+    CLIENT_ERROR_TIMEOUT,   /* no reply within the limit of client_bus_set_limit() */
     CLIENT_ERROR_NO_CLIP,   /* no stored clip matches, or more than one does */
 };
 

@@ -6,6 +6,7 @@
 const char *const CLIENT_EVENTS_SERVICE = "com.vesk.Events1.SonoBrikEvents";
 const char *const CLIENT_EVENTS_OBJECT = "/com/vesk/Events1/SonoBrikEvents";
 const char *const CLIENT_EVENT_INTERFACE = "com.vesk.Events1.Event";
+const char *const CLIENT_TIME_INTERFACE = "com.vesk.Events1.Time";
 
 namespace
 {
@@ -49,8 +50,15 @@ void *find_place(Keys *keys, const char *name, const char **type)
     return nullptr;
 }
 
+/* An object on the bus that represents an event. */
+struct EventObject {
+    bool is_playing_event; /* `event` is set */
+    ClientEvent event;
+    guint64 last_sent; /* 0 if unknown */
+};
+
 /* Updates the event's output in `outputs`, or adds it. */
-void apply_event(GPtrArray *outputs, const ClientEvent &event)
+void apply_event(GPtrArray *outputs, const ClientEvent &event, guint64 last_sent)
 {
     ClientOutput *output = nullptr;
     for (guint i = 0; i < outputs->len && !output; i++) {
@@ -72,41 +80,55 @@ void apply_event(GPtrArray *outputs, const ClientEvent &event)
     } else {
         g_free(output->file_name);
         output->file_name = g_strdup(event.file_name);
+        output->file_since = last_sent;
     }
 }
 
-/* Reads the a{sv} of an event object's properties. */
-int read_event_object(sd_bus_message *m, GPtrArray *outputs)
+/* Reads the a{sv} of the properties of an event. */
+int read_event(sd_bus_message *m, EventObject *object)
 {
-    return client_bus_read_properties(m, [m, outputs](const char *name, const char *) {
+    return client_bus_read_properties(m, [m, object](const char *name, const char *) {
         if (!g_str_equal(name, "Keys")) {
             return 0;
         }
-        ClientEvent event = {};
         int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "a{sv}");
-        if (r < 0 || (r = client_event_read(m, &event)) < 0) {
+        if (r < 0 || (r = client_event_read(m, &object->event)) < 0) {
             return r;
         }
-        if (r > 0) {
-            apply_event(outputs, event);
-        }
+        object->is_playing_event = r > 0;
         r = sd_bus_message_exit_container(m);
         return r < 0 ? r : 1;
+    });
+}
+
+/* Reads the a{sv} of the properties of the interface with the time. */
+int read_time(sd_bus_message *m, EventObject *object)
+{
+    return client_bus_read_properties(m, [m, object](const char *name, const char *type) {
+        return g_str_equal(name, "LastSent") && g_str_equal(type, "t")
+                   ? sd_bus_message_read(m, "v", "t", &object->last_sent)
+                   : 0;
     });
 }
 
 /* Reads the a{sa{sv}} of an object's interfaces. */
 int read_interfaces(sd_bus_message *m, GPtrArray *outputs)
 {
-    return client_bus_read_dict(m, "sa{sv}", [m, outputs] {
+    EventObject object = {};
+    const int result = client_bus_read_dict(m, "sa{sv}", [m, &object] {
         const char *name = nullptr;
         const int r = sd_bus_message_read(m, "s", &name);
         if (r < 0) {
             return r;
         }
-        return g_str_equal(name, CLIENT_EVENT_INTERFACE) ? read_event_object(m, outputs)
-                                                         : sd_bus_message_skip(m, "a{sv}");
+        return g_str_equal(name, CLIENT_EVENT_INTERFACE)  ? read_event(m, &object)
+               : g_str_equal(name, CLIENT_TIME_INTERFACE) ? read_time(m, &object)
+                                                          : sd_bus_message_skip(m, "a{sv}");
     });
+    if (result >= 0 && object.is_playing_event) {
+        apply_event(outputs, object.event, object.last_sent);
+    }
+    return result;
 }
 
 /* Reads the a{oa{sa{sv}}} of all objects. */

@@ -11,10 +11,12 @@
 
 #include "client_error.h"
 
-/* The stock platform's events: bus name, object manager, and the interface of each event object. */
+/* The stock platform's events: bus name, object manager, and the interfaces of each event object.
+ */
 extern const char *const CLIENT_EVENTS_SERVICE;
 extern const char *const CLIENT_EVENTS_OBJECT;
 extern const char *const CLIENT_EVENT_INTERFACE;
+extern const char *const CLIENT_TIME_INTERFACE;
 
 /* An audio output. Only the first output of each audio device has events, so only those are known.
  */
@@ -23,7 +25,8 @@ struct ClientOutput {
     gint32 device;
     gint32 device_output;
     bool playing;
-    char *file_name; /* owned; the current or last file, empty if there was none */
+    char *file_name;    /* owned; the current or last file, empty if there was none */
+    guint64 file_since; /* when `file_name` was sent, on the monotonic clock in us; 0 if unknown */
 };
 
 void client_output_free(ClientOutput *output);

@@ -10,8 +10,11 @@ from .wait import wait_until
 
 PROGRAM = "/usr/libexec/vesk-cgi/sonobrik.cgi"
 PATH = "/vesk-cgi/sonobrik.cgi"
+MANAGE_PATH = "/vesk-cgi/manage/sonobrik.cgi"
 
+# The users of the two addresses. Both have the same password.
 USER = "anna:s3cret"
+MANAGER = "mia:s3cret"
 # The output of "openssl passwd -6 -salt salt s3cret".
 HASH = ("$6$salt$DGAQW8l.nT4RCbPNEQZjx6ZZzjHy2eW5krORahM6YQzUbUKsZPuhNkX7AUpx1TMPuF37mzmXtWWdUw3"
         "tTKEd.1")
@@ -27,6 +30,7 @@ class Answer:
     status: int
     headers: dict  # by lower-case name; the last one if a name is repeated
     text: str
+    body: bytes
 
 
 class Web:
@@ -38,15 +42,19 @@ class Web:
             probe.bind(("127.0.0.1", 0))
             self.port = probe.getsockname()[1]
         self.address = f"http://127.0.0.1:{self.port}{PATH}"
+        self.manage_address = f"http://127.0.0.1:{self.port}{MANAGE_PATH}"
         self.processes = []
 
-    def start_lighttpd(self):
+    def start_lighttpd(self, temporary="/run/home"):
+        """Starts lighttpd, which puts what it cannot keep in memory into the folder `temporary`."""
         self._write("lighttpd/sonobrik.users", f"anna:{HASH}\n")
+        self._write("lighttpd/sonobrik.managers", f"mia:{HASH}\n")
         self._write("lighttpd/sonobrik.conf", self._read_shipped("lighttpd"))
         self._write("lighttpd/lighttpd.conf",
                     'server.document-root = "/run/home"\n'
                     'server.bind = "127.0.0.1"\n'
                     f"server.port = {self.port}\n"
+                    f'server.upload-dirs = ( "{temporary}" )\n'
                     # The distribution's configuration loads this module too.
                     'server.modules = ( "mod_alias" )\n'
                     'include "sonobrik.conf"\n')
@@ -56,6 +64,7 @@ class Web:
     def start_nginx(self):
         text = self._read_shipped("nginx").replace("/run/fcgiwrap.socket", "/run/home/fcgi")
         self._write("nginx/sonobrik.users", f"anna:{HASH}\n")
+        self._write("nginx/sonobrik.managers", f"mia:{HASH}\n")
         self._write("nginx/snippets/sonobrik.conf", text)
         temporary = "".join(f"  {name}_temp_path /run/home/{name};\n" for name in
                             ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
@@ -95,20 +104,35 @@ class Web:
             return False
         return True
 
-    def get(self, query="", *options, user=USER):
+    def get(self, query="", *options, user=USER, address=None):
         """Requests a query with curl and returns the Answer. `options` are passed to curl."""
-        address = f"{self.address}?{query}" if query else self.address
+        address = address or self.address
+        address = f"{address}?{query}" if query else address
         command = ["curl", "--silent", "--show-error", "--include", "--max-time", "120",
                    "--noproxy", "*", *(["--user", user] if user else []), *options, address]
         result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, check=True)
         head, _, body = result.stdout.partition(b"\r\n\r\n")
+        while b" 100 " in head.split(b"\r\n")[0]:
+            head, _, body = body.partition(b"\r\n\r\n")
         first, *lines = head.decode("latin-1").split("\r\n")
         pairs = (line.partition(":") for line in lines)
         return Answer(int(first.split()[1]),
-                      {name.lower(): value.strip() for name, _, value in pairs}, body.decode())
+                      {name.lower(): value.strip() for name, _, value in pairs}, body.decode(errors="replace"), body)
 
     def post(self, form, *options, user=USER):
         return self.get("", "--data", form, *options, user=user)
+
+    def manage(self, query="", *options, user=MANAGER):
+        """Does the same at the address where clips can be changed."""
+        return self.get(query, *options, user=user, address=self.manage_address)
+
+    def change(self, form, *options):
+        return self.manage("", "--data", form, *options)
+
+    def upload(self, query, file, *options, content_type="application/octet-stream"):
+        """Sends the file at the path `file`, or the bytes that `options` name if it is None."""
+        data = ["--data-binary", f"@{file}"] if file else []
+        return self.manage(query, *data, "--header", f"Content-Type: {content_type}", *options)
 
     def check(self):
         """Fails if a sanitizer reported an error."""

@@ -1,0 +1,27 @@
+#pragma once
+
+/* What the calls to the daemon have in common. */
+
+#include <glib.h>
+#include <systemd/sd-bus.h>
+
+#include "cgi_result.h"
+#include "client_bus.h"
+
+/*
+ * How long a call may take, in seconds. Adding a clip waits up to 25 s for the on-screen controls.
+ * The daemon inspects each new clip for up to 5 s before it lists their lengths; the limit is below
+ * the 300 s for which the example configurations of web servers wait.
+ */
+constexpr guint CGI_CALL_LIMIT = 60;
+constexpr guint CGI_LIST_LIMIT = 280;
+
+/* Returns a connection whose calls have a limit of CGI_CALL_LIMIT, or null with an error. */
+sd_bus *cgi_bus_open(GError **error);
+
+/* Returns the outcome for a failed call of `method` of the daemon. */
+CgiOutcome cgi_bus_explain(const GError *error, const char *method);
+
+/* Calls a method of CLIENT_SONOBRIK that takes a text and replies "OK". Returns `success` if it
+ * does. */
+CgiOutcome cgi_bus_call(sd_bus *bus, const char *method, const char *text, CgiResult success);

@@ -1,0 +1,79 @@
+"use strict";
+/* What the other parts share: the elements, the data, requests and messages. */
+
+/* The page's address without a user name and password, because fetch() rejects those. */
+const program = location.origin + location.pathname;
+const get = (id) => document.getElementById(id);
+const isLive = Boolean(get("data"));
+
+/* The answer to "list", and what is derived from it. */
+const state = {
+    clips: [],
+    changes: null, /* what may be changed: null, or {folder, limit} */
+    status: {known: false, outputs: [], revision: ""},
+    statusTime: 0, /* when `status` arrived, on the browser's clock */
+    away: "", /* why the daemon cannot be reached; empty if it can */
+};
+
+const setText = (element, text) => {
+    /* Leaves an unchanged text alone, so that screen readers do not repeat it. */
+    if (element.textContent !== text) {
+        element.textContent = text;
+    }
+};
+
+const make = (tag, properties = {}, ...children) => {
+    const element = Object.assign(document.createElement(tag), properties);
+    element.append(...children);
+    return element;
+};
+
+const titleOf = (clip) => clip.name || `Clip ${clip.number}`;
+const locationOf = (clip) => clip.location ?? `/etc/audioclips/${clip.file}`;
+const formatTime = (ms) => {
+    const seconds = Math.max(0, Math.round(ms / 1000));
+    const parts = [Math.floor(seconds / 60) % 60, seconds % 60].map((part) => String(part).padStart(2, "0"));
+    return seconds >= 3600 ? `${Math.floor(seconds / 3600)}:${parts.join(":")}` : parts.join(":").replace(/^0/, "");
+};
+const formatSize = (bytes) => bytes < 1048576 ? `${Math.ceil(bytes / 1024)} KiB` : `${(bytes / 1048576).toFixed(1)} MiB`;
+
+/* Returns the text of an answer. The web server's own error pages are HTML and are not shown. */
+const explain = (type, text, status) => (type || "").startsWith("text/plain") ? text.trim()
+    : status === 413 ? "The web server does not accept a file of this size."
+    : `The web server returned status ${status}.`;
+const UNREACHABLE = "The device is not responding.";
+
+/* Sends a request. Returns whether it succeeded, and the text of the answer or its JSON. */
+const request = async (method, fields) => {
+    const values = new URLSearchParams(fields);
+    try {
+        const answer = method === "GET" ? await fetch(`${program}?${values}`)
+            : await fetch(program, {method, body: values});
+        const type = answer.headers.get("Content-Type");
+        if (answer.ok && type === "application/json") {
+            return {ok: true, data: await answer.json()};
+        }
+        return {ok: answer.ok, status: answer.status, text: explain(type, await answer.text(), answer.status)};
+    } catch {
+        return {ok: false, status: 0, text: UNREACHABLE};
+    }
+};
+
+/*
+ * The message below what plays. `isTrue` tells with each new status whether the message still holds;
+ * a success also disappears after 10 s, because the message covers a part of the list.
+ */
+const message = {isTrue: null, timer: 0};
+const showMessage = (text, isBad = false, isTrue = null) => {
+    const element = get("result");
+    clearTimeout(message.timer);
+    message.isTrue = isTrue;
+    setText(element, text);
+    element.classList.toggle("bad", isBad);
+    message.timer = text && !isBad ? setTimeout(() => showMessage(""), 10000) : 0;
+};
+const checkMessage = () => {
+    if (message.isTrue && !message.isTrue()) {
+        showMessage("");
+    }
+};
