@@ -215,7 +215,7 @@ CgiOutcome cgi_change_replace(const CgiRequest &request, int body_fd)
     Store store;
     const ClientClip *clip = nullptr;
     CgiOutcome outcome = find_clip(request, &store, &clip);
-    if (outcome.result != CGI_OK) {
+    if (!clip || outcome.result != CGI_OK) {
         return outcome;
     }
     CgiUpload upload;
@@ -231,7 +231,7 @@ CgiOutcome cgi_change_rename(const CgiRequest &request)
     Store store;
     const ClientClip *clip = nullptr;
     CgiOutcome outcome = find_clip(request, &store, &clip);
-    if (outcome.result != CGI_OK) {
+    if (!clip || outcome.result != CGI_OK) {
         return outcome;
     }
     GError *error = nullptr;
@@ -258,9 +258,10 @@ CgiOutcome cgi_change_remove(const CgiRequest &request)
     Store store;
     const ClientClip *clip = nullptr;
     CgiOutcome outcome = find_clip(request, &store, &clip);
-    if (outcome.result == CGI_OK) {
-        outcome = remove_record(store.bus, clip->number);
+    if (!clip || outcome.result != CGI_OK) {
+        return outcome;
     }
+    outcome = remove_record(store.bus, clip->number);
     if (outcome.result != CGI_OK) {
         return outcome;
     }

@@ -38,7 +38,7 @@ ssize_t cgi_input_read(int fd, char *data, size_t size)
 
 void cgi_input_drain(int fd, gint64 length)
 {
-    constexpr gint64 LIMIT = 128 * 1024 * 1024;
+    constexpr gint64 LIMIT = gint64{128} * 1024 * 1024;
     constexpr int PAUSE_MS = 2000;
     std::array<char, 65536> buffer;
     while (done < length && done < LIMIT &&

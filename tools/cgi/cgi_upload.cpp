@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
 #include <initializer_list>
 #include <string_view>
@@ -115,16 +114,14 @@ CgiDescriptor open_folder(int clips)
 
 void remove_stale(int folder)
 {
-    DIR *list = fdopendir(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    while (const dirent *entry = list ? readdir(list) : nullptr) {
+    g_autofree char *path = g_strdup_printf("/proc/self/fd/%d", folder);
+    g_autoptr(GDir) list = g_dir_open(path, 0, nullptr);
+    while (const char *name = list ? g_dir_read_name(list) : nullptr) {
         struct stat status = {};
-        if (fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            !S_ISDIR(status.st_mode) && status.st_mtime + STALE_SECONDS < time(nullptr)) {
-            unlinkat(folder, entry->d_name, 0);
+        if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(status.st_mode) &&
+            status.st_mtime + STALE_SECONDS < time(nullptr)) {
+            unlinkat(folder, name, 0);
         }
-    }
-    if (list) {
-        closedir(list);
     }
 }
 
