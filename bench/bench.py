@@ -1,8 +1,11 @@
 """Measures the daemon beside floors that make only the unavoidable library calls.
 
-usage: /usr/bin/python3 bench/bench.py [--build FOLDER] [--quick|--shortest] [NAME...]
+usage: /usr/bin/python3 bench/bench.py [--build FOLDER] [--page FILE] [--quick|--shortest]
+                                       [--peers] [NAME...]
 
-Use scripts/bench, which builds first. NAME selects benchmarks: a module of this folder.
+Use scripts/bench, which builds first. NAME selects benchmarks, each a module of this folder.
+--peers compares common players instead. Everything is measured and then written to the page,
+docs/benchmarks.md, unless NAMEs, --quick or --shortest ask for less; --page writes those too.
 """
 
 import argparse
@@ -10,39 +13,43 @@ import importlib
 import pathlib
 import tempfile
 
-from measuring import ROOT, Bench, quartiles
+import page
+from measuring import ROOT, Bench, Results
 
 NAMES = ("first_sample", "wildcard", "starts", "round_trips", "store", "memory", "many", "micro")
+PEERS = ("peers",)
 
 
-def show(value):
-    """Returns a number with three digits that matter."""
-    return f"{value:,.0f}" if abs(value) >= 100 else f"{value:.3g}"
-
-
-def describe(samples):
-    first, median, third = map(show, quartiles(samples))
-    return f"{median} ({first} to {third})"
-
-
-def print_row(row):
-    ratio = "" if row.ratio is None else f"{row.ratio:6.2f}"
-    floor = describe(row.floor) if row.floor else ""
-    print(f"{row.what:46} {describe(row.ours):26} {floor:26} {row.unit:4} {ratio}", flush=True)
+def measure(bench, names):
+    """Runs benchmarks, prints each row as soon as it is known, and returns all results."""
+    everything = Results()
+    for name in names:
+        results = importlib.import_module(name).run(bench)
+        for row in results.rows:
+            page.print_row(row)
+        everything.rows += results.rows
+        everything.curves += results.curves
+    return everything
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", default=ROOT / "build-bench", type=pathlib.Path)
+    parser.add_argument("--page", type=pathlib.Path)
     parser.add_argument("--quick", dest="scale", action="store_const", const="quick")
     parser.add_argument("--shortest", dest="scale", action="store_const", const="shortest")
-    parser.add_argument("names", nargs="*", metavar="NAME")
+    parser.add_argument("--peers", action="store_true")
+    parser.add_argument("names", nargs="*", metavar="NAME", choices=(*NAMES, *PEERS, []))
     arguments = parser.parse_args()
+    path = arguments.page
+    if not path and not arguments.names and not arguments.scale:
+        path = ROOT / "docs/benchmarks.md"
+    names = arguments.names or (PEERS if arguments.peers else NAMES)
     with tempfile.TemporaryDirectory() as folder:
-        bench = Bench(arguments.build, folder, arguments.scale or "full")
-        for name in arguments.names or NAMES:
-            for row in importlib.import_module(name).run(bench).rows:
-                print_row(row)
+        results = measure(Bench(arguments.build, folder, arguments.scale or "full"), names)
+    if path:
+        (page.write_peers if arguments.peers else page.write_page)(path, results)
+        print(f"Written to {path}.")
 
 
 if __name__ == "__main__":

@@ -18,6 +18,7 @@ constexpr timespec POLL_TIME = {.tv_sec = 0, .tv_nsec = 500000};
 constexpr uint64_t DEADLINE = 10000000000;
 
 constexpr const char *START = " start ";
+constexpr const char *CLOSE = " close\n";
 
 /* Returns the text that the card has added. A card that nobody has opened yet has no file. */
 std::string read_news(const Card &card)
@@ -32,6 +33,22 @@ std::string read_news(const Card &card)
     return text;
 }
 
+/* Returns the text that the card has added, as soon as `event` is in it. */
+std::string wait_news(const Card *card, const char *event, const char *fault)
+{
+    const uint64_t deadline = bus_call_get_time() + DEADLINE;
+    while (true) {
+        const std::string news = read_news(*card);
+        if (news.find(event) != std::string::npos) {
+            return news;
+        }
+        if (bus_call_get_time() > deadline) {
+            bus_call_fail(fault, ETIMEDOUT);
+        }
+        nanosleep(&POLL_TIME, nullptr);
+    }
+}
+
 } // namespace
 
 Card card_open(const std::string &folder)
@@ -43,20 +60,16 @@ Card card_open(const std::string &folder)
 
 uint64_t card_wait_start(Card *card)
 {
-    const uint64_t deadline = bus_call_get_time() + DEADLINE;
-    while (true) {
-        const std::string news = read_news(*card);
-        const size_t start = news.find(START);
-        if (start != std::string::npos) {
-            const size_t line = news.rfind('\n', start);
-            card->read += static_cast<off_t>(start + 1);
-            return strtoull(news.c_str() + (line == std::string::npos ? 0 : line + 1), nullptr, 10);
-        }
-        if (bus_call_get_time() > deadline) {
-            bus_call_fail("the card does not start", ETIMEDOUT);
-        }
-        nanosleep(&POLL_TIME, nullptr);
-    }
+    const std::string news = wait_news(card, START, "the card does not start");
+    const size_t start = news.find(START);
+    const size_t line = news.rfind('\n', start);
+    card->read += static_cast<off_t>(start + 1);
+    return strtoull(news.c_str() + (line == std::string::npos ? 0 : line + 1), nullptr, 10);
+}
+
+void card_wait_closed(const Card *card)
+{
+    wait_news(card, CLOSE, "the card stays open");
 }
 
 void card_forget(Card *card)

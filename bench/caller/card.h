@@ -20,5 +20,9 @@ Card card_open(const std::string &folder);
  */
 uint64_t card_wait_start(Card *card);
 
+/* Waits until the card is closed after a start that card_wait_start() returned. Exits after 10 s.
+ */
+void card_wait_closed(const Card *card);
+
 /* Makes everything that the card did so far old. */
 void card_forget(Card *card);

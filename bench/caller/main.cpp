@@ -3,10 +3,12 @@
  *
  * usage: caller calls COUNT [-r FOLDER] CALL...
  *        caller play COUNT CARD-FOLDER CALL...
+ *        caller peers COUNT CARD-FOLDER PLAYER...
  *        caller start COUNT IDLE-MS CARD-FOLDER OPTIONS PROGRAM|NAME... ...
  *        caller load SECONDS CALLERS CALL
  *
- * A CALL is "NAME|METHOD|ARGUMENT...", see bus_call.h. Prints one JSON document; times are in ns.
+ * A CALL is "NAME|METHOD|ARGUMENT...", see bus_call.h; modes.h describes a PLAYER. Prints one JSON
+ * document; times are in ns.
  */
 
 #include <cstdlib>
@@ -24,10 +26,8 @@ struct Mode {
 };
 
 constexpr Mode MODES[] = {
-    {"calls", 2, mode_calls},
-    {"load", 3, mode_load},
-    {"play", 3, mode_play},
-    {"start", 5, mode_start},
+    {"calls", 2, mode_calls}, {"load", 3, mode_load},   {"peers", 3, mode_peers},
+    {"play", 3, mode_play},   {"start", 5, mode_start},
 };
 
 } // namespace

@@ -29,3 +29,11 @@ int mode_start(int argc, char **argv);
  * Prints the number of calls, the seconds and the times.
  */
 int mode_load(int argc, char **argv);
+
+/*
+ * Lets each player start a clip COUNT times, in turn, and stops it. A PLAYER is "bus|OPTIONS" for
+ * the daemon, "mpd|FILE|SOCKET" for mpd, "run|COMMAND" for a program that plays by itself, or
+ * "run|COMMAND|STOP-COMMAND" for a client of a service. Prints for each the list of times until the
+ * card's first sample.
+ */
+int mode_peers(int argc, char **argv);
