@@ -14,7 +14,7 @@ STARTED = 4800  # frames that must have been played before the load begins
 
 
 def measure_throughput(bench, results):
-    rounds, seconds = bench.pick((5, 0.6), (3, 0.3), (1, 0.05))
+    rounds, seconds = bench.pick((5, 1), (3, 0.5), (1, 0.05))
     with bench.sandbox() as box:
         write_records(box, RECORDS)
         box.start_daemon()

@@ -24,6 +24,7 @@ void remove_record(const std::string &folder, int number)
 std::vector<BusCall> parse_calls(int argc, char **argv)
 {
     std::vector<BusCall> calls;
+    calls.reserve(static_cast<size_t>(argc));
     for (int i = 0; i < argc; i++) {
         calls.push_back(bus_call_parse(argv[i]));
     }
@@ -34,13 +35,13 @@ std::vector<BusCall> parse_calls(int argc, char **argv)
 
 int mode_calls(int argc, char **argv)
 {
-    const int count = atoi(argv[0]);
+    const long count = strtol(argv[0], nullptr, 10);
     const bool removes = strcmp(argv[1], "-r") == 0 && argc > 3;
     const int options = removes ? 3 : 1;
     const std::vector<BusCall> calls = parse_calls(argc - options, argv + options);
     std::vector<Times> times(calls.size());
     sd_bus *bus = bus_call_open();
-    for (int n = 0; n < count; n++) {
+    for (long n = 0; n < count; n++) {
         for (size_t i = 0; i < calls.size(); i++) {
             const BusCallResult result = bus_call_make(bus, calls[i]);
             times[i].push_back(result.answered - result.sent);
@@ -56,12 +57,12 @@ int mode_calls(int argc, char **argv)
 
 int mode_play(int argc, char **argv)
 {
-    const int count = atoi(argv[0]);
+    const long count = strtol(argv[0], nullptr, 10);
     Card card = card_open(argv[1]);
     const std::vector<BusCall> calls = parse_calls(argc - 2, argv + 2);
     std::vector<Times> times(calls.size());
     sd_bus *bus = bus_call_open();
-    for (int n = 0; n < count; n++) {
+    for (long n = 0; n < count; n++) {
         for (size_t i = 0; i < calls.size(); i++) {
             card_forget(&card);
             const BusCallResult result = bus_call_make(bus, calls[i]);

@@ -38,7 +38,7 @@ std::string wait_news(const Card *card, const char *event, const char *fault)
 {
     const uint64_t deadline = bus_call_get_time() + DEADLINE;
     while (true) {
-        const std::string news = read_news(*card);
+        std::string news = read_news(*card);
         if (news.find(event) != std::string::npos) {
             return news;
         }

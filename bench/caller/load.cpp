@@ -60,7 +60,7 @@ int mode_load(int, char **argv)
 {
     Load load = {};
     load.call = bus_call_parse(argv[2]);
-    std::vector<Caller> callers(static_cast<size_t>(atoi(argv[1])));
+    std::vector<Caller> callers(strtoul(argv[1], nullptr, 10));
     load.waiting = callers.size();
     int r = sd_event_new(&load.event);
     for (Caller &caller : callers) {
@@ -68,7 +68,7 @@ int mode_load(int, char **argv)
         r = r < 0 ? r : sd_bus_attach_event(caller.bus, load.event, SD_EVENT_PRIORITY_NORMAL);
     }
     const uint64_t begin = bus_call_get_time();
-    load.end = begin + static_cast<uint64_t>(atof(argv[0]) * 1e9);
+    load.end = begin + static_cast<uint64_t>(strtod(argv[0], nullptr) * 1e9);
     for (Caller &caller : callers) {
         send(&caller);
     }

@@ -141,13 +141,13 @@ void play_by_program(Player *player, Card *card)
 
 int mode_peers(int argc, char **argv)
 {
-    const int count = atoi(argv[0]);
+    const long count = strtol(argv[0], nullptr, 10);
     Card card = card_open(argv[1]);
     std::vector<Player> players;
     for (int i = 2; i < argc; i++) {
         players.push_back(parse_player(argv[i]));
     }
-    for (int n = 0; n < count; n++) {
+    for (long n = 0; n < count; n++) {
         for (Player &player : players) {
             card_forget(&card);
             if (player.kind == "bus") {

@@ -137,8 +137,8 @@ void run(sd_bus *bus, Program *program, long idle_ms, Card *card, const char *op
 
 int mode_start(int argc, char **argv)
 {
-    const int count = atoi(argv[0]);
-    const long idle_ms = atol(argv[1]);
+    const long count = strtol(argv[0], nullptr, 10);
+    const long idle_ms = strtol(argv[1], nullptr, 10);
     Card card = card_open(argv[2]);
     std::vector<Program> programs;
     for (int i = 4; i < argc; i++) {
@@ -151,7 +151,7 @@ int mode_start(int argc, char **argv)
     if (r < 0) {
         bus_call_fail("the names cannot be watched", r);
     }
-    for (int n = 0; n < count; n++) {
+    for (long n = 0; n < count; n++) {
         for (Program &program : programs) {
             run(bus, &program, idle_ms, &card, argv[3]);
         }

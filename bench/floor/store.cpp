@@ -33,7 +33,7 @@ std::vector<int> list_numbers(int folder)
     }
     for (dirent *entry = readdir(directory); entry; entry = readdir(directory)) {
         if (entry->d_name[0] == 'M') {
-            numbers.push_back(atoi(entry->d_name + 1));
+            numbers.push_back(static_cast<int>(strtol(entry->d_name + 1, nullptr, 10)));
         }
     }
     closedir(directory);
@@ -42,7 +42,9 @@ std::vector<int> list_numbers(int folder)
 
 std::string make_name(int number)
 {
-    return "M" + std::to_string(number) + ".json";
+    std::string name = "M";
+    name.append(std::to_string(number)).append(".json");
+    return name;
 }
 
 json_t *read_record(int number)
@@ -99,7 +101,8 @@ int find_free(const std::vector<int> &numbers)
 
 bool write_synced(int folder, const std::string &name, json_t *record)
 {
-    const std::string temporary = "." + name + ".new";
+    std::string temporary = ".";
+    temporary.append(name).append(".new");
     char *text = json_dumps(record, JSON_INDENT(2));
     const int fd =
         openat(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
