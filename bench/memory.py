@@ -5,12 +5,11 @@ import time
 from measuring import (
     CARD, DAEMON, FLOOR, Results, Row, clips, encode, read_resident_kib, write_records)
 
-
 SETTLING = 3  # seconds in which the daemon loads what its first clip needs
 
 
 def measure_plays(bench):
-    """Returns a row with the growth of each batch of plays, in KiB a play."""
+    """Returns a row with the mean growth over many plays, in KiB a play."""
     batch, batches = bench.pick((50, 8), (20, 3), (1, 1))
     with bench.sandbox() as box:
         clip = box.write_clip("a.wav", clips.tone(440, 2))
