@@ -175,18 +175,130 @@ def test_ctrl_c_leaves_no_incomplete_copy(sandbox, daemon):
 def test_missing_files_folders_and_pipes_are_not_added(shell, sandbox, daemon):
     assert shell.fail(5, "add", "/etc/audioclips/no.wav") == [
         "cannot add '/etc/audioclips/no.wav': No such file or directory"]
-    assert "is a directory" in shell.fail(2, "add", "/etc/audioclips")[0]
+    assert shell.fail(5, "add", "/etc/audioclips") == ["there are no files in '/etc/audioclips'"]
     os.mkfifo(sandbox.folder / "tmp/pipe")
     assert shell.fail(1, "add", "--copy", "/tmp/pipe") == ["'/tmp/pipe' is not a regular file"]
 
 
-def test_a_full_store_refers_to_the_log(shell, sandbox):
+def test_a_full_list_is_explained(shell, sandbox):
     sandbox.set_parameters({"root.SonoBrik.MaxGroups": "1"})
     sandbox.write_clip("door.wav", clips.noise(480))
     sandbox.start_daemon()
     shell.ok("add", DOOR)
     assert shell.fail(1, "add", DOOR) == [
-        "NOK", "for details: journalctl -t sonobrik"]
+        "the list is full: it has 1 clips, the limit is 1",
+        "remove a clip, or raise root.SonoBrik.MaxGroups in /etc/vesk/parameters.conf and restart "
+        "the daemon: systemctl restart sonobrik"]
+
+
+def test_another_failure_to_store_refers_to_the_log(shell, sandbox, door):
+    sandbox.run(["chmod", "000", "/etc/dynamic/sonobrik/clip_data"])
+    (sandbox.etc / "dynamic/sonobrik/clip_data").rename(sandbox.etc / "dynamic/sonobrik/away")
+    assert shell.fail(1, "add", DOOR) == ["NOK", "for details: journalctl -t sonobrik"]
+
+
+def test_several_files_and_a_folder_are_added(shell, sandbox, door):
+    for name in ("set/b.wav", "set/a.wav", "set/deeper/c.wav", "set/.hidden.wav"):
+        sandbox.write_clip(name, clips.noise(480))
+    assert shell.ok("add", DOOR, "/etc/audioclips/set") == "0 door\n1 a\n2 b\n"
+    assert [clip["location"] for clip in list_json(shell)] == [
+        DOOR, "/etc/audioclips/set/a.wav", "/etc/audioclips/set/b.wav"]
+
+
+def test_a_file_that_cannot_be_played_does_not_stop_the_others(shell, sandbox, door):
+    sandbox.write_file("a.txt", b"text")
+    result = shell.run("add", "/etc/audioclips/a.txt", DOOR)
+    assert (result.returncode, result.stdout) == (1, "1 door\n".replace("1", "0"))
+    assert "/etc/audioclips/a.txt" in result.stderr
+
+
+def test_nothing_is_added_if_a_file_is_missing(shell, door):
+    shell.fail(5, "add", DOOR, "/etc/audioclips/no.wav")
+    assert shell.fail(2, "add", DOOR, DOOR, "--name", "x") == ["--name is for one file, not for 2"]
+    assert list_json(shell) == []
+
+
+def test_several_copies_are_added(shell, sandbox, elsewhere):
+    (sandbox.folder / "tmp/set").mkdir()
+    for name in ("x.wav", "y.wav"):
+        clips.write_wav(sandbox.folder / f"tmp/set/{name}", clips.noise(480))
+    assert shell.ok("add", "--copy", elsewhere, "/tmp/set") == "0 chime\n1 x\n2 y\n"
+    assert sorted(os.listdir(sandbox.etc / "audioclips")) == ["chime.wav", "x.wav", "y.wav"]
+
+
+def test_a_recording_is_replaced_and_its_length_is_read_again(shell, sandbox, elsewhere):
+    shell.ok("add", "--copy", elsewhere)
+    shell.ok("rename", "0", "Bell")
+    assert list_json(shell)[0]["durationMs"] == 100
+    clips.write_wav(sandbox.folder / "tmp/chime.wav", clips.noise(48000))
+    assert shell.ok("add", "--copy", "--replace", elsewhere) == "0\n"
+    assert [(clip["number"], clip["name"], clip["durationMs"]) for clip in list_json(shell)] == [
+        (0, "Bell", 1000)]
+    copy = sandbox.etc / "audioclips/chime.wav"
+    assert copy.read_bytes() == (sandbox.folder / "tmp/chime.wav").read_bytes()
+    assert stat.S_IMODE(copy.stat().st_mode) == 0o644
+    assert os.listdir(sandbox.etc / "audioclips") == ["chime.wav"]
+
+
+def test_a_recording_that_cannot_be_played_replaces_nothing(shell, sandbox, elsewhere):
+    shell.ok("add", "--copy", elsewhere)
+    before = (sandbox.etc / "audioclips/chime.wav").read_bytes()
+    (sandbox.folder / "tmp/chime.wav").write_text("no clip")
+    assert shell.fail(1, "add", "--copy", "--replace", elsewhere)[0] == (
+        "Could not determine the media format of file: '/tmp/chime.wav'")
+    assert (sandbox.etc / "audioclips/chime.wav").read_bytes() == before
+    assert os.listdir(sandbox.etc / "audioclips") == ["chime.wav"]
+    assert len(list_json(shell)) == 1
+
+
+def test_a_clip_keeps_its_number_rather_than_its_length(shell, sandbox, door):
+    for name in ("a", "b"):
+        shell.ok("add", DOOR, "--name", name)
+    shell.ok("remove", "--yes", "a")
+    result = shell.run("add", "--replace", DOOR)
+    assert (result.returncode, result.stdout) == (0, "1\n")
+    assert result.stderr == (
+        "sonobrikctl: clip 1 plays the new recording; to keep its number, 'list' shows the length "
+        "and size of the old one\n")
+    assert [(clip["number"], clip["name"]) for clip in list_json(shell)] == [(1, "b")]
+
+
+def test_replace_adds_a_file_that_no_clip_has(shell, door):
+    assert shell.ok("add", "--replace", DOOR) == "0\n"
+    assert shell.ok("add", "--replace", DOOR, "--name", "Bell") == "0\n"
+    assert shell.ok("list", "--names") == "Bell\n"
+
+
+def test_remove_deletes_the_file_if_asked_to(shell, sandbox, door):
+    shell.ok("add", DOOR)
+    shell.ok("add", DOOR, "--name", "again")
+    assert shell.fail(1, "remove", "--yes", "--file", "0") == [
+        f"clip 1 has the same file, '{DOOR}'; remove only the clip, without --file"]
+    shell.ok("remove", "--yes", "0")
+    shell.ok("remove", "--yes", "--file", "1")
+    assert list_json(shell) == []
+    assert not door.file.exists()
+
+
+def test_remove_deletes_no_file_outside_the_clip_folder(shell, sandbox):
+    store = Store(sandbox)
+    for number, path in enumerate(("/tmp/precious", "/etc/audioclips/../../tmp/precious")):
+        store.write(f"M{number}.json", write_record(path, f"n{number}", "audio"))
+    store.start()
+    (sandbox.folder / "tmp/precious").write_text("x")
+    for number in ("0", "1"):
+        assert "is not under /etc/audioclips" in shell.fail(
+            1, "remove", "--yes", "--file", number)[0]
+    assert (sandbox.folder / "tmp/precious").exists()
+    assert len(list_json(shell)) == 2
+
+
+@pytest.mark.needs_root
+def test_remove_removes_no_clip_whose_file_the_user_may_not_delete(shell, sandbox, door):
+    shell.ok("add", DOOR)
+    assert shell.fail(1, "remove", "--yes", "--file", "0", uid=65534)[0].startswith(
+        f"cannot delete '{DOOR}': ")
+    assert len(list_json(shell)) == 1
 
 
 # rename, remove, sync
@@ -242,5 +354,6 @@ def test_a_name_that_is_not_utf8_is_explained(shell, sandbox, daemon):
     assert result.stdout == (
         "/etc/audioclips/\\xff.wav: the file name is not valid UTF-8\n")
     clips.write_wav(sandbox.etc / "audioclips" / os.fsdecode(b"\xff.wav"), clips.noise(480))
-    assert shell.fail(2, "add", path) == ["clip and file names must be valid UTF-8"]
+    assert shell.fail(2, "add", path) == [
+        "file names must be valid UTF-8: '/etc/audioclips/\\xff.wav'"]
 

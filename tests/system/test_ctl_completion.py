@@ -73,8 +73,8 @@ def assert_unharmed(sandbox):
 
 def test_commands_are_offered(complete):
     assert sorted(complete("")) == sorted([
-        "add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "stop", "sync",
-        "--help", "--version"])
+        "add", "check", "help", "list", "monitor", "outputs", "play", "remove", "rename", "status",
+        "stop", "sync", "--help", "--version"])
     assert complete("re") == ["remove", "rename"]
     assert complete("$(touch /tmp/harm)") == []
 
@@ -84,6 +84,8 @@ def test_commands_are_offered(complete):
     (["play", "--device"], ["--device", "--device-output"]),
     (["play", "x", "--w"], ["--wait"]),
     (["play", "--repeat", "f"], ["forever"]),
+    (["help", "pl"], ["play"]),
+    (["help", "play", ""], []),
     (["list", "-"], ["--help", "--json", "--names"]),
     (["add", "--c"], ["--copy"]),
     (["remove", "--y"], ["--yes"]),
@@ -99,7 +101,7 @@ def test_options_and_values_fit_the_command(complete, words, offered):
 
 def test_every_option_of_every_command_is_offered(clip_list, complete):
     for command in complete(""):
-        if command.startswith("-"):
+        if command.startswith("-") or command == "help":
             continue
         text = clip_list.ok(command, "--help")
         options = {word.split("=")[0].rstrip(",") for word in text.split()
@@ -180,4 +182,69 @@ def test_the_tab_key_completes_the_line(clip_list, typed, line):
     words = shlex.split(line)
     assert "".join(f"[{word}]" for word in words) in output
     assert status == 0
+    assert_unharmed(clip_list.sandbox)
+
+
+# Other shells
+
+
+def has(shell):
+    return pytest.mark.skipif(not pathlib.Path(f"/usr/bin/{shell}").exists(), reason=f"needs {shell}")
+
+
+@pytest.fixture
+def complete_in_fish(clip_list):
+    """Completes a command line in fish and returns what it offers, without descriptions."""
+    def run(line):
+        script = f"source {ROOT}/data/fish-completion/sonobrikctl.fish; complete -C $argv[1]"
+        result = clip_list.sandbox.run(
+            ["fish", "--no-config", "-c", script, line],
+            env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin", "HOME": "/tmp"})
+        assert result.stderr == ""
+        assert_unharmed(clip_list.sandbox)
+        return [offer.split("\t")[0] for offer in result.stdout.splitlines()]
+    return run
+
+
+@has("fish")
+def test_fish_offers_commands_options_and_names(clip_list, complete_in_fish):
+    assert complete_in_fish("sonobrikctl re") == ["remove", "rename"]
+    assert complete_in_fish("sonobrikctl help st") == ["status", "stop"]
+    assert complete_in_fish("sonobrikctl play --rep") == ["--repeat", "--replace"]
+    assert complete_in_fish("sonobrikctl play --repeat f") == ["forever"]
+    assert sorted(complete_in_fish("sonobrikctl rename ")) == sorted(
+        [*HARM, "Front door", "Front yard"])
+    assert complete_in_fish("sonobrikctl play Fr") == ["Front door", "Front yard"]
+
+
+@has("fish")
+def test_fish_offers_every_option_of_every_command(clip_list, complete_in_fish):
+    for command in complete_in_fish("sonobrikctl "):
+        if command != "help":
+            text = clip_list.ok(command, "--help")
+            options = {word.split("=")[0].rstrip(",") for word in text.split()
+                       if word.startswith("--")}
+            offered = {word for word in complete_in_fish(f"sonobrikctl {command} --")
+                       if word.startswith("--")}
+            assert offered == options, command
+
+
+@has("zsh")
+@pytest.mark.parametrize("typed, run", [
+    ("ren\tFro\tyar\t", "sonobrikctl rename Front\\ yard"),
+    ("play --rep\tl\t", "sonobrikctl play --replace"),
+    ("help sta\t", "sonobrikctl help status"),
+    ("remove \\$\\(t\t", "sonobrikctl remove \\$\\(touch\\ /tmp/harm\\)"),
+    ("play sa\t", "sonobrikctl play say\\ \\\"so\\\""),
+])
+def test_zsh_completes_commands_options_and_names(clip_list, typed, run):
+    # Prints the line instead of running it.
+    setup = ("PS1='rea''dy> '; export PATH=" + os.path.dirname(PROGRAM) + ":/usr/bin:/bin; "
+             f"fpath=({ROOT}/data/zsh-completion $fpath); autoload -U compinit; compinit -u -D; "
+             "show() { print -r -- \"line:${BUFFER% }:\"; exit }; zle -N show; bindkey '^X' show\n")
+    output, status = clip_list.on_terminal(
+        command=["zsh", "-f", "-i"], columns=200,
+        steps=[("% " if os.getuid() else "# ", setup), ("ready> ", f"sonobrikctl {typed}\x18")],
+        env={"HOME": "/tmp", "LANG": "C.UTF-8"})
+    assert f"line:{run}:" in output, output
     assert_unharmed(clip_list.sandbox)

@@ -120,13 +120,13 @@ def test_play_returns_when_the_clip_plays_and_stop_stops_it(shell, sandbox, play
     shell.ok("play", long.path, "--repeat", "forever")
     wait_sound(sandbox)
     assert shell.ok("outputs").splitlines() == [
-        "OUTPUT  DEVICE  DEVICE-OUTPUT  STATE    FILE",
-        f"     0       0              0  playing  {long.path}"]
+        "OUTPUT  DEVICE  DEVICE-OUTPUT  NAME  STATE    FILE",
+        f"     0       0              0  -     playing  {long.path}"]
     for words in (["play", long.path], ["play", "--wait", long.path]):
         assert shell.fail(1, *words) == [
-            "A clip is already playing.", "stop it with 'sonobrikctl stop', or wait until it ends"]
+            "A clip is already playing.", "to stop it first: sonobrikctl play --replace"]
     shell.ok("stop")
-    assert shell.ok("outputs").splitlines()[1].split() == ["0", "0", "0", "idle"]
+    assert shell.ok("outputs").splitlines()[1].split() == ["0", "0", "0", "-", "idle"]
     shell.ok("stop")  # nothing is playing: not an error
 
 
@@ -191,10 +191,91 @@ def is_caught(pid):
 
 
 def test_a_missing_output_is_refused(shell, player, door):
-    assert shell.fail(1, "play", door.path, "--output", "3")[1] == (
-        "check that the output exists: sonobrikctl outputs")
+    assert shell.fail(1, "play", door.path, "--output", "3") == [
+        "there is no output 3; the outputs are: 0", "for more about them: sonobrikctl outputs"]
     lines = shell.fail(1, "play", door.path, "--device", "7", "--device-output", "0")
     assert lines[0].startswith("Error playing clip: ")
+
+
+def test_a_machine_without_outputs_is_said_to_have_none(shell, sandbox):
+    door = sandbox.write_clip("door.wav", clips.noise(480))
+    sandbox.set_outputs([])
+    sandbox.start_daemon()
+    assert shell.fail(1, "play", door.path) == [
+        "there is no audio output", "check that a sound card is present: aplay -l"]
+
+
+def test_no_sound_card_is_said_only_if_there_is_none(shell, sandbox, player, door):
+    lines = shell.fail(1, "play", door.path, "--device", "7", "--device-output", "0")
+    has_card = sandbox.run(["grep", "-q", "^ *[0-9]", "/proc/asound/cards"], check=False)
+    assert lines[1].startswith("the output may be unplugged" if has_card.returncode == 0 else
+                               "this machine has no sound card")
+
+
+def test_an_unsupported_format_comes_with_a_way_to_convert_it(shell, sandbox, player):
+    path = sandbox.write_clip("it's.flac", clips.noise(4800)).path
+    for words in (["play", path], ["add", path]):
+        assert shell.fail(1, *words) == [
+            f"'{path}' is not supported on this device.",
+            "convert it to WAV, MP3, Vorbis or Opus, for example: "
+            "ffmpeg -i 'it'\\''s.flac' 'it'\\''s.wav'"]
+    assert "; convert it to WAV" in shell.run("check", path).stdout
+
+
+# Replacing what plays
+
+
+@pytest.mark.parametrize("words", [[], ["--wait"]])
+def test_replace_stops_what_plays_first(shell, sandbox, player, long, door, words):
+    shell.ok("play", long.path, "--repeat", "forever")
+    wait_sound(sandbox)
+    shell.ok("play", "--replace", door.path, *words)
+    player.fence()
+    assert [event[4] for event in player.events if event[0] == "CurrentlyPlaying"] == [
+        long.path, door.path]
+    shell.ok("play", "--wait", "--replace", door.path)  # and works if nothing plays
+
+
+def test_replace_stops_nothing_for_a_clip_that_cannot_be_played(shell, sandbox, player, long):
+    shell.ok("play", long.path, "--repeat", "forever")
+    wait_sound(sandbox)
+    sandbox.write_file("notes.wav", b"text")
+    shell.fail(1, "play", "--replace", "/etc/audioclips/notes.wav")
+    shell.fail(5, "play", "--replace", "/etc/audioclips/none.wav")
+    shell.fail(5, "play", "--replace", "None")
+    shell.fail(1, "play", "--replace", "--output", "3", long.path)
+    player.fence()
+    assert player.events[-1][0] == "CurrentlyPlaying"
+    assert "playing" in shell.ok("outputs")
+
+
+# Names
+
+
+def test_a_clip_plays_by_the_name_of_its_file(shell, sandbox, player):
+    door = sandbox.write_clip("rooms/door.wav", clips.noise(480))
+    shell.ok("add", door.path, "--name", "Front")
+    for text in ("rooms/door.wav", "Front"):
+        shell.ok("play", "--wait", text)
+    player.fence()
+    assert [event[4] for event in player.events if event[0] == "CurrentlyPlaying"] == [
+        door.path] * 2
+    shell.ok("rename", "rooms/door.wav", "Back")
+    shell.ok("add", door.path, "--name", "Twice")
+    assert shell.fail(5, "play", "rooms/door.wav")[0].startswith("no such clip: 'rooms/door.wav'")
+
+
+@pytest.mark.parametrize("typed, meant", [
+    ("front door", "Front door"), ("Front dor", "Front door"), ("Frontd oor", "Front door"),
+    ("Front doors", "Front door"), ("Frunt door", "Front door"), ("FRONT.WAV", "front.wav"),
+    ("STRASSE", "Straße"), ("front", None), ("F", None), ("", None)])
+def test_a_similar_name_is_suggested(shell, sandbox, player, typed, meant):
+    sandbox.write_clip("front.wav", clips.noise(480))
+    shell.ok("add", "/etc/audioclips/front.wav", "--name", "Front door")
+    shell.ok("add", "/etc/audioclips/front.wav", "--name", "Straße")
+    assert shell.fail(5, "play", typed) == (
+        [f"no such clip: '{typed}'; did you mean '{meant}'?"] if meant else
+        [f"no such clip: '{typed}'", "to list all clips: sonobrikctl list"])
 
 
 # The command line
@@ -222,7 +303,8 @@ def test_an_invalid_command_line_is_refused(shell, words, line):
 
 
 @pytest.mark.parametrize("command", [
-    "add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "stop", "sync"])
+    "add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "status", "stop",
+    "sync"])
 def test_each_command_has_help(shell, command):
     assert f"  {command} " in shell.ok("--help")
     assert shell.ok(command, "--help").startswith(f"Usage:\n  sonobrikctl {command} ")

@@ -113,6 +113,69 @@ def test_the_confirmation_escapes_control_characters(shell, sandbox):
                              "'/etc/audioclips/\\x1b[2J' is kept. [y/N] ")
 
 
+def test_the_question_names_the_file_that_would_be_deleted(shell, door):
+    output, status = shell.on_terminal("remove", "--file", "0", steps=[("[y/N] ", "n\n")])
+    assert status == 1
+    assert output.startswith("Remove clip 0 'door' and its file '/etc/audioclips/door.wav'? ")
+    assert door.file.exists()
+    assert shell.on_terminal("remove", "--file", "0", steps=[("[y/N] ", "y\n")])[1] == 0
+    assert not door.file.exists()
+
+
+@pytest.mark.parametrize("words, refusal", [
+    (["add", "/etc/audioclips/door.wav"],
+     "'/etc/audioclips/door.wav' not added; to give it another name: --name"),
+    (["rename", "1", "door"], "clip not renamed")])
+def test_a_name_that_is_taken_is_asked_about(shell, door, words, refusal):
+    question = ("Clip 0 is already named 'door'. Then only the number tells them apart. "
+                "Use the name anyway? [y/N] ")
+    shell.ok("add", door.path, "--name", "other")
+    output, status = shell.on_terminal(*words, steps=[("[y/N] ", "n\n")])
+    assert status == 1
+    assert output.startswith(question)
+    assert output.endswith(f"sonobrikctl: {refusal}\r\n")
+    assert "door\n" in shell.ok("list", "--names")
+    assert shell.on_terminal(*words, steps=[("[y/N] ", "y\n")])[1] == 0
+    assert "door\n" not in shell.ok("list", "--names")  # now two clips have the name
+
+
+# Tables
+
+
+@pytest.mark.parametrize("columns", [50, 60, 79, 80, 120])
+def test_a_table_fits_on_the_terminal(shell, sandbox, door, columns):
+    sandbox.write_clip("a-long-folder-name/and-a-long-file-name.wav", clips.noise(480))
+    shell.ok("add", "/etc/audioclips/a-long-folder-name/and-a-long-file-name.wav", "--name",
+             "A name of more characters than fit, 鈴鈴鈴")
+    lines = shell.on_terminal("list", columns=columns, env={"NO_COLOR": "1"})[0].splitlines()
+    assert max(len(line) + line.count("鈴") for line in lines) <= columns
+    assert any("…" in line for line in lines) == (columns < 120)
+    assert "…" not in shell.ok("list")
+    assert "and-a-long-file-name.wav" in shell.ok("list")
+
+
+# The status
+
+
+def test_the_watch_shows_the_position_on_one_line(shell, sandbox, door):
+    shell.ok("play", "door", "--repeat", "forever")
+    output, _ = shell.on_terminal("status", "--watch", steps=[("0:00.", ""), ("0:00.", INTERRUPT)])
+    assert re.search(r"\r0:00\.\d / 0:01\.0  door  on output 0\x1b\[K", output)
+    assert "\n" not in output.removesuffix("\n")
+    shell.ok("stop")
+
+
+def test_the_watch_fits_on_one_line(shell, sandbox, door):
+    shell.ok("rename", "0", "鈴" * 50)
+    shell.ok("play", "0", "--repeat", "forever")
+    output, _ = shell.on_terminal("status", "--watch", columns=30,
+                                  steps=[("0:00.", ""), ("0:00.", INTERRUPT)])
+    for line in output.removesuffix("^C").split("\r")[1:]:
+        text = line.removesuffix("\x1b[K")
+        assert len(text) + text.count("鈴") < 30
+    shell.ok("stop")
+
+
 # The monitor
 
 

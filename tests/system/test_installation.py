@@ -151,7 +151,9 @@ STOCK = {"etc/alsa/conf.d/sonobrik.conf", "etc/vesk/access.conf", "etc/vesk/para
 STOCK_PAGES = {f"usr/share/man/man5/vesk-{name}.conf.5" for name in ("access", "parameters")}
 EXAMPLES = {f"usr/share/doc/sonobrik/examples/{server}/sonobrik.conf"
             for server in ("lighttpd", "nginx")}
-COMPLETION = {"usr/share/bash-completion/completions/sonobrikctl"}
+COMPLETION = {"usr/share/bash-completion/completions/sonobrikctl",
+              "usr/share/fish/vendor_completions.d/sonobrikctl.fish",
+              "usr/share/zsh/vendor-completions/_sonobrikctl"}
 CLI_PAGE = {"usr/share/man/man1/sonobrikctl.1"}
 WITHOUT = {
     "cli": {"usr/bin/sonobrikctl"} | CLI_PAGE | COMPLETION,

@@ -22,4 +22,9 @@ GQuark client_error_quark(void);
 /* The beginnings of the daemon's error texts that clients recognise. */
 inline constexpr const char *CLIENT_TEXT_BUSY = "A clip is already playing.";
 inline constexpr const char *CLIENT_TEXT_BAD_OPTIONS = "Failed to parse/validate option string";
+inline constexpr const char *CLIENT_TEXT_NO_OUTPUT =
+    "Error playing clip: Could not set receive pipeline";
 inline constexpr const char *CLIENT_TEXT_NO_FILE = "No supported file(s) found at";
+
+/* The end of the text for a file whose format GStreamer knows and the daemon does not play. */
+inline constexpr const char *CLIENT_TEXT_UNSUPPORTED = "is not supported on this device.";

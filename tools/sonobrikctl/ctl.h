@@ -38,5 +38,6 @@ int ctl_outputs(const CtlCommand *command, char **words);
 int ctl_play(const CtlCommand *command, char **words);
 int ctl_remove(const CtlCommand *command, char **words);
 int ctl_rename(const CtlCommand *command, char **words);
+int ctl_status(const CtlCommand *command, char **words);
 int ctl_stop(const CtlCommand *command, char **words);
 int ctl_sync(const CtlCommand *command, char **words);

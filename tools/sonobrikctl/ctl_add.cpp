@@ -1,5 +1,6 @@
 #include "ctl.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -7,11 +8,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
+#include <vector>
 
 #include "autoptr.h"
 #include "client_bus.h"
+#include "client_text.h"
+#include "ctl_ask.h"
 #include "ctl_clips.h"
 #include "ctl_copy.h"
+#include "ctl_limit.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
 
@@ -42,14 +47,37 @@ std::string find_location(const char *path)
     return CLIENT_CLIP_FOLDER + folder.substr(clips.size()) + "/" + name;
 }
 
-/* Returns false after printing an error, and sets `status`, if `path` is missing or a folder. */
+struct Options {
+    char *name; /* owned */
+    gboolean is_copying;
+    gboolean is_replacing;
+};
+
+void clear_options(Options *options)
+{
+    g_free(options->name);
+}
+G_DEFINE_AUTO_CLEANUP_CLEAR_FUNC(Options, clear_options)
+
+/* A file to add. */
+struct File {
+    std::string path; /* absolute */
+    std::string
+        location;     /* where it is under the clip folder; empty if it has to be copied there */
+    std::string name; /* of the clip */
+};
+
+/* What all files of a command line have in common. */
+struct Job {
+    sd_bus *bus;
+    const Options *options;
+    std::vector<File> files;
+    GPtrArray *clips; /* owned; as they were at the start; null if this user may not list them */
+};
+
+/* Returns false after printing an error, and sets `status`, if `path` is missing. */
 bool check_exists(const char *path, int *status)
 {
-    if (g_file_test(path, G_FILE_TEST_IS_DIR)) {
-        ctl_error("'%s' is a directory; add one of its files", path);
-        *status = CTL_USAGE;
-        return false;
-    }
     if (access(path, F_OK) < 0) {
         ctl_error("cannot add '%s': %s", path, g_strerror(errno));
         *status = errno == ENOENT || errno == ENOTDIR ? CTL_NO_CLIP : CTL_FAILED;
@@ -69,21 +97,112 @@ std::string default_name(const std::string &location)
     return name;
 }
 
-int add(sd_bus *bus, const std::string &location, const char *name)
+/* Makes the file at `path` part of the job. Returns the exit status, with an error printed. */
+int take_file(Job *job, const char *path)
+{
+    int status = CTL_OK;
+    if (!check_exists(path, &status)) {
+        return status;
+    }
+    const Options &options = *job->options;
+    File file = {.path = ctl_clips_absolute(path), .location = "", .name = ""};
+    file.location = find_location(file.path.c_str());
+    file.name = options.name ? options.name : default_name(file.path);
+    if (file.location.empty() && !options.is_copying) {
+        ctl_error("'%s' is not under %s", path, CLIENT_CLIP_FOLDER);
+        ctl_error("move it there, or let sonobrikctl copy it: sonobrikctl add --copy FILE");
+        return CTL_USAGE;
+    }
+    if (!g_utf8_validate(file.path.c_str(), -1, nullptr)) {
+        ctl_error("file names must be valid UTF-8: '%s'", path);
+        return CTL_USAGE;
+    }
+    if (!ctl_clips_check_name(file.name.c_str())) {
+        return CTL_USAGE;
+    }
+    job->files.push_back(file);
+    return CTL_OK;
+}
+
+/* Does the same with all files of a folder, except hidden ones, but not with folders in it. */
+int take_folder(Job *job, const char *folder)
 {
     g_autoptr(GError) error = nullptr;
-    if (!ctl_clips_is_supported(bus, location.c_str(), &error)) {
-        const CtlCall call = ctl_clips_supported_call(bus, location.c_str());
-        return ctl_explain(&call, error);
+    g_autoptr(GDir) dir = g_dir_open(folder, 0, &error);
+    if (!dir) {
+        ctl_error("cannot read '%s': %s", folder, error->message);
+        return CTL_FAILED;
     }
+    std::vector<std::string> paths;
+    while (const char *name = g_dir_read_name(dir)) {
+        g_autofree char *path = g_build_filename(folder, name, nullptr);
+        if (*name != '.' && g_file_test(path, G_FILE_TEST_IS_REGULAR)) {
+            paths.emplace_back(path);
+        }
+    }
+    std::ranges::sort(paths);
+    int status = CTL_OK;
+    for (size_t i = 0; i < paths.size() && status == CTL_OK; i++) {
+        status = take_file(job, paths[i].c_str());
+    }
+    if (paths.empty()) {
+        ctl_error("there are no files in '%s'", folder);
+        return CTL_NO_CLIP;
+    }
+    return status;
+}
+
+/* Checks all operands before anything is added. Returns the exit status. */
+int take_operands(Job *job, char **operands)
+{
+    int status = CTL_OK;
+    for (char **operand = operands; *operand && status == CTL_OK; operand++) {
+        status = g_file_test(*operand, G_FILE_TEST_IS_DIR) ? take_folder(job, *operand)
+                                                           : take_file(job, *operand);
+    }
+    if (status == CTL_OK && job->options->name && job->files.size() > 1) {
+        ctl_error("--name is for one file, not for %zu", job->files.size());
+        return CTL_USAGE;
+    }
+    return status;
+}
+
+/* Explains why the daemon cannot play `path`, a copy of `shown`, which the user knows. */
+int explain_unsupported(sd_bus *bus, const std::string &path, const std::string &shown,
+                        const GError *error)
+{
+    std::string text = error->message;
+    for (size_t at = text.find(path); at != std::string::npos; at = text.find(path, at)) {
+        text.replace(at, path.size(), shown);
+        at += shown.size();
+    }
+    g_autoptr(GError) named = g_error_new_literal(error->domain, error->code, text.c_str());
+    CtlCall call = ctl_clips_supported_call(bus, path.c_str());
+    call.shown = shown.c_str();
+    return ctl_explain(&call, named);
+}
+
+void print_number(const Job &job, const File &file, gint32 number)
+{
+    if (job.files.size() == 1) {
+        printf("%d\n", number);
+    } else {
+        printf("%d %s\n", number, client_text_escape(file.name).c_str());
+    }
+}
+
+/* Stores a clip and prints its number. Returns the exit status. */
+int store(const Job &job, const File &file, const std::string &location, const char *name)
+{
+    g_autoptr(GError) error = nullptr;
     const CtlCall call = {
-        .bus = bus,
+        .bus = job.bus,
         .interface = &CLIENT_SONOBRIK,
         .method = "AddClip",
     };
-    sd_bus_message *message = client_bus_new_call(bus, call.interface, call.method, &error, "sss",
-                                                  location.c_str(), name, "audio");
-    g_autoptr(sd_bus_message) answer = client_bus_call(bus, message, &error);
+    sd_bus_message *message = client_bus_new_call(job.bus, call.interface, call.method, &error,
+                                                  "sss", location.c_str(), name, "audio");
+    g_autoptr(sd_bus_message) answer = client_bus_call(job.bus, message, &error);
     gint32 number = 0;
     if (answer) {
         const int r = sd_bus_message_read(answer, "i", &number);
@@ -91,21 +210,89 @@ int add(sd_bus *bus, const std::string &location, const char *name)
             g_set_error_literal(&error, CLIENT_ERROR, CLIENT_ERROR_REPLY, g_strerror(-r));
         }
     }
-    if (error) {
-        return ctl_explain(&call, error);
+    if (!error) {
+        print_number(job, file, number);
+        return CTL_OK;
     }
-    printf("%d\n", number);
-    return CTL_OK;
+    if (error->code == CLIENT_ERROR_METHOD && ctl_limit_explain(job.bus)) {
+        return CTL_FAILED;
+    }
+    return ctl_explain(&call, error);
 }
 
-/* Copies `file`, an absolute path outside the clip folder, into it and adds the copy as a clip. */
-int copy_and_add(sd_bus *bus, const char *file, const char *name)
+/* Returns true if a clip that is added after `number` was removed gets this number again. */
+bool is_lowest_free(const GPtrArray *clips, gint32 number)
 {
-    const std::string location = ctl_copy_to_clips(file);
+    for (gint32 lower = 0; lower < number; lower++) {
+        if (!client_clips_get(clips, lower)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/*
+ * Makes the daemon read length and size of a stored clip again. It does that only for new clips, so
+ * the clip is removed and stored again, unless that would give it another number.
+ */
+int refresh(const Job &job, const File &file, const ClientClip &clip)
+{
+    const std::string location = clip.location;
+    const std::string name = job.options->name ? file.name : clip.name;
+    if (!is_lowest_free(job.clips, clip.number)) {
+        print_number(job, file, clip.number);
+        ctl_error(
+            "clip %d plays the new recording; to keep its number, 'list' shows the length and "
+            "size of the old one",
+            clip.number);
+        return CTL_OK;
+    }
+    const int status = ctl_clips_remove(job.bus, clip.number);
+    return status == CTL_OK ? store(job, file, location, name.c_str()) : status;
+}
+
+/* Adds the file at `location`, which the daemon can play, or updates the clips that have it. */
+int store_or_refresh(const Job &job, const File &file, const std::string &location)
+{
+    bool is_stored = false;
+    int status = CTL_OK;
+    for (guint i = 0; job.options->is_replacing && i < job.clips->len && status == CTL_OK; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(job.clips, i));
+        if (location == clip->location) {
+            is_stored = true;
+            status = refresh(job, file, *clip);
+        }
+    }
+    if (is_stored) {
+        return status;
+    }
+    const ClientClip *other =
+        job.clips ? ctl_clips_find_name(job.clips, file.name.c_str(), -1) : nullptr;
+    if (other && !ctl_clips_ask_name(*other)) {
+        ctl_error("'%s' not added; to give it another name: --name", file.path.c_str());
+        return CTL_FAILED;
+    }
+    return store(job, file, location, file.name.c_str());
+}
+
+/* Adds a file that is in the clip folder, or a copy of the file. */
+int add(const Job &job, const File &file, const std::string &location)
+{
+    g_autoptr(GError) error = nullptr;
+    if (!ctl_clips_is_supported(job.bus, location.c_str(), &error)) {
+        return explain_unsupported(job.bus, location, file.path, error);
+    }
+    return store_or_refresh(job, file, location);
+}
+
+/* Copies a file into the clip folder and adds the copy. */
+int copy_and_add(const Job &job, const File &file)
+{
+    const std::string location = ctl_copy_to_clips(file.path.c_str());
     if (location.empty()) {
         return CTL_FAILED;
     }
-    const int status = add(bus, location, name);
+    const int status = add(job, file, location);
     /* If the daemon went away before it replied, it may have stored the clip. */
     if (status != CTL_OK && status != CTL_AWAY) {
         unlink(location.c_str());
@@ -113,43 +300,82 @@ int copy_and_add(sd_bus *bus, const char *file, const char *name)
     return status;
 }
 
+/* Copies a file over another one in the clip folder, if the daemon can play it. */
+int copy_over(const Job &job, const File &file, const std::string &location)
+{
+    const std::string copy = ctl_copy_beside_clips(file.path.c_str());
+    if (copy.empty()) {
+        return CTL_FAILED;
+    }
+    g_autoptr(GError) error = nullptr;
+    if (!ctl_clips_is_supported(job.bus, copy.c_str(), &error)) {
+        const int status = explain_unsupported(job.bus, copy, file.path, error);
+        unlink(copy.c_str());
+        return status;
+    }
+    if (rename(copy.c_str(), location.c_str()) < 0) {
+        ctl_error("cannot replace '%s': %s", location.c_str(), g_strerror(errno));
+        unlink(copy.c_str());
+        return CTL_FAILED;
+    }
+    return store_or_refresh(job, file, location);
+}
+
+int add_file(const Job &job, const File &file)
+{
+    if (!file.location.empty()) {
+        return add(job, file, file.location);
+    }
+    const std::string location = ctl_copy_destination(file.path.c_str());
+    return job.options->is_replacing && access(location.c_str(), F_OK) == 0
+               ? copy_over(job, file, location)
+               : copy_and_add(job, file);
+}
+
+/* Adds all files. Returns the status of the first that cannot be added. */
+int add_files(Job *job)
+{
+    int first = CTL_OK;
+    if (job->options->is_replacing) {
+        job->clips = ctl_clips_list(job->bus, false, &first);
+        if (!job->clips) {
+            return first;
+        }
+    } else if (ctl_ask_possible()) {
+        job->clips = client_clips_list(job->bus, false, nullptr);
+    }
+    for (const File &file : job->files) {
+        const int status = add_file(*job, file);
+        /* These would be the same for every further file. */
+        if (status == CTL_AWAY || status == CTL_DENIED) {
+            return status;
+        }
+        first = first == CTL_OK ? status : first;
+    }
+    return first;
+}
+
 } // namespace
 
 int ctl_add(const CtlCommand *command, char **words)
 {
-    g_autofree char *name = nullptr;
-    gboolean is_copying = FALSE;
+    g_auto(Options) options = {};
     const GOptionEntry entries[] = {
         ctl_options_value("name", 'n', "Clip name (default: file name without suffix)", "NAME",
-                          &name),
-        ctl_options_flag("copy", 'c', "Copy the file to /etc/audioclips first", &is_copying),
+                          &options.name),
+        ctl_options_flag("copy", 'c', "Copy files to /etc/audioclips first", &options.is_copying),
+        ctl_options_flag("replace", 0, "Replace the recording of a clip that has this file",
+                         &options.is_replacing),
         {},
     };
-    std::string path;
-    std::string location;
-    std::string title;
-    const auto check = [&](char **operands) -> int {
-        int status = CTL_OK;
-        if (!check_exists(operands[0], &status)) {
-            return status;
-        }
-        path = ctl_clips_absolute(operands[0]);
-        location = find_location(path.c_str());
-        if (location.empty() && !is_copying) {
-            ctl_error("'%s' is not under %s", operands[0], CLIENT_CLIP_FOLDER);
-            ctl_error("move it there, or let sonobrikctl copy it: sonobrikctl add --copy FILE");
-            return CTL_USAGE;
-        }
-        title = name ? name : default_name(path);
-        if (!g_utf8_validate(path.c_str(), -1, nullptr) ||
-            !g_utf8_validate(title.c_str(), -1, nullptr)) {
-            ctl_error("clip and file names must be valid UTF-8");
-            return CTL_USAGE;
-        }
-        return CTL_OK;
+    Job job = {.bus = nullptr, .options = &options, .files = {}, .clips = nullptr};
+    const auto check = [&job](char **operands) {
+        return take_operands(&job, operands);
     };
-    return ctl_options_run(command, words, entries, check, [&](sd_bus *bus, char **) {
-        return location.empty() ? copy_and_add(bus, path.c_str(), title.c_str())
-                                : add(bus, location, title.c_str());
+    return ctl_options_run(command, words, entries, check, [&job](sd_bus *bus, char **) {
+        job.bus = bus;
+        const int status = add_files(&job);
+        g_clear_pointer(&job.clips, g_ptr_array_unref);
+        return status;
     });
 }

@@ -1,21 +1,20 @@
 #include "ctl.h"
 
-#include <cstdio>
+#include <cerrno>
 #include <cstring>
 #include <functional>
+#include <string>
 #include <unistd.h>
 
 #include "autoptr.h"
 #include "client_bus.h"
-#include "client_text.h"
+#include "ctl_ask.h"
 #include "ctl_clips.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
 
 namespace
 {
-
-constexpr size_t MAX_NAME = 255; /* bytes; the daemon accepts no longer names */
 
 /* Sends a call of the legacy interface, as ctl_send() does. */
 int call_legacy(sd_bus *bus, const char *method, sd_bus_message *message, GError *failure)
@@ -41,36 +40,69 @@ int set_name(sd_bus *bus, gint32 number, const char *name)
     return call_legacy(bus, "SetConfigurationEntry", message, error);
 }
 
-int remove_clip(sd_bus *bus, gint32 number)
+/*
+ * Returns true if the user may delete the clip's file, which no other clip may have. Prints an
+ * error otherwise. This is checked before the clip is removed, so that not half of it is done.
+ */
+bool may_delete(const GPtrArray *clips, const ClientClip &clip)
 {
-    GError *error = nullptr;
-    sd_bus_message *message =
-        client_bus_new_call(bus, &CLIENT_LEGACY, "RemoveConfiguration", &error, "i", number);
-    return call_legacy(bus, "RemoveConfiguration", message, error);
-}
-
-/* Asks the user for confirmation on the terminal. Anything but "y" or "yes" means no. */
-bool is_confirmed(const ClientClip &clip)
-{
-    fprintf(stderr, "Remove clip %d '%s'? The file '%s' is kept. [y/N] ", clip.number,
-            client_text_escape(clip.name).c_str(), client_text_escape(clip.location).c_str());
-    fflush(stderr);
-    char line[16] = "";
-    if (!fgets(line, sizeof line, stdin)) {
-        fputc('\n', stderr);
+    const char *path = clip.location;
+    if (client_clips_relative(path) == path || strstr(path, "/../")) {
+        ctl_error("'%s' is not under %s, so sonobrikctl does not delete it", path,
+                  CLIENT_CLIP_FOLDER);
         return false;
     }
-    g_strstrip(line);
-    return g_ascii_strcasecmp(line, "y") == 0 || g_ascii_strcasecmp(line, "yes") == 0;
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *other = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        if (other->number != clip.number && g_str_equal(other->location, path)) {
+            ctl_error("clip %d has the same file, '%s'; remove only the clip, without --file",
+                      other->number, path);
+            return false;
+        }
+    }
+    g_autofree char *folder = g_path_get_dirname(path);
+    if (access(folder, W_OK | X_OK) < 0 && errno != ENOENT) {
+        ctl_error("cannot delete '%s': %s", path, g_strerror(errno));
+        ctl_error("only root and members of group '" SONOBRIK_CONFIG_GROUP "' may do that");
+        return false;
+    }
+    return true;
 }
 
-/* Calls `change` with the clip that `text` identifies. Returns the exit status. */
-int change_clip(sd_bus *bus, const char *text, const std::function<int(const ClientClip &)> &change)
+/* Deletes the file of a clip that was removed. Returns the exit status. */
+int delete_file(const char *path)
+{
+    if (unlink(path) == 0 || errno == ENOENT) {
+        return CTL_OK;
+    }
+    ctl_error("the clip is removed, but not its file: cannot delete '%s': %s", path,
+              g_strerror(errno));
+    return CTL_FAILED;
+}
+
+std::string make_question(const ClientClip &clip, bool with_file)
+{
+    const std::string name = "Remove clip " + std::to_string(clip.number) + " '" + clip.name + "'";
+    const std::string file = std::string("file '") + clip.location + "'";
+    return with_file ? name + " and its " + file + "?" : name + "? The " + file + " is kept.";
+}
+
+/* Asks about a name that another clip has. Without a terminal nobody is asked, and it is used. */
+bool may_use_name(const GPtrArray *clips, const ClientClip &clip, const char *name)
+{
+    const ClientClip *other = ctl_clips_find_name(clips, name, clip.number);
+    return !other || ctl_clips_ask_name(*other);
+}
+
+using Change = std::function<int(const GPtrArray *clips, const ClientClip &clip)>;
+
+/* Calls `change` with all clips and the one that `text` identifies. Returns the exit status. */
+int change_clip(sd_bus *bus, const char *text, const Change &change)
 {
     int status = CTL_OK;
     g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, &status);
     const ClientClip *clip = clips ? ctl_clips_find(clips, text, &status) : nullptr;
-    return clip ? change(*clip) : status;
+    return clip ? change(clips, *clip) : status;
 }
 
 } // namespace
@@ -78,44 +110,54 @@ int change_clip(sd_bus *bus, const char *text, const std::function<int(const Cli
 int ctl_rename(const CtlCommand *command, char **words)
 {
     const auto check = [](char **operands) {
-        const char *name = operands[1];
-        if (g_utf8_validate(name, -1, nullptr) && strlen(name) <= MAX_NAME) {
-            return CTL_OK;
-        }
-        ctl_error("clip names must be valid UTF-8 and at most %zu bytes long", MAX_NAME);
-        return CTL_USAGE;
+        return ctl_clips_check_name(operands[1]) ? CTL_OK : CTL_USAGE;
     };
-    return ctl_options_run(command, words, nullptr, check, [](sd_bus *bus, char **operands) {
-        return change_clip(bus, operands[0], [bus, operands](const ClientClip &clip) {
-            return set_name(bus, clip.number, operands[1]);
-        });
-    });
+    const auto rename = [](sd_bus *bus, char **operands) {
+        const char *name = operands[1];
+        return change_clip(bus, operands[0],
+                           [bus, name](const GPtrArray *clips, const ClientClip &clip) -> int {
+                               if (may_use_name(clips, clip, name)) {
+                                   return set_name(bus, clip.number, name);
+                               }
+                               ctl_error("clip not renamed");
+                               return CTL_FAILED;
+                           });
+    };
+    return ctl_options_run(command, words, nullptr, check, rename);
 }
 
 int ctl_remove(const CtlCommand *command, char **words)
 {
     gboolean is_sure = FALSE;
+    gboolean with_file = FALSE;
     const GOptionEntry entries[] = {
+        ctl_options_flag("file", 'f', "Delete its file too", &with_file),
         ctl_options_flag("yes", 'y', "Do not ask for confirmation", &is_sure),
         {},
     };
     const auto check = [&is_sure](char **) {
-        if (is_sure || isatty(STDIN_FILENO)) {
+        if (is_sure || ctl_ask_possible()) {
             return CTL_OK;
         }
         ctl_error("not a terminal, cannot ask for confirmation; use --yes");
         return CTL_USAGE;
     };
-    const auto remove = [&is_sure](sd_bus *bus, char **operands) {
-        return change_clip(bus, operands[0], [bus, &is_sure](const ClientClip &clip) -> int {
-            if (is_sure || is_confirmed(clip)) {
-                return remove_clip(bus, clip.number);
-            }
+    const auto remove = [&](sd_bus *bus, const GPtrArray *clips, const ClientClip &clip) -> int {
+        if (with_file && !may_delete(clips, clip)) {
+            return CTL_FAILED;
+        }
+        if (!is_sure && !ctl_ask(make_question(clip, with_file))) {
             ctl_error("clip not removed");
             return CTL_FAILED;
-        });
+        }
+        const int status = ctl_clips_remove(bus, clip.number);
+        return status == CTL_OK && with_file ? delete_file(clip.location) : status;
     };
-    return ctl_options_run(command, words, entries, check, remove);
+    return ctl_options_run(command, words, entries, check, [&](sd_bus *bus, char **operands) {
+        return change_clip(bus, operands[0], [&](const GPtrArray *clips, const ClientClip &clip) {
+            return remove(bus, clips, clip);
+        });
+    });
 }
 
 int ctl_sync(const CtlCommand *command, char **words)

@@ -35,7 +35,10 @@ int check_file(sd_bus *bus, const char *file)
         return ctl_explain(&call, error);
     }
     bool is_missing = false;
-    const std::string reason = ctl_file_explain(bus, path.c_str(), &is_missing);
+    std::string reason = ctl_file_explain(bus, path.c_str(), &is_missing);
+    if (reason.empty() && g_str_has_suffix(error->message, CLIENT_TEXT_UNSUPPORTED)) {
+        reason = ctl_file_advise_convert(path.c_str());
+    }
     print_result(file, error->message + (reason.empty() ? "" : "; " + reason));
     return is_missing ? CTL_NO_CLIP : CTL_FAILED;
 }

@@ -1,9 +1,50 @@
 #include "ctl_clips.h"
 
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
 #include "autoptr.h"
 #include "client_bus.h"
 #include "ctl.h"
+#include "ctl_ask.h"
 #include "ctl_say.h"
+
+namespace
+{
+
+const ClientClip *get(const GPtrArray *clips, guint i)
+{
+    return static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+}
+
+/* Returns the characters of `text` without regard to case. */
+std::vector<gunichar> fold(const char *text)
+{
+    g_autofree char *folded = g_utf8_casefold(text, -1);
+    glong length = 0;
+    g_autofree gunichar *characters = g_utf8_to_ucs4_fast(folded, -1, &length);
+    return {characters, characters + length};
+}
+
+/* Returns true if at most one character was added, left out, replaced, or swapped with the next. */
+bool is_similar(const std::vector<gunichar> &a, const std::vector<gunichar> &b)
+{
+    const auto [left, right] = std::ranges::mismatch(a, b);
+    const auto rest_a = std::vector<gunichar>(left, a.end());
+    const auto rest_b = std::vector<gunichar>(right, b.end());
+    const auto ends_alike = [&rest_a, &rest_b](size_t skip_a, size_t skip_b) {
+        return rest_a.size() >= skip_a && rest_b.size() >= skip_b &&
+               std::equal(rest_a.begin() + skip_a, rest_a.end(), rest_b.begin() + skip_b,
+                          rest_b.end());
+    };
+    const bool is_swapped = rest_a.size() >= 2 && rest_b.size() >= 2 && rest_a[0] == rest_b[1] &&
+                            rest_a[1] == rest_b[0] && ends_alike(2, 2);
+    return ends_alike(0, 0) || ends_alike(1, 0) || ends_alike(0, 1) || ends_alike(1, 1) ||
+           is_swapped;
+}
+
+} // namespace
 
 GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status)
 {
@@ -12,20 +53,19 @@ GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status)
     if (clips) {
         return clips;
     }
-    CtlCall call = {
+    /* A list with metadata takes two calls, and different users may make them. */
+    if (with_metadata && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_DENIED)) {
+        clips = client_clips_list(bus, false, nullptr);
+        if (clips) {
+            *status = CTL_DENIED;
+            return clips;
+        }
+    }
+    const CtlCall call = {
         .bus = bus,
         .interface = &CLIENT_LEGACY,
         .method = "GetConfigurations",
     };
-    /* A list with metadata takes two calls, and different users may make them. Finds out which of
-     * the two was denied. */
-    if (with_metadata && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_DENIED)) {
-        g_autoptr(GPtrArray) entries = client_clips_list(bus, false, nullptr);
-        if (entries) {
-            call.interface = &CLIENT_SONOBRIK;
-            call.method = "GetMetadata";
-        }
-    }
     *status = ctl_explain(&call, error);
     return nullptr;
 }
@@ -34,14 +74,71 @@ const ClientClip *ctl_clips_find(const GPtrArray *clips, const char *text, int *
 {
     g_autoptr(GError) error = nullptr;
     const ClientClip *clip = client_clips_find(clips, text, &error);
-    if (!clip) {
-        const CtlCall call = {
-            .interface = &CLIENT_LEGACY,
-            .method = "GetConfigurations",
-        };
-        *status = ctl_explain(&call, error);
+    if (!clip && !ctl_clips_find_name(clips, text, -1)) {
+        clip = ctl_clips_find_file(clips, text);
     }
-    return clip;
+    if (clip) {
+        return clip;
+    }
+    const char *similar = ctl_clips_similar(clips, text);
+    if (similar && !g_str_equal(similar, text)) {
+        ctl_error("%s; did you mean '%s'?", error->message, similar);
+        *status = CTL_NO_CLIP;
+        return nullptr;
+    }
+    const CtlCall call = {
+        .interface = &CLIENT_LEGACY,
+        .method = "GetConfigurations",
+    };
+    *status = ctl_explain(&call, error);
+    return nullptr;
+}
+
+const ClientClip *ctl_clips_find_file(const GPtrArray *clips, const char *text)
+{
+    const ClientClip *found = nullptr;
+    for (guint i = 0; i < clips->len && *text != '\0'; i++) {
+        const ClientClip *clip = get(clips, i);
+        if (g_str_equal(clip->location, text) ||
+            g_str_equal(client_clips_relative(clip->location), text)) {
+            if (found) {
+                return nullptr;
+            }
+            found = clip;
+        }
+    }
+    return found;
+}
+
+const ClientClip *ctl_clips_find_name(const GPtrArray *clips, const char *name, gint64 except)
+{
+    for (guint i = 0; i < clips->len; i++) {
+        if (g_str_equal(get(clips, i)->name, name) && get(clips, i)->number != except) {
+            return get(clips, i);
+        }
+    }
+    return nullptr;
+}
+
+const char *ctl_clips_similar(const GPtrArray *clips, const char *text)
+{
+    constexpr size_t SHORTEST = 3; /* any two shorter texts would be similar */
+    if (!g_utf8_validate(text, -1, nullptr)) {
+        return nullptr;
+    }
+    const std::vector<gunichar> wanted = fold(text);
+    for (guint i = 0; i < clips->len; i++) {
+        for (const char *known : {static_cast<const char *>(get(clips, i)->name),
+                                  client_clips_relative(get(clips, i)->location)}) {
+            const std::vector<gunichar> folded = fold(known);
+            if (*known != '\0' &&
+                (folded == wanted || (wanted.size() >= SHORTEST && folded.size() >= SHORTEST &&
+                                      is_similar(folded, wanted)))) {
+                return known;
+            }
+        }
+    }
+    return nullptr;
 }
 
 std::string ctl_clips_absolute(const char *path)
@@ -73,4 +170,34 @@ CtlCall ctl_clips_supported_call(sd_bus *bus, const char *path)
         .method = "SupportedFile",
         .path = path,
     };
+}
+
+bool ctl_clips_check_name(const char *name)
+{
+    constexpr size_t MAX_NAME = 255; /* bytes; the daemon accepts no longer names */
+    if (g_utf8_validate(name, -1, nullptr) && strlen(name) <= MAX_NAME) {
+        return true;
+    }
+    ctl_error("clip names must be valid UTF-8 and at most %zu bytes long", MAX_NAME);
+    return false;
+}
+
+bool ctl_clips_ask_name(const ClientClip &other)
+{
+    return !ctl_ask_possible() ||
+           ctl_ask("Clip " + std::to_string(other.number) + " is already named '" + other.name +
+                   "'. Then only the number tells them apart. Use the name anyway?");
+}
+
+int ctl_clips_remove(sd_bus *bus, gint32 number)
+{
+    const CtlCall call = {
+        .bus = bus,
+        .interface = &CLIENT_LEGACY,
+        .method = "RemoveConfiguration",
+    };
+    GError *error = nullptr;
+    sd_bus_message *message =
+        client_bus_new_call(bus, call.interface, call.method, &error, "i", number);
+    return ctl_send(&call, message, error);
 }

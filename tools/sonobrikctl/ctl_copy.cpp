@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <glib.h>
 #include <initializer_list>
@@ -14,6 +15,8 @@
 
 namespace
 {
+
+constexpr const char *UNIQUE = ".XXXXXX";
 
 bool write_all(int fd, const char *data, ssize_t length)
 {
@@ -91,13 +94,11 @@ void explain_create(const std::string &path)
     }
 }
 
-} // namespace
-
-std::string ctl_copy_to_clips(const char *source)
+/* Copies `source` to the new file `path`. If `path` ends with "XXXXXX", replaces that with letters
+ * that make the name unique. Returns the path, or an empty string after printing an error. */
+std::string copy(const char *source, std::string path)
 {
     constexpr mode_t PRIVATE_UNTIL_COMPLETE = 0600;
-    g_autofree char *name = g_path_get_basename(source);
-    const std::string path = std::string(CLIENT_CLIP_FOLDER) + "/" + name;
     /* Without O_NONBLOCK, opening a FIFO waits until another process writes to it. */
     const int from = open(source, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat found = {};
@@ -117,7 +118,9 @@ std::string ctl_copy_to_clips(const char *source)
      * file exists. */
     const sigset_t signals = block_signals();
     const int to =
-        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_UNTIL_COMPLETE);
+        path.ends_with(UNIQUE)
+            ? mkostemp(path.data(), O_CLOEXEC)
+            : open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_UNTIL_COMPLETE);
     if (to < 0) {
         explain_create(path);
     }
@@ -125,4 +128,23 @@ std::string ctl_copy_to_clips(const char *source)
     sigprocmask(SIG_SETMASK, &signals, nullptr);
     close(from);
     return is_copied ? path : "";
+}
+
+} // namespace
+
+std::string ctl_copy_destination(const char *source)
+{
+    g_autofree char *name = g_path_get_basename(source);
+    return std::string(CLIENT_CLIP_FOLDER) + "/" + name;
+}
+
+std::string ctl_copy_to_clips(const char *source)
+{
+    return copy(source, ctl_copy_destination(source));
+}
+
+std::string ctl_copy_beside_clips(const char *source)
+{
+    g_autofree char *name = g_path_get_basename(source);
+    return copy(source, std::string(CLIENT_CLIP_FOLDER) + "/." + name + UNIQUE);
 }

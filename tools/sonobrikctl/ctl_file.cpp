@@ -250,3 +250,14 @@ std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const c
     *is_missing = walk.is_missing;
     return walk.reason;
 }
+
+std::string ctl_file_advise_convert(const char *path)
+{
+    g_autofree char *name = g_path_get_basename(path);
+    const char *dot = strrchr(name, '.');
+    const std::string stem(name, dot && dot != name ? dot - name : strlen(name));
+    g_autofree char *from = g_shell_quote(name);
+    g_autofree char *to = g_shell_quote((stem + ".wav").c_str());
+    return std::string("convert it to WAV, MP3, Vorbis or Opus, for example: ffmpeg -i ") + from +
+           " " + to;
+}

@@ -14,10 +14,13 @@
  */
 std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing);
 
+/* Returns a message that shows how to convert the file at `path` to a format of the daemon. */
+std::string ctl_file_advise_convert(const char *path);
+
 /*
- * Does the same for the given user, whose name the message shows, by the file modes along the path.
- * Access is assumed for root and wherever there is an access control list, because the modes do not
- * decide there.
+ * Does the same as ctl_file_explain() for the given user, whose name the message shows, by the file
+ * modes along the path. Access is assumed for root and wherever there is an access control list,
+ * because the modes do not decide there.
  */
 std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const char *name,
                                  const char *path, bool *is_missing);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 
@@ -16,6 +17,8 @@
 
 namespace
 {
+
+constexpr gint32 NO_CLIP = -1;
 
 /* What to play. */
 struct Target {
@@ -32,6 +35,7 @@ struct Options {
     char *device;
     char *device_output;
     gboolean is_waiting;
+    gboolean is_replacing;
 };
 
 void clear_options(Options *options)
@@ -92,6 +96,62 @@ bool use_file(const char *text, Target *target, int *status)
     return true;
 }
 
+/* Returns the outputs as "0, 1"; empty if there are none. Returns null if they are not known. */
+std::optional<std::string> list_outputs(sd_bus *bus)
+{
+    g_autoptr(GPtrArray) outputs = client_outputs_list(bus, nullptr);
+    if (!outputs) {
+        return std::nullopt;
+    }
+    std::string text;
+    for (guint i = 0; i < outputs->len; i++) {
+        const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
+        text += (text.empty() ? "" : ", ") + std::to_string(output->output);
+    }
+    return text;
+}
+
+/*
+ * Explains why the daemon rejects the options. Its own text repeats them in the form in which they
+ * are sent, which the user has not written. The options are checked before they are sent, so the
+ * output is what remains.
+ */
+int explain_options(sd_bus *bus, const ClientPlay &play)
+{
+    const std::optional<std::string> outputs = list_outputs(bus);
+    if (outputs && outputs->empty()) {
+        ctl_error("there is no audio output");
+        ctl_error("check that a sound card is present: aplay -l");
+    } else if (play.output != CLIENT_NOT_GIVEN) {
+        ctl_error("there is no output %" G_GINT64_FORMAT "%s%s", play.output,
+                  outputs ? "; the outputs are: " : "", outputs ? outputs->c_str() : "");
+        ctl_error("for more about them: sonobrikctl outputs");
+    } else {
+        ctl_error("the daemon rejects the request; for details: journalctl -t sonobrik");
+    }
+    return CTL_FAILED;
+}
+
+/* Returns true if the kernel has no sound card. */
+bool has_no_card()
+{
+    g_autofree char *cards = nullptr;
+    return !g_file_get_contents("/proc/asound/cards", &cards, nullptr, nullptr) ||
+           strstr(cards, "no soundcards");
+}
+
+/* Explains why the output could not be opened. */
+int explain_output(const GError *error)
+{
+    ctl_error("%s", error->message);
+    ctl_error(has_no_card()
+                  ? "this machine has no sound card, or its driver is not loaded; to list "
+                    "the cards: aplay -l"
+                  : "the output may be unplugged or in use by another program; for "
+                    "details: journalctl -t sonobrik");
+    return CTL_FAILED;
+}
+
 int explain_failure(const CtlCall &call, const Target &target, const GError *error)
 {
     const bool is_missing = target.number >= 0 && error->code == CLIENT_ERROR_METHOD &&
@@ -100,6 +160,15 @@ int explain_failure(const CtlCall &call, const Target &target, const GError *err
         ctl_error("the file of clip %d is missing: '%s'", target.number, target.location.c_str());
         ctl_error("restore it, or remove the clip: sonobrikctl remove %d", target.number);
         return CTL_NO_CLIP;
+    }
+    /* The text for a file does not tell a missing file from an unsupported one; that of
+     * SupportedFile does. */
+    g_autoptr(GError) reason = nullptr;
+    if (error->code == CLIENT_ERROR_METHOD &&
+        g_str_has_prefix(error->message, CLIENT_TEXT_NO_FILE) && exists(target.location.c_str()) &&
+        !ctl_clips_is_supported(call.bus, target.location.c_str(), &reason) &&
+        reason->code == CLIENT_ERROR_METHOD) {
+        return ctl_explain(&call, reason);
     }
     return ctl_explain(&call, error);
 }
@@ -129,21 +198,9 @@ bool use_clip(sd_bus *bus, const ClientClip &clip, Target *target, int *status)
     return false;
 }
 
-/* Returns true if a clip has this name. Several may. */
-bool is_clip_name(const GPtrArray *clips, const char *text)
-{
-    for (guint i = 0; i < clips->len; i++) {
-        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
-        if (g_str_equal(clip->name, text)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 /*
- * Finds out what `text` means, in this order: an explicit path, a clip, or a file or pattern in the
- * current folder.
+ * Finds out what `text` means, in this order: an explicit path, the number or name of a clip, a
+ * file in the current folder, the file of a clip, a pattern in the current folder.
  */
 bool find_target(sd_bus *bus, const char *text, bool with_length, Target *target, int *status)
 {
@@ -154,13 +211,13 @@ bool find_target(sd_bus *bus, const char *text, bool with_length, Target *target
     if (!clips) {
         return false;
     }
-    const ClientClip *clip = client_clips_find(clips, text, nullptr);
-    if (!clip && !is_clip_name(clips, text) && (exists(text) || client_play_has_wildcards(text))) {
+    const bool is_clip =
+        client_clips_find(clips, text, nullptr) || ctl_clips_find_name(clips, text, NO_CLIP);
+    if (!is_clip &&
+        (exists(text) || (client_play_has_wildcards(text) && !ctl_clips_find_file(clips, text)))) {
         return use_file(text, target, status);
     }
-    if (!clip) {
-        clip = ctl_clips_find(clips, text, status);
-    }
+    const ClientClip *clip = ctl_clips_find(clips, text, status);
     return clip && use_clip(bus, *clip, target, status);
 }
 
@@ -185,6 +242,50 @@ bool is_busy(sd_bus *bus)
         }
     }
     return false;
+}
+
+/* Returns false if the daemon is known not to have the output of a request. */
+bool may_have_output(sd_bus *bus, const ClientPlay &play)
+{
+    g_autoptr(GPtrArray) outputs = client_outputs_list(bus, nullptr);
+    bool is_there = !outputs || play.output == CLIENT_NOT_GIVEN;
+    for (guint i = 0; !is_there && i < outputs->len; i++) {
+        const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
+        is_there = output->output == play.output;
+    }
+    return is_there;
+}
+
+/* Stops what plays, but only if the new target can be played. Returns an exit status. */
+int make_way(sd_bus *bus, const Target &target, const ClientPlay &play)
+{
+    g_autoptr(GError) error = nullptr;
+    if (!may_have_output(bus, play)) {
+        return explain_options(bus, play);
+    }
+    const char *path = target.location.c_str();
+    const bool is_pattern = client_play_has_wildcards(path) && !exists(path);
+    if (!is_pattern && !ctl_clips_is_supported(bus, path, &error)) {
+        return explain_failure(ctl_clips_supported_call(bus, path), target, error);
+    }
+    const CtlCall call = ctl_wait_stop_call(bus);
+    GError *failure = nullptr;
+    sd_bus_message *stop = client_bus_new_call(bus, call.interface, call.method, &failure, "s", "");
+    return ctl_send(&call, stop, failure);
+}
+
+int explain_refusal(const CtlCall &call, const Target &target, const ClientPlay &play,
+                    const GError *error)
+{
+    if (error->code == CLIENT_ERROR_METHOD) {
+        if (g_str_has_prefix(error->message, CLIENT_TEXT_BAD_OPTIONS)) {
+            return explain_options(call.bus, play);
+        }
+        if (g_str_has_prefix(error->message, CLIENT_TEXT_NO_OUTPUT)) {
+            return explain_output(error);
+        }
+    }
+    return explain_failure(call, target, error);
 }
 
 int start_playing(sd_bus *bus, const Target &target, ClientPlay *play, bool is_waiting)
@@ -214,7 +315,7 @@ int start_playing(sd_bus *bus, const Target &target, ClientPlay *play, bool is_w
     } else {
         sd_bus_message_unref(client_bus_call(bus, message, &error));
     }
-    return error ? explain_failure(call, target, error) : CTL_OK;
+    return error ? explain_refusal(call, target, *play, error) : CTL_OK;
 }
 
 } // namespace
@@ -232,6 +333,7 @@ int ctl_play(const CtlCommand *command, char **words)
         ctl_options_value("device", 0, "Audio device; needs --device-output", "D", &options.device),
         ctl_options_value("device-output", 0, "Output of that audio device", "O",
                           &options.device_output),
+        ctl_options_flag("replace", 0, "Stop what is playing first", &options.is_replacing),
         ctl_options_flag("wait", 'w', "Wait until the clip ends; Ctrl-C stops it",
                          &options.is_waiting),
         {},
@@ -241,12 +343,14 @@ int ctl_play(const CtlCommand *command, char **words)
         return read_numbers(options, &play) ? CTL_OK : CTL_USAGE;
     };
     const auto find_and_play = [&](sd_bus *bus, char **operands) {
-        Target target = {.location = "", .label = "", .number = -1, .length_ms = -1};
+        Target target = {.location = "", .label = "", .number = NO_CLIP, .length_ms = -1};
         const bool with_length = options.is_waiting && ctl_wait_shows_progress();
         int status = CTL_OK;
-        return find_target(bus, operands[0], with_length, &target, &status)
-                   ? start_playing(bus, target, &play, options.is_waiting)
-                   : status;
+        if (!find_target(bus, operands[0], with_length, &target, &status) ||
+            (options.is_replacing && (status = make_way(bus, target, play)) != CTL_OK)) {
+            return status;
+        }
+        return start_playing(bus, target, &play, options.is_waiting);
     };
     return ctl_options_run(command, words, entries, check, find_and_play);
 }

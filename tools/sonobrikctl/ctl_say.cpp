@@ -17,10 +17,7 @@ constexpr struct {
     const char *text;
     const char *advice;
 } ADVICE[] = {
-    {CLIENT_TEXT_BUSY, "stop it with 'sonobrikctl stop', or wait until it ends"},
-    {CLIENT_TEXT_BAD_OPTIONS, "check that the output exists: sonobrikctl outputs"},
-    {"Error playing clip: Could not set receive pipeline",
-     "the output may be missing or in use by another program; for details: journalctl -t sonobrik"},
+    {CLIENT_TEXT_BUSY, "to stop it first: sonobrikctl play --replace"},
     {"NOK", "for details: journalctl -t sonobrik"},
 };
 
@@ -70,6 +67,8 @@ int explain_method(const CtlCall *call, const GError *error)
     const std::string reason = ctl_file_explain(call->bus, call->path, &is_missing);
     if (!reason.empty()) {
         ctl_error("%s", reason.c_str());
+    } else if (g_str_has_suffix(error->message, CLIENT_TEXT_UNSUPPORTED)) {
+        ctl_error("%s", ctl_file_advise_convert(call->shown ? call->shown : call->path).c_str());
     }
     return is_missing ? CTL_NO_CLIP : CTL_FAILED;
 }

@@ -15,7 +15,8 @@ struct CtlCall {
     sd_bus *bus = nullptr; /* used to find out as which user the daemon runs */
     const ClientInterface *interface;
     const char *method;
-    const char *path = nullptr; /* the file that the call is about, or null */
+    const char *path = nullptr;  /* the file that the call is about, or null */
+    const char *shown = nullptr; /* the file that `path` is a copy of, or null */
 };
 
 /* Prints what `error` means and what to do about it. Returns the matching exit status. */

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -35,11 +36,45 @@ std::string truncate(const std::string &text, int columns)
     return {text.c_str(), end};
 }
 
-int count_columns()
+int count_columns(FILE *terminal)
 {
     struct winsize size = {};
-    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
-                                                                           : DEFAULT_COLUMNS;
+    return ioctl(fileno(terminal), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
+                                                                              : DEFAULT_COLUMNS;
+}
+
+/* Returns `text` cut to `columns`, with a mark at the end if something is missing. */
+std::string shorten(const std::string &text, int columns)
+{
+    if (ctl_terminal_width(text) <= columns) {
+        return text;
+    }
+    const bool is_utf8 = g_get_charset(nullptr);
+    return truncate(text, columns - 1) + (is_utf8 ? "…" : "~");
+}
+
+/* Reduces the widest columns that may shrink until the table has at most `room` columns. */
+void shrink(const CtlTable &table, int room, std::vector<int> *widths)
+{
+    constexpr int MIN_WIDTH = 8;
+    int total = static_cast<int>((widths->size() - 1) * strlen(GAP));
+    for (const int width : *widths) {
+        total += width;
+    }
+    for (; total > room; total--) {
+        int *widest = nullptr;
+        for (size_t i = 0; i < widths->size(); i++) {
+            int *width = &(*widths)[i];
+            if (i < table.can_shrink.size() && table.can_shrink[i] && *width > MIN_WIDTH &&
+                (!widest || *width > *widest)) {
+                widest = width;
+            }
+        }
+        if (!widest) {
+            return;
+        }
+        --*widest;
+    }
 }
 
 std::string draw_bar(double share, int width)
@@ -88,18 +123,28 @@ void ctl_table_print(const CtlTable *table)
             widths[i] = std::max(widths[i], ctl_terminal_width(row[i]));
         }
     }
+    if (isatty(STDOUT_FILENO)) {
+        shrink(*table, count_columns(stdout), &widths);
+    }
     bool is_head = ctl_terminal_has_colour(stdout);
     for (const auto &row : rows) {
         std::string line;
         for (size_t i = 0; i < columns; i++) {
-            const std::string blanks(widths[i] - ctl_terminal_width(row[i]), ' ');
+            const std::string text = shorten(row[i], widths[i]);
+            const std::string blanks(widths[i] - ctl_terminal_width(text), ' ');
             line += i > 0 ? GAP : "";
-            line += table->is_right[i] ? blanks + row[i] : row[i] + blanks;
+            line += table->is_right[i] ? blanks + text : text + blanks;
         }
         line.resize(line.find_last_not_of(' ') + 1);
         printf("%s%s%s\n", is_head ? BOLD : "", line.c_str(), is_head ? PLAIN : "");
         is_head = false;
     }
+}
+
+void ctl_terminal_redraw(FILE *terminal, const std::string &text)
+{
+    /* Leaves one column free, because some terminals wrap a full line. */
+    fprintf(terminal, "\r%s%s", shorten(text, count_columns(terminal) - 1).c_str(), ERASE_REST);
 }
 
 CtlProgress ctl_progress_begin(gint64 length_ms, const char *label)
@@ -126,7 +171,7 @@ void ctl_progress_show(const CtlProgress *progress, bool is_over)
             client_text_duration(elapsed_ms) + " / " + client_text_duration(progress->length_ms);
     }
     /* Leaves one column free, because some terminals wrap a full line. */
-    int left = count_columns() - 1 - static_cast<int>(times.size());
+    int left = count_columns(stderr) - 1 - static_cast<int>(times.size());
     std::string line;
     const int bar = std::min(left - 3, MAX_BAR);
     if (has_length && bar >= MIN_BAR) {

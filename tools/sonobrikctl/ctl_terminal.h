@@ -16,13 +16,21 @@ bool ctl_terminal_has_colour(FILE *stream);
 /* Returns how many columns `text` takes. It is UTF-8 without control characters. */
 int ctl_terminal_width(const std::string &text);
 
+/* Prints `text` over the line that was printed before, cut to the width of the terminal. */
+void ctl_terminal_redraw(FILE *terminal, const std::string &text);
+
 /* A table of text. The first row is the heading. */
 struct CtlTable {
     std::vector<bool> is_right; /* for each column: true if aligned to the right, as numbers are */
+    std::vector<bool> can_shrink =
+        {}; /* for each column: true if it may be cut to fit a terminal */
     std::vector<std::vector<std::string>> rows;
 };
 
-/* Escapes the table's texts and prints it to standard output; with colour, the heading is bold. */
+/*
+ * Escapes the table's texts and prints it to standard output. With colour, the heading is bold. On
+ * a terminal, columns that may shrink are cut until a row fits on a line, down to a minimum.
+ */
 void ctl_table_print(const CtlTable *table);
 
 /* The progress of a clip, shown on one line of standard error if that is a rich terminal. */

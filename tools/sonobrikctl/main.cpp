@@ -23,6 +23,14 @@ constexpr CtlCommand COMMANDS[] = {
         .run = ctl_play,
     },
     {
+        .name = "status",
+        .operands = "",
+        .min_operands = 0,
+        .max_operands = 0,
+        .summary = "Shows what is playing.",
+        .run = ctl_status,
+    },
+    {
         .name = "stop",
         .operands = "",
         .min_operands = 0,
@@ -40,10 +48,10 @@ constexpr CtlCommand COMMANDS[] = {
     },
     {
         .name = "add",
-        .operands = "FILE",
+        .operands = "FILE…|FOLDER",
         .min_operands = 1,
-        .max_operands = 1,
-        .summary = "Stores a file as a clip and prints its number.",
+        .max_operands = G_MAXUINT,
+        .summary = "Stores files as clips and prints their numbers.",
         .run = ctl_add,
     },
     {
@@ -59,7 +67,7 @@ constexpr CtlCommand COMMANDS[] = {
         .operands = "CLIP",
         .min_operands = 1,
         .max_operands = 1,
-        .summary = "Removes a clip; its file is kept.",
+        .summary = "Removes a clip and, with --file, its file.",
         .run = ctl_remove,
     },
     {
@@ -83,7 +91,7 @@ constexpr CtlCommand COMMANDS[] = {
         .operands = "",
         .min_operands = 0,
         .max_operands = 0,
-        .summary = "Lists the audio outputs and what is playing on them.",
+        .summary = "Lists the audio outputs.",
         .run = ctl_outputs,
     },
     {
@@ -107,7 +115,7 @@ void print_help()
         printf("  %-8s %s%*s %s\n", command.name, command.operands, blanks, "", command.summary);
     }
     printf(
-        "\nCLIP is a clip's number or name. For a command's options: sonobrikctl COMMAND --help\n");
+        "\nCLIP is a clip's number or name. For a command's options: sonobrikctl help COMMAND\n");
 }
 
 const CtlCommand *find_command(const char *name)
@@ -120,6 +128,24 @@ const CtlCommand *find_command(const char *name)
     return nullptr;
 }
 
+/* Shows the help of the command that `words` name, or the list of commands. */
+int run_help(char **words)
+{
+    if (!*words) {
+        print_help();
+        return CTL_OK;
+    }
+    const CtlCommand *command = find_command(*words);
+    if (!command) {
+        ctl_error("unknown command '%s'", *words);
+        ctl_error("try 'sonobrikctl --help'");
+        return CTL_USAGE;
+    }
+    char help[] = "--help";
+    char *line[] = {*words, help, nullptr};
+    return command->run(command, line);
+}
+
 int run(char **words)
 {
     const char *name = *words;
@@ -130,6 +156,9 @@ int run(char **words)
     if (name && g_str_equal(name, "--version")) {
         printf("sonobrikctl " SONOBRIK_VERSION "\n");
         return CTL_OK;
+    }
+    if (name && g_str_equal(name, "help")) {
+        return run_help(words + 1);
     }
     const CtlCommand *command = name ? find_command(name) : nullptr;
     if (command) {
