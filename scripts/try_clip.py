@@ -93,6 +93,15 @@ def keep(sandbox, clip):
     return entry[1] if entry else None
 
 
+def show_client(sandbox):
+    """Prints what sonobrikctl shows of the clip."""
+    print("The same from a shell:")
+    for command in ("list", "outputs"):
+        result = sandbox.run(["/run/build/tools/sonobrikctl/sonobrikctl", command], check=False)
+        print(f"  $ sonobrikctl {command}")
+        print("".join(f"    {line}\n" for line in result.stdout.splitlines()), end="", flush=True)
+
+
 def play(sandbox, options):
     """Calls PlayClip, and prints events and reply as they arrive. Returns True on success."""
     events = sandbox.bus.subscribe(interface="com.vesk.Events1.Event", member="Sent")
@@ -131,6 +140,7 @@ def try_output(folder, build, loudspeaker):
               f"and {LEGACY[0]}. Adding a chime as a clip:")
         location = keep(sandbox, clip)
         if location:
+            show_client(sandbox)
             print("Playing it twice, without a gap:")
         played = location is not None and play(sandbox, f"location={location}&repeat=1")
         if loudspeaker:
@@ -154,11 +164,14 @@ def try_output(folder, build, loudspeaker):
 def main(build):
     folder = build / "try"
     try:
-        if has_sound_card():
-            if try_output(folder, build, True):
-                return 0
+        played = has_sound_card() and try_output(folder, build, True)
+        if not played and has_sound_card():
             print("The sound card did not play it. Trying again, into a file.")
-        return 0 if try_output(folder, build, False) else 1
+        if not played and not try_output(folder, build, False):
+            return 1
+        print("Once it is installed, play clips with sonobrikctl, over the bus (docs/dbus.md), or on\n"
+              "the web page, at http://MACHINE/vesk-cgi/sonobrik.cgi (docs/web.md).")
+        return 0
     except SandboxError as error:
         print(error, file=sys.stderr)
         return 1

@@ -4,14 +4,14 @@ import os
 import pathlib
 import subprocess
 
-from sandbox import PLAYBACK
+from sandbox import PLAYBACK, clips
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
-def run_shell(build_dir, *command, **env):
+def run_shell(build_dir, *command, cwd=None, **env):
     return subprocess.run([ROOT / "scripts/shell", *command], stdin=subprocess.DEVNULL, text=True,
-                          capture_output=True, timeout=120, check=False,
+                          capture_output=True, timeout=120, check=False, cwd=cwd,
                           env=os.environ | {"SONOBRIK_BUILD_DIR": str(build_dir)} | env)
 
 
@@ -28,6 +28,16 @@ def test_the_variables_name_the_daemon_and_its_sandbox(build_dir):
     assert result.returncode == 3
     assert result.stdout.startswith("sonobrik\nGST_DEBUG=1\n")
     assert "Vesk audiosink not supported" in result.stdout
+
+
+def test_sonobrikctl_works_on_the_clips_of_the_sandbox(build_dir, tmp_path):
+    clips.write_wav(tmp_path / "door.wav", clips.noise(480))
+    script = ('sonobrikctl add --copy door.wav && sonobrikctl add /etc/audioclips/noise.wav && '
+              'sonobrikctl list --names && ls "$SANDBOX/etc/audioclips"')
+    result = run_shell(build_dir, "sh", "-c", script, cwd=tmp_path)
+    assert (result.returncode, result.stdout) == (
+        0, "0\n1\ndoor\nnoise\ndoor.wav\nnoise.wav\n")
+    assert not pathlib.Path("/etc/audioclips/door.wav").exists()
 
 
 def test_without_a_build_it_fails_and_creates_nothing(tmp_path):
