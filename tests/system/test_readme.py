@@ -1,0 +1,79 @@
+"""The recipes in README.md, as they are printed there."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+from sandbox import clips
+from sandbox.shell import PROGRAM
+
+PAGE = (pathlib.Path(__file__).resolve().parents[2] / "README.md").read_text()
+
+
+def read_blocks(title):
+    """Returns the code blocks of a recipe."""
+    section = re.split(r"\n###? ", PAGE.partition(f"\n### {title}\n")[2])[0]
+    return re.findall(r"^```\w*\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
+
+
+# Presses the button of a mock pin once the recipe waits for it, and ends.
+PRESS = """
+import signal, sys, time
+from gpiozero import Device
+from gpiozero.pins.mock import MockFactory
+
+Device.pin_factory = MockFactory()
+
+def press():
+    pin = Device.pin_factory.pin(17)
+    pin.drive_low()
+    pin.drive_high()
+
+signal.pause = press
+exec(compile(sys.argv[1], "doorbell", "exec"))
+"""
+
+
+def test_the_button_plays_the_clip(sandbox, shell, player):
+    pytest.importorskip("gpiozero")
+    shell.ok("add", sandbox.write_clip("door.wav", clips.noise(4800)).path, "--name", "Door")
+    script = read_blocks("A button that plays a clip")[0]
+    assert "bounce_time=0.05" in script
+    # The mock reports no bounces and its clock has no time to pass.
+    script = script.replace(", bounce_time=0.05", "")
+    sandbox.run(["/usr/bin/python3", "-c", PRESS, script],
+                env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin"})
+    player.fence()
+    assert [event[4] for event in player.events if event[0] == "CurrentlyPlaying"] == [
+        "/etc/audioclips/door.wav"]
+
+
+@pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="needs systemd-analyze")
+def test_systemd_accepts_the_units(tmp_path):
+    _, doorbell = read_blocks("A button that plays a clip")
+    lunch, timer = read_blocks("A clip at a fixed time")
+    for name, text in (("doorbell.service", doorbell), ("lunch.service", lunch),
+                       ("lunch.timer", timer)):
+        # The programs need not be installed here.
+        (tmp_path / name).write_text(text.replace("/usr/bin/sonobrikctl", "/bin/true"))
+    result = subprocess.run(
+        ["systemd-analyze", "verify", "--man=no", *tmp_path.iterdir()], text=True,
+        capture_output=True, timeout=60, check=False, env=os.environ | {"SYSTEMD_LOG_LEVEL": "notice"})
+    assert (result.returncode, [line for line in result.stderr.splitlines()
+                                if str(tmp_path) in line or "doorbell" in line or "lunch" in line]
+            ) == (0, []), result.stderr
+    calendar, = re.findall(r"^OnCalendar=(.*)$", timer, re.MULTILINE)
+    subprocess.run(["systemd-analyze", "calendar", calendar], check=True, capture_output=True)
+
+
+def test_the_outputs_are_those_of_the_cards(sandbox, shell):
+    stock = pathlib.Path(__file__).resolve().parents[2] / "data/alsa/sonobrik.conf"
+    recipe, = read_blocks("USB and HDMI outputs")
+    sandbox.set_alsa(stock.read_text() + recipe)
+    sandbox.start_daemon()
+    # None of these cards is in a sandbox.
+    assert [line.split() for line in shell.ok("outputs").splitlines()[1:]] == [
+        [str(output), str(output), "0", "-", "unplugged"] for output in range(3)]
