@@ -24,31 +24,39 @@ import unit_probe
 NOT_IMPOSED = {
     "DeviceAllow": "needs a cgroup; bubblewrap provides only devices such as /dev/null",
     "DevicePolicy": "needs a cgroup",
+    "IPAddressDeny": "needs a cgroup",
+    "PrivateDevices": "bubblewrap provides only devices such as /dev/null",
 }
 
 # Directives about starting and watching a service, which do not restrict it.
 SUPERVISION = {
-    "BusName", "Restart", "RestartForceExitStatus", "RestartMaxDelaySec", "RestartSec",
-    "RestartSteps", "SuccessExitStatus", "Type", "WatchdogSec",
+    "BusName", "ExecStopPost", "Restart", "RestartForceExitStatus", "RestartSec",
+    "RuntimeDirectoryPreserve", "SuccessExitStatus", "Type", "WatchdogSec",
 }
 
 # Directives that this program applies.
 IMPOSED = {
     "CacheDirectory", "CacheDirectoryMode", "CapabilityBoundingSet", "Environment", "ExecPaths",
     "ExecStart", "InaccessiblePaths", "LockPersonality", "MemoryDenyWriteExecute", "NoExecPaths",
-    "NoNewPrivileges", "PrivateMounts", "PrivateNetwork", "PrivateTmp", "ProcSubset",
+    "NoNewPrivileges", "PrivateIPC", "PrivateMounts", "PrivateNetwork", "PrivateTmp", "ProcSubset",
     "ProtectClock", "ProtectControlGroups", "ProtectHome", "ProtectHostname", "ProtectKernelLogs",
     "ProtectKernelModules", "ProtectKernelTunables", "ProtectProc", "ProtectSystem",
     "ReadWritePaths", "RestrictAddressFamilies", "RestrictNamespaces", "RestrictRealtime",
-    "RestrictSUIDSGID", "SystemCallArchitectures", "SystemCallErrorNumber", "SystemCallFilter",
-    "UMask", "User",
+    "RestrictSUIDSGID", "RuntimeDirectory", "StateDirectory", "SystemCallArchitectures",
+    "SystemCallErrorNumber", "SystemCallFilter", "UMask", "User",
 }
 
-CACHE = "/var/cache"
+CACHE, STATE, RUNTIME = "/var/cache", "/var/lib", "/run"
+
+ADDRESS_FAMILIES = {"AF_UNIX": 1, "AF_NETLINK": 16}
+MAX_FAMILY = 64
 
 # Used in place of the sound cards' devices and of the installed libraries.
 CARDS, LIBRARIES = "/run/cards", "/run/build/tests/support"
 PROGRAM = "/run/build/src/sonobrik"
+
+# Names the folder of mocked devices, if the program uses some.
+MOCK = "UMOCKDEV_DIR"
 
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -56,7 +64,7 @@ AT_FDCWD, AT_RECURSIVE = -100, 0x8000
 MS_BIND, MS_REC, MS_PRIVATE = 4096, 16384, 1 << 18
 MOUNT_ATTR_RDONLY, MOUNT_ATTR_NOSUID, MOUNT_ATTR_NOEXEC = 1, 2, 8
 SYS_MOUNT_SETATTR = 442
-CLONE_NEWUTS, CLONE_NEWNET = 0x04000000, 0x40000000
+CLONE_NEWUTS, CLONE_NEWIPC, CLONE_NEWNET = 0x04000000, 0x08000000, 0x40000000
 NAMESPACES = 0x7e020080  # flags of clone(): cgroup, IPC, network, mount, pid, user, UTS, time
 PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS, PR_SET_MDWE = 24, 38, 65
 
@@ -151,6 +159,15 @@ def make_view(unit, uid, gid, program):
         os.chmod(folder, int(unit.get("CacheDirectoryMode", "0755"), 8))
         os.chown(folder, uid, gid)
         writable.append(folder)
+    mount("tmpfs", STATE, "tmpfs")
+    for parent, key in ((STATE, "StateDirectory"), (RUNTIME, "RuntimeDirectory")):
+        if unit.get(key):
+            folder = f"{parent}/{unit.get(key)}"
+            os.mkdir(folder)
+            os.chown(folder, uid, gid)
+            writable.append(folder)
+    if MOCK in os.environ:
+        writable.append(os.environ[MOCK])
     writable += find_paths(unit.get_words("ReadWritePaths"))
     # `program` takes the place of the installed program.
     executable = [word for word in unit.get_words("ExecPaths") if word != unit.get("ExecStart")]
@@ -194,6 +211,8 @@ def make_view(unit, uid, gid, program):
 
 def become(unit, uid, gid, groups):
     flags = 0
+    if unit.is_on("PrivateIPC"):
+        flags |= CLONE_NEWIPC
     if unit.is_on("PrivateNetwork"):
         flags |= CLONE_NEWNET
     if unit.is_on("ProtectHostname"):
@@ -256,8 +275,11 @@ def make_filters(unit):
         for call in ("mprotect", "pkey_mprotect"):
             refuse(call, arg(2, seccomp.MASKED_EQ, 4, 4))
         refuse("shmat", arg(2, seccomp.MASKED_EQ, 0o100000, 0o100000))
-    if unit.require("RestrictAddressFamilies", "AF_UNIX"):
-        refuse("socket", arg(0, seccomp.NE, 1), error="EAFNOSUPPORT")
+    if unit.get("RestrictAddressFamilies"):
+        allowed = [ADDRESS_FAMILIES[name] for name in unit.get_words("RestrictAddressFamilies")]
+        for family in set(range(MAX_FAMILY)) - set(allowed):
+            refuse("socket", arg(0, seccomp.EQ, family), error="EAFNOSUPPORT")
+        refuse("socket", arg(0, seccomp.GE, MAX_FAMILY), error="EAFNOSUPPORT")
     if unit.is_on("RestrictNamespaces"):
         for bit in range(32):
             if NAMESPACES & 1 << bit:
@@ -308,6 +330,10 @@ def make_environment(unit):
                     "SHELL": "/usr/sbin/nologin"}
     if unit.get("CacheDirectory"):
         environment["CACHE_DIRECTORY"] = f"{CACHE}/{unit.get('CacheDirectory')}"
+    if unit.get("StateDirectory"):
+        environment["STATE_DIRECTORY"] = f"{STATE}/{unit.get('StateDirectory')}"
+    if MOCK in os.environ:
+        environment |= {MOCK: os.environ[MOCK], "LD_PRELOAD": "libumockdev-preload.so.0"}
     return environment | dict(word.split("=", 1) for word in unit.get_words("Environment"))
 
 
@@ -320,7 +346,7 @@ def main(path, user, program):
     unit.require("SystemCallArchitectures", "native")  # libseccomp filters allow no other
     filters = make_filters(unit)
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    make_view(unit, uid, gid, PROGRAM)
+    make_view(unit, uid, gid, PROGRAM if program == "probe" else program)
     become(unit, uid, gid, groups)
     if unit.is_on("MemoryDenyWriteExecute"):
         libc.prctl(PR_SET_MDWE, 1, 0, 0, 0)  # like newer systemd; older kernels refuse it

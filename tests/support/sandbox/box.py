@@ -3,6 +3,7 @@
 import functools
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 
@@ -181,10 +182,10 @@ class Sandbox:
         on. Each program gets its own; read it through Process.open_folder()."""
         self._disks[path] = size
 
-    def bind(self, source, path):
-        """Mounts the host's `source` read-only at `path` for each program started from now on.
-        `path` must exist on the host."""
-        self._binds[path] = source
+    def bind(self, source, path, is_writable=False):
+        """Mounts the host's `source`, read-only by default, at `path` for each program started from
+        now on. `path` must exist on the host."""
+        self._binds[path] = ("--bind" if is_writable else "--ro-bind", source)
 
     def set_outputs(self, outputs):
         """Configures the ALSA outputs, each on a virtual sound card, which card() returns.
@@ -270,8 +271,8 @@ class Sandbox:
                     "--bind", self.folder / "tmp", "/tmp"]
         for path, size in self._disks.items():
             command += ["--size", size, "--tmpfs", path]
-        for path, source in self._binds.items():
-            command += ["--ro-bind", source, path]
+        for path, (option, source) in self._binds.items():
+            command += [option, source, path]
         # The tree may be in a folder that these mounts hide or that other users cannot enter.
         for path in (ROOT, self.build_dir):
             command += ["--ro-bind", path, path]
@@ -374,18 +375,23 @@ class Sandbox:
         return mock
 
     def start_daemon(self, program=None, env=None, uid=None, groups=(), vendor_sink=False,
-                     watchdog_usec=None, wait=True, deadline=30, launcher=None):
+                     watchdog_usec=None, wait=True, deadline=30, launcher=None,
+                     is_supervised=False):
         """Starts the daemon and waits until it answers, unless `wait` is false.
 
-        With `watchdog_usec`, the daemon has a watchdog, and `notify` receives its pings.
+        With `watchdog_usec`, the daemon has a watchdog, and `notify` receives its pings. If it
+        `is_supervised`, it is restarted as its unit says when it exits with status 75.
         """
         env = dict(env or {})
         if watchdog_usec is not None:
             (self.folder / "run/notify").unlink(missing_ok=True)
             self.notify = NotifySocket(f"/proc/self/fd/{self._run_fd}/notify")
             env |= {"NOTIFY_SOCKET": "/run/notify", "WATCHDOG_USEC": str(watchdog_usec)}
-        program = program or "/run/build/src/sonobrik"
-        self.daemon = self.spawn([program], uid, groups, env, vendor_sink, Daemon, launcher)
+        command = [program or "/run/build/src/sonobrik"]
+        if is_supervised:
+            command = ["/usr/bin/python3", "-B", ROOT / "tests/support/supervisor.py",
+                       self._read_restart_delay(), *command]
+        self.daemon = self.spawn(command, uid, groups, env, vendor_sink, Daemon, launcher)
         if wait:
             self._wait_name("com.vesk.Sonobrik", self.daemon, deadline)
             # The daemon takes its name before it subscribes to signals. It answers a ping only
@@ -393,6 +399,12 @@ class Sandbox:
             self.bus.call("com.vesk.Sonobrik", "/", "org.freedesktop.DBus.Peer", "Ping",
                           timeout=deadline)
         return self.daemon
+
+    def _read_restart_delay(self):
+        """Returns RestartSec= of the daemon's unit, in seconds."""
+        unit = (self.build_dir / "data/systemd/sonobrik.service").read_text()
+        value, = re.findall(r"^RestartSec=(\d+)ms$", unit, re.MULTILINE)
+        return int(value) / 1000
 
     def fail_to_start(self):
         """Starts the daemon, which must exit with status 1, and returns its log."""
