@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import shutil
 import signal
 import sys
 
@@ -11,7 +12,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
 from sandbox import (  # noqa: E402 (found by the path above)
-    Installation, Player, Sandbox, SandboxError, Shell, Store, clips, has_several_users)
+    Cards, Installation, Player, Sandbox, SandboxError, Shell, Store, clips, has_several_users)
 
 
 def pytest_addoption(parser):
@@ -112,6 +113,18 @@ def long(sandbox):
 def shell(sandbox):
     """The command-line client in `sandbox`."""
     return Shell(sandbox)
+
+
+@pytest.fixture
+def cards(sandbox):
+    """Mocked sound cards in `sandbox`, for the audio control service."""
+    if not shutil.which("umockdev-wrapper"):
+        pytest.fail("not installed: umockdev (Debian packages: umockdev gir1.2-umockdev-1.0)")
+    cards = Cards(sandbox)
+    yield cards
+    if cards.service:
+        print("The log of the audio control service:", *cards.service.lines[-100:], sep="\n")
+    cards.close()
 
 
 @pytest.fixture(scope="module")

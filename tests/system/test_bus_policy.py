@@ -14,6 +14,7 @@ EVENTS = "com.vesk.Events1.SonoBrikEvents"
 NAMES = (PLAYBACK[0], LEGACY[0], EVENTS)
 PATHS = {PLAYBACK[0]: PLAYBACK[1], LEGACY[0]: LEGACY[1], EVENTS: "/com/vesk/Events1/SonoBrikEvents"}
 STANDARD = "org.freedesktop.DBus"
+DEVICES_NAME = "com.vesk.AudioControl"
 DEVICES = ("/com/vesk/AudioControl", f"{STANDARD}.ObjectManager")
 
 READING = ("GetConfigurations", "GetConfigurationEntry")
@@ -171,12 +172,21 @@ def test_the_daemons_user_may_own_only_the_daemons_names(box, users):
     assert send_as(box, users["daemon"], requests) == [False, False, False, True, True]
 
 
+@pytest.mark.parametrize("who", [*USERS, "daemon", "devices"])
+def test_only_its_user_may_own_the_name_of_the_audio_control_service(box, users, who):
+    users = users | {"devices": User(find_id(box, "passwd", "sonobrik-audiocontrol"))}
+    requests = [("call", STANDARD, "/org/freedesktop/DBus", STANDARD, "RequestName", "(su)",
+                 (name, 4)) for name in (DEVICES_NAME, NAMES[0], "com.vesk.AudioControl.Other")]
+    assert send_as(box, users[who], requests) == [who != "devices", who != "daemon", True]
+
+
 def test_the_policy_lists_every_legacy_method(box, installation):
     introspected = ElementTree.fromstring(box.bus.introspect(LEGACY[0], LEGACY[1]))
     methods = {method.get("name")
                for method in introspected.findall(f"interface[@name='{LEGACY[2]}']/method")}
     assert methods == {*READING, *CHANGING}
-    policy = ElementTree.parse(installation.find("usr/share/dbus-1/system.d/*.conf"))
+    policy = ElementTree.parse(
+        installation.find("usr/share/dbus-1/system.d/com.vesk.Sonobrik.conf"))
     for who in ("policy[@user='root']", "policy[@group='sonobrik-config']"):
         assert {allow.get("send_member")
                 for allow in policy.findall(

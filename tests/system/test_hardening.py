@@ -7,7 +7,8 @@ import subprocess
 
 import pytest
 
-PROGRAMS = ["src/sonobrik", "tools/sonobrikctl/sonobrikctl", "tools/cgi/sonobrik.cgi"]
+PROGRAMS = ["src/sonobrik", "src/audiocontrol/sonobrik-audiocontrol",
+            "tools/sonobrikctl/sonobrikctl", "tools/cgi/sonobrik.cgi"]
 
 
 @pytest.fixture(scope="module")

@@ -47,7 +47,8 @@ def test_activation_starts_the_program_of_the_unit(installation, name):
 
 
 @pytest.mark.parametrize("file", [
-    "alsa/conf.d/sonobrik.conf", "vesk/access.conf", "vesk/parameters.conf"])
+    "alsa/conf.d/sonobrik.conf", "vesk/access.conf", "vesk/audio-control.conf",
+    "vesk/parameters.conf"])
 def test_the_configuration_is_world_readable(installation, file):
     assert stat.S_IMODE((installation.folder / "etc" / file).stat().st_mode) == 0o644
 
@@ -151,24 +152,35 @@ STOCK = {"etc/alsa/conf.d/sonobrik.conf", "etc/vesk/access.conf", "etc/vesk/para
 STOCK_PAGES = {f"usr/share/man/man5/vesk-{name}.conf.5" for name in ("access", "parameters")}
 EXAMPLES = {f"usr/share/doc/sonobrik/examples/{server}/sonobrik.conf"
             for server in ("lighttpd", "nginx")}
+# The audio control service, which is a part of the stock platform.
+SERVICE_PAGES = {"usr/share/man/man5/vesk-audio-control.conf.5",
+                 "usr/share/man/man8/sonobrik-audiocontrol.8"}
+SERVICE_UNIT = {"usr/lib/systemd/system/sonobrik-audiocontrol.service",
+                "usr/lib/sysusers.d/sonobrik-audiocontrol.conf"}
+SERVICE = {"etc/vesk/audio-control.conf", "usr/libexec/sonobrik-audiocontrol",
+           "usr/share/dbus-1/interfaces/com.vesk.AudioControl.Device.xml",
+           "usr/share/dbus-1/interfaces/com.vesk.AudioControl.Outputs.xml",
+           "usr/share/dbus-1/system.d/com.vesk.AudioControl.conf",
+           "usr/share/sonobrik/alsa.conf"} | SERVICE_PAGES | SERVICE_UNIT
 COMPLETION = {"usr/share/bash-completion/completions/sonobrikctl",
               "usr/share/fish/vendor_completions.d/sonobrikctl.fish",
               "usr/share/zsh/vendor-completions/_sonobrikctl"}
 CLI_PAGE = {"usr/share/man/man1/sonobrikctl.1"}
 WITHOUT = {
+    "audiocontrol": SERVICE,
     "cli": {"usr/bin/sonobrikctl"} | CLI_PAGE | COMPLETION,
     "cgi": {"usr/libexec/vesk-cgi/sonobrik.cgi"} | EXAMPLES,
     "completion": COMPLETION,
     "examples": EXAMPLES,
-    "man": {"usr/share/man/man8/sonobrik.8"} | CLI_PAGE | STOCK_PAGES,
+    "man": {"usr/share/man/man8/sonobrik.8"} | CLI_PAGE | STOCK_PAGES | SERVICE_PAGES,
     "systemd": {"usr/lib/systemd/system/sonobrik.service", "usr/lib/sysusers.d/sonobrik.conf",
-                "usr/lib/tmpfiles.d/sonobrik.conf"},
+                "usr/lib/tmpfiles.d/sonobrik.conf"} | SERVICE_UNIT,
 }
 ALL = SEAM | DAEMON | STOCK | set().union(*WITHOUT.values())
 
 DEFAULTS = {"platform": "linux", "user": "sonobrik", "play_group": "sonobrik-play",
             "config_group": "sonobrik-config", "sysconfdir": "/etc", "systemd": "enabled",
-            **dict.fromkeys(("cli", "cgi", "completion", "examples", "man"), "auto")}
+            **dict.fromkeys(("audiocontrol", "cli", "cgi", "completion", "examples", "man"), "auto")}
 
 
 class Device:
@@ -288,6 +300,10 @@ def test_the_files_use_the_configured_names(device):
     for name in SERVICES:
         file = folder / f"usr/share/dbus-1/system-services/{name}.service"
         assert read_keys(file, "D-BUS Service")["User"] == "ringer"
+    unit, = folder.glob("**/systemd/system/sonobrik-audiocontrol.service")
+    assert read_keys(unit, "Service")["User"] == "ringer-audiocontrol"
+    bus = texts[folder / "usr/share/dbus-1/system.d/com.vesk.AudioControl.conf"]
+    assert '<policy user="ringer-audiocontrol">' in bus
     bus = texts[folder / "usr/share/dbus-1/system.d/com.vesk.Sonobrik.conf"]
     assert '<policy user="ringer">' in bus
     assert '<policy group="players">' in bus

@@ -6,6 +6,7 @@ import xml.etree.ElementTree
 import pytest
 from gi.repository import Gio
 from sandbox import LEGACY, PLAYBACK, Store
+from sandbox.cards import DEVICE, OUTPUTS, SERVICE
 from sandbox.player import EVENT_INTERFACE, EVENTS_NAME, EVENTS_PATH
 from sandbox.store import fence_changes
 
@@ -45,7 +46,8 @@ def name_arguments(interface):
 
 
 def test_each_interface_of_the_daemon_has_its_file():
-    names = {interface for _, _, interface in SERVED} | {"com.vesk.ConfigurationChanges1"}
+    names = {interface for _, _, interface in SERVED}
+    names |= {DEVICE, OUTPUTS, "com.vesk.ConfigurationChanges1"}
     assert {path.name for path in FOLDER.glob("*.xml")} == {f"{name}.xml" for name in names}
 
 
@@ -71,6 +73,17 @@ def test_a_file_names_every_argument_and_agrees_with_the_daemon(shared, name, pa
     for member, names in running.items():
         assert all(written[member]), member
         assert [own or other for own, other in zip(names, written[member])] == written[member]
+
+
+def test_the_files_match_the_audio_control_service(sandbox, cards):
+    cards.add(0)
+    cards.start()
+    served = xml.etree.ElementTree.fromstring(
+        sandbox.bus.introspect(SERVICE, "/com/vesk/AudioControl/0"))
+    for interface in (DEVICE, OUTPUTS):
+        written, _ = read_file(interface)
+        running = served.find(f"interface[@name='{interface}']")
+        assert describe(written) == describe(running)
 
 
 def test_the_change_notices_have_the_arguments_of_their_file(sandbox, daemon):

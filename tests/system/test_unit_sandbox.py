@@ -1,5 +1,6 @@
 """The installed systemd unit: its restrictions apply, and the daemon works under them."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -7,8 +8,9 @@ import shutil
 import subprocess
 
 import pytest
-from sandbox import Player, Sandbox, Store, clips, wait_until
-from sandbox.installation import find_id
+from sandbox import Cards, Player, Sandbox, Store, clips, wait_until
+from sandbox.cards import MANAGER
+from sandbox.installation import User, find_id, send_as
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LAUNCHER = ROOT / "tests/support/unit_launcher.py"
@@ -51,16 +53,26 @@ def box(tmp_path, build_dir, cache, installation):
 
 
 @pytest.fixture
-def launcher(box, build_dir, installation):
-    """The command that starts the daemon under the restrictions of the unit."""
+def make_launcher(box, build_dir, installation):
+    """Returns a function that returns the command that starts a program under the restrictions of
+    its unit."""
     options = json.loads((build_dir / "meson-info/intro-buildoptions.json").read_text())
     if any(option["name"] == "b_sanitize" and option["value"] != "none" for option in options):
         pytest.skip("the sanitizers need system calls that the unit forbids")
     (box.folder / "run/unit").mkdir()
-    shutil.copy(installation.unit, box.folder / "run/unit/sonobrik.service")
-    ids = [box.user.uid, find_id(box, "group", "sonobrik"), *box.user.groups]
-    return ["/usr/bin/python3", "-B", LAUNCHER, "/run/unit/sonobrik.service",
-            ":".join(map(str, ids))]
+
+    def make_launcher(name, groups=()):
+        shutil.copy(installation.unit.with_name(f"{name}.service"), box.folder / "run/unit")
+        ids = [find_id(box, "passwd", name), find_id(box, "group", name), *groups]
+        return ["/usr/bin/python3", "-B", LAUNCHER, f"/run/unit/{name}.service",
+                ":".join(map(str, ids))]
+    return make_launcher
+
+
+@pytest.fixture
+def launcher(box, make_launcher):
+    """The command that starts the daemon under the restrictions of the unit."""
+    return make_launcher("sonobrik", box.user.groups)
 
 
 def read_unit(installation, key):
@@ -71,12 +83,16 @@ def read_unit(installation, key):
 # Settings of the unit
 
 
+UNITS = ("sonobrik", "sonobrik-audiocontrol")
+
+
 @pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="needs systemd-analyze")
-def test_the_exposure_score_is_low(installation):
+@pytest.mark.parametrize("unit", UNITS)
+def test_the_exposure_score_is_low(installation, unit):
     """systemd's exposure level must be at most 1.0 of 10."""
     analysis = subprocess.run(
         ["systemd-analyze", "security", "--offline=yes", "--threshold=10", "--no-pager",
-         installation.unit], check=False, capture_output=True, text=True)
+         installation.unit.with_name(f"{unit}.service")], check=False, capture_output=True, text=True)
     assert analysis.returncode == 0, analysis.stdout + analysis.stderr
 
 
@@ -103,9 +119,10 @@ def test_it_may_use_no_device_but_sound_cards(installation):
     assert read_unit(installation, "DeviceAllow") == ["char-alsa rw"]
 
 
-def test_every_restriction_has_its_reason(installation):
+@pytest.mark.parametrize("unit", UNITS)
+def test_every_restriction_has_its_reason(installation, unit):
     """A comment covers the lines below it, up to the next empty line."""
-    lines = installation.unit.read_text().splitlines()
+    lines = installation.unit.with_name(f"{unit}.service").read_text().splitlines()
     service = lines[lines.index("[Service]") + 1:lines.index("[Install]")]
     bare = [line for before, line in zip(["", *service], service)
             if line and not before and not line.startswith("#")]
@@ -193,9 +210,11 @@ def test_it_plays_every_kind_of_clip(box, launcher):
 
 @pytest.mark.needs_root
 def test_it_plays_through_the_installed_output(box, launcher, installation):
-    """Uses the installed ALSA file, with the virtual sound card as the default card."""
+    """Uses the installed ALSA files without the audio control service, with the virtual sound card as the default card."""
     (box.etc / "alsa/conf.d").mkdir(parents=True)
-    shutil.copy(installation.find("etc/alsa/conf.d/sonobrik.conf"), box.etc / "alsa/conf.d")
+    text = installation.find("etc/alsa/conf.d/sonobrik.conf").read_text()
+    text = text.replace("/usr/share/sonobrik", "/mnt/usr/share/sonobrik")
+    (box.etc / "alsa/conf.d/sonobrik.conf").write_text(text)
     card = (box.etc / "asound.conf").read_text().replace("pcm.audiosink0", "pcm.!sysdefault")
     box.set_alsa(card)
     box.start_daemon(launcher=launcher, deadline=60)
@@ -205,6 +224,25 @@ def test_it_plays_through_the_installed_output(box, launcher, installation):
     for output in ("audiooutput=0", "audiodeviceid=0&audiooutputid=0"):
         assert player.call("PlayClip", f"{clip.location}&{output}") == "OK"
         assert heard.take()[1] > 0.4, output
+
+
+@pytest.mark.needs_root
+def test_the_audio_control_service_works_under_its_restrictions(box, make_launcher):
+    user = find_id(box, "passwd", "sonobrik-audiocontrol")
+    with contextlib.closing(Cards(box)) as cards:
+        cards.add(0, "First")
+        cards.start(launcher=make_launcher("sonobrik-audiocontrol"))
+        seen = cards.listen()
+        cards.add(1, "Second")
+        wait_until(lambda: seen.seen == [("InterfacesAdded", 1)], 10, "the card is told")
+        assert "CARD=Second" in cards.alsa.read_text()
+        stranger = User(65534)
+        calls = [("call", MANAGER[0], MANAGER[1], MANAGER[2], "GetManagedObjects", "()", ()),
+                 ("signal", MANAGER[0], "/", "com.vesk.X", "X", "()", ())]
+        assert send_as(box, stranger, calls) == [False, True]
+        state = cards.service.open_folder("/var/lib/sonobrik-audiocontrol") / "devices.json"
+        assert (state.stat().st_uid, cards.alsa.stat().st_uid) == (user, user)
+        assert not [text for text in cards.service.texts if not text.startswith("info: ")]
 
 
 @pytest.mark.needs_root

@@ -474,13 +474,13 @@ TEST_F(AudioDevices, ForgetsTheDevicesOfAFileThatGotBroken)
 
 TEST_F(AudioDevices, ReadsTheConfigurationThatIsShipped)
 {
-    setenv("ALSA_CONFIG_PATH", PROJECT_DATA "/alsa/sonobrik.conf", 1);
+    setenv("ALSA_CONFIG_PATH", PROJECT_DATA "/alsa/alsa.conf", 1);
     EXPECT_EQ(list(), "0:0");
 }
 
 TEST_F(AudioDevices, OpensThePcmsThatAreShipped)
 {
-    setenv("ALSA_CONFIG_PATH", (PROJECT_DATA "/alsa/sonobrik.conf:" + path("alsa.conf")).c_str(),
+    setenv("ALSA_CONFIG_PATH", (PROJECT_DATA "/alsa/alsa.conf:" + path("alsa.conf")).c_str(),
            1);
     write_file("alsa.conf", "pcm.sysdefault { type null }\n");
     for (const char *name : {"audiosink0", "device0_output0"}) {

@@ -15,6 +15,7 @@ changes. The system tests and scripts/try use it.
 from . import clips
 from .box import Sandbox, SandboxError, has_several_users
 from .bus import Bus, BusError, Signal
+from .cards import Cards
 from .installation import Installation
 from .player import Player, describe_event, read_events
 from .process import Daemon, LogLine, Process
@@ -29,7 +30,7 @@ PLAYBACK = ("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik")
 LEGACY = ("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "com.vesk.Configuration.Legacy")
 
 __all__ = [
-    "Bus", "BusError", "Daemon", "Event", "Installation", "LEGACY", "LogLine", "PLAYBACK", "Player",
+    "Bus", "BusError", "Cards", "Daemon", "Event", "Installation", "LEGACY", "LogLine", "PLAYBACK", "Player",
     "Process", "Recording", "Sandbox", "SandboxError", "Shell", "Signal", "Store", "Take", "Web",
     "clips", "describe_event", "find_server", "has_several_users", "read_events", "wait_until",
 ]

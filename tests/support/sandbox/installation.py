@@ -54,8 +54,8 @@ class Installation:
     def make_users(self, sandbox):
         """Creates the daemon's users and folders in a sandbox and returns the daemon's user."""
         root = f"--root={sandbox.folder}"
-        subprocess.run(["systemd-sysusers", root, self.find("usr/lib/sysusers.d/*")], check=True,
-                       capture_output=True)
+        files = sorted(self.folder.glob("usr/lib/sysusers.d/*"))
+        subprocess.run(["systemd-sysusers", root, *files], check=True, capture_output=True)
         subprocess.run(["systemd-tmpfiles", root, "--create", self.find("usr/lib/tmpfiles.d/*")],
                        check=True, capture_output=True)
         return User(find_id(sandbox, "passwd", "sonobrik"), (find_id(sandbox, "group", "audio"),))

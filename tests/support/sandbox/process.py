@@ -14,7 +14,7 @@ import time
 
 from .wait import wait_until
 
-LOG_LINE = re.compile(r"^sonobrik\[\d+\]: (\w+): (.*)$")
+LOG_LINE = re.compile(r"^sonobrik(?:-audiocontrol)?\[\d+\]: (\w+): (.*)$")
 
 SANITIZER_REPORT = re.compile(
     r"(ERROR|WARNING): (Address|Leak|Memory|Thread|UndefinedBehavior)Sanitizer|: runtime error: ")

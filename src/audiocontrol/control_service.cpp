@@ -1,0 +1,449 @@
+#include "control_service.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <glib.h>
+#include <libudev.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include "alsa_files.h"
+#include "alsa_overrides.h"
+#include "alsa_text.h"
+#include "autoptr.h"
+#include "card_scan.h"
+#include "config_file.h"
+#include "control_bus.h"
+#include "control_conf.h"
+#include "device_state.h"
+#include "log_level.h"
+#include "platform/util.h"
+
+namespace
+{
+
+constexpr uint64_t MSEC = 1000;
+
+/* How long nothing may happen to a card before the cards are read. */
+constexpr uint64_t QUIET_USEC = 500 * MSEC;
+
+/* How long udev may take to examine the first cards. */
+constexpr int MAX_UDEV_WAITS = 20; /* times QUIET_USEC */
+
+/* When a card that comes and goes all the time is logged. */
+constexpr uint64_t UNREST_USEC = 10'000 * MSEC;
+
+constexpr mode_t FILE_MODE = 0644;
+constexpr int FOLDER_MODE = 0755;
+
+struct Service {
+    const ControlFiles *files;
+    sd_event *event;
+    sd_bus *bus;
+    CardScan *scan;
+    sd_event_source *quiet_timer;
+    ControlPicture picture; /* on the bus; before that, what the last run left */
+    bool is_published;
+    int udev_waits;
+    uint64_t unrest_since; /* when the first event after the last quiet came; 0 if it is quiet */
+    bool unrest_logged;
+    ConfigFileStamp conf_stamp;
+    ControlConf conf;
+    AlsaFiles alsa_files;
+    std::string alsa_text; /* as it was last written */
+    std::string state_text;
+};
+
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_event_source, sd_event_source_unref)
+
+uint64_t get_time()
+{
+    return static_cast<uint64_t>(g_get_monotonic_time());
+}
+
+void log_failure(const char *what, int r)
+{
+    log_error("%s%s: %s", "", what, g_strerror(-r));
+}
+
+/* Reads the configuration if it has changed. After a mistake, the defaults apply. */
+void read_conf(Service *service)
+{
+    const char *path = service->files->conf.c_str();
+    const ConfigFileStamp stamp = config_file_stamp(path);
+    if (stamp == service->conf_stamp) {
+        return;
+    }
+    service->conf_stamp = stamp;
+    service->conf.clear();
+    std::string text;
+    const int error = config_file_read(path, &text);
+    if (error == ENOENT || error == ENOTDIR) {
+        return;
+    }
+    std::string mistake;
+    if (error != 0) {
+        g_warning("%s%s: %s; the defaults apply", "", path, g_strerror(error));
+    } else if (!control_conf_parse(text, &service->conf, &mistake)) {
+        g_warning("%s%s:%s; the defaults apply", "", path, mistake.c_str());
+    }
+}
+
+void read_state(Service *service)
+{
+    const char *path = service->files->state.c_str();
+    std::string reason;
+    const int error = config_file_read(path, &service->state_text);
+    if (error == ENOENT) {
+        return;
+    }
+    if (error != 0) {
+        reason = g_strerror(error);
+    } else if (device_state_parse(service->state_text, &service->picture.devices, &reason)) {
+        return;
+    }
+    g_warning("%s%s: %s; the devices get new numbers", "", path, reason.c_str());
+}
+
+/* A failure costs the numbers of new devices at the next start; they work until then. */
+void write_state(Service *service, const DeviceTable &table)
+{
+    const std::string text = device_state_format(table);
+    if (text == service->state_text) {
+        return;
+    }
+    service->state_text = text;
+    if (!util_write_file_synced(service->files->state.c_str(), text.data(), text.size(),
+                                FILE_MODE)) {
+        g_warning("%sCannot write %s: %s", "", service->files->state.c_str(), g_strerror(errno));
+    }
+}
+
+/* Returns false if the file cannot be written: the daemon would not find the devices. */
+bool write_alsa(Service *service, const DeviceTable &table)
+{
+    const std::string text = alsa_text_make(table);
+    const char *path = service->files->alsa.c_str();
+    if (text == service->alsa_text) {
+        return true;
+    }
+    if (!util_write_file_synced(path, text.data(), text.size(), FILE_MODE)) {
+        g_critical("%sCannot write %s: %s", "", path, g_strerror(errno));
+        return false;
+    }
+    service->alsa_text = text;
+    return true;
+}
+
+const char *describe(const std::string &text)
+{
+    return text.empty() ? "-" : text.c_str();
+}
+
+void log_change(const DeviceTable &before, const DeviceTable &after)
+{
+    for (const Device &device : after) {
+        const Device *previous = device_table_find(before, device.number);
+        if (device.plugged_in && (!previous || !previous->plugged_in)) {
+            g_info("%sAudio device %d is plugged in: %s (serial=%s, path=%s, card=%s)", "",
+                   device.number, device.name.c_str(), describe(device.serial),
+                   describe(device.path), describe(device.card_id));
+        } else if (!device.plugged_in && previous && previous->plugged_in) {
+            g_info("%sAudio device %d is unplugged: %s", "", device.number, device.name.c_str());
+        }
+    }
+    if (std::ranges::none_of(after, &Device::plugged_in)) {
+        g_info("%sNo audio device is plugged in", "");
+    }
+}
+
+/* Reads the files of the ALSA configuration for what the administrator defines there. */
+void read_overrides(Service *service, ControlPicture *picture)
+{
+    picture->overrides = alsa_overrides_find(&service->alsa_files,
+                                             {service->files->alsa, service->files->default_alsa});
+}
+
+/* Publishes the first picture and takes the name. Returns 0 or a negative errno. */
+int publish(Service *service, ControlPicture next, bool had_alsa_file)
+{
+    /*
+     * At the first start after a boot nobody knows a picture, so no signal is sent. When the
+     * service restarts, the daemon still has the picture of before; it must learn what changed.
+     */
+    ControlPicture known = had_alsa_file ? service->picture : next;
+    if (had_alsa_file) {
+        /* The outputs are not remembered; a device that stayed is taken to have the same ones. */
+        for (Device &device : known.devices) {
+            const Device *same = device_table_find(next.devices, device.number);
+            if (device.plugged_in && same && same->plugged_in) {
+                device.outputs = same->outputs;
+            }
+        }
+    }
+    service->picture = std::move(known);
+    int r = control_bus_publish(service->bus, &service->picture);
+    if (r >= 0) {
+        r = control_bus_take_name(service->bus);
+    }
+    if (r < 0) {
+        return r;
+    }
+    service->is_published = true;
+    control_bus_change(service->bus, &service->picture, std::move(next));
+    sd_notify(0, "READY=1");
+    return 0;
+}
+
+/* Makes a picture of what is plugged in now, and writes and announces it. */
+int refresh(Service *service, const std::vector<SoundCard> &cards)
+{
+    ControlPicture next = {.devices = service->picture.devices, .overrides = {}};
+    device_table_update(&next.devices, cards, service->conf);
+    read_overrides(service, &next);
+    write_state(service, next.devices);
+    const bool had_alsa_file = access(service->files->alsa.c_str(), F_OK) == 0;
+    if (!write_alsa(service, next.devices)) {
+        return -EIO;
+    }
+    if (service->is_published) {
+        if (next.devices != service->picture.devices) {
+            log_change(service->picture.devices, next.devices);
+        }
+        control_bus_change(service->bus, &service->picture, std::move(next));
+        return 0;
+    }
+    log_change({}, next.devices);
+    const int r = publish(service, std::move(next), had_alsa_file);
+    if (r < 0) {
+        log_failure("Cannot serve com.vesk.AudioControl", r);
+    }
+    return r;
+}
+
+void wait_for_quiet(Service *service)
+{
+    sd_event_source_set_time_relative(service->quiet_timer, QUIET_USEC);
+    sd_event_source_set_enabled(service->quiet_timer, SD_EVENT_ONESHOT);
+}
+
+/* Starts the wait again, because something happened. */
+void note_unrest(Service *service)
+{
+    const uint64_t now = get_time();
+    if (service->unrest_since == 0) {
+        service->unrest_since = now;
+    } else if (now - service->unrest_since > UNREST_USEC && !service->unrest_logged) {
+        service->unrest_logged = true;
+        g_warning("%sA sound card keeps coming and going; changes are announced when that stops",
+                  "");
+    }
+    wait_for_quiet(service);
+}
+
+/*
+ * Returns true if the first picture must wait for events. A known card keeps its number, so only a
+ * card that is new or not examined yet has to wait for others, which may come before it in the
+ * order of numbers.
+ */
+bool must_wait_for_cards(Service *service, const std::vector<SoundCard> &cards, bool is_complete)
+{
+    return !service->is_published && service->udev_waits == 0 &&
+           (!is_complete || device_table_is_new(service->picture.devices, cards, service->conf));
+}
+
+/* Returns true while udev has not examined all cards, for a limited time. */
+bool must_wait_for_udev(Service *service, bool is_complete)
+{
+    udev *context = is_complete ? nullptr : udev_new();
+    udev_queue *queue = context ? udev_queue_new(context) : nullptr;
+    const bool is_busy = queue && udev_queue_get_queue_is_empty(queue) == 0;
+    udev_queue_unref(queue);
+    udev_unref(context);
+    return is_busy && service->udev_waits < MAX_UDEV_WAITS;
+}
+
+int read_cards(Service *service)
+{
+    bool is_complete = true;
+    const std::vector<SoundCard> cards = card_scan_read(service->scan, &is_complete);
+    read_conf(service);
+    const bool must_wait = must_wait_for_cards(service, cards, is_complete) ||
+                           must_wait_for_udev(service, is_complete);
+    service->udev_waits++;
+    if (must_wait) {
+        wait_for_quiet(service);
+        return 0;
+    }
+    return refresh(service, cards);
+}
+
+int end(Service *service, int status)
+{
+    return sd_event_exit(service->event, status);
+}
+
+/* The handlers of the event loop. */
+
+int handle_quiet(sd_event_source *, uint64_t, void *data)
+{
+    auto *service = static_cast<Service *>(data);
+    service->unrest_since = 0;
+    service->unrest_logged = false;
+    return read_cards(service) < 0 ? end(service, EXIT_FAILURE) : 0;
+}
+
+int handle_udev(sd_event_source *, int, uint32_t, void *data)
+{
+    auto *service = static_cast<Service *>(data);
+    if (card_scan_take_events(service->scan)) {
+        service->udev_waits = service->is_published ? 0 : service->udev_waits;
+        note_unrest(service);
+    }
+    return 0;
+}
+
+int handle_folder(sd_event_source *, const struct inotify_event *, void *data)
+{
+    auto *service = static_cast<Service *>(data);
+    if (config_file_stamp(service->files->conf.c_str()) != service->conf_stamp ||
+        alsa_files_changed(service->alsa_files)) {
+        wait_for_quiet(service);
+    }
+    return 0;
+}
+
+int handle_signal(sd_event_source *, const struct signalfd_siginfo *, void *data)
+{
+    return end(static_cast<Service *>(data), EXIT_SUCCESS);
+}
+
+/* Watches the folder of a file that an administrator may edit. Without it, nothing is missed but
+ * the edit, which then counts from the next event on. */
+void watch_folder(Service *service, const char *path)
+{
+    constexpr uint32_t changes =
+        IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
+    const int r =
+        sd_event_add_inotify(service->event, nullptr, path, changes, handle_folder, service);
+    if (r < 0 && r != -ENOENT) {
+        g_warning("%sCannot watch %s: %s", "", path, g_strerror(-r));
+    }
+}
+
+void watch_folders(Service *service)
+{
+    g_autofree char *conf_folder = g_path_get_dirname(service->files->conf.c_str());
+    watch_folder(service, conf_folder);
+    watch_folder(service, SONOBRIK_SYSCONFDIR);
+    watch_folder(service, SONOBRIK_SYSCONFDIR "/alsa/conf.d");
+}
+
+int add_sources(Service *service)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    int r = sd_event_add_signal(service->event, nullptr, SIGTERM, handle_signal, service);
+    if (r >= 0) {
+        r = sd_event_add_signal(service->event, nullptr, SIGINT, handle_signal, service);
+    }
+    if (r >= 0) {
+        r = sd_event_add_io(service->event, nullptr, card_scan_get_fd(service->scan), EPOLLIN,
+                            handle_udev, service);
+    }
+    if (r >= 0) {
+        r = sd_event_add_time_relative(service->event, &service->quiet_timer, CLOCK_MONOTONIC,
+                                       QUIET_USEC, MSEC, handle_quiet, service);
+    }
+    if (r >= 0) {
+        r = sd_event_source_set_enabled(service->quiet_timer, SD_EVENT_OFF);
+    }
+    if (r >= 0) {
+        r = sd_event_set_watchdog(service->event, true);
+    }
+    return r;
+}
+
+int connect_bus(Service *service)
+{
+    int r = sd_bus_open_system(&service->bus);
+    if (r >= 0) {
+        r = sd_bus_attach_event(service->bus, service->event, SD_EVENT_PRIORITY_NORMAL);
+    }
+    return r < 0 ? r : sd_bus_set_exit_on_disconnect(service->bus, true);
+}
+
+bool make_folder(const std::string &file)
+{
+    g_autofree char *folder = g_path_get_dirname(file.c_str());
+    if (g_mkdir_with_parents(folder, FOLDER_MODE) == 0) {
+        return true;
+    }
+    g_critical("%sCannot make %s: %s", "", folder, g_strerror(errno));
+    return false;
+}
+
+/* Sets the service up and makes the first picture. Returns false and logs the reason on failure. */
+bool start(Service *service)
+{
+    if (!make_folder(service->files->state) || !make_folder(service->files->alsa)) {
+        return false;
+    }
+    int r = sd_event_default(&service->event);
+    if (r < 0) {
+        log_failure("Cannot make the event loop", r);
+        return false;
+    }
+    r = connect_bus(service);
+    if (r < 0) {
+        log_failure("Cannot connect to the system bus", r);
+        return false;
+    }
+    /* Before the cards are read, so that no change is missed. */
+    service->scan = card_scan_new();
+    if (!service->scan) {
+        return false;
+    }
+    r = add_sources(service);
+    if (r < 0) {
+        log_failure("Cannot set up the event loop", r);
+        return false;
+    }
+    watch_folders(service);
+    read_state(service);
+    return read_cards(service) >= 0;
+}
+
+void stop(Service *service)
+{
+    sd_event_source_unref(service->quiet_timer);
+    sd_bus_flush_close_unref(service->bus);
+    card_scan_free(service->scan);
+    sd_event_unref(service->event);
+}
+
+} // namespace
+
+int control_service_run(const ControlFiles &files)
+{
+    Service service = {};
+    service.files = &files;
+    service.conf_stamp.error = -1; /* of no file, so that the file is read */
+    int status = EXIT_FAILURE;
+    if (start(&service)) {
+        status = sd_event_loop(service.event);
+        if (status != EXIT_SUCCESS && sd_bus_is_open(service.bus) <= 0) {
+            log_error("%sThe connection of com.vesk.AudioControl to the system bus was lost.", "");
+        }
+    }
+    stop(&service);
+    return status == EXIT_SUCCESS ? EXIT_SUCCESS : EXIT_FAILURE;
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+/*
+ * The audio devices: each sound card that was ever seen, with its number. The table is the memory
+ * of the service, and what it serves on the bus.
+ */
+
+#include <string>
+#include <vector>
+
+#include "control_conf.h"
+#include "sound_card.h"
+
+/* If there are more, those that are not plugged in are forgotten, the highest numbers first. */
+inline constexpr size_t DEVICE_TABLE_MAX_DEVICES = 256;
+
+struct Device {
+    int number;
+    /* What the card is recognised by; these and the name are the card's own. */
+    std::string serial;
+    std::string path;
+    std::string card_id;
+    std::string card_name;
+    /* Not remembered. */
+    std::string name;                 /* for people: of the configuration, else the card's */
+    bool plugged_in;                  /* the rest is valid only while it is plugged in */
+    int card_index;                   /* the kernel's number of the card */
+    std::vector<SoundOutput> outputs; /* output N is element N */
+
+    bool operator==(const Device &) const = default;
+};
+
+/* By ascending number; each number occurs once. */
+using DeviceTable = std::vector<Device>;
+
+/*
+ * Updates the table for the cards that are plugged in now. Cards without a playback PCM and those
+ * that the configuration leaves out are no devices. A card is recognised by its serial number, else
+ * by its path, else by its id. New cards get the lowest free numbers: built-in cards before USB,
+ * and HDMI last.
+ *
+ * A number of the configuration belongs to its device even while that is not plugged in; a device
+ * that has such a number by chance gets another one.
+ */
+void device_table_update(DeviceTable *table, const std::vector<SoundCard> &cards,
+                         const ControlConf &conf);
+
+/* Returns true if one of the cards would be a new device in the table. */
+bool device_table_is_new(const DeviceTable &table, const std::vector<SoundCard> &cards,
+                         const ControlConf &conf);
+
+/* Returns the device with this number, or null. */
+const Device *device_table_find(const DeviceTable &table, int number);
