@@ -1,6 +1,7 @@
 """sonobrikctl status and outputs, in a pipe."""
 
 import json
+import re
 
 import pytest
 from sandbox import clips, wait_until
@@ -26,15 +27,17 @@ def test_nothing_is_playing(shell, daemon):
 def test_the_status_names_clip_file_output_and_length(shell, sandbox, door):
     shell.ok("play", "0", "--repeat", "forever")
     wait_sound(sandbox)
-    assert shell.ok("status") == (
-        "Clip:      0 Front\\x1b\n"
-        "File:      door.wav\n"
-        "Output:    0\n"
-        "Position:  not known (the daemon does not report it)\n"
-        "Length:    0:01.0\n")
-    assert json.loads(shell.ok("status", "--json")) == [{
+    assert re.fullmatch(
+        r"Clip:      0 Front\\x1b\n"
+        r"File:      door\.wav\n"
+        r"Output:    0\n"
+        r"Position:  0:0[01]\.\d\n"
+        r"Length:    0:01\.0\n", shell.ok("status"))
+    status, = json.loads(shell.ok("status", "--json"))
+    assert 0 <= status.pop("positionMs") <= 1000
+    assert status == {
         "output": 0, "outputName": None, "clip": 0, "name": "Front\x1b", "location": door.path,
-        "positionMs": None, "durationMs": 1000}]
+        "durationMs": 1000}
     shell.ok("stop")
     assert shell.ok("status") == "nothing is playing\n"
 

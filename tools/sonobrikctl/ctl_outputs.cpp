@@ -5,6 +5,7 @@
 
 #include "autoptr.h"
 #include "client_bus.h"
+#include "client_devices.h"
 #include "client_text.h"
 #include "ctl.h"
 #include "ctl_driver.h"
@@ -16,15 +17,51 @@
 namespace
 {
 
-const char *describe_state(const ClientOutput &output, const CtlCard &card)
+/* In place of ClientOutput.device_output for a device that is not plugged in. */
+constexpr gint32 NO_OUTPUT = -1;
+
+/*
+ * Adds the devices that are not plugged in to `outputs`, at their places. The daemon does not know
+ * them, so they have no output of the device.
+ */
+void add_unplugged(GPtrArray *outputs, const GPtrArray *devices)
+{
+    for (guint i = 0; i < devices->len; i++) {
+        const auto *device = static_cast<const ClientDevice *>(g_ptr_array_index(devices, i));
+        guint place = 0;
+        while (place < outputs->len &&
+               static_cast<const ClientOutput *>(g_ptr_array_index(outputs, place))->output <
+                   device->number) {
+            place++;
+        }
+        const bool is_listed =
+            place < outputs->len &&
+            static_cast<const ClientOutput *>(g_ptr_array_index(outputs, place))->output ==
+                device->number;
+        if (!device->plugged_in && !is_listed) {
+            auto *output = g_new0(ClientOutput, 1);
+            output->output = device->number;
+            output->device = device->number;
+            output->device_output = NO_OUTPUT;
+            g_ptr_array_insert(outputs, static_cast<gint>(place), output);
+        }
+    }
+}
+
+bool is_unplugged(const ClientOutput &output)
+{
+    return output.device_output == NO_OUTPUT || ctl_outputs_card(output.output).is_missing;
+}
+
+const char *describe_state(const ClientOutput &output)
 {
     if (output.playing) {
         return "playing";
     }
-    return card.is_missing ? "unplugged" : "idle";
+    return is_unplugged(output) ? "unplugged" : "idle";
 }
 
-void print_table(const GPtrArray *outputs)
+void print_table(const GPtrArray *outputs, const GPtrArray *devices)
 {
     CtlTable table = {
         .is_right = {true, true, true, false, false, false},
@@ -33,37 +70,38 @@ void print_table(const GPtrArray *outputs)
     };
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        const CtlCard card = ctl_outputs_card(output->output);
+        const std::string name = ctl_outputs_name(devices, output->output);
         table.rows.push_back({
             std::to_string(output->output),
             std::to_string(output->device),
-            std::to_string(output->device_output),
-            card.name.empty() ? "-" : card.name,
-            describe_state(*output, card),
+            output->device_output == NO_OUTPUT ? "-" : std::to_string(output->device_output),
+            name.empty() ? "-" : name,
+            describe_state(*output),
             output->playing ? output->file_name : "",
         });
     }
-    if (outputs->len == 0) {
+    if (outputs->len > 0) {
+        ctl_table_print(&table);
+    } else if (devices) {
+        ctl_error("no outputs; plug in a sound card");
+    } else {
         ctl_error(
             "no outputs; to create output 0, define PCM 'audiosink0' in the ALSA configuration");
-        return;
     }
-    ctl_table_print(&table);
 }
 
-void print_json(const GPtrArray *outputs)
+void print_json(const GPtrArray *outputs, const GPtrArray *devices)
 {
     g_autoptr(json_t) array = json_array();
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        const CtlCard card = ctl_outputs_card(output->output);
+        const std::string name = ctl_outputs_name(devices, output->output);
         json_t *object = json_object();
         json_object_set_new(object, "output", json_integer(output->output));
         json_object_set_new(object, "device", json_integer(output->device));
-        json_object_set_new(object, "deviceOutput", json_integer(output->device_output));
-        json_object_set_new(object, "name",
-                            card.name.empty() ? json_null() : json_string(card.name.c_str()));
-        json_object_set_new(object, "unplugged", json_boolean(card.is_missing));
+        json_object_set_new(object, "deviceOutput", ctl_json_number_or_null(output->device_output));
+        json_object_set_new(object, "name", name.empty() ? json_null() : json_string(name.c_str()));
+        json_object_set_new(object, "unplugged", json_boolean(is_unplugged(*output)));
         json_object_set_new(object, "playing", json_boolean(output->playing));
         json_object_set_new(object, "file",
                             output->playing ? json_string(output->file_name) : json_null());
@@ -110,6 +148,12 @@ int ctl_outputs_list(sd_bus *bus, GPtrArray **outputs)
     return ctl_explain(&call, error);
 }
 
+std::string ctl_outputs_name(const GPtrArray *devices, gint32 output)
+{
+    const ClientDevice *device = client_devices_get(devices, output);
+    return device ? device->name : ctl_outputs_card(output).name;
+}
+
 int ctl_outputs(const CtlCommand *command, char **words)
 {
     gboolean as_json = FALSE;
@@ -121,7 +165,12 @@ int ctl_outputs(const CtlCommand *command, char **words)
         g_autoptr(GPtrArray) outputs = nullptr;
         const int status = ctl_outputs_list(bus, &outputs);
         if (status == CTL_OK) {
-            (as_json ? print_json : print_table)(outputs);
+            /* Null without the audio control service, which is not an error. */
+            g_autoptr(GPtrArray) devices = client_devices_list(bus, nullptr);
+            if (devices) {
+                add_unplugged(outputs, devices);
+            }
+            (as_json ? print_json : print_table)(outputs, devices);
         }
         return status;
     });

@@ -10,6 +10,7 @@
 #include "autoptr.h"
 #include "client_bus.h"
 #include "client_clips.h"
+#include "client_devices.h"
 #include "client_events.h"
 #include "client_text.h"
 #include "ctl_driver.h"
@@ -86,9 +87,10 @@ void read_clips(Status *status)
 void set_playing(Status *status, gint32 output, const char *location, gint64 started_us)
 {
     std::erase_if(status->playing, [output](const Playing &p) { return p.output == output; });
+    g_autoptr(GPtrArray) devices = client_devices_list(status->bus, nullptr);
     Playing playing = {
         .output = output,
-        .output_name = ctl_outputs_card(output).name,
+        .output_name = ctl_outputs_name(devices, output),
         .location = location,
         .number = UNKNOWN,
         .name = "",
@@ -116,7 +118,8 @@ int read_status(Status *status)
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
         if (output->playing) {
-            set_playing(status, output->output, output->file_name, UNKNOWN);
+            const auto since = static_cast<gint64>(output->file_since);
+            set_playing(status, output->output, output->file_name, since > 0 ? since : UNKNOWN);
         }
     }
     return CTL_OK;
@@ -152,7 +155,7 @@ void print_text(const Status &status)
         printf("File:      %s\nOutput:    %s\nPosition:  %s\nLength:    %s\n",
                client_text_escape(client_clips_relative(playing.location.c_str())).c_str(),
                client_text_escape(describe_output(playing).c_str()).c_str(),
-               playing.started_us == UNKNOWN ? "not known (the daemon does not report it)"
+               playing.started_us == UNKNOWN ? "not known (this platform does not report it)"
                                              : client_text_duration(find_position(playing)).c_str(),
                client_text_duration(playing.length_ms).c_str());
     }
