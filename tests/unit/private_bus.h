@@ -9,7 +9,7 @@
 
 #include "log_test.h"
 
-/* Runs the default main context until `done` returns true. Returns false after ten seconds. */
+/* Runs the default main context until `done` returns true. Returns false after a minute. */
 bool run_until(const std::function<bool()> &done);
 
 /*
