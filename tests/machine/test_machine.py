@@ -206,7 +206,7 @@ def test_a_broken_policy_slows_down_the_restarts():
         times = [float(line.split()[0]) for line in run(
             "journalctl", "-q", "-b", "--no-pager", "-o", "short-unix", "-u", UNIT,
             "--grep", "Scheduled restart job").splitlines()[-5:]]
-        assert all(after - before > 4.5 for before, after in zip(times, times[1:]))
+        assert times[-1] - times[-2] > times[1] - times[0] + 3
     finally:
         ACCESS.write_text(content)
     wait_until(is_active, 60, "the daemon runs again")
