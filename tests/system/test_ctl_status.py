@@ -74,6 +74,16 @@ def test_the_watch_prints_a_line_for_each_change(shell, sandbox, player, door):
     assert watch.wait_lines(5)[3:] == ["Front\\x1b  on output 0", "nothing is playing"]
 
 
+def test_the_position_is_the_time_since_the_file_began(shell, sandbox, player, long):
+    shell.ok("play", long.path)
+    wait_sound(sandbox)
+    first, = json.loads(shell.ok("status", "--json"))
+    wait_until(lambda: sandbox.card(0).frames > 48000, 20, "a second has been played")
+    second, = json.loads(shell.ok("status", "--json"))
+    assert 0 <= first["positionMs"] < second["positionMs"]
+    assert second["positionMs"] >= 1000
+
+
 def test_the_watch_in_json_has_the_position(shell, sandbox, player, door):
     watch = shell.start("status", "--watch", "--json")
     watch.wait_lines(1)
