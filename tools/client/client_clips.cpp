@@ -70,32 +70,20 @@ int read_clips(sd_bus_message *m, GPtrArray *clips)
     });
 }
 
-/* If there are no clips, the daemon replies with an error without a text. */
-bool means_no_clips(const GError *error)
-{
-    return g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_METHOD);
-}
-
-bool list_entries(sd_bus *bus, GPtrArray *clips, GError **error)
+GPtrArray *list_entries(sd_bus *bus, GError **error)
 {
     g_autoptr(GError) failure = nullptr;
     sd_bus_message *call =
         client_bus_new_call(bus, &CLIENT_LEGACY, "GetConfigurations", &failure, nullptr);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, &failure);
-    if (!answer) {
-        if (means_no_clips(failure)) {
-            return true;
-        }
-        g_propagate_error(error, g_steal_pointer(&failure));
-        return false;
+    if (answer) {
+        return client_clips_read(answer, error);
     }
-    const int r = read_clips(answer, clips);
-    if (r < 0) {
-        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
-        return false;
+    if (client_clips_means_none(failure)) {
+        return g_ptr_array_new_with_free_func(free_clip);
     }
-    g_ptr_array_sort(clips, compare_numbers);
-    return true;
+    g_propagate_error(error, g_steal_pointer(&failure));
+    return nullptr;
 }
 
 ClientClip *find_by_number(const GPtrArray *clips, gint64 number)
@@ -139,14 +127,47 @@ void set_metadata(ClientClip *clip, const json_t *description)
     clip->duration_ms = json_is_integer(duration) ? json_integer_value(duration) : UNKNOWN;
 }
 
-bool add_metadata(sd_bus *bus, const GPtrArray *clips, GError **error)
+bool add_metadata(sd_bus *bus, GPtrArray *clips, GError **error)
 {
     sd_bus_message *call =
         client_bus_new_call(bus, &CLIENT_SONOBRIK, "GetMetadata", error, nullptr);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, error);
-    if (!answer) {
-        return false;
+    return answer && client_clips_read_metadata(clips, answer, error);
+}
+
+} // namespace
+
+void client_clip_free(ClientClip *clip)
+{
+    if (!clip) {
+        return;
     }
+    g_free(clip->name);
+    g_free(clip->location);
+    g_strfreev(clip->media_types);
+    g_free(clip);
+}
+
+/* If there are no clips, the daemon replies with an error without a text. */
+bool client_clips_means_none(const GError *error)
+{
+    return g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_METHOD);
+}
+
+GPtrArray *client_clips_read(sd_bus_message *answer, GError **error)
+{
+    g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(free_clip);
+    const int r = read_clips(answer, clips);
+    if (r < 0) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
+        return nullptr;
+    }
+    g_ptr_array_sort(clips, compare_numbers);
+    return g_steal_pointer(&clips);
+}
+
+bool client_clips_read_metadata(GPtrArray *clips, sd_bus_message *answer, GError **error)
+{
     const char *text = nullptr;
     const int r = sd_bus_message_read(answer, "s", &text);
     if (r < 0) {
@@ -179,23 +200,10 @@ bool add_metadata(sd_bus *bus, const GPtrArray *clips, GError **error)
     return true;
 }
 
-} // namespace
-
-void client_clip_free(ClientClip *clip)
-{
-    if (!clip) {
-        return;
-    }
-    g_free(clip->name);
-    g_free(clip->location);
-    g_strfreev(clip->media_types);
-    g_free(clip);
-}
-
 GPtrArray *client_clips_list(sd_bus *bus, bool with_metadata, GError **error)
 {
-    g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(free_clip);
-    if (!list_entries(bus, clips, error)) {
+    g_autoptr(GPtrArray) clips = list_entries(bus, error);
+    if (!clips) {
         return nullptr;
     }
     if (with_metadata && clips->len > 0 && !add_metadata(bus, clips, error)) {

@@ -34,6 +34,18 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(ClientClip, client_clip_free)
 GPtrArray *client_clips_list(sd_bus *bus, bool with_metadata, GError **error);
 
 /*
+ * Reads the reply of GetConfigurations, for callers that do not wait for it in client_clips_list().
+ * Returns the clips without metadata, sorted by number, or null with an error.
+ */
+GPtrArray *client_clips_read(sd_bus_message *answer, GError **error);
+
+/* Reads the reply of GetMetadata into `clips`. Returns false with an error if it is invalid. */
+bool client_clips_read_metadata(GPtrArray *clips, sd_bus_message *answer, GError **error);
+
+/* Returns true if `error`, of a call of GetConfigurations, means that there are no clips. */
+bool client_clips_means_none(const GError *error);
+
+/*
  * Returns the clip whose number is `text` or, failing that, the clip whose name is `text`, borrowed
  * from `clips`. Returns null with CLIENT_ERROR_NO_CLIP if there is none, or if several clips have
  * that name; the message then lists their numbers.

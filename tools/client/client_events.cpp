@@ -194,9 +194,11 @@ GPtrArray *client_outputs_list(sd_bus *bus, GError **error)
 {
     sd_bus_message *call = client_bus_new_call(bus, &EVENTS, "GetManagedObjects", error, nullptr);
     g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, error);
-    if (!answer) {
-        return nullptr;
-    }
+    return answer ? client_outputs_read(answer, error) : nullptr;
+}
+
+GPtrArray *client_outputs_read(sd_bus_message *answer, GError **error)
+{
     g_autoptr(GPtrArray) outputs = g_ptr_array_new_with_free_func(free_output);
     const int r = read_objects(answer, outputs);
     if (r < 0) {

@@ -38,6 +38,10 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(ClientOutput, client_output_free)
  */
 GPtrArray *client_outputs_list(sd_bus *bus, GError **error);
 
+/* Reads the reply of GetManagedObjects, for callers that do not wait for it in
+ * client_outputs_list(). Returns the same, or null with CLIENT_ERROR_REPLY. */
+GPtrArray *client_outputs_read(sd_bus_message *answer, GError **error);
+
 /* The content of a playing event. */
 struct ClientEvent {
     bool is_state; /* true: "Playing", which sets `playing`; false: "CurrentlyPlaying", which sets
