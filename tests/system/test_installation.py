@@ -68,7 +68,9 @@ def test_the_user_is_in_audio_and_the_groups_are_empty(box, installation):
     groups = [line.split(":") for line in (box.etc / "group").read_text().splitlines()]
     members = {group[0]: group[3].split(",") for group in groups}
     assert "sonobrik" in members["audio"]
-    assert members["sonobrik-play"] == members["sonobrik-config"] == [""]
+    assert members["sonobrik-config"] == [""]
+    # Of the programs, only the MQTT bridge plays on its own.
+    assert members["sonobrik-play"] in (["sonobrik-mqtt"], [""])
     user, = [line.split(":") for line in (box.etc / "passwd").read_text().splitlines()
              if line.startswith("sonobrik:")]
     assert int(user[3]) == find_id(box, "group", "sonobrik")
@@ -166,21 +168,25 @@ COMPLETION = {"usr/share/bash-completion/completions/sonobrikctl",
               "usr/share/fish/vendor_completions.d/sonobrikctl.fish",
               "usr/share/zsh/vendor-completions/_sonobrikctl"}
 CLI_PAGE = {"usr/share/man/man1/sonobrikctl.1"}
+MQTT_UNIT = {"usr/lib/systemd/system/sonobrik-mqtt.service", "usr/lib/sysusers.d/sonobrik-mqtt.conf"}
+MQTT_PAGES = {"usr/share/man/man5/vesk-mqtt.conf.5", "usr/share/man/man8/sonobrik-mqtt.8"}
 WITHOUT = {
     "audiocontrol": SERVICE,
     "cli": {"usr/bin/sonobrikctl"} | CLI_PAGE | COMPLETION,
     "cgi": {"usr/libexec/vesk-cgi/sonobrik.cgi"} | EXAMPLES,
     "completion": COMPLETION,
     "examples": EXAMPLES,
-    "man": {"usr/share/man/man8/sonobrik.8"} | CLI_PAGE | STOCK_PAGES | SERVICE_PAGES,
+    "man": {"usr/share/man/man8/sonobrik.8"} | CLI_PAGE | STOCK_PAGES | SERVICE_PAGES | MQTT_PAGES,
+    "mqtt": {"usr/libexec/sonobrik-mqtt", "etc/vesk/mqtt.conf"} | MQTT_UNIT | MQTT_PAGES,
     "systemd": {"usr/lib/systemd/system/sonobrik.service", "usr/lib/sysusers.d/sonobrik.conf",
-                "usr/lib/tmpfiles.d/sonobrik.conf"} | SERVICE_UNIT,
+                "usr/lib/tmpfiles.d/sonobrik.conf"} | SERVICE_UNIT | MQTT_UNIT,
 }
 ALL = SEAM | DAEMON | STOCK | set().union(*WITHOUT.values())
 
 DEFAULTS = {"platform": "linux", "user": "sonobrik", "play_group": "sonobrik-play",
             "config_group": "sonobrik-config", "sysconfdir": "/etc", "systemd": "enabled",
-            **dict.fromkeys(("audiocontrol", "cli", "cgi", "completion", "examples", "man"), "auto")}
+            **dict.fromkeys(("audiocontrol", "cli", "cgi", "completion", "examples", "man", "mqtt"),
+                            "auto")}
 
 
 class Device:
@@ -317,7 +323,8 @@ def test_the_programs_read_the_configured_folder(device):
     folder = device.install(sysconfdir="/etc/firm")
     for program, names in (("usr/libexec/sonobrik", ("access", "parameters")),
                            ("usr/bin/sonobrikctl", ("access",)),
-                           ("usr/libexec/vesk-cgi/sonobrik.cgi", ("access",))):
+                           ("usr/libexec/vesk-cgi/sonobrik.cgi", ("access",)),
+                           ("usr/libexec/sonobrik-mqtt", ("mqtt",))):
         content = (folder / program).read_bytes()
         for name in names:
             assert f"\0/etc/firm/vesk/{name}.conf\0".encode() in content

@@ -24,7 +24,7 @@ def read_macros(page, macro):
 
 @pytest.fixture(scope="module")
 def sources():
-    return read_tree("src", "include", "data")
+    return read_tree("src", "include", "data", "tools/mqtt")
 
 
 @pytest.fixture(scope="module")
@@ -94,6 +94,14 @@ def test_the_example_on_a_page_is_the_shipped_file(installation_plan):
         shipped = [line for line in read_shipped(installation_plan, name).splitlines()
                    if line and not line.startswith("#")]
         assert "\n".join(shipped) in (ROOT / f"man/vesk-{name}.conf.5").read_text()
+
+
+def test_the_documented_keys_of_the_bridge_are_read_and_shipped(installation_plan):
+    keys = set(read_macros(ROOT / "man/vesk-mqtt.conf.5", "Ic"))
+    read = set(re.findall(r'\.name = "([a-z-]+)"', read_tree("tools/mqtt")))
+    shipped = set(re.findall(r"^#([a-z-]+)=", read_shipped(installation_plan, "mqtt"),
+                             re.MULTILINE))
+    assert keys == read == shipped
 
 
 def test_the_documented_exit_statuses_are_those_of_the_program():

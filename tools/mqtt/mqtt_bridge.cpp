@@ -1,0 +1,357 @@
+#include "mqtt_bridge.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+#include "autoptr.h"
+#include "mqtt_bridge_data.h"
+#include "mqtt_clock.h"
+#include "mqtt_discovery.h"
+#include "mqtt_jobs.h"
+#include "mqtt_topics.h"
+
+namespace
+{
+
+/* How long to wait for further changes before the clips are listed, in microseconds. */
+constexpr guint64 REFRESH_DELAY = 100'000;
+
+/* How often the time of the last packet is written, in milliseconds. */
+constexpr gint64 ALIVE_INTERVAL = 1000;
+
+/* Retained messages */
+
+void publish_state(MqttBridge *bridge, const char *leaf, std::string *published,
+                   const std::string &payload)
+{
+    if (*published != payload &&
+        mqtt_client_publish(bridge->client, mqtt_topics_own(*bridge->conf, leaf), payload, true,
+                            nullptr)) {
+        *published = payload;
+    }
+}
+
+void publish_discovery(MqttBridge *bridge)
+{
+    const MqttConf &conf = *bridge->conf;
+    const std::string payload = conf.discovery ? mqtt_discovery_write(conf, bridge->state) : "";
+    if ((conf.discovery && bridge->published.discovery == payload) ||
+        (!conf.discovery && !bridge->store.announced)) {
+        return;
+    }
+    if (mqtt_client_publish(bridge->client, mqtt_discovery_topic(conf), payload, true, nullptr)) {
+        bridge->published.discovery = payload;
+        bridge->must_save = bridge->must_save || bridge->store.announced != conf.discovery;
+        bridge->store.announced = conf.discovery;
+    }
+}
+
+/* Publishes what has changed. */
+void publish_all(MqttBridge *bridge)
+{
+    if (!mqtt_client_is_connected(bridge->client)) {
+        return;
+    }
+    const MqttConf &conf = *bridge->conf;
+    MqttPublished *published = &bridge->published;
+    publish_state(bridge, "state", &published->state, mqtt_state_write(bridge->state));
+    publish_state(bridge, "clips", &published->clips, mqtt_state_write_clips(bridge->state));
+    if (conf.discovery) {
+        publish_state(bridge, "siren/state", &published->siren,
+                      mqtt_discovery_write_siren(bridge->state));
+    }
+    publish_discovery(bridge);
+}
+
+/* It contains the estimate of the clock's error, so it is published only for a reason. */
+void publish_info(MqttBridge *bridge)
+{
+    bridge->published.info.clear();
+    publish_state(bridge, "info", &bridge->published.info,
+                  mqtt_state_write_info(bridge->state, *bridge->conf, mqtt_client_library(),
+                                        mqtt_clock_read()));
+}
+
+/* The broker */
+
+void write_alive(MqttBridge *bridge)
+{
+    if (bridge->alive_fd >= 0 && bridge->alive != bridge->alive_written) {
+        const std::string text = std::to_string(bridge->alive) + "\n";
+        if (pwrite(bridge->alive_fd, text.data(), text.size(), 0) > 0) {
+            bridge->alive_written = bridge->alive;
+        }
+    }
+}
+
+/* Opens the file of the time of the last packet, and reads it. */
+void open_alive(MqttBridge *bridge, const std::string &path)
+{
+    constexpr size_t MAX_TEXT = 32;
+    bridge->alive = bridge->alive_written = MQTT_UNKNOWN;
+    bridge->alive_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    char text[MAX_TEXT] = {};
+    if (bridge->alive_fd < 0) {
+        mqtt_log(LOG_WARNING, "cannot open %s: %s", path.c_str(), g_strerror(errno));
+    } else if (pread(bridge->alive_fd, text, sizeof(text) - 1, 0) > 0) {
+        const gint64 time = g_ascii_strtoll(text, nullptr, 10);
+        /* A time of an earlier boot can be in the future. */
+        bridge->alive = time > 0 && time <= mqtt_clock_boot() ? time : MQTT_UNKNOWN;
+    }
+}
+
+void on_heard(MqttBridge *bridge)
+{
+    bridge->alive = mqtt_clock_boot();
+    if (bridge->alive - bridge->alive_written >= ALIVE_INTERVAL) {
+        write_alive(bridge);
+    }
+    mqtt_jobs_send_kept(bridge);
+}
+
+void on_connected(MqttBridge *bridge, bool has_session)
+{
+    bridge->connected = mqtt_clock_boot();
+    bridge->away = bridge->alive == MQTT_UNKNOWN ? MQTT_UNKNOWN : bridge->connected - bridge->alive;
+    bridge->is_catching_up = has_session;
+    for (const std::string &topic : mqtt_topics_list(*bridge->conf)) {
+        mqtt_client_subscribe(bridge->client, topic);
+    }
+    g_autofree char *mark = g_uuid_string_random();
+    bridge->mark = mark;
+    mqtt_client_publish(bridge->client, mqtt_topics_own(*bridge->conf, "availability"), "online",
+                        true, &bridge->mark);
+    bridge->published = {};
+    publish_all(bridge);
+    publish_info(bridge);
+    mqtt_jobs_send_kept(bridge);
+}
+
+void on_received(MqttBridge *bridge, const MqttMessage &message)
+{
+    std::string group;
+    switch (mqtt_topics_find(*bridge->conf, message.topic, &group)) {
+    case MQTT_TOPIC_OTHER:
+        /* The session has a subscription of an earlier configuration. */
+        mqtt_client_unsubscribe(bridge->client, message.topic);
+        break;
+    case MQTT_TOPIC_AVAILABILITY:
+        bridge->is_catching_up = bridge->is_catching_up && message.correlation != bridge->mark;
+        break;
+    case MQTT_TOPIC_HOME_ASSISTANT:
+        if (message.payload == "online") {
+            bridge->published.discovery.clear();
+            publish_discovery(bridge);
+        }
+        break;
+    default:
+        mqtt_jobs_receive(bridge, message);
+    }
+}
+
+/* The daemon */
+
+void list_clips(MqttBridge *bridge)
+{
+    if (bridge->is_listing) {
+        bridge->must_list_again = true;
+        return;
+    }
+    bridge->is_listing = true;
+    mqtt_daemon_list(bridge->daemon, true, [bridge](GPtrArray *clips, const GError *) {
+        bridge->is_listing = false;
+        if (clips) {
+            bridge->state.is_running = true;
+            mqtt_state_set_clips(&bridge->state, clips);
+            publish_all(bridge);
+        }
+        if (std::exchange(bridge->must_list_again, false)) {
+            list_clips(bridge);
+        }
+    });
+}
+
+int on_refresh(sd_event_source *, guint64, void *data)
+{
+    list_clips(static_cast<MqttBridge *>(data));
+    return 0;
+}
+
+void list_clips_soon(MqttBridge *bridge)
+{
+    sd_event_source_set_time_relative(bridge->refresh, REFRESH_DELAY);
+    sd_event_source_set_enabled(bridge->refresh, SD_EVENT_ONESHOT);
+}
+
+void list_outputs(MqttBridge *bridge)
+{
+    mqtt_daemon_list_outputs(bridge->daemon, [bridge](GPtrArray *outputs) {
+        if (outputs) {
+            mqtt_state_set_outputs(&bridge->state, outputs, mqtt_clock_now());
+            publish_all(bridge);
+            publish_info(bridge);
+        }
+    });
+}
+
+void on_owner(MqttBridge *bridge, bool is_running)
+{
+    bridge->state.is_running = is_running;
+    if (is_running) {
+        list_outputs(bridge);
+        list_clips_soon(bridge);
+        return;
+    }
+    for (MqttOutput &output : bridge->state.outputs) {
+        output.since = output.playing ? mqtt_clock_now() : output.since;
+        output.playing = false;
+    }
+    publish_all(bridge);
+}
+
+void on_event(MqttBridge *bridge, const ClientEvent &event)
+{
+    mqtt_state_apply(&bridge->state, event, mqtt_clock_now());
+    if (event.is_state && !event.playing) {
+        bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+    }
+    publish_all(bridge);
+}
+
+/* Set-up */
+
+void save(MqttBridge *bridge)
+{
+    const bool is_durable = std::exchange(bridge->must_be_durable, false);
+    bridge->must_save = false;
+    const int error = mqtt_store_save(bridge->store, bridge->store_path, is_durable);
+    static MqttLogLimit limit;
+    unsigned dropped = 0;
+    if (error != 0 && mqtt_log_limit_pass(&limit, g_get_monotonic_time(), &dropped)) {
+        mqtt_log(LOG_ERR, "cannot save %s: %s", bridge->store_path.c_str(), g_strerror(error));
+    }
+}
+
+/* Runs after each dispatch. The order matters: what is acknowledged is saved before. */
+int on_post(sd_event_source *, void *data)
+{
+    auto *bridge = static_cast<MqttBridge *>(data);
+    if (bridge->must_save) {
+        save(bridge);
+    }
+    mqtt_client_flush(bridge->client);
+    return 0;
+}
+
+int add_sources(MqttBridge *bridge)
+{
+    constexpr guint64 EXACT = 1; /* microseconds */
+    int r = sd_event_add_post(bridge->event, &bridge->post, on_post, bridge);
+    if (r >= 0) {
+        r = sd_event_add_time(bridge->event, &bridge->alarm, CLOCK_REALTIME, 0, EXACT,
+                              mqtt_jobs_on_alarm, bridge);
+    }
+    if (r >= 0) {
+        r = sd_event_source_set_enabled(bridge->alarm, SD_EVENT_OFF);
+    }
+    if (r >= 0) {
+        r = sd_event_add_time_relative(bridge->event, &bridge->refresh, CLOCK_MONOTONIC, 0, 0,
+                                       on_refresh, bridge);
+    }
+    return r;
+}
+
+bool open_daemon(MqttBridge *bridge, std::string *why)
+{
+    const MqttNews news = {
+        .owner = [bridge](bool is_running) { on_owner(bridge, is_running); },
+        .event = [bridge](const ClientEvent &event) { on_event(bridge, event); },
+        .clips = [bridge] { list_clips_soon(bridge); },
+        .lost =
+            [bridge] {
+                mqtt_log(LOG_ERR, "lost the connection to the system bus");
+                sd_event_exit(bridge->event, EXIT_FAILURE);
+            },
+    };
+    g_autoptr(GError) error = nullptr;
+    bridge->daemon = mqtt_daemon_new(bridge->event, news, &error);
+    if (!bridge->daemon) {
+        *why = std::string("cannot connect to the system bus: ") + error->message;
+        return false;
+    }
+    list_outputs(bridge);
+    return true;
+}
+
+bool open_client(MqttBridge *bridge, const std::string &password, std::string *why)
+{
+    const MqttHandlers handlers = {
+        .connected = [bridge](bool has_session) { on_connected(bridge, has_session); },
+        .heard = [bridge] { on_heard(bridge); },
+        .received = [bridge](const MqttMessage &message) { on_received(bridge, message); },
+    };
+    bridge->client = mqtt_client_new(bridge->event, bridge->conf, password, handlers, why);
+    return bridge->client != nullptr;
+}
+
+void load(MqttBridge *bridge)
+{
+    const int error = mqtt_store_load(&bridge->store, bridge->store_path);
+    if (error != 0 && error != ENOENT) {
+        mqtt_log(LOG_WARNING, "cannot load %s: %s", bridge->store_path.c_str(), g_strerror(error));
+        bridge->store = {};
+    }
+}
+
+} // namespace
+
+MqttBridge *mqtt_bridge_new(sd_event *event, const MqttConf *conf, const MqttFolders &folders,
+                            const std::string &password, std::string *why)
+{
+    auto *bridge = new MqttBridge{};
+    bridge->event = sd_event_ref(event);
+    bridge->conf = conf;
+    bridge->lead.configured = conf->lead * 1000;
+    bridge->store_path = folders.state + "/commands.json";
+    open_alive(bridge, folders.runtime + "/alive");
+    load(bridge);
+    const int r = add_sources(bridge);
+    if (r < 0) {
+        *why = g_strerror(-r);
+    }
+    if (r < 0 || !open_daemon(bridge, why) || !open_client(bridge, password, why)) {
+        mqtt_bridge_free(bridge);
+        return nullptr;
+    }
+    mqtt_jobs_resume(bridge);
+    return bridge;
+}
+
+bool mqtt_bridge_free(MqttBridge *bridge)
+{
+    if (!bridge) {
+        return true;
+    }
+    if (bridge->client) {
+        save(bridge);
+        write_alive(bridge);
+        mqtt_client_leave(bridge->client);
+    }
+    if (!mqtt_client_free(bridge->client)) {
+        return false;
+    }
+    mqtt_daemon_free(bridge->daemon);
+    sd_event_source_disable_unref(bridge->post);
+    sd_event_source_disable_unref(bridge->alarm);
+    sd_event_source_disable_unref(bridge->refresh);
+    sd_event_source_disable_unref(bridge->siren_end);
+    if (bridge->alive_fd >= 0) {
+        close(bridge->alive_fd);
+    }
+    sd_event_unref(bridge->event);
+    delete bridge;
+    return true;
+}

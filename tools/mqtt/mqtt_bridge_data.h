@@ -1,0 +1,71 @@
+#pragma once
+
+/* The bridge's memory, which mqtt_bridge.cpp and mqtt_jobs.cpp share. */
+
+#include <deque>
+#include <glib.h>
+#include <string>
+#include <systemd/sd-event.h>
+
+#include "mqtt_client.h"
+#include "mqtt_conf.h"
+#include "mqtt_daemon.h"
+#include "mqtt_lead.h"
+#include "mqtt_log.h"
+#include "mqtt_state.h"
+#include "mqtt_store.h"
+
+/* Stands for a time that is not known. */
+constexpr gint64 MQTT_UNKNOWN = -1;
+
+/* An answer that waits for a connection. */
+struct MqttKept {
+    std::string topic;
+    std::string payload;
+    std::string correlation;
+    bool has_correlation;
+};
+
+/* The retained messages as they were last published, so that they are not repeated. */
+struct MqttPublished {
+    std::string state;
+    std::string clips;
+    std::string info;
+    std::string discovery;
+    std::string siren;
+};
+
+struct MqttBridge {
+    sd_event *event;
+    const MqttConf *conf;
+    MqttClient *client;
+    MqttDaemon *daemon;
+
+    MqttStore store;
+    std::string store_path;
+    bool must_save;       /* the store has changed ... */
+    bool must_be_durable; /* ... by a command that the broker will not send again */
+    gint64 last_number;   /* of a job */
+
+    MqttState state;
+    MqttLead lead;
+    MqttPublished published;
+    std::deque<MqttKept> kept; /* answers for the next connection */
+    MqttLogLimit refusals;
+
+    /* The broker sends what came while the node was away, then the node's own mark. */
+    bool is_catching_up;
+    gint64 connected;     /* time since the boot */
+    gint64 away;          /* for how long the node may have been away, or MQTT_UNKNOWN */
+    std::string mark;     /* correlation data of the newest "online" */
+    gint64 alive;         /* time since the boot of the last packet, or MQTT_UNKNOWN */
+    gint64 alive_written; /* what the file contains */
+    int alive_fd;
+
+    sd_event_source *post;
+    sd_event_source *alarm;     /* the next call of the daemon, on the machine's clock */
+    sd_event_source *refresh;   /* lists the clips */
+    sd_event_source *siren_end; /* stops a siren that has a duration */
+    bool is_listing;            /* the daemon is asked for the clips */
+    bool must_list_again;
+};

@@ -1,0 +1,519 @@
+#include "mqtt_jobs.h"
+
+#include <algorithm>
+#include <list>
+#include <vector>
+
+#include "autoptr.h"
+#include "client_clips.h"
+#include "mqtt_answer.h"
+#include "mqtt_bridge_data.h"
+#include "mqtt_clock.h"
+#include "mqtt_topics.h"
+
+namespace
+{
+
+/* How many commands may be waiting or executed at the same time. */
+constexpr size_t MAX_JOBS = 64;
+
+/* How many answers are kept for the next connection, or wait for the broker's confirmation. */
+constexpr size_t MAX_KEPT = 256;
+constexpr unsigned MAX_UNCONFIRMED = 1000;
+
+/* After this time, in milliseconds, what the broker kept for the node has arrived, even if the
+ * broker does not let the node read its own availability. */
+constexpr gint64 CATCH_UP_TIME = 30'000;
+
+void set_alarm(MqttBridge *bridge);
+void play(MqttBridge *bridge, MqttJob *job);
+
+MqttJob *find_job(MqttBridge *bridge, gint64 number)
+{
+    const auto found = std::ranges::find(bridge->store.jobs, number, &MqttJob::number);
+    return found == bridge->store.jobs.end() ? nullptr : &*found;
+}
+
+/* Answers */
+
+void keep(MqttBridge *bridge, const MqttKept &answer)
+{
+    if (bridge->kept.size() >= MAX_KEPT) {
+        bridge->kept.pop_front();
+    }
+    bridge->kept.push_back(answer);
+}
+
+void send_answer(MqttBridge *bridge, const MqttKept &answer)
+{
+    if (!mqtt_client_is_connected(bridge->client) ||
+        mqtt_client_count_unconfirmed(bridge->client) >= MAX_UNCONFIRMED) {
+        keep(bridge, answer);
+        return;
+    }
+    mqtt_client_publish(bridge->client, answer.topic, answer.payload, false,
+                        answer.has_correlation ? &answer.correlation : nullptr);
+}
+
+void answer(MqttBridge *bridge, const MqttJob &job, MqttStatus status, const std::string &text)
+{
+    const MqttConf &conf = *bridge->conf;
+    const bool has_topic = mqtt_topics_may_answer(conf, job.response_topic);
+    send_answer(bridge,
+                {
+                    .topic = has_topic ? job.response_topic : mqtt_topics_own(conf, "result"),
+                    .payload = mqtt_answer_write(conf, job, status, text, mqtt_clock_now(),
+                                                 mqtt_clock_read()),
+                    .correlation = job.correlation,
+                    .has_correlation = job.has_correlation,
+                });
+}
+
+/* Answers for the last time, and forgets the job. */
+void finish(MqttBridge *bridge, MqttJob *job, MqttStatus status, const std::string &text)
+{
+    answer(bridge, *job, status, text);
+    bridge->store.jobs.remove_if(
+        [number = job->number](const MqttJob &other) { return other.number == number; });
+    bridge->must_save = true;
+    set_alarm(bridge);
+}
+
+/* Answers a command that does not become a job. */
+void refuse(MqttBridge *bridge, const MqttJob &job, const std::string &why)
+{
+    unsigned dropped = 0;
+    if (mqtt_log_limit_pass(&bridge->refusals, g_get_monotonic_time(), &dropped)) {
+        mqtt_log(LOG_WARNING, "refused a command on %s: %s; %u more were refused before",
+                 job.topic.c_str(), why.c_str(), dropped);
+    }
+    answer(bridge, job, MQTT_REFUSED, why);
+}
+
+std::string describe_delay(gint64 milliseconds)
+{
+    return std::to_string(milliseconds / 1000) + "." + std::to_string(milliseconds % 1000 / 100) +
+           " s";
+}
+
+/* Returns the text of the daemon's error, or of an empty one what the daemon's own clients show. */
+std::string get_text(const GError *error)
+{
+    return *error->message != '\0' ? error->message : "NOK";
+}
+
+/* Playing */
+
+/* Returns the time at which the job is to sound, or at which it was received. */
+gint64 get_due(const MqttJob &job)
+{
+    return job.command.at != CLIENT_NOT_GIVEN ? job.command.at : job.received;
+}
+
+/* If the job must not play any more, finishes it and returns true. */
+bool finish_if_late(MqttBridge *bridge, MqttJob *job)
+{
+    const gint64 now = mqtt_clock_now();
+    if (job->expires > 0 && now > job->expires && job->command.at == CLIENT_NOT_GIVEN) {
+        finish(bridge, job, MQTT_EXPIRED, "The message has expired.");
+        return true;
+    }
+    const gint64 delay = now - get_due(*job);
+    if (delay > bridge->conf->grace && (job->command.at != CLIENT_NOT_GIVEN || job->expires == 0)) {
+        finish(bridge, job, MQTT_LATE,
+               "The command is " + describe_delay(delay) + " late; nothing was played.");
+        return true;
+    }
+    return false;
+}
+
+void stop_daemon(MqttBridge *bridge)
+{
+    mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StopPlayingClip", "",
+                     [](sd_bus_message *, const GError *) {});
+}
+
+int on_siren_end(sd_event_source *, guint64, void *data)
+{
+    stop_daemon(static_cast<MqttBridge *>(data));
+    return 0;
+}
+
+void set_siren_end(MqttBridge *bridge, const MqttCommand &command)
+{
+    bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+    if (command.duration != CLIENT_NOT_GIVEN) {
+        sd_event_add_time_relative(bridge->event, &bridge->siren_end, CLOCK_MONOTONIC,
+                                   static_cast<guint64>(command.duration) * G_USEC_PER_SEC, 0,
+                                   on_siren_end, bridge);
+    }
+}
+
+void on_played(MqttBridge *bridge, MqttJob *job, const GError *error)
+{
+    if (error) {
+        finish(bridge, job, MQTT_FAILED, get_text(error));
+        return;
+    }
+    mqtt_lead_add(&bridge->lead, g_get_monotonic_time() - job->call_time);
+    set_siren_end(bridge, job->command);
+    /* A daemon that was stuck has started the clip only now. */
+    if (mqtt_clock_now() - get_due(*job) > 2 * bridge->conf->grace) {
+        stop_daemon(bridge);
+        finish_if_late(bridge, job);
+        return;
+    }
+    finish(bridge, job, MQTT_PLAYING, "OK");
+}
+
+void call_play(MqttBridge *bridge, MqttJob *job)
+{
+    const ClientPlay request = {
+        .location = job->location.c_str(),
+        .volume = job->command.volume,
+        .repeat = job->command.repeat,
+        .output = job->command.output,
+    };
+    g_autofree char *options = client_play_options(&request);
+    job->state = MQTT_JOB_PLAYING;
+    job->call_lead = mqtt_lead_get(bridge->lead);
+    job->called_at = mqtt_clock_now();
+    job->call_time = g_get_monotonic_time();
+    mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StartPlayingClip", options,
+                     [bridge, number = job->number](sd_bus_message *, const GError *error) {
+                         MqttJob *played = find_job(bridge, number);
+                         if (played) {
+                             on_played(bridge, played, error);
+                         }
+                     });
+}
+
+void wait_for_time(MqttBridge *bridge, MqttJob *job)
+{
+    job->state = MQTT_JOB_WAITING;
+    answer(bridge, *job, MQTT_SCHEDULED, "OK");
+    set_alarm(bridge);
+}
+
+void check(MqttBridge *bridge, MqttJob *job)
+{
+    job->state = MQTT_JOB_CHECKING;
+    mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "SupportedFile", job->location.c_str(),
+                     [bridge, number = job->number](sd_bus_message *, const GError *error) {
+                         MqttJob *checked = find_job(bridge, number);
+                         if (checked && error) {
+                             finish(bridge, checked, MQTT_FAILED, get_text(error));
+                         } else if (checked) {
+                             checked->needs_check = false;
+                             play(bridge, checked);
+                         }
+                     });
+}
+
+/* Plays a job whose location is known, now or later. */
+void play(MqttBridge *bridge, MqttJob *job)
+{
+    if (finish_if_late(bridge, job)) {
+        return;
+    }
+    const gint64 lead = mqtt_lead_get(bridge->lead) / 1000;
+    const bool waits = job->command.at != CLIENT_NOT_GIVEN &&
+                       mqtt_lead_decide(job->command.at, mqtt_clock_now(), lead,
+                                        bridge->conf->grace) == MQTT_DUE_WAIT;
+    /* What cannot be played is better known early. A pattern is no file. */
+    if (job->needs_check || (waits && job->state != MQTT_JOB_CHECKING &&
+                             !client_play_has_wildcards(job->location.c_str()))) {
+        check(bridge, job);
+    } else if (waits) {
+        wait_for_time(bridge, job);
+    } else {
+        call_play(bridge, job);
+    }
+}
+
+const ClientClip *find_clip(const MqttCommand &command, GPtrArray *clips, GError **error)
+{
+    if (!command.is_siren && !command.clip.empty()) {
+        return client_clips_find(clips, command.clip.c_str(), error);
+    }
+    const ClientClip *found = nullptr;
+    if (command.is_siren) {
+        MqttState state;
+        mqtt_state_set_clips(&state, clips);
+        const MqttClip *clip = mqtt_state_find_tone(state, command.tone);
+        found = clip ? client_clips_get(clips, clip->number) : nullptr;
+    }
+    for (guint i = 0; i < clips->len && !command.is_siren; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        if (command.clip_name != clip->name) {
+            continue;
+        }
+        if (found) {
+            g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP,
+                        "several clips are named '%s'; use the number", clip->name);
+            return nullptr;
+        }
+        found = clip;
+    }
+    if (!found) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP, "no such clip: '%s'",
+                    command.is_siren ? command.tone.c_str() : command.clip_name.c_str());
+    }
+    return found;
+}
+
+void on_clips_for_job(MqttBridge *bridge, MqttJob *job, GPtrArray *clips, const GError *failure)
+{
+    g_autoptr(GError) error = nullptr;
+    const ClientClip *clip = clips ? find_clip(job->command, clips, &error) : nullptr;
+    if (!clip) {
+        finish(bridge, job, MQTT_FAILED, get_text(clips ? error : failure));
+        return;
+    }
+    job->clip = clip->number;
+    job->location = clip->location;
+    if (job->location.empty()) {
+        finish(bridge, job, MQTT_FAILED, "the clip has no file");
+        return;
+    }
+    /* A stored clip always plays its own file, but the daemon takes the name of a missing file for
+     * a pattern. */
+    job->needs_check = client_play_has_wildcards(clip->location);
+    play(bridge, job);
+}
+
+void start_play(MqttBridge *bridge, MqttJob *job)
+{
+    if (!job->command.location.empty()) {
+        std::string why;
+        if (mqtt_command_find_location(job->command.location, bridge->conf->allow_any_location,
+                                       &job->location, &why)) {
+            play(bridge, job);
+        } else {
+            job->location.clear();
+            finish(bridge, job, MQTT_REFUSED, why);
+        }
+        return;
+    }
+    job->state = MQTT_JOB_FINDING;
+    mqtt_daemon_list(bridge->daemon, false,
+                     [bridge, number = job->number](GPtrArray *clips, const GError *error) {
+                         MqttJob *found = find_job(bridge, number);
+                         if (found) {
+                             on_clips_for_job(bridge, found, clips, error);
+                         }
+                     });
+}
+
+/* Cancels all plays that the daemon does not know yet. */
+void cancel_plays(MqttBridge *bridge)
+{
+    std::vector<gint64> numbers;
+    for (const MqttJob &job : bridge->store.jobs) {
+        if (job.command.kind == MQTT_TOPIC_PLAY && job.state != MQTT_JOB_PLAYING) {
+            numbers.push_back(job.number);
+        }
+    }
+    for (const gint64 number : numbers) {
+        finish(bridge, find_job(bridge, number), MQTT_CANCELLED, "A stop came before its time.");
+    }
+}
+
+void start_stop(MqttBridge *bridge, MqttJob *job)
+{
+    cancel_plays(bridge);
+    bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+    job->state = MQTT_JOB_STOPPING;
+    mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StopPlayingClip", "",
+                     [bridge, number = job->number](sd_bus_message *, const GError *error) {
+                         MqttJob *stopped = find_job(bridge, number);
+                         if (stopped) {
+                             finish(bridge, stopped, error ? MQTT_FAILED : MQTT_STOPPED,
+                                    error ? get_text(error) : "OK");
+                         }
+                     });
+}
+
+void start(MqttBridge *bridge, MqttJob *job)
+{
+    if (job->command.kind == MQTT_TOPIC_PLAY) {
+        start_play(bridge, job);
+    } else {
+        start_stop(bridge, job);
+    }
+}
+
+/* The alarm */
+
+/* Returns when the daemon has to be called, in microseconds. */
+gint64 get_call_time(const MqttBridge *bridge, const MqttJob &job)
+{
+    return job.command.at * 1000 - mqtt_lead_get(bridge->lead);
+}
+
+void set_alarm(MqttBridge *bridge)
+{
+    gint64 first = G_MAXINT64;
+    for (const MqttJob &job : bridge->store.jobs) {
+        if (job.state == MQTT_JOB_WAITING) {
+            first = std::min(first, get_call_time(bridge, job));
+        }
+    }
+    if (first == G_MAXINT64) {
+        sd_event_source_set_enabled(bridge->alarm, SD_EVENT_OFF);
+        return;
+    }
+    sd_event_source_set_time(bridge->alarm, static_cast<guint64>(std::max<gint64>(first, 0)));
+    sd_event_source_set_enabled(bridge->alarm, SD_EVENT_ONESHOT);
+}
+
+/* Commands */
+
+/* Sets the command of a job from its topic and payload. */
+bool read_command(const MqttBridge *bridge, MqttJob *job, std::string *why)
+{
+    job->command.kind = mqtt_topics_find(*bridge->conf, job->topic, &job->command.group);
+    return job->command.kind == MQTT_TOPIC_SIREN
+               ? mqtt_command_read_siren(&job->command, job->payload, why)
+               : mqtt_command_read(&job->command, job->payload, why);
+}
+
+/* Returns true if the broker may have kept the command for too long. Its age is not known, but it
+ * is not older than the last sign of the broker before this connection. */
+bool may_be_stale(const MqttBridge *bridge, const MqttMessage &message, const MqttCommand &command)
+{
+    return bridge->is_catching_up && command.at == CLIENT_NOT_GIVEN && message.expiry < 0 &&
+           mqtt_clock_boot() - bridge->connected < CATCH_UP_TIME &&
+           (bridge->away == MQTT_UNKNOWN || bridge->away > bridge->conf->grace);
+}
+
+/* Adds a job and returns it in the store. */
+MqttJob *add_job(MqttBridge *bridge, const MqttJob &job)
+{
+    bridge->store.jobs.push_back(job);
+    bridge->store.jobs.back().number = ++bridge->last_number;
+    return &bridge->store.jobs.back();
+}
+
+/* Executes a command that has been understood. */
+void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
+{
+    const MqttCommand &command = job.command;
+    const gint64 now = job.received;
+    if (command.kind == MQTT_TOPIC_PING) {
+        answer(bridge, job, MQTT_PONG, "OK");
+        return;
+    }
+    if (!command.id.empty()) {
+        if (mqtt_memory_has(bridge->store.memory, command.id, now)) {
+            answer(bridge, job, MQTT_DUPLICATE, "A command with this id was received before.");
+            return;
+        }
+        mqtt_memory_add(&bridge->store.memory, command.id, now);
+        bridge->must_save = bridge->must_be_durable = true;
+    }
+    if (message.expiry == 0) {
+        answer(bridge, job, MQTT_EXPIRED, "The message has expired.");
+        return;
+    }
+    if (may_be_stale(bridge, message, command)) {
+        answer(bridge, job, MQTT_LATE,
+               bridge->away == MQTT_UNKNOWN
+                   ? "The command may be old: the broker kept it while the node was away."
+                   : "The command may be " + describe_delay(bridge->away) +
+                         " old: the broker kept it while the node was away.");
+        return;
+    }
+    if (command.at != CLIENT_NOT_GIVEN &&
+        mqtt_lead_decide(command.at, now, 0, bridge->conf->grace) == MQTT_DUE_FAR) {
+        refuse(bridge, job, "'at' is more than 7 days away.");
+        return;
+    }
+    if (bridge->store.jobs.size() >= MAX_JOBS) {
+        refuse(bridge, job, "Too many commands are waiting.");
+        return;
+    }
+    bridge->must_save = bridge->must_be_durable = true;
+    start(bridge, add_job(bridge, job));
+}
+
+} // namespace
+
+void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message)
+{
+    MqttJob job;
+    job.topic = message.topic;
+    job.response_topic = message.response_topic;
+    job.correlation = message.correlation;
+    job.has_correlation = message.has_correlation;
+    job.received = mqtt_clock_now();
+    job.expires = message.expiry >= 0 ? job.received + message.expiry * 1000 : 0;
+    job.command.kind = mqtt_topics_find(*bridge->conf, job.topic, &job.command.group);
+    if (message.payload.size() > static_cast<size_t>(bridge->conf->max_payload)) {
+        refuse(bridge, job,
+               "The payload is larger than " + std::to_string(bridge->conf->max_payload) +
+                   " bytes.");
+        return;
+    }
+    if (message.retained) {
+        refuse(bridge, job, "A command must not be retained.");
+        return;
+    }
+    job.payload = message.payload;
+    std::string why;
+    if (!read_command(bridge, &job, &why)) {
+        refuse(bridge, job, why);
+        return;
+    }
+    execute(bridge, message, job);
+}
+
+void mqtt_jobs_resume(MqttBridge *bridge)
+{
+    const std::list<MqttJob> jobs = std::move(bridge->store.jobs);
+    bridge->store.jobs.clear();
+    for (const MqttJob &old : jobs) {
+        MqttJob job = old;
+        std::string why;
+        if (!read_command(bridge, &job, &why)) {
+            continue; /* the configuration has changed */
+        }
+        /* A clock that was set back tells nothing about the age. */
+        job.received = job.received > mqtt_clock_now() ? 0 : job.received;
+        MqttJob *added = add_job(bridge, job);
+        if (!finish_if_late(bridge, added)) {
+            start(bridge, added);
+        }
+    }
+    bridge->must_save = true;
+}
+
+int mqtt_jobs_on_alarm(sd_event_source *, guint64, void *data)
+{
+    auto *bridge = static_cast<MqttBridge *>(data);
+    const gint64 now = g_get_real_time();
+    std::vector<gint64> numbers;
+    for (const MqttJob &job : bridge->store.jobs) {
+        if (job.state == MQTT_JOB_WAITING && get_call_time(bridge, job) <= now) {
+            numbers.push_back(job.number);
+        }
+    }
+    for (const gint64 number : numbers) {
+        MqttJob *job = find_job(bridge, number);
+        if (!finish_if_late(bridge, job)) {
+            call_play(bridge, job);
+        }
+    }
+    set_alarm(bridge);
+    return 0;
+}
+
+void mqtt_jobs_send_kept(MqttBridge *bridge)
+{
+    while (!bridge->kept.empty() && mqtt_client_is_connected(bridge->client) &&
+           mqtt_client_count_unconfirmed(bridge->client) < MAX_UNCONFIRMED) {
+        const MqttKept answer = bridge->kept.front();
+        bridge->kept.pop_front();
+        send_answer(bridge, answer);
+    }
+}
