@@ -38,8 +38,10 @@ void publish_discovery(MqttBridge *bridge)
 {
     const MqttConf &conf = *bridge->conf;
     const std::string payload = conf.discovery ? mqtt_discovery_write(conf, bridge->state) : "";
-    if ((conf.discovery && bridge->published.discovery == payload) ||
-        (!conf.discovery && !bridge->store.announced)) {
+    const bool is_due = conf.discovery
+                            ? bridge->state.knows_clips && bridge->published.discovery != payload
+                            : bridge->store.announced;
+    if (!is_due) {
         return;
     }
     if (mqtt_client_publish(bridge->client, mqtt_discovery_topic(conf), payload, true, nullptr)) {
@@ -49,7 +51,8 @@ void publish_discovery(MqttBridge *bridge)
     }
 }
 
-/* Publishes what has changed. */
+/* Publishes what is known and has changed. Until the daemon has answered, what the broker has from
+ * the last time is better. */
 void publish_all(MqttBridge *bridge)
 {
     if (!mqtt_client_is_connected(bridge->client)) {
@@ -57,9 +60,13 @@ void publish_all(MqttBridge *bridge)
     }
     const MqttConf &conf = *bridge->conf;
     MqttPublished *published = &bridge->published;
-    publish_state(bridge, "state", &published->state, mqtt_state_write(bridge->state));
-    publish_state(bridge, "clips", &published->clips, mqtt_state_write_clips(bridge->state));
-    if (conf.discovery) {
+    if (bridge->state.knows_outputs) {
+        publish_state(bridge, "state", &published->state, mqtt_state_write(bridge->state));
+    }
+    if (bridge->state.knows_clips) {
+        publish_state(bridge, "clips", &published->clips, mqtt_state_write_clips(bridge->state));
+    }
+    if (conf.discovery && bridge->state.knows_outputs) {
         publish_state(bridge, "siren/state", &published->siren,
                       mqtt_discovery_write_siren(bridge->state));
     }
@@ -189,11 +196,14 @@ void list_clips_soon(MqttBridge *bridge)
 void list_outputs(MqttBridge *bridge)
 {
     mqtt_daemon_list_outputs(bridge->daemon, [bridge](GPtrArray *outputs) {
+        /* Without a daemon, or on a platform without such events, there are none. */
+        bridge->state.knows_outputs = true;
         if (outputs) {
+            bridge->state.is_running = true;
             mqtt_state_set_outputs(&bridge->state, outputs, mqtt_clock_now());
-            publish_all(bridge);
             publish_info(bridge);
         }
+        publish_all(bridge);
     });
 }
 

@@ -28,7 +28,7 @@ struct MqttConf {
     std::vector<std::string> groups;
 
     /* [play] */
-    gint64 lead = 170;     /* milliseconds from the call to the first sample; see mqtt_lead.h */
+    gint64 lead = 134;     /* milliseconds from the call to the first sample; see mqtt_lead.h */
     gint64 grace = 10'000; /* milliseconds */
     bool allow_any_location = false;
     gint64 max_payload = 16'384; /* bytes */

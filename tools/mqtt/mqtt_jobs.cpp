@@ -158,9 +158,8 @@ void on_played(MqttBridge *bridge, MqttJob *job, const GError *error)
     mqtt_lead_add(&bridge->lead, g_get_monotonic_time() - job->call_time);
     set_siren_end(bridge, job->command);
     /* A daemon that was stuck has started the clip only now. */
-    if (mqtt_clock_now() - get_due(*job) > 2 * bridge->conf->grace) {
+    if (mqtt_clock_now() - get_due(*job) > 2 * bridge->conf->grace && finish_if_late(bridge, job)) {
         stop_daemon(bridge);
-        finish_if_late(bridge, job);
         return;
     }
     finish(bridge, job, MQTT_PLAYING, "OK");
@@ -475,7 +474,7 @@ void mqtt_jobs_resume(MqttBridge *bridge)
     for (const MqttJob &old : jobs) {
         MqttJob job = old;
         std::string why;
-        if (!read_command(bridge, &job, &why)) {
+        if (!read_command(bridge, &job, &why) || job.command.kind == MQTT_TOPIC_OTHER) {
             continue; /* the configuration has changed */
         }
         /* A clock that was set back tells nothing about the age. */

@@ -104,6 +104,7 @@ void mqtt_state_set_outputs(MqttState *state, const GPtrArray *outputs, gint64 n
         });
     }
     state->outputs = list;
+    state->knows_outputs = true;
 }
 
 void mqtt_state_apply(MqttState *state, const ClientEvent &event, gint64 now)
@@ -151,6 +152,7 @@ void mqtt_state_set_clips(MqttState *state, const GPtrArray *clips)
         clip.tone = make_tone(list, clip);
     }
     state->clips = list;
+    state->knows_clips = true;
 }
 
 bool mqtt_state_is_playing(const MqttState &state)

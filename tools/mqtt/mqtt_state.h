@@ -31,6 +31,8 @@ struct MqttClip {
 
 struct MqttState {
     bool is_running = false; /* the daemon has its bus name */
+    bool knows_outputs = false;
+    bool knows_clips = false;
     std::vector<MqttOutput> outputs;
     std::vector<MqttClip> clips;
 };

@@ -54,7 +54,6 @@ class Broker:
         self.sandbox = sandbox
         self.port = find_port()
         self.tls = tls
-        (sandbox.etc / "hosts").write_text("127.0.0.1 localhost\n")
         folder = sandbox.etc / "mosquitto"
         folder.mkdir(exist_ok=True)
         if tls and not (folder / "tls").exists():
@@ -205,6 +204,8 @@ class Bridge:
         self.name = groups.get("node", {}).get("name", "node1")
         for name in ("state", "runtime"):
             (sandbox.folder / "run/home" / f"mqtt-{name}-{self.name}").mkdir(exist_ok=True)
+        # For the name in the certificate of the broker.
+        (sandbox.etc / "hosts").write_text("127.0.0.1 localhost\n")
         self.set_conf(**groups)
 
     def set_conf(self, **groups):
