@@ -33,7 +33,7 @@ constexpr guint64 MISC_INTERVAL = 1'000'000;
  * with one identifier leave each other. In microseconds. */
 constexpr guint64 STABLE_TIME = 10'000'000;
 
-constexpr int LEAVE_TIME = 1000; /* milliseconds */
+constexpr gint64 LEAVE_TIME = 1000; /* milliseconds */
 
 constexpr int QOS = 1;
 
@@ -394,8 +394,9 @@ bool set_up(MqttClient *client, const std::string &password, std::string *why)
     mosquitto_publish_v5_callback_set(client->mosq, on_publish);
     mosquitto_subscribe_v5_callback_set(client->mosq, on_subscribe);
     const std::string topic = mqtt_topics_own(conf, "availability");
-    const int result = mosquitto_will_set_v5(client->mosq, topic.c_str(), strlen("offline"),
-                                             "offline", QOS, true, nullptr);
+    const int result =
+        mosquitto_will_set_v5(client->mosq, topic.c_str(), static_cast<int>(strlen("offline")),
+                              "offline", QOS, true, nullptr);
     if (result != MOSQ_ERR_SUCCESS) {
         return fail(why, result);
     }
@@ -538,7 +539,7 @@ void mqtt_client_leave(MqttClient *client)
     pollfd fd = {.fd = mosquitto_socket(client->mosq), .events = POLLOUT, .revents = 0};
     const gint64 end = g_get_monotonic_time() + LEAVE_TIME * 1000;
     while (mosquitto_socket(client->mosq) >= 0 && mosquitto_want_write(client->mosq) &&
-           g_get_monotonic_time() < end && poll(&fd, 1, LEAVE_TIME) > 0) {
+           g_get_monotonic_time() < end && poll(&fd, 1, static_cast<int>(LEAVE_TIME)) > 0) {
         mosquitto_loop_write(client->mosq, 1);
     }
 }
