@@ -118,7 +118,8 @@ class AccessPolicyReplies : public LogTest
         run_until([] { return !g_main_context_pending(nullptr); });
     }
 
-    /* Checks a caller about whom the driver gives this reply. */
+    /* Lets the driver answer with `credentials`. Returns "admitted", or why the caller is refused.
+     */
     std::string check_with(const std::string &credentials)
     {
         driver->credentials = credentials;
