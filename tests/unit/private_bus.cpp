@@ -164,9 +164,10 @@ std::string bus_call(GDBusConnection *peer, const std::string &service, const st
                      const std::string &interface, const std::string &method, GVariant *arguments)
 {
     GAsyncResult *result = nullptr;
+    /* The call times out before run_until() does, because keep_result() writes to `result`. */
     g_dbus_connection_call(peer, service.c_str(), object.c_str(), interface.c_str(), method.c_str(),
-                           arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr,
-                           keep_result, &result);
+                           arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, PATIENCE_USEC / 1000 - 1000,
+                           nullptr, keep_result, &result);
     if (!run_until([&] { return result != nullptr; })) {
         ADD_FAILURE() << "no reply to " << method;
         return "";
