@@ -26,7 +26,8 @@ TOOLS = ("bubblewrap", "dbus", "git", "meson", "ninja-build", "pkg-config", "qem
 
 # Packages of the machine that runs the programs: libraries, and the plugins that unit tests use.
 LIBRARIES = (
-    "gstreamer1.0-plugins-base", "gstreamer1.0-plugins-good", "libasound2-dev", "libglib2.0-dev",
+    "gstreamer1.0-alsa", "gstreamer1.0-plugins-base", "gstreamer1.0-plugins-good",
+    "libasound2-dev", "libglib2.0-dev",
     "libgstreamer-plugins-base1.0-dev", "libgstreamer1.0-dev", "libgtest-dev", "libjansson-dev",
     "libsystemd-dev")
 
