@@ -82,7 +82,8 @@ class Unit:
     def __init__(self, path):
         self.items = []
         section = None
-        for line in pathlib.Path(path).read_text().splitlines():
+        text = pathlib.Path(path).read_text().replace("\\\n", "")
+        for line in text.splitlines():
             if line.startswith("["):
                 section = line
             elif section == "[Service]" and line and not line.startswith("#"):

@@ -82,6 +82,7 @@ def test_the_definitions_change_before_the_signal(cards, sandbox, seen):
         lambda *_: texts.append(cards.alsa.read_text()))
     cards.add(1)
     wait_seen(seen, ("InterfacesAdded", 1))
+    wait_until(lambda: texts, what="the second subscription")
     assert "pcm.?audiosink1 {" in texts[0]
 
 
