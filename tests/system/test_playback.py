@@ -84,9 +84,9 @@ def test_a_second_play_clip_is_answered_at_once_and_plays_nothing(sandbox, daemo
     for _ in range(2):
         assert player.call("PlayClip", short.location) == "OK"
     assert not held.done
-    assert daemon.count("info", f"{PLAY_CLIP}{short.location}") == 2
     assert player.call("StopPlayingClip") == "OK"
     assert held.wait() == ("OK",)
+    assert daemon.count("info", f"{PLAY_CLIP}{short.location}") == 2
     assert sandbox.card(0).count("open") == 1
     assert not heard(sandbox, short.samples)
     assert daemon.count("info", f"{PLAY_CLIP}{long.location}") == 0

@@ -87,6 +87,7 @@ def test_a_card_that_goes_in_a_stop(sandbox, player, card, clip, long, repeat):
     assert player.call("StopPlayingClip") == "OK"
     assert time.monotonic() - began < 3
     assert held.wait() == ("OK",)
+    sandbox.daemon.wait_log(*STOPPED.split(": ", 1))
     # Whether the sink reports the loss before it is stopped is a matter of time.
     assert sandbox.daemon.texts[len(START):] in ([STOPPED], [DISCONNECTED, STOPPED],
                                                  [STOPPED, DISCONNECTED])
@@ -143,4 +144,5 @@ def test_a_card_of_another_format(sandbox, pins):
     assert (take.rate, take.channels) == (pins["rate"], pins["channels"])
     assert take.seconds >= 3
     assert 0.4 < take.peak < 0.6
+    sandbox.daemon.wait_log(*STOPPED.split(": ", 1))
     assert sandbox.daemon.texts == [*START, STOPPED]
