@@ -6,17 +6,17 @@ namespace
 {
 
 struct Status {
-    MqttStatus status;
     const char *name;
+    MqttStatus status;
     bool ok;
 };
 
 constexpr Status STATUSES[] = {
-    {MQTT_PLAYING, "playing", true},      {MQTT_SCHEDULED, "scheduled", true},
-    {MQTT_STOPPED, "stopped", true},      {MQTT_PONG, "pong", true},
-    {MQTT_REFUSED, "refused", false},     {MQTT_FAILED, "failed", false},
-    {MQTT_LATE, "late", false},           {MQTT_EXPIRED, "expired", false},
-    {MQTT_DUPLICATE, "duplicate", false}, {MQTT_CANCELLED, "cancelled", false},
+    {"playing", MQTT_PLAYING, true},      {"scheduled", MQTT_SCHEDULED, true},
+    {"stopped", MQTT_STOPPED, true},      {"pong", MQTT_PONG, true},
+    {"refused", MQTT_REFUSED, false},     {"failed", MQTT_FAILED, false},
+    {"late", MQTT_LATE, false},           {"expired", MQTT_EXPIRED, false},
+    {"duplicate", MQTT_DUPLICATE, false}, {"cancelled", MQTT_CANCELLED, false},
 };
 
 const char *get_command(MqttTopicKind kind)

@@ -14,7 +14,7 @@ bool ctl_ask_possible()
 bool ctl_ask(const std::string &question)
 {
     fflush(stdout);
-    fprintf(stderr, "%s [y/N] ", client_text_escape(question.c_str()).c_str());
+    fprintf(stderr, "%s [y/N] ", client_text_escape(question).c_str());
     fflush(stderr);
     char line[16] = "";
     if (!fgets(line, sizeof line, stdin)) {

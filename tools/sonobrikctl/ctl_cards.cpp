@@ -63,7 +63,7 @@ std::string find_card(snd_config_t *top, snd_config_t *pcm, int depth)
         return "";
     }
     if (const std::string name = read_text(pcm); !name.empty()) {
-        if (const std::string card = find_card_in_name(name); !card.empty()) {
+        if (std::string card = find_card_in_name(name); !card.empty()) {
             return card;
         }
         const Config definition = find_definition(top, name.c_str());
@@ -119,7 +119,7 @@ CtlCard ctl_outputs_card(gint32 output)
     if (snd_config_update_r(&top, &update, nullptr) < 0) {
         return {};
     }
-    const CtlCard card = describe_output(top, output);
+    CtlCard card = describe_output(top, output);
     snd_config_delete(top);
     snd_config_update_free(update);
     return card;

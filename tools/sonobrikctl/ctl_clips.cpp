@@ -1,6 +1,7 @@
 #include "ctl_clips.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
@@ -33,8 +34,8 @@ bool is_similar(const std::vector<gunichar> &a, const std::vector<gunichar> &b)
     const auto [left, right] = std::ranges::mismatch(a, b);
     const auto rest_a = std::vector<gunichar>(left, a.end());
     const auto rest_b = std::vector<gunichar>(right, b.end());
-    const auto ends_alike = [&rest_a, &rest_b](size_t skip_a, size_t skip_b) {
-        return rest_a.size() >= skip_a && rest_b.size() >= skip_b &&
+    const auto ends_alike = [&rest_a, &rest_b](ptrdiff_t skip_a, ptrdiff_t skip_b) {
+        return std::ssize(rest_a) >= skip_a && std::ssize(rest_b) >= skip_b &&
                std::equal(rest_a.begin() + skip_a, rest_a.end(), rest_b.begin() + skip_b,
                           rest_b.end());
     };

@@ -164,7 +164,7 @@ int ctl_outputs(const CtlCommand *command, char **words)
     return ctl_options_run(command, words, entries, nullptr, [&as_json](sd_bus *bus, char **) {
         g_autoptr(GPtrArray) outputs = nullptr;
         const int status = ctl_outputs_list(bus, &outputs);
-        if (status == CTL_OK) {
+        if (outputs) {
             /* Null without the audio control service, which is not an error. */
             g_autoptr(GPtrArray) devices = client_devices_list(bus, nullptr);
             if (devices) {

@@ -150,11 +150,11 @@ void print_text(const Status &status)
         gap = "\n";
         if (playing.number != UNKNOWN) {
             printf("Clip:      %" G_GINT64_FORMAT " %s\n", playing.number,
-                   client_text_escape(playing.name.c_str()).c_str());
+                   client_text_escape(playing.name).c_str());
         }
         printf("File:      %s\nOutput:    %s\nPosition:  %s\nLength:    %s\n",
                client_text_escape(client_clips_relative(playing.location.c_str())).c_str(),
-               client_text_escape(describe_output(playing).c_str()).c_str(),
+               client_text_escape(describe_output(playing)).c_str(),
                playing.started_us == UNKNOWN ? "not known (this platform does not report it)"
                                              : client_text_duration(find_position(playing)).c_str(),
                client_text_duration(playing.length_ms).c_str());
@@ -197,7 +197,7 @@ std::string describe_line(const Status &status)
                 (status.is_live ? describe_times(playing) + "  " : std::string()) + title +
                 "  on output " + describe_output(playing);
     }
-    return line.empty() ? "nothing is playing" : client_text_escape(line.c_str());
+    return line.empty() ? "nothing is playing" : client_text_escape(line);
 }
 
 /* Prints the status of a watch: on a terminal over the line before, elsewhere if it has changed. */
