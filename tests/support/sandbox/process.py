@@ -59,6 +59,12 @@ class Process:
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
 
+    @property
+    def keeps_freed_memory(self):
+        """True if the program has the address sanitizer, which delays the reuse of memory."""
+        with open(f"/proc/{self.pid}/exe", "rb") as file:
+            return b"__asan_init" in file.read()
+
     def _read(self):
         while self._drain():
             select.select([self.popen.stderr], [], [])
@@ -154,12 +160,6 @@ class Daemon(Process):
     def count(self, level, text):
         """Returns the number of lines with this level and exactly this text."""
         return self.log.count(LogLine(level, text))
-
-    @property
-    def keeps_freed_memory(self):
-        """True if the daemon has the address sanitizer, which delays the reuse of memory."""
-        with open(f"/proc/{self.pid}/exe", "rb") as file:
-            return b"__asan_init" in file.read()
 
     def stop(self, number=signal.SIGTERM, deadline=20):
         """Signals the daemon to exit, and returns its exit status."""
