@@ -13,6 +13,7 @@ sys.path.insert(0, str(ROOT / "tests/support"))
 
 from sandbox import (  # noqa: E402 (found by the path above)
     Cards, Installation, Player, Sandbox, SandboxError, Shell, Store, clips, has_several_users)
+from sandbox.broker import Broker  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -125,6 +126,20 @@ def cards(sandbox):
     if cards.service:
         print("The log of the audio control service:", *cards.service.lines[-100:], sep="\n")
     cards.close()
+
+
+@pytest.fixture
+def broker(sandbox):
+    """An MQTT broker in `sandbox`."""
+    return Broker(sandbox).start()
+
+
+@pytest.fixture
+def operator(broker):
+    """A client of `broker` that may publish commands."""
+    client = broker.connect()
+    yield client
+    client.close()
 
 
 @pytest.fixture(scope="module")

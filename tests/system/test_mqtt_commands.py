@@ -5,20 +5,8 @@ import time
 
 import pytest
 from sandbox import clips, wait_until
-from sandbox.broker import Bridge, Broker
+from sandbox.broker import Bridge
 from sandbox.home_assistant import check_discovery, check_siren_state
-
-
-@pytest.fixture
-def broker(sandbox):
-    return Broker(sandbox).start()
-
-
-@pytest.fixture
-def operator(broker):
-    client = broker.connect()
-    yield client
-    client.close()
 
 
 @pytest.fixture

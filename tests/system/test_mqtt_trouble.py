@@ -9,18 +9,6 @@ from sandbox.broker import Bridge, Broker
 
 
 @pytest.fixture
-def broker(sandbox):
-    return Broker(sandbox).start()
-
-
-@pytest.fixture
-def operator(broker):
-    client = broker.connect()
-    yield client
-    client.close()
-
-
-@pytest.fixture
 def song(sandbox, store):
     """A stored clip of 10 s, number 0."""
     clip = sandbox.write_clip("song.wav", clips.noise(480000))

@@ -10,6 +10,7 @@
 #include "cgi_change.h"
 #include "cgi_daemon.h"
 #include "cgi_data.h"
+#include "cgi_output.h"
 #include "cgi_page.h"
 #include "client_text.h"
 
@@ -209,20 +210,6 @@ CgiOutcome carry_out(const CgiRequest &request, int body_fd)
     }
 }
 
-bool write_all(int fd, const char *data, size_t size)
-{
-    while (size > 0) {
-        const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        const size_t done = written > 0 ? static_cast<size_t>(written) : 0;
-        data += done;
-        size -= done;
-    }
-    return true;
-}
-
 bool send_file(const CgiAnswer &answer, int fd)
 {
     std::array<char, 65536> buffer;
@@ -232,7 +219,7 @@ bool send_file(const CgiAnswer &answer, int fd)
         const size_t size = static_cast<size_t>(std::min(rest, gint64{sizeof buffer}));
         const ssize_t length =
             pread(answer.file.get(), buffer.data(), size, answer.range.first + done);
-        if (length <= 0 || !write_all(fd, buffer.data(), static_cast<size_t>(length))) {
+        if (length <= 0 || !cgi_output_write(fd, buffer.data(), static_cast<size_t>(length))) {
             return false;
         }
         done += length;
@@ -274,6 +261,6 @@ std::string cgi_answer_format(const CgiAnswer &answer, bool with_body)
 bool cgi_answer_send(const CgiAnswer &answer, bool with_body, int fd)
 {
     const std::string text = cgi_answer_format(answer, with_body);
-    return write_all(fd, text.data(), text.size()) &&
+    return cgi_output_write(fd, text.data(), text.size()) &&
            (!with_body || !answer.file.is_open() || send_file(answer, fd));
 }

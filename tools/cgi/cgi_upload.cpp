@@ -16,6 +16,7 @@
 
 #include "cgi_input.h"
 #include "cgi_name.h"
+#include "cgi_output.h"
 #include "client_clips.h"
 
 namespace
@@ -136,20 +137,6 @@ bool move_without_overwriting(int from, const char *old_name, int to, const char
            unlinkat(from, old_name, 0) == 0;
 }
 
-bool write_all(int fd, const char *data, size_t size)
-{
-    while (size > 0) {
-        const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        const size_t done = written > 0 ? static_cast<size_t>(written) : 0;
-        data += done;
-        size -= done;
-    }
-    return true;
-}
-
 } // namespace
 
 CgiUpload::~CgiUpload()
@@ -201,7 +188,7 @@ CgiOutcome CgiUpload::fill(int body_fd, gint64 length) const
         if (got <= 0) {
             return {CGI_INVALID, "The file did not arrive completely. Try again."};
         }
-        if (!write_all(file.get(), buffer.data(), static_cast<size_t>(got))) {
+        if (!cgi_output_write(file.get(), buffer.data(), static_cast<size_t>(got))) {
             return explain(errno);
         }
         length -= got;
