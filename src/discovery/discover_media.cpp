@@ -171,15 +171,6 @@ void set_audio_properties(GstDiscovererAudioInfo *info, const GstCaps *caps, jso
 /* Fills `media_info` from the open file `fd`. `path` is for log lines only. */
 bool describe_file(int fd, const char *path, json_t *media_info)
 {
-    if (!media_info) {
-        g_info("%sNo JSON object specified.", "");
-        return false;
-    }
-    if (json_object_size(media_info) != 0) {
-        g_info("%sExpected empty JSON object.", "");
-        return false;
-    }
-
     g_autoptr(GstDiscovererInfo) info = probe(fd, path);
     if (!info) {
         return false;
@@ -204,6 +195,14 @@ bool describe_file(int fd, const char *path, json_t *media_info)
 bool discover_media(const char *path, json_t *media_info)
 {
     if (!path || access(path, F_OK) != 0) {
+        return false;
+    }
+    if (!media_info) {
+        g_info("%sNo JSON object specified.", "");
+        return false;
+    }
+    if (json_object_size(media_info) != 0) {
+        g_info("%sExpected empty JSON object.", "");
         return false;
     }
     /* With O_PATH an unreadable file still reaches the discoverer, whose error is then logged. */

@@ -95,8 +95,21 @@ TEST_F(DiscoverMediaRefusal, LinkToAFileIsFollowed)
 TEST_F(DiscoverMediaRefusal, FileIsLookedAtBeforeTheObject)
 {
     EXPECT_FALSE(discover_media(dir.path("missing.wav").c_str(), nullptr));
-    EXPECT_FALSE(discover_media(dir.root.c_str(), nullptr));
     expect_no_log();
+}
+
+TEST_F(DiscoverMediaRefusal, ObjectIsCheckedBeforeTheKindOfFile)
+{
+    const std::string fifo = dir.path("fifo.wav");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    json_object_set_new(media_info, "mine", json_integer(1));
+    for (const std::string &special : {fifo, dir.root, dir.socket("socket.wav")}) {
+        EXPECT_FALSE(discover_media(special.c_str(), nullptr));
+        expect_log(G_LOG_LEVEL_INFO, "No JSON object specified.");
+        EXPECT_FALSE(discover_media(special.c_str(), media_info));
+        expect_log(G_LOG_LEVEL_INFO, "Expected empty JSON object.");
+        expect_no_log();
+    }
 }
 
 TEST_F(DiscoverMediaRefusal, RunningOutOfDescriptorsIsLogged)
