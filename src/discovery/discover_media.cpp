@@ -168,6 +168,20 @@ void set_audio_properties(GstDiscovererAudioInfo *info, const GstCaps *caps, jso
                  json_integer(gst_discoverer_audio_info_get_sample_rate(info)));
 }
 
+/*
+ * Opens the file for the discoverer, which then logs why it cannot read a directory or a file
+ * without read permission. Returns -1 with errno set, ENXIO for a FIFO, socket or device: those
+ * could block the discoverer.
+ */
+int open_for_probe(const char *path)
+{
+    const int fd = file_utils_open_regular(path, O_PATH);
+    if (fd == -1 && errno == EISDIR) {
+        return open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    }
+    return fd;
+}
+
 /* Fills `media_info` from the open file `fd`. `path` is for log lines only. */
 bool describe_file(int fd, const char *path, json_t *media_info)
 {
@@ -205,10 +219,9 @@ bool discover_media(const char *path, json_t *media_info)
         g_info("%sExpected empty JSON object.", "");
         return false;
     }
-    /* With O_PATH an unreadable file still reaches the discoverer, whose error is then logged. */
-    const int fd = file_utils_open_regular(path, O_PATH);
+    const int fd = open_for_probe(path);
     if (fd == -1) {
-        if (errno != EISDIR && errno != ENXIO) {
+        if (errno != ENXIO) {
             g_warning("%sCould not open '%s': %s", "", path, g_strerror(errno));
         }
         return false;

@@ -62,21 +62,28 @@ def test_a_file_without_sound_is_undetermined(shared, asked, name, content):
     assert asked.fail("SupportedFile", path) == undetermined(path)
 
 
-def test_anything_but_a_regular_file_is_undetermined_at_once(shared, asked):
+def test_what_is_no_file_is_undetermined_at_once(shared, asked):
     folder = shared.etc / "audioclips"
-    (folder / "folder.wav").mkdir()
     os.mkfifo(folder / "fifo.wav")
     with socket.socket(socket.AF_UNIX) as server:
         server.bind(f"/proc/self/fd/{shared._run_fd}/socket")
     os.symlink("nowhere", folder / "dangling.wav")
     os.symlink("loop.wav", folder / "loop.wav")
     logged = len(shared.daemon.texts)
-    for path in ("/etc/audioclips/folder.wav", "/etc/audioclips/fifo.wav", "/run/socket",
-                 "/etc/audioclips/dangling.wav", "/etc/audioclips/loop.wav", "/dev/zero",
-                 "/dev/null", "/etc/audioclips/missing.wav", "/etc/audioclips", "/", "", ".",
-                 "missing.wav", "http://127.0.0.1/a.wav"):
+    for path in ("/etc/audioclips/fifo.wav", "/run/socket", "/etc/audioclips/dangling.wav",
+                 "/etc/audioclips/loop.wav", "/dev/zero", "/dev/null",
+                 "/etc/audioclips/missing.wav", "", "missing.wav", "http://127.0.0.1/a.wav"):
         assert asked.fail("SupportedFile", path) == undetermined(path)
     assert shared.daemon.texts[logged:] == []
+
+
+def test_a_folder_is_undetermined_and_logged(shared, asked):
+    (shared.etc / "audioclips/folder.wav").mkdir()
+    for path in ("/etc/audioclips/folder.wav", "/etc/audioclips", "/", "."):
+        logged = len(shared.daemon.texts)
+        assert asked.fail("SupportedFile", path) == undetermined(path)
+        assert shared.daemon.texts[logged:] == [
+            f"info: Discoverer error: '\"{path}\" is a directory.'."]
 
 
 def test_a_file_that_may_not_be_read_is_undetermined(shared, asked):

@@ -100,7 +100,8 @@ def test_a_clip_whose_file_is_missing_is_left_out(store, door):
     store.add_clip("/etc/audioclips", "Folder")
     store.take_log()
     log = {"M0.json": left_out("/etc/audioclips/missing.wav"), "M1.json": [],
-           "M2.json": left_out("/etc/audioclips")}
+           "M2.json": ["info: Discoverer error: '\"/etc/audioclips\" is a directory.'.",
+                       *left_out("/etc/audioclips")]}
     for _ in range(2):
         assert store.get_metadata() == f'[{{"1":{DOOR}}}]'
         assert store.take_log() == [line for name in store.list() for line in log[name]]

@@ -71,7 +71,7 @@ GstDiscovererInfo *gst_discoverer_discover_uri(GstDiscoverer *, const gchar *uri
         fake.before_discovery();
     }
     g_autofree char *filename = g_filename_from_uri(uri, nullptr, nullptr);
-    fake.content = read_file(filename);
+    fake.content = std::filesystem::is_directory(filename) ? "" : read_file(filename);
     if (fake.error_names_file) {
         g_set_error(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_READ,
                     "Could not open file \"%s\" for reading.", filename);

@@ -58,11 +58,6 @@ TEST_F(DiscoverMediaRefusal, LinkToNothingIsRefusedSilently)
     expect_refused_unopened(dir.link("link.wav", "missing.wav"));
 }
 
-TEST_F(DiscoverMediaRefusal, DirectoryIsRefusedUnopened)
-{
-    expect_refused_unopened(dir.root);
-}
-
 TEST_F(DiscoverMediaRefusal, FifoIsRefusedUnopened)
 {
     const std::string fifo = dir.path("fifo.wav");
@@ -226,6 +221,19 @@ TEST_F(DiscoverMedia, ErrorThatNamesTheFileIsLoggedWithThePath)
     expect_log(G_LOG_LEVEL_INFO,
                "Discoverer error: 'Could not open file \"" + path + "\" for reading.'.");
     expect_no_log();
+}
+
+TEST_F(DiscoverMedia, DirectoryIsLeftToTheDiscoverer)
+{
+    const size_t before = count_open_files();
+    fake.result = 2;
+    fake.error_names_file = true;
+    EXPECT_FALSE(discover_media(dir.root.c_str(), media_info));
+    expect_log(G_LOG_LEVEL_INFO,
+               "Discoverer error: 'Could not open file \"" + dir.root + "\" for reading.'.");
+    expect_no_log();
+    EXPECT_EQ(fake.discoverers, 1);
+    EXPECT_EQ(count_open_files(), before);
 }
 
 TEST_F(DiscoverMedia, MissingPluginsAreLoggedWithThePath)

@@ -345,7 +345,7 @@ TEST_F(DiscoverMediaFiles, MissingFileIsUndetermined)
 
 TEST_F(DiscoverMediaFiles, DirectoryIsUndetermined)
 {
-    expect_refused_unopened(dir.root);
+    expect_discoverer_error(dir.root);
 }
 
 TEST_F(DiscoverMediaFiles, FifoIsUndeterminedAtOnce)
