@@ -218,6 +218,25 @@ TEST_F(GroupMetadataList, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
     expect_no_log();
 }
 
+TEST_F(GroupMetadataList, RecordsThatOnlySeemTooLongAreReturned)
+{
+    /* A quote may take six bytes as far as the upper bound knows, but takes two. */
+    std::string location;
+    for (int i = 0; i < 4095; i++) {
+        location += "\\\"";
+    }
+    const std::string metadata =
+        R"({"mediaTypes":")" + std::string(16000, 'x') + R"(","size":5,"duration":50})";
+    for (int i = 0; i < 420; i++) {
+        StoreFolder::write("M" + std::to_string(i) + ".json",
+                           record_file(location, "A", "audio", metadata));
+    }
+    const std::string reply = reply_of_all();
+    g_autoptr(json_t) entries = json_loads(reply.c_str(), 0, nullptr);
+    EXPECT_EQ(json_array_size(entries), 420U);
+    expect_no_log();
+}
+
 /* Allocation failures. */
 
 TEST_F(GroupMetadataList, FailureToCreateTheArrayReturnsNull)
