@@ -110,6 +110,17 @@ TEST_F(FileUtils, MatchingIsCaseSensitive)
     EXPECT_EQ(list(dir.path("*.wav")), Paths{});
 }
 
+TEST_F(FileUtils, InvalidByteOfANameMatchesAsOneCharacter)
+{
+    const std::string match = dir.file("a\xe9.wav");
+    dir.file("a.wav");
+    dir.file("a.wa\xe9"); /* ends within a character */
+    EXPECT_EQ(list(dir.path("a?.wav")), Paths{match});
+    EXPECT_EQ(list(dir.path("?\xe9*.wav")), Paths{match});
+    EXPECT_EQ(list(match), Paths{match});
+    EXPECT_EQ(list(dir.path("*")).size(), 3U);
+}
+
 TEST_F(FileUtils, ListsInTheOrderOfTheDirectory)
 {
     /* So many names, made in an order that is not theirs, that no file system yields them sorted.
