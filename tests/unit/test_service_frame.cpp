@@ -15,6 +15,7 @@
 
 #include "audio_clip.h"
 #include "audioclip_dbus.h"
+#include "clip_warm_up.h"
 #include "platform/log_redirect.h"
 #include "run_tests.h"
 #include "sonobrik_events.h"
@@ -115,9 +116,11 @@ const std::string setup_to_player = "[log_redirect sonobrik 24][loop_new][events
                                     "[signal 15][gst_init 2 --gst-version][clip_ref]";
 const std::string setup_to_parameters = setup_to_player + "[osc_setup][parameters_setup]";
 const std::string setup = setup_to_parameters + "[dbus_setup][watchdog_enabled 0]";
-const std::string teardown_without_player =
+const std::string loop_run = "[warm_up_start][loop_run]";
+const std::string teardown_after_player =
     "[dbus_teardown][parameters_teardown][events_teardown][osc_teardown]";
-const std::string teardown = "[clip_unref]" + teardown_without_player;
+const std::string teardown_without_player = "[warm_up_stop]" + teardown_after_player;
+const std::string teardown = "[warm_up_stop][clip_unref]" + teardown_after_player;
 
 class ServiceFrame : public ::testing::Test
 {
@@ -204,6 +207,16 @@ void audioclip_dbus_teardown()
     record("dbus_teardown");
 }
 
+void clip_warm_up_start()
+{
+    record("warm_up_start");
+}
+
+void clip_warm_up_stop()
+{
+    record("warm_up_stop");
+}
+
 /* Fakes and wrappers of library functions. */
 
 template <typename Function> Function *library(const char *name)
@@ -279,7 +292,7 @@ TEST_F(ServiceFrame, EndsWith0AfterSigterm)
     fakes.on_loop_run = [] {
         raise(SIGTERM);
     };
-    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(0, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith0AfterSigint)
@@ -287,7 +300,7 @@ TEST_F(ServiceFrame, EndsWith0AfterSigint)
     fakes.on_loop_run = [] {
         raise(SIGINT);
     };
-    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(0, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith0AfterASignalDuringSetup)
@@ -295,13 +308,13 @@ TEST_F(ServiceFrame, EndsWith0AfterASignalDuringSetup)
     fakes.on_dbus_setup = [] {
         raise(SIGTERM);
     };
-    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(0, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWithTheStatusOfAQuitRequest)
 {
     fakes.on_loop_run = quit_with(75);
-    expect_run(75, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(75, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutAMainLoop)
@@ -323,8 +336,8 @@ TEST_F(ServiceFrame, ContinuesWithoutOnScreenControls)
     fakes.on_loop_run = quit_with(0);
     expect_run(0, setup_to_player +
                       "[osc_setup][16: Failed to add features to onscreencontrols.]"
-                      "[parameters_setup][dbus_setup][watchdog_enabled 0][loop_run]" +
-                      teardown + "[loop_unref]");
+                      "[parameters_setup][dbus_setup][watchdog_enabled 0]" +
+                      loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, EndsWith1WithoutAClipStore)
@@ -346,7 +359,7 @@ TEST_F(ServiceFrame, TreatsAPositiveBusServiceResultAsSuccess)
 {
     fakes.dbus_result = 1;
     fakes.on_loop_run = quit_with(0);
-    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(0, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrame, KeepsTheStatusOfAQuitRequestBeforeTheLoopRuns)
@@ -390,7 +403,7 @@ TEST_F(ServiceFrameWatchdog, IsPingedAtHalfItsInterval)
     fakes.watchdog_result = 1;
     fakes.watchdog_usec = 30 * G_USEC_PER_SEC;
     fakes.on_loop_run = quit_with(0);
-    expect_run(0, setup + "[timer -100 15 s][loop_run]" + teardown +
+    expect_run(0, setup + "[timer -100 15 s]" + loop_run + teardown +
                       "[source_remove 4711][loop_unref]");
 }
 
@@ -404,8 +417,7 @@ TEST_F(ServiceFrameWatchdog, IsPingedRepeatedly)
         }
         quit_with(0)();
     };
-    expect_run(0, setup +
-                      "[timer -100 15 s][loop_run]"
+    expect_run(0, setup + "[timer -100 15 s]" + loop_run +
                       "[notify 0 WATCHDOG=1][goes on][notify 0 WATCHDOG=1][goes on]"
                       "[notify 0 WATCHDOG=1][goes on]" +
                       teardown + "[source_remove 4711][loop_unref]");
@@ -423,10 +435,9 @@ TEST_F(ServiceFrameWatchdog, IsPingedDuringLongWorkButNotTooOften)
         sonobrik_feed_watchdog();
         quit_with(0)();
     };
-    expect_run(0, setup +
-                      "[timer -100 15 s][loop_run]"
-                      "[notify 0 WATCHDOG=1][a file][notify 0 WATCHDOG=1]" +
-                      teardown + "[source_remove 4711][loop_unref]");
+    expect_run(0, setup + "[timer -100 15 s]" + loop_run +
+                      "[notify 0 WATCHDOG=1][a file][notify 0 WATCHDOG=1]" + teardown +
+                      "[source_remove 4711][loop_unref]");
 }
 
 TEST_F(ServiceFrameWatchdog, IsNotPingedDuringLongWorkIfItIsDisabled)
@@ -435,7 +446,7 @@ TEST_F(ServiceFrameWatchdog, IsNotPingedDuringLongWorkIfItIsDisabled)
         sonobrik_feed_watchdog();
         quit_with(0)();
     };
-    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(0, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrameWatchdog, HasAnIntervalOf0BelowTwoSeconds)
@@ -474,7 +485,7 @@ TEST_F(ServiceFrameWatchdog, MayBeDisabled)
 {
     fakes.watchdog_usec = 30 * G_USEC_PER_SEC;
     fakes.on_loop_run = quit_with(0);
-    expect_run(0, setup + "[loop_run]" + teardown + "[loop_unref]");
+    expect_run(0, setup + loop_run + teardown + "[loop_unref]");
 }
 
 TEST_F(ServiceFrameWatchdog, MayFailToBeRead)
@@ -483,6 +494,6 @@ TEST_F(ServiceFrameWatchdog, MayFailToBeRead)
     fakes.on_loop_run = quit_with(0);
     expect_run(0, setup +
                       "[16: Failed checking if watchdog is enabled, error code -22.]"
-                      "[16: Failed to setup watchdog.][loop_run]" +
-                      teardown + "[loop_unref]");
+                      "[16: Failed to setup watchdog.]" +
+                      loop_run + teardown + "[loop_unref]");
 }
