@@ -87,3 +87,12 @@ TEST_F(ClipSwitchTest, ClosesAfter500MillisecondsIfASwitchDoesNotEnd)
     clip_switch_close(&clip_switch);
     EXPECT_GE(g_get_monotonic_time() - began, 500 * G_TIME_SPAN_MILLISECOND);
 }
+
+TEST_F(ClipSwitchTest, ForgetsASwitchThatDidNotEndWhenReopened)
+{
+    EXPECT_TRUE(clip_switch_begin(&clip_switch));
+    clip_switch_open(&clip_switch);
+    const gint64 began = g_get_monotonic_time();
+    clip_switch_close(&clip_switch);
+    EXPECT_LT(g_get_monotonic_time() - began, 500 * G_TIME_SPAN_MILLISECOND);
+}

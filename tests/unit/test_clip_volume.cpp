@@ -1,11 +1,12 @@
 #include "clip_volume.h"
 
+#include "log_test.h"
 #include "temp_dir.h"
 
 namespace
 {
 
-class ClipVolume : public ::testing::Test
+class ClipVolume : public LogTest
 {
   protected:
     ClipVolume()
@@ -44,6 +45,19 @@ TEST_F(ClipVolume, IsSetByAFilter)
     use_sink("fakesink");
     clip_volume_set(playbin, sink, 0.5);
     EXPECT_TRUE(has_filter());
+}
+
+TEST_F(ClipVolume, IsNotSetWithoutAVolumeElement)
+{
+    use_sink("fakesink");
+    GstRegistry *registry = gst_registry_get();
+    g_autoptr(GstPluginFeature) feature = gst_registry_lookup_feature(registry, "volume");
+    gst_registry_remove_feature(registry, feature);
+    clip_volume_set(playbin, sink, 0.5);
+    gst_registry_add_feature(registry, feature);
+    EXPECT_FALSE(has_filter());
+    expect_log(G_LOG_LEVEL_WARNING, "Could not create volume.");
+    expect_no_log();
 }
 
 /* A filter as well would apply the level twice. */

@@ -1,5 +1,6 @@
 #include "sonobrik_osc.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -166,6 +167,22 @@ TEST_F(SonobrikOsc, BusThatStartsLaterIsUsed)
     EXPECT_FALSE(sonobrik_osc_update());
     clear_log();
     EXPECT_TRUE(sonobrik_osc_update());
+}
+
+/* Nothing would read the messages that arrive on it. */
+TEST_F(SonobrikOsc, ConnectionThatTheLoopCannotRunIsClosed)
+{
+    FakeControls controls(bus);
+    calls.fail_one("sd_event_new", 1, -EMFILE);
+    EXPECT_FALSE(sonobrik_osc_update());
+    expect_log(G_LOG_LEVEL_WARNING, "Failed to create event: Too many open files.");
+    expect_log(LOG_LEVEL_ERROR, "Failed to attach to gMainLoop.");
+    expect_log(LOG_LEVEL_ERROR, "Failed to connect to the system bus.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_bus_flush_close_unref"), 1);
+    EXPECT_EQ(documents, 0);
+    EXPECT_TRUE(sonobrik_osc_update());
+    EXPECT_EQ(calls.count("sd_bus_open_system"), 2);
 }
 
 TEST_F(SonobrikOsc, NothingIsSentWithoutADocument)
