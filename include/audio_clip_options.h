@@ -10,8 +10,8 @@
 /*
  * Reads `options` into the variables that the other arguments point at. Returns false if a value is
  * invalid; some variables may have been written by then. Logs the reason, except for an invalid
- * device and output pair. Refuses a text of more than 65,536 bytes. Ignores unknown keys. Call it on the main thread; it queries the audio
- * device service.
+ * device and output pair. Refuses a text of more than 65,536 bytes. Ignores unknown keys. Call it on
+ * the main thread; it queries the audio device service.
  *
  * location         file path or wildcard path; a new string
  * volume           percent, 0 to 1000; 100 if not given

@@ -9,8 +9,8 @@
 #include <glib.h>
 
 /*
- * Returns a new list of the items, in their order. Older GLibs keep the memory of list elements; made
- * in one go, those of a long list lie together and do not keep the memory between them too.
+ * Returns a new list of the items, in their order. Older GLibs keep the memory of list elements;
+ * made in one go, those of a long list lie together and do not keep the memory between them too.
  */
 GSList *file_utils_make_list(GPtrArray *items);
 

@@ -42,7 +42,8 @@ const char *playlist_get_random_file(const Playlist *playlist, const char *avoid
 
 /*
  * Picks a file at random and returns its "file" URI as a new string; free it with g_free(). Picks
- * the file of `current_uri` (may be null) only if there is no other file. Returns null if the
- * playlist is empty or null, and with a warning if the path cannot be converted.
+ * the file of `current_uri` (may be null) only if there is no other file, or if the URI escapes a
+ * character of its path. Returns null if the playlist is empty or null, and with a warning if the
+ * path cannot be converted.
  */
 char *playlist_get_random_uri(const Playlist *playlist, const char *current_uri);
