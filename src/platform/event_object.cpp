@@ -129,11 +129,16 @@ const sd_bus_vtable time_vtable[] = {
 
 int event_object_publish(EventObject *object, sd_bus *bus)
 {
-    const int r = sd_bus_add_object_vtable(bus, &object->slot, object->path.c_str(), INTERFACE,
-                                           vtable, object);
-    return r < 0 ? r
-                 : sd_bus_add_object_vtable(bus, &object->time_slot, object->path.c_str(),
-                                            TIME_INTERFACE, time_vtable, object);
+    const char *path = object->path.c_str();
+    int r = sd_bus_add_object_vtable(bus, &object->slot, path, INTERFACE, vtable, object);
+    if (r >= 0) {
+        r = sd_bus_add_object_vtable(bus, &object->time_slot, path, TIME_INTERFACE, time_vtable,
+                                     object);
+    }
+    if (r < 0) {
+        event_object_withdraw(object); /* the caller may free it */
+    }
+    return r;
 }
 
 void event_object_withdraw(EventObject *object)

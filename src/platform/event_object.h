@@ -21,8 +21,8 @@ struct EventObject {
 };
 
 /*
- * Publishes `object` on `bus`. The address of `object` must not change until it is withdrawn.
- * Returns a negative errno on failure.
+ * Publishes `object` on `bus`. The address of `object` must not change until it is withdrawn. On
+ * failure returns a negative errno, and nothing of `object` stays on the bus.
  */
 int event_object_publish(EventObject *object, sd_bus *bus);
 

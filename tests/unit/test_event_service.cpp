@@ -189,6 +189,29 @@ TEST_F(EventService, DoesNotDeclareWhenTheInitialiserFails)
     EXPECT_EQ(declare_playing(), 1U) << "the failed declaration used up an id";
 }
 
+/* The bus would read the properties of a freed object otherwise. */
+TEST_F(EventService, WithdrawsAnEventThatCannotBePublishedAsAWhole)
+{
+    static const sd_bus_vtable same_property[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_PROPERTY("LastSent", "t", nullptr, 0, 0),
+        SD_BUS_VTABLE_END,
+    };
+    sd_bus *shared = nullptr;
+    ASSERT_TRUE(platform_bus_hold(&shared, nullptr));
+    sd_bus_slot *obstacle = nullptr;
+    ASSERT_GE(sd_bus_add_object_vtable(shared, &obstacle, OBJECT, "com.vesk.Events1.Time",
+                                       same_property, nullptr),
+              0);
+    EXPECT_EQ(declare_playing(), 0U);
+    expect_log(G_LOG_LEVEL_WARNING,
+               std::string("An event cannot be declared at ") + OBJECT + ": File exists");
+    sd_bus_slot_unref(obstacle);
+    platform_bus_release(shared);
+    EXPECT_EQ(declare_playing(), 1U);
+    expect_no_log();
+}
+
 TEST_F(EventService, AcknowledgesADeclarationFromTheLoopsFirstTurn)
 {
     declare_currently_playing();
