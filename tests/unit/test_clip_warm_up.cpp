@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "log_test.h"
+#include "memory_trim.h"
 
 namespace
 {
@@ -22,6 +23,8 @@ constexpr const char *PLUGINS[] = {
     "opus",         "vorbis",       "auparse",
     LAST_PLUGIN,
 };
+
+int trims;
 
 bool is_loaded(const char *plugin_name)
 {
@@ -61,6 +64,11 @@ class ClipWarmUpDeathTest : public LogTest
 };
 
 } // namespace
+
+void memory_trim_later()
+{
+    trims++;
+}
 
 TEST_F(ClipWarmUpDeathTest, LoadsThePluginsOfAllFormats)
 {
@@ -113,6 +121,17 @@ TEST_F(ClipWarmUpDeathTest, StopsHalfWay)
         clip_warm_up_stop();
         run_to_the_end();
         EXPECT_FALSE(is_loaded(LAST_PLUGIN));
+    });
+}
+
+TEST_F(ClipWarmUpDeathTest, ReturnsMemoryOnceAtTheEnd)
+{
+    in_new_process([] {
+        clip_warm_up_start();
+        turn();
+        EXPECT_EQ(trims, 0);
+        run_to_the_end();
+        EXPECT_EQ(trims, 1);
     });
 }
 
