@@ -37,7 +37,17 @@ constexpr bool (*RECOGNITIONS[])(const Device &device, const SoundCard &card) = 
     [](const Device &device, const SoundCard &card) {
         return device.serial.empty() && device.path.empty() && is_same(device.card_id, card.id);
     },
+    /* A known card that udev has not examined this time. */
+    [](const Device &device, const SoundCard &card) {
+        return card.serial.empty() && card.path.empty() && is_same(device.card_id, card.id);
+    },
 };
+
+/* Without any identifier, a card would be a new device each time that the cards are read. */
+bool is_recognisable(const SoundCard &card)
+{
+    return !card.serial.empty() || !card.path.empty() || !card.id.empty();
+}
 
 ControlRule find_rule(const ControlConf &conf, const SoundCard &card)
 {
@@ -55,7 +65,8 @@ std::vector<const SoundCard *> select_cards(const std::vector<SoundCard> &cards,
 {
     std::vector<const SoundCard *> selected;
     for (const SoundCard &card : cards) {
-        if (!card.outputs.empty() && !find_rule(conf, card).leave_out.value_or(false)) {
+        if (!card.outputs.empty() && is_recognisable(card) &&
+            !find_rule(conf, card).leave_out.value_or(false)) {
             selected.push_back(&card);
         }
     }

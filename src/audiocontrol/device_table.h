@@ -34,9 +34,9 @@ struct Device {
 using DeviceTable = std::vector<Device>;
 
 /*
- * Updates the table for the cards that are plugged in now. Cards without a playback PCM and those
- * that the configuration leaves out are no devices. A card is recognised by its serial number, else
- * by its path, else by its id. New cards get the lowest free numbers: built-in cards before USB,
+ * Updates the table for the cards that are plugged in now. Cards without a playback PCM, those
+ * without any identifier and those that the configuration leaves out are no devices. A card is
+ * recognised by its serial number, else by its path, else by its id. New cards get the lowest free numbers: built-in cards before USB,
  * and HDMI last.
  *
  * A number of the configuration belongs to its device even while that is not plugged in; a device

@@ -132,6 +132,35 @@ TEST_F(DeviceTableTest, LearnsWhatUdevTellsLater)
     EXPECT_EQ(table[0].path, "a");
 }
 
+TEST_F(DeviceTableTest, RecognisesAKnownCardThatUdevHasNotExamined)
+{
+    update({make_card(0, "a", "s1"), make_card(1, "b")});
+    EXPECT_FALSE(device_table_is_new(table, {make_card(0, ""), make_card(1, "")}, conf));
+    update({make_card(1, ""), make_card(0, "")});
+    ASSERT_EQ(table.size(), 2U);
+    EXPECT_EQ(numbers(), (Numbers{{"a", 0}, {"b", 1}}));
+    EXPECT_EQ(table[0].serial, "s1");
+}
+
+TEST_F(DeviceTableTest, PrefersTheCardThatUdevHasExamined)
+{
+    update({make_card(0, "a", "s1")});
+    const SoundCard stranger = make_card(0, "");
+    const SoundCard known = make_card(1, "b", "s1");
+    update({stranger, known});
+    EXPECT_EQ(numbers(), (Numbers{{"b", 0}, {"", 1}}));
+}
+
+TEST_F(DeviceTableTest, HasNoDeviceForACardWithoutAnyIdentifier)
+{
+    SoundCard unknown = make_card(0, "");
+    unknown.id = "";
+    update({unknown, make_card(1, "b")});
+    EXPECT_EQ(numbers(), (Numbers{{"b", 0}}));
+    EXPECT_EQ(table.size(), 1U);
+    EXPECT_FALSE(device_table_is_new(table, {unknown}, conf));
+}
+
 TEST_F(DeviceTableTest, HasNoDeviceForACardWithoutPlayback)
 {
     SoundCard microphone = make_card(0, "a");
