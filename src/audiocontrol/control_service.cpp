@@ -52,6 +52,7 @@ struct Service {
     int udev_waits;
     uint64_t unrest_since; /* when the first event after the last quiet came; 0 if it is quiet */
     bool unrest_logged;
+    bool has_failed; /* and logged the reason */
     ConfigFileStamp conf_stamp;
     ControlConf conf;
     AlsaFiles alsa_files;
@@ -117,11 +118,12 @@ void write_state(Service *service, const DeviceTable &table)
     if (text == service->state_text) {
         return;
     }
-    service->state_text = text;
     if (!util_write_file_synced(service->files->state.c_str(), text.data(), text.size(),
                                 FILE_MODE)) {
         g_warning("%sCannot write %s: %s", "", service->files->state.c_str(), g_strerror(errno));
+        return;
     }
+    service->state_text = text;
 }
 
 /* Returns false if the file cannot be written: the daemon would not find the devices. */
@@ -206,24 +208,35 @@ int refresh(Service *service, const std::vector<SoundCard> &cards)
     ControlPicture next = {.devices = service->picture.devices, .overrides = {}};
     device_table_update(&next.devices, cards, service->conf);
     read_overrides(service, &next);
-    write_state(service, next.devices);
     const bool had_alsa_file = access(service->files->alsa.c_str(), F_OK) == 0;
     if (!write_alsa(service, next.devices)) {
         return -EIO;
+    }
+    /* The first picture after a boot comes without signals; see publish(). */
+    const bool has_signals = service->is_published || had_alsa_file;
+    if (!has_signals) {
+        write_state(service, next.devices);
     }
     if (service->is_published) {
         if (next.devices != service->picture.devices) {
             log_change(service->picture.devices, next.devices);
         }
         control_bus_change(service->bus, &service->picture, std::move(next));
-        return 0;
+    } else {
+        log_change({}, next.devices);
+        const int r = publish(service, std::move(next), had_alsa_file);
+        if (r < 0) {
+            log_error("%sCannot serve com.vesk.AudioControl: %s", "",
+                      r == -EEXIST ? "another program owns the name" : g_strerror(-r));
+            return r;
+        }
     }
-    log_change({}, next.devices);
-    const int r = publish(service, std::move(next), had_alsa_file);
-    if (r < 0) {
-        log_failure("Cannot serve com.vesk.AudioControl", r);
+    if (has_signals) {
+        /* A service that ends before this line sends the signals again after its restart. */
+        sd_bus_flush(service->bus);
+        write_state(service, service->picture.devices);
     }
-    return r;
+    return 0;
 }
 
 void wait_for_quiet(Service *service)
@@ -295,7 +308,8 @@ int handle_quiet(sd_event_source *, uint64_t, void *data)
     auto *service = static_cast<Service *>(data);
     service->unrest_since = 0;
     service->unrest_logged = false;
-    return read_cards(service) < 0 ? end(service, EXIT_FAILURE) : 0;
+    service->has_failed = read_cards(service) < 0;
+    return service->has_failed ? end(service, EXIT_FAILURE) : 0;
 }
 
 int handle_udev(sd_event_source *, int, uint32_t, void *data)
@@ -440,7 +454,8 @@ int control_service_run(const ControlFiles &files)
     int status = EXIT_FAILURE;
     if (start(&service)) {
         status = sd_event_loop(service.event);
-        if (status != EXIT_SUCCESS && sd_bus_is_open(service.bus) <= 0) {
+        /* The loop closes the bus whenever it ends, so a closed bus alone means nothing. */
+        if (status != EXIT_SUCCESS && !service.has_failed && sd_bus_is_open(service.bus) <= 0) {
             log_error("%sThe connection of com.vesk.AudioControl to the system bus was lost.", "");
         }
     }

@@ -11,6 +11,8 @@ from sandbox.process import NotifySocket
 
 QUIET = 0.5  # seconds
 
+ALSA = "/run/sonobrik-audiocontrol/alsa.conf"
+
 
 @pytest.fixture
 def seen(cards):
@@ -328,6 +330,22 @@ def test_a_restarted_service_tells_what_changed_meanwhile(cards, seen):
     wait_seen(seen, ("InterfacesRemoved", 0), ("InterfacesAdded", 2))
 
 
+def test_a_restarted_service_tells_what_it_could_not_tell_before(cards, seen):
+    cards.add(0)
+    cards.start()
+    definitions = cards.alsa.read_text()
+    # The service ends after it has numbered the second card, and before it sends a signal.
+    cards.alsa.unlink()
+    cards.alsa.mkdir()
+    cards.add(1)
+    assert cards.service.wait_exit() == 1
+    assert cards.service.texts[-1].startswith(f"critical: Cannot write {ALSA}: ")
+    cards.alsa.rmdir()
+    cards.alsa.write_text(definitions)
+    cards.start()
+    wait_seen(seen, ("InterfacesAdded", 1))
+
+
 def test_a_restarted_service_with_the_same_cards_is_silent(cards, seen):
     cards.add(0)
     cards.start()
@@ -343,7 +361,8 @@ def test_nobody_can_start_it_twice(cards):
     first = cards.service
     second = cards.start(wait=False)
     assert second.wait_exit() == 1
-    assert second.texts[-1].startswith("error: Cannot serve com.vesk.AudioControl: ")
+    assert second.texts[-1] == (
+        "error: Cannot serve com.vesk.AudioControl: another program owns the name")
     cards.service = first
     assert first.is_running
 
