@@ -123,29 +123,31 @@ bool card_scan_take_events(CardScan *scan)
     }
 }
 
-std::vector<SoundCard> card_scan_read(CardScan *scan, bool *is_complete)
+int card_scan_read(CardScan *scan, std::vector<SoundCard> *cards, bool *is_complete)
 {
     std::map<int, SoundCardFacts> facts;
     *is_complete = true;
     g_autoptr(udev_enumerate) list = udev_enumerate_new(scan->context);
-    if (list && udev_enumerate_add_match_subsystem(list, "sound") >= 0 &&
-        udev_enumerate_scan_devices(list) >= 0) {
-        udev_list_entry *entry;
-        udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(list))
-        {
-            g_autoptr(udev_device) device =
-                udev_device_new_from_syspath(scan->context, udev_list_entry_get_name(entry));
-            /* It may have gone since the list was made. */
-            if (device && !read_device(device, &facts)) {
-                *is_complete = false;
-            }
+    int r = list ? udev_enumerate_add_match_subsystem(list, "sound") : -errno;
+    r = r < 0 ? r : udev_enumerate_scan_devices(list);
+    if (r < 0) {
+        return r;
+    }
+    udev_list_entry *entry;
+    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(list))
+    {
+        g_autoptr(udev_device) device =
+            udev_device_new_from_syspath(scan->context, udev_list_entry_get_name(entry));
+        /* It may have gone since the list was made. */
+        if (device && !read_device(device, &facts)) {
+            *is_complete = false;
         }
     }
     std::map<int, std::string> names = sound_card_read_names(read_text(CARDS_FILE));
-    std::vector<SoundCard> cards;
+    cards->clear();
     for (auto &[index, card] : facts) {
         card.short_name = names[index];
-        cards.push_back(sound_card_make(card));
+        cards->push_back(sound_card_make(card));
     }
-    return cards;
+    return 0;
 }

@@ -284,7 +284,12 @@ bool must_wait_for_udev(Service *service, bool is_complete)
 int read_cards(Service *service)
 {
     bool is_complete = true;
-    const std::vector<SoundCard> cards = card_scan_read(service->scan, &is_complete);
+    std::vector<SoundCard> cards;
+    const int r = card_scan_read(service->scan, &cards, &is_complete);
+    if (r < 0) {
+        log_failure("Cannot list the sound cards", r);
+        return r;
+    }
     read_conf(service);
     const bool must_wait = must_wait_for_cards(service, cards, is_complete) ||
                            must_wait_for_udev(service, is_complete);

@@ -299,6 +299,25 @@ def test_a_hostile_id_is_not_written_to_the_definitions(cards, card_id):
     assert "CARD=" + card_id not in cards.alsa.read_text()
 
 
+def test_cards_that_cannot_be_listed_are_not_taken_for_unplugged(cards, seen):
+    cards.add(0)
+    cards.start()
+    definitions = cards.alsa.read_text()
+    folder = cards.folder / "sys/class/sound"
+    folder.rename(folder.with_name("hidden"))
+    folder.symlink_to(folder.name)
+    cards.configure("")
+    assert cards.service.wait_exit() == 1
+    assert cards.service.texts[-1] == (
+        "error: Cannot list the sound cards: Too many levels of symbolic links")
+    assert cards.alsa.read_text() == definitions
+    folder.unlink()
+    folder.with_name("hidden").rename(folder)
+    cards.start()
+    cards.add(1)
+    wait_seen(seen, ("InterfacesAdded", 1))
+
+
 # The bus
 
 
