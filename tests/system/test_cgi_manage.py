@@ -269,6 +269,22 @@ def test_a_body_in_chunks_is_added_or_refused(web, box, tone):
     assert list_files(box) == (["x.wav"] if answer.status == 200 else [])
 
 
+@pytest.mark.parametrize("query, options, status", [
+    ("action=add&file=x.wav", ["Transfer-Encoding: chunked"], (411, 413)),
+    ("action=remove&clip=0", ["Transfer-Encoding: chunked"], (411, 413)),
+    ("action=rename&clip=0&name=x", [], (413, 415)),
+    ("action=unknown", [], (413, 415)),
+])
+def test_the_answer_to_a_refused_body_arrives(web, box, tmp_path, query, options, status):
+    """fcgiwrap drops the answer of a program that exits before the whole body has arrived."""
+    body = tmp_path / "body"
+    body.write_bytes(bytes(4_000_000))
+    headers = [word for option in options for word in ("--header", option)]
+    answer = web.upload(query, None, *headers, "--data-binary", f"@{body}")
+    assert answer.status in status, answer
+    assert list_files(box) == []
+
+
 @pytest.mark.parametrize("headers", ["Content-Length: 0\r\n", "", "Content-Length: -1\r\n",
                                      "Content-Length: 1e3\r\n", "Content-Length: 99999999999999\r\n"])
 def test_a_body_of_no_known_length_is_refused(web, box, headers):

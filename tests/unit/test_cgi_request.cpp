@@ -71,6 +71,19 @@ TEST(CgiRequest, RejectsAMissingMethod)
     EXPECT_EQ(read({}), CGI_INVALID);
 }
 
+TEST(CgiRequest, KnowsTheLengthOfTheBodyOfARefusedRequest)
+{
+    EXPECT_EQ(read({{"REQUEST_METHOD", "PUT"}, {"CONTENT_LENGTH", "70000"}}), CGI_METHOD);
+    EXPECT_EQ(cgi_request_get_body_length(), 70000);
+    EXPECT_EQ(read({{"REQUEST_METHOD", "POST"}, {"HTTP_TRANSFER_ENCODING", "chunked"}}),
+              CGI_NO_LENGTH);
+    EXPECT_EQ(cgi_request_get_body_length(), CGI_LENGTH_UNKNOWN);
+    EXPECT_EQ(read(make_post("1e3")), CGI_INVALID);
+    EXPECT_EQ(cgi_request_get_body_length(), CGI_LENGTH_UNKNOWN);
+    EXPECT_EQ(read({{"REQUEST_METHOD", "GET"}}), CGI_OK);
+    EXPECT_EQ(cgi_request_get_body_length(), 0);
+}
+
 TEST(CgiRequest, RejectsOtherMethods)
 {
     for (const char *method : {"PUT", "get", "OPTIONS", "GET "}) {

@@ -1,9 +1,12 @@
 #include "cgi_input.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <poll.h>
 #include <unistd.h>
+
+#include "cgi_request.h"
 
 namespace
 {
@@ -41,7 +44,7 @@ void cgi_input_drain(int fd, gint64 length)
     constexpr gint64 LIMIT = gint64{128} * 1024 * 1024;
     constexpr int PAUSE_MS = 2000;
     std::array<char, 65536> buffer;
-    while (done < length && done < LIMIT &&
-           read_within(fd, buffer.data(), buffer.size(), PAUSE_MS) > 0) {
+    const gint64 end = length == CGI_LENGTH_UNKNOWN ? LIMIT : std::min(length, LIMIT);
+    while (done < end && read_within(fd, buffer.data(), buffer.size(), PAUSE_MS) > 0) {
     }
 }

@@ -12,8 +12,8 @@
 ssize_t cgi_input_read(int fd, char *data, size_t size);
 
 /*
- * Reads and drops the rest of a body of `length` bytes, of which cgi_input_read() has read a part.
- * Some servers discard the answer of a program that does not read the whole body. Gives up after a
- * pause of 2 s, or if the rest is very long.
+ * Reads and drops what cgi_input_read() has left of a body of `length` bytes; CGI_LENGTH_UNKNOWN
+ * means up to its end. fcgiwrap discards the answer of a program that exits before it has read the
+ * whole body. Gives up after a pause of 2 s, or if the rest is very long.
  */
 void cgi_input_drain(int fd, gint64 length);

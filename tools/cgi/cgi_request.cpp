@@ -354,6 +354,15 @@ const char *cgi_request_list_methods(const CgiRequest &request)
     return action.changes ? "GET, POST" : "GET, HEAD, POST";
 }
 
+gint64 cgi_request_get_body_length()
+{
+    gint64 length = 0;
+    if (read_length(G_MAXINT64, &length).result != CGI_OK) {
+        return CGI_LENGTH_UNKNOWN;
+    }
+    return length;
+}
+
 gint64 cgi_request_get_file_max()
 {
     gint64 value = 0;

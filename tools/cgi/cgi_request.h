@@ -40,6 +40,9 @@ struct CgiRequest {
     gint64 output = CLIENT_NOT_GIVEN;
 };
 
+/* In place of the length of a body that a web server passes on while it arrives in chunks. */
+constexpr gint64 CGI_LENGTH_UNKNOWN = -1;
+
 /* The maximum size of a query and of a form in the body, in bytes. */
 constexpr size_t CGI_REQUEST_MAX = 8192;
 
@@ -52,14 +55,18 @@ bool cgi_request_has_file(CgiAction action);
 /* Returns the methods with which the request's action may be sent, as for the header `Allow`. */
 const char *cgi_request_list_methods(const CgiRequest &request);
 
+/* Returns the length of the request's body in bytes, 0 if there is none, or CGI_LENGTH_UNKNOWN.
+ * Works for every request, including those that cgi_request_read() refuses. */
+gint64 cgi_request_get_body_length();
+
 /* Returns the maximum size of a clip's file in bytes: that of the variable SONOBRIK_UPLOAD_MAX,
  * which is in MiB, or the default. */
 gint64 cgi_request_get_file_max();
 
 /*
  * Reads the request from the environment, and the form in the body of a POST from `body_fd`. Leaves
- * the body alone if it is a clip's file. Returns CGI_OK, or
- * what is wrong: an invalid request, an action that another site requests, or a prefetched action.
- * Sets `is_head` and `is_from_page` as far as the request could be read.
+ * the body alone if it is a clip's file. Returns CGI_OK, or the reason for a refusal: an invalid
+ * request, an action that another site requests, or a prefetched action. Sets `is_head` and
+ * `is_from_page` as far as the request could be read.
  */
 CgiOutcome cgi_request_read(CgiRequest *request, int body_fd);

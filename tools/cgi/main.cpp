@@ -15,6 +15,6 @@ int main()
     const CgiOutcome outcome = cgi_request_read(&request, STDIN_FILENO);
     const CgiAnswer answer = cgi_answer_make(request, outcome, STDIN_FILENO);
     const bool is_sent = cgi_answer_send(answer, !request.is_head, STDOUT_FILENO);
-    cgi_input_drain(STDIN_FILENO, request.body_length);
+    cgi_input_drain(STDIN_FILENO, cgi_request_get_body_length());
     return is_sent ? 0 : 1;
 }
