@@ -325,6 +325,9 @@ TEST_F(GroupFile, MetadataIsLimitedByItsCompactText)
     /* A control character has six bytes. */
     json_object_set_new(group->metadata, "a", json_string(std::string(16384 / 6, 1).c_str()));
     EXPECT_STREQ(sonobrik_group_get_fault(group), "has metadata of more than 16384 bytes");
+    json_decref(group->metadata);
+    group->metadata = json_string(std::string(16384, 'x').c_str());
+    EXPECT_STREQ(sonobrik_group_get_fault(group), "has metadata of more than 16384 bytes");
 }
 
 TEST_F(GroupFile, NullRecordHasAFault)

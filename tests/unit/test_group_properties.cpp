@@ -76,6 +76,12 @@ TEST_F(GroupProperties, NamesMatchExactly)
     expect_no_log();
 }
 
+TEST_F(GroupProperties, NullOutputFails)
+{
+    EXPECT_FALSE(sonobrik_group_get_property_enum("Name", nullptr));
+    clear_log();
+}
+
 TEST_F(GroupProperties, ValuesHaveNames)
 {
     EXPECT_STREQ(sonobrik_group_get_property_name(0), "Location");

@@ -341,6 +341,10 @@ TEST(JsonUtilsBound, CoversEveryKindOfValue)
              "[-9223372036854775808,9223372036854775807,-1.7976931348623157e+308]",
              R"(["\u0001\u0002","\"\\","\u20ac\n"])",
              R"({"\u0001\"":{"":["a",{"b":[[[]]]}]}})",
+             /* Each has so many of one kind that no other part of the bound makes up for it. */
+             R"(["","","","","","","",""])",
+             R"(["\"\"\"\"\"\"\"\"\"\""])",
+             R"(["\\\\\\\\\\\\\\\\\\\\"])",
          }) {
         g_autoptr(json_t) value = json_loads(text, 0, nullptr);
         ASSERT_NE(value, nullptr) << text;
