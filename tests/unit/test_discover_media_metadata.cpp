@@ -30,7 +30,7 @@ Fake fake;
 bool describe(const char *path, json_t *media_info)
 {
     fake.discoveries++;
-    fake.path = path;
+    fake.path = path ? path : "(null)";
     fake.was_empty_object = json_is_object(media_info) && json_object_size(media_info) == 0;
     json_decref(fake.kept);
     fake.kept = json_incref(media_info);
@@ -157,6 +157,16 @@ TEST_F(DiscoverMediaMetadata, FileThatCannotBeDescribedIsLogged)
     EXPECT_EQ(discover_media_get_metadata("/clips/a.wav"), nullptr);
     expect_log(G_LOG_LEVEL_WARNING, "Could not obtain media info for: /clips/a.wav");
     expect_no_log();
+}
+
+TEST_F(DiscoverMediaMetadata, NullPathIsLogged)
+{
+    g_autoptr(GHashTable) memo = discover_media_memo_new();
+    for (GHashTable *known : {memo, static_cast<GHashTable *>(nullptr)}) {
+        EXPECT_EQ(discover_media_get_metadata_once(nullptr, known), nullptr);
+        expect_log(G_LOG_LEVEL_WARNING, "Could not obtain media info for: (null)");
+        expect_no_log();
+    }
 }
 
 TEST_F(DiscoverMediaMetadata, DescriptionWithoutADurationIsLogged)

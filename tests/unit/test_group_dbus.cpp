@@ -17,6 +17,7 @@ constexpr const char *OBJECT = "/com/vesk/Sonobrik";
 constexpr const char *INTERFACE = "com.vesk.Configuration.Legacy";
 
 std::vector<std::string> handled; /* the calls of the fake store */
+std::vector<gint32> listed;       /* the numbers of its records */
 
 class GroupDbus : public BusTest
 {
@@ -24,6 +25,7 @@ class GroupDbus : public BusTest
     GroupDbus()
     {
         handled.clear();
+        listed = {7};
     }
 
     ~GroupDbus() override
@@ -53,7 +55,7 @@ class GroupDbus : public BusTest
 
 } // namespace
 
-/* A fake store with one record, number 7, named "Door". */
+/* A fake store, by default with one record, number 7. All are named "Door". */
 
 bool sonobrik_group_create_group(gint32 *index, const char *, const char *, const char *)
 {
@@ -81,7 +83,11 @@ SonobrikGroup *sonobrik_group_from_index(gint32 index)
 
 GSList *sonobrik_group_get_parameter_list()
 {
-    return g_slist_append(nullptr, sonobrik_group_from_index(7));
+    GSList *groups = nullptr;
+    for (const gint32 index : listed) {
+        groups = g_slist_append(groups, sonobrik_group_from_index(index));
+    }
+    return groups;
 }
 
 void sonobrik_group_release_parameter_list(GSList **list)
@@ -119,6 +125,15 @@ TEST_F(GroupDbus, EachMethodHasItsHandler)
     const std::vector<std::string> expected = {"create",    "remove", "load",           "load",
                                                "save Bell", "load",   "update controls"};
     EXPECT_EQ(handled, expected);
+    expect_no_log();
+}
+
+TEST_F(GroupDbus, RecordWithANegativeNumberIsNotListed)
+{
+    ASSERT_TRUE(sonobrik_group_dbus_setup());
+    listed = {-1, 7, G_MININT32};
+    EXPECT_EQ(call("GetConfigurations"),
+              "({7: {'Location': <'/door.wav'>, 'Name': <'Door'>, 'Type': <'audio'>}},)");
     expect_no_log();
 }
 
