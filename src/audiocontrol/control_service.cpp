@@ -10,6 +10,7 @@
 #include <sys/inotify.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
+#include <tuple>
 #include <unistd.h>
 
 #include "alsa_files.h"
@@ -147,11 +148,19 @@ const char *describe(const std::string &text)
     return text.empty() ? "-" : text.c_str();
 }
 
+/* Returns true if a number belongs to another card now, or to the same card at another place. */
+bool has_moved(const Device &before, const Device &after)
+{
+    return std::tie(before.serial, before.path, before.card_id) !=
+           std::tie(after.serial, after.path, after.card_id);
+}
+
 void log_change(const DeviceTable &before, const DeviceTable &after)
 {
     for (const Device &device : after) {
         const Device *previous = device_table_find(before, device.number);
-        if (device.plugged_in && (!previous || !previous->plugged_in)) {
+        if (device.plugged_in &&
+            (!previous || !previous->plugged_in || has_moved(*previous, device))) {
             g_info("%sAudio device %d is plugged in: %s (serial=%s, path=%s, card=%s)", "",
                    device.number, device.name.c_str(), describe(device.serial),
                    describe(device.path), describe(device.card_id));
@@ -346,8 +355,9 @@ int handle_signal(sd_event_source *, const struct signalfd_siginfo *, void *data
  * the edit, which then counts from the next event on. */
 void watch_folder(Service *service, const char *path)
 {
-    constexpr uint32_t changes =
-        IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
+    /* IN_ATTRIB: a file that was not readable may have become so. */
+    constexpr uint32_t changes = IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
+                                 IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
     const int r =
         sd_event_add_inotify(service->event, nullptr, path, changes, handle_folder, service);
     if (r < 0 && r != -ENOENT) {

@@ -240,6 +240,29 @@ def test_an_edit_of_the_configuration_counts_at_once(cards, seen):
     assert cards.read_devices() == {0: "Mocked card", 3: "Mocked card"}
 
 
+def test_numbers_that_two_devices_exchange_are_logged(cards):
+    cards.add(0, name="First")
+    cards.add(1, name="Second")
+    cards.start()
+    cards.configure("[path=path-0]\nnumber=1\n[path=path-1]\nnumber=0\n")
+    wait_until(lambda: cards.read_devices() == {0: "Second", 1: "First"}, 10, "the edit is seen")
+    assert cards.service.texts[2:] == [
+        "info: Audio device 0 is plugged in: Second (serial=-, path=path-1, card=Card1)",
+        "info: Audio device 1 is plugged in: First (serial=-, path=path-0, card=Card0)"]
+
+
+def test_a_configuration_that_becomes_readable_counts(cards, seen):
+    cards.configure("[path=path-0]\nnumber=3\n")
+    conf = cards.sandbox.etc / "vesk/audio-control.conf"
+    conf.chmod(0)
+    cards.add(0)
+    cards.start()
+    assert cards.service.texts[0] == (
+        "warning: /etc/vesk/audio-control.conf: Permission denied; the defaults apply")
+    conf.chmod(0o644)
+    wait_seen(seen, ("InterfacesRemoved", 0), ("InterfacesAdded", 3))
+
+
 def test_a_broken_configuration_is_a_warning_with_its_line(cards):
     cards.configure("[path=path-0]\nnumber=4\nnames=x\n")
     cards.add(0)
