@@ -20,6 +20,12 @@ constexpr const char *CARDS_FILE = "/proc/asound/cards";
 /* Exists while udev runs. */
 constexpr const char *UDEV_CONTROL = "/run/udev/control";
 
+/*
+ * Property that udev's rules for sound cards set together with the other ones. They do that at a
+ * second event of the card, "change", so a card that udev knows may still lack them.
+ */
+constexpr const char *EXAMINED = "SOUND_INITIALIZED";
+
 /* A hundred cards send some thousand events at a time; those that do not fit are lost. */
 constexpr int BUFFER_SIZE = 1024 * 1024;
 
@@ -51,7 +57,7 @@ void read_card(udev_device *device, SoundCardFacts *facts)
         udev_device_get_parent_with_subsystem_devtype(device, "usb", nullptr) != nullptr;
 }
 
-/* Adds what udev tells of a card or a PCM. Returns true if udev has examined it. */
+/* Adds what udev tells of a card or a PCM. Returns false for a card that udev has not examined. */
 bool read_device(udev_device *device, std::map<int, SoundCardFacts> *cards)
 {
     const std::string name = make_text(udev_device_get_sysname(device));
@@ -60,12 +66,14 @@ bool read_device(udev_device *device, std::map<int, SoundCardFacts> *cards)
     if (sound_card_parse_card(name, &index)) {
         (*cards)[index].index = index;
         read_card(device, &(*cards)[index]);
-    } else if (sound_card_parse_pcm(name, &index, &pcm)) {
+        return (*cards)[index].properties.contains(EXAMINED);
+    }
+    if (sound_card_parse_pcm(name, &index, &pcm)) {
         (*cards)[index].index = index;
         (*cards)[index].pcms[pcm] = read_text("/proc/asound/card" + std::to_string(index) + "/pcm" +
                                               std::to_string(pcm) + "p/info");
     }
-    return udev_device_get_is_initialized(device) != 0;
+    return true;
 }
 
 } // namespace

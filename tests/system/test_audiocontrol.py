@@ -216,6 +216,42 @@ def test_a_state_that_cannot_be_written_is_a_warning(cards):
         "warning", "warning", "info"]
 
 
+# Udev
+
+EXAMINED = {"ID_PATH": "port", "ID_SERIAL": "M_A", "ID_SERIAL_SHORT": "A", "SOUND_INITIALIZED": "1"}
+
+
+def test_the_name_waits_until_udev_has_examined_the_cards(cards, sandbox):
+    cards.add(0, ID_PATH="")
+    cards.set_udev(is_busy=True)
+    cards.examine(0)  # as after the first of its events
+    cards.start(wait=False)
+    wait_until_passed(3 * QUIET)
+    assert not sandbox.bus.get_owner(SERVICE)
+    cards.examine(0, **EXAMINED)
+    cards.set_udev(is_busy=False)
+    wait_until(lambda: sandbox.bus.get_owner(SERVICE), 10, "the name is taken")
+    (number, interfaces), = cards.read_objects().items()
+    assert (number, interfaces[DEVICE]["Serial"], interfaces[DEVICE]["Path"]) == (0, "M_A", "port")
+
+
+def test_a_card_that_udev_is_examining_gets_no_number(cards, sandbox, seen):
+    cards.set_udev(is_busy=False)
+    cards.add(0, ID_PATH="")
+    cards.examine(0, **EXAMINED)
+    cards.start()
+    cards.set_udev(is_busy=True)
+    cards.examine(1)
+    cards.add(1, ID_PATH="")
+    wait_until_passed(3 * QUIET)
+    assert seen.seen == []
+    cards.examine(1, **EXAMINED | {"ID_SERIAL": "M_B", "ID_SERIAL_SHORT": "B"})
+    cards.set_udev(is_busy=False)
+    wait_seen(seen, ("InterfacesAdded", 1))
+    assert [interfaces[DEVICE]["Serial"] for _, interfaces in sorted(cards.read_objects().items())
+            ] == ["M_A", "M_B"]
+
+
 # The configuration
 
 

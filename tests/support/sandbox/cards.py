@@ -104,6 +104,22 @@ class Cards:
         """Unplugs a card. What plays on it fails."""
         self._tell("remove", index)
 
+    def set_udev(self, is_busy):
+        """Makes udev run, which it does not otherwise, with or without events in its queue."""
+        for name, exists in (("control", True), ("queue", is_busy)):
+            file = self.sandbox.folder / "run/udev" / name
+            file.parent.mkdir(exist_ok=True)
+            file.touch() if exists else file.unlink(missing_ok=True)
+
+    def examine(self, index, **properties):
+        """Adds a card with these properties and its first PCM to udev's database, without an
+        event."""
+        folder = self.sandbox.folder / "run/udev/data"
+        folder.mkdir(parents=True, exist_ok=True)
+        text = "".join(f"E:{name}={value}\n" for name, value in properties.items())
+        (folder / f"+sound:pcmC{index}D0p").write_text("I:1\n")
+        (folder / f"+sound:card{index}").write_text("I:1\n" + text)
+
     def _make_folder(self, name):
         return self.sandbox._make_shared_folder(self.sandbox.folder / "run/cards" / name)
 
