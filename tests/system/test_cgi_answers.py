@@ -109,7 +109,7 @@ def test_nul_bytes_and_invalid_utf8_are_refused(web, form):
 def test_a_missing_output_is_refused(web, door, quiet):
     answer = web.get(f"action=play&clip={door}&audiooutput=3")
     assert answer.status == 400
-    assert "Check that the output exists." in answer.text
+    assert "Check that the output exists and is plugged in." in answer.text
 
 
 def test_an_unknown_number_is_not_found(web, door):

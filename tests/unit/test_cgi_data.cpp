@@ -33,6 +33,8 @@ TEST(CgiData, ListsClipsAndWhatPlays)
     state.now.is_known = true;
     state.now.revision = "1 2";
     state.now.outputs = {{.number = 1,
+                          .name = "",
+                          .unplugged = false,
                           .playing = true,
                           .file = "/etc/audioclips/d.wav",
                           .title = "",
@@ -44,6 +46,27 @@ TEST(CgiData, ListsClipsAndWhatPlays)
         R"({"number":5,"name":"","file":"","location":"","missing":true}],"changes":null,)"
         R"("status":{"known":true,"text":"d.wav is playing on output 1.","outputs":[{"output":1,)"
         R"("playing":true,"file":"/etc/audioclips/d.wav","elapsed":7}],"revision":"1 2"}})");
+}
+
+TEST(CgiData, NamesTheOutputs)
+{
+    CgiNow now;
+    now.is_known = true;
+    now.outputs.resize(3);
+    now.outputs[0].name = "Hall";
+    now.outputs[0].unplugged = true;
+    now.outputs[1].number = 1;
+    now.outputs[1].name = "Küche";
+    now.outputs[1].playing = true;
+    now.outputs[1].file = "/etc/audioclips/d.wav";
+    now.outputs[2].number = 2;
+    EXPECT_EQ(cgi_output_describe(now.outputs[0]), "Hall (output 0, unplugged)");
+    EXPECT_EQ(cgi_output_describe(now.outputs[2]), "output 2");
+    EXPECT_EQ(cgi_data_make_status(now),
+              R"({"known":true,"text":"d.wav is playing on Küche (output 1).","outputs":[)"
+              R"({"output":0,"playing":false,"file":"","name":"Hall","unplugged":true},)"
+              R"({"output":1,"playing":true,"file":"/etc/audioclips/d.wav","name":"Küche"},)"
+              R"({"output":2,"playing":false,"file":""}],"revision":""})");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "cgi_daemon.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <initializer_list>
 #include <sys/stat.h>
@@ -7,6 +8,7 @@
 #include "autoptr.h"
 #include "cgi_bus.h"
 #include "client_clips.h"
+#include "client_devices.h"
 #include "client_error.h"
 #include "client_events.h"
 #include "client_play.h"
@@ -110,22 +112,61 @@ std::string read_revision()
     return revision;
 }
 
+/* Sets the names of the outputs, and adds those of devices that are not plugged in. */
+void add_devices(const GPtrArray *devices, std::vector<CgiOutput> *outputs)
+{
+    for (CgiOutput &output : *outputs) {
+        const ClientDevice *device = client_devices_get(devices, output.number);
+        output.name = device ? client_text_escape(device->name) : "";
+    }
+    for (guint i = 0; devices && i < devices->len; i++) {
+        const auto *device = static_cast<const ClientDevice *>(g_ptr_array_index(devices, i));
+        const auto place =
+            std::ranges::lower_bound(*outputs, device->number, {}, &CgiOutput::number);
+        const bool is_listed = place != outputs->end() && place->number == device->number;
+        if (!device->plugged_in && !is_listed) {
+            CgiOutput output;
+            output.number = device->number;
+            output.name = client_text_escape(device->name);
+            output.unplugged = true;
+            outputs->insert(place, output);
+        }
+    }
+}
+
+/* Lists the devices by name. Without them the outputs have numbers alone, so a service that does
+ * not answer delays the page only a little. */
+GPtrArray *list_devices(sd_bus *bus)
+{
+    client_bus_set_limit(bus, CGI_NAMES_LIMIT);
+    GPtrArray *devices = client_devices_list(bus, nullptr);
+    client_bus_set_limit(bus, CGI_CALL_LIMIT);
+    return devices;
+}
+
 /* Reads what is playing. It stays unknown if the platform publishes no event objects. */
 void read_now(sd_bus *bus, CgiNow *now)
 {
     g_autoptr(GError) error = nullptr;
     g_autoptr(GPtrArray) outputs = client_outputs_list(bus, &error);
-    now->is_known = outputs && outputs->len > 0;
-    for (guint i = 0; outputs && i < outputs->len; i++) {
+    if (!outputs) {
+        return;
+    }
+    g_autoptr(GPtrArray) devices = list_devices(bus);
+    now->is_known = outputs->len > 0 || devices;
+    for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
         now->outputs.push_back({
             .number = output->output,
+            .name = "",
+            .unplugged = false,
             .playing = output->playing,
             .file = output->file_name,
             .title = "",
             .elapsed_ms = measure_elapsed(output->file_since),
         });
     }
+    add_devices(devices, &now->outputs);
 }
 
 /* Lists the clips, without metadata if the daemon fails to read it. */
@@ -203,6 +244,15 @@ CgiOutcome cgi_daemon_read_state(CgiState *state)
     return {};
 }
 
+std::string cgi_output_describe(const CgiOutput &output)
+{
+    const std::string number = "output " + std::to_string(output.number);
+    if (output.name.empty()) {
+        return number;
+    }
+    return output.name + " (" + number + (output.unplugged ? ", unplugged)" : ")");
+}
+
 std::string cgi_now_describe(const CgiNow &now)
 {
     std::string text;
@@ -211,7 +261,7 @@ std::string cgi_now_describe(const CgiNow &now)
             g_autofree char *name = g_path_get_basename(output.file.c_str());
             text += (text.empty() ? "" : " ") +
                     (output.title.empty() ? client_text_escape(name) : output.title) +
-                    " is playing on output " + std::to_string(output.number) + ".";
+                    " is playing on " + cgi_output_describe(output) + ".";
         }
     }
     if (!text.empty()) {

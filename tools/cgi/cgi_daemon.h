@@ -27,8 +27,10 @@ struct CgiClip {
 
 /* An audio output. */
 struct CgiOutput {
-    gint32 number; /* the `audiooutput` of a play request */
-    bool playing;
+    gint32 number;          /* the `audiooutput` of a play request */
+    std::string name;       /* of the device, escaped to be shown; empty if unknown */
+    bool unplugged = false; /* the device is known, but the daemon cannot play on it */
+    bool playing = false;
     std::string file;       /* path of the current or last file; empty if there was none */
     std::string title;      /* what users call the file; empty: the file's name */
     gint64 elapsed_ms = -1; /* for how long the file has been playing; negative if unknown */
@@ -36,8 +38,8 @@ struct CgiOutput {
 
 /* The outputs and what is playing on them. */
 struct CgiNow {
-    bool is_known = false; /* false if the platform publishes no event objects */
-    std::vector<CgiOutput> outputs;
+    bool is_known = false;          /* false if the platform publishes no event objects */
+    std::vector<CgiOutput> outputs; /* sorted by number */
 
     /* Differs if the clips may have changed. Cheaper than listing them: it is made of the times at
      * which the folders of the clips' records and files were changed. Empty if they are not known.
@@ -56,6 +58,10 @@ CgiOutcome cgi_daemon_read_now(CgiNow *now);
 
 /* Reads the content of the page. The daemon probes new clips first, which takes up to 5 s each. */
 CgiOutcome cgi_daemon_read_state(CgiState *state);
+
+/* Returns what users call an output: "Hall (output 1)", "Hall (output 1, unplugged)" or "output 1".
+ */
+std::string cgi_output_describe(const CgiOutput &output);
 
 /* Returns a sentence for users that says what is playing. */
 std::string cgi_now_describe(const CgiNow &now);

@@ -17,6 +17,12 @@ json_t *make_outputs(const CgiNow &now)
     for (const CgiOutput &output : now.outputs) {
         json_t *entry = json_pack("{s:i, s:b, s:s}", "output", output.number, "playing",
                                   output.playing, "file", output.file.c_str());
+        if (!output.name.empty()) {
+            json_object_set_new(entry, "name", json_string(output.name.c_str()));
+        }
+        if (output.unplugged) {
+            json_object_set_new(entry, "unplugged", json_true());
+        }
         if (output.playing && output.elapsed_ms >= 0) {
             json_object_set_new(entry, "elapsed", json_integer(output.elapsed_ms));
         }

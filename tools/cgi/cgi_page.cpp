@@ -75,11 +75,14 @@ CgiValues describe_clip(const CgiClip &clip, const CgiNow &now)
     return values;
 }
 
-CgiValues make_choice(const std::string &value, const std::string &text, bool is_chosen)
+CgiValues make_choice(const std::string &value, const std::string &text, bool is_chosen,
+                      bool is_usable = true)
 {
     CgiValues values;
     values.texts = {{"value", value}, {"text", text}};
-    values.sections = {{"chosen", show_if(is_chosen)}};
+    /* A browser does not send a disabled choice, so the clip would play on the default output. */
+    values.sections = {{"chosen", show_if(is_chosen)},
+                       {"disabled", show_if(!is_usable && !is_chosen)}};
     return values;
 }
 
@@ -87,14 +90,15 @@ std::vector<CgiValues> list_outputs(const CgiRequest &request, const CgiNow &now
 {
     std::vector<CgiValues> choices = {
         make_choice("", "default output", request.output == CLIENT_NOT_GIVEN)};
-    for (gint32 number = 0; number <= CLIENT_MAX_OUTPUT; number++) {
-        bool is_there = !now.is_known;
-        for (const CgiOutput &output : now.outputs) {
-            is_there |= output.number == number;
-        }
-        if (is_there) {
-            const std::string text = std::to_string(number);
-            choices.push_back(make_choice(text, "output " + text, request.output == number));
+    std::vector<CgiOutput> outputs = now.outputs;
+    for (gint32 number = 0; !now.is_known && number <= CLIENT_MAX_OUTPUT; number++) {
+        outputs.emplace_back().number = number;
+    }
+    for (const CgiOutput &output : outputs) {
+        if (output.number <= CLIENT_MAX_OUTPUT) {
+            choices.push_back(make_choice(std::to_string(output.number),
+                                          cgi_output_describe(output),
+                                          request.output == output.number, !output.unplugged));
         }
     }
     return choices;

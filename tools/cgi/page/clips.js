@@ -107,6 +107,7 @@ const takeStatus = (status) => {
 
 const show = () => {
     showPlaying();
+    showOutputs();
     markRows();
     checkMessage();
 };

@@ -8,11 +8,14 @@ const findClip = (file) => state.clips.find((clip) => locationOf(clip) === file)
 const measureElapsed = (output) => output.elapsed === undefined ? -1
     : output.elapsed + performance.now() - state.statusTime;
 
+const nameOutput = (output) => output.name
+    ? `${output.name} (output ${output.output}${output.unplugged ? ", unplugged" : ""})` : `output ${output.output}`;
+
 const describePlaying = (output) => {
     const clip = findClip(output.file);
     const name = clip ? titleOf(clip) : output.file.split("/").pop();
     const isOneOfMany = state.status.outputs.length > 1;
-    return `${name} is playing${isOneOfMany ? ` on output ${output.output}` : ""}.`;
+    return `${name} is playing${isOneOfMany ? ` on ${nameOutput(output)}` : ""}.`;
 };
 
 const showProgress = () => {
@@ -62,6 +65,29 @@ const showOptions = () => {
     setText(get("loud"), volume > 100
         ? "Above 100 % the sound is distorted, and may damage ears and loudspeakers." : "");
     setText(get("options-text"), `volume ${volume} %, ${get("output").value ? `${chosen("output")}, ` : ""}${chosen("repeat")}`);
+};
+
+const MAX_OUTPUT = 5;
+let shownOutputs = ""; /* the texts of the choices, as JSON */
+
+/* Follows outputs that come and go. A chosen one stays, so that no clip plays elsewhere unnoticed. */
+const showOutputs = () => {
+    const list = get("output");
+    const outputs = state.status.outputs.filter((output) => output.output <= MAX_OUTPUT);
+    const texts = JSON.stringify(outputs.map(nameOutput));
+    if (!state.status.known || texts === shownOutputs) {
+        return;
+    }
+    shownOutputs = texts;
+    const chosen = list.selectedOptions[0];
+    const options = outputs.map((output) => new Option(nameOutput(output), output.output));
+    list.replaceChildren(list.options[0], ...options);
+    if (chosen.value && !options.some((option) => option.value === chosen.value)) {
+        list.append(chosen);
+    }
+    list.value = chosen.value;
+    options.forEach((option, i) => option.disabled = Boolean(outputs[i].unplugged) && !option.selected);
+    showOptions();
 };
 
 const setupOptions = () => {
