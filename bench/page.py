@@ -53,6 +53,16 @@ def read_first(path, pattern):
     return found[1].strip() if found else "unknown"
 
 
+def find_commit():
+    """Returns the commit of this tree, or "unknown" if the tree is not a clone or git is missing."""
+    try:
+        result = subprocess.run(["git", "describe", "--always", "--dirty"], cwd=ROOT, text=True,
+                                capture_output=True, check=False)
+    except FileNotFoundError:
+        return "unknown"
+    return result.stdout.strip() or "unknown"
+
+
 def describe_machine():
     system = platform.freedesktop_os_release().get("PRETTY_NAME", "unknown system")
     version = pathlib.Path("/etc/debian_version")
@@ -62,9 +72,7 @@ def describe_machine():
     memory = int(read_first("/proc/meminfo", r"^MemTotal:\s*(\d+)")) / 1024 / 1024
     gstreamer = subprocess.run(["pkg-config", "--modversion", "gstreamer-1.0"], text=True,
                                capture_output=True, check=True).stdout.strip()
-    commit = subprocess.run(["git", "describe", "--always", "--dirty"], cwd=ROOT, text=True,
-                            capture_output=True, check=False).stdout.strip() or "unknown"
-    return (f"Measured on {datetime.date.today()} at commit {commit}: {os.cpu_count()} processors "
+    return (f"Measured on {datetime.date.today()} at commit {find_commit()}: {os.cpu_count()} processors "
             f"({processor}, {platform.machine()}), {memory:.0f} GiB of memory, {system}, Linux "
             f"{platform.release().partition('-')[0]}, GStreamer {gstreamer}, the tests' virtual sound card.")
 

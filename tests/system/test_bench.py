@@ -57,3 +57,11 @@ def test_figures_and_plots_are_written_into_the_page(bench, tmp_path):
     assert "(benchmarks/wildcard.svg)" in text
     plot = xml.etree.ElementTree.parse(tmp_path / "benchmarks/wildcard.svg").getroot()
     assert len(plot.findall("{http://www.w3.org/2000/svg}polyline")) == 2
+
+
+def test_a_machine_without_git_is_described(tmp_path):
+    (tmp_path / "pkg-config").symlink_to(shutil.which("pkg-config"))
+    result = subprocess.run(
+        ["/usr/bin/python3", "-B", "-c", "import page; print(page.describe_machine())"],
+        cwd=ROOT / "bench", env={"PATH": str(tmp_path)}, capture_output=True, text=True, check=False)
+    assert " at commit unknown: " in result.stdout, result.stderr
