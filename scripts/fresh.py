@@ -283,14 +283,16 @@ def boot_machine(suite, step):
     machine = suite.machine
     shutil.rmtree(machine, ignore_errors=True)
     step.run(["cp", "-a", suite.target, machine])
-    step.run(install(machine, "dbus", "python3-gi", "python3-pytest", "systemd-sysv"),
-             env=environment())
     set_card(suite, machine, f"/usr/lib/{CARD_LIBRARY}", "/var/cache/sonobrik/card")
     for folder, source in (("packages", f"{TREE}/build-package"), ("previous", RELEASE)):
         (machine / "root" / folder).mkdir()
         for package in pathlib.Path(f"{suite.builder}{source}").glob("sonobrik*.deb"):
             if not re.search("-(dbgsym|dev)_", package.name):
                 shutil.copy(package, machine / "root" / folder)
+    # The daemon's package is installed already; the pattern matches the packages that need it.
+    step.run(install(machine, "adduser", "dbus", "mosquitto", "python3-gi", "python3-paho-mqtt",
+                     "python3-pytest", "systemd-sysv", "/root/packages/sonobrik-*.deb"),
+             env=environment())
     for part in ("tests/machine", "tests/support", "debian/tests"):
         shutil.copytree(f"{suite.builder}{TREE}/{part}", f"{machine}{TREE}/{part}")
     units = machine / "etc/systemd/system"
@@ -298,9 +300,11 @@ def boot_machine(suite, step):
     (units / "default.target.wants").mkdir(exist_ok=True)
     (units / "default.target.wants/checks.service").symlink_to("../checks.service")
     (machine / "etc/machine-id").write_text("")
-    # The variable is for machines whose own systemd uses the first version of control groups.
+    # With a network of its own, the system's MQTT broker takes no port of this machine. The variable
+    # is for machines whose own systemd uses the first version of control groups.
     command = ["systemd-nspawn", "--quiet", "--register=no", "--keep-unit", "--boot",
-               f"--directory={machine}", "SYSTEMD_CGROUP_ENABLE_LEGACY_FORCE=1"]
+               "--private-network", f"--directory={machine}",
+               "SYSTEMD_CGROUP_ENABLE_LEGACY_FORCE=1"]
     try:
         step.run(["timeout", "--kill-after=30", str(BOOT_DEADLINE), *command])
     finally:
