@@ -27,10 +27,17 @@ def purge():
         env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"})
 
 
+def start_bridge():
+    """Starts the MQTT bridge. It runs without reaching its broker."""
+    pathlib.Path("/etc/vesk/mqtt.conf").write_text("[broker]\nhost=127.0.0.1\ntls=no\n")
+    run("systemctl", "start", BRIDGE.name)
+
+
 def test_purging_leaves_the_clips_alone():
     (RECORDS / "M7.json").write_text("{}")
     assert play()
-    for unit in (DAEMON, AUDIOCONTROL):
+    start_bridge()
+    for unit in (DAEMON, AUDIOCONTROL, BRIDGE):
         assert unit.is_active()
     purge()
     assert CLIP.exists()
@@ -89,8 +96,20 @@ def test_a_failed_reload_of_the_bus_is_reported():
     DAEMON.wait_restarted(old)
 
 
-def test_removing_keeps_the_records():
+def test_an_upgrade_restarts_the_bridge_if_it_runs():
+    package = next(PACKAGES.glob("sonobrik-mqtt_*.deb"))
+    run("dpkg", "-i", package)
+    assert BRIDGE.show("ActiveState") == "inactive"
+    start_bridge()
+    old = BRIDGE.pid
+    run("dpkg", "-i", package)
+    BRIDGE.wait_restarted(old)
+
+
+def test_removing_stops_the_services_and_keeps_the_records():
     run("dpkg", "--remove", "sonobrik-mqtt", "sonobrik-web", "sonobrik")
+    for unit in (DAEMON, AUDIOCONTROL, BRIDGE):
+        assert not unit.is_active()
     assert list(RECORDS.glob("*.json"))
     assert ACCESS.exists()
     run("dpkg", "-i", *PACKAGES.glob("sonobrik*.deb"))
