@@ -372,6 +372,17 @@ TEST_F(AudioClipStart, RefusesAFileThatHasBecomeADevice)
     expect_refusal("No supported file(s) found at '/clips/door.wav'.");
 }
 
+/* Nothing that takes the place of the path later can block the source. */
+TEST_F(AudioClipStart, PinsTheFileOfTheSource)
+{
+    start_playing();
+    g_autoptr(GstElement) source = gst_element_factory_make("filesrc", nullptr);
+    gst_object_ref_sink(source);
+    g_object_set(source, "location", "/proc/self/exe", nullptr);
+    g_signal_emit_by_name(fakes.pipeline, "source-setup", source);
+    EXPECT_TRUE(text_property(source, "location").starts_with("/proc/self/fd/"));
+}
+
 TEST_F(AudioClipStart, RefusesWithoutPlaybin)
 {
     fakes.missing_elements.insert("playbin");
