@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr const char *BUS_NAME = "com.vesk.AudioControl";
+constexpr const char *DAEMON_NAME = "com.vesk.Sonobrik";
 constexpr const char *MANAGER_PATH = "/com/vesk/AudioControl";
 constexpr const char *DEVICE_INTERFACE = "com.vesk.AudioControl.Device";
 constexpr const char *OUTPUTS_INTERFACE = "com.vesk.AudioControl.Outputs";
@@ -250,6 +251,11 @@ int control_bus_publish(sd_bus *bus, ControlPicture *picture)
 int control_bus_take_name(sd_bus *bus)
 {
     return sd_bus_request_name(bus, BUS_NAME, 0);
+}
+
+bool control_bus_has_daemon(sd_bus *bus)
+{
+    return sd_bus_get_name_creds(bus, DAEMON_NAME, 0, nullptr) >= 0;
 }
 
 void control_bus_change(sd_bus *bus, ControlPicture *picture, ControlPicture next)

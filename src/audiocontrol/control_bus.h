@@ -30,6 +30,9 @@ int control_bus_publish(sd_bus *bus, ControlPicture *picture);
 /* Requests the name of the service. Returns 0 or a negative errno. */
 int control_bus_take_name(sd_bus *bus);
 
+/* Returns true if the daemon is running. Waits for the bus's answer. */
+bool control_bus_has_daemon(sd_bus *bus);
+
 /*
  * Makes `*picture` equal to `next` and sends the signals of what changed: InterfacesRemoved and
  * InterfacesAdded for each device that came or went, or whose outputs have other numbers, and

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <glib.h>
 #include <libudev.h>
+#include <optional>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <systemd/sd-bus.h>
@@ -119,12 +120,11 @@ void write_state(Service *service, const DeviceTable &table)
     if (text == service->state_text) {
         return;
     }
+    service->state_text = text;
     if (!util_write_file_synced(service->files->state.c_str(), text.data(), text.size(),
                                 FILE_MODE)) {
         g_warning("%sCannot write %s: %s", "", service->files->state.c_str(), g_strerror(errno));
-        return;
     }
-    service->state_text = text;
 }
 
 /* Returns false if the file cannot be written: the daemon would not find the devices. */
@@ -180,33 +180,58 @@ void read_overrides(Service *service, ControlPicture *picture)
                                              {service->files->alsa, service->files->default_alsa});
 }
 
+/*
+ * Returns the picture that the daemon has before the first picture is published, or nothing if the
+ * daemon does not run, as at boot. It must learn what differs.
+ */
+std::optional<ControlPicture> find_known_picture(Service *service, const ControlPicture &next,
+                                                 bool had_alsa_file)
+{
+    if (!had_alsa_file) {
+        /* A daemon that was started before the service has the definitions that are shipped. */
+        return control_bus_has_daemon(service->bus) ? std::optional<ControlPicture>(std::in_place)
+                                                    : std::nullopt;
+    }
+    ControlPicture known = service->picture;
+    /* The outputs are not remembered; a device that stayed is taken to have the same ones. */
+    for (Device &device : known.devices) {
+        const Device *same = device_table_find(next.devices, device.number);
+        if (device.plugged_in && same && same->plugged_in) {
+            device.outputs = same->outputs;
+        }
+    }
+    return known;
+}
+
+/* Sends the signals of what changed, and remembers the devices. */
+void announce(Service *service, ControlPicture next)
+{
+    control_bus_change(service->bus, &service->picture, std::move(next));
+    /* A service that ends before the state is written sends them again after its restart. */
+    sd_bus_flush(service->bus);
+    write_state(service, service->picture.devices);
+}
+
 /* Publishes the first picture and takes the name. Returns 0 or a negative errno. */
 int publish(Service *service, ControlPicture next, bool had_alsa_file)
 {
-    /*
-     * At the first start after a boot nobody knows a picture, so no signal is sent. When the
-     * service restarts, the daemon still has the picture of before; it must learn what changed.
-     */
-    ControlPicture known = had_alsa_file ? service->picture : next;
-    if (had_alsa_file) {
-        /* The outputs are not remembered; a device that stayed is taken to have the same ones. */
-        for (Device &device : known.devices) {
-            const Device *same = device_table_find(next.devices, device.number);
-            if (device.plugged_in && same && same->plugged_in) {
-                device.outputs = same->outputs;
-            }
-        }
+    std::optional<ControlPicture> known = find_known_picture(service, next, had_alsa_file);
+    if (!known) {
+        write_state(service, next.devices);
+        known = next;
     }
-    service->picture = std::move(known);
+    service->picture = *std::move(known);
     int r = control_bus_publish(service->bus, &service->picture);
     if (r >= 0) {
         r = control_bus_take_name(service->bus);
     }
     if (r < 0) {
+        log_error("%sCannot serve com.vesk.AudioControl: %s", "",
+                  r == -EEXIST ? "another program owns the name" : g_strerror(-r));
         return r;
     }
     service->is_published = true;
-    control_bus_change(service->bus, &service->picture, std::move(next));
+    announce(service, std::move(next));
     sd_notify(0, "READY=1");
     return 0;
 }
@@ -221,30 +246,14 @@ int refresh(Service *service, const std::vector<SoundCard> &cards)
     if (!write_alsa(service, next.devices)) {
         return -EIO;
     }
-    /* The first picture after a boot comes without signals; see publish(). */
-    const bool has_signals = service->is_published || had_alsa_file;
-    if (!has_signals) {
-        write_state(service, next.devices);
-    }
-    if (service->is_published) {
-        if (next.devices != service->picture.devices) {
-            log_change(service->picture.devices, next.devices);
-        }
-        control_bus_change(service->bus, &service->picture, std::move(next));
-    } else {
+    if (!service->is_published) {
         log_change({}, next.devices);
-        const int r = publish(service, std::move(next), had_alsa_file);
-        if (r < 0) {
-            log_error("%sCannot serve com.vesk.AudioControl: %s", "",
-                      r == -EEXIST ? "another program owns the name" : g_strerror(-r));
-            return r;
-        }
+        return publish(service, std::move(next), had_alsa_file);
     }
-    if (has_signals) {
-        /* A service that ends before this line sends the signals again after its restart. */
-        sd_bus_flush(service->bus);
-        write_state(service, service->picture.devices);
+    if (next.devices != service->picture.devices) {
+        log_change(service->picture.devices, next.devices);
     }
+    announce(service, std::move(next));
     return 0;
 }
 

@@ -213,7 +213,7 @@ def test_a_state_that_cannot_be_written_is_a_warning(cards):
     cards.start()
     assert cards.read_devices() == {0: "Mocked card"}
     assert [text.partition(": ")[0] for text in cards.service.texts] == [
-        "warning", "warning", "info"]
+        "warning", "info", "warning"]
 
 
 # Udev

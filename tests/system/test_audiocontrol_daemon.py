@@ -119,6 +119,31 @@ def test_a_card_that_flaps_restarts_the_daemon_once(sandbox, cards, start):
     assert seen.seen == [("InterfacesAdded", 1), ("InterfacesAdded", 2)]
 
 
+def test_a_daemon_that_was_started_first_learns_the_cards(sandbox, cards):
+    cards._make_folder("0")
+    sandbox.start_daemon(is_supervised=True)
+    owner = sandbox.bus.get_owner(DAEMON)
+    cards.add(0, "First")
+    cards.add(1, "Second")
+    cards.start()
+    wait_for_restart(sandbox, owner)
+    assert read_outputs(sandbox.bus) == [(0, 0), (1, 0)]
+
+
+def test_a_service_that_was_stopped_tells_all_cards(sandbox, cards, start):
+    cards.add(0, "First")
+    cards.add(1, "Second")
+    start()
+    owner = sandbox.bus.get_owner(DAEMON)
+    assert cards.service.stop() == 0
+    cards.alsa.unlink()  # as systemd does
+    cards.remove(1)
+    cards.add(2, "Third")
+    cards.start()
+    wait_for_restart(sandbox, owner)
+    assert read_outputs(sandbox.bus) == [(0, 0), (2, 0)]
+
+
 REFUSAL = "Failed to parse/validate option string: '{}'"
 
 
