@@ -5,8 +5,8 @@
 #include <glib.h>
 
 /*
- * How many bytes of clips one message may carry. dbus-daemon disconnects the sender of a message of
- * more than 32 MiB; half of that leaves room for the rest of the message.
+ * The maximum number of bytes of clips in one message. dbus-daemon disconnects the sender of a
+ * message of more than 32 MiB; half of that leaves room for the rest of the message.
  */
 inline constexpr size_t BUS_BUDGET = size_t{16} * 1024 * 1024;
 

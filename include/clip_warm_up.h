@@ -7,8 +7,8 @@
 
 /*
  * Starts loading, one element per turn of the default main context, whenever nothing else is due.
- * Call it after gst_init(). A plugin that is not installed is skipped without a log line; a request
- * that needs one that is not loaded yet loads it as before.
+ * Call it after gst_init(). Skips a plugin that is not installed, without a log line. A request
+ * that needs a plugin before it is loaded here loads it itself.
  */
 void clip_warm_up_start();
 

@@ -23,14 +23,14 @@ struct discover_media_metadata {
 discover_media_metadata *discover_media_get_metadata(const char *path);
 
 /*
- * Returns an empty memory for the results of one request, with which a file that several records
- * share is inspected once. Free it with g_hash_table_unref().
+ * Returns an empty table that remembers the results of one request, so that a file that several
+ * records share is inspected once. Free it with g_hash_table_unref().
  */
 GHashTable *discover_media_memo_new();
 
 /*
- * Does the same as discover_media_get_metadata(), but inspects no path that `memo` knows, and adds
- * the others to it. A file that could not be described is known too. `memo` may be null.
+ * Does the same as discover_media_get_metadata(), but takes the result from `memo` if the path is
+ * in it, and adds it otherwise. Failures are remembered too. `memo` may be null.
  */
 discover_media_metadata *discover_media_get_metadata_once(const char *path, GHashTable *memo);
 

@@ -9,8 +9,9 @@
 #include <glib.h>
 
 /*
- * Returns a new list of the items, in their order. Older GLibs keep the memory of list elements;
- * made in one go, those of a long list lie together and do not keep the memory between them too.
+ * Returns a new list of the items, in their order. Creates all elements at once: GLib before 2.76
+ * never frees the memory of list elements, and elements that lie between other allocations would
+ * keep the memory around them from being returned to the system.
  */
 GSList *file_utils_make_list(GPtrArray *items);
 

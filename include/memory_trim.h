@@ -1,10 +1,10 @@
 #pragma once
 
-/* Returns freed memory to the system. Main thread only. */
+/* Returns free memory to the system. Main thread only. */
 
 /*
- * Returns the memory that is free by then to the system, 10 s after the first of several calls.
- * Call it after work that needed much memory for a moment: the C library keeps freed memory as long
- * as something in use lies behind it. Does nothing with a C library that cannot return it.
+ * Makes the main loop return free memory to the system after 10 s; further calls until then have no
+ * effect. Call it after work that needed much memory for a moment: the C library keeps freed memory
+ * as long as something behind it is in use. Does nothing with a C library other than glibc.
  */
 void memory_trim_later();

@@ -100,7 +100,7 @@ int sonobrik_dbus_method_answer(sd_bus_message *message, sd_bus_error *ret_error
     return sonobrik_dbus_method_return_code(&state);
 }
 
-/* Does the same for a method that logs nothing after its reply. */
+/* Does the same for a method that logs nothing after the reply is sent. */
 template <typename Work>
 int sonobrik_dbus_method_answer(sd_bus_message *message, sd_bus_error *ret_error,
                                 const char *error_name, const char *initial_error, Work work)

@@ -3,7 +3,7 @@
 namespace
 {
 
-/* 50 clips a second. A chain of clips without samples would take a whole processor otherwise. */
+/* 50 clips a second. Without it, a chain of clips without samples would use a whole processor. */
 constexpr gint64 MIN_INTERVAL = G_TIME_SPAN_SECOND / 50;
 constexpr gint64 CLOSE_TIMEOUT = 500 * G_TIME_SPAN_MILLISECOND;
 

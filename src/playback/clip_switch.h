@@ -22,7 +22,7 @@ struct ClipSwitch {
 
 void clip_switch_init(ClipSwitch *clip_switch);
 
-/* No other thread may use the switch any more. */
+/* Frees the lock. No other thread may use the switch any more. */
 void clip_switch_clear(ClipSwitch *clip_switch);
 
 /* Allows switches, for a pipeline that starts to play now. */
@@ -30,7 +30,7 @@ void clip_switch_open(ClipSwitch *clip_switch);
 
 /*
  * Begins a switch. Blocks until the chain may switch again, up to 20 ms. Returns false at once if
- * the switch is closed, also when that happens while it waits. Called on a streaming thread.
+ * the switch is closed, even if that happens while it waits. Called on a streaming thread.
  */
 bool clip_switch_begin(ClipSwitch *clip_switch);
 
@@ -38,7 +38,7 @@ bool clip_switch_begin(ClipSwitch *clip_switch);
 void clip_switch_end(ClipSwitch *clip_switch);
 
 /*
- * Lets no further switch begin. If one has begun, waits for its end, up to 500 ms: playbin may fail
- * to set up the next clip.
+ * Prevents further switches. If one has begun, waits until it ends, for at most 500 ms: if playbin
+ * fails to set up the next clip, the switch never ends.
  */
 void clip_switch_close(ClipSwitch *clip_switch);

@@ -35,7 +35,7 @@ void load_element(const char *name)
     }
 }
 
-/* The functions that recognise formats; their plugin has no element. */
+/* Loads the functions that recognise formats. Their plugin has no element to create. */
 void load_type_finders(const char *plugin_name)
 {
     GstPlugin *plugin = gst_plugin_load_by_name(plugin_name);
@@ -47,7 +47,7 @@ void load_discoverer(const char *)
     g_type_class_ref(GST_TYPE_DISCOVERER);
 }
 
-/* GStreamer parses the caps of all decoders when a decoder is first searched, and keeps them. */
+/* The first search for a decoder makes GStreamer parse the caps of all decoders, which it keeps. */
 void parse_caps(const char *media_type)
 {
     GList *factories = gst_element_factory_list_get_elements(GST_ELEMENT_FACTORY_TYPE_DECODABLE,
@@ -58,7 +58,7 @@ void parse_caps(const char *media_type)
     gst_plugin_feature_list_free(factories);
 }
 
-/* The first resampler of the process sets up the library that makes the loops of all of them. */
+/* The first resampler of the process sets up ORC, the library whose loops all resamplers use. */
 void set_up_resampling(const char *)
 {
     gst_audio_resampler_free(
@@ -72,8 +72,8 @@ struct Step {
 };
 
 /*
- * What the discoverer and the player put together for a WAV file, then what the other formats add.
- * Each step takes about 1 ms at most.
+ * The elements that the discoverer and the player use for a WAV file, then those that the other
+ * formats need. Each step takes about 1 ms at most.
  */
 constexpr Step steps[] = {
     {load_element, "uridecodebin"},

@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-/* The C library's headers say which one it is. */
+/* Any header of glibc defines __GLIBC__. Only glibc has malloc_trim(). */
 #ifdef __GLIBC__
 
 #include <glib.h>
@@ -11,7 +11,7 @@
 namespace
 {
 
-constexpr guint DELAY_S = 10; /* long enough for the reply to leave, and for more such requests */
+constexpr guint DELAY_S = 10; /* the reply is sent first, and similar requests share one trim */
 
 guint timer_id;
 
