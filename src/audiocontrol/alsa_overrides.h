@@ -13,6 +13,6 @@
  * replaces it without the service. Stores the files in `*files`.
  *
  * The files are parsed one by one and their hooks do not run, so a mistake in one of them hides
- * only the names in that file. What is wrong with them is not logged: the daemon does that.
+ * only the names in that file. Mistakes are not logged here: the daemon logs them.
  */
 std::set<std::string> alsa_overrides_find(AlsaFiles *files, const std::set<std::string> &own_files);

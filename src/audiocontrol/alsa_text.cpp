@@ -16,8 +16,9 @@ bool is_plain(char c)
 }
 
 /*
- * Returns how ALSA finds the card. Its id says more to a reader than its number, but ALSA takes an
- * id of digits for a number, and other characters end an argument of a PCM's name.
+ * Returns the id of the card, or its number if ALSA would misread the id: ALSA takes an id of
+ * digits for a number, and some characters end an argument of a PCM's name. The id is preferred
+ * because it tells a reader of the file which card it is.
  */
 std::string find_card(const Device &device)
 {

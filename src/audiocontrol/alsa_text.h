@@ -7,9 +7,9 @@
 #include "device_table.h"
 
 /*
- * Returns the text of the ALSA file: for each device N that is plugged in "audiosinkN", which is
- * its output 0, and "deviceN_outputO" for each output. A definition that exists when the file is
- * loaded stays, so those of the administrator take precedence.
+ * Returns the text of the ALSA file: for each device N that is plugged in, "audiosinkN", which is
+ * its output 0, and "deviceN_outputO" for each output. The definitions do not replace those that
+ * exist when the file is loaded, so those of the administrator take precedence.
  *
  * The text contains nothing that a card chooses itself, except for an id of letters and digits.
  */

@@ -37,7 +37,7 @@ std::string make_text(const char *text)
     return text ? text : "";
 }
 
-/* Returns the content of a file below /proc, which may be gone. */
+/* Returns the content of a file under /proc; empty if it no longer exists. */
 std::string read_text(const std::string &path)
 {
     std::string text;
@@ -57,7 +57,7 @@ void read_card(udev_device *device, SoundCardFacts *facts)
         udev_device_get_parent_with_subsystem_devtype(device, "usb", nullptr) != nullptr;
 }
 
-/* Adds what udev tells of a card or a PCM. Returns false for a card that udev has not examined. */
+/* Adds what udev knows about a card or a PCM. Returns false for a card that udev has not examined. */
 bool read_device(udev_device *device, std::map<int, SoundCardFacts> *cards)
 {
     const std::string name = make_text(udev_device_get_sysname(device));
@@ -82,7 +82,7 @@ CardScan *card_scan_new()
 {
     auto *scan = g_new0(CardScan, 1);
     scan->context = udev_new();
-    /* Without udev, the kernel's own events say as much as is known. */
+    /* Without udev, only the kernel sends events. */
     const char *source = access(UDEV_CONTROL, F_OK) == 0 ? "udev" : "kernel";
     int status = scan->context ? 0 : -errno;
     if (scan->context) {
@@ -123,7 +123,7 @@ bool card_scan_take_events(CardScan *scan)
     for (;;) {
         errno = 0;
         g_autoptr(udev_device) device = udev_monitor_receive_device(scan->monitor);
-        /* ENOBUFS means that events were lost. What they told is found by reading the cards. */
+        /* ENOBUFS means that events were lost, which does no harm: all cards are read again. */
         if (!device && errno != ENOBUFS && errno != EINTR) {
             return happened;
         }
@@ -146,7 +146,7 @@ int card_scan_read(CardScan *scan, std::vector<SoundCard> *cards, bool *is_compl
     {
         g_autoptr(udev_device) device =
             udev_device_new_from_syspath(scan->context, udev_list_entry_get_name(entry));
-        /* It may have gone since the list was made. */
+        /* The device may have been removed since the list was made. */
         if (device && !read_device(device, &facts)) {
             *is_complete = false;
         }

@@ -15,7 +15,7 @@ void card_scan_free(CardScan *scan);
 /* Returns a descriptor that becomes readable when a card may have changed. */
 int card_scan_get_fd(const CardScan *scan);
 
-/* Takes all that the descriptor holds. Returns true if anything happened to a sound card. */
+/* Reads all events that are waiting. Returns true if one of them was about a sound card. */
 bool card_scan_take_events(CardScan *scan);
 
 /*

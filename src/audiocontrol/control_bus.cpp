@@ -135,13 +135,14 @@ void warn_of_signal(int r)
     }
 }
 
-/* What the daemon's view of a device depends on. */
+/* Returns true if the daemon must learn of the change, because it plays on other outputs then. */
 bool has_other_outputs(const Device &before, const Device &after)
 {
     return before.plugged_in != after.plugged_in || before.outputs.size() != after.outputs.size();
 }
 
-/* The interfaces of a device that come or go between `one` and `other`, which may be null. */
+/* Returns the interfaces that `one` has and `other` does not, or whose outputs differ. Either may
+ * be null. */
 std::vector<const char *> list_interfaces(const Device *one, const Device *other)
 {
     std::vector<const char *> names;

@@ -1,12 +1,12 @@
 #pragma once
 
 /*
- * The service on the bus: an object manager at "/com/vesk/AudioControl" and below it one object for
- * each known device, "/com/vesk/AudioControl/NUMBER".
+ * The service on the bus: an object manager at "/com/vesk/AudioControl" and, under it, one object
+ * for each known device, "/com/vesk/AudioControl/NUMBER".
  *
  * Each object has the interface "com.vesk.AudioControl.Device". While the device is plugged in it
  * also has "com.vesk.AudioControl.Outputs", so the signals InterfacesAdded and InterfacesRemoved
- * tell that a device came or went.
+ * announce that a device was plugged in or unplugged.
  */
 
 #include <set>
@@ -35,8 +35,8 @@ bool control_bus_has_daemon(sd_bus *bus);
 
 /*
  * Makes `*picture` equal to `next` and sends the signals of what changed: InterfacesRemoved and
- * InterfacesAdded for each device that came or went, or whose outputs have other numbers, and
- * PropertiesChanged for the rest.
+ * InterfacesAdded for each device that was added or removed, or whose number of outputs changed,
+ * and PropertiesChanged for the rest.
  */
 void control_bus_change(sd_bus *bus, ControlPicture *picture, ControlPicture next);
 

@@ -124,7 +124,7 @@ std::string read_line(std::string_view line, ControlConf *conf)
     return line.starts_with('[') ? read_section(line, conf) : read_key(line, conf);
 }
 
-/* Sets what `target` leaves open. */
+/* Sets the values that `target` does not have yet. */
 void add_rule(const ControlRule &rule, ControlRule *target)
 {
     target->number = target->number ? target->number : rule.number;

@@ -12,7 +12,7 @@
 /* Numbers of devices are 0 to this. */
 inline constexpr int CONTROL_CONF_MAX_NUMBER = 999;
 
-/* What a card is recognised by, the most reliable first. */
+/* The identifiers that recognise a card, the most reliable first. */
 enum ControlMatch { CONTROL_MATCH_SERIAL, CONTROL_MATCH_PATH, CONTROL_MATCH_CARD };
 
 /* A section of the file. */
@@ -33,8 +33,8 @@ using ControlConf = std::vector<ControlRule>;
 bool control_conf_parse(std::string_view text, ControlConf *conf, std::string *mistake);
 
 /*
- * Returns what the file says of the card with these identifiers. If several sections match, a key
- * of the most reliable one counts.
+ * Returns the settings of the card with these identifiers. If several sections match and have the
+ * same key, the one with the most reliable identifier counts.
  */
 ControlRule control_conf_find(const ControlConf &conf, const std::string &serial,
                               const std::string &path, const std::string &card_id);

@@ -31,13 +31,13 @@ namespace
 
 constexpr uint64_t MSEC = 1000;
 
-/* How long nothing may happen to a card before the cards are read. */
+/* For how long no event of a card may arrive before the cards are read. */
 constexpr uint64_t QUIET_USEC = 500 * MSEC;
 
 /* How long udev may take to examine the first cards. */
 constexpr int MAX_UDEV_WAITS = 20; /* times QUIET_USEC */
 
-/* When a card that comes and goes all the time is logged. */
+/* How long cards may keep coming and going before that is logged. */
 constexpr uint64_t UNREST_USEC = 10'000 * MSEC;
 
 constexpr mode_t FILE_MODE = 0644;
@@ -49,10 +49,10 @@ struct Service {
     sd_bus *bus;
     CardScan *scan;
     sd_event_source *quiet_timer;
-    ControlPicture picture; /* on the bus; before that, what the last run left */
+    ControlPicture picture; /* on the bus; before it is published, that of the last run */
     bool is_published;
     int udev_waits;
-    uint64_t unrest_since; /* when the first event after the last quiet came; 0 if it is quiet */
+    uint64_t unrest_since; /* time of the first event since the cards were last read; 0 if none */
     bool unrest_logged;
     bool has_failed; /* and logged the reason */
     ConfigFileStamp conf_stamp;
@@ -127,7 +127,7 @@ void write_state(Service *service, const DeviceTable &table)
     }
 }
 
-/* Returns false if the file cannot be written: the daemon would not find the devices. */
+/* Returns false if the file cannot be written. The daemon would then not find the devices. */
 bool write_alsa(Service *service, const DeviceTable &table)
 {
     const std::string text = alsa_text_make(table);
@@ -173,7 +173,7 @@ void log_change(const DeviceTable &before, const DeviceTable &after)
     }
 }
 
-/* Reads the files of the ALSA configuration for what the administrator defines there. */
+/* Finds the outputs that the administrator defines in the ALSA configuration. */
 void read_overrides(Service *service, ControlPicture *picture)
 {
     picture->overrides = alsa_overrides_find(&service->alsa_files,
@@ -193,7 +193,7 @@ std::optional<ControlPicture> find_known_picture(Service *service, const Control
                                                     : std::nullopt;
     }
     ControlPicture known = service->picture;
-    /* The outputs are not remembered; a device that stayed is taken to have the same ones. */
+    /* The file does not contain the outputs, so a device that stayed counts as unchanged. */
     for (Device &device : known.devices) {
         const Device *same = device_table_find(next.devices, device.number);
         if (device.plugged_in && same && same->plugged_in) {
@@ -263,7 +263,7 @@ void wait_for_quiet(Service *service)
     sd_event_source_set_enabled(service->quiet_timer, SD_EVENT_ONESHOT);
 }
 
-/* Starts the wait again, because something happened. */
+/* Restarts the wait, because an event has arrived. */
 void note_unrest(Service *service)
 {
     const uint64_t now = get_time();
@@ -360,8 +360,8 @@ int handle_signal(sd_event_source *, const struct signalfd_siginfo *, void *data
     return end(static_cast<Service *>(data), EXIT_SUCCESS);
 }
 
-/* Watches the folder of a file that an administrator may edit. Without it, nothing is missed but
- * the edit, which then counts from the next event on. */
+/* Watches the folder of a file that an administrator may edit. If it cannot be watched, an edit
+ * takes effect with the next event of a card. */
 void watch_folder(Service *service, const char *path)
 {
     /* IN_ATTRIB: a file that was not readable may have become so. */

@@ -7,7 +7,7 @@
 
 #include "device_table.h"
 
-/* Returns the content of the file for this table; free of what is not remembered. */
+/* Returns the content of the file for this table, without the fields that are not remembered. */
 std::string device_state_format(const DeviceTable &table);
 
 /*

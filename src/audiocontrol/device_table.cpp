@@ -33,7 +33,7 @@ constexpr bool (*RECOGNITIONS[])(const Device &device, const SoundCard &card) = 
     [](const Device &device, const SoundCard &card) {
         return device.serial.empty() && card.serial.empty() && is_same(device.path, card.path);
     },
-    /* Also a card that udev had not examined when it was first seen. */
+    /* This also finds a card that udev had not examined when the card was first seen. */
     [](const Device &device, const SoundCard &card) {
         return device.serial.empty() && device.path.empty() && is_same(device.card_id, card.id);
     },
@@ -76,7 +76,7 @@ std::vector<const SoundCard *> select_cards(const std::vector<SoundCard> &cards,
     return selected;
 }
 
-/* Returns the card of each device, or null. Removes the cards that were found from `*cards`. */
+/* Returns the card of each device, or null. Removes the cards that it has found from `*cards`. */
 std::vector<const SoundCard *> recognise(const DeviceTable &table,
                                          std::vector<const SoundCard *> *cards)
 {
@@ -97,7 +97,7 @@ std::vector<const SoundCard *> recognise(const DeviceTable &table,
 
 void plug_in(Device *device, const SoundCard &card)
 {
-    /* A card whose path is known now must not lose it when udev is slow another time. */
+    /* If udev has not examined the card yet, keeps the identifiers that are known from before. */
     device->serial = card.serial.empty() ? device->serial : card.serial;
     device->path = card.path.empty() ? device->path : card.path;
     device->card_id = card.id;
@@ -116,7 +116,7 @@ void forget_left_out(DeviceTable *table, const ControlConf &conf)
     });
 }
 
-/* Gives the devices their names and numbers. Those that are to get a new number have none. */
+/* Gives the devices their names and numbers. A device with NO_NUMBER gets a new number. */
 void assign_numbers(DeviceTable *table, const ControlConf &conf)
 {
     std::set<int> taken;

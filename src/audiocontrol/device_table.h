@@ -1,8 +1,8 @@
 #pragma once
 
 /*
- * The audio devices: each sound card that was ever seen, with its number. The table is the memory
- * of the service, and what it serves on the bus.
+ * The audio devices: each sound card that was ever seen, with its number. The service stores the
+ * table in a file and serves it on the bus.
  */
 
 #include <string>
@@ -22,7 +22,7 @@ struct Device {
     std::string card_id;
     std::string card_name;
     /* Not remembered. */
-    std::string name;                 /* for people: of the configuration, else the card's */
+    std::string name;                 /* for users: that of the configuration, else the card's */
     bool plugged_in;                  /* the rest is valid only while it is plugged in */
     int card_index;                   /* the kernel's number of the card */
     std::vector<SoundOutput> outputs; /* output N is element N */
@@ -35,12 +35,12 @@ using DeviceTable = std::vector<Device>;
 
 /*
  * Updates the table for the cards that are plugged in now. Cards without a playback PCM, those
- * without any identifier and those that the configuration leaves out are no devices. A card is
- * recognised by its serial number, else by its path, else by its id. New cards get the lowest free numbers: built-in cards before USB,
- * and HDMI last.
+ * without any identifier and those that the configuration leaves out do not become devices. A card
+ * is recognised by its serial number, else by its path, else by its id. New cards get the lowest
+ * free numbers: built-in cards before USB, and HDMI last.
  *
- * A number of the configuration belongs to its device even while that is not plugged in; a device
- * that has such a number by chance gets another one.
+ * A number in the configuration is reserved for its device even while that is not plugged in.
+ * Another device that has this number gets a new one.
  */
 void device_table_update(DeviceTable *table, const std::vector<SoundCard> &cards,
                          const ControlConf &conf);

@@ -7,7 +7,7 @@
 namespace
 {
 
-/* Returns the folder that systemd made for the service, or the same one without systemd. */
+/* Returns the folder that systemd made for the service, or `otherwise` without systemd. */
 std::string find_folder(const char *variable, const char *otherwise)
 {
     const char *folder = getenv(variable);

@@ -1,6 +1,6 @@
 #pragma once
 
-/* A sound card that is plugged in, as far as audio devices are made of it. */
+/* A sound card that is plugged in, with what an audio device needs to know of it. */
 
 #include <map>
 #include <string>
@@ -33,7 +33,7 @@ struct SoundCard {
     std::vector<SoundOutput> outputs; /* by ascending `pcm` */
 };
 
-/* What udev and the kernel tell of a card. The texts are those of the hardware. */
+/* What udev and the kernel know about a card. The texts are those of the hardware, not cleaned. */
 struct SoundCardFacts {
     int index;
     std::map<std::string, std::string> properties; /* of udev */

@@ -51,8 +51,8 @@ void publish_discovery(MqttBridge *bridge)
     }
 }
 
-/* Publishes what is known and has changed. Until the daemon has answered, what the broker has from
- * the last time is better. */
+/* Publishes what is known and has changed. Until the daemon has answered, the broker keeps the
+ * messages of the last time, which tell more than empty ones. */
 void publish_all(MqttBridge *bridge)
 {
     if (!mqtt_client_is_connected(bridge->client)) {
@@ -73,7 +73,8 @@ void publish_all(MqttBridge *bridge)
     publish_discovery(bridge);
 }
 
-/* It contains the estimate of the clock's error, so it is published only for a reason. */
+/* Publishes "info" even if nothing has changed in it. publish_all() leaves it out, because it
+ * contains the estimate of the clock's error and would differ each time. */
 void publish_info(MqttBridge *bridge)
 {
     bridge->published.info.clear();
@@ -94,7 +95,7 @@ void write_alive(MqttBridge *bridge)
     }
 }
 
-/* Opens the file of the time of the last packet, and reads it. */
+/* Opens and reads the file with the time of the last packet. */
 void open_alive(MqttBridge *bridge, const std::string &path)
 {
     constexpr size_t MAX_TEXT = 32;
@@ -105,7 +106,7 @@ void open_alive(MqttBridge *bridge, const std::string &path)
         mqtt_log(LOG_WARNING, "cannot open %s: %s", path.c_str(), g_strerror(errno));
     } else if (pread(bridge->alive_fd, text, sizeof(text) - 1, 0) > 0) {
         const gint64 time = g_ascii_strtoll(text, nullptr, 10);
-        /* A time of an earlier boot can be in the future. */
+        /* Times count from the boot, so a time from an earlier boot can be in the future. */
         bridge->alive = time > 0 && time <= mqtt_clock_boot() ? time : MQTT_UNKNOWN;
     }
 }
@@ -245,7 +246,8 @@ void save(MqttBridge *bridge)
     }
 }
 
-/* Runs after each dispatch. The order matters: what is acknowledged is saved before. */
+/* Runs after each dispatch. Saves the store first, because mqtt_client_flush() acknowledges the
+ * commands in it. */
 int on_post(sd_event_source *, void *data)
 {
     auto *bridge = static_cast<MqttBridge *>(data);

@@ -20,6 +20,6 @@ struct MqttBridge;
 MqttBridge *mqtt_bridge_new(sd_event *event, const MqttConf *conf, const MqttFolders &folders,
                             const std::string &password, std::string *why);
 
-/* Takes leave of the broker and saves what must not be forgotten. Returns false, and frees
- * nothing, if the program has to end with _exit(); see mqtt_client_free(). */
+/* Disconnects from the broker and saves the store. Returns false, and frees nothing, if the program
+ * has to end with _exit(); see mqtt_client_free(). */
 bool mqtt_bridge_free(MqttBridge *bridge);

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The bridge's memory, which mqtt_bridge.cpp and mqtt_jobs.cpp share. */
+/* The bridge's data, which mqtt_bridge.cpp and mqtt_jobs.cpp share. */
 
 #include <deque>
 #include <glib.h>
@@ -53,7 +53,8 @@ struct MqttBridge {
     std::deque<MqttKept> kept; /* answers for the next connection */
     MqttLogLimit refusals;
 
-    /* The broker sends what came while the node was away, then the node's own mark. */
+    /* After a connection, the broker sends the messages of the time while the node was away, then
+     * the node's own "online" with its mark. */
     bool is_catching_up;
     gint64 connected;     /* time since the boot */
     gint64 away;          /* for how long the node may have been away, or MQTT_UNKNOWN */

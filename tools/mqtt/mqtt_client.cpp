@@ -19,8 +19,8 @@
 namespace
 {
 
-/* The broker may send larger packets to nobody. The limit is above that of payloads, so that the
- * node can answer what is too large, up to here. */
+/* The largest packet that the broker may send to this client. It is larger than the limit for
+ * payloads, so that the node receives such a command and can refuse it. */
 constexpr guint32 MAX_PACKET = 1'048'576;
 
 /* How many packets are read before other events get their turn. */
@@ -29,8 +29,8 @@ constexpr int MAX_READS = 64;
 /* How often libmosquitto checks the keepalive, in microseconds. */
 constexpr guint64 MISC_INTERVAL = 1'000'000;
 
-/* A connection that lasts so long makes the next pause a short one. It is longer than two clients
- * with one identifier leave each other. In microseconds. */
+/* After a connection that lasted this long, in microseconds, the next pause is a short one. Two
+ * clients with the same identifier disconnect each other sooner, so their pauses grow. */
 constexpr guint64 STABLE_TIME = 10'000'000;
 
 constexpr gint64 LEAVE_TIME = 1000; /* milliseconds */
@@ -77,10 +77,11 @@ sd_event_source *drop(sd_event_source **source)
     return *source = sd_event_source_disable_unref(*source);
 }
 
-/* Called from libmosquitto or after a call of it. Does nothing if the loss is known. */
+/* Reconnects later. Does nothing if the loss is already known. Called from libmosquitto's handlers
+ * and after calls of it. */
 void note_loss(MqttClient *client)
 {
-    /* Its descriptor is closed already, and must not be reused before this. */
+    /* The descriptor is closed already; its source must go before another file gets its number. */
     drop(&client->io);
     if (client->state != OPENED && client->state != CONNECTED) {
         return;
@@ -102,7 +103,7 @@ void note_if_lost(MqttClient *client)
 void on_log(mosquitto *, void *data, int level, const char *text)
 {
     auto *client = static_cast<MqttClient *>(data);
-    /* Each received packet is logged. That is the only sign of some of them. */
+    /* libmosquitto logs each received packet. For some packets, that is the only sign. */
     if (level == MOSQ_LOG_DEBUG && strstr(text, " received ")) {
         client->packets++;
     }
@@ -207,8 +208,8 @@ mosquitto_property *make_properties(const MqttConf &conf)
     return properties;
 }
 
-/* Resolving a name and connecting can block for minutes, and a scheduled clip must not wait for
- * them. The TLS handshake happens in the loop. */
+/* Connects on another thread: resolving a name and connecting can block for minutes, and a
+ * scheduled clip must not wait for that. The TLS handshake happens in the loop. */
 void *connect_thread(void *data)
 {
     auto *client = static_cast<MqttClient *>(data);
@@ -229,8 +230,8 @@ void *connect_thread(void *data)
     return nullptr;
 }
 
-/* Reads all packets that have arrived, up to MAX_READS. With TLS, the library may hold some for
- * which the socket does not become readable. Returns true if there may be more. */
+/* Reads all packets that have arrived, up to MAX_READS. Does not wait for the socket to become
+ * readable: with TLS, the library may already have read some. Returns true if there may be more. */
 bool read_packets(MqttClient *client)
 {
     for (int i = 0; i < MAX_READS; i++) {
@@ -252,7 +253,8 @@ int on_io(sd_event_source *, int, uint32_t, void *data)
     auto *client = static_cast<MqttClient *>(data);
     const bool has_more = read_packets(client);
     if (client->io) {
-        /* The socket is writable in the next iteration, which then goes on reading. */
+        /* The socket is writable, so waiting for that too makes the next iteration go on reading.
+         */
         const uint32_t more = has_more ? uint32_t{EPOLLOUT} : 0;
         sd_event_source_set_io_events(client->io, EPOLLIN | more);
     }
@@ -331,7 +333,7 @@ int set_attempt(MqttClient *client, guint64 delay)
 void attempt_later(MqttClient *client)
 {
     const gint64 pause = mqtt_pause_next(&client->pause, g_random_double());
-    /* Once for each reason, not for each attempt. */
+    /* Logs each reason once, not at each attempt. */
     if (client->reason != client->logged) {
         mqtt_log(LOG_WARNING, "no connection to the broker %s, port %d: %s; trying again",
                  client->conf->host.c_str(), static_cast<int>(client->conf->port),
@@ -382,10 +384,10 @@ bool set_up(MqttClient *client, const std::string &password, std::string *why)
         return false;
     }
     mosquitto_int_option(client->mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-    /* Otherwise a clip would start up to 40 ms later. */
+    /* With Nagle's algorithm, a clip would start up to 40 ms later. */
     mosquitto_int_option(client->mosq, MOSQ_OPT_TCP_NODELAY, 1);
-    /* With "threads", libmosquitto queues packets until mosquitto_loop_write(). Without, it would
-     * acknowledge a message before the store is saved. */
+    /* In the mode for threads, libmosquitto queues packets until mosquitto_loop_write(). Otherwise
+     * it would acknowledge a message before the store is saved. */
     mosquitto_threaded_set(client->mosq, true);
     mosquitto_log_callback_set(client->mosq, on_log);
     mosquitto_connect_v5_callback_set(client->mosq, on_connect);
@@ -519,8 +521,8 @@ void mqtt_client_flush(MqttClient *client)
     if (!client->io) {
         return;
     }
-    /* Before the broker has answered, the handshake may make libmosquitto want to write all the
-     * time. It goes on with each packet that is read. */
+    /* During the handshake, libmosquitto may want to write all the time, so this does not wait for
+     * the socket to become writable: reading the broker's packets continues the handshake. */
     const bool waits = client->state == CONNECTED && mosquitto_want_write(client->mosq);
     uint32_t events = 0;
     sd_event_source_get_io_events(client->io, &events);
@@ -534,7 +536,7 @@ void mqtt_client_leave(MqttClient *client)
     if (client->state != CONNECTED) {
         return;
     }
-    client->state = IDLE; /* so that the end of the connection is not taken for a loss */
+    client->state = IDLE; /* makes note_loss() ignore the end of the connection */
     mosquitto_disconnect_v5(client->mosq, MQTT_RC_DISCONNECT_WITH_WILL_MSG, nullptr);
     pollfd fd = {.fd = mosquitto_socket(client->mosq), .events = POLLOUT, .revents = 0};
     const gint64 end = g_get_monotonic_time() + LEAVE_TIME * 1000;

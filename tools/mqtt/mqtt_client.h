@@ -46,7 +46,7 @@ bool mqtt_client_free(MqttClient *client);
 
 bool mqtt_client_is_connected(const MqttClient *client);
 
-/* Subscribes to `topic` with QoS 1, but not to a message that is retained there. */
+/* Subscribes to `topic` with QoS 1, without the message that is retained there. */
 void mqtt_client_subscribe(MqttClient *client, const std::string &topic);
 
 void mqtt_client_unsubscribe(MqttClient *client, const std::string &topic);
@@ -66,7 +66,7 @@ unsigned mqtt_client_count_unconfirmed(const MqttClient *client);
  * it after each dispatch of the loop. */
 void mqtt_client_flush(MqttClient *client);
 
-/* Says goodbye: the broker publishes the will and keeps the session. Waits up to a second for the
+/* Disconnects. The broker publishes the will and keeps the session. Waits up to a second for the
  * network. */
 void mqtt_client_leave(MqttClient *client);
 

@@ -1,6 +1,6 @@
 #pragma once
 
-/* The daemon, as sonobrik-mqtt uses it over the bus: calls that do not block, and news. */
+/* The daemon, as sonobrik-mqtt uses it over the bus: calls that do not block, and notifications. */
 
 #include <functional>
 #include <glib.h>

@@ -71,7 +71,8 @@ json_t *make_sensor(const MqttConf &conf, const std::string &id)
     return sensor;
 }
 
-/* It has no availability_topic, so that it says "off" instead of being unavailable itself. */
+/* The sensor has no availability_topic: while the node is offline, it shows "off" instead of
+ * becoming unavailable itself. */
 json_t *make_availability(const MqttConf &conf, const std::string &id)
 {
     json_t *sensor = make_component("binary_sensor", id, "online", "Online");

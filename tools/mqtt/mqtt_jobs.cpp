@@ -21,8 +21,8 @@ constexpr size_t MAX_JOBS = 64;
 constexpr size_t MAX_KEPT = 256;
 constexpr unsigned MAX_UNCONFIRMED = 1000;
 
-/* After this time, in milliseconds, what the broker kept for the node has arrived, even if the
- * broker does not let the node read its own availability. */
+/* The time after a connection, in milliseconds, in which the messages that the broker kept for the
+ * node arrive. It counts if the broker does not let the node read its own availability. */
 constexpr gint64 CATCH_UP_TIME = 30'000;
 
 void set_alarm(MqttBridge *bridge);
@@ -69,7 +69,7 @@ void answer(MqttBridge *bridge, const MqttJob &job, MqttStatus status, const std
                 });
 }
 
-/* Answers for the last time, and forgets the job. */
+/* Sends the last answer of a job, and removes the job. */
 void finish(MqttBridge *bridge, MqttJob *job, MqttStatus status, const std::string &text)
 {
     answer(bridge, *job, status, text);
@@ -96,7 +96,8 @@ std::string describe_delay(gint64 milliseconds)
            " s";
 }
 
-/* Returns the text of the daemon's error, or of an empty one what the daemon's own clients show. */
+/* Returns the text of the daemon's error, or "NOK", the text of its other errors, if it is empty.
+ */
 std::string get_text(const GError *error)
 {
     return *error->message != '\0' ? error->message : "NOK";
@@ -104,13 +105,13 @@ std::string get_text(const GError *error)
 
 /* Playing */
 
-/* Returns the time at which the job is to sound, or at which it was received. */
+/* Returns the time at which the job should play: the given one, or that of its arrival. */
 gint64 get_due(const MqttJob &job)
 {
     return job.command.at != CLIENT_NOT_GIVEN ? job.command.at : job.received;
 }
 
-/* If the job must not play any more, finishes it and returns true. */
+/* Finishes the job and returns true if it is too late to play it. */
 bool finish_if_late(MqttBridge *bridge, MqttJob *job)
 {
     const gint64 now = mqtt_clock_now();
@@ -157,7 +158,7 @@ void on_played(MqttBridge *bridge, MqttJob *job, const GError *error)
     }
     mqtt_lead_add(&bridge->lead, g_get_monotonic_time() - job->call_time);
     set_siren_end(bridge, job->command);
-    /* A daemon that was stuck has started the clip only now. */
+    /* If the daemon was stuck, it may have started the clip much too late. */
     if (mqtt_clock_now() - get_due(*job) > 2 * bridge->conf->grace && finish_if_late(bridge, job)) {
         stop_daemon(bridge);
         return;
@@ -209,7 +210,7 @@ void check(MqttBridge *bridge, MqttJob *job)
                      });
 }
 
-/* Plays a job whose location is known, now or later. */
+/* Plays a job whose location is known: at once, or at its time. */
 void play(MqttBridge *bridge, MqttJob *job)
 {
     if (finish_if_late(bridge, job)) {
@@ -219,7 +220,8 @@ void play(MqttBridge *bridge, MqttJob *job)
     const bool waits = job->command.at != CLIENT_NOT_GIVEN &&
                        mqtt_lead_decide(job->command.at, mqtt_clock_now(), lead,
                                         bridge->conf->grace) == MQTT_DUE_WAIT;
-    /* What cannot be played is better known early. A pattern is no file. */
+    /* Checks the file of a scheduled job in advance, so that the answer comes early. A pattern
+     * cannot be checked. */
     if (job->needs_check || (waits && job->state != MQTT_JOB_CHECKING &&
                              !client_play_has_wildcards(job->location.c_str()))) {
         check(bridge, job);
@@ -275,8 +277,8 @@ void on_clips_for_job(MqttBridge *bridge, MqttJob *job, GPtrArray *clips, const 
         finish(bridge, job, MQTT_FAILED, "the clip has no file");
         return;
     }
-    /* A stored clip always plays its own file, but the daemon takes the name of a missing file for
-     * a pattern. */
+    /* A stored clip must play its own file, but if that is missing, the daemon treats its name as a
+     * pattern. */
     job->needs_check = client_play_has_wildcards(clip->location);
     play(bridge, job);
 }
@@ -304,7 +306,7 @@ void start_play(MqttBridge *bridge, MqttJob *job)
                      });
 }
 
-/* Cancels all plays that the daemon does not know yet. */
+/* Cancels all plays that were not passed to the daemon yet. */
 void cancel_plays(MqttBridge *bridge)
 {
     std::vector<gint64> numbers;
@@ -377,8 +379,9 @@ bool read_command(const MqttBridge *bridge, MqttJob *job, std::string *why)
                : mqtt_command_read(&job->command, job->payload, why);
 }
 
-/* Returns true if the broker may have kept the command for too long. Its age is not known, but it
- * is not older than the last sign of the broker before this connection. */
+/* Returns true if the broker may have kept the command for too long. The command's age is not
+ * known, but it cannot have been waiting since before the last packet of the previous connection.
+ */
 bool may_be_stale(const MqttBridge *bridge, const MqttMessage &message, const MqttCommand &command)
 {
     return bridge->is_catching_up && command.at == CLIENT_NOT_GIVEN && message.expiry < 0 &&
@@ -386,7 +389,7 @@ bool may_be_stale(const MqttBridge *bridge, const MqttMessage &message, const Mq
            (bridge->away == MQTT_UNKNOWN || bridge->away > bridge->conf->grace);
 }
 
-/* Adds a job and returns it in the store. */
+/* Adds a job to the store, and returns it there. */
 MqttJob *add_job(MqttBridge *bridge, const MqttJob &job)
 {
     bridge->store.jobs.push_back(job);
@@ -394,7 +397,7 @@ MqttJob *add_job(MqttBridge *bridge, const MqttJob &job)
     return &bridge->store.jobs.back();
 }
 
-/* Executes a command that has been understood. */
+/* Executes a valid command. */
 void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
 {
     const MqttCommand &command = job.command;
@@ -477,7 +480,7 @@ void mqtt_jobs_resume(MqttBridge *bridge)
         if (!read_command(bridge, &job, &why) || job.command.kind == MQTT_TOPIC_OTHER) {
             continue; /* the configuration has changed */
         }
-        /* A clock that was set back tells nothing about the age. */
+        /* If the clock was set back, the age is not known. */
         job.received = job.received > mqtt_clock_now() ? 0 : job.received;
         MqttJob *added = add_job(bridge, job);
         if (!finish_if_late(bridge, added)) {

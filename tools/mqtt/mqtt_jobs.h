@@ -11,11 +11,11 @@ struct MqttBridge;
 /* Executes a message with a command, or refuses it. */
 void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message);
 
-/* Goes on with the commands that the last process had accepted. */
+/* Continues with the commands that the previous process had accepted. */
 void mqtt_jobs_resume(MqttBridge *bridge);
 
-/* Plays what is due. Called by the alarm, whose data is the bridge. If the clock is set, the kernel
- * moves the alarm. */
+/* Plays the jobs that are due. Called by the alarm, whose data is the bridge. The alarm follows the
+ * clock if that is set. */
 int mqtt_jobs_on_alarm(sd_event_source *source, guint64 time, void *data);
 
 /* Sends the answers that waited for a connection. */

@@ -4,7 +4,7 @@
 
 bool mqtt_memory_has(const MqttMemory &memory, const std::string &id, gint64 now)
 {
-    /* A time in the future is from before a correction of the clock; the entry still counts. */
+    /* If the clock was set back, the time of an entry can be in the future. It still counts. */
     return std::ranges::any_of(memory.entries, [&id, now](const MqttMemoryEntry &entry) {
         return entry.id == id && now - entry.time < MQTT_MEMORY_TIME;
     });

@@ -6,8 +6,8 @@
 #include <glib.h>
 #include <string>
 
-/* How many identifiers are kept, and for how long. The broker repeats only what it has just sent,
- * and what comes later than the grace time plays nothing anyway. */
+/* How many identifiers are kept, and for how long. The limits are sufficient: the broker only
+ * repeats what it has just sent, and a command that comes after the grace time plays nothing. */
 constexpr size_t MQTT_MEMORY_SIZE = 256;
 constexpr gint64 MQTT_MEMORY_TIME = 3'600'000; /* milliseconds */
 

@@ -19,5 +19,5 @@ struct MqttPause {
  */
 gint64 mqtt_pause_next(MqttPause *pause, double chance);
 
-/* The next pause is a first one again. */
+/* Makes the next pause as short as the first one. */
 void mqtt_pause_reset(MqttPause *pause);

@@ -22,7 +22,7 @@ const MqttClip *find_location(const MqttState &state, const std::string &locatio
     return found == state.clips.end() ? nullptr : &*found;
 }
 
-/* A name that several clips have, or none, cannot stand for one of them. */
+/* Returns the clip's name, made unique: Home Assistant identifies a tone by its name. */
 std::string make_tone(const std::vector<MqttClip> &clips, const MqttClip &clip)
 {
     const std::string number = std::to_string(clip.number);

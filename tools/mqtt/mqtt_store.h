@@ -3,7 +3,7 @@
 /*
  * What sonobrik-mqtt must not forget when it restarts: the commands that it has accepted and not
  * finished, and the identifiers of the last commands. It is saved before the broker is told that a
- * command has arrived, so the broker sends what could not be saved again.
+ * command has arrived: if the program ends before that, the broker sends the command again.
  */
 
 #include <glib.h>
@@ -53,8 +53,8 @@ struct MqttStore {
 /* Returns the store as JSON. */
 std::string mqtt_store_write(const MqttStore &store);
 
-/* Reads the members that are saved into `store`, which must be new. Entries that make no sense are
- * left out. Returns false if `text` is not a store. */
+/* Reads the saved members into `store`, which must be new. Leaves out invalid entries. Returns
+ * false if `text` is not a store. */
 bool mqtt_store_read(MqttStore *store, std::string_view text);
 
 /*

@@ -8,7 +8,7 @@
 
 struct MqttConf;
 
-/* The level below the prefix that stands before the name of a group, so no node has this name. */
+/* The level between the prefix and the name of a group. No node may have this name. */
 inline constexpr std::string_view MQTT_GROUP_LEVEL = "group";
 
 enum MqttTopicKind {
