@@ -57,7 +57,7 @@ void read_card(udev_device *device, SoundCardFacts *facts)
         udev_device_get_parent_with_subsystem_devtype(device, "usb", nullptr) != nullptr;
 }
 
-/* Adds what udev knows about a card or a PCM. Returns false for a card that udev has not examined. */
+/* Adds what udev knows about a card or a PCM. Returns false if udev has not examined the card. */
 bool read_device(udev_device *device, std::map<int, SoundCardFacts> *cards)
 {
     const std::string name = make_text(udev_device_get_sysname(device));

@@ -19,8 +19,8 @@ int card_scan_get_fd(const CardScan *scan);
 bool card_scan_take_events(CardScan *scan);
 
 /*
- * Sets `*cards` to the cards that are plugged in now. If udev has not examined one of them yet, sets
- * `*is_complete` to false: serial number, path and name may be missing. Returns 0 or a negative
- * errno.
+ * Sets `*cards` to the cards that are plugged in now. If udev has not examined one of them yet,
+ * sets `*is_complete` to false: serial number, path and name may be missing. Returns 0 or a
+ * negative errno.
  */
 int card_scan_read(CardScan *scan, std::vector<SoundCard> *cards, bool *is_complete);
