@@ -12,7 +12,7 @@ import urllib.parse
 
 import pytest
 
-from sandbox import Sandbox, Store, Web, clips, find_server, wait_until
+from sandbox import Player, Sandbox, Store, Web, clips, find_server, wait_until
 from sandbox.installation import find_id
 
 if not find_server("lighttpd") or not shutil.which("curl"):
@@ -530,6 +530,17 @@ def test_the_daemons_user_can_check_what_the_web_servers_user_uploads(
         if is_member:
             assert "The clip was added. Its number is 0." in result.stdout
             assert "new.wav" in result.stdout.split("Its number")[1]
+            expect_hidden(box)
         else:
             assert result.stdout.startswith("Status: 403 ")
             assert "may not change files in /etc/audioclips" in result.stdout
+
+
+def expect_hidden(box):
+    """Fails if the daemon plays an upload that it was not asked to check."""
+    player = Player(box.bus)
+    location = f"{FOLDER}/{UPLOADS}/0123456789abcdef"
+    clips.write_wav(box.etc / "audioclips" / UPLOADS / "0123456789abcdef", clips.tone(440, 0.2))
+    assert player.call("SupportedFile", location) == "OK"
+    assert "No supported file(s) found" in player.fail("StartPlayingClip",
+                                                       f"location={FOLDER}/{UPLOADS}/*")

@@ -98,9 +98,11 @@ CgiOutcome explain(int reason)
 
 CgiDescriptor open_folder(int clips)
 {
-    constexpr mode_t FOR_THE_GROUP = 0775;
+    /* The daemon's user can open a file whose name it is told, and cannot list the folder: so no
+     * wildcard finds a file that was not checked, and its random name cannot be guessed. */
+    constexpr mode_t LISTED_BY_THE_GROUP = 0771;
     CgiDescriptor folder;
-    if (mkdirat(clips, FOLDER, FOR_THE_GROUP) != 0 && errno != EEXIST) {
+    if (mkdirat(clips, FOLDER, LISTED_BY_THE_GROUP) != 0 && errno != EEXIST) {
         return folder;
     }
     /* Not through a symbolic link: the file would be somewhere else. */
@@ -108,7 +110,7 @@ CgiDescriptor open_folder(int clips)
     /* The umask must not lock the daemon out. This fails if another user made the folder, who did
      * the same then. */
     if (folder.is_open()) {
-        static_cast<void>(fchmod(folder.get(), S_ISGID | FOR_THE_GROUP));
+        static_cast<void>(fchmod(folder.get(), S_ISGID | LISTED_BY_THE_GROUP));
     }
     return folder;
 }

@@ -3,8 +3,8 @@
 /*
  * A recording that a browser sends, from its first byte until it is in place. Until then it is in
  * the folder ".uploads" of the clip folder: the daemon can check a file there, although its unit
- * hides most other folders from it, but a wildcard such as "/etc/audioclips/" followed by "*" does
- * not find the file, and a move into place needs no copy.
+ * hides most other folders from it, and a move into place needs no copy. No wildcard finds the file
+ * there, because the daemon's user may not list that folder.
  */
 
 #include <glib.h>
