@@ -169,6 +169,31 @@ def test_unexpected_replies_are_handled(sandbox, web):
     assert web.get("action=status").text.startswith('{"known":false,')
 
 
+POST = {"REQUEST_METHOD": "POST", "SONOBRIK_MANAGE": "1"}
+FORM = POST | {"CONTENT_TYPE": "application/x-www-form-urlencoded", "CONTENT_LENGTH": "0"}
+BODY = POST | {"CONTENT_TYPE": "application/octet-stream", "CONTENT_LENGTH": "1"}
+
+
+@pytest.mark.parametrize("query, variables, status", [
+    ("", {}, 504), ("action=list", {}, 504), ("action=status", {}, 503), ("action=stop", {}, 504),
+    ("action=play&clip=0", {}, 504), ("action=file&clip=0", {"SONOBRIK_MANAGE": "1"}, 504),
+    ("action=rename&clip=0&name=x", FORM, 504), ("action=remove&clip=0", FORM, 504),
+    ("action=add&file=x.wav", BODY, 504), ("action=replace&clip=0", BODY, 504),
+])
+def test_no_call_of_a_daemon_that_hangs_waits_for_ever(sandbox, query, variables, status):
+    """With limits of a sixtieth. A call without a limit would exceed the deadline."""
+    sandbox.start_daemon()
+    sandbox.daemon.pause()
+    variables = {"REQUEST_METHOD": "GET", "QUERY_STRING": query} | variables
+    words = [f"{name}={value}" for name, value in variables.items()]
+    command = 'printf x | env LD_PRELOAD=/run/build/tests/support/libhasty_bus.so "$@"'
+    try:
+        result = sandbox.run(["sh", "-c", command, "sh", *words, PROGRAM], deadline=40)
+    finally:
+        sandbox.daemon.go_on()
+    assert result.stdout.startswith(f"Status: {status} "), result.stdout
+
+
 def test_invalid_environments_are_handled(sandbox):
     assert run(sandbox, REQUEST_METHOD="")[0] == 400
     assert run(sandbox, REQUEST_METHOD="get")[0] == 405

@@ -141,6 +141,24 @@ def test_the_list_shows_what_the_user_may_see(shell, sandbox, daemon, door):
     assert shell.on_terminal("play", "--wait", "door")[1] == 0
 
 
+def test_the_list_shows_what_metadata_tells(guarded, sandbox):
+    door = sandbox.write_clip("door.wav", clips.tone(440, 0.2))
+    sandbox.write_clip("low/bell.wav", clips.tone(440, 0.2))
+    guarded.ok("add", door.path, "/etc/audioclips/low/bell.wav")
+    result = guarded.run("list")
+    assert [line.split() for line in result.stdout.splitlines()] == [
+        ["NUMBER", "NAME", "FILE", "FORMAT", "LENGTH", "SIZE"],
+        ["0", "door", "door.wav", "wav", "0:00.2", "19", "KiB"],
+        ["1", "bell", "bell.wav", "wav", "0:00.2", "19", "KiB"]]
+    assert (result.returncode, result.stderr) == (0, (
+        "sonobrikctl: you may not list the clips, so directories are left out, and clips whose "
+        "file is missing or damaged\n"))
+    assert [(clip["number"], clip["name"], clip["location"], clip["durationMs"])
+            for clip in json.loads(guarded.run("list", "--json").stdout)] == [
+        (0, "door", None, 200), (1, "bell", None, 200)]
+    assert guarded.ok("list", "--names") == "door\nbell\n"
+
+
 # Files that the daemon's user cannot read
 
 

@@ -225,4 +225,29 @@ TEST(ClientClipsRelative, RemovesTheClipFolderOnly)
     EXPECT_STREQ(client_clips_relative(""), "");
 }
 
+TEST_F(ClientClips, ReadsClipsFromTheirMetadataAlone)
+{
+    set_replies(reply_clips,
+                R"([{"7":{"name":"Bell","fileName":"bell.wav","mediaTypes":["audio/x-wav"],)"
+                R"("size":1,"duration":2},"-1":{},"4294967296":{},"x":{}},)"
+                R"({"0":{"name":7,"mediaTypes":[]}}])");
+    g_autoptr(GPtrArray) clips = client_clips_list_metadata(client, nullptr);
+    ASSERT_NE(clips, nullptr);
+    ASSERT_EQ(clips->len, 2U);
+    const auto *first = static_cast<const ClientClip *>(g_ptr_array_index(clips, 0));
+    EXPECT_EQ(first->number, 0);
+    EXPECT_STREQ(first->name, "");
+    EXPECT_STREQ(first->file_name, "");
+    const auto *second = static_cast<const ClientClip *>(g_ptr_array_index(clips, 1));
+    EXPECT_EQ(second->number, 7);
+    EXPECT_STREQ(second->name, "Bell");
+    EXPECT_STREQ(second->location, "");
+    EXPECT_STREQ(second->file_name, "bell.wav");
+    EXPECT_EQ(second->duration_ms, 2);
+    set_replies(reply_clips, "{}");
+    g_autoptr(GError) error = nullptr;
+    EXPECT_EQ(client_clips_list_metadata(client, &error), nullptr);
+    EXPECT_TRUE(g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_REPLY));
+}
+
 } // namespace

@@ -33,6 +33,7 @@ ClientClip make_clip(gint32 number, const char *name, const char *location)
         .number = number,
         .name = const_cast<char *>(name),
         .location = const_cast<char *>(location),
+        .file_name = nullptr,
         .media_types = nullptr,
         .size_kib = -1,
         .duration_ms = number * 1000,

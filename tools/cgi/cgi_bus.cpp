@@ -18,7 +18,8 @@ CgiOutcome explain_method_error(std::string_view text)
         return {CGI_BUSY, ""};
     }
     if (text.starts_with(CLIENT_TEXT_BAD_OPTIONS)) {
-        return {CGI_INVALID, "The daemon rejected the options. Check that the output exists and is plugged in."};
+        return {CGI_INVALID,
+                "The daemon rejected the options. Check that the output exists and is plugged in."};
     }
     if (text.starts_with(CLIENT_TEXT_NO_FILE)) {
         return {CGI_UNPLAYABLE, ""};

@@ -144,13 +144,14 @@ GPtrArray *list_devices(sd_bus *bus)
     return devices;
 }
 
-/* Reads what is playing. It stays unknown if the platform publishes no event objects. */
-void read_now(sd_bus *bus, CgiNow *now)
+/* Reads what is playing. It stays unknown if the platform publishes no event objects. Returns false
+ * if the daemon does not answer in time. */
+bool read_now(sd_bus *bus, CgiNow *now)
 {
     g_autoptr(GError) error = nullptr;
     g_autoptr(GPtrArray) outputs = client_outputs_list(bus, &error);
     if (!outputs) {
-        return;
+        return !g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_TIMEOUT);
     }
     g_autoptr(GPtrArray) devices = list_devices(bus);
     now->is_known = outputs->len > 0 || devices;
@@ -167,6 +168,7 @@ void read_now(sd_bus *bus, CgiNow *now)
         });
     }
     add_devices(devices, &now->outputs);
+    return true;
 }
 
 /* Lists the clips, without metadata if the daemon fails to read it. */
@@ -213,8 +215,8 @@ CgiOutcome cgi_daemon_read_now(CgiNow *now)
         return cgi_bus_explain(error, "StartPlayingClip");
     }
     now->revision = read_revision();
-    read_now(bus, now);
-    return {!now->is_known && is_away(bus) ? CGI_AWAY : CGI_OK, ""};
+    const bool is_silent = !read_now(bus, now);
+    return {is_silent || (!now->is_known && is_away(bus)) ? CGI_AWAY : CGI_OK, ""};
 }
 
 CgiOutcome cgi_daemon_read_state(CgiState *state)

@@ -1,6 +1,7 @@
 #include "client_clips.h"
 
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "autoptr.h"
@@ -127,12 +128,62 @@ void set_metadata(ClientClip *clip, const json_t *description)
     clip->duration_ms = json_is_integer(duration) ? json_integer_value(duration) : UNKNOWN;
 }
 
-bool add_metadata(sd_bus *bus, GPtrArray *clips, GError **error)
+sd_bus_message *call_metadata(sd_bus *bus, GError **error)
 {
     sd_bus_message *call =
         client_bus_new_call(bus, &CLIENT_SONOBRIK, "GetMetadata", error, nullptr);
-    g_autoptr(sd_bus_message) answer = client_bus_call(bus, call, error);
+    return client_bus_call(bus, call, error);
+}
+
+bool add_metadata(sd_bus *bus, GPtrArray *clips, GError **error)
+{
+    g_autoptr(sd_bus_message) answer = call_metadata(bus, error);
     return answer && client_clips_read_metadata(clips, answer, error);
+}
+
+/* Calls `use` with the number and the description of each clip in a reply of GetMetadata. Returns
+ * false with an error if the reply is invalid. */
+bool read_descriptions(sd_bus_message *answer, GError **error,
+                       const std::function<void(gint64 number, const json_t *description)> &use)
+{
+    const char *text = nullptr;
+    const int r = sd_bus_message_read(answer, "s", &text);
+    if (r < 0) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
+        return false;
+    }
+    json_error_t fault = {};
+    g_autoptr(json_t) elements = json_loads(text, 0, &fault);
+    if (!json_is_array(elements)) {
+        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "not a JSON array%s%s",
+                    elements ? "" : ": ", elements ? "" : fault.text);
+        return false;
+    }
+    size_t i = 0;
+    json_t *element = nullptr;
+    json_array_foreach(elements, i, element)
+    {
+        const char *key = nullptr;
+        json_t *description = nullptr;
+        json_object_foreach(element, key, description)
+        {
+            gint64 number = 0;
+            if (client_text_read_number(key, &number)) {
+                use(number, description);
+            }
+        }
+    }
+    return true;
+}
+
+/* Replaces `text` by the string `key` of `description`, if it has one. */
+void take_text(const json_t *description, const char *key, char **text)
+{
+    const char *value = json_string_value(json_object_get(description, key));
+    if (value) {
+        g_free(*text);
+        *text = g_strdup(value);
+    }
 }
 
 } // namespace
@@ -144,6 +195,7 @@ void client_clip_free(ClientClip *clip)
     }
     g_free(clip->name);
     g_free(clip->location);
+    g_free(clip->file_name);
     g_strfreev(clip->media_types);
     g_free(clip);
 }
@@ -168,36 +220,34 @@ GPtrArray *client_clips_read(sd_bus_message *answer, GError **error)
 
 bool client_clips_read_metadata(GPtrArray *clips, sd_bus_message *answer, GError **error)
 {
-    const char *text = nullptr;
-    const int r = sd_bus_message_read(answer, "s", &text);
-    if (r < 0) {
-        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "%s", g_strerror(-r));
-        return false;
-    }
-    json_error_t fault = {};
-    g_autoptr(json_t) elements = json_loads(text, 0, &fault);
-    if (!json_is_array(elements)) {
-        g_set_error(error, CLIENT_ERROR, CLIENT_ERROR_REPLY, "not a JSON array%s%s",
-                    elements ? "" : ": ", elements ? "" : fault.text);
-        return false;
-    }
-    size_t i = 0;
-    json_t *element = nullptr;
-    json_array_foreach(elements, i, element)
-    {
-        const char *key = nullptr;
-        json_t *description = nullptr;
-        json_object_foreach(element, key, description)
-        {
-            gint64 number = 0;
-            ClientClip *clip =
-                client_text_read_number(key, &number) ? find_by_number(clips, number) : nullptr;
-            if (clip) {
-                set_metadata(clip, description);
-            }
+    return read_descriptions(answer, error, [clips](gint64 number, const json_t *description) {
+        ClientClip *clip = find_by_number(clips, number);
+        if (clip) {
+            set_metadata(clip, description);
         }
+    });
+}
+
+GPtrArray *client_clips_list_metadata(sd_bus *bus, GError **error)
+{
+    g_autoptr(sd_bus_message) answer = call_metadata(bus, error);
+    g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(free_clip);
+    const auto add = [&clips](gint64 number, const json_t *description) {
+        if (number < 0 || number > G_MAXINT32) {
+            return;
+        }
+        ClientClip *clip = new_clip(static_cast<gint32>(number));
+        clip->file_name = g_strdup("");
+        take_text(description, "name", &clip->name);
+        take_text(description, "fileName", &clip->file_name);
+        set_metadata(clip, description);
+        g_ptr_array_add(clips, clip);
+    };
+    if (!answer || !read_descriptions(answer, error, add)) {
+        return nullptr;
     }
-    return true;
+    g_ptr_array_sort(clips, compare_numbers);
+    return g_steal_pointer(&clips);
 }
 
 GPtrArray *client_clips_list(sd_bus *bus, bool with_metadata, GError **error)

@@ -17,6 +17,9 @@ struct ClientClip {
     char *name;     /* owned; empty if the clip has no name */
     char *location; /* owned; path of the file, empty if the clip has no file */
 
+    /* Owned; the name of the file in a clip of client_clips_list_metadata(), else null. */
+    char *file_name;
+
     /* The file's metadata. Null and negative if it was not requested, or if the daemon has none
      * because the file is missing or not playable. */
     char **media_types; /* owned; the container first */
@@ -32,6 +35,13 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC(ClientClip, client_clip_free)
  * `with_metadata`, the daemon probes files that it has not seen yet, which takes up to 5 s each.
  */
 GPtrArray *client_clips_list(sd_bus *bus, bool with_metadata, GError **error);
+
+/*
+ * Returns the clips as far as their metadata shows them, for a user who may not list them: those
+ * whose file the daemon can inspect, sorted by number, with an empty location. Returns null with an
+ * error.
+ */
+GPtrArray *client_clips_list_metadata(sd_bus *bus, GError **error);
 
 /*
  * Reads the reply of GetConfigurations, for callers that do not wait for it in client_clips_list().

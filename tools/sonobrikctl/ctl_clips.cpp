@@ -45,29 +45,60 @@ bool is_similar(const std::vector<gunichar> &a, const std::vector<gunichar> &b)
            is_swapped;
 }
 
-} // namespace
-
-GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status)
+/* Lists the clips as ctl_clips_list() does, and leaves it to the caller to explain the error. */
+GPtrArray *list_or_fail(sd_bus *bus, bool with_metadata, int *status, GError **error)
 {
-    g_autoptr(GError) error = nullptr;
-    GPtrArray *clips = client_clips_list(bus, with_metadata, &error);
-    if (clips) {
-        return clips;
-    }
+    g_autoptr(GError) failure = nullptr;
+    GPtrArray *clips = client_clips_list(bus, with_metadata, &failure);
     /* A list with metadata takes two calls, and different users may make them. */
-    if (with_metadata && g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_DENIED)) {
+    if (with_metadata && g_error_matches(failure, CLIENT_ERROR, CLIENT_ERROR_DENIED)) {
         clips = client_clips_list(bus, false, nullptr);
-        if (clips) {
-            *status = CTL_DENIED;
-            return clips;
-        }
+        *status = clips ? CTL_DENIED : *status;
     }
+    if (!clips) {
+        g_propagate_error(error, g_steal_pointer(&failure));
+    }
+    return clips;
+}
+
+int explain_list(sd_bus *bus, const GError *error)
+{
     const CtlCall call = {
         .bus = bus,
         .interface = &CLIENT_LEGACY,
         .method = "GetConfigurations",
     };
-    *status = ctl_explain(&call, error);
+    return ctl_explain(&call, error);
+}
+
+} // namespace
+
+GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status)
+{
+    g_autoptr(GError) error = nullptr;
+    GPtrArray *clips = list_or_fail(bus, with_metadata, status, &error);
+    if (!clips) {
+        *status = explain_list(bus, error);
+    }
+    return clips;
+}
+
+GPtrArray *ctl_clips_list_visible(sd_bus *bus, bool with_metadata, int *status)
+{
+    g_autoptr(GError) error = nullptr;
+    GPtrArray *clips = list_or_fail(bus, with_metadata, status, &error);
+    if (clips) {
+        return clips;
+    }
+    if (g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_DENIED)) {
+        g_autoptr(GPtrArray) visible = client_clips_list_metadata(bus, nullptr);
+        /* An empty one does not tell whether there are clips. */
+        if (visible && visible->len > 0) {
+            *status = CTL_DENIED;
+            return g_steal_pointer(&visible);
+        }
+    }
+    *status = explain_list(bus, error);
     return nullptr;
 }
 

@@ -17,6 +17,12 @@
 GPtrArray *ctl_clips_list(sd_bus *bus, bool with_metadata, int *status);
 
 /*
+ * Returns ctl_clips_list(). If the user may read metadata but not list the clips,
+ * returns client_clips_list_metadata() and sets `status` to CTL_DENIED.
+ */
+GPtrArray *ctl_clips_list_visible(sd_bus *bus, bool with_metadata, int *status);
+
+/*
  * Returns client_clips_find() or, if no clip has that number or name, the clip whose file `list`
  * shows as `text`. On failure explains the error, with a similar name if there is one, sets
  * `status` and returns null.

@@ -25,7 +25,7 @@ namespace
  */
 std::string describe_format(const ClientClip &clip)
 {
-    if (access(clip.location, F_OK) < 0 && errno == ENOENT) {
+    if (!clip.file_name && access(clip.location, F_OK) < 0 && errno == ENOENT) {
         return "no file";
     }
     std::string text;
@@ -50,7 +50,7 @@ void print_clips(const GPtrArray *clips)
         table.rows.push_back({
             std::to_string(clip->number),
             clip->name,
-            client_clips_relative(clip->location),
+            clip->file_name ? clip->file_name : client_clips_relative(clip->location),
             describe_format(*clip),
             client_text_duration(clip->duration_ms),
             client_text_size(clip->size_kib),
@@ -75,7 +75,8 @@ void print_clips_json(const GPtrArray *clips)
         json_t *object = json_object();
         json_object_set_new(object, "number", json_integer(clip->number));
         json_object_set_new(object, "name", json_string(clip->name));
-        json_object_set_new(object, "location", json_string(clip->location));
+        json_object_set_new(object, "location",
+                            clip->file_name ? json_null() : json_string(clip->location));
         json_object_set_new(object, "mediaTypes", types);
         json_object_set_new(object, "sizeKiB", ctl_json_number_or_null(clip->size_kib));
         json_object_set_new(object, "durationMs", ctl_json_number_or_null(clip->duration_ms));
@@ -101,10 +102,17 @@ void print_names(const GPtrArray *clips)
     }
 }
 
+/* Returns true if the clips are those of client_clips_list_metadata(). */
+bool has_metadata_alone(const GPtrArray *clips)
+{
+    return clips->len > 0 &&
+           static_cast<const ClientClip *>(g_ptr_array_index(clips, 0))->file_name;
+}
+
 int list_clips(sd_bus *bus, bool as_json, bool names_only)
 {
     int status = CTL_OK;
-    g_autoptr(GPtrArray) clips = ctl_clips_list(bus, !names_only, &status);
+    g_autoptr(GPtrArray) clips = ctl_clips_list_visible(bus, !names_only, &status);
     if (!clips) {
         return status;
     }
@@ -115,8 +123,11 @@ int list_clips(sd_bus *bus, bool as_json, bool names_only)
     } else {
         print_clips(clips);
     }
-    if (status == CTL_DENIED) {
-        ctl_error("you may not read formats, lengths and sizes, so they are left out");
+    if (status == CTL_DENIED && !names_only) {
+        ctl_error(has_metadata_alone(clips)
+                      ? "you may not list the clips, so directories are left out, and clips whose "
+                        "file is missing or damaged"
+                      : "you may not read formats, lengths and sizes, so they are left out");
     }
     return CTL_OK;
 }
