@@ -29,7 +29,7 @@ LIBRARIES = (
     "gstreamer1.0-alsa", "gstreamer1.0-plugins-base", "gstreamer1.0-plugins-good",
     "libasound2-dev", "libglib2.0-dev",
     "libgstreamer-plugins-base1.0-dev", "libgstreamer1.0-dev", "libgtest-dev", "libjansson-dev",
-    "libsystemd-dev")
+    "libmosquitto-dev", "libsystemd-dev", "libudev-dev")
 
 # Tests that end a process, which the emulator shows: it reports the signal on standard error, and the
 # process cannot start itself again without it.
@@ -77,7 +77,8 @@ class Cross:
         step.run(["git", "clone", "--quiet", "--no-hardlinks", fresh.ROOT, tree])
         step.run(self.enter(
             f"meson setup build-cross --cross-file scripts/cross/{self.architecture}.ini "
-            "-Dtests=enabled -Dwerror=true && ninja -C build-cross", TREE),
+            "-Dtests=enabled -Dwerror=true -Daudiocontrol=enabled -Dmqtt=enabled -Dsystemd=enabled && "
+            "ninja -C build-cross", TREE),
             env=fresh.environment())
 
     def test(self, step):
