@@ -47,7 +47,7 @@ def test_purging_leaves_the_clips_alone():
     for unit in (DAEMON, AUDIOCONTROL, BRIDGE):
         assert not unit.is_active()
     assert run("systemctl", "list-unit-files", "--no-legend").find("sonobrik") < 0
-    left = [str(path) for folder in ("/etc", "/usr", "/var/lib", "/run/systemd")
+    left = [str(path) for folder in ("/etc", "/usr", "/var/lib", "/run")
             for path in pathlib.Path(folder).rglob("*sonobrik*")]
     assert left == []
 
