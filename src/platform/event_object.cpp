@@ -103,6 +103,12 @@ int get_last_sent(sd_bus *, const char *, const char *, const char *, sd_bus_mes
     return sd_bus_message_append(reply, "t", object_of(user_data).last_sent);
 }
 
+int get_now(sd_bus *, const char *, const char *, const char *, sd_bus_message *reply, void *,
+            sd_bus_error *)
+{
+    return sd_bus_message_append(reply, "t", g_get_monotonic_time());
+}
+
 /*
  * Every client may read the properties. A change of `Keys` emits no PropertiesChanged, because the
  * signal `Sent` already carries the new values.
@@ -122,6 +128,7 @@ const sd_bus_vtable vtable[] = {
 const sd_bus_vtable time_vtable[] = {
     SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_PROPERTY("LastSent", "t", get_last_sent, 0, 0),
+    SD_BUS_PROPERTY("Now", "t", get_now, 0, 0),
     SD_BUS_VTABLE_END,
 };
 

@@ -37,7 +37,7 @@ class ClientEvents : public BusTest
                     std::to_string(output->device_output) +
                     (output->playing ? " plays " : " idle ") + output->file_name +
                     (output->file_since ? " since " + std::to_string(output->file_since) : "") +
-                    "\n";
+                    (output->now ? " at " + std::to_string(output->now) : "") + "\n";
         }
         return text;
     }
@@ -69,11 +69,12 @@ TEST_F(ClientEvents, ReadsSinceWhenAFileHasBeenPlaying)
         return sd_bus_reply_method_return(
             call, "a{oa{sa{sv}}}", 2, "/a/1", 2, CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 2,
             TOPIC, "s", "SonoBrik", "topic1", "s", "Playing", CLIENT_TIME_INTERFACE, 1, "LastSent",
-            "t", guint64{3}, "/a/2", 2, CLIENT_TIME_INTERFACE, 1, "LastSent", "t",
-            guint64{12345678901}, CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 3, TOPIC, "s",
-            "SonoBrik", "topic1", "s", "CurrentlyPlaying", "FileName", "s", "/x.wav");
+            "t", guint64{3}, "/a/2", 2, CLIENT_TIME_INTERFACE, 3, "LastSent", "t",
+            guint64{12345678901}, "Other", "t", guint64{1}, "Now", "t", guint64{12345678999},
+            CLIENT_EVENT_INTERFACE, 1, "Keys", "a{sv}", 3, TOPIC, "s", "SonoBrik", "topic1", "s",
+            "CurrentlyPlaying", "FileName", "s", "/x.wav");
     };
-    EXPECT_EQ(list(answer), "0=0.0 idle /x.wav since 12345678901\n");
+    EXPECT_EQ(list(answer), "0=0.0 idle /x.wav since 12345678901 at 12345678999\n");
 }
 
 TEST_F(ClientEvents, SkipsOtherEventsAndInterfaces)

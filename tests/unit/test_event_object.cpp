@@ -100,6 +100,18 @@ TEST_F(EventObjectOnBus, ShowsWhenItWasSentLast)
     EXPECT_LE(sent, g_get_monotonic_time());
 }
 
+TEST_F(EventObjectOnBus, ShowsTheTimeOnItsClock)
+{
+    declare_playing();
+    const gint64 before = g_get_monotonic_time();
+    const std::string text =
+        properties_call("Get", g_variant_new("(ss)", "com.vesk.Events1.Time", "Now"));
+    gint64 now = 0;
+    ASSERT_EQ(sscanf(text.c_str(), "(<uint64 %" G_GINT64_FORMAT, &now), 1) << text;
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, g_get_monotonic_time());
+}
+
 TEST_F(EventObjectOnBus, ShowsAnEventWithoutKeys)
 {
     EventTemplate *made = event_template_new();

@@ -55,11 +55,13 @@ struct EventObject {
     bool is_playing_event; /* `event` is set */
     ClientEvent event;
     guint64 last_sent; /* 0 if unknown */
+    guint64 now;       /* 0 if unknown */
 };
 
 /* Updates the event's output in `outputs`, or adds it. */
-void apply_event(GPtrArray *outputs, const ClientEvent &event, guint64 last_sent)
+void apply_event(GPtrArray *outputs, const EventObject &object)
 {
+    const ClientEvent &event = object.event;
     ClientOutput *output = nullptr;
     for (guint i = 0; i < outputs->len && !output; i++) {
         auto *candidate = static_cast<ClientOutput *>(g_ptr_array_index(outputs, i));
@@ -80,7 +82,8 @@ void apply_event(GPtrArray *outputs, const ClientEvent &event, guint64 last_sent
     } else {
         g_free(output->file_name);
         output->file_name = g_strdup(event.file_name);
-        output->file_since = last_sent;
+        output->file_since = object.last_sent;
+        output->now = object.now;
     }
 }
 
@@ -105,9 +108,12 @@ int read_event(sd_bus_message *m, EventObject *object)
 int read_time(sd_bus_message *m, EventObject *object)
 {
     return client_bus_read_properties(m, [m, object](const char *name, const char *type) {
-        return g_str_equal(name, "LastSent") && g_str_equal(type, "t")
-                   ? sd_bus_message_read(m, "v", "t", &object->last_sent)
-                   : 0;
+        if (!g_str_equal(type, "t")) {
+            return 0;
+        }
+        return g_str_equal(name, "LastSent") ? sd_bus_message_read(m, "v", "t", &object->last_sent)
+               : g_str_equal(name, "Now")    ? sd_bus_message_read(m, "v", "t", &object->now)
+                                             : 0;
     });
 }
 
@@ -126,7 +132,7 @@ int read_interfaces(sd_bus_message *m, GPtrArray *outputs)
                                                           : sd_bus_message_skip(m, "a{sv}");
     });
     if (result >= 0 && object.is_playing_event) {
-        apply_event(outputs, object.event, object.last_sent);
+        apply_event(outputs, object);
     }
     return result;
 }

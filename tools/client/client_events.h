@@ -27,6 +27,7 @@ struct ClientOutput {
     bool playing;
     char *file_name;    /* owned; the current or last file, empty if there was none */
     guint64 file_since; /* when `file_name` was sent, on the monotonic clock in us; 0 if unknown */
+    guint64 now;        /* the time on that clock when the daemon replied; 0 if unknown */
 };
 
 void client_output_free(ClientOutput *output);
