@@ -214,6 +214,20 @@ gboolean audio_clip_on_bus_message(GstBus *bus, GstMessage *message, gpointer us
     }
 }
 
+/*
+ * Drops the messages that the bus watch would ignore. A start posts about 40 of them, and each
+ * would wake the main loop while the streaming threads need the processors. Called on any thread.
+ */
+GstBusSyncReply drop_ignored_message(GstBus *, GstMessage *message, gpointer)
+{
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS ||
+        GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+        return GST_BUS_PASS;
+    }
+    gst_message_unref(message);
+    return GST_BUS_DROP;
+}
+
 /* Chains the next clip. Returns false if none is left to chain. The caller holds both locks. */
 bool chain_next_clip(AudioClip *clip, GstElement *playbin)
 {
@@ -332,6 +346,7 @@ const char *play(AudioClip *clip, const PlayRequest *request, const char *uri)
     if (!bus) {
         return "Could not get pipeline bus."; /* the next stop releases the pipeline */
     }
+    gst_bus_set_sync_handler(bus, drop_ignored_message, nullptr, nullptr);
     clip->bus_watch_id =
         gst_bus_add_watch_full(bus, G_PRIORITY_DEFAULT, audio_clip_on_bus_message, clip, nullptr);
 

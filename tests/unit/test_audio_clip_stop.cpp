@@ -399,6 +399,17 @@ TEST_F(AudioClipBus, IgnoresOtherMessages)
     expect_no_log();
 }
 
+TEST_F(AudioClipBus, WakesTheLoopForErrorsAndTheEndOfTheStreamOnly)
+{
+    start_playing();
+    g_autoptr(GstBus) bus = gst_element_get_bus(fakes.pipeline);
+    queue(gst_message_new_application(GST_OBJECT(fakes.pipeline.load()),
+                                      gst_structure_new_empty("odd")));
+    EXPECT_FALSE(gst_bus_have_pending(bus));
+    queue(end_of_stream(fakes.pipeline));
+    EXPECT_TRUE(gst_bus_have_pending(bus));
+}
+
 TEST_F(AudioClipBus, SeesTheEndOfTheStreamAfterOtherMessages)
 {
     start_playing();
