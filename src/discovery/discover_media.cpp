@@ -7,6 +7,7 @@
 #include "autoptr.h"
 #include "file_utils.h"
 #include "log_level.h"
+#include "source_uri.h"
 
 namespace
 {
@@ -22,9 +23,17 @@ void put_path_into_message(GError *error, const char *name, const char *path)
     error->message = g_string_free(message, FALSE);
 }
 
+void on_source_setup(GstDiscoverer *, GstElement *source, gpointer path)
+{
+    g_autofree char *uri = gst_filename_to_uri(static_cast<const char *>(path), nullptr);
+    if (uri) {
+        source_uri_set(source, uri);
+    }
+}
+
 /*
- * Runs the discoverer on the open file `fd`. `path` is for log lines only. Returns a new reference
- * to the result, or null with a log line.
+ * Runs the discoverer on the open file `fd`. `path` names it in log lines, and its suffix hints at
+ * the format. Returns a new reference to the result, or null with a log line.
  */
 GstDiscovererInfo *probe(int fd, const char *path)
 {
@@ -41,6 +50,8 @@ GstDiscovererInfo *probe(int fd, const char *path)
         g_warning("%sError creating discoverer instance: '%s'.", "", error->message);
         return nullptr;
     }
+    g_signal_connect(discoverer, "source-setup", G_CALLBACK(on_source_setup),
+                     const_cast<char *>(path));
     g_autoptr(GstDiscovererInfo) info = gst_discoverer_discover_uri(discoverer, uri, &error);
     if (!info) {
         /* The message says 'uri', but its argument is the error's text. */
@@ -182,7 +193,7 @@ int open_for_probe(const char *path)
     return fd;
 }
 
-/* Fills `media_info` from the open file `fd`. `path` is for log lines only. */
+/* Fills `media_info` from the open file `fd`, which `path` names. */
 bool describe_file(int fd, const char *path, json_t *media_info)
 {
     g_autoptr(GstDiscovererInfo) info = probe(fd, path);

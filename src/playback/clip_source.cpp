@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "file_utils.h"
+#include "source_uri.h"
 
 namespace
 {
@@ -38,6 +39,7 @@ void clip_source_pin(GstElement *source)
     }
     g_autofree char *path = nullptr;
     g_object_get(source, "location", &path, nullptr);
+    g_autofree char *uri = gst_uri_handler_get_uri(GST_URI_HANDLER(source));
     const int fd = file_utils_open_regular(path, O_PATH);
     if (fd == -1) {
         g_object_set(source, "location", MISSING_PATH, nullptr);
@@ -45,6 +47,7 @@ void clip_source_pin(GstElement *source)
     }
     g_autofree char *pinned_path = g_strdup_printf("/proc/self/fd/%d", fd);
     g_object_set(source, "location", pinned_path, nullptr);
+    source_uri_set(source, uri);
     /* The source opens the path later, so the descriptor lives as long as the source. */
     g_object_set_data_full(G_OBJECT(source), "pinned-file", GINT_TO_POINTER(fd), close_descriptor);
 }

@@ -62,7 +62,7 @@ GstDiscoverer *gst_discoverer_new(GstClockTime timeout, GError **error)
         g_set_error_literal(error, GST_CORE_ERROR, GST_CORE_ERROR_FAILED, fake.new_error->c_str());
         return nullptr;
     }
-    return reinterpret_cast<GstDiscoverer *>(watched_object(G_TYPE_OBJECT));
+    return reinterpret_cast<GstDiscoverer *>(watched_object(GST_TYPE_DISCOVERER));
 }
 
 GstDiscovererInfo *gst_discoverer_discover_uri(GstDiscoverer *, const gchar *uri, GError **error)

@@ -81,6 +81,19 @@ TEST_F(ClipSource, ReadsThePinnedFileWhenThePathBecomesAFifo)
     EXPECT_NE(open_and_close(source), GST_STATE_CHANGE_FAILURE);
 }
 
+/* Its suffix decides which type finders GStreamer tries first. */
+TEST_F(ClipSource, AnswersTheUriOfThePathAfterItIsPinned)
+{
+    g_autoptr(GstElement) source = make_source();
+    clip_source_pin(source);
+    g_autoptr(GstPad) pad = gst_element_get_static_pad(source, "src");
+    g_autoptr(GstQuery) query = gst_query_new_uri();
+    ASSERT_TRUE(gst_pad_query(pad, query));
+    g_autofree char *answer = nullptr;
+    gst_query_parse_uri(query, &answer);
+    EXPECT_STREQ(answer, uri().c_str());
+}
+
 TEST_F(ClipSource, FailsToOpenAFifo)
 {
     replace_by_fifo();

@@ -184,6 +184,21 @@ TEST_F(DiscoverMediaFiles, MulawInWavIsSupported)
     expect_no_log();
 }
 
+/* Trying all of them reads more of the file and takes as long as the rest of the inspection. */
+TEST_F(DiscoverMediaFiles, TypeFindersOfOtherSuffixesAreNotTried)
+{
+    ENCODE_OR_SKIP(path, "a.wav", 44100, 2, "wavenc");
+    static int tried = 0;
+    gst_type_find_register(
+        nullptr, "sonobrik-test", GST_RANK_PRIMARY + 1000, [](GstTypeFind *, gpointer) { tried++; },
+        "odd", nullptr, nullptr, nullptr);
+    EXPECT_EQ(verdict(path), "");
+    EXPECT_EQ(tried, 0);
+    EXPECT_EQ(rename(path.c_str(), dir.path("a.odd").c_str()), 0);
+    EXPECT_EQ(verdict(dir.path("a.odd")), "");
+    EXPECT_EQ(tried, 1);
+}
+
 TEST_F(DiscoverMediaFiles, VorbisIsSupported)
 {
     ENCODE_OR_SKIP(path, "a.ogg", 44100, 2, "vorbisenc ! oggmux");
