@@ -1,16 +1,22 @@
 #pragma once
 
 /*
- * Loads what the first clip needs before it is asked for: GStreamer's plugins and classes for the
- * supported formats. Main thread only.
+ * Does what the first clip needs before it is asked for: loads GStreamer's plugins and classes for
+ * the supported formats, and rehearses a clip. Main thread only.
  */
 
 /*
  * Starts loading, one element per turn of the default main context, whenever nothing else is due.
  * Call it after gst_init(). Skips a plugin that is not installed, without a log line. A request
  * that needs a plugin before it is loaded here loads it itself.
+ *
+ * Then a pipeline prepares a short clip of silence, without a sound device and without playing it.
+ * That binds the functions of the libraries and grows the heap.
  */
 void clip_warm_up_start();
 
-/* Stops loading. What is loaded stays. Does nothing if nothing is left to load. */
+/* Leaves the rehearsal out, because a clip has been played. It would only take processor time. */
+void clip_warm_up_skip_rehearsal();
+
+/* Stops loading and rehearsing. What is loaded stays. Does nothing if nothing is left to do. */
 void clip_warm_up_stop();

@@ -9,6 +9,7 @@
 #include "clip_source.h"
 #include "clip_switch.h"
 #include "clip_volume.h"
+#include "clip_warm_up.h"
 #include "log_level.h"
 #include "playlist.h"
 #include "repeat.h"
@@ -337,6 +338,7 @@ const char *play(AudioClip *clip, const PlayRequest *request, const char *uri)
     if (clip->pipeline) {
         return "Failed to request a pipeline, already playing.";
     }
+    clip_warm_up_skip_rehearsal();
     const char *error = create_pipeline(clip, request, uri);
     if (error) {
         return error;

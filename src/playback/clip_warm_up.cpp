@@ -6,6 +6,7 @@
 #include <gst/pbutils/pbutils.h>
 #include <iterator>
 
+#include "clip_rehearsal.h"
 #include "memory_trim.h"
 
 namespace
@@ -66,6 +67,14 @@ void set_up_resampling(const char *)
                                 GST_AUDIO_FORMAT_S16, 1, 44100, 48000, nullptr));
 }
 
+/* The sink fills its buffer with silence by a function that is compiled when it is first called. */
+void set_up_silence(const char *)
+{
+    gint16 samples[32];
+    gst_audio_format_info_fill_silence(gst_audio_format_get_info(GST_AUDIO_FORMAT_S16), samples,
+                                       sizeof samples);
+}
+
 struct Step {
     void (*load)(const char *name);
     const char *name;
@@ -97,6 +106,7 @@ constexpr Step steps[] = {
     {load_element, "volume"},
     {set_up_resampling, nullptr},
     {load_element, ALSA_SINK},
+    {set_up_silence, nullptr},
     {load_element, "multiqueue"},
     {load_element, "mpegaudioparse"},
     {load_element, "mpg123audiodec"},
@@ -110,6 +120,7 @@ constexpr Step steps[] = {
 
 GSource *source; /* null while nothing is left to load */
 size_t next_step;
+bool skips_rehearsal;
 
 gboolean do_step(gpointer)
 {
@@ -119,7 +130,11 @@ gboolean do_step(gpointer)
         return G_SOURCE_CONTINUE;
     }
     clip_warm_up_stop();
-    memory_trim_later();
+    if (skips_rehearsal) {
+        memory_trim_later();
+    } else {
+        clip_rehearsal_start(memory_trim_later);
+    }
     return G_SOURCE_REMOVE;
 }
 
@@ -131,14 +146,21 @@ void clip_warm_up_start()
         return;
     }
     next_step = 0;
+    skips_rehearsal = false;
     source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_LOW);
     g_source_set_callback(source, do_step, nullptr, nullptr);
     g_source_attach(source, nullptr);
 }
 
+void clip_warm_up_skip_rehearsal()
+{
+    skips_rehearsal = true;
+}
+
 void clip_warm_up_stop()
 {
+    clip_rehearsal_stop();
     if (source) {
         g_source_destroy(source);
         g_source_unref(g_steal_pointer(&source));

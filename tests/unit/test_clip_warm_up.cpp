@@ -3,6 +3,7 @@
 #include <gst/gst.h>
 #include <unistd.h>
 
+#include "clip_rehearsal.h"
 #include "log_test.h"
 #include "memory_trim.h"
 
@@ -25,6 +26,11 @@ constexpr const char *PLUGINS[] = {
 };
 
 int trims;
+
+struct {
+    int starts;
+    int stops;
+} rehearsals;
 
 bool is_loaded(const char *plugin_name)
 {
@@ -68,6 +74,17 @@ class ClipWarmUpDeathTest : public LogTest
 void memory_trim_later()
 {
     trims++;
+}
+
+void clip_rehearsal_start(void (*done)())
+{
+    rehearsals.starts++;
+    done();
+}
+
+void clip_rehearsal_stop()
+{
+    rehearsals.stops++;
 }
 
 TEST_F(ClipWarmUpDeathTest, LoadsThePluginsOfAllFormats)
@@ -142,6 +159,43 @@ TEST_F(ClipWarmUpDeathTest, StopBeforeTheStartAndAfterTheEndDoesNothing)
         clip_warm_up_start();
         run_to_the_end();
         clip_warm_up_stop();
+    });
+}
+
+TEST_F(ClipWarmUpDeathTest, RehearsesOnceAllIsLoaded)
+{
+    in_new_process([] {
+        clip_warm_up_start();
+        while (!is_loaded(LAST_PLUGIN)) {
+            EXPECT_EQ(rehearsals.starts, 0);
+            turn();
+        }
+        run_to_the_end();
+        EXPECT_EQ(rehearsals.starts, 1);
+    });
+}
+
+TEST_F(ClipWarmUpDeathTest, DoesNotRehearseAfterAClip)
+{
+    in_new_process([] {
+        clip_warm_up_start();
+        turn();
+        clip_warm_up_skip_rehearsal();
+        run_to_the_end();
+        EXPECT_TRUE(is_loaded(LAST_PLUGIN));
+        EXPECT_EQ(rehearsals.starts, 0);
+        EXPECT_EQ(trims, 1);
+    });
+}
+
+TEST_F(ClipWarmUpDeathTest, StopsTheRehearsal)
+{
+    in_new_process([] {
+        clip_warm_up_start();
+        run_to_the_end();
+        rehearsals.stops = 0;
+        clip_warm_up_stop();
+        EXPECT_EQ(rehearsals.stops, 1);
     });
 }
 
