@@ -317,6 +317,13 @@ TEST_F(AudioDevices, NoticesAFileThatAHookedFileLoads)
     expect_change("0:0 1:0", [] { write_file("nested", "pcm.audiosink1 { type null }\n"); });
 }
 
+TEST_F(AudioDevices, NoticesAFileOfAHookThatIsWrittenWithAnEscape)
+{
+    write_file("alsa.conf", "\"@hoo\\153s\" [ { func load files [ " + quoted("hooked") +
+                                " ] errors false } ]\npcm.audiosink0 { type null }\n");
+    expect_change("0:0 1:0", [] { write_file("hooked", "pcm.audiosink1 { type null }\n"); });
+}
+
 TEST_F(AudioDevices, NoticesAFileThatAHookOfThePcmsLoads)
 {
     write_file("alsa.conf", "pcm.audiosink0 { type null }\npcm.@hooks [ { func load files [ " +
@@ -480,8 +487,7 @@ TEST_F(AudioDevices, ReadsTheConfigurationThatIsShipped)
 
 TEST_F(AudioDevices, OpensThePcmsThatAreShipped)
 {
-    setenv("ALSA_CONFIG_PATH", (PROJECT_DATA "/alsa/alsa.conf:" + path("alsa.conf")).c_str(),
-           1);
+    setenv("ALSA_CONFIG_PATH", (PROJECT_DATA "/alsa/alsa.conf:" + path("alsa.conf")).c_str(), 1);
     write_file("alsa.conf", "pcm.sysdefault { type null }\n");
     for (const char *name : {"audiosink0", "device0_output0"}) {
         snd_pcm_t *pcm = nullptr;
