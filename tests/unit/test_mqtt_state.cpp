@@ -107,7 +107,8 @@ TEST(MqttState, KeepsTheTimeOfAnOutputThatStillPlays)
                            .device_output = 0,
                            .playing = true,
                            .file_name = const_cast<char *>("/a"),
-                           .file_since = 0};
+                           .file_since = 0,
+                           .now = 0};
     g_autoptr(GPtrArray) outputs = g_ptr_array_new();
     g_ptr_array_add(outputs, &output);
     mqtt_state_set_outputs(&state, outputs, NOW);
