@@ -1,8 +1,8 @@
 /*
- * Benchmarks of what runs in one process and without a bus. They need the sandbox's files: an
- * access to the sound card's configuration, a clip and its record. micro.py runs them.
+ * Benchmarks of steps that run in one process and without a bus. They need the sandbox's files: the
+ * configuration of its sound card, a clip and its record. micro.py runs them.
  *
- * Those called "Floor..." do only the library call in the one above them.
+ * A benchmark called "Floor..." makes only the library call of the one above it.
  */
 
 #include <benchmark/benchmark.h>

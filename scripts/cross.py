@@ -31,8 +31,8 @@ LIBRARIES = (
     "libgstreamer-plugins-base1.0-dev", "libgstreamer1.0-dev", "libgtest-dev", "libjansson-dev",
     "libmosquitto-dev", "libsystemd-dev", "libudev-dev")
 
-# Tests that end a process, which the emulator shows: it reports the signal on standard error, and the
-# process cannot start itself again without it.
+# Tests in which a process is ended by a signal or starts itself again. They fail with the emulator,
+# which reports the signal on standard error and is missing when the process starts again.
 LEFT_OUT = ("AudioClipStop.EndsTheProcess*", "AudioClipUnref.AbortsDuring*",
             "LogRedirect.KeepsTheWordOfALineThatWasMadeFatal",
             "LogRedirect.SaysThatAFatalLineIsFatalAndAborts")

@@ -19,8 +19,7 @@ int mode_play(int argc, char **argv);
  * Starts each program COUNT times, in turn, and ends it. Prints for each the times from process
  * start until it has all NAMEs ("names"), the resident memory in KiB after IDLE-MS more
  * ("resident"), and the times from the first call, which starts a clip with OPTIONS, to the card's
- * first sample
- * ("first").
+ * first sample ("first").
  */
 int mode_start(int argc, char **argv);
 

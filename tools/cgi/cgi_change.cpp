@@ -130,9 +130,9 @@ bool has_gap_below(const GPtrArray *clips, gint32 number)
 }
 
 /*
- * Makes the daemon read the length of a replaced file. It reads that once for each record, so the
- * record is made again. A new record gets the lowest free number, so this is possible only if that
- * is the clip's own.
+ * Makes the daemon read the length of a replaced file. The daemon reads it once for each record, so
+ * the record is removed and added again. A new record gets the lowest free number, so this is
+ * possible only if that is the clip's own.
  */
 CgiOutcome refresh_record(const Store &store, const ClientClip &clip)
 {

@@ -38,7 +38,7 @@ json_t *make_status(const CgiNow &now)
                      make_outputs(now), "revision", now.revision.c_str());
 }
 
-/* Leaves out what a reader can tell from the rest: the page of 1,000 clips is to stay small. */
+/* Leaves out members that follow from the others, to keep the page of 1,000 clips small. */
 json_t *make_clip(const CgiClip &clip)
 {
     const std::string file = client_text_escape(client_clips_relative(clip.location.c_str()));

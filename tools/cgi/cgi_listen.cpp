@@ -19,7 +19,8 @@ struct Type {
     const char *name;
 };
 
-/* The containers that the daemon plays. Browsers recognise MPEG audio, the rest, by its content. */
+/* The containers that the daemon plays. Other files are MPEG audio, which has no fixed beginning.
+ */
 constexpr std::array<Type, 3> TYPES = {{
     {.mark = "OggS", .name = "audio/ogg"},
     {.mark = "RIFF", .name = "audio/wav"},

@@ -8,7 +8,7 @@
 namespace
 {
 
-/* Longer ones are no suffixes but a part of a name that contains a dot. */
+/* What follows the last dot of a name is not a suffix if it is longer than this. */
 constexpr size_t SUFFIX_MAX = 8;
 
 /* Returns where the suffix begins, at its dot, or the size of `name` if there is none. */
@@ -19,7 +19,7 @@ size_t find_suffix(const std::string &name)
                                                                                   : dot;
 }
 
-/* Returns true if the character means something in wildcards, addresses, options or a shell. */
+/* Returns true if the character has a meaning in wildcards, addresses, options or a shell. */
 bool is_special(gunichar c)
 {
     return c < 0x80 && strchr("\"#$%&'*:;<=>?@[]\\^`{|}~!,", static_cast<int>(c));

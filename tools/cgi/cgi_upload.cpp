@@ -24,7 +24,8 @@ namespace
 
 constexpr const char *FOLDER = ".uploads";
 
-/* A file that was not changed for this long belongs to no upload: none waits longer for data. */
+/* A file that was not changed for this long is not being uploaded any more: an upload that gets no
+ * data ends sooner. */
 constexpr time_t STALE_SECONDS = 3600;
 
 /* How many numbers are tried if a file's name is taken. */
@@ -105,10 +106,10 @@ CgiDescriptor open_folder(int clips)
     if (mkdirat(clips, FOLDER, LISTED_BY_THE_GROUP) != 0 && errno != EEXIST) {
         return folder;
     }
-    /* Not through a symbolic link: the file would be somewhere else. */
+    /* Does not follow a symbolic link, which could lead out of the clip folder. */
     folder = CgiDescriptor(openat(clips, FOLDER, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    /* The umask must not lock the daemon out. This fails if another user made the folder, who did
-     * the same then. */
+    /* Whatever the umask is, the daemon needs access. This fails if another user created the
+     * folder, but then that user's upload has already done it. */
     if (folder.is_open()) {
         static_cast<void>(fchmod(folder.get(), S_ISGID | LISTED_BY_THE_GROUP));
     }
@@ -134,7 +135,7 @@ bool move_without_overwriting(int from, const char *old_name, int to, const char
     if (renameat2(from, old_name, to, new_name, RENAME_NOREPLACE) == 0) {
         return true;
     }
-    /* Some file systems, such as that of 9p, know no such renaming. */
+    /* Some file systems, such as 9p, do not support renameat2(). */
     return (errno == EINVAL || errno == ENOSYS) && linkat(from, old_name, to, new_name, 0) == 0 &&
            unlinkat(from, old_name, 0) == 0;
 }
@@ -263,7 +264,7 @@ CgiOutcome CgiUpload::replace(const std::string &location)
     }
     if (renameat(folder.get(), name.c_str(), place.folder.get(), place.name.c_str()) != 0) {
         /* A folder below the clip folder may be another file system. */
-        return errno == EXDEV ? CgiOutcome{CGI_NOT_STORED, "Its folder is another file system."}
+        return errno == EXDEV ? CgiOutcome{CGI_NOT_STORED, "Its folder is on another file system."}
                               : explain(errno);
     }
     name.clear();

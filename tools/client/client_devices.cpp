@@ -54,7 +54,7 @@ int read_interfaces(sd_bus_message *m, GPtrArray *devices)
         g_autoptr(ClientDevice) device = g_new0(ClientDevice, 1);
         device->number = -1;
         r = read_device(m, device);
-        /* What has no number or no name cannot be chosen. */
+        /* Without a number and a name, a device cannot be chosen. */
         if (r >= 0 && device->number >= 0 && device->name && *device->name != '\0') {
             g_ptr_array_add(devices, g_steal_pointer(&device));
         }

@@ -94,7 +94,7 @@ const setupAdding = () => {
         addFiles(get("files").files);
         get("files").value = "";
     });
-    /* Files may be dropped anywhere on the page. Without this, the browser would open them instead. */
+    /* Files may be dropped anywhere on the page. Without this, the browser would open them. */
     document.addEventListener("dragover", (event) => {
         event.preventDefault();
         get("adding").open = true;

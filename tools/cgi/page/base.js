@@ -60,8 +60,8 @@ const request = async (method, fields) => {
 };
 
 /*
- * The message below what plays. `isTrue` tells with each new status whether the message still holds;
- * a success also disappears after 10 s, because the message covers a part of the list.
+ * The message under "Now playing". With each new status, `isTrue` returns whether the message still
+ * applies. A success also disappears after 10 s, because the message covers a part of the list.
  */
 const message = {isTrue: null, timer: 0};
 const showMessage = (text, isBad = false, isTrue = null) => {

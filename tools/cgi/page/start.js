@@ -22,7 +22,7 @@ const start = () => {
     get("stop").addEventListener("click", stop);
     showClips();
     show();
-    /* Removes the parameters from the address, so that a reload does not show an old result again. */
+    /* Removes the parameters from the address, so that a reload does not repeat an old result. */
     history.replaceState(null, "", location.pathname);
     document.addEventListener("visibilitychange", () => document.hidden ? clearTimeout(timers.poll) : refresh());
     timers.poll = setTimeout(refresh, PERIOD);
