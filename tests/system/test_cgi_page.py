@@ -471,6 +471,29 @@ def test_files_are_uploaded_with_a_name_each(shared, web, managing, tmp_path):
     remove_last(shared, driver, before, "My gong")
 
 
+# A combined one, one with a colour, a flag of tags, and one that is newer than many libraries.
+EMOJI = ("Tür 👨\u200d👩\u200d👧 👍🏽 🏴\U000e0067\U000e0062\U000e0073\U000e0063\U000e0074\U000e007f "
+         "\U0001fae9")
+
+
+def test_emoji_are_shown_as_themselves(shared, web, quiet, managing, plain):
+    driver = managing
+    store = Store(shared)
+    before = list_shown(driver)
+    number = store.add_clip(BELL, "Spare")
+    try:
+        wait_until(lambda: list_shown(driver) == [*before, "Spare"], 20, "the clip is shown")
+        find_button(driver, "⋯ Change Spare").click()
+        driver.execute_script("document.getElementById('edit-name').value = arguments[0]", EMOJI)
+        find_button(driver, "Rename").click()
+        wait_until(lambda: list_shown(driver) == [*before, EMOJI], 20, "the clip is renamed")
+        show(plain, web)
+        names = [e.get_attribute("textContent") for e in plain.find_elements(By.TAG_NAME, "h3")]
+        assert names == [*before, EMOJI]
+    finally:
+        store.call("RemoveConfiguration", "(i)", number)
+
+
 def remove_last(shared, driver, before, name):
     find_button(driver, f"⋯ Change {name}").click()
     find_button(driver, "Remove with its file").click()

@@ -13,6 +13,29 @@ TEST(ClientTextEscape, LeavesReadableTextAlone)
     EXPECT_EQ(client_text_escape("می\u200cخواهم 👨\u200d👧"), "می\u200cخواهم 👨\u200d👧");
 }
 
+TEST(ClientTextEscape, LeavesEmojiAlone)
+{
+    const std::string scotland = "🏴\U000e0067\U000e0062\U000e0073\U000e0063\U000e0074\U000e007f";
+    for (const std::string &emoji :
+         {std::string("☎️ 👍🏽 1️⃣ 🇩🇪"), scotland, scotland + scotland,
+          std::string("\U0001faff")}) { /* unassigned in Unicode 16 */
+        EXPECT_EQ(client_text_escape(emoji), emoji);
+    }
+}
+
+TEST(ClientTextEscape, EscapesTagsThatMakeNoFlag)
+{
+    EXPECT_EQ(client_text_escape("🏴\U000e0067"), "🏴\\U000e0067");
+    EXPECT_EQ(client_text_escape("🏴\U000e007f"), "🏴\\U000e007f");
+    EXPECT_EQ(client_text_escape("🏴\U000e0020\U000e007f"), "🏴\\U000e0020\\U000e007f");
+    EXPECT_EQ(client_text_escape("🔔\U000e0067\U000e007f"), "🔔\\U000e0067\\U000e007f");
+    std::string hidden;
+    for (int i = 0; i < 7; i++) {
+        hidden += "\U000e0067";
+    }
+    EXPECT_EQ(client_text_escape("🏴" + hidden + "\U000e007f").size(), 4U + 8U * 10U);
+}
+
 TEST(ClientTextEscape, EscapesControlCharacters)
 {
     EXPECT_EQ(client_text_escape("\x1b[2J\r\n\t\x7f"), "\\x1b[2J\\x0d\\x0a\\x09\\x7f");

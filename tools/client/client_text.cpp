@@ -19,9 +19,47 @@ G_GNUC_PRINTF(1, 2) std::string format(const char *pattern, ...)
 constexpr gunichar ZERO_WIDTH_NON_JOINER = 0x200C;
 constexpr gunichar ZERO_WIDTH_JOINER = 0x200D;
 
+/* Unicode reserves what is unassigned in this range for emoji. Phones know them before GLib does.
+ */
+constexpr gunichar FIRST_PICTURE = 0x1F000;
+constexpr gunichar LAST_PICTURE = 0x1FAFF;
+
+/*
+ * Returns the length in bytes of the invisible tags that make a black flag at the beginning of
+ * `text` that of a region, such as Scotland's: the region's code and an end. Returns 0 if there are
+ * none. Anywhere else, tags could hide text.
+ */
+size_t measure_flag_tags(const char *text)
+{
+    constexpr gunichar BLACK_FLAG = 0x1F3F4;
+    constexpr gunichar TAGS = 0xE0000; /* plus the ASCII character */
+    constexpr gunichar END = 0xE007F;
+    constexpr int CODE_MAX = 6;
+    if (g_utf8_get_char_validated(text, -1) != BLACK_FLAG) {
+        return 0;
+    }
+    const char *const tags = g_utf8_next_char(text);
+    const char *at = tags;
+    for (int i = 0; i <= CODE_MAX; i++) {
+        const gunichar c = g_utf8_get_char_validated(at, -1);
+        if (c == END && i > 0) {
+            return static_cast<size_t>(g_utf8_next_char(at) - tags);
+        }
+        const bool is_code = c > TAGS && c < END && g_ascii_isalnum(static_cast<char>(c - TAGS));
+        if (!is_code) {
+            return 0;
+        }
+        at = g_utf8_next_char(at);
+    }
+    return 0;
+}
+
 bool is_harmless(gunichar c)
 {
     if (c == ZERO_WIDTH_NON_JOINER || c == ZERO_WIDTH_JOINER) {
+        return true;
+    }
+    if (c >= FIRST_PICTURE && c <= LAST_PICTURE) {
         return true;
     }
     switch (g_unichar_type(c)) {
@@ -52,6 +90,7 @@ std::string client_text_escape(const std::string &input)
         }
         const char *next = g_utf8_next_char(text);
         if (is_harmless(c)) {
+            next += measure_flag_tags(text);
             escaped.append(text, next);
         } else {
             escaped += format(c < 0x80 ? "\\x%02x" : c > 0xFFFF ? "\\U%08x" : "\\u%04x", c);
