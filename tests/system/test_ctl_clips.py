@@ -36,7 +36,7 @@ def list_json(shell):
 def test_an_empty_list_says_how_to_add_a_clip(shell, daemon):
     result = shell.run("list")
     assert (result.returncode, result.stdout) == (0, "")
-    assert result.stderr == "sonobrikctl: no clips yet; to add one: sonobrikctl add FILE\n"
+    assert result.stderr == "sonobrikctl: no clips yet; to add one: sonobrikctl add --copy FILE\n"
     assert list_json(shell) == []
 
 
@@ -142,8 +142,8 @@ def test_a_copy_is_readable_by_the_daemon_with_any_umask(shell, sandbox, elsewhe
 def test_a_copy_does_not_overwrite_a_file(shell, sandbox, elsewhere):
     sandbox.write_file("chime.wav", b"precious")
     assert shell.fail(1, "add", "--copy", elsewhere) == [
-        "'/etc/audioclips/chime.wav' already exists and was not overwritten; add that file, or "
-        "rename yours"]
+        "'/etc/audioclips/chime.wav' already exists and was not overwritten; rename your file, "
+        "or replace that one with --replace"]
     assert (sandbox.etc / "audioclips/chime.wav").read_bytes() == b"precious"
 
 
@@ -153,8 +153,10 @@ def test_the_copy_is_removed_if_the_clip_cannot_be_stored(shell, sandbox, elsewh
     shell.fail(4, "add", "--copy", elsewhere)
     sandbox.set_access({"com.vesk.Sonobrik": {"users": "*"}})
     (sandbox.folder / "tmp/notes.txt").write_text("no clip")
-    assert shell.fail(1, "add", "--copy", "/tmp/notes.txt")[0].startswith(
-        "Could not determine the media format")
+    assert shell.fail(1, "add", "--copy", "/tmp/notes.txt") == [
+        "Could not determine the media format of file: '/tmp/notes.txt'",
+        "if it plays elsewhere, convert it to WAV, MP3, Vorbis or Opus, for example: "
+        "ffmpeg -i 'notes.txt' 'notes.wav'"]
     assert os.listdir(sandbox.etc / "audioclips") == []
     assert list_json(shell) == []
 
@@ -340,7 +342,8 @@ def test_check_reports_on_each_file(shell, sandbox, door):
     assert result.stdout.splitlines() == [
         f"{DOOR}: can be played",
         "/etc/audioclips/notes\\x0a.txt: Could not determine the media format of file: "
-        "'/etc/audioclips/notes\\x0a.txt'",
+        "'/etc/audioclips/notes\\x0a.txt'; if it plays elsewhere, convert it to WAV, MP3, Vorbis or "
+        "Opus, for example: ffmpeg -i 'notes\\x0a.txt' 'notes\\x0a.wav'",
         "/no/a.wav: Could not determine the media format of file: '/no/a.wav'; '/no' does not exist"]
     assert (result.returncode, result.stderr) == (1, "")
     assert shell.ok("check", DOOR) == f"{DOOR}: can be played\n"

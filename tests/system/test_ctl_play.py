@@ -63,7 +63,8 @@ def test_a_pattern_plays_a_matching_file(shell, sandbox, player, door):
     shell.ok("play", "--wait", "etc/audioclips/d??r.wav")  # the current folder is /
     assert played(player) == [door.path] * 2
     assert shell.fail(1, "play", "/etc/audioclips/*.mp3") == [
-        "No supported file(s) found at '/etc/audioclips/*.mp3'."]
+        "No supported file(s) found at '/etc/audioclips/*.mp3'.",
+        "to see why a file does not count: sonobrikctl check FILE"]
 
 
 @pytest.mark.parametrize("name", ["a b+c%20&d=e.wav", "[*?].wav", "\n\x1b[2J'\"$(x).wav", "鈴.wav"])
@@ -219,7 +220,7 @@ def test_an_unsupported_format_comes_with_a_way_to_convert_it(shell, sandbox, pl
             f"'{path}' is not supported on this device.",
             "convert it to WAV, MP3, Vorbis or Opus, for example: "
             "ffmpeg -i 'it'\\''s.flac' 'it'\\''s.wav'"]
-    assert "; convert it to WAV" in shell.run("check", path).stdout
+    assert "on this device; convert it to WAV" in shell.run("check", path).stdout
 
 
 # Replacing what plays

@@ -25,6 +25,7 @@ inline constexpr const char *CLIENT_TEXT_BAD_OPTIONS = "Failed to parse/validate
 inline constexpr const char *CLIENT_TEXT_NO_OUTPUT =
     "Error playing clip: Could not set receive pipeline";
 inline constexpr const char *CLIENT_TEXT_NO_FILE = "No supported file(s) found at";
+inline constexpr const char *CLIENT_TEXT_UNKNOWN = "Could not determine the media format of file";
 
 /* The end of the text for a file whose format GStreamer knows and the daemon does not play. */
 inline constexpr const char *CLIENT_TEXT_UNSUPPORTED = "is not supported on this device.";

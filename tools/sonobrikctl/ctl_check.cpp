@@ -36,10 +36,14 @@ int check_file(sd_bus *bus, const char *file)
     }
     bool is_missing = false;
     std::string reason = ctl_file_explain(bus, path.c_str(), &is_missing);
-    if (reason.empty() && g_str_has_suffix(error->message, CLIENT_TEXT_UNSUPPORTED)) {
-        reason = ctl_file_advise_convert(path.c_str());
+    if (reason.empty()) {
+        reason = ctl_file_advise(error->message, path.c_str());
     }
-    print_result(file, error->message + (reason.empty() ? "" : "; " + reason));
+    std::string text = error->message;
+    if (!reason.empty() && text.ends_with('.')) {
+        text.pop_back();
+    }
+    print_result(file, text + (reason.empty() ? "" : "; " + reason));
     return is_missing ? CTL_NO_CLIP : CTL_FAILED;
 }
 

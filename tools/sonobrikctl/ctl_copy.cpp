@@ -84,7 +84,8 @@ sigset_t block_signals()
 void explain_create(const std::string &path)
 {
     if (errno == EEXIST) {
-        ctl_error("'%s' already exists and was not overwritten; add that file, or rename yours",
+        ctl_error("'%s' already exists and was not overwritten; rename your file, or replace that "
+                  "one with --replace",
                   path.c_str());
         return;
     }

@@ -15,6 +15,7 @@
 
 #include "autoptr.h"
 #include "client_bus.h"
+#include "client_error.h"
 #include "client_play.h"
 #include "ctl_driver.h"
 
@@ -251,13 +252,20 @@ std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const c
     return walk.reason;
 }
 
-std::string ctl_file_advise_convert(const char *path)
+std::string ctl_file_advise(const char *error, const char *path)
 {
+    const bool is_unknown = g_str_has_prefix(error, CLIENT_TEXT_UNKNOWN);
+    if (g_str_has_prefix(error, CLIENT_TEXT_NO_FILE) && client_play_has_wildcards(path)) {
+        return "to see why a file does not count: sonobrikctl check FILE";
+    }
+    if (!is_unknown && !g_str_has_suffix(error, CLIENT_TEXT_UNSUPPORTED)) {
+        return "";
+    }
     g_autofree char *name = g_path_get_basename(path);
     const char *dot = strrchr(name, '.');
     const std::string stem(name, dot && dot != name ? dot - name : strlen(name));
     g_autofree char *from = g_shell_quote(name);
     g_autofree char *to = g_shell_quote((stem + ".wav").c_str());
-    return std::string("convert it to WAV, MP3, Vorbis or Opus, for example: ffmpeg -i ") + from +
-           " " + to;
+    return std::string(is_unknown ? "if it plays elsewhere, " : "") +
+           "convert it to WAV, MP3, Vorbis or Opus, for example: ffmpeg -i " + from + " " + to;
 }

@@ -14,8 +14,9 @@
  */
 std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing);
 
-/* Returns a message that shows how to convert the file at `path` to a format of the daemon. */
-std::string ctl_file_advise_convert(const char *path);
+/* Returns what to do about `error`, with which the daemon refuses the file or pattern `path`: a
+ * message that shows how to convert a file, or an empty string. */
+std::string ctl_file_advise(const char *error, const char *path);
 
 /*
  * Does the same as ctl_file_explain() for the given user, whose name the message shows, by the file

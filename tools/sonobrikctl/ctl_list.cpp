@@ -57,7 +57,7 @@ void print_clips(const GPtrArray *clips)
         });
     }
     if (clips->len == 0) {
-        ctl_error("no clips yet; to add one: sonobrikctl add FILE");
+        ctl_error("no clips yet; to add one: sonobrikctl add --copy FILE");
         return;
     }
     ctl_table_print(&table);

@@ -64,11 +64,12 @@ int explain_method(const CtlCall *call, const GError *error)
         return CTL_FAILED;
     }
     bool is_missing = false;
-    const std::string reason = ctl_file_explain(call->bus, call->path, &is_missing);
+    std::string reason = ctl_file_explain(call->bus, call->path, &is_missing);
+    if (reason.empty()) {
+        reason = ctl_file_advise(error->message, call->shown ? call->shown : call->path);
+    }
     if (!reason.empty()) {
         ctl_error("%s", reason.c_str());
-    } else if (g_str_has_suffix(error->message, CLIENT_TEXT_UNSUPPORTED)) {
-        ctl_error("%s", ctl_file_advise_convert(call->shown ? call->shown : call->path).c_str());
     }
     return is_missing ? CTL_NO_CLIP : CTL_FAILED;
 }

@@ -115,7 +115,7 @@ void print_help()
         printf("  %-8s %s%*s %s\n", command.name, command.operands, blanks, "", command.summary);
     }
     printf(
-        "\nCLIP is a clip's number or name. For a command's options: sonobrikctl help COMMAND\n");
+        "\nCLIP is a clip's number, name or file. For a command's options: sonobrikctl help COMMAND\n");
 }
 
 const CtlCommand *find_command(const char *name)
