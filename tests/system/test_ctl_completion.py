@@ -3,6 +3,7 @@
 import os
 import pathlib
 import shlex
+import shutil
 
 import pytest
 from sandbox import Sandbox, Shell, clips
@@ -11,6 +12,8 @@ from sandbox.shell import PROGRAM
 from sandbox.store import Store, write_record
 
 LIBRARY = pathlib.Path("/usr/share/bash-completion/bash_completion")
+
+SEARCH = f"/tmp/bin:{os.path.dirname(PROGRAM)}:/usr/bin:/bin"
 
 # Calls the completion as bash does. The arguments are the words of the line, including their quotes.
 CALL = f"""
@@ -32,6 +35,16 @@ HARM = [
     "!!", "it's", 'say "so"', "two  blanks", "tab'\"mix$", "%s%n", "Tür 鈴", "a=b:c",
 ]
 
+# An ssh that knows two machines: "shop" is this one, and "silent" never answers.
+SSH = """\
+#!/bin/sh
+printf '%s %s %s\\n' "$3" "$SSH_ASKPASS_REQUIRE" "$SSH_ASKPASS" >>/tmp/ssh-calls
+case $3 in
+*shop) exec systemd-stdio-bridge ;;
+*silent) exec sleep 1000 ;;
+esac
+"""
+
 # Names that are not offered: they look like an option or a path, are not unique, are empty, or contain
 # control characters.
 HIDDEN = ["--yes", "/etc/x", "./x", "../x", "line\nbreak", "\x1b[2J", "", "same", "same"]
@@ -49,6 +62,12 @@ def clip_list(tmp_path_factory, build_dir, cache):
             store.write(f"M{number}.json", write_record("/etc/audioclips/a.wav", name, "audio"))
         box.write_clip("a b.wav", clips.noise(480))
         box.write_clip("$(touch harm).wav", clips.noise(480))
+        (box.folder / "tmp/bin").mkdir()
+        (box.folder / "tmp/bin/ssh").write_text(SSH)
+        (box.folder / "tmp/bin/ssh").chmod(0o755)
+        (box.folder / "run/home/.ssh").mkdir()
+        (box.folder / "run/home/.ssh/known_hosts").write_text(
+            "shop.example ssh-ed25519 AAAA\nshow.example ssh-ed25519 AAAA\n")
         box.start_daemon()
         yield Shell(box)
 
@@ -59,7 +78,7 @@ def complete(clip_list):
     def run(*words):
         result = clip_list.sandbox.run(
             ["bash", "--norc", "-c", CALL, "bash", "sonobrikctl", *words],
-            env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin"})
+            env={"PATH": SEARCH})
         assert result.stderr == ""
         assert_unharmed(clip_list.sandbox)
         return result.stdout.split("\0")[:-1]
@@ -74,7 +93,7 @@ def assert_unharmed(sandbox):
 def test_commands_are_offered(complete):
     assert sorted(complete("")) == sorted([
         "add", "check", "help", "list", "monitor", "outputs", "play", "remove", "rename", "status",
-        "stop", "sync", "--help", "--version"])
+        "stop", "sync", "--help", "--host", "--version"])
     assert complete("re") == ["remove", "rename"]
     assert complete("$(touch /tmp/harm)") == []
 
@@ -86,7 +105,7 @@ def test_commands_are_offered(complete):
     (["play", "--repeat", "f"], ["forever"]),
     (["help", "pl"], ["play"]),
     (["help", "play", ""], []),
-    (["list", "-"], ["--help", "--json", "--names"]),
+    (["list", "-"], ["--help", "--host", "--json", "--names"]),
     (["add", "--c"], ["--copy"]),
     (["remove", "--y"], ["--yes"]),
     (["monitor", "--j"], ["--json"]),
@@ -156,10 +175,63 @@ def test_files_are_offered_for_file_arguments(complete):
     assert "/etc/audioclips/$(touch harm).wav" in complete("check", "/etc/audioclips/")
 
 
+# Another machine
+
+
+@pytest.fixture
+def calls(clip_list):
+    """Returns the machines that were asked through ssh, and what it may ask with."""
+    file = clip_list.sandbox.folder / "tmp/ssh-calls"
+    file.unlink(missing_ok=True)
+    return lambda: file.read_text().splitlines() if file.exists() else []
+
+
+needs_bridge = pytest.mark.skipif(not shutil.which("systemd-stdio-bridge"),
+                                  reason="needs systemd-stdio-bridge")
+
+ASKS_NOTHING = ["shop force false"]
+
+
+@pytest.mark.parametrize("words, offered", [
+    (["--host", "sho"], ["shop.example", "show.example"]),
+    (["-H", "shop"], ["shop.example"]),
+    (["--host=shop"], ["shop.example"]),
+    (["play", "--host", "shop"], ["shop.example"]),
+    (["play", "--host", "root@shop"], ["root@shop.example"]),
+    (["--host", "shop", "ren"], ["rename"]),
+    (["--host=shop", "ren"], ["rename"]),
+    (["--host", "shop", "list", "--na"], ["--names"]),
+    (["--host", "shop", "play", "/etc/audioclips/a"], []),
+    (["add", "-H", "shop", "/etc/audioclips/a"], []),
+])
+def test_machines_are_offered_and_not_taken_for_operands(complete, calls, words, offered):
+    assert sorted(set(complete(*words))) == offered
+    assert calls() == []
+
+
+@needs_bridge
+@pytest.mark.parametrize("words", [
+    ["--host", "shop", "play", "Front y"], ["--host=shop", "play", "Front y"],
+    ["play", "--host", "shop", "Front y"], ["remove", "-H", "'shop'", "Front y"],
+    ["rename", "--host", "other", "--host=shop", "Front y"],
+])
+def test_names_come_from_the_other_machine(complete, calls, words):
+    words[-1] = "Front\\ y"
+    assert complete(*words) == ["Front\\ yard"]
+    assert calls() == ASKS_NOTHING
+
+
+@pytest.mark.parametrize("machine", ["-oProxyCommand=touch /tmp/harm", "$(touch /tmp/harm)", "silent",
+                                     "nowhere"])
+def test_a_machine_that_does_not_answer_offers_nothing(complete, machine):
+    assert complete("--host", shlex.quote(machine), "play", "") == []
+    assert complete("--host", machine, "rename", "") == []
+
+
 def test_without_a_daemon_nothing_is_offered(complete, clip_list):
     result = clip_list.sandbox.run(
         ["bash", "--norc", "-c", CALL, "bash", "sonobrikctl", "remove", ""],
-        env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin",
+        env={"PATH": SEARCH,
              "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/tmp/no"})
     assert (result.stdout, result.stderr) == ("", "")
 
@@ -199,7 +271,7 @@ def complete_in_fish(clip_list):
         script = f"source {ROOT}/data/fish-completion/sonobrikctl.fish; complete -C $argv[1]"
         result = clip_list.sandbox.run(
             ["fish", "--no-config", "-c", script, line],
-            env={"PATH": f"{os.path.dirname(PROGRAM)}:/usr/bin:/bin", "HOME": "/tmp"})
+            env={"PATH": SEARCH, "HOME": "/run/home"})
         assert result.stderr == ""
         assert_unharmed(clip_list.sandbox)
         return [offer.split("\t")[0] for offer in result.stdout.splitlines()]
@@ -229,8 +301,37 @@ def test_fish_offers_every_option_of_every_command(clip_list, complete_in_fish):
             assert offered == options, command
 
 
+@has("fish")
+def test_fish_offers_machines(complete_in_fish, calls):
+    assert complete_in_fish("sonobrikctl --host shop") == ["shop.example"]
+    assert complete_in_fish("sonobrikctl play -H shop") == ["shop.example"]
+    assert complete_in_fish("sonobrikctl play -H root@shop") == ["root@shop.example"]
+    assert complete_in_fish("sonobrikctl --host shop ren") == ["rename"]
+    assert complete_in_fish("sonobrikctl --host shop check /etc/audioclips/a") == []
+    assert complete_in_fish("sonobrikctl --host silent remove ") == []
+    assert calls() == ["silent force false"]
+
+
+@has("fish")
+@needs_bridge
+@pytest.mark.parametrize("line", [
+    "--host shop play Front", "--host=shop remove Front", "rename -H shop Front"])
+def test_fish_offers_the_names_of_the_other_machine(complete_in_fish, calls, line):
+    assert complete_in_fish(f"sonobrikctl {line}") == ["Front door", "Front yard"]
+    assert set(calls()) == set(ASKS_NOTHING)
+
+
 @has("zsh")
 @pytest.mark.parametrize("typed, run", [
+    ("--host shop.\t", "sonobrikctl --host shop.example"),
+    ("play -H root@shop.\t", "sonobrikctl play -H root@shop.example"),
+    ("--host=shop.\t", "sonobrikctl --host=shop.example"),
+    ("--host shop ren\t", "sonobrikctl --host shop rename"),
+    pytest.param("--host shop remove Front\\ y\t", "sonobrikctl --host shop remove Front\\ yard",
+                 marks=needs_bridge),
+    pytest.param("rename --host=shop Front\\ y\t", "sonobrikctl rename --host=shop Front\\ yard",
+                 marks=needs_bridge),
+    ("check --host shop /etc/audioclips/a\t", "sonobrikctl check --host shop /etc/audioclips/a"),
     ("ren\tFro\tyar\t", "sonobrikctl rename Front\\ yard"),
     ("play --rep\tl\t", "sonobrikctl play --replace"),
     ("help sta\t", "sonobrikctl help status"),
@@ -239,12 +340,12 @@ def test_fish_offers_every_option_of_every_command(clip_list, complete_in_fish):
 ])
 def test_zsh_completes_commands_options_and_names(clip_list, typed, run):
     # Prints the line instead of running it.
-    setup = ("PS1='rea''dy> '; export PATH=" + os.path.dirname(PROGRAM) + ":/usr/bin:/bin; "
+    setup = ("PS1='rea''dy> '; export PATH=" + SEARCH + "; "
              f"fpath=({ROOT}/data/zsh-completion $fpath); autoload -U compinit; compinit -u -D; "
              "show() { print -r -- \"line:${BUFFER% }:\"; exit }; zle -N show; bindkey '^X' show\n")
     output, status = clip_list.on_terminal(
         command=["zsh", "-f", "-i"], columns=200,
         steps=[("% " if os.getuid() else "# ", setup), ("ready> ", f"sonobrikctl {typed}\x18")],
-        env={"HOME": "/tmp", "LANG": "C.UTF-8"})
+        env={"HOME": "/run/home", "LANG": "C.UTF-8"})
     assert f"line:{run}:" in output, output
     assert_unharmed(clip_list.sandbox)

@@ -47,6 +47,11 @@ bool means_no_daemon(std::string_view name)
     });
 }
 
+bool is_disconnect(int reason)
+{
+    return reason == -ECONNRESET || reason == -ENOTCONN || reason == -EPIPE;
+}
+
 ClientErrorCode code_of(int reason, std::string_view name)
 {
     if (name == SD_BUS_ERROR_ACCESS_DENIED) {
@@ -61,7 +66,7 @@ ClientErrorCode code_of(int reason, std::string_view name)
     if (name.starts_with("com.vesk.")) {
         return CLIENT_ERROR_METHOD;
     }
-    if (reason == -ECONNRESET || reason == -ENOTCONN || reason == -EPIPE) {
+    if (is_disconnect(reason)) {
         return CLIENT_ERROR_NO_BUS;
     }
     return CLIENT_ERROR_REPLY;
@@ -79,6 +84,29 @@ sd_bus *client_bus_open(GError **error)
     }
     sd_bus_set_method_call_timeout(bus, NO_LIMIT);
     return bus;
+}
+
+sd_bus *client_bus_open_remote(const char *machine, GError **error)
+{
+    g_autofree char *ssh = g_find_program_in_path("ssh");
+    if (!ssh) {
+        g_set_error_literal(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS, CLIENT_TEXT_NO_SSH);
+        return nullptr;
+    }
+    g_autoptr(sd_bus) bus = nullptr;
+    int r = sd_bus_open_system_remote(&bus, machine);
+    if (r >= 0) {
+        /* Opening does not wait for ssh. Waits here, so that a failed login fails here too. */
+        const char *name = nullptr;
+        r = sd_bus_get_unique_name(bus, &name);
+    }
+    if (r < 0) {
+        g_set_error_literal(error, CLIENT_ERROR, CLIENT_ERROR_NO_BUS,
+                            is_disconnect(r) ? "ssh did not connect" : g_strerror(-r));
+        return nullptr;
+    }
+    sd_bus_set_method_call_timeout(bus, NO_LIMIT);
+    return g_steal_pointer(&bus);
 }
 
 void client_bus_set_limit(sd_bus *bus, guint seconds)

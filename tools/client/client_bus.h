@@ -30,6 +30,13 @@ extern const ClientInterface CLIENT_LEGACY;
 sd_bus *client_bus_open(GError **error);
 
 /*
+ * Does the same for the system bus of `machine`, "[USER@]HOST[:PORT]", over ssh. Returns when the
+ * connection is established. ssh may ask questions on the terminal, and prints its errors to
+ * standard error.
+ */
+sd_bus *client_bus_open_remote(const char *machine, GError **error);
+
+/*
  * Limits how long each later client_bus_call() on `bus` waits. A call that takes longer fails with
  * CLIENT_ERROR_TIMEOUT, but the daemon may still carry it out.
  */

@@ -27,5 +27,8 @@ inline constexpr const char *CLIENT_TEXT_NO_OUTPUT =
 inline constexpr const char *CLIENT_TEXT_NO_FILE = "No supported file(s) found at";
 inline constexpr const char *CLIENT_TEXT_UNKNOWN = "Could not determine the media format of file";
 
+/* The text of CLIENT_ERROR_NO_BUS if this machine has no ssh. */
+inline constexpr const char *CLIENT_TEXT_NO_SSH = "ssh is not installed";
+
 /* The end of the text for a file whose format GStreamer knows and the daemon does not play. */
 inline constexpr const char *CLIENT_TEXT_UNSUPPORTED = "is not supported on this device.";

@@ -16,6 +16,7 @@
 #include "ctl_ask.h"
 #include "ctl_clips.h"
 #include "ctl_copy.h"
+#include "ctl_host.h"
 #include "ctl_limit.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
@@ -97,19 +98,31 @@ std::string default_name(const std::string &location)
     return name;
 }
 
+/* Returns the location of a file on another machine, whose links are not known; empty if it is not
+ * under the clip folder. */
+std::string find_remote_location(const char *path)
+{
+    const char *relative = client_clips_relative(path);
+    return relative == path || strstr(path, "/../") ? "" : path;
+}
+
 /* Makes the file at `path` part of the job. Returns the exit status, with an error printed. */
 int take_file(Job *job, const char *path)
 {
     int status = CTL_OK;
-    if (!check_exists(path, &status)) {
+    if (!ctl_host() && !check_exists(path, &status)) {
         return status;
     }
     const Options &options = *job->options;
     File file = {.path = ctl_clips_absolute(path), .location = "", .name = ""};
-    file.location = find_location(file.path.c_str());
+    file.location = ctl_host() ? find_remote_location(path) : find_location(file.path.c_str());
     file.name = options.name ? options.name : default_name(file.path);
     if (file.location.empty() && !options.is_copying) {
         ctl_error("'%s' is not under %s", path, CLIENT_CLIP_FOLDER);
+        if (ctl_host()) {
+            ctl_error("copy it there first, for example with scp");
+            return CTL_USAGE;
+        }
         ctl_error("move it there, or let sonobrikctl copy it: sonobrikctl add --copy FILE");
         return CTL_USAGE;
     }
@@ -156,9 +169,23 @@ int take_folder(Job *job, const char *folder)
 int take_operands(Job *job, char **operands)
 {
     int status = CTL_OK;
+    if (ctl_host() && job->options->is_copying) {
+        ctl_error("--copy cannot be combined with --host; copy the file to '%s' first, for example "
+                  "with scp",
+                  ctl_host());
+        return CTL_USAGE;
+    }
     for (char **operand = operands; *operand && status == CTL_OK; operand++) {
-        status = g_file_test(*operand, G_FILE_TEST_IS_DIR) ? take_folder(job, *operand)
-                                                           : take_file(job, *operand);
+        if (!ctl_host_check_path(*operand)) {
+            return CTL_USAGE;
+        }
+        if (ctl_host() && g_str_has_suffix(*operand, "/")) {
+            ctl_error("'%s' is a directory; with --host, name its files", *operand);
+            return CTL_USAGE;
+        }
+        status = !ctl_host() && g_file_test(*operand, G_FILE_TEST_IS_DIR)
+                     ? take_folder(job, *operand)
+                     : take_file(job, *operand);
     }
     if (status == CTL_OK && job->options->name && job->files.size() > 1) {
         ctl_error("--name is for one file, not for %zu", job->files.size());

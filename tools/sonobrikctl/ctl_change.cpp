@@ -10,6 +10,7 @@
 #include "client_bus.h"
 #include "ctl_ask.h"
 #include "ctl_clips.h"
+#include "ctl_host.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
 
@@ -135,7 +136,13 @@ int ctl_remove(const CtlCommand *command, char **words)
         ctl_options_flag("yes", 'y', "Do not ask for confirmation", &is_sure),
         {},
     };
-    const auto check = [&is_sure](char **) {
+    const auto check = [&is_sure, &with_file](char **) {
+        if (with_file && ctl_host()) {
+            ctl_error(
+                "--file deletes files of this machine only; with --host, delete the file there, "
+                "over ssh");
+            return CTL_USAGE;
+        }
         if (is_sure || ctl_ask_possible()) {
             return CTL_OK;
         }

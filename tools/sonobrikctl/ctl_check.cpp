@@ -1,11 +1,13 @@
 #include "ctl.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "client_bus.h"
 #include "client_text.h"
 #include "ctl_clips.h"
 #include "ctl_file.h"
+#include "ctl_host.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
 
@@ -66,5 +68,9 @@ int check_files(sd_bus *bus, char **files)
 
 int ctl_check(const CtlCommand *command, char **words)
 {
-    return ctl_options_run(command, words, nullptr, nullptr, check_files);
+    const auto check_paths = [](char **files) {
+        return std::all_of(files, files + g_strv_length(files), ctl_host_check_path) ? CTL_OK
+                                                                                     : CTL_USAGE;
+    };
+    return ctl_options_run(command, words, nullptr, check_paths, check_files);
 }

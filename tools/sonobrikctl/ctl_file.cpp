@@ -18,6 +18,7 @@
 #include "client_error.h"
 #include "client_play.h"
 #include "ctl_driver.h"
+#include "ctl_host.h"
 
 namespace
 {
@@ -26,6 +27,9 @@ constexpr int MAX_LINKS = 40; /* the limit of the kernel */
 
 /* The folders that are empty for the daemon because of its systemd unit. */
 constexpr std::array HIDDEN = {"/home/", "/root/", "/run/user/", "/tmp/", "/var/tmp/"};
+
+constexpr const char *HIDDEN_REASON =
+    "the daemon cannot see /home or /tmp (systemd sandbox); put clips under /etc/audioclips";
 
 struct User {
     uid_t uid;
@@ -213,6 +217,9 @@ std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
     uid_t uid = 0;
     std::vector<gid_t> gids;
     *is_missing = false;
+    if (ctl_host()) {
+        return is_hidden(path) ? HIDDEN_REASON : "";
+    }
     if (!find_daemon_user(bus, &uid, &gids)) {
         return "";
     }
@@ -223,8 +230,7 @@ std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
     const std::string name = user ? user->pw_name : std::to_string(uid);
     std::string reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
     if (reason.empty() && is_hidden(path)) {
-        return "the daemon cannot see /home or /tmp (systemd sandbox); put clips under "
-               "/etc/audioclips";
+        return HIDDEN_REASON;
     }
     return reason;
 }

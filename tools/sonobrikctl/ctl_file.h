@@ -9,8 +9,8 @@
 
 /*
  * Returns why the daemon cannot play the file at `path`, or any file that matches the pattern
- * `path`, as a message for the user. Returns an empty string if no reason is found. `path` is
- * absolute. Sets `is_missing` if there is no such file.
+ * `path`, as a message for the user. Returns an empty string if no reason is found; with --host,
+ * only the path is checked. `path` is absolute. Sets `is_missing` if there is no such file.
  */
 std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing);
 

@@ -4,6 +4,7 @@
 
 #include "autoptr.h"
 #include "client_clips.h"
+#include "ctl_host.h"
 #include "ctl_say.h"
 
 namespace
@@ -34,7 +35,7 @@ gint64 read_limit()
 
 bool ctl_limit_explain(sd_bus *bus)
 {
-    const gint64 limit = read_limit();
+    const gint64 limit = ctl_host() ? 0 : read_limit();
     g_autoptr(GPtrArray) clips = client_clips_list(bus, false, nullptr);
     if (limit <= 0 || !clips) {
         return false;

@@ -10,6 +10,7 @@
 #include "client_bus.h"
 #include "client_text.h"
 #include "ctl_clips.h"
+#include "ctl_host.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
@@ -20,12 +21,12 @@ namespace
 
 /*
  * Returns the format of a clip's file, such as "ogg/vorbis" for the media types "application/ogg"
- * and "audio/x-vorbis". Checks whether the file exists, because the daemon keeps the metadata of a
- * file that has been deleted.
+ * and "audio/x-vorbis". Checks whether the file exists if it is on this machine, because the daemon
+ * keeps the metadata of a file that has been deleted.
  */
 std::string describe_format(const ClientClip &clip)
 {
-    if (!clip.file_name && access(clip.location, F_OK) < 0 && errno == ENOENT) {
+    if (!ctl_host() && !clip.file_name && access(clip.location, F_OK) < 0 && errno == ENOENT) {
         return "no file";
     }
     std::string text;
@@ -57,7 +58,8 @@ void print_clips(const GPtrArray *clips)
         });
     }
     if (clips->len == 0) {
-        ctl_error("no clips yet; to add one: sonobrikctl add --copy FILE");
+        ctl_error("no clips yet; to add one: %s",
+                  ctl_host_self(ctl_host() ? "add FILE" : "add --copy FILE").c_str());
         return;
     }
     ctl_table_print(&table);

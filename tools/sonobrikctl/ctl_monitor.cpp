@@ -11,6 +11,7 @@
 #include "client_events.h"
 #include "client_text.h"
 #include "ctl_driver.h"
+#include "ctl_host.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
@@ -152,7 +153,8 @@ int on_owner(sd_bus_message *signal, void *, sd_bus_error *)
 
 int on_bus_lost(sd_bus_message *, void *data, sd_bus_error *)
 {
-    ctl_error("lost the connection to the system bus");
+    ctl_error("lost the connection to the system bus%s",
+              ctl_host() ? (std::string(" of '") + ctl_host() + "'").c_str() : "");
     return sd_event_exit(static_cast<const Monitor *>(data)->event, CTL_AWAY);
 }
 

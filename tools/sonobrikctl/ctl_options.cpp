@@ -1,6 +1,7 @@
 #include "ctl_options.h"
 
 #include "client_bus.h"
+#include "ctl_host.h"
 #include "ctl_say.h"
 
 namespace
@@ -10,7 +11,10 @@ namespace
 char **read_operands(const CtlCommand *command, char **words, const GOptionEntry *entries)
 {
     g_auto(GStrv) operands = nullptr;
-    const GOptionEntry rest[] = {
+    g_autofree char *host = nullptr;
+    const GOptionEntry common[] = {
+        ctl_options_value("host", 'H', "Use the daemon of another machine, over ssh",
+                          "[USER@]MACHINE", &host),
         {
             .long_name = G_OPTION_REMAINING,
             .short_name = 0,
@@ -26,15 +30,15 @@ char **read_operands(const CtlCommand *command, char **words, const GOptionEntry
     g_set_prgname(program);
     g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
     g_option_context_set_summary(context, command->summary);
-    g_option_context_add_main_entries(context, rest, nullptr);
     if (entries) {
         g_option_context_add_main_entries(context, entries, nullptr);
     }
+    g_option_context_add_main_entries(context, common, nullptr);
     g_auto(GStrv) arguments = g_strdupv(words);
     g_autoptr(GError) error = nullptr;
     if (!g_option_context_parse_strv(context, &arguments, &error)) {
         ctl_error("%s", error->message);
-    } else {
+    } else if (ctl_host_set(host)) {
         const guint count = operands ? g_strv_length(operands) : 0;
         if (count >= command->min_operands && count <= command->max_operands) {
             return operands ? g_steal_pointer(&operands) : g_new0(char *, 1);
@@ -87,7 +91,8 @@ int ctl_options_run(const CtlCommand *command, char **words, const GOptionEntry 
         return status;
     }
     g_autoptr(GError) error = nullptr;
-    g_autoptr(sd_bus) bus = client_bus_open(&error);
+    g_autoptr(sd_bus) bus =
+        ctl_host() ? client_bus_open_remote(ctl_host(), &error) : client_bus_open(&error);
     return bus ? action(bus, operands) : ctl_explain_bus(error);
 }
 

@@ -27,9 +27,9 @@ using CtlCheck = std::function<int(char **operands)>;
 using CtlAction = std::function<int(sd_bus *bus, char **operands)>;
 
 /*
- * Runs `command`: parses `words` by `entries`, which end with an empty entry and may be null,
- * checks the number of operands, calls `check` unless it is empty, connects to the bus and calls
- * `action`. Returns the exit status; every failure has printed an error. Exits after --help.
+ * Runs `command`: parses `words` by `entries`, which end with an empty entry and may be null, and
+ * --host, checks the number of operands, calls `check` unless it is empty, connects to the bus and
+ * calls `action`. Returns the exit status; every failure has printed an error. Exits after --help.
  */
 int ctl_options_run(const CtlCommand *command, char **words, const GOptionEntry *entries,
                     const CtlCheck &check, const CtlAction &action);

@@ -9,6 +9,7 @@
 #include "client_text.h"
 #include "ctl.h"
 #include "ctl_driver.h"
+#include "ctl_host.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
@@ -48,9 +49,15 @@ void add_unplugged(GPtrArray *outputs, const GPtrArray *devices)
     }
 }
 
+/* Returns the card of an output; empty with --host, because ALSA knows this machine's only. */
+CtlCard find_card(gint32 output)
+{
+    return ctl_host() ? CtlCard{} : ctl_outputs_card(output);
+}
+
 bool is_unplugged(const ClientOutput &output)
 {
-    return output.device_output == NO_OUTPUT || ctl_outputs_card(output.output).is_missing;
+    return output.device_output == NO_OUTPUT || find_card(output.output).is_missing;
 }
 
 const char *describe_state(const ClientOutput &output)
@@ -151,7 +158,7 @@ int ctl_outputs_list(sd_bus *bus, GPtrArray **outputs)
 std::string ctl_outputs_name(const GPtrArray *devices, gint32 output)
 {
     const ClientDevice *device = client_devices_get(devices, output);
-    return device ? device->name : ctl_outputs_card(output).name;
+    return device ? device->name : find_card(output).name;
 }
 
 int ctl_outputs(const CtlCommand *command, char **words)

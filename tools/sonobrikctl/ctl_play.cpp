@@ -11,6 +11,7 @@
 #include "client_events.h"
 #include "client_play.h"
 #include "ctl_clips.h"
+#include "ctl_host.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
 #include "ctl_wait.h"
@@ -19,6 +20,7 @@ namespace
 {
 
 constexpr gint32 NO_CLIP = -1;
+constexpr const char *READ_LOG = "journalctl -t sonobrik";
 
 /* What to play. */
 struct Target {
@@ -71,10 +73,12 @@ bool read_numbers(const Options &options, ClientPlay *play)
                               &play->device_output);
 }
 
-bool exists(const char *path)
+/* Returns true if there is such a file, or if there may be one on another machine; there, a path
+ * with wildcards is taken for a pattern. */
+bool may_exist(const char *path)
 {
     struct stat found = {};
-    return lstat(path, &found) == 0;
+    return ctl_host() ? !client_play_has_wildcards(path) : lstat(path, &found) == 0;
 }
 
 bool is_path(const char *text)
@@ -82,12 +86,17 @@ bool is_path(const char *text)
     return *text == '/' || g_str_has_prefix(text, "./") || g_str_has_prefix(text, "../");
 }
 
-/* Makes a file or a pattern the target. Prints an error and returns false for a folder. */
+/* Makes a file or a pattern the target. Prints an error and returns false for a folder, and for a
+ * relative path with --host. */
 bool use_file(const char *text, Target *target, int *status)
 {
+    if (!ctl_host_check_path(text)) {
+        *status = CTL_USAGE;
+        return false;
+    }
     target->location = ctl_clips_absolute(text);
     target->label = text;
-    if (g_file_test(text, G_FILE_TEST_IS_DIR)) {
+    if (!ctl_host() && g_file_test(text, G_FILE_TEST_IS_DIR)) {
         ctl_error("'%s' is a directory; to play a random file in it: sonobrikctl play '%s%s*'",
                   text, text, g_str_has_suffix(text, "/") ? "" : "/");
         *status = CTL_USAGE;
@@ -121,13 +130,14 @@ int explain_options(sd_bus *bus, const ClientPlay &play)
     const std::optional<std::string> outputs = list_outputs(bus);
     if (outputs && outputs->empty()) {
         ctl_error("there is no audio output");
-        ctl_error("check that a sound card is present: aplay -l");
+        ctl_error("check that a sound card is present: %s", ctl_host_command("aplay -l").c_str());
     } else if (play.output != CLIENT_NOT_GIVEN) {
         ctl_error("there is no output %" G_GINT64_FORMAT "%s%s", play.output,
                   outputs ? "; the outputs are: " : "", outputs ? outputs->c_str() : "");
-        ctl_error("for more about them: sonobrikctl outputs");
+        ctl_error("for more about them: %s", ctl_host_self("outputs").c_str());
     } else {
-        ctl_error("the daemon rejects the request; for details: journalctl -t sonobrik");
+        ctl_error("the daemon rejects the request; for details: %s",
+                  ctl_host_command(READ_LOG).c_str());
     }
     return CTL_FAILED;
 }
@@ -144,18 +154,21 @@ bool has_no_card()
 int explain_output(const GError *error)
 {
     ctl_error("%s", error->message);
-    ctl_error(has_no_card()
-                  ? "this machine has no sound card, or its driver is not loaded; to list "
-                    "the cards: aplay -l"
-                  : "the output may be unplugged or in use by another program; for "
-                    "details: journalctl -t sonobrik");
+    if (!ctl_host() && has_no_card()) {
+        ctl_error("this machine has no sound card, or its driver is not loaded; to list the cards: "
+                  "aplay -l");
+    } else {
+        ctl_error("the output may be unplugged or in use by another program; for details: %s",
+                  ctl_host_command(READ_LOG).c_str());
+    }
     return CTL_FAILED;
 }
 
 int explain_failure(const CtlCall &call, const Target &target, const GError *error)
 {
-    const bool is_missing = target.number >= 0 && error->code == CLIENT_ERROR_METHOD &&
-                            !exists(target.location.c_str()) && errno == ENOENT;
+    const bool is_missing = !ctl_host() && target.number >= 0 &&
+                            error->code == CLIENT_ERROR_METHOD &&
+                            !may_exist(target.location.c_str()) && errno == ENOENT;
     if (is_missing) {
         ctl_error("the file of clip %d is missing: '%s'", target.number, target.location.c_str());
         ctl_error("restore it, or remove the clip: sonobrikctl remove %d", target.number);
@@ -165,7 +178,8 @@ int explain_failure(const CtlCall &call, const Target &target, const GError *err
      * SupportedFile does. */
     g_autoptr(GError) reason = nullptr;
     if (error->code == CLIENT_ERROR_METHOD &&
-        g_str_has_prefix(error->message, CLIENT_TEXT_NO_FILE) && exists(target.location.c_str()) &&
+        g_str_has_prefix(error->message, CLIENT_TEXT_NO_FILE) &&
+        may_exist(target.location.c_str()) &&
         !ctl_clips_is_supported(call.bus, target.location.c_str(), &reason) &&
         reason->code == CLIENT_ERROR_METHOD) {
         return ctl_explain(&call, reason);
@@ -213,8 +227,8 @@ bool find_target(sd_bus *bus, const char *text, bool with_length, Target *target
     }
     const bool is_clip =
         client_clips_find(clips, text, nullptr) || ctl_clips_find_name(clips, text, NO_CLIP);
-    if (!is_clip &&
-        (exists(text) || (client_play_has_wildcards(text) && !ctl_clips_find_file(clips, text)))) {
+    if (!is_clip && ((!ctl_host() && may_exist(text)) ||
+                     (client_play_has_wildcards(text) && !ctl_clips_find_file(clips, text)))) {
         return use_file(text, target, status);
     }
     const ClientClip *clip = ctl_clips_find(clips, text, status);
@@ -264,7 +278,7 @@ int make_way(sd_bus *bus, const Target &target, const ClientPlay &play)
         return explain_options(bus, play);
     }
     const char *path = target.location.c_str();
-    const bool is_pattern = client_play_has_wildcards(path) && !exists(path);
+    const bool is_pattern = client_play_has_wildcards(path) && !may_exist(path);
     if (!is_pattern && !ctl_clips_is_supported(bus, path, &error)) {
         return explain_failure(ctl_clips_supported_call(bus, path), target, error);
     }
@@ -286,6 +300,36 @@ int explain_refusal(const CtlCall &call, const Target &target, const ClientPlay 
         }
     }
     return explain_failure(call, target, error);
+}
+
+/*
+ * Stops the clip over another connection. Ctrl-C on a terminal reaches ssh too, which may end
+ * before the stop has passed through it.
+ */
+int stop_again()
+{
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(sd_bus) bus = client_bus_open_remote(ctl_host(), &error);
+    if (!bus) {
+        return ctl_explain_bus(error);
+    }
+    const CtlCall call = ctl_wait_stop_call(bus);
+    GError *failure = nullptr;
+    sd_bus_message *stop = client_bus_new_call(bus, call.interface, call.method, &failure, "s", "");
+    return ctl_send(&call, stop, failure);
+}
+
+/* Returns the exit status after a signal, which has stopped the clip unless there is an error. */
+int end_by_signal(const CtlWaitResult &result, const GError *error)
+{
+    int status = CTL_OK;
+    if (error) {
+        status =
+            ctl_host() && error->code != CLIENT_ERROR_METHOD && error->code != CLIENT_ERROR_DENIED
+                ? stop_again()
+                : ctl_explain(&result.stop, error);
+    }
+    return status == CTL_OK ? CTL_SIGNAL + result.signal : status;
 }
 
 int start_playing(sd_bus *bus, const Target &target, ClientPlay *play, bool is_waiting)
@@ -310,7 +354,7 @@ int start_playing(sd_bus *bus, const Target &target, ClientPlay *play, bool is_w
         const CtlWaitResult result =
             ctl_wait(bus, message, total_length(target, *play), target.label.c_str(), &error);
         if (result.signal != 0) {
-            return error ? ctl_explain(&result.stop, error) : CTL_SIGNAL + result.signal;
+            return end_by_signal(result, error);
         }
     } else {
         sd_bus_message_unref(client_bus_call(bus, message, &error));

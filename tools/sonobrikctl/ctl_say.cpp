@@ -8,17 +8,27 @@
 #include "client_text.h"
 #include "ctl.h"
 #include "ctl_file.h"
+#include "ctl_host.h"
 
 namespace
 {
 
+constexpr const char *READ_LOG = "journalctl -t sonobrik";
+
 /* What to do about the daemon's own errors, by the beginning of their text. */
 constexpr struct {
     const char *text;
-    const char *advice;
+    void (*advise)();
 } ADVICE[] = {
-    {CLIENT_TEXT_BUSY, "to stop it first: sonobrikctl play --replace"},
-    {"NOK", "for details: journalctl -t sonobrik"},
+    {
+        .text = CLIENT_TEXT_BUSY,
+        .advise =
+            [] { ctl_error("to stop it first: %s", ctl_host_self("play --replace").c_str()); },
+    },
+    {
+        .text = "NOK",
+        .advise = [] { ctl_error("for details: %s", ctl_host_command(READ_LOG).c_str()); },
+    },
 };
 
 bool is_method(const CtlCall *call, const char *method)
@@ -37,26 +47,27 @@ void explain_denied(const CtlCall *call)
         ctl_error("just added to the group? log out and back in");
         return;
     }
-    const std::string allowed = client_policy_describe(call->method);
+    /* The policy file of this machine says nothing about another one. */
+    const std::string allowed = ctl_host() ? "" : client_policy_describe(call->method);
     if (!allowed.empty()) {
         ctl_error("permission denied: only %s may do this", allowed.c_str());
         ctl_error("just added to the group? log out and back in");
         return;
     }
     ctl_error("permission denied by the access policy: %s", call->method);
-    ctl_error("for details: journalctl -t sonobrik");
+    ctl_error("for details: %s", ctl_host_command(READ_LOG).c_str());
 }
 
 int explain_method(const CtlCall *call, const GError *error)
 {
     if (*error->message == '\0') {
-        ctl_error("%s failed; for details: journalctl -t sonobrik", call->method);
+        ctl_error("%s failed; for details: %s", call->method, ctl_host_command(READ_LOG).c_str());
         return CTL_FAILED;
     }
     ctl_error("%s", error->message);
     for (const auto &row : ADVICE) {
         if (g_str_has_prefix(error->message, row.text)) {
-            ctl_error("%s", row.advice);
+            row.advise();
             return CTL_FAILED;
         }
     }
@@ -94,7 +105,7 @@ int ctl_explain(const CtlCall *call, const GError *error)
         return ctl_explain_bus(error);
     case CLIENT_ERROR_NO_DAEMON:
         ctl_error("cannot reach the daemon: %s", error->message);
-        ctl_error("check the service: systemctl status sonobrik");
+        ctl_error("check the service: %s", ctl_host_command("systemctl status sonobrik").c_str());
         return CTL_AWAY;
     case CLIENT_ERROR_DENIED:
         explain_denied(call);
@@ -106,7 +117,7 @@ int ctl_explain(const CtlCall *call, const GError *error)
         return CTL_USAGE;
     case CLIENT_ERROR_NO_CLIP:
         ctl_error("%s", error->message);
-        ctl_error("to list all clips: sonobrikctl list");
+        ctl_error("to list all clips: %s", ctl_host_self("list").c_str());
         return CTL_NO_CLIP;
     default:
         ctl_error("%s: unexpected reply: %s", call->method, error->message);
@@ -117,6 +128,14 @@ int ctl_explain(const CtlCall *call, const GError *error)
 
 int ctl_explain_bus(const GError *error)
 {
+    if (ctl_host()) {
+        ctl_error("no connection to the system bus of '%s': %s", ctl_host(), error->message);
+        if (!g_str_equal(error->message, CLIENT_TEXT_NO_SSH)) {
+            ctl_error("check that you can log in there with ssh, and that systemd-stdio-bridge is "
+                      "installed there");
+        }
+        return CTL_AWAY;
+    }
     ctl_error("no connection to the system bus: %s", error->message);
     ctl_error("check that the bus is running: systemctl status dbus");
     return CTL_AWAY;

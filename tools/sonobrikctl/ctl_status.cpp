@@ -14,6 +14,7 @@
 #include "client_events.h"
 #include "client_text.h"
 #include "ctl_driver.h"
+#include "ctl_host.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_outputs.h"
@@ -83,6 +84,21 @@ void read_clips(Status *status)
     }
 }
 
+/*
+ * Returns since when the file plays, on this machine's clock, or UNKNOWN. Another machine's clock
+ * differs, and an older daemon does not tell its time.
+ */
+gint64 find_start(const ClientOutput &output)
+{
+    if (output.file_since == 0) {
+        return UNKNOWN;
+    }
+    if (output.now >= output.file_since) {
+        return g_get_monotonic_time() - static_cast<gint64>(output.now - output.file_since);
+    }
+    return ctl_host() ? UNKNOWN : static_cast<gint64>(output.file_since);
+}
+
 /* Records that an output plays `location` from the time `started_us` on. */
 void set_playing(Status *status, gint32 output, const char *location, gint64 started_us)
 {
@@ -118,8 +134,7 @@ int read_status(Status *status)
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
         if (output->playing) {
-            const auto since = static_cast<gint64>(output->file_since);
-            set_playing(status, output->output, output->file_name, since > 0 ? since : UNKNOWN);
+            set_playing(status, output->output, output->file_name, find_start(*output));
         }
     }
     return CTL_OK;
@@ -242,7 +257,8 @@ int on_owner(sd_bus_message *, void *data, sd_bus_error *)
 
 int on_bus_lost(sd_bus_message *, void *data, sd_bus_error *)
 {
-    ctl_error("lost the connection to the system bus");
+    ctl_error("lost the connection to the system bus%s",
+              ctl_host() ? (std::string(" of '") + ctl_host() + "'").c_str() : "");
     return sd_event_exit(static_cast<Status *>(data)->event, CTL_AWAY);
 }
 

@@ -97,7 +97,18 @@ int watch_signals(Wait *wait)
         sigemptyset(&mask);
         sigaddset(&mask, number);
         sigprocmask(SIG_BLOCK, &mask, nullptr);
-        const int r = sd_event_add_signal(wait->event, nullptr, number, on_signal, wait);
+        sd_event_source *source = nullptr;
+        int r = sd_event_add_signal(wait->event, &source, number, on_signal, wait);
+        if (r < 0) {
+            return r;
+        }
+        /* Ctrl-C also ends the ssh of --host. The signal comes first, so that the lost connection
+         * is not taken for a failure. */
+        r = sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT);
+        if (r >= 0) {
+            r = sd_event_source_set_floating(source, 1);
+        }
+        sd_event_source_unref(source);
         if (r < 0) {
             return r;
         }

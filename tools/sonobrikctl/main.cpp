@@ -1,10 +1,12 @@
 #include "ctl.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "ctl_options.h"
 #include "ctl_say.h"
@@ -115,7 +117,8 @@ void print_help()
         printf("  %-8s %s%*s %s\n", command.name, command.operands, blanks, "", command.summary);
     }
     printf(
-        "\nCLIP is a clip's number, name or file. For a command's options: sonobrikctl help COMMAND\n");
+        "\nCLIP is a clip's number, name or file. For a command's options: sonobrikctl help COMMAND\n"
+        "With --host [USER@]MACHINE, every command uses the daemon of that machine, over ssh.\n");
 }
 
 const CtlCommand *find_command(const char *name)
@@ -146,8 +149,30 @@ int run_help(char **words)
     return command->run(command, line);
 }
 
+/* Returns the number of words at the start of `words` that are --host and its value. */
+size_t count_host_words(char **words)
+{
+    size_t count = 0;
+    while (words[count]) {
+        const std::string_view word = words[count];
+        const bool has_own_value = word == "--host" || word == "-H";
+        if (!has_own_value && !word.starts_with("--host=")) {
+            break;
+        }
+        count += has_own_value && words[count + 1] ? 2 : 1;
+    }
+    return count;
+}
+
 int run(char **words)
 {
+    /* Puts --host behind the command, where the other options are. */
+    const size_t host_words = count_host_words(words);
+    if (words[host_words]) {
+        std::rotate(words, words + host_words, words + host_words + 1);
+    } else {
+        words += host_words;
+    }
     const char *name = *words;
     if (name && (g_str_equal(name, "--help") || g_str_equal(name, "-h"))) {
         print_help();
@@ -158,7 +183,7 @@ int run(char **words)
         return CTL_OK;
     }
     if (name && g_str_equal(name, "help")) {
-        return run_help(words + 1);
+        return run_help(words + 1 + host_words);
     }
     const CtlCommand *command = name ? find_command(name) : nullptr;
     if (command) {
