@@ -1,5 +1,7 @@
 """sonobrik-mqtt when the broker, the daemon or itself goes away, and when commands come late."""
 
+import pathlib
+import re
 import signal
 import time
 
@@ -47,6 +49,26 @@ def test_a_scheduled_clip_plays_at_its_time(bridge, sandbox):
     started = start.time / 1e6 + time.time() * 1e3 - time.monotonic() * 1e3
     assert -500 < started - at < 1500
     assert abs(answer["soundsAt"] - at) < 1500
+
+
+def test_the_kernel_holds_the_time_in_utc(bridge):
+    """The kernel moves an absolute timer of CLOCK_REALTIME when the clock is set."""
+    assert bridge.ask("play", {"clip": 0, "at": now_ms() + 600000})["status"] == "scheduled"
+    wait_until(lambda: has_timer(bridge.process.pid, 500, 600), 20, "the timer is set")
+
+
+def has_timer(pid, shortest, longest):
+    """Returns True if the process has an absolute timer of CLOCK_REALTIME with so many seconds left."""
+    for entry in pathlib.Path(f"/proc/{pid}/fdinfo").iterdir():
+        try:
+            text = entry.read_text()
+        except OSError:
+            continue
+        # TFD_TIMER_ABSTIME is 1; clock 0 is CLOCK_REALTIME.
+        left = re.search(r"clockid: 0\n(?:.*\n)*settime flags: 01\n.*it_value: \((\d+),", text)
+        if left and shortest < int(left[1]) <= longest:
+            return True
+    return False
 
 
 def test_what_cannot_be_played_is_known_early(bridge, sandbox):

@@ -493,10 +493,10 @@ void mqtt_jobs_resume(MqttBridge *bridge)
 int mqtt_jobs_on_alarm(sd_event_source *, guint64, void *data)
 {
     auto *bridge = static_cast<MqttBridge *>(data);
-    const gint64 now = g_get_real_time();
+    const gint64 now = mqtt_clock_now();
     std::vector<gint64> numbers;
     for (const MqttJob &job : bridge->store.jobs) {
-        if (job.state == MQTT_JOB_WAITING && get_call_time(bridge, job) <= now) {
+        if (job.state == MQTT_JOB_WAITING && get_call_time(bridge, job) / 1000 <= now) {
             numbers.push_back(job.number);
         }
     }

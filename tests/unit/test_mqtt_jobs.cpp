@@ -1,0 +1,199 @@
+#include "mqtt_jobs.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "autoptr.h"
+#include "client_events.h"
+#include "mqtt_bridge_data.h"
+#include "mqtt_clock.h"
+#include "mqtt_json.h"
+
+namespace
+{
+
+constexpr gint64 NOON = 1'795'000'000'000; /* Unix time in milliseconds */
+
+/* What the fakes below give and record. */
+gint64 fake_now;
+std::vector<std::string> fake_calls;
+std::vector<MqttReply> fake_replies;
+std::vector<std::string> fake_answers;
+
+} // namespace
+
+gint64 mqtt_clock_now(void)
+{
+    return fake_now;
+}
+
+gint64 mqtt_clock_boot(void)
+{
+    return 0;
+}
+
+MqttClock mqtt_clock_read(void)
+{
+    return {};
+}
+
+json_t *mqtt_clock_describe(const MqttClock &)
+{
+    return json_null();
+}
+
+bool mqtt_client_is_connected(const MqttClient *)
+{
+    return true;
+}
+
+unsigned mqtt_client_count_unconfirmed(const MqttClient *)
+{
+    return 0;
+}
+
+bool mqtt_client_publish(MqttClient *, const std::string &, const std::string &payload, bool,
+                         const std::string *)
+{
+    fake_answers.push_back(payload);
+    return true;
+}
+
+void mqtt_daemon_call(MqttDaemon *, const ClientInterface *, const char *member, const char *,
+                      const MqttReply &done)
+{
+    fake_calls.emplace_back(member);
+    fake_replies.push_back(done);
+}
+
+void mqtt_daemon_list(MqttDaemon *, bool, const MqttClips &) {}
+
+namespace
+{
+
+class MqttJobs : public ::testing::Test
+{
+  protected:
+    MqttJobs()
+    {
+        fake_now = NOON;
+        fake_calls.clear();
+        fake_replies.clear();
+        fake_answers.clear();
+        conf.name = "shop7";
+        sd_event_new(&bridge.event);
+        bridge.conf = &conf;
+        bridge.lead.configured = 130'000;
+        bridge.away = 0;
+        sd_event_add_time(bridge.event, &bridge.alarm, CLOCK_REALTIME, 0, 1, mqtt_jobs_on_alarm,
+                          &bridge);
+        sd_event_source_set_enabled(bridge.alarm, SD_EVENT_OFF);
+    }
+
+    ~MqttJobs() override
+    {
+        sd_event_source_unref(bridge.alarm);
+        sd_event_unref(bridge.event);
+    }
+
+    MqttJobs(const MqttJobs &) = delete;
+    MqttJobs &operator=(const MqttJobs &) = delete;
+
+    void receive(const std::string &payload)
+    {
+        MqttMessage message;
+        message.topic = "sonobrik/shop7/play";
+        message.payload = payload;
+        mqtt_jobs_receive(&bridge, message);
+    }
+
+    /* Receives a command for `at` and lets the daemon accept the file. */
+    void schedule(gint64 at)
+    {
+        receive(R"({"location":"a.wav","at":)" + std::to_string(at) + "}");
+        ASSERT_EQ(fake_calls, std::vector<std::string>{"SupportedFile"});
+        fake_replies.back()(nullptr, nullptr);
+        ASSERT_EQ(get_status(), "scheduled");
+        fake_calls.clear();
+    }
+
+    /* Does what the event loop does when the alarm's time has come. */
+    void ring()
+    {
+        mqtt_jobs_on_alarm(bridge.alarm, 0, &bridge);
+    }
+
+    /* Returns the time of the alarm in Unix milliseconds, or 0 if it is off. */
+    gint64 get_alarm()
+    {
+        int enabled = 0;
+        guint64 time = 0;
+        sd_event_source_get_enabled(bridge.alarm, &enabled);
+        sd_event_source_get_time(bridge.alarm, &time);
+        return enabled == SD_EVENT_OFF ? 0 : static_cast<gint64>(time / 1000);
+    }
+
+    /* Returns the status of the last answer. */
+    static std::string get_status()
+    {
+        g_autoptr(json_t) answer =
+            fake_answers.empty() ? nullptr : json_loads(fake_answers.back().c_str(), 0, nullptr);
+        return mqtt_json_get_text(answer, "status");
+    }
+
+    MqttConf conf;
+    MqttBridge bridge = {};
+};
+
+TEST_F(MqttJobs, CallsTheDaemonEarlierByTheLead)
+{
+    schedule(NOON + 60'000);
+    EXPECT_EQ(get_alarm(), NOON + 59'870);
+    fake_now = NOON + 59'870;
+    ring();
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+    EXPECT_EQ(get_alarm(), 0);
+}
+
+TEST_F(MqttJobs, PlaysAtOnceIfTheClockIsSetPastTheTimeByLessThanTheGrace)
+{
+    schedule(NOON + 60'000);
+    fake_now = NOON + 60'000 + conf.grace;
+    ring();
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, PlaysNothingIfTheClockIsSetPastTheTimeByMoreThanTheGrace)
+{
+    schedule(NOON + 60'000);
+    fake_now = NOON + 60'000 + conf.grace + 1;
+    ring();
+    EXPECT_TRUE(fake_calls.empty());
+    EXPECT_EQ(get_status(), "late");
+    EXPECT_TRUE(bridge.store.jobs.empty());
+    EXPECT_EQ(get_alarm(), 0);
+}
+
+TEST_F(MqttJobs, WaitsLongerIfTheClockIsSetBack)
+{
+    schedule(NOON + 60'000);
+    fake_now = NOON - 3'600'000;
+    ring();
+    EXPECT_TRUE(fake_calls.empty());
+    EXPECT_EQ(get_alarm(), NOON + 59'870);
+    fake_now = NOON + 59'870;
+    ring();
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, PlaysNothingIfTheClockIsSetWhileTheFileIsChecked)
+{
+    receive(R"({"location":"a.wav","at":)" + std::to_string(NOON + 60'000) + "}");
+    fake_now = NOON + 3'600'000;
+    fake_replies.back()(nullptr, nullptr);
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"SupportedFile"});
+    EXPECT_EQ(get_status(), "late");
+}
+
+} // namespace
