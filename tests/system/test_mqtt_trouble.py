@@ -241,6 +241,29 @@ def test_it_follows_a_restart_of_the_daemon(bridge, operator, sandbox):
     assert bridge.ask("play", {"clip": 0, "id": "back"})["status"] == "playing"
 
 
+def test_a_late_reply_does_not_bring_the_daemon_back(sandbox, broker, operator):
+    """The daemon gives up the name that plays before the one that lists the clips."""
+    def reply_with(code):
+        sandbox.bus.call("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik", "org.freedesktop.DBus.Mock",
+                         "AddMethod", "(sssss)", "com.vesk.Configuration.Legacy",
+                         "GetConfigurations", "", "a{ia{sv}}", f"ret = {code}")
+
+    sandbox.start_mock("com.vesk.Sonobrik.Legacy", "/com/vesk/Sonobrik",
+                       "com.vesk.Configuration.Legacy")
+    reply_with("dbus.Dictionary({}, signature='ia{sv}')")
+    playing = sandbox.start_mock("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik")
+    node = Bridge(sandbox, broker, operator).start()
+    operator.wait_last(node.topic("state"), lambda m: m.json["daemon"] == "running")
+    playing.kill()
+    operator.wait_last(node.topic("state"), lambda m: m.json["daemon"] == "away")
+    reply_with("{dbus.Int32(3): dbus.Dictionary({}, signature='sv')}")
+    (sandbox.etc / "dynamic/sonobrik/clip_data/M3.json").write_text("{}")
+    operator.wait_last(node.topic("clips"), lambda m: len(m.json["clips"]) == 1)
+    assert node.ask("ping")["status"] == "pong"
+    assert operator.get(node.topic("state"))[-1].json["daemon"] == "away"
+    node.stop()
+
+
 def test_it_ends_with_the_bus(sandbox, broker, operator):
     bus = sandbox.start_bus()
     node = Bridge(sandbox, broker, operator).start()

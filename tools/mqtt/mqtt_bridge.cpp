@@ -162,6 +162,15 @@ void on_received(MqttBridge *bridge, const MqttMessage &message)
 
 /* The daemon */
 
+/* Notes that the daemon runs because it replied. The bus may already have told that it is gone: it
+ * gives up its names one after the other, and replies on the last one until then. */
+void note_reply(MqttBridge *bridge)
+{
+    if (!bridge->knows_owner) {
+        bridge->state.is_running = true;
+    }
+}
+
 void list_clips(MqttBridge *bridge)
 {
     if (bridge->is_listing) {
@@ -172,7 +181,7 @@ void list_clips(MqttBridge *bridge)
     mqtt_daemon_list(bridge->daemon, true, [bridge](GPtrArray *clips, const GError *) {
         bridge->is_listing = false;
         if (clips) {
-            bridge->state.is_running = true;
+            note_reply(bridge);
             mqtt_state_set_clips(&bridge->state, clips);
             publish_all(bridge);
         }
@@ -200,7 +209,7 @@ void list_outputs(MqttBridge *bridge)
         /* Without a daemon, or on a platform without such events, there are none. */
         bridge->state.knows_outputs = true;
         if (outputs) {
-            bridge->state.is_running = true;
+            note_reply(bridge);
             mqtt_state_set_outputs(&bridge->state, outputs, mqtt_clock_now());
             publish_info(bridge);
         }
@@ -210,6 +219,7 @@ void list_outputs(MqttBridge *bridge)
 
 void on_owner(MqttBridge *bridge, bool is_running)
 {
+    bridge->knows_owner = true;
     bridge->state.is_running = is_running;
     if (is_running) {
         list_outputs(bridge);
