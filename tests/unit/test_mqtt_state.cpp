@@ -99,6 +99,26 @@ TEST(MqttState, ShowsAFileThatIsNotStored)
     EXPECT_TRUE(json_is_null(json_object_get(output, "clip")));
 }
 
+TEST(MqttState, KnowsSinceWhenAClipPlaysThatBeganBeforeTheBridge)
+{
+    MqttState state;
+    ClientOutput output = {.output = 0,
+                           .device = 0,
+                           .device_output = 0,
+                           .playing = true,
+                           .file_name = const_cast<char *>("/a"),
+                           .file_since = 5'000'000,
+                           .now = 7'500'000};
+    g_autoptr(GPtrArray) outputs = g_ptr_array_new();
+    g_ptr_array_add(outputs, &output);
+    mqtt_state_set_outputs(&state, outputs, NOW);
+    EXPECT_EQ(state.outputs.at(0).since, NOW - 2500);
+    state = {};
+    output.playing = false;
+    mqtt_state_set_outputs(&state, outputs, NOW);
+    EXPECT_EQ(state.outputs.at(0).since, 0);
+}
+
 TEST(MqttState, KeepsTheTimeOfAnOutputThatStillPlays)
 {
     MqttState state = make_state();
@@ -150,6 +170,22 @@ TEST(MqttState, GivesEachClipAToneOfItsOwn)
     EXPECT_EQ(mqtt_state_find_tone(state, "")->number, 0);
     EXPECT_EQ(mqtt_state_find_tone(state, "Fire"), nullptr);
     EXPECT_EQ(mqtt_state_find_tone({}, ""), nullptr);
+}
+
+TEST(MqttState, GivesNoToneThatIsTheNameOfAnotherClip)
+{
+    MqttState state;
+    const Listed listed{make_clip(0, "Fire (2)", "/a"), make_clip(1, "Fire", "/a"),
+                        make_clip(2, "Fire", "/a"), make_clip(3, "Clip 4", "/a"),
+                        make_clip(4, "", "/a")};
+    mqtt_state_set_clips(&state, listed.array.get());
+    std::vector<std::string> tones;
+    for (const MqttClip &clip : state.clips) {
+        tones.push_back(clip.tone);
+        EXPECT_EQ(mqtt_state_find_tone(state, clip.tone)->number, clip.number);
+    }
+    EXPECT_EQ(tones, (std::vector<std::string>{"Fire (2)", "Fire (1)", "Fire (2) (2)", "Clip 4",
+                                               "Clip 4 (4)"}));
 }
 
 TEST(MqttDiscovery, MakesIdentifiersThatDiffer)

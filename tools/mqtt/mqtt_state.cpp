@@ -22,16 +22,21 @@ const MqttClip *find_location(const MqttState &state, const std::string &locatio
     return found == state.clips.end() ? nullptr : &*found;
 }
 
-/* Returns the clip's name, made unique: Home Assistant identifies a tone by its name. */
+/*
+ * Returns the clip's name, or a text made from it if it has no name or shares it with other clips:
+ * Home Assistant identifies a tone by its name.
+ */
 std::string make_tone(const std::vector<MqttClip> &clips, const MqttClip &clip)
 {
     const std::string number = std::to_string(clip.number);
-    if (clip.name.empty()) {
-        return "Clip " + number;
+    if (!clip.name.empty() && std::ranges::count(clips, clip.name, &MqttClip::name) == 1) {
+        return clip.name;
     }
-    return std::ranges::count(clips, clip.name, &MqttClip::name) == 1
-               ? clip.name
-               : clip.name + " (" + number + ")";
+    std::string tone = clip.name.empty() ? "Clip " + number : clip.name + " (" + number + ")";
+    while (std::ranges::find(clips, tone, &MqttClip::name) != clips.end()) {
+        tone += " (" + number + ")";
+    }
+    return tone;
 }
 
 json_t *write_output(const MqttState &state, const MqttOutput &output)
@@ -82,6 +87,16 @@ json_t *write_texts(const std::vector<std::string> &texts)
     return array;
 }
 
+/* Returns since when an output plays that was playing before the bridge started, in Unix
+ * milliseconds; 0 if it does not play or the daemon does not tell. */
+gint64 find_start(const ClientOutput &output, gint64 now)
+{
+    constexpr guint64 MICROSECONDS = 1000; /* in a millisecond */
+    return output.playing && output.file_since > 0 && output.now >= output.file_since
+               ? now - static_cast<gint64>((output.now - output.file_since) / MICROSECONDS)
+               : 0;
+}
+
 } // namespace
 
 void mqtt_state_set_outputs(MqttState *state, const GPtrArray *outputs, gint64 now)
@@ -92,8 +107,7 @@ void mqtt_state_set_outputs(MqttState *state, const GPtrArray *outputs, gint64 n
         const MqttOutput *old = find_output(&state->outputs, output->device, output->device_output);
         const bool is_same =
             old && old->playing == output->playing && old->file == output->file_name;
-        /* It is not known when a clip began that was already playing. */
-        const gint64 since = is_same ? old->since : old ? now : 0;
+        const gint64 since = is_same ? old->since : old ? now : find_start(*output, now);
         list.push_back({
             .output = output->output,
             .device = output->device,
