@@ -102,8 +102,13 @@ class MqttJobs : public ::testing::Test
 
     void receive(const std::string &payload)
     {
+        receive_on("play", payload);
+    }
+
+    void receive_on(const std::string &leaf, const std::string &payload)
+    {
         MqttMessage message;
-        message.topic = "sonobrik/shop7/play";
+        message.topic = "sonobrik/shop7/" + leaf;
         message.payload = payload;
         mqtt_jobs_receive(&bridge, message);
     }
@@ -116,6 +121,15 @@ class MqttJobs : public ::testing::Test
         fake_replies.back()(nullptr, nullptr);
         ASSERT_EQ(get_status(), "scheduled");
         fake_calls.clear();
+    }
+
+    /* Does what the next process does with the file of this one. */
+    void restart()
+    {
+        MqttStore store;
+        ASSERT_TRUE(mqtt_store_read(&store, mqtt_store_write(bridge.store)));
+        bridge.store = store;
+        mqtt_jobs_resume(&bridge);
     }
 
     /* Does what the event loop does when the alarm's time has come. */
@@ -185,6 +199,67 @@ TEST_F(MqttJobs, WaitsLongerIfTheClockIsSetBack)
     fake_now = NOON + 59'870;
     ring();
     EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, AcceptsAStopAlthoughNoMorePlaysAreAccepted)
+{
+    while (get_status() != "refused") {
+        receive(R"({"location":"a.wav"})");
+        ASSERT_LT(fake_calls.size(), 1000U);
+    }
+    const size_t plays = fake_calls.size();
+    for (int i = 0; i < 16; i++) {
+        receive_on("stop", "");
+    }
+    ASSERT_EQ(fake_calls.size(), plays + 16);
+    EXPECT_EQ(fake_calls.back(), "StopPlayingClip");
+    receive_on("stop", "");
+    EXPECT_EQ(get_status(), "refused");
+    EXPECT_EQ(fake_calls.size(), plays + 16);
+}
+
+TEST_F(MqttJobs, ARefusedCommandMayBeSentAgainWithItsIdentifier)
+{
+    const std::string command =
+        R"({"location":"a.wav","id":"x","at":)" + std::to_string(NOON + MQTT_MAX_WAIT + 1) + "}";
+    receive(command);
+    EXPECT_EQ(get_status(), "refused");
+    fake_now++;
+    receive(command);
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"SupportedFile"});
+    receive(command);
+    EXPECT_EQ(get_status(), "duplicate");
+}
+
+TEST_F(MqttJobs, ARestartDoesNotRepeatACallOfTheDaemon)
+{
+    receive(R"({"location":"a.wav"})");
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+    EXPECT_TRUE(bridge.must_save);
+    restart();
+    EXPECT_EQ(fake_calls.size(), 1U);
+    EXPECT_EQ(get_status(), "failed");
+    EXPECT_TRUE(bridge.store.jobs.empty());
+}
+
+TEST_F(MqttJobs, ARestartGoesOnWithACommandThatWaits)
+{
+    schedule(NOON + 60'000);
+    restart();
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"SupportedFile"});
+}
+
+TEST_F(MqttJobs, AfterARestartWithAClockThatWasSetBackTheAgeIsUnknown)
+{
+    MqttMessage message;
+    message.topic = "sonobrik/shop7/play";
+    message.payload = R"({"clip":0})";
+    message.expiry = 60;
+    mqtt_jobs_receive(&bridge, message); /* the daemon does not answer */
+    fake_now = NOON - 3'600'000;
+    restart();
+    EXPECT_EQ(get_status(), "late");
+    EXPECT_TRUE(bridge.store.jobs.empty());
 }
 
 TEST_F(MqttJobs, PlaysNothingIfTheClockIsSetWhileTheFileIsChecked)

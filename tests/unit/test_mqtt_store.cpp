@@ -20,6 +20,7 @@ MqttStore make_store()
     job.has_correlation = true;
     job.received = 1'795'000'000'000;
     job.expires = 1'795'000'060'000;
+    job.called_at = 1'795'000'000'500;
     store.jobs.push_back(job);
     mqtt_memory_add(&store.memory, "a", 1'795'000'000'000);
     store.announced = true;
@@ -38,6 +39,7 @@ void expect_same(const MqttStore &store)
     EXPECT_TRUE(job.has_correlation);
     EXPECT_EQ(job.received, 1'795'000'000'000);
     EXPECT_EQ(job.expires, 1'795'000'060'000);
+    EXPECT_EQ(job.called_at, 1'795'000'000'500);
     EXPECT_TRUE(mqtt_memory_has(store.memory, "a", 1'795'000'000'000));
     EXPECT_TRUE(store.announced);
 }

@@ -14,8 +14,9 @@
 namespace
 {
 
-/* How many commands may be waiting or executed at the same time. */
+/* How many plays, and how many stops, may be waiting or executed at the same time. */
 constexpr size_t MAX_JOBS = 64;
+constexpr size_t MAX_STOPS = 16;
 
 /* How many answers are kept for the next connection, or wait for the broker's confirmation. */
 constexpr size_t MAX_KEPT = 256;
@@ -179,6 +180,7 @@ void call_play(MqttBridge *bridge, MqttJob *job)
     job->call_lead = mqtt_lead_get(bridge->lead);
     job->called_at = mqtt_clock_now();
     job->call_time = g_get_monotonic_time();
+    bridge->must_save = true; /* so that the next process does not play it again */
     mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StartPlayingClip", options,
                      [bridge, number = job->number](sd_bus_message *, const GError *error) {
                          MqttJob *played = find_job(bridge, number);
@@ -397,6 +399,17 @@ MqttJob *add_job(MqttBridge *bridge, const MqttJob &job)
     return &bridge->store.jobs.back();
 }
 
+/* Returns true if another command can be accepted. Stops have room of their own: they must work
+ * even if the daemon does not answer any more. */
+bool has_room(const MqttBridge *bridge, const MqttCommand &command)
+{
+    const bool is_stop = command.kind == MQTT_TOPIC_STOP;
+    const auto same = std::ranges::count_if(bridge->store.jobs, [is_stop](const MqttJob &job) {
+        return (job.command.kind == MQTT_TOPIC_STOP) == is_stop;
+    });
+    return static_cast<size_t>(same) < (is_stop ? MAX_STOPS : MAX_JOBS);
+}
+
 /* Executes a valid command. */
 void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
 {
@@ -406,11 +419,21 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
         answer(bridge, job, MQTT_PONG, "OK");
         return;
     }
+    if (!command.id.empty() && mqtt_memory_has(bridge->store.memory, command.id, now)) {
+        answer(bridge, job, MQTT_DUPLICATE, "A command with this id was received before.");
+        return;
+    }
+    if (command.at != CLIENT_NOT_GIVEN &&
+        mqtt_lead_decide(command.at, now, 0, bridge->conf->grace) == MQTT_DUE_FAR) {
+        refuse(bridge, job, "'at' is more than 7 days away.");
+        return;
+    }
+    if (!has_room(bridge, command)) {
+        refuse(bridge, job, "Too many commands are waiting.");
+        return;
+    }
+    /* Only now: a refused command may be sent again with its id. */
     if (!command.id.empty()) {
-        if (mqtt_memory_has(bridge->store.memory, command.id, now)) {
-            answer(bridge, job, MQTT_DUPLICATE, "A command with this id was received before.");
-            return;
-        }
         mqtt_memory_add(&bridge->store.memory, command.id, now);
         bridge->must_save = bridge->must_be_durable = true;
     }
@@ -424,15 +447,6 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
                    ? "The command may be old: the broker kept it while the node was away."
                    : "The command may be " + describe_delay(bridge->away) +
                          " old: the broker kept it while the node was away.");
-        return;
-    }
-    if (command.at != CLIENT_NOT_GIVEN &&
-        mqtt_lead_decide(command.at, now, 0, bridge->conf->grace) == MQTT_DUE_FAR) {
-        refuse(bridge, job, "'at' is more than 7 days away.");
-        return;
-    }
-    if (bridge->store.jobs.size() >= MAX_JOBS) {
-        refuse(bridge, job, "Too many commands are waiting.");
         return;
     }
     bridge->must_save = bridge->must_be_durable = true;
@@ -480,10 +494,15 @@ void mqtt_jobs_resume(MqttBridge *bridge)
         if (!read_command(bridge, &job, &why) || job.command.kind == MQTT_TOPIC_OTHER) {
             continue; /* the configuration has changed */
         }
-        /* If the clock was set back, the age is not known. */
-        job.received = job.received > mqtt_clock_now() ? 0 : job.received;
+        /* If the clock was set back, the age is not known: the command counts as late. */
+        if (job.received > mqtt_clock_now()) {
+            job.received = job.expires = 0;
+        }
         MqttJob *added = add_job(bridge, job);
-        if (!finish_if_late(bridge, added)) {
+        if (job.called_at > 0) {
+            finish(bridge, added, MQTT_FAILED,
+                   "The bridge restarted before the daemon answered; the clip may have played.");
+        } else if (!finish_if_late(bridge, added)) {
             start(bridge, added);
         }
     }

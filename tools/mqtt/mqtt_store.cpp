@@ -40,6 +40,7 @@ json_t *write_job(const MqttJob &job)
     }
     json_object_set_new(object, "received", json_integer(job.received));
     json_object_set_new(object, "expires", json_integer(job.expires));
+    json_object_set_new(object, "calledAt", json_integer(job.called_at));
     return object;
 }
 
@@ -53,6 +54,7 @@ void read_job(MqttStore *store, const json_t *object)
     job.correlation = decode(mqtt_json_get_text(object, "correlation"));
     job.received = mqtt_json_get_integer(object, "received", 0);
     job.expires = mqtt_json_get_integer(object, "expires", 0);
+    job.called_at = mqtt_json_get_integer(object, "calledAt", 0);
     if (!job.topic.empty() && store->jobs.size() < MAX_JOBS) {
         store->jobs.push_back(job);
     }

@@ -31,8 +31,9 @@ struct MqttJob {
     std::string response_topic; /* empty: the node's own */
     std::string correlation;    /* any bytes */
     bool has_correlation = false;
-    gint64 received = 0; /* Unix time in milliseconds */
-    gint64 expires = 0;  /* the same; 0: never */
+    gint64 received = 0;  /* Unix time in milliseconds */
+    gint64 expires = 0;   /* the same; 0: never */
+    gint64 called_at = 0; /* when the daemon was asked to play; 0: not yet */
 
     MqttCommand command;
     MqttJobState state = MQTT_JOB_NEW;
@@ -41,7 +42,6 @@ struct MqttJob {
     gint64 clip = -1;         /* number of the stored clip, or -1 */
     gint64 call_time = 0;     /* when the daemon was called; microseconds, monotonic */
     gint64 call_lead = 0;     /* the lead at that time, in microseconds */
-    gint64 called_at = 0;     /* Unix time of the call, in milliseconds */
 };
 
 struct MqttStore {
