@@ -37,6 +37,9 @@ constexpr uint64_t QUIET_USEC = 500 * MSEC;
 /* How long udev may take to examine the first cards. */
 constexpr int MAX_UDEV_WAITS = 20; /* times QUIET_USEC */
 
+/* How long the first picture may wait, because the daemon waits for it at boot. */
+constexpr uint64_t MAX_START_USEC = 10'000 * MSEC;
+
 /* How long cards may keep coming and going before that is logged. */
 constexpr uint64_t UNREST_USEC = 10'000 * MSEC;
 
@@ -52,6 +55,7 @@ struct Service {
     ControlPicture picture; /* on the bus; before it is published, that of the last run */
     bool is_published;
     int udev_waits;
+    uint64_t started_at;
     uint64_t unrest_since; /* time of the first event since the cards were last read; 0 if none */
     bool unrest_logged;
     bool has_failed; /* and logged the reason */
@@ -263,6 +267,12 @@ void wait_for_quiet(Service *service)
     sd_event_source_set_enabled(service->quiet_timer, SD_EVENT_ONESHOT);
 }
 
+/* Returns true if the first picture must not wait any longer. */
+bool is_late(const Service *service)
+{
+    return !service->is_published && get_time() - service->started_at > MAX_START_USEC;
+}
+
 /* Restarts the wait, because an event has arrived. */
 void note_unrest(Service *service)
 {
@@ -274,7 +284,9 @@ void note_unrest(Service *service)
         g_warning("%sA sound card keeps coming and going; changes are announced when that stops",
                   "");
     }
-    wait_for_quiet(service);
+    if (!is_late(service)) {
+        wait_for_quiet(service);
+    }
 }
 
 /*
@@ -309,8 +321,8 @@ int read_cards(Service *service)
         return r;
     }
     read_conf(service);
-    const bool must_wait = must_wait_for_cards(service, cards, is_complete) ||
-                           must_wait_for_udev(service, is_complete);
+    const bool must_wait = !is_late(service) && (must_wait_for_cards(service, cards, is_complete) ||
+                                                 must_wait_for_udev(service, is_complete));
     service->udev_waits++;
     if (must_wait) {
         wait_for_quiet(service);
@@ -474,6 +486,7 @@ int control_service_run(const ControlFiles &files)
 {
     Service service = {};
     service.files = &files;
+    service.started_at = get_time();
     service.conf_stamp.error = -1; /* of no file, so that the file is read */
     int status = EXIT_FAILURE;
     if (start(&service)) {

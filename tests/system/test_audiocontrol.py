@@ -118,6 +118,19 @@ def test_a_device_that_flaps_is_told_when_it_rests(cards, seen):
     wait_seen(seen, ("InterfacesAdded", 1), ("InterfacesAdded", 2))
 
 
+def test_a_card_that_flaps_at_boot_does_not_hide_the_others(cards, sandbox):
+    cards.add(0, name="First")
+    cards.start(wait=False)
+    end = time.monotonic() + 20
+    while not sandbox.bus.get_owner(SERVICE):
+        assert time.monotonic() < end, "the service waits for a card that keeps flapping"
+        cards.add(1)
+        wait_until_passed(0.05)
+        cards.remove(1)
+        wait_until_passed(0.05)
+    assert cards.read_devices()[0] == "First"
+
+
 def wait_until_passed(seconds):
     """Lets this much time pass, where the pace of the events is tested."""
     end = time.monotonic() + seconds
