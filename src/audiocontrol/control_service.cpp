@@ -117,18 +117,19 @@ void read_state(Service *service)
     g_warning("%s%s: %s; the devices get new numbers", "", path, reason.c_str());
 }
 
-/* A failure costs the numbers of new devices at the next start; they work until then. */
+/* A failure costs the numbers of new devices at the next start, unless a later call succeeds. */
 void write_state(Service *service, const DeviceTable &table)
 {
     const std::string text = device_state_format(table);
     if (text == service->state_text) {
         return;
     }
-    service->state_text = text;
     if (!util_write_file_synced(service->files->state.c_str(), text.data(), text.size(),
                                 FILE_MODE)) {
         g_warning("%sCannot write %s: %s", "", service->files->state.c_str(), g_strerror(errno));
+        return;
     }
+    service->state_text = text;
 }
 
 /* Returns false if the file cannot be written. The daemon would then not find the devices. */
@@ -219,12 +220,11 @@ void announce(Service *service, ControlPicture next)
 /* Publishes the first picture and takes the name. Returns 0 or a negative errno. */
 int publish(Service *service, ControlPicture next, bool had_alsa_file)
 {
-    std::optional<ControlPicture> known = find_known_picture(service, next, had_alsa_file);
+    const std::optional<ControlPicture> known = find_known_picture(service, next, had_alsa_file);
     if (!known) {
         write_state(service, next.devices);
-        known = next;
     }
-    service->picture = *std::move(known);
+    service->picture = known.value_or(next);
     int r = control_bus_publish(service->bus, &service->picture);
     if (r >= 0) {
         r = control_bus_take_name(service->bus);
@@ -235,7 +235,9 @@ int publish(Service *service, ControlPicture next, bool had_alsa_file)
         return r;
     }
     service->is_published = true;
-    announce(service, std::move(next));
+    if (known) {
+        announce(service, std::move(next));
+    }
     sd_notify(0, "READY=1");
     return 0;
 }

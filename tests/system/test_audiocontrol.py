@@ -227,6 +227,9 @@ def test_a_state_that_cannot_be_written_is_a_warning(cards):
     assert cards.read_devices() == {0: "Mocked card"}
     assert [text.partition(": ")[0] for text in cards.service.texts] == [
         "warning", "info", "warning"]
+    cards.state.rmdir()
+    cards.configure("")
+    wait_until(cards.state.exists, 10, "the state is written when the cards are read again")
 
 
 # Udev
