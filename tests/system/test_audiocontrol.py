@@ -346,6 +346,8 @@ HOSTILE = {
     "control": 'a\x1b[31m\x07\x7fb\r',
     "quotes": '" }\tpcm.!default { type null } "',
     "not UTF-8": b"\xff\xfe\xc3(".decode(errors="surrogateescape"),
+    "newline": 'a\n}\npcm.!default { type null }\n 0 [Card]: Mock - b',
+    "dollar": "${HOME}$(id)`id`%s",
     "backslashes": '\\"\\',
     "direction": "\u202egnp.wav",
     "long": "x" * 2000,

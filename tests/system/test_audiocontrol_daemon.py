@@ -4,6 +4,7 @@ import pathlib
 
 import pytest
 from sandbox import BusError, Player, clips, read_events, wait_until
+from sandbox.cards import DEVICE
 from sandbox.log_lines import START
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -98,6 +99,42 @@ def test_a_clip_on_another_card_ends_with_the_restart(sandbox, cards, start, lon
         held.wait()
     assert error.value.name == "org.freedesktop.DBus.Error.NoReply"
     wait_for_restart(sandbox, owner)
+
+
+def test_each_output_of_a_card_without_a_first_pcm_plays(sandbox, cards, start, clip):
+    cards.add(0, "HDMI", "pci", outputs=(3, 7, 8, 9))
+    player = start()
+    assert player.call("PlayClip", clip.location) == "OK"
+    assert is_heard(cards, "HDMI.3", clip)
+    for output, pcm in enumerate((3, 7, 8, 9)):
+        before = cards.recording(f"HDMI.{pcm}").count("close")
+        options = f"{clip.location}&audiodeviceid=0&audiooutputid={output}"
+        assert player.call("PlayClip", options) == "OK"
+        assert cards.recording(f"HDMI.{pcm}").count("close") == before + 1
+
+
+def test_a_hub_that_is_unplugged_restarts_the_daemon_once(sandbox, cards, start, clip, long):
+    cards.add(0, "First")
+    for index in range(1, 30):
+        cards.add(index, f"Hub{index}", outputs=(0, 3))
+    player = start()
+    names = sandbox.bus.subscribe("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                  "org.freedesktop.DBus", "NameOwnerChanged")
+    seen = cards.listen()
+    number = next(number for number, interfaces in cards.read_objects().items()
+                  if interfaces[DEVICE]["CardId"] == "Hub9")
+    held = player.send("PlayClip", f"{long.location}&audiodeviceid={number}&audiooutputid=1")
+    wait_until(lambda: cards.recording("Hub9.3").frames > 0, what="it sounds")
+    cards.recording("Hub9.3").set_trouble("gone")
+    for index in range(1, 30):
+        cards.remove(index)
+    assert held.wait() == ("OK",)
+    wait_until(lambda: len(seen.seen) == 29, 10, "each card is told")
+    wait_until(lambda: len([1 for signal in names if signal.args[0] == DAEMON]) >= 2, 10,
+               "the daemon restarted")
+    assert player.call("PlayClip", clip.location) == "OK"
+    assert is_heard(cards, "First", clip)
+    assert len([1 for signal in names if signal.args[0] == DAEMON]) == 2
 
 
 def test_a_card_that_flaps_restarts_the_daemon_once(sandbox, cards, start):
