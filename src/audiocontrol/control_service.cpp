@@ -186,8 +186,8 @@ void read_overrides(Service *service, ControlPicture *picture)
 }
 
 /*
- * Returns the picture that the daemon has before the first picture is published, or nothing if the
- * daemon does not run, as at boot. It must learn what differs.
+ * Returns the picture that the daemon has before the first one of this run is published; the
+ * signals tell it what differs. Returns nothing if the daemon does not run, as at boot.
  */
 std::optional<ControlPicture> find_known_picture(Service *service, const ControlPicture &next,
                                                  bool had_alsa_file)
