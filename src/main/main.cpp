@@ -10,6 +10,7 @@
 #include "audioclip_dbus.h"
 #include "clip_warm_up.h"
 #include "log_level.h"
+#include "memory_trim.h"
 #include "platform/log_redirect.h"
 #include "sonobrik_events.h"
 #include "sonobrik_osc.h"
@@ -77,6 +78,7 @@ void watchdog_setup()
 /* Sets up the subsystems, each after those that it uses. Returns false if a required step fails. */
 bool start(int *argc, char ***argv)
 {
+    memory_trim_share_pool();
     log_redirect_to_syslog(LOG_IDENTITY, LOG_DAEMON);
 
     main_loop = g_main_loop_new(nullptr, FALSE);

@@ -24,6 +24,11 @@ gboolean trim(gpointer)
 
 } // namespace
 
+void memory_trim_share_pool()
+{
+    mallopt(M_ARENA_MAX, 1);
+}
+
 void memory_trim_later()
 {
     if (timer_id == 0) {
@@ -32,6 +37,8 @@ void memory_trim_later()
 }
 
 #else
+
+void memory_trim_share_pool() {}
 
 void memory_trim_later() {}
 

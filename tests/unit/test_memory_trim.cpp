@@ -1,8 +1,13 @@
 #include "memory_trim.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <string>
+#include <thread>
 
 /* Other C libraries return no memory. */
 #ifdef __GLIBC__
@@ -33,6 +38,22 @@ class MemoryTrim : public ::testing::Test
         }
     }
 };
+
+/* Returns how many pools threads have allocated from. */
+size_t count_pools()
+{
+    char *text = nullptr;
+    size_t length = 0;
+    FILE *file = open_memstream(&text, &length);
+    malloc_info(0, file);
+    fclose(file);
+    size_t count = 0;
+    for (const char *at = text; (at = strstr(at, "<heap nr=")); at++) {
+        count++;
+    }
+    free(text);
+    return count;
+}
 
 } // namespace
 
@@ -76,6 +97,16 @@ TEST_F(MemoryTrim, HappensAgainAfterALaterCall)
     made.callback(nullptr);
     memory_trim_later();
     EXPECT_EQ(made.timers, 2);
+}
+
+TEST(MemoryTrimPool, IsSharedByAllThreads)
+{
+    memory_trim_share_pool();
+    std::thread([] {
+        std::string text(4000, 'x');
+        EXPECT_EQ(text.back(), 'x');
+    }).join();
+    EXPECT_EQ(count_pools(), 1U);
 }
 
 #endif
