@@ -102,6 +102,17 @@ class Bench:
                 box.start_bus()
             yield box
 
+    @staticmethod
+    def start_daemon(box, **options):
+        """Starts the daemon with its log in a file and returns its process.
+
+        The sandbox would read the log from a pipe and take processor time for each line.
+        """
+        program = box.folder / "run/daemon"
+        program.write_text("#!/bin/sh\nexec /run/build/src/sonobrik 2>/tmp/daemon.log\n")
+        program.chmod(0o755)
+        return box.start_daemon("/run/daemon", **options)
+
     def start_floor(self, box, name, bus_name=FLOOR):
         """Starts build/bench/floor-NAME and returns its process."""
         floor = box.spawn([f"/run/build/bench/floor-{name}", bus_name])

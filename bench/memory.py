@@ -13,7 +13,7 @@ def measure_plays(bench):
     batch, batches = bench.pick((50, 8), (20, 3), (1, 1))
     with bench.sandbox() as box:
         clip = box.write_clip("a.wav", clips.tone(440, 2))
-        processes = [box.start_daemon(), bench.start_floor(box, "player")]
+        processes = [bench.start_daemon(box), bench.start_floor(box, "player")]
         calls = [encode(name, "StartPlayingClip", clip.location) for name in (DAEMON, FLOOR)]
         bench.call(box, "play", bench.pick(100, 20, 1), CARD, *calls)  # what is loaded only once
         sizes = [[read_resident_kib(process)] for process in processes]
@@ -32,7 +32,7 @@ def measure_listing(bench):
     wait = bench.pick(60, 5, 0)
     with bench.sandbox() as box:
         # The start lists the records too, so they are written after it.
-        daemon = box.start_daemon()
+        daemon = bench.start_daemon(box)
         time.sleep(bench.pick(SETTLING, SETTLING, 0))
         before = read_resident_kib(daemon)
         write_records(box, records)

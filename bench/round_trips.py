@@ -7,7 +7,7 @@ def run(bench):
     results = Results()
     count = bench.pick(3000, 500, 3)
     with bench.sandbox() as box:
-        box.start_daemon()
+        bench.start_daemon(box)
         bench.start_floor(box, "echo")
         for what, *call in (
                 ("round trip, StopPlayingClip while idle", "StopPlayingClip", "x"),

@@ -12,7 +12,7 @@ def run(bench):
     sizes = bench.pick((100, 1000, 10000), (100, 1000, 10000), (2, 4))
     curves = {"GetMetadata": {}, "AddClip": {}}
     with bench.sandbox() as box:
-        box.start_daemon()
+        bench.start_daemon(box)
         bench.start_floor(box, "store")
         for size in sizes:
             write_records(box, size)

@@ -11,7 +11,7 @@ def run(bench):
     lines = {"sonobrik": [], "floor": []}
     with bench.sandbox() as box:
         clip = box.write_clip("one/0.wav", clips.tone(440, 1))
-        box.start_daemon()
+        bench.start_daemon(box)
         bench.start_floor(box, "player")
         for files in bench.pick((1, 3, 10, 30, 100), (1, 10, 100), (1, 2)):
             folder = clip.file.parents[1] / str(files)
