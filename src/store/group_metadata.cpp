@@ -134,6 +134,12 @@ bool sonobrik_group_metadata_valid(const SonobrikGroup *group)
     if (!sonobrik_group_valid_parameter(group) || json_object_size(metadata) == 0) {
         return false;
     }
+    if (json_object_get(metadata, "mediaTypes") &&
+        json_is_integer(json_object_get(metadata, "size")) &&
+        json_is_integer(json_object_get(metadata, "duration"))) {
+        return true;
+    }
+    /* Names the fault. */
     json_error_t error = {};
     if (json_unpack_ex(metadata, &error, JSON_VALIDATE_ONLY, "{s:O, s:I, s:I}", "mediaTypes",
                        "size", "duration") != 0) {
