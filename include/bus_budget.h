@@ -3,6 +3,7 @@
 /* Keeps a message with all clips below the size that the bus accepts. Thread-safe. */
 
 #include <glib.h>
+#include <jansson.h>
 
 /*
  * The maximum number of bytes of clips in one message. dbus-daemon disconnects the sender of a
@@ -15,6 +16,18 @@ inline constexpr size_t BUS_BUDGET = size_t{16} * 1024 * 1024;
  * fewer are left.
  */
 bool bus_budget_take(size_t *left, size_t size);
+
+/* What the JSON array of a message may still hold. */
+struct BusBudgetArray {
+    size_t left = BUS_BUDGET;
+    bool is_exact = false; /* `left` counts exact sizes; before that, upper bounds of them */
+};
+
+/*
+ * Takes the size of `value` and of a comma. Returns false if too little is left. `array` contains
+ * the values that were taken before.
+ */
+bool bus_budget_take_value(BusBudgetArray *budget, json_t *array, json_t *value);
 
 /*
  * Warns how many clips are in the list `left_out`; does nothing for an empty list. `message` names

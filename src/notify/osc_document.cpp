@@ -8,12 +8,10 @@
 namespace
 {
 
-constexpr size_t SEPARATOR = 1; /* between two values */
-
 /* Adds the clips to the values that the user can choose from. Returns false on failure. */
 bool add_clips(json_t *values, GSList *groups)
 {
-    size_t left = BUS_BUDGET;
+    BusBudgetArray budget;
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
         g_autoptr(json_t) value =
@@ -22,7 +20,7 @@ bool add_clips(json_t *values, GSList *groups)
         if (!value) {
             return false;
         }
-        if (!bus_budget_take(&left, json_dumpb(value, nullptr, 0, JSON_COMPACT) + SEPARATOR)) {
+        if (!bus_budget_take_value(&budget, values, value)) {
             bus_budget_report(node, "the list for the on-screen controls");
             return true;
         }

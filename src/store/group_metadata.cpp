@@ -10,40 +10,6 @@
 namespace
 {
 
-constexpr size_t SEPARATOR = 1; /* between two objects of the reply */
-
-/* What the reply may still hold. */
-struct Budget {
-    size_t left = BUS_BUDGET;
-    bool is_exact = false; /* `left` counts exact sizes; before that, upper bounds of them */
-};
-
-size_t get_size(const json_t *metadata)
-{
-    return json_dumpb(metadata, nullptr, 0, JSON_COMPACT) + SEPARATOR;
-}
-
-/*
- * Returns true if `metadata` fits into the reply, which contains the elements of `array`. An exact
- * size costs as much as writing the text, so upper bounds count until they exceed the budget.
- */
-bool budget_take(Budget *budget, json_t *array, json_t *metadata)
-{
-    if (!budget->is_exact) {
-        if (bus_budget_take(&budget->left, json_utils_bound_size(metadata) + SEPARATOR)) {
-            return true;
-        }
-        *budget = {.left = BUS_BUDGET, .is_exact = true};
-        size_t i = 0;
-        json_t *element = nullptr;
-        json_array_foreach(array, i, element)
-        {
-            bus_budget_take(&budget->left, get_size(element));
-        }
-    }
-    return bus_budget_take(&budget->left, get_size(metadata));
-}
-
 /* Returns a new reference to the metadata as a record stores it; null with a log line. */
 json_t *pack_metadata(const discover_media_metadata *m)
 {
@@ -180,7 +146,7 @@ char *sonobrik_group_get_metadata()
         return nullptr;
     }
     g_autoptr(GHashTable) memo = discover_media_memo_new();
-    Budget budget;
+    BusBudgetArray budget;
     GSList *groups = sonobrik_group_get_parameter_list();
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
@@ -191,7 +157,7 @@ char *sonobrik_group_get_metadata()
                       sonobrik_group_get_location(group));
             continue;
         }
-        if (!budget_take(&budget, array, metadata)) {
+        if (!bus_budget_take_value(&budget, array, metadata)) {
             bus_budget_report(node, "the reply to GetMetadata");
             json_decref(metadata);
             break;
