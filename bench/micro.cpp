@@ -36,7 +36,7 @@ constexpr const char *TEXT = "The bell of the door at the back of the house";
 
 void ParseOptions(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         g_autofree char *location = nullptr;
         g_autofree char *device = nullptr;
         gint32 volume = 0;
@@ -55,7 +55,7 @@ BENCHMARK(ParseOptions);
 
 void UnescapeOption(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         char text[] = "/etc/audioclips/door%20bell+of%20the%20house.wav";
         audio_clip_option_unescape(text);
         benchmark::DoNotOptimize(text);
@@ -65,7 +65,7 @@ BENCHMARK(UnescapeOption);
 
 void ReadRecord(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         g_autoptr(SonobrikGroup) group = sonobrik_group_from_file(RECORD);
         if (!group) {
             state.SkipWithError("the record is refused");
@@ -77,7 +77,7 @@ BENCHMARK(ReadRecord);
 
 void FloorReadRecord(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         g_autoptr(json_t) record = json_load_file(RECORD, 0, nullptr);
         if (!record) {
             state.SkipWithError("the record cannot be read");
@@ -90,7 +90,7 @@ BENCHMARK(FloorReadRecord);
 void CheckRecord(benchmark::State &state)
 {
     g_autoptr(SonobrikGroup) group = sonobrik_group_from_file(RECORD);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(sonobrik_group_get_fault(group));
     }
 }
@@ -98,7 +98,7 @@ BENCHMARK(CheckRecord);
 
 void CheckText(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(bus_text_is_valid(TEXT));
     }
 }
@@ -106,7 +106,7 @@ BENCHMARK(CheckText);
 
 void FloorCheckText(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(g_utf8_validate(TEXT, -1, nullptr));
     }
 }
@@ -114,7 +114,7 @@ BENCHMARK(FloorCheckText);
 
 void WalkWildcard(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         GSList *files = file_utils_get_files_from_wildcard(WILDCARD);
         if (!files) {
             state.SkipWithError("nothing matches");
@@ -127,7 +127,7 @@ BENCHMARK(WalkWildcard);
 
 void FloorWalkWildcard(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         glob_t files = {};
         if (glob(WILDCARD, GLOB_NOSORT, nullptr, &files) != 0) {
             state.SkipWithError("nothing matches");
@@ -141,7 +141,7 @@ BENCHMARK(FloorWalkWildcard);
 void BuildUri(benchmark::State &state)
 {
     Playlist playlist = {g_list_append(nullptr, g_strdup("/etc/audioclips/door bell.wav"))};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         g_autofree char *uri = playlist_get_random_uri(&playlist, nullptr);
         benchmark::DoNotOptimize(uri);
     }
@@ -151,7 +151,7 @@ BENCHMARK(BuildUri);
 
 void FloorBuildUri(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         g_autofree char *uri = gst_filename_to_uri("/etc/audioclips/door bell.wav", nullptr);
         benchmark::DoNotOptimize(uri);
     }

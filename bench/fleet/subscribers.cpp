@@ -81,6 +81,11 @@ void run(int epoll, const int *count, int wanted)
     }
 }
 
+int read_number(const char *text)
+{
+    return static_cast<int>(strtol(text, nullptr, 10));
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -88,9 +93,9 @@ int main(int argc, char **argv)
     if (argc != 4) {
         return EXIT_FAILURE;
     }
-    const int port = atoi(argv[1]);
-    const int count = atoi(argv[2]);
-    const int rounds = atoi(argv[3]);
+    const int port = read_number(argv[1]);
+    const int count = read_number(argv[2]);
+    const int rounds = read_number(argv[3]);
     mosquitto_lib_init();
     const int epoll = epoll_create1(EPOLL_CLOEXEC);
     for (int i = 0; i <= count; i++) {

@@ -31,6 +31,7 @@ std::vector<int> list_numbers(int folder)
     if (!directory) {
         return numbers;
     }
+    // cppcheck-suppress readdirCalled ; the floor has one thread
     for (dirent *entry = readdir(directory); entry; entry = readdir(directory)) {
         if (entry->d_name[0] == 'M') {
             numbers.push_back(static_cast<int>(strtol(entry->d_name + 1, nullptr, 10)));
