@@ -234,6 +234,11 @@ def test_advice_names_the_machine(local, sandbox, player, long):
         "for details: journalctl -t sonobrik (on 'shop')"]
 
 
+def test_a_pattern_that_matches_nothing_is_explained(local, daemon):
+    assert local.fail(1, "play", "/etc/audioclips/*.ogg")[1:] == [
+        "to see why a file does not count: sonobrikctl --host 'shop' check FILE"]
+
+
 def test_the_daemon_is_missing_there(local, sandbox):
     assert local.fail(3, "stop")[1] == (
         "check the service: systemctl status sonobrik (on 'shop')")

@@ -262,10 +262,13 @@ std::string ctl_file_advise(const char *error, const char *path)
 {
     const bool is_unknown = g_str_has_prefix(error, CLIENT_TEXT_UNKNOWN);
     if (g_str_has_prefix(error, CLIENT_TEXT_NO_FILE) && client_play_has_wildcards(path)) {
-        return "to see why a file does not count: sonobrikctl check FILE";
+        return "to see why a file does not count: " + ctl_host_self("check FILE");
     }
     if (!is_unknown && !g_str_has_suffix(error, CLIENT_TEXT_UNSUPPORTED)) {
         return "";
+    }
+    if (is_unknown && ctl_host()) {
+        return ""; /* the daemon sends the same text for a missing file */
     }
     g_autofree char *name = g_path_get_basename(path);
     const char *dot = strrchr(name, '.');

@@ -1,5 +1,6 @@
 """Programs that run in a sandbox."""
 
+import contextlib
 import dataclasses
 import json
 import os
@@ -98,7 +99,9 @@ class Process:
         """Sends a signal to the program."""
         self.expected = True
         if self.is_running and self.pid:
-            os.kill(self.pid, number)
+            # bubblewrap ends a moment after the program, which may have ended by itself.
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(self.pid, number)
 
     def open_folder(self, path):
         """Returns the host's path of the folder that the program sees as `path`."""
