@@ -223,6 +223,13 @@ def test_an_unsupported_format_comes_with_a_way_to_convert_it(shell, sandbox, pl
     assert "on this device; convert it to WAV" in shell.run("check", path).stdout
 
 
+def test_the_converted_file_has_another_name_than_the_file(shell, sandbox, player):
+    flac = sandbox.write_clip("door.flac", clips.noise(4800)).path
+    wav = flac.removesuffix("flac") + "wav"
+    sandbox.run(["mv", flac, wav])
+    assert shell.fail(1, "play", wav)[1].endswith("ffmpeg -i 'door.wav' 'door-new.wav'")
+
+
 # Replacing what plays
 
 

@@ -12,7 +12,7 @@ namespace
 {
 
 /* Long enough for an emulated processor on a busy machine. */
-constexpr gint64 PATIENCE_USEC = 60 * G_USEC_PER_SEC;
+constexpr gint64 PATIENCE_USEC = 150 * G_USEC_PER_SEC;
 
 constexpr const char *CONFIGURATION = R"(<!DOCTYPE busconfig PUBLIC
  "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"

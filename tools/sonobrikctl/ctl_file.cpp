@@ -274,7 +274,9 @@ std::string ctl_file_advise(const char *error, const char *path)
     const char *dot = strrchr(name, '.');
     const std::string stem(name, dot && dot != name ? dot - name : strlen(name));
     g_autofree char *from = g_shell_quote(name);
-    g_autofree char *to = g_shell_quote((stem + ".wav").c_str());
+    /* Not the name of the file itself. */
+    const bool is_wav = g_str_has_suffix(name, ".wav");
+    g_autofree char *to = g_shell_quote((stem + (is_wav ? "-new.wav" : ".wav")).c_str());
     return std::string(is_unknown ? "if it plays elsewhere, " : "") +
            "convert it to WAV, MP3, Vorbis or Opus, for example: ffmpeg -i " + from + " " + to;
 }
