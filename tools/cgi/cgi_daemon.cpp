@@ -248,7 +248,7 @@ CgiOutcome cgi_daemon_read_state(CgiState *state)
 
 std::string cgi_output_describe(const CgiOutput &output)
 {
-    const std::string number = "output " + std::to_string(output.number);
+    std::string number = "output " + std::to_string(output.number);
     if (output.name.empty()) {
         return number;
     }
