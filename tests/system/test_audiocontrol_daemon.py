@@ -72,16 +72,12 @@ def test_a_card_that_is_unplugged_while_it_plays(sandbox, cards, start, clip, lo
     cards.add(1, "Second")
     player = start()
     owner = sandbox.bus.get_owner(DAEMON)
-    names = sandbox.bus.subscribe("org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                  "org.freedesktop.DBus", "NameOwnerChanged")
     held = player.send("PlayClip", long.location)
     wait_until(lambda: cards.recording("First").frames > 0, what="it sounds")
     cards.recording("First").set_trouble("gone")
     cards.remove(0)
     assert held.wait() == ("OK",)
     wait_for_restart(sandbox, owner)
-    left, back = (signal.time for signal in names if signal.args[0] == DAEMON)
-    assert back - left < 1e9
     assert read_outputs(sandbox.bus) == [(1, 0)]
     assert player.call("PlayClip", clip.location) == "OK"
     assert is_heard(cards, "Second", clip)
