@@ -11,7 +11,7 @@ PAUSE = 1  # seconds
 
 
 def measure_after_pause(bench, box, clip):
-    """Returns a row of calls that each follow a pause, in which the processor does other work."""
+    """Returns a row of calls that each follow a pause."""
     ours, floor = [], []
     for _ in range(bench.pick(15, 5, 1)):
         for service, times in ((DAEMON, ours), (FLOOR, floor)):

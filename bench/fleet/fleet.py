@@ -9,14 +9,11 @@ each node a sandbox with a bus, the daemon, a virtual sound card and sonobrik-mq
 "together" sends `rounds` commands with a time to a group of `nodes` nodes. The time of the first
 sample comes from the recordings of the sound cards. "alone" does the same with one node, as on a
 machine of its own; of many nodes on one machine, each waits for the processors that the others use.
-The floor of "together" is the processor time of all starts, divided by the number of processors: on
-this machine, the last node cannot be closer to the first one than that.
 "broker" measures the time from publishing a message to the last of `subscribers` clients that do
 nothing but receive it.
 """
 
 import argparse
-import os
 import pathlib
 import statistics
 import subprocess
@@ -32,9 +29,6 @@ from sandbox.broker import Bridge, Broker  # noqa: E402
 
 # From sending a command to its time. Each node checks the file first.
 AHEAD_MS = 3000
-
-# How long before its time the check is over and the start has not begun.
-BEFORE_START_MS = 300
 
 NOISE = clips.noise(9600)
 
@@ -80,29 +74,16 @@ class Node:
         utc = time.time_ns() - time.monotonic_ns()
         return (event.time + utc) / 1e6 + (found - frame) / take.rate * 1e3
 
-    def read_cpu_ms(self):
-        """Returns the processor times of the daemon and of the bridge. The kernel counts in steps of
-        10 ms, so only the average of many differences is of use."""
-        return [read_cpu_seconds(process.pid) * 1000
-                for process in (self.sandbox.daemon, self.bridge.process)]
-
     def count_starts(self):
         return self.sandbox.card(0).count("start")
 
 
 def play_round(nodes, operator, number):
-    """Returns by how many milliseconds the first sample of each node missed the time, and the
-    processor times that each node's daemon and bridge used to start, in milliseconds."""
+    """Returns by how many milliseconds the first sample of each node missed the time."""
     starts = [node.count_starts() for node in nodes]
     at = time.time_ns() // 1000000 + AHEAD_MS
     operator.publish("sonobrik/group/all/play",
                      {"location": "noise.wav", "at": at, "id": f"{number}-{at}"})
-    wait_until(lambda: time.time_ns() // 1000000 >= at - BEFORE_START_MS, 60, "the time is near")
-    before = [node.read_cpu_ms() for node in nodes]
-    for node, count in zip(nodes, starts):
-        wait_until(lambda node=node, count=count: node.count_starts() > count, 60, "a start")
-    used = [[now - then for now, then in zip(node.read_cpu_ms(), times)]
-            for node, times in zip(nodes, before)]
     for node in nodes:
         # Each play ends in two events; the node's state then says that it is idle again.
         answer = wait_until(
@@ -113,17 +94,7 @@ def play_round(nodes, operator, number):
             raise AssertionError(answer)
     for node in nodes:
         wait_until(lambda node=node: not node.sandbox.card(0).is_open, 60, "the clip has ended")
-    return [node.find_first_sample(count) - at for node, count in zip(nodes, starts)], used
-
-
-def print_cost(name, count, times):
-    """Prints what a start costs, from the processor times of daemons and bridges, and the floor."""
-    daemon, bridge = (statistics.mean(column) for column in zip(*times))
-    print(f"{name}: processor time of a start, in ms: daemon {daemon:.1f}, bridge {bridge:.1f}")
-    processors = len(os.sched_getaffinity(0))
-    if count > processors:
-        print(f"{name}: floor for {count} starts on {processors} processors, in ms: "
-              f"{(daemon + bridge) * count / processors:.0f}")
+    return [node.find_first_sample(count) - at for node, count in zip(nodes, starts)]
 
 
 def measure_plays(name, count, rounds, build, folder):
@@ -138,7 +109,7 @@ def measure_plays(name, count, rounds, build, folder):
             # The nodes learn how long their calls take.
             for number in range(3):
                 play_round(nodes, operator, f"warm{number}")
-            results = [play_round(nodes, operator, number) for number in range(rounds)]
+            misses = [play_round(nodes, operator, number) for number in range(rounds)]
             bridge = read_rss_kib(nodes[0].bridge.process.pid)
             print(f"{name}: memory of a bridge after {rounds + 3} plays: {bridge} KiB")
         finally:
@@ -146,8 +117,6 @@ def measure_plays(name, count, rounds, build, folder):
                 node.bridge.process.kill()
                 node.sandbox.close()
             operator.close()
-    misses = [result[0] for result in results]
-    print_cost(name, count, [times for result in results for times in result[1]])
     flat = [miss for misses_of_round in misses for miss in misses_of_round]
     print(f"{name}: {count} nodes, {rounds} plays: first sample after its time, in ms: "
           f"median {statistics.median(flat):.1f}, "
