@@ -63,7 +63,7 @@ def assert_flat(box, before):
     for _ in range(20):
         store.call("Sync")
     assert Player(box.bus).call("StopPlayingClip") == "OK"
-    assert count_files(box.daemon) <= files
+    wait_until(lambda: count_files(box.daemon) <= files, 30, "the descriptors are closed")
 
 
 @pytest.mark.parametrize("purpose", PURPOSES)
@@ -110,8 +110,8 @@ def test_a_stranger_leaves_nothing_while_the_controls_are_slow(box):
         wait_until(lambda: all(run.done() for run in runs.values()), 150, "everything is sent")
     for run in runs.values():
         run.result()
-    # One message that is being read holds up to 16 descriptors.
-    assert max(highest) <= before[0] + 16
+    # One message that is being read holds up to 16 descriptors, and the warm-up has a few.
+    assert max(highest) <= before[0] + 24
     assert_flat(box, before)
 
 
