@@ -193,12 +193,12 @@ TEST_F(GroupMetadataList, FilesOfOneCallShareAMemo)
 
 /* A reply that is too long for the bus. */
 
-TEST_F(GroupMetadataList, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
+/* Writes 420 records whose locations consist of 4095 times the JSON text `character`. */
+static void write_large_records(const char *character)
 {
-    /* Each takes 24,570 + 16,000 bytes and some more, so 411 are too many. */
     std::string location;
     for (int i = 0; i < 4095; i++) {
-        location += "\\u0001";
+        location += character;
     }
     const std::string metadata =
         R"({"mediaTypes":")" + std::string(16000, 'x') + R"(","size":5,"duration":50})";
@@ -206,6 +206,12 @@ TEST_F(GroupMetadataList, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
         StoreFolder::write("M" + std::to_string(i) + ".json",
                            record_file(location, "A", "audio", metadata));
     }
+}
+
+TEST_F(GroupMetadataList, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
+{
+    /* Each takes 24,570 + 16,000 bytes and some more, so 411 are too many. */
+    write_large_records("\\u0001");
     const std::string reply = reply_of_all();
     EXPECT_LE(reply.size(), size_t{16} * 1024 * 1024);
     g_autoptr(json_t) entries = json_loads(reply.c_str(), 0, nullptr);
@@ -221,16 +227,7 @@ TEST_F(GroupMetadataList, RecordsBeyondTheBudgetOfTheReplyAreLeftOut)
 TEST_F(GroupMetadataList, RecordsThatOnlySeemTooLongAreReturned)
 {
     /* A quote may take six bytes as far as the upper bound knows, but takes two. */
-    std::string location;
-    for (int i = 0; i < 4095; i++) {
-        location += "\\\"";
-    }
-    const std::string metadata =
-        R"({"mediaTypes":")" + std::string(16000, 'x') + R"(","size":5,"duration":50})";
-    for (int i = 0; i < 420; i++) {
-        StoreFolder::write("M" + std::to_string(i) + ".json",
-                           record_file(location, "A", "audio", metadata));
-    }
+    write_large_records("\\\"");
     const std::string reply = reply_of_all();
     g_autoptr(json_t) entries = json_loads(reply.c_str(), 0, nullptr);
     EXPECT_EQ(json_array_size(entries), 420U);
