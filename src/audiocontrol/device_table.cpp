@@ -116,6 +116,23 @@ void forget_left_out(DeviceTable *table, const ControlConf &conf)
     });
 }
 
+/*
+ * Returns the devices in the order in which they get their numbers. If a section matches several
+ * devices, one that is plugged in gets the number. The one that has it already keeps it: cards with
+ * the same serial number would otherwise exchange their numbers each time.
+ */
+std::vector<Device *> sort_by_claim(DeviceTable *table, const ControlConf &conf)
+{
+    std::vector<Device *> devices;
+    for (Device &device : *table) {
+        devices.push_back(&device);
+    }
+    std::ranges::stable_sort(devices, {}, [&conf](const Device *device) {
+        return std::tuple(!device->plugged_in, find_rule(conf, *device).number != device->number);
+    });
+    return devices;
+}
+
 /* Gives the devices their names and numbers. A device with NO_NUMBER gets a new number. */
 void assign_numbers(DeviceTable *table, const ControlConf &conf)
 {
@@ -127,21 +144,15 @@ void assign_numbers(DeviceTable *table, const ControlConf &conf)
     }
     std::set<int> given;
     std::vector<Device *> waiting;
-    /* Of several devices that a section matches, one that is plugged in gets the number. */
-    for (const bool plugged_in : {true, false}) {
-        for (Device &device : *table) {
-            if (device.plugged_in != plugged_in) {
-                continue;
-            }
-            const ControlRule rule = find_rule(conf, device);
-            device.name = rule.name.value_or(device.card_name);
-            if (rule.number && given.insert(*rule.number).second) {
-                device.number = *rule.number;
-            } else if (device.number == NO_NUMBER || taken.contains(device.number)) {
-                waiting.push_back(&device);
-            } else {
-                given.insert(device.number);
-            }
+    for (Device *device : sort_by_claim(table, conf)) {
+        const ControlRule rule = find_rule(conf, *device);
+        device->name = rule.name.value_or(device->card_name);
+        if (rule.number && given.insert(*rule.number).second) {
+            device->number = *rule.number;
+        } else if (device->number == NO_NUMBER || taken.contains(device->number)) {
+            waiting.push_back(device);
+        } else {
+            given.insert(device->number);
         }
     }
     taken.insert(given.begin(), given.end());

@@ -220,6 +220,28 @@ TEST_F(DeviceTableTest, GivesAPinnedNumberToTheCardThatIsPluggedIn)
     EXPECT_EQ(table[0].number, 0);
 }
 
+TEST_F(DeviceTableTest, LeavesAPinnedNumberToOneOfTwoCardsThatASectionMatches)
+{
+    conf = parse("[serial=same]\nnumber=5\n");
+    const std::vector<SoundCard> cards = {make_card(0, "a", "same"), make_card(1, "b", "same")};
+    for (int i = 0; i < 3; i++) {
+        update(cards);
+        EXPECT_EQ(numbers(), (Numbers{{"a", 5}, {"b", 0}})) << "update " << i;
+    }
+}
+
+TEST_F(DeviceTableTest, LeavesAPinnedNumberToTheDeviceThatHadItLast)
+{
+    conf = parse("[path=a]\nnumber=5\n");
+    update({make_card(0, "a", "s1")});
+    update({make_card(0, "a", "s2")});
+    update({});
+    ASSERT_EQ(table.size(), 2U);
+    EXPECT_EQ(table[0].serial, "s1");
+    EXPECT_EQ(table[1].serial, "s2");
+    EXPECT_EQ(table[1].number, 5);
+}
+
 TEST_F(DeviceTableTest, ForgetsTheHighestNumbersThatAreNotPluggedIn)
 {
     std::vector<SoundCard> cards;
