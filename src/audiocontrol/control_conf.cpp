@@ -31,6 +31,8 @@ bool split(std::string_view line, std::string_view *key, std::string_view *value
 
 /* The readers of a line return what is wrong with it, or an empty text. */
 
+constexpr const char *KEY_TWICE = "this key occurs twice in the section";
+
 std::string read_number(std::string_view value, ControlConf *conf)
 {
     guint64 number = 0;
@@ -42,6 +44,9 @@ std::string read_number(std::string_view value, ControlConf *conf)
     const auto has_number = [number](const ControlRule &rule) {
         return rule.number == static_cast<int>(number);
     };
+    if (conf->back().number) {
+        return KEY_TWICE;
+    }
     if (std::ranges::any_of(*conf, has_number)) {
         return "two sections have number " + std::to_string(number);
     }
@@ -54,6 +59,9 @@ std::string read_name(std::string_view value, ControlConf *conf)
     if (value.empty() || control_text_clean(value) != value) {
         return "a name has 1 to 255 bytes without control characters";
     }
+    if (conf->back().name) {
+        return KEY_TWICE;
+    }
     conf->back().name = value;
     return "";
 }
@@ -62,6 +70,9 @@ std::string read_leave_out(std::string_view value, ControlConf *conf)
 {
     if (value != "yes" && value != "no") {
         return "leave-out must be yes or no";
+    }
+    if (conf->back().leave_out) {
+        return KEY_TWICE;
     }
     conf->back().leave_out = value == "yes";
     return "";
@@ -77,6 +88,10 @@ std::string read_section(std::string_view line, ControlConf *conf)
     const auto *known = std::ranges::find(MATCHES, match);
     if (known == std::end(MATCHES) || value.empty()) {
         return "a section is [serial=...], [path=...] or [card=...]";
+    }
+    /* The service knows cards by clean texts only, so another one would match no card. */
+    if (control_text_clean(value) != value) {
+        return "the text of a section has 1 to 255 bytes without control characters";
     }
     ControlRule rule = {.match = static_cast<ControlMatch>(known - std::begin(MATCHES)),
                         .value = std::string(value),

@@ -66,6 +66,14 @@ TEST(ControlConf, TellsTheLineOfAMistake)
         EXPECT_EQ(refuse(std::string("[card=a]\nname=") + name + '\n'),
                   "2: a name has 1 to 255 bytes without control characters");
     }
+    for (const char *key : {"number=1", "name=x", "leave-out=no"}) {
+        EXPECT_EQ(refuse(std::string("[card=a]\n") + key + '\n' + key + '\n'),
+                  "3: this key occurs twice in the section");
+    }
+    for (const char *text : {"\x1b", "\xff", "a\tb"}) {
+        EXPECT_EQ(refuse(std::string("[serial=") + text + "]\n"),
+                  "1: the text of a section has 1 to 255 bytes without control characters");
+    }
     for (const char *section : {"[card]", "[card=]", "[card=a", "[cards=a]", "[=a]", "["}) {
         EXPECT_EQ(refuse(section), "1: a section is [serial=...], [path=...] or [card=...]");
     }
