@@ -57,9 +57,33 @@ function __sonobrikctl_has_command
     test (count $words) -gt 1; and contains -- $words[2] $argv
 end
 
+# Succeeds if only the command and options have been typed. The values of options do not count.
+function __sonobrikctl_needs_operand
+    set -l words (__sonobrikctl_words)
+    set -l i 3
+    while test $i -le (count $words)
+        switch $words[$i]
+            case --volume --repeat --output --device --device-output -v -r -o
+                set i (math $i + 1)
+            case '-*'
+            case '*'
+                return 1
+        end
+        set i (math $i + 1)
+    end
+end
+
 # Succeeds without --host. With it, the files are those of the other machine.
 function __sonobrikctl_is_here
     test -z (__sonobrikctl_words machine | string collect)
+end
+
+# Succeeds if "play" can only be given a file: the word is a path, or no clip name begins with it.
+function __sonobrikctl_needs_file
+    __sonobrikctl_is_here; and __sonobrikctl_needs_operand; or return 1
+    set -l typed (commandline -ct | string replace -r '^["\']' '' | string replace -ra '\\\\(.)' '$1')
+    string match -qr '^[/.~]' -- "$typed"
+    or not __sonobrikctl_clips | string match -qir -- ^(string escape --style=regex -- "$typed")
 end
 
 complete -c sonobrikctl -f
@@ -81,7 +105,8 @@ set -l commands play 'Play a clip or a file' \
     help 'Show the help of a command'
 for i in (seq 1 2 (count $commands))
     complete -c sonobrikctl -n __sonobrikctl_needs_command -a $commands[$i] -d $commands[(math $i + 1)]
-    complete -c sonobrikctl -n '__sonobrikctl_has_command help' -a $commands[$i]
+    complete -c sonobrikctl -n '__sonobrikctl_has_command help; and __sonobrikctl_needs_operand' \
+        -a $commands[$i] -d $commands[(math $i + 1)]
 end
 
 set -l play '__sonobrikctl_has_command play'
@@ -92,8 +117,8 @@ complete -c sonobrikctl -n $play -l device -x -d 'Audio device'
 complete -c sonobrikctl -n $play -l device-output -x -d 'Output of that device'
 complete -c sonobrikctl -n $play -l replace -d 'Stop what is playing first'
 complete -c sonobrikctl -n $play -s w -l wait -d 'Wait until the clip ends'
-complete -c sonobrikctl -n $play -a '(__sonobrikctl_clips)'
-complete -c sonobrikctl -n "$play; and __sonobrikctl_is_here" -F
+complete -c sonobrikctl -n "$play; and __sonobrikctl_needs_operand" -a '(__sonobrikctl_clips)'
+complete -c sonobrikctl -n "$play; and __sonobrikctl_needs_file" -F
 
 set -l status_command '__sonobrikctl_has_command status'
 complete -c sonobrikctl -n $status_command -s w -l watch -d 'Keep printing what is playing'
@@ -109,4 +134,5 @@ complete -c sonobrikctl -n '__sonobrikctl_has_command add check; and __sonobrikc
 
 complete -c sonobrikctl -n '__sonobrikctl_has_command remove' -s f -l file -d 'Delete its file too'
 complete -c sonobrikctl -n '__sonobrikctl_has_command remove' -s y -l yes -d 'Do not ask for confirmation'
-complete -c sonobrikctl -n '__sonobrikctl_has_command remove rename' -a '(__sonobrikctl_clips)'
+complete -c sonobrikctl -n '__sonobrikctl_has_command remove rename; and __sonobrikctl_needs_operand' \
+    -a '(__sonobrikctl_clips)'

@@ -103,6 +103,9 @@ def test_commands_are_offered(complete):
     (["play", "--device"], ["--device", "--device-output"]),
     (["play", "x", "--w"], ["--wait"]),
     (["play", "--repeat", "f"], ["forever"]),
+    (["play", "--repeat=f"], ["forever"]),
+    (["play", "-r", "f"], ["forever"]),
+    (["play", "--volume="], ["25", "50", "75", "100"]),
     (["help", "pl"], ["play"]),
     (["help", "play", ""], []),
     (["list", "-"], ["--help", "--host", "--json", "--names"]),
@@ -268,7 +271,8 @@ def has(shell):
 def complete_in_fish(clip_list):
     """Completes a command line in fish and returns what it offers, without descriptions."""
     def run(line):
-        script = f"source {ROOT}/data/fish-completion/sonobrikctl.fish; complete -C $argv[1]"
+        script = (f"cd /etc/audioclips; source {ROOT}/data/fish-completion/sonobrikctl.fish; "
+                  "complete -C $argv[1]")
         result = clip_list.sandbox.run(
             ["fish", "--no-config", "-c", script, line],
             env={"PATH": SEARCH, "HOME": "/run/home"})
@@ -287,6 +291,18 @@ def test_fish_offers_commands_options_and_names(clip_list, complete_in_fish):
     assert sorted(complete_in_fish("sonobrikctl rename ")) == sorted(
         [*HARM, "Front door", "Front yard"])
     assert complete_in_fish("sonobrikctl play Fr") == ["Front door", "Front yard"]
+    for line in ("rename Front\\ door ", "remove 0 ", "play --repeat 1 it\\'s ", "help play "):
+        assert complete_in_fish(f"sonobrikctl {line}") == [], line
+
+
+@has("fish")
+def test_fish_offers_files_to_play_only_if_no_clip_fits(complete_in_fish):
+    assert "a b.wav" not in complete_in_fish("sonobrikctl play ")
+    assert complete_in_fish("sonobrikctl play a\\ ") == ["a b.wav"]
+    assert complete_in_fish('sonobrikctl play "a ') == ["a b.wav"]
+    assert complete_in_fish("sonobrikctl play /etc/audioclips/a") == ["/etc/audioclips/a b.wav"]
+    assert "./a b.wav" in complete_in_fish("sonobrikctl play ./")
+    assert complete_in_fish("sonobrikctl play 0 a\\ ") == []
 
 
 @has("fish")
@@ -337,6 +353,8 @@ def test_fish_offers_the_names_of_the_other_machine(complete_in_fish, calls, lin
     ("help sta\t", "sonobrikctl help status"),
     ("remove \\$\\(t\t", "sonobrikctl remove \\$\\(touch\\ /tmp/harm\\)"),
     ("play sa\t", "sonobrikctl play say\\ \\\"so\\\""),
+    ("play -- Fro\tyar\t", "sonobrikctl play -- Front\\ yard"),
+    ("--ver\t", "sonobrikctl --version"),
 ])
 def test_zsh_completes_commands_options_and_names(clip_list, typed, run):
     # Prints the line instead of running it.
