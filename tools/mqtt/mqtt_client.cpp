@@ -62,6 +62,8 @@ struct MqttClient {
     std::string reason; /* why the connection was lost or not made */
     std::string logged; /* the last reason that was logged */
     unsigned packets;   /* that were received */
+    bool is_new;        /* the handler of the connection has not run yet */
+    bool has_session;
     unsigned unconfirmed;
     MqttPause pause;
     std::map<int, std::string> subscriptions; /* that the broker has not confirmed, by message */
@@ -124,8 +126,19 @@ void on_connect(mosquitto *, void *data, int reason, int flags, const mosquitto_
     client->reason.clear();
     client->logged.clear();
     client->subscriptions.clear();
+    client->is_new = true;
+    client->has_session = (flags & SESSION_PRESENT) != 0;
     mqtt_log(LOG_INFO, "connected to the broker %s", client->conf->host.c_str());
-    client->handlers.connected((flags & SESSION_PRESENT) != 0);
+}
+
+/* Tells that the connection is new. Not in on_connect(): after that, libmosquitto repeats the
+ * messages of the previous connection, and an old state must not follow the present one. */
+void tell_connected(MqttClient *client)
+{
+    if (client->state == CONNECTED && client->is_new) {
+        client->is_new = false;
+        client->handlers.connected(client->has_session);
+    }
 }
 
 void on_disconnect(mosquitto *, void *data, int reason, const mosquitto_property *)
@@ -142,6 +155,7 @@ void on_message(mosquitto *, void *data, const mosquitto_message *message,
                 const mosquitto_property *properties)
 {
     auto *client = static_cast<MqttClient *>(data);
+    tell_connected(client);
     MqttMessage copy;
     copy.topic = message->topic;
     copy.payload.assign(static_cast<const char *>(message->payload ? message->payload : ""),
@@ -238,6 +252,7 @@ bool read_packets(MqttClient *client)
         const unsigned before = client->packets;
         mosquitto_loop_read(client->mosq, 1);
         note_if_lost(client);
+        tell_connected(client);
         if (client->state == CONNECTED) {
             client->handlers.heard();
         }

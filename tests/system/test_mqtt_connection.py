@@ -1,0 +1,59 @@
+"""sonobrik-mqtt when the connection to the broker breaks, on a broker that the test plays."""
+
+import signal
+
+import pytest
+from sandbox import clips, wait_until
+from sandbox.broker import Bridge
+from sandbox.scripted_broker import ScriptedBroker
+
+PLAY = "sonobrik/node1/play"
+
+
+@pytest.fixture
+def song(sandbox, store):
+    """A stored clip of 10 s, number 0."""
+    clip = sandbox.write_clip("song.wav", clips.noise(480000))
+    store.add_clip(clip.path, "Song")
+    return clip
+
+
+@pytest.fixture
+def scripted():
+    broker = ScriptedBroker()
+    yield broker
+    broker.close()
+
+
+@pytest.fixture
+def bridge(sandbox, scripted, song):
+    node = Bridge(sandbox, scripted, scripted)
+    yield node
+    if node.process.is_running:
+        node.process.kill(signal.SIGKILL)
+        node.process.wait_exit()
+
+
+def has_state(bridge, playing):
+    last = bridge.operator.get(bridge.topic("state"))[-1:]
+    return bool(last) and last[0].json["playing"] == playing
+
+
+def test_an_old_state_does_not_follow_the_new_one(bridge, scripted, sandbox):
+    """The broker keeps the last message of a topic, and libmosquitto repeats unconfirmed ones."""
+    bridge.start()
+    scripted.acknowledges = False
+    scripted.publish(PLAY, {"clip": 0}, 1)
+    wait_until(lambda: has_state(bridge, True), 20, "the clip is playing")
+    scripted.accepts = False
+    scripted.cut()
+    sandbox.bus.call("com.vesk.Sonobrik", "/com/vesk/Sonobrik", "com.vesk.Sonobrik",
+                     "StopPlayingClip", "(s)", "")
+    bridge.wait_log("no connection to the broker")
+    before = len(scripted.get(bridge.topic("state")))
+    scripted.acknowledges = scripted.accepts = scripted.has_session = True
+    infos = len(scripted.get(bridge.topic("info")))
+    wait_until(lambda: len(scripted.get(bridge.topic("info"))) > infos, 60, "it is connected again")
+    bridge.stop()
+    states = scripted.get(bridge.topic("state"))[before:]
+    assert [state.json["playing"] for state in states][-2:] == [True, False]
