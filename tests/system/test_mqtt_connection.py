@@ -1,6 +1,7 @@
 """sonobrik-mqtt when the connection to the broker breaks, on a broker that the test plays."""
 
 import signal
+import time
 
 import pytest
 from sandbox import clips, wait_until
@@ -57,3 +58,22 @@ def test_an_old_state_does_not_follow_the_new_one(bridge, scripted, sandbox):
     bridge.stop()
     states = scripted.get(bridge.topic("state"))[before:]
     assert [state.json["playing"] for state in states][-2:] == [True, False]
+
+
+def test_the_rest_of_what_the_broker_kept_is_as_old_as_the_first(bridge, scripted, sandbox):
+    """The connection breaks while the broker sends the commands of an hour."""
+    hour_ago = int(time.clock_gettime(time.CLOCK_BOOTTIME) * 1000) - 3600000
+    alive = sandbox.folder / "run/home/mqtt-runtime-node1/alive"
+    alive.write_text(f"{max(1, hour_ago)}\n")
+    scripted.has_session = True
+    for number in (1, 2):
+        infos = len(scripted.get(bridge.topic("info")))
+        scripted.after_connect = scripted.make_publish(PLAY, {"clip": 0, "id": number}, number)
+        if number == 1:
+            bridge.start()
+        else:
+            scripted.cut()
+        wait_until(lambda count=infos: len(scripted.get(bridge.topic("info"))) > count, 20,
+                   "it is connected")
+        assert bridge.wait_result(number - 1)["status"] == "late"
+    assert sandbox.card(0).count("start") == 0

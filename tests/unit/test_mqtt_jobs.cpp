@@ -17,6 +17,7 @@ constexpr gint64 NOON = 1'795'000'000'000; /* Unix time in milliseconds */
 
 /* What the fakes below give and record. */
 gint64 fake_now;
+gint64 fake_boot; /* milliseconds since the boot */
 std::vector<std::string> fake_calls;
 std::vector<MqttReply> fake_replies;
 std::vector<std::string> fake_answers;
@@ -30,7 +31,7 @@ gint64 mqtt_clock_now(void)
 
 gint64 mqtt_clock_boot(void)
 {
-    return 0;
+    return fake_boot;
 }
 
 MqttClock mqtt_clock_read(void)
@@ -78,6 +79,7 @@ class MqttJobs : public ::testing::Test
     MqttJobs()
     {
         fake_now = NOON;
+        fake_boot = 3'600'000;
         fake_calls.clear();
         fake_replies.clear();
         fake_answers.clear();
@@ -260,6 +262,30 @@ TEST_F(MqttJobs, AfterARestartWithAClockThatWasSetBackTheAgeIsUnknown)
     restart();
     EXPECT_EQ(get_status(), "late");
     EXPECT_TRUE(bridge.store.jobs.empty());
+}
+
+/* The broker sends what it kept during an hour without this node. */
+TEST_F(MqttJobs, WhatTheBrokerKeptIsLateHoweverLongTheBrokerTakesToSendIt)
+{
+    bridge.is_catching_up = true;
+    bridge.away = 3'600'000;
+    bridge.last_kept = fake_boot;
+    for (int i = 0; i < 10; i++) {
+        fake_boot += 29'000;
+        receive(R"({"location":"a.wav"})");
+        EXPECT_EQ(get_status(), "late");
+    }
+    EXPECT_TRUE(fake_calls.empty());
+}
+
+TEST_F(MqttJobs, AfterAPauseTheBrokerHasSentWhatItKept)
+{
+    bridge.is_catching_up = true;
+    bridge.away = 3'600'000;
+    bridge.last_kept = fake_boot;
+    fake_boot += 30'000;
+    receive(R"({"location":"a.wav"})");
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
 }
 
 TEST_F(MqttJobs, PlaysNothingIfTheClockIsSetWhileTheFileIsChecked)

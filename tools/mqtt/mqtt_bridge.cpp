@@ -113,7 +113,11 @@ void open_alive(MqttBridge *bridge, const std::string &path)
 
 void on_heard(MqttBridge *bridge)
 {
-    bridge->alive = mqtt_clock_boot();
+    /* While the broker sends what it has kept, the old time stays: if the connection breaks, the
+     * rest of those messages is as old as before. */
+    if (!mqtt_jobs_is_catching_up(bridge)) {
+        bridge->alive = mqtt_clock_boot();
+    }
     if (bridge->alive - bridge->alive_written >= ALIVE_INTERVAL) {
         write_alive(bridge);
     }
@@ -122,8 +126,9 @@ void on_heard(MqttBridge *bridge)
 
 void on_connected(MqttBridge *bridge, bool has_session)
 {
-    bridge->connected = mqtt_clock_boot();
-    bridge->away = bridge->alive == MQTT_UNKNOWN ? MQTT_UNKNOWN : bridge->connected - bridge->alive;
+    const gint64 now = mqtt_clock_boot();
+    bridge->last_kept = now;
+    bridge->away = bridge->alive == MQTT_UNKNOWN ? MQTT_UNKNOWN : now - bridge->alive;
     bridge->is_catching_up = has_session;
     for (const std::string &topic : mqtt_topics_list(*bridge->conf)) {
         mqtt_client_subscribe(bridge->client, topic);

@@ -57,7 +57,7 @@ struct MqttBridge {
     /* After a connection, the broker sends the messages of the time while the node was away, then
      * the node's own "online" with its mark. */
     bool is_catching_up;
-    gint64 connected;     /* time since the boot */
+    gint64 last_kept;     /* when the last of those messages came; time since the boot */
     gint64 away;          /* for how long the node may have been away, or MQTT_UNKNOWN */
     std::string mark;     /* correlation data of the newest "online" */
     gint64 alive;         /* time since the boot of the last packet, or MQTT_UNKNOWN */

@@ -22,8 +22,9 @@ constexpr size_t MAX_STOPS = 16;
 constexpr size_t MAX_KEPT = 256;
 constexpr unsigned MAX_UNCONFIRMED = 1000;
 
-/* The time after a connection, in milliseconds, in which the messages that the broker kept for the
- * node arrive. It counts if the broker does not let the node read its own availability. */
+/* After this time without a command, in milliseconds, the broker has sent all messages that it kept
+ * for the node. It counts if the node's own "online" does not arrive: the broker may not let the
+ * node read it, or its queue for the node may have been full. */
 constexpr gint64 CATCH_UP_TIME = 30'000;
 
 void set_alarm(MqttBridge *bridge);
@@ -386,8 +387,8 @@ bool read_command(const MqttBridge *bridge, MqttJob *job, std::string *why)
  */
 bool may_be_stale(const MqttBridge *bridge, const MqttMessage &message, const MqttCommand &command)
 {
-    return bridge->is_catching_up && command.at == CLIENT_NOT_GIVEN && message.expiry < 0 &&
-           mqtt_clock_boot() - bridge->connected < CATCH_UP_TIME &&
+    return mqtt_jobs_is_catching_up(bridge) && command.at == CLIENT_NOT_GIVEN &&
+           message.expiry < 0 &&
            (bridge->away == MQTT_UNKNOWN || bridge->away > bridge->conf->grace);
 }
 
@@ -453,9 +454,8 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
     start(bridge, add_job(bridge, job));
 }
 
-} // namespace
-
-void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message)
+/* Executes a message with a command, or refuses it. */
+void receive(MqttBridge *bridge, const MqttMessage &message)
 {
     MqttJob job;
     job.topic = message.topic;
@@ -482,6 +482,21 @@ void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message)
         return;
     }
     execute(bridge, message, job);
+}
+
+} // namespace
+
+bool mqtt_jobs_is_catching_up(const MqttBridge *bridge)
+{
+    return bridge->is_catching_up && mqtt_clock_boot() - bridge->last_kept < CATCH_UP_TIME;
+}
+
+void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message)
+{
+    receive(bridge, message);
+    if (mqtt_jobs_is_catching_up(bridge)) {
+        bridge->last_kept = mqtt_clock_boot();
+    }
 }
 
 void mqtt_jobs_resume(MqttBridge *bridge)
