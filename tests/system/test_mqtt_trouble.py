@@ -1,5 +1,6 @@
 """sonobrik-mqtt when the broker, the daemon or itself goes away, and when commands come late."""
 
+import json
 import pathlib
 import re
 import signal
@@ -163,6 +164,39 @@ def test_a_scheduled_command_survives_the_end_of_the_process(bridge, sandbox):
     assert answer["at"] == at
     assert bridge.operator.get(bridge.topic("result"))[-1].correlation == b"c"
     # The broker repeats nothing, and neither does the bridge.
+    assert bridge.ask("play", {"clip": 0, "id": "a"})["status"] == "duplicate"
+    wait_until(lambda: count_plays(sandbox) == 1, 20, "it is played once")
+
+
+def test_a_command_is_not_lost_if_the_disk_is_full(bridge, sandbox):
+    """A restart of the bridge finds it in the runtime folder."""
+    # As with a full disk, the file cannot be written.
+    (sandbox.folder / "run/home/mqtt-state-node1/commands.json.new").mkdir()
+    at = now_ms() + 6000
+    assert bridge.ask("play", {"clip": 0, "id": "a", "at": at})["status"] == "scheduled"
+    bridge.wait_log("cannot save /run/home/mqtt-state-node1/commands.json: Is a directory; "
+                    "/run/home/mqtt-runtime-node1/commands.json: saved until the machine restarts")
+    bridge.process.kill(signal.SIGKILL)
+    bridge.process.wait_exit()
+    bridge.start()
+    assert bridge.wait_result(status="playing")["at"] == at
+    assert bridge.ask("play", {"clip": 0, "id": "a"})["status"] == "duplicate"
+    wait_until(lambda: count_plays(sandbox) == 1, 20, "it is played once")
+
+
+def test_a_call_of_the_daemon_is_not_repeated_after_the_end_of_the_process(bridge, operator,
+                                                                           sandbox):
+    sandbox.daemon.pause()
+    operator.publish(bridge.topic("play"), {"location": "song.wav", "id": "a"})
+    saved = sandbox.folder / "run/home/mqtt-runtime-node1/commands.json"
+    wait_until(lambda: saved.exists() and json.loads(saved.read_text())["commands"], 20,
+               "the daemon is called")
+    bridge.process.kill(signal.SIGKILL)
+    bridge.process.wait_exit()
+    sandbox.daemon.go_on()
+    bridge.start()
+    assert bridge.wait_result()["text"] == (
+        "The bridge restarted before the daemon answered; the clip may have played.")
     assert bridge.ask("play", {"clip": 0, "id": "a"})["status"] == "duplicate"
     wait_until(lambda: count_plays(sandbox) == 1, 20, "it is played once")
 

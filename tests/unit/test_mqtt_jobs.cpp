@@ -9,6 +9,7 @@
 #include "mqtt_bridge_data.h"
 #include "mqtt_clock.h"
 #include "mqtt_json.h"
+#include "temp_dir.h"
 
 namespace
 {
@@ -21,6 +22,7 @@ gint64 fake_boot; /* milliseconds since the boot */
 std::vector<std::string> fake_calls;
 std::vector<MqttReply> fake_replies;
 std::vector<std::string> fake_answers;
+std::function<void()> fake_on_call;
 
 } // namespace
 
@@ -66,6 +68,9 @@ void mqtt_daemon_call(MqttDaemon *, const ClientInterface *, const char *member,
 {
     fake_calls.emplace_back(member);
     fake_replies.push_back(done);
+    if (fake_on_call) {
+        fake_on_call();
+    }
 }
 
 void mqtt_daemon_list(MqttDaemon *, bool, const MqttClips &) {}
@@ -83,6 +88,8 @@ class MqttJobs : public ::testing::Test
         fake_calls.clear();
         fake_replies.clear();
         fake_answers.clear();
+        fake_on_call = nullptr;
+        bridge.spare_path = folder.path("spare");
         conf.name = "shop7";
         sd_event_new(&bridge.event);
         bridge.conf = &conf;
@@ -158,6 +165,7 @@ class MqttJobs : public ::testing::Test
         return mqtt_json_get_text(answer, "status");
     }
 
+    const TempDir folder;
     MqttConf conf;
     MqttBridge bridge = {};
 };
@@ -242,6 +250,40 @@ TEST_F(MqttJobs, ARestartDoesNotRepeatACallOfTheDaemon)
     EXPECT_EQ(fake_calls.size(), 1U);
     EXPECT_EQ(get_status(), "failed");
     EXPECT_TRUE(bridge.store.jobs.empty());
+}
+
+TEST_F(MqttJobs, SavesTheCallBeforeItCallsTheDaemon)
+{
+    MqttStore saved;
+    fake_on_call = [this, &saved] {
+        mqtt_store_load(&saved, bridge.spare_path);
+    };
+    receive(R"({"location":"a.wav"})");
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+    ASSERT_EQ(saved.jobs.size(), 1U);
+    EXPECT_EQ(saved.jobs.front().called_at, NOON);
+}
+
+TEST_F(MqttJobs, RemembersTheIdentifierOfACommandForAnHourAfterItsTime)
+{
+    conf.grace = 3'600'000;
+    const gint64 at = NOON + 2 * 3'600'000;
+    const std::string command = R"({"location":"a.wav","id":"x","at":)" + std::to_string(at) + "}";
+    receive(command);
+    bridge.store.jobs.clear();
+    fake_now = at + 3'599'999;
+    receive(command);
+    EXPECT_EQ(get_status(), "duplicate");
+}
+
+TEST_F(MqttJobs, ACommandThatWaitsIsADuplicateEvenIfItsIdentifierIsForgotten)
+{
+    const std::string command =
+        R"({"location":"a.wav","id":"x","at":)" + std::to_string(NOON + 60'000) + "}";
+    receive(command);
+    bridge.store.memory.entries.clear();
+    receive(command);
+    EXPECT_EQ(get_status(), "duplicate");
 }
 
 TEST_F(MqttJobs, ARestartGoesOnWithACommandThatWaits)

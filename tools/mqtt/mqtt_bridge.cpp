@@ -11,6 +11,7 @@
 #include "mqtt_clock.h"
 #include "mqtt_discovery.h"
 #include "mqtt_jobs.h"
+#include "mqtt_save.h"
 #include "mqtt_topics.h"
 
 namespace
@@ -249,26 +250,12 @@ void on_event(MqttBridge *bridge, const ClientEvent &event)
 
 /* Set-up */
 
-void save(MqttBridge *bridge)
-{
-    const bool is_durable = std::exchange(bridge->must_be_durable, false);
-    bridge->must_save = false;
-    const int error = mqtt_store_save(bridge->store, bridge->store_path, is_durable);
-    static MqttLogLimit limit;
-    unsigned dropped = 0;
-    if (error != 0 && mqtt_log_limit_pass(&limit, g_get_monotonic_time(), &dropped)) {
-        mqtt_log(LOG_ERR, "cannot save %s: %s", bridge->store_path.c_str(), g_strerror(error));
-    }
-}
-
 /* Runs after each dispatch. Saves the store first, because mqtt_client_flush() acknowledges the
  * commands in it. */
 int on_post(sd_event_source *, void *data)
 {
     auto *bridge = static_cast<MqttBridge *>(data);
-    if (bridge->must_save) {
-        save(bridge);
-    }
+    mqtt_save_changes(bridge);
     mqtt_client_flush(bridge->client);
     return 0;
 }
@@ -324,15 +311,6 @@ bool open_client(MqttBridge *bridge, const std::string &password, std::string *w
     return bridge->client != nullptr;
 }
 
-void load(MqttBridge *bridge)
-{
-    const int error = mqtt_store_load(&bridge->store, bridge->store_path);
-    if (error != 0 && error != ENOENT) {
-        mqtt_log(LOG_WARNING, "cannot load %s: %s", bridge->store_path.c_str(), g_strerror(error));
-        bridge->store = {};
-    }
-}
-
 } // namespace
 
 MqttBridge *mqtt_bridge_new(sd_event *event, const MqttConf *conf, const MqttFolders &folders,
@@ -343,8 +321,9 @@ MqttBridge *mqtt_bridge_new(sd_event *event, const MqttConf *conf, const MqttFol
     bridge->conf = conf;
     bridge->lead.configured = conf->lead * 1000;
     bridge->store_path = folders.state + "/commands.json";
+    bridge->spare_path = folders.runtime + "/commands.json";
     open_alive(bridge, folders.runtime + "/alive");
-    load(bridge);
+    mqtt_save_load(bridge);
     const int r = add_sources(bridge);
     if (r < 0) {
         *why = g_strerror(-r);
@@ -363,7 +342,8 @@ bool mqtt_bridge_free(MqttBridge *bridge)
         return true;
     }
     if (bridge->client) {
-        save(bridge);
+        bridge->must_save = true;
+        mqtt_save_changes(bridge);
         write_alive(bridge);
         mqtt_client_leave(bridge->client);
     }

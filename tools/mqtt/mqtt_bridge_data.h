@@ -43,9 +43,12 @@ struct MqttBridge {
 
     MqttStore store;
     std::string store_path;
-    bool must_save;       /* the store has changed ... */
-    bool must_be_durable; /* ... by a command that the broker will not send again */
-    gint64 last_number;   /* of a job */
+    std::string spare_path;     /* see mqtt_save.h */
+    bool must_save;             /* the store has changed ... */
+    bool must_be_durable;       /* ... by a command that the broker will not send again */
+    gint64 save_failed;         /* when saving last failed; monotonic, 0: it did not */
+    MqttLogLimit save_failures; /* in the log */
+    gint64 last_number;         /* of a job */
 
     MqttState state;
     bool knows_owner; /* the bus has told whether the daemon is running, which outranks replies */

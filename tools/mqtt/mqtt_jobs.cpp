@@ -9,6 +9,7 @@
 #include "mqtt_answer.h"
 #include "mqtt_bridge_data.h"
 #include "mqtt_clock.h"
+#include "mqtt_save.h"
 #include "mqtt_topics.h"
 
 namespace
@@ -181,7 +182,7 @@ void call_play(MqttBridge *bridge, MqttJob *job)
     job->call_lead = mqtt_lead_get(bridge->lead);
     job->called_at = mqtt_clock_now();
     job->call_time = g_get_monotonic_time();
-    bridge->must_save = true; /* so that the next process does not play it again */
+    mqtt_save_quickly(bridge); /* so that the next process does not play it again */
     mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StartPlayingClip", options,
                      [bridge, number = job->number](sd_bus_message *, const GError *error) {
                          MqttJob *played = find_job(bridge, number);
@@ -411,6 +412,16 @@ bool has_room(const MqttBridge *bridge, const MqttCommand &command)
     return static_cast<size_t>(same) < (is_stop ? MAX_STOPS : MAX_JOBS);
 }
 
+bool is_duplicate(const MqttBridge *bridge, const MqttCommand &command, gint64 now)
+{
+    /* The memory may have forgotten a command that is still waiting for its time. */
+    return !command.id.empty() &&
+           (mqtt_memory_has(bridge->store.memory, command.id, now) ||
+            std::ranges::any_of(bridge->store.jobs, [&command](const MqttJob &job) {
+                return job.command.id == command.id;
+            }));
+}
+
 /* Executes a valid command. */
 void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
 {
@@ -420,7 +431,7 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
         answer(bridge, job, MQTT_PONG, "OK");
         return;
     }
-    if (!command.id.empty() && mqtt_memory_has(bridge->store.memory, command.id, now)) {
+    if (is_duplicate(bridge, command, now)) {
         answer(bridge, job, MQTT_DUPLICATE, "A command with this id was received before.");
         return;
     }
@@ -435,7 +446,7 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
     }
     /* Only now: a refused command may be sent again with its id. */
     if (!command.id.empty()) {
-        mqtt_memory_add(&bridge->store.memory, command.id, now);
+        mqtt_memory_add(&bridge->store.memory, command.id, std::max(now, command.at));
         bridge->must_save = bridge->must_be_durable = true;
     }
     if (message.expiry == 0) {

@@ -48,6 +48,7 @@ struct MqttStore {
     std::list<MqttJob> jobs;
     MqttMemory memory;
     bool announced = false; /* Home Assistant was told about the node */
+    gint64 saves = 0;       /* grows with each save, so that the newer one of two files is known */
 };
 
 /* Returns the store as JSON. */

@@ -1,0 +1,23 @@
+#pragma once
+
+/*
+ * Where the bridge saves its store: in the state folder, which survives a restart of the machine.
+ * A second file, in the runtime folder, survives a restart of the bridge only. It is written
+ * before the daemon is asked to play, because that file needs no disk and the clip must not wait
+ * for one, and if the state folder cannot be written, for example because the disk is full.
+ */
+
+struct MqttBridge;
+
+/* Loads the newer one of the two files. */
+void mqtt_save_load(MqttBridge *bridge);
+
+/*
+ * Saves the store if it has changed, or if the last attempt failed a second ago or longer. The
+ * broker may be told about its commands afterwards, even if this fails: a command that cannot be
+ * saved is still executed.
+ */
+void mqtt_save_changes(MqttBridge *bridge);
+
+/* Saves the store in the runtime folder only. mqtt_save_changes() must follow. */
+void mqtt_save_quickly(MqttBridge *bridge);
