@@ -4,6 +4,7 @@ import grp
 import html
 import pwd
 import shutil
+import time
 
 import pytest
 
@@ -184,14 +185,32 @@ def test_no_call_of_a_daemon_that_hangs_waits_for_ever(sandbox, query, variables
     """With limits of a sixtieth. A call without a limit would exceed the deadline."""
     sandbox.start_daemon()
     sandbox.daemon.pause()
-    variables = {"REQUEST_METHOD": "GET", "QUERY_STRING": query} | variables
-    words = [f"{name}={value}" for name, value in variables.items()]
-    command = 'printf x | env LD_PRELOAD=/run/build/tests/support/libhasty_bus.so "$@"'
     try:
-        result = sandbox.run(["sh", "-c", command, "sh", *words, PROGRAM], deadline=40)
+        result = run_hastily(sandbox, query, **variables)
     finally:
         sandbox.daemon.go_on()
     assert result.stdout.startswith(f"Status: {status} "), result.stdout
+
+
+def run_hastily(sandbox, query, **variables):
+    """Runs the program with a body of one byte and with limits of a sixtieth."""
+    variables = {"REQUEST_METHOD": "GET", "QUERY_STRING": query} | variables
+    words = [f"{name}={value}" for name, value in variables.items()]
+    command = 'printf x | env LD_PRELOAD=/run/build/tests/support/libhasty_bus.so "$@"'
+    return sandbox.run(["sh", "-c", command, "sh", *words, PROGRAM], deadline=40)
+
+
+@pytest.mark.parametrize("query", ["", "action=list"])
+def test_all_calls_of_a_request_share_one_limit(sandbox, query):
+    """The list needs two calls. The first one takes most of the limit, which is 280 s / 60."""
+    mock = Mock(sandbox)
+    mock.answer("GetConfigurations", "", "a{ia{sv}}",
+                "import time; time.sleep(4); ret = {0: {'Name': 'Door'}}", LEGACY)
+    mock.answer("GetMetadata", "", "s", "import time; time.sleep(40); ret = '[]'")
+    start = time.monotonic()
+    result = run_hastily(sandbox, query)
+    assert result.stdout.startswith("Status: 504 "), result.stdout
+    assert 4 < time.monotonic() - start < 7
 
 
 def test_invalid_environments_are_handled(sandbox):

@@ -112,6 +112,22 @@ TEST_F(ClientBus, StopsWaitingAtTheLimit)
     EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_TIMEOUT, "")));
 }
 
+TEST_F(ClientBus, SharesATotalLimitAmongTheCalls)
+{
+    int received = 0;
+    const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [&received](sd_bus_message *message) {
+        return received++ == 0 ? sd_bus_reply_method_return(message, "s", "OK") : 1;
+    });
+    client_bus_set_total_limit(1);
+    EXPECT_EQ(call(), "answered");
+    EXPECT_LE(last_timeout, G_USEC_PER_SEC);
+    EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_TIMEOUT, "")));
+    EXPECT_LT(last_timeout, G_USEC_PER_SEC);
+    EXPECT_TRUE(call().starts_with(with(CLIENT_ERROR_TIMEOUT, "")));
+    EXPECT_EQ(received, 2);
+    client_bus_set_total_limit(0);
+}
+
 TEST_F(ClientBus, PassesTheDaemonsErrorTextOn)
 {
     const PlayedDaemon daemon({CLIENT_SONOBRIK.service}, [](sd_bus_message *message) {

@@ -35,6 +35,7 @@ sd_bus *cgi_bus_open(GError **error)
     sd_bus *bus = client_bus_open(error);
     if (bus) {
         client_bus_set_limit(bus, CGI_CALL_LIMIT);
+        client_bus_set_total_limit(CGI_TOTAL_LIMIT);
     }
     return bus;
 }

@@ -10,15 +10,21 @@
 
 /*
  * How long a call may take, in seconds. Adding a clip waits up to 25 s for the on-screen controls.
- * The daemon inspects each new clip for up to 5 s before it lists their lengths; the limit is below
- * the 300 s for which the example configurations of web servers wait. Names of outputs are only for
- * show, and each request for the status waits for them.
+ * The daemon inspects each new clip for up to 5 s before it lists their lengths. Names of outputs
+ * are only for show, and each request for the status waits for them.
  */
 constexpr guint CGI_CALL_LIMIT = 60;
 constexpr guint CGI_LIST_LIMIT = 280;
 constexpr guint CGI_NAMES_LIMIT = 2;
 
-/* Returns a connection whose calls have a limit of CGI_CALL_LIMIT, or null with an error. */
+/* How long all calls of a request may take together. The example configurations of web servers wait
+ * for 300 s; after that, they would answer in place of the program. */
+constexpr guint CGI_TOTAL_LIMIT = 280;
+
+/*
+ * Returns a connection, or null with an error. Its calls have a limit of CGI_CALL_LIMIT each, and
+ * CGI_TOTAL_LIMIT together. A process may open one connection.
+ */
 sd_bus *cgi_bus_open(GError **error);
 
 /* Returns the outcome for a failed call of `method` of the daemon. */

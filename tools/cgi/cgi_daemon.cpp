@@ -232,6 +232,7 @@ CgiOutcome cgi_daemon_read_state(CgiState *state)
     if (!clips) {
         return cgi_bus_explain(error, "StartPlayingClip");
     }
+    client_bus_set_limit(bus, CGI_CALL_LIMIT);
     read_now(bus, &state->now);
     for (guint i = 0; i < clips->len; i++) {
         const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -27,6 +28,9 @@ namespace
 {
 
 constexpr uint64_t NO_LIMIT = UINT64_MAX;
+
+/* How long further calls may wait together, in µs. */
+std::atomic<uint64_t> time_left = NO_LIMIT;
 
 /* The errors that the bus or systemd sends when the daemon is not running. An entry that ends with
  * a dot matches all errors with that prefix. */
@@ -72,6 +76,24 @@ ClientErrorCode code_of(int reason, std::string_view name)
     return CLIENT_ERROR_REPLY;
 }
 
+/* Sends `call` like sd_bus_call(), and takes the time that this needs from `time_left`. */
+int send_call(sd_bus *bus, sd_bus_message *call, sd_bus_error *error, sd_bus_message **answer)
+{
+    uint64_t limit = NO_LIMIT;
+    sd_bus_get_method_call_timeout(bus, &limit);
+    const uint64_t left = time_left;
+    if (left == 0) {
+        return sd_bus_error_set_const(error, SD_BUS_ERROR_TIMEOUT, "No time is left for the call");
+    }
+    const gint64 start = g_get_monotonic_time();
+    const int r = sd_bus_call(bus, call, std::min(limit, left), error, answer);
+    if (left != NO_LIMIT) {
+        const auto taken = static_cast<uint64_t>(g_get_monotonic_time() - start);
+        time_left = left - std::min(left, taken);
+    }
+    return r;
+}
+
 } // namespace
 
 sd_bus *client_bus_open(GError **error)
@@ -114,6 +136,11 @@ void client_bus_set_limit(sd_bus *bus, guint seconds)
     sd_bus_set_method_call_timeout(bus, static_cast<uint64_t>(seconds) * G_USEC_PER_SEC);
 }
 
+void client_bus_set_total_limit(guint seconds)
+{
+    time_left = seconds > 0 ? static_cast<uint64_t>(seconds) * G_USEC_PER_SEC : NO_LIMIT;
+}
+
 sd_bus_message *client_bus_new_call(sd_bus *bus, const ClientInterface *interface,
                                     const char *member, GError **error, const char *types, ...)
 {
@@ -145,9 +172,7 @@ sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **erro
     g_autoptr(sd_bus_message) owned_call = call;
     g_auto(sd_bus_error) bus_error = {};
     sd_bus_message *answer = nullptr;
-    uint64_t limit = NO_LIMIT;
-    sd_bus_get_method_call_timeout(bus, &limit);
-    const int r = sd_bus_call(bus, owned_call, limit, &bus_error, &answer);
+    const int r = send_call(bus, owned_call, &bus_error, &answer);
     if (r < 0) {
         client_bus_set_error(error, r, &bus_error);
         return nullptr;

@@ -43,6 +43,13 @@ sd_bus *client_bus_open_remote(const char *machine, GError **error);
 void client_bus_set_limit(sd_bus *bus, guint seconds);
 
 /*
+ * Limits how long all later client_bus_call()s of the process wait together, on whichever
+ * connection. The limits of client_bus_set_limit() still apply. Once the time is used up, every
+ * call fails with CLIENT_ERROR_TIMEOUT and is not sent. 0 removes the limit.
+ */
+void client_bus_set_total_limit(guint seconds);
+
+/*
  * Returns a new call of `member`, or null with CLIENT_ERROR_ARGUMENT or CLIENT_ERROR_NO_BUS.
  * `types` and the arguments after it are those of sd_bus_message_append(); `types` may be null.
  * Send the call with client_bus_call(), or with sd_bus_call_async() from an event loop.
