@@ -451,6 +451,14 @@ def test_a_large_file_is_handed_out_whole(web, box, tmp_path):
 # What remains of an upload
 
 
+def test_other_requests_are_answered_while_a_file_arrives(web, box, tone):
+    with socket.create_connection((HOST, web.port)) as peer:
+        peer.sendall(make_head("Content-Length: 100000\r\n") + tone.read_bytes()[:5000])
+        wait_until(lambda: list_left(box), 20, "the file is written")
+        assert web.get("action=stop", "--max-time", "20").text == "Stopped.\n"
+    wait_until(lambda: list_left(box) == [], 60, "the file is removed")
+
+
 def test_what_is_uploaded_is_not_played_before_it_is_in_place(shared, web, box, tone, asked):
     """A wildcard that matches all files does not find a file that is on its way."""
     with socket.create_connection((HOST, web.port)) as peer:

@@ -75,8 +75,9 @@ class Web:
                     f"  server {{ listen 127.0.0.1:{self.port};\n"
                     "    include /etc/nginx/snippets/sonobrik.conf;\n  }\n}\n")
         check = self._sandbox.run([find_server("nginx"), "-t", "-c", "/etc/nginx/nginx.conf"])
+        # "-fc8" as in the comments of the shipped configuration.
         self.processes.append(self._sandbox.spawn(
-            [find_server("fcgiwrap"), "-s", "unix:/run/home/fcgi"]))
+            [find_server("fcgiwrap"), "-fc8", "-s", "unix:/run/home/fcgi"]))
         socket_path = self._sandbox.folder / "run/home/fcgi"
         wait_until(socket_path.exists, 20, "fcgiwrap is listening")
         self._start([find_server("nginx"), "-c", "/etc/nginx/nginx.conf"])
