@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <glib.h>
+#include <set>
 #include <system_error>
 
 #include "control_text.h"
@@ -115,16 +116,20 @@ SoundCard sound_card_make(const SoundCardFacts &facts)
 /* A card has two lines: " 0 [ID             ]: DRIVER - NAME", and one with its long name. */
 std::map<int, std::string> sound_card_read_names(std::string_view cards)
 {
+    constexpr std::string_view separator = " - ";
     std::map<int, std::string> names;
+    std::set<int> doubtful;
     for (std::string_view line : split_lines(cards)) {
         line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
         int index = 0;
-        const size_t dash = line.find(" - ");
-        if (cut_number(&line, "", &index) && line.starts_with(" [") && dash != line.npos) {
-            const size_t start = line.find(" - ") + 3;
-            names.emplace(index, line.substr(start));
+        const bool is_card = cut_number(&line, "", &index) && line.starts_with(" [");
+        const size_t end = line.find(separator);
+        if (is_card && end != line.npos &&
+            !names.emplace(index, line.substr(end + separator.size())).second) {
+            doubtful.insert(index);
         }
     }
+    std::erase_if(names, [&doubtful](const auto &name) { return doubtful.contains(name.first); });
     return names;
 }
 

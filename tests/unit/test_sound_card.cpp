@@ -119,6 +119,16 @@ TEST(SoundCard, ReadsTheKernelsListOfNames)
               (std::map<int, std::string>{{0, "HDA Intel PCH"}, {12, "USB - Audio Device"}}));
 }
 
+TEST(SoundCard, TakesNoNameFromACardThatImitatesAnother)
+{
+    const auto names = sound_card_read_names(" 0 [Liar           ]: USB-Audio - First\n"
+                                             " 1 [PCH            ]: HDA-Intel - Not this one\n"
+                                             "                      long name\n"
+                                             " 1 [PCH            ]: HDA-Intel - HDA Intel PCH\n"
+                                             "                      HDA Intel PCH\n");
+    EXPECT_EQ(names, (std::map<int, std::string>{{0, "First"}}));
+}
+
 TEST(SoundCard, FindsNoNamesInOtherTexts)
 {
     for (const char *text :
