@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <glib.h>
-#include <system_error>
 #include <vector>
 
 #include "autoptr.h"
