@@ -151,8 +151,8 @@ def test_the_list_shows_what_metadata_tells(guarded, sandbox):
         ["0", "door", "door.wav", "wav", "0:00.2", "19", "KiB"],
         ["1", "bell", "bell.wav", "wav", "0:00.2", "19", "KiB"]]
     assert (result.returncode, result.stderr) == (0, (
-        "sonobrikctl: you may not list the clips, so directories are left out, and clips whose "
-        "file is missing or damaged\n"))
+        "sonobrikctl: you may only read metadata; directories, and clips whose file is missing or "
+        "damaged, are left out\n"))
     assert [(clip["number"], clip["name"], clip["location"], clip["durationMs"])
             for clip in json.loads(guarded.run("list", "--json").stdout)] == [
         (0, "door", None, 200), (1, "bell", None, 200)]

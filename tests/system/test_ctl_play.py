@@ -1,9 +1,11 @@
 """sonobrikctl: playback, in a pipe."""
 
+import re
 import signal
 
 import pytest
 from sandbox import clips, wait_until
+from sandbox.box import ROOT
 from sandbox.player import NAME
 from sandbox.shell import PROGRAM
 from sandbox.store import Store, write_record
@@ -318,5 +320,8 @@ def test_each_command_has_help(shell, command):
     assert shell.ok(command, "--help").startswith(f"Usage:\n  sonobrikctl {command} ")
 
 
-def test_the_version_is_printed(shell):
-    assert shell.ok("--version").startswith("sonobrikctl ")
+def test_the_version_is_that_of_the_package_and_of_the_news(shell):
+    package = re.match(r"sonobrik \((.*?)(-\d+)?\)", (ROOT / "debian/changelog").read_text())[1]
+    assert shell.ok("--version") == f"sonobrikctl {package}\n"
+    news = re.search(r"^## (\S+)( \(unreleased\))?$", (ROOT / "NEWS.md").read_text(), re.MULTILINE)
+    assert package == news[1] + ("~pre" if news[2] else "")

@@ -127,8 +127,8 @@ int list_clips(sd_bus *bus, bool as_json, bool names_only)
     }
     if (status == CTL_DENIED && !names_only) {
         ctl_error(has_metadata_alone(clips)
-                      ? "you may not list the clips, so directories are left out, and clips whose "
-                        "file is missing or damaged"
+                      ? "you may only read metadata; directories, and clips whose file is missing "
+                        "or damaged, are left out"
                       : "you may not read formats, lengths and sizes, so they are left out");
     }
     return CTL_OK;
