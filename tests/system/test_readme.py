@@ -1,4 +1,4 @@
-"""The recipes in README.md, as they are printed there."""
+"""The commands and recipes in README.md, as they are printed there."""
 
 import os
 import pathlib
@@ -17,6 +17,35 @@ def read_blocks(title):
     """Returns the code blocks of a recipe."""
     section = re.split(r"\n###? ", PAGE.partition(f"\n### {title}\n")[2])[0]
     return re.findall(r"^```\w*\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
+
+
+def read_commands(text):
+    """Returns the commands of the indented block after this text."""
+    block = re.search(r"\n\n((?:    .*\n)+)", PAGE.partition(text)[2])[1]
+    return [line.removeprefix("    ") for line in block.splitlines()]
+
+
+def test_the_first_three_commands_store_and_play_a_sound(sandbox, shell, player):
+    lines = read_commands("Once it is [installed](#install-it):")
+    commands = [line.partition("#")[0].split() for line in lines]
+    assert [words[:2] for words in commands] == [["sudo", "sonobrikctl"]] * 3
+    add, play, status = [words[2:] for words in commands]
+    clips.write_wav(sandbox.folder / "run/home" / add.pop(), clips.noise(480000))
+    shell.ok(*add, "/run/home/door.wav")
+    shell.ok(*play)
+    assert re.search(r"^File: +door\.wav$", shell.ok(*status), re.MULTILINE)
+
+
+def test_the_calls_answer_as_documented(sandbox, shell, player):
+    """Runs the calls, and compares their output with the comments that show it."""
+    shell.ok("add", sandbox.write_clip("door.wav", clips.noise(4800)).path)
+    script = "\n".join(read_commands("From a shell, as a member of `sonobrik-config`:"))
+    output = sandbox.run(["bash", "-euc", script]).stdout.splitlines()
+    assert output[:5] == ['s "OK"', "i 1", 's "OK"', 's "OK"', 's "OK"']
+    assert '# s "OK": ' in script
+    assert "# i 1: " in script
+    assert output[5].startswith("a{ia{sv}} 2 0 3")
+    assert len(output) == 6
 
 
 # Presses the button of a mock pin once the recipe waits for it, and ends.
@@ -39,7 +68,7 @@ exec(compile(sys.argv[1], "doorbell", "exec"))
 
 def test_the_button_plays_the_clip(sandbox, shell, player):
     pytest.importorskip("gpiozero")
-    shell.ok("add", sandbox.write_clip("door.wav", clips.noise(4800)).path, "--name", "Door")
+    shell.ok("add", sandbox.write_clip("door.wav", clips.noise(4800)).path, "--name", "door")
     script = read_blocks("A button that plays a clip")[0]
     assert "bounce_time=0.05" in script
     # The mock reports no bounces and its clock has no time to pass.
