@@ -50,6 +50,21 @@ class Web:
         self._write("lighttpd/sonobrik.users", f"anna:{HASH}\n")
         self._write("lighttpd/sonobrik.managers", f"mia:{HASH}\n")
         self._write("lighttpd/sonobrik.conf", self._read_shipped("lighttpd"))
+        return self._run_lighttpd("sonobrik.conf", temporary)
+
+    def start_documented_lighttpd(self, commands):
+        """Runs the commands, which set up lighttpd as root, and starts it."""
+        self._write("lighttpd/example.conf", self._read_shipped("lighttpd"))
+        for folder in ("lighttpd/conf-available", "ssl"):
+            (self._sandbox.etc / folder).mkdir(parents=True)
+        shutil.copy("/etc/ssl/openssl.cnf", self._sandbox.etc / "ssl")
+        script = "\n".join(commands).replace(
+            "/usr/share/doc/sonobrik/examples/lighttpd/sonobrik.conf", "/etc/lighttpd/example.conf")
+        # With capabilities, because the files get another group.
+        self._sandbox.run(["bash", "-euc", script], launcher=["env"])
+        return self._run_lighttpd("conf-available/50-sonobrik.conf", "/run/home")
+
+    def _run_lighttpd(self, include, temporary):
         self._write("lighttpd/lighttpd.conf",
                     'server.document-root = "/run/home"\n'
                     'server.bind = "127.0.0.1"\n'
@@ -57,7 +72,7 @@ class Web:
                     f'server.upload-dirs = ( "{temporary}" )\n'
                     # The distribution's configuration loads this module too.
                     'server.modules = ( "mod_alias" )\n'
-                    'include "sonobrik.conf"\n')
+                    f'include "{include}"\n')
         self._start([find_server("lighttpd"), "-D", "-f", "/etc/lighttpd/lighttpd.conf"])
         return self
 
