@@ -124,6 +124,20 @@ def test_the_state_is_retained(bridge, broker, song):
     late.close()
 
 
+def test_the_state_never_names_the_previous_clip(bridge, operator):
+    """Two events tell that a clip plays, and which one."""
+    for number, name in enumerate(("Front door", "Song")):
+        assert bridge.ask("play", {"clip": number})["status"] == "playing"
+        operator.wait_last(bridge.topic("state"), lambda m, name=name: m.json["text"] == name)
+        bridge.ask("stop", status="stopped")
+        wait_idle(bridge)
+    texts = [message.json["text"] for message in operator.get(bridge.topic("state"))]
+    assert [text for text in texts if text != "idle"] == ["Front door", "Song"], texts
+    tones = [message.json.get("tone") for message in operator.get(bridge.topic("siren/state"))
+             if message.json["state"] == "ON"]
+    assert tones == ["Front door", "Song"]
+
+
 def test_the_clips_are_retained_and_follow_each_change(bridge, sandbox, operator, store, door):
     listed = operator.wait_last(bridge.topic("clips"), lambda m: len(m.json["clips"]) == 2)
     first = listed.json["clips"][0]

@@ -88,6 +88,14 @@ TEST(MqttState, FollowsTheEvents)
     EXPECT_EQ(mqtt_json_get_text(idle, "text"), "idle");
 }
 
+TEST(MqttState, IsNotIdleIfAnUnknownFileIsPlaying)
+{
+    MqttState state = make_state();
+    mqtt_state_apply(&state, make_event(true, true, ""), NOW);
+    g_autoptr(json_t) playing = load(mqtt_state_write(state));
+    EXPECT_EQ(mqtt_json_get_text(playing, "text"), "playing");
+}
+
 TEST(MqttState, ShowsAFileThatIsNotStored)
 {
     MqttState state = make_state();

@@ -20,6 +20,10 @@ namespace
 /* How long to wait for further changes before the clips are listed, in microseconds. */
 constexpr guint64 REFRESH_DELAY = 100'000;
 
+/* How long to wait for the other event, in microseconds: when a clip begins, one event tells that
+ * the output is playing, and another one which file. */
+constexpr guint64 SETTLE_TIME = 50'000;
+
 /* How often the time of the last packet is written, in milliseconds. */
 constexpr gint64 ALIVE_INTERVAL = 1000;
 
@@ -56,7 +60,7 @@ void publish_discovery(MqttBridge *bridge)
  * messages of the last time, which tell more than empty ones. */
 void publish_all(MqttBridge *bridge)
 {
-    if (!mqtt_client_is_connected(bridge->client)) {
+    if (!mqtt_client_is_connected(bridge->client) || bridge->is_settling) {
         return;
     }
     const MqttConf &conf = *bridge->conf;
@@ -245,7 +249,19 @@ void on_event(MqttBridge *bridge, const ClientEvent &event)
     if (event.is_state && !event.playing) {
         bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
     }
+    if (!bridge->is_settling) {
+        bridge->is_settling = true;
+        sd_event_source_set_time_relative(bridge->settled, SETTLE_TIME);
+        sd_event_source_set_enabled(bridge->settled, SD_EVENT_ONESHOT);
+    }
+}
+
+int on_settled(sd_event_source *, guint64, void *data)
+{
+    auto *bridge = static_cast<MqttBridge *>(data);
+    bridge->is_settling = false;
     publish_all(bridge);
+    return 0;
 }
 
 /* Set-up */
@@ -274,6 +290,13 @@ int add_sources(MqttBridge *bridge)
     if (r >= 0) {
         r = sd_event_add_time_relative(bridge->event, &bridge->refresh, CLOCK_MONOTONIC, 0, 0,
                                        on_refresh, bridge);
+    }
+    if (r >= 0) {
+        r = sd_event_add_time_relative(bridge->event, &bridge->settled, CLOCK_MONOTONIC, 0, 0,
+                                       on_settled, bridge);
+    }
+    if (r >= 0) {
+        r = sd_event_source_set_enabled(bridge->settled, SD_EVENT_OFF);
     }
     return r;
 }
@@ -354,6 +377,7 @@ bool mqtt_bridge_free(MqttBridge *bridge)
     sd_event_source_disable_unref(bridge->post);
     sd_event_source_disable_unref(bridge->alarm);
     sd_event_source_disable_unref(bridge->refresh);
+    sd_event_source_disable_unref(bridge->settled);
     sd_event_source_disable_unref(bridge->siren_end);
     if (bridge->alive_fd >= 0) {
         close(bridge->alive_fd);

@@ -70,6 +70,8 @@ struct MqttBridge {
     sd_event_source *post;
     sd_event_source *alarm;     /* the next call of the daemon, on the machine's clock */
     sd_event_source *refresh;   /* lists the clips */
+    sd_event_source *settled;   /* publishes the state after an event */
+    bool is_settling;           /* until then, only a part of the events may have arrived */
     sd_event_source *siren_end; /* stops a siren that has a duration */
     bool is_listing;            /* the daemon is asked for the clips */
     bool must_list_again;

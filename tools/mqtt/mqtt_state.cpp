@@ -55,6 +55,15 @@ json_t *write_output(const MqttState &state, const MqttOutput &output)
     return object;
 }
 
+std::string describe_file(const MqttState &state, const std::string &file)
+{
+    if (file.empty()) {
+        return "playing"; /* the event with the file has not come */
+    }
+    const MqttClip *clip = find_location(state, file);
+    return clip && !clip->name.empty() ? clip->name : client_clips_relative(file.c_str());
+}
+
 /* Returns what is playing, for a display. */
 std::string describe(const MqttState &state)
 {
@@ -64,10 +73,7 @@ std::string describe(const MqttState &state)
     std::string text;
     for (const MqttOutput &output : state.outputs) {
         if (output.playing) {
-            const MqttClip *clip = find_location(state, output.file);
-            text += text.empty() ? "" : ", ";
-            text += clip && !clip->name.empty() ? clip->name
-                                                : client_clips_relative(output.file.c_str());
+            text += (text.empty() ? "" : ", ") + describe_file(state, output.file);
         }
     }
     return text.empty() ? "idle" : text;
