@@ -10,6 +10,9 @@ import pytest
 from sandbox import clips, wait_until
 from sandbox.broker import Bridge, Broker
 
+# paho-mqtt 1 and 2 warn about different calls; the tests run with both.
+pytestmark = pytest.mark.filterwarnings("error::DeprecationWarning")
+
 
 @pytest.fixture
 def song(sandbox, store):

@@ -5,6 +5,7 @@ import json
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 
 import paho.mqtt.client
@@ -121,7 +122,7 @@ class Client:
         self._granted = 0  # subscriptions since the last connection
         # Version 2 of the library requires the version of its own callbacks.
         versions = getattr(paho.mqtt.client, "CallbackAPIVersion", None)
-        extra = [versions.VERSION1] if versions else []
+        extra = [versions.VERSION2] if versions else []
         self._client = paho.mqtt.client.Client(*extra, client_id=name,
                                                protocol=paho.mqtt.client.MQTTv5)
         self._client.on_message = self._on_message
@@ -131,7 +132,7 @@ class Client:
         if user:
             self._client.username_pw_set(user, password)
         if broker.tls:
-            self._client.tls_set(str(broker.ca_file))
+            self._client.tls_set_context(ssl.create_default_context(cafile=str(broker.ca_file)))
         # The broker keeps messages for it while the connection is interrupted.
         session = Properties(PacketTypes.CONNECT)
         session.SessionExpiryInterval = 600
