@@ -121,8 +121,8 @@ void log_stream_error(GstMessage *message)
 {
     g_autoptr(GError) error = nullptr;
     gst_message_parse_error(message, &error, nullptr);
-    log_error("%sError received from element '%s': %s", "", GST_MESSAGE_SRC_NAME(message),
-              error->message);
+    g_autofree char *text = clip_source_describe_error(GST_MESSAGE_SRC(message), error->message);
+    log_error("%sError received from element '%s': %s", "", GST_MESSAGE_SRC_NAME(message), text);
 }
 
 /*

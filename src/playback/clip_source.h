@@ -19,3 +19,9 @@ bool clip_source_is_playable(const char *uri);
  * "source-setup", before the source opens its file. Called on any thread.
  */
 void clip_source_pin(GstElement *source);
+
+/*
+ * Returns the text of an error that `element` reports. If it is a pinned source, the text names the
+ * path that the source was given. Free it with g_free().
+ */
+char *clip_source_describe_error(GstObject *element, const char *text);

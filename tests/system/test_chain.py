@@ -143,6 +143,18 @@ def test_a_chain_ends_with_its_error_when_the_next_file_has_gone(sandbox, daemon
         *START, "error: Error received from element 'source': Resource not found."]
 
 
+def test_the_error_of_a_chain_names_a_file_that_may_not_be_read_any_more(sandbox, daemon, player):
+    clip = sandbox.write_clip("a.wav", clips.noise(48000))
+    reply = player.send("PlayClip", f"{clip.location}&repeat=-1")
+    wait_until(lambda: sandbox.card(0).count("start") == 1, what="the card plays")
+    clip.file.chmod(0)
+    assert reply.wait(20) == ("OK",)
+    assert daemon.stop() == 0
+    assert daemon.texts == [
+        *START, "error: Error received from element 'source': "
+                f'Could not open file "{clip.path}" for reading.']
+
+
 def test_a_chain_keeps_its_volume(sandbox, player):
     clip = sandbox.write_clip("a.wav", [i % 3000 + 1 for i in range(FRAMES)])
     loud = [sample * 10 for sample in clip.samples]

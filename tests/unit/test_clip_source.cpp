@@ -119,3 +119,25 @@ TEST_F(ClipSource, IgnoresOtherSources)
     clip_source_pin(source);
     EXPECT_EQ(count_open_files(), before);
 }
+
+TEST_F(ClipSource, DescribesAnErrorWithThePathThatItWasGiven)
+{
+    g_autoptr(GstElement) source = make_source();
+    clip_source_pin(source);
+    g_autofree char *pinned_path = nullptr;
+    g_object_get(source, "location", &pinned_path, nullptr);
+    ASSERT_STRNE(pinned_path, path.c_str());
+    const std::string error = "Could not open file \"" + std::string(pinned_path) + "\".";
+    g_autofree char *text = clip_source_describe_error(GST_OBJECT(source), error.c_str());
+    EXPECT_EQ(text, "Could not open file \"" + path + "\".");
+}
+
+TEST_F(ClipSource, DescribesTheErrorsOfOtherElementsAsTheyAre)
+{
+    g_autoptr(GstElement) source = make_source("fakesrc");
+    clip_source_pin(source);
+    g_autofree char *text = clip_source_describe_error(GST_OBJECT(source), "Broken.");
+    EXPECT_STREQ(text, "Broken.");
+    g_autofree char *unknown = clip_source_describe_error(nullptr, "Broken.");
+    EXPECT_STREQ(unknown, "Broken.");
+}
