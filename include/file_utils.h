@@ -40,6 +40,12 @@ bool file_utils_file_exist(const char *path);
 int file_utils_open_regular(const char *path, int access_mode);
 
 /*
+ * Returns true if the process may open `count` more file descriptors, otherwise false with errno
+ * set.
+ */
+bool file_utils_can_open(unsigned count);
+
+/*
  * Removes `path`. Returns true if the file no longer exists, including when it never existed or
  * `path` is null.
  */

@@ -14,6 +14,12 @@ namespace
 
 constexpr GstClockTime DISCOVERER_TIMEOUT = 5 * GST_SECOND;
 
+/*
+ * The discoverer opens three, more if it has to load a plugin. Without those of its bus it does not
+ * fail: it uses a whole processor until its time-out, and logs thousands of lines.
+ */
+constexpr unsigned DISCOVERER_DESCRIPTORS = 8;
+
 /* Replaces `name` by `path` in the error's message, so that the log names the clip's file. */
 void put_path_into_message(GError *error, const char *name, const char *path)
 {
@@ -186,9 +192,15 @@ void set_audio_properties(GstDiscovererAudioInfo *info, const GstCaps *caps, jso
  */
 int open_for_probe(const char *path)
 {
-    const int fd = file_utils_open_regular(path, O_PATH);
+    int fd = file_utils_open_regular(path, O_PATH);
     if (fd == -1 && errno == EISDIR) {
-        return open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+        fd = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    }
+    if (fd != -1 && !file_utils_can_open(DISCOVERER_DESCRIPTORS)) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
     }
     return fd;
 }

@@ -4,6 +4,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "file_utils.h"
+
 namespace
 {
 
@@ -17,6 +19,12 @@ constexpr char HEADER[] =
 constexpr off_t FILE_SIZE = 44 + 8828;
 constexpr const char *SINK =
     "capsfilter caps=audio/x-raw,format=S16LE,rate=48000,channels=2 ! fakesink";
+
+/*
+ * The pipeline opens four, more if it has to load a plugin. Without those of its bus, the messages
+ * of the pipeline would never arrive, and it would stay.
+ */
+constexpr unsigned PIPELINE_DESCRIPTORS = 8;
 
 static_assert(sizeof HEADER == 44, "the text's own NUL is the last byte of the header");
 
@@ -82,7 +90,7 @@ void clip_rehearsal_start(void (*done)())
         return;
     }
     on_done = done;
-    file = make_file();
+    file = file_utils_can_open(PIPELINE_DESCRIPTORS) ? make_file() : -1;
     pipeline = file == -1 ? nullptr : make_pipeline(file);
     if (!pipeline) {
         end();

@@ -95,6 +95,21 @@ int file_utils_open_regular(const char *path, int access_mode)
     return fd;
 }
 
+bool file_utils_can_open(unsigned count)
+{
+    g_autofree int *descriptors = g_new(int, count);
+    unsigned opened = 0;
+    while (opened < count && (descriptors[opened] = open("/", O_PATH | O_CLOEXEC)) != -1) {
+        opened++;
+    }
+    const int error = errno;
+    for (unsigned i = 0; i < opened; i++) {
+        close(descriptors[i]);
+    }
+    errno = error;
+    return opened == count;
+}
+
 bool file_utils_remove_file(const char *path)
 {
     if (!file_utils_file_exist(path)) {

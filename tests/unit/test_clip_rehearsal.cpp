@@ -2,6 +2,7 @@
 
 #include <gst/gst.h>
 
+#include "few_descriptors.h"
 #include "log_test.h"
 #include "temp_dir.h"
 
@@ -65,6 +66,22 @@ TEST_F(ClipRehearsal, LeavesNoFileOpen)
     EXPECT_GT(count_open_files(), before);
     run_to_the_end();
     EXPECT_EQ(count_open_files(), before);
+}
+
+TEST_F(ClipRehearsal, EndsWithoutDescriptors)
+{
+    start();
+    run_to_the_end();
+    for (unsigned free_count = 0; free_count <= 6; free_count++) {
+        ends = 0;
+        {
+            const FewDescriptors few(free_count);
+            start();
+        }
+        run_to_the_end();
+        ASSERT_EQ(ends, 1) << free_count;
+    }
+    expect_no_log();
 }
 
 TEST_F(ClipRehearsal, AStopEndsItSilently)

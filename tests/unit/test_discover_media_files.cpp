@@ -9,6 +9,7 @@
 #include "discover_media.h"
 #include "discover_media_metadata.h"
 #include "discover_media_supported.h"
+#include "few_descriptors.h"
 #include "log_test.h"
 #include "temp_dir.h"
 
@@ -381,3 +382,23 @@ TEST_F(DiscoverMediaFiles, EndlessDeviceIsUndeterminedAtOnce)
 }
 
 } // namespace
+
+/* Without descriptors, the discoverer would log thousands of lines until its time-out. */
+TEST_F(DiscoverMediaFiles, RunningOutOfDescriptorsIsLoggedOnce)
+{
+    const std::string path = sun_audio("a.au", 1, std::string(8000, '\x55'));
+    ASSERT_EQ(verdict(path), ""); /* GStreamer has loaded its plugins */
+    for (unsigned free_count = 0; free_count <= 9; free_count++) {
+        g_autoptr(json_t) info = json_object();
+        bool success = false;
+        {
+            const FewDescriptors few(free_count);
+            success = discover_media(path.c_str(), info);
+        }
+        EXPECT_EQ(success, free_count == 9) << free_count;
+        if (!success) {
+            expect_log(G_LOG_LEVEL_WARNING, "Could not open '" + path + "': Too many open files");
+        }
+        expect_no_log();
+    }
+}

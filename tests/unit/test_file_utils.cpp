@@ -3,11 +3,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
+#include "few_descriptors.h"
 #include "log_test.h"
 #include "temp_dir.h"
 
@@ -311,6 +313,26 @@ TEST_F(FileUtilsOpen, FileCanBeNamedWithoutBeingOpenForReading)
     ASSERT_GE(fd, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_PATH, O_PATH);
     close(fd);
+}
+
+TEST_F(FileUtils, KnowsHowManyFilesCanBeOpened)
+{
+    EXPECT_TRUE(file_utils_can_open(8));
+    const size_t before = count_open_files();
+    bool enough[4] = {};
+    int error = 0;
+    {
+        const FewDescriptors few(2);
+        for (unsigned count = 0; count < std::size(enough); count++) {
+            enough[count] = file_utils_can_open(count);
+        }
+        error = errno;
+    }
+    EXPECT_TRUE(enough[0]);
+    EXPECT_TRUE(enough[2]);
+    EXPECT_FALSE(enough[3]);
+    EXPECT_EQ(error, EMFILE);
+    EXPECT_EQ(count_open_files(), before);
 }
 
 TEST_F(FileUtils, RemovingNullSucceeds)
