@@ -1,5 +1,7 @@
 #include "sonobrik_group_metadata.h"
 
+#include <string>
+
 #include "autoptr.h"
 #include "bus_budget.h"
 #include "discover_media_metadata.h"
@@ -45,33 +47,47 @@ bool compute_metadata(SonobrikGroup *group, GHashTable *memo)
     return metadata && sonobrik_group_set_media_metadata(group, metadata);
 }
 
+/* Returns an integer that the metadata owns, or null. */
+const json_t *get_integer(const json_t *metadata, const char *key)
+{
+    const json_t *member = json_object_get(metadata, key);
+    return json_is_integer(member) ? member : nullptr;
+}
+
+/* Returns -1 for null. */
+json_int_t get_value(const json_t *integer)
+{
+    return integer ? json_integer_value(integer) : -1;
+}
+
 /* Returns a new reference to the object that describes the record to clients; null on failure. */
 json_t *pack_reply(const SonobrikGroup *group)
 {
-    json_t *metadata = sonobrik_group_get_media_metadata(group);
+    const json_t *metadata = sonobrik_group_get_media_metadata(group);
     g_autofree char *file_name = g_path_get_basename(sonobrik_group_get_location(group));
-    g_autofree char *index = g_strdup_printf("%d", sonobrik_group_get_index(group));
+    const std::string index = std::to_string(sonobrik_group_get_index(group));
 
-    json_t *media_types = nullptr;
-    if (json_unpack(metadata, "{s:o}", "mediaTypes", &media_types) != 0) {
+    json_t *media_types = json_object_get(metadata, "mediaTypes");
+    if (!media_types) {
         g_warning("%s%s failed to obtain the media types of the media file", "",
                   "sonobrik_group_metadata");
     }
-    json_int_t size = -1;
-    if (json_unpack(metadata, "{s:I}", "size", &size) != 0) {
+    const json_t *size = get_integer(metadata, "size");
+    if (!size) {
         g_warning("%s%s failed to obtain the size of the media file", "",
                   "sonobrik_group_metadata");
     }
-    json_int_t duration = -1;
-    if (json_unpack(metadata, "{s:I}", "duration", &duration) != 0) {
+    const json_t *duration = get_integer(metadata, "duration");
+    if (!duration) {
         g_warning("%s%s failed to obtain the duration of the media file", "",
                   "sonobrik_group_metadata");
     }
 
     json_error_t error = {};
-    json_t *reply = json_pack_ex(&error, 0, "{s :{s:s, s:s, s:O, s:I, s:I}}", index, "name",
-                                 sonobrik_group_get_name(group), "fileName", file_name,
-                                 "mediaTypes", media_types, "size", size, "duration", duration);
+    json_t *reply =
+        json_pack_ex(&error, 0, "{s :{s:s, s:s, s:O, s:I, s:I}}", index.c_str(), "name",
+                     sonobrik_group_get_name(group), "fileName", file_name, "mediaTypes",
+                     media_types, "size", get_value(size), "duration", get_value(duration));
     if (!reply) {
         log_error("%sFailed to create parameter object, error '%s'", "", error.text);
     }
@@ -92,6 +108,25 @@ json_t *describe_group(SonobrikGroup *group, GHashTable *memo)
     return pack_reply(group);
 }
 
+/* Called by Jansson: appends a part of a value's text to the GString `text`. */
+int append_part(const char *part, size_t length, void *text)
+{
+    g_string_append_len(static_cast<GString *>(text), part, static_cast<gssize>(length));
+    return 0;
+}
+
+/*
+ * Appends `value` as a further element of the JSON array in `text`, which is still without its
+ * closing bracket. Returns false on failure; the end of `text` is then useless.
+ */
+bool append_element(GString *text, const json_t *value)
+{
+    if (text->str[text->len - 1] != '[') {
+        g_string_append_c(text, ',');
+    }
+    return json_dump_callback(value, append_part, text, JSON_COMPACT) == 0;
+}
+
 } // namespace
 
 bool sonobrik_group_metadata_valid(const SonobrikGroup *group)
@@ -100,9 +135,8 @@ bool sonobrik_group_metadata_valid(const SonobrikGroup *group)
     if (!sonobrik_group_valid_parameter(group) || json_object_size(metadata) == 0) {
         return false;
     }
-    if (json_object_get(metadata, "mediaTypes") &&
-        json_is_integer(json_object_get(metadata, "size")) &&
-        json_is_integer(json_object_get(metadata, "duration"))) {
+    if (json_object_get(metadata, "mediaTypes") && get_integer(metadata, "size") &&
+        get_integer(metadata, "duration")) {
         return true;
     }
     /* Names the fault. */
@@ -141,32 +175,32 @@ json_t *sonobrik_group_metadata(SonobrikGroup *group)
 
 char *sonobrik_group_get_metadata()
 {
-    g_autoptr(json_t) array = json_array();
-    if (!array) {
-        return nullptr;
-    }
+    /* Written record by record, because a tree of all objects would not fit into the caches. */
+    GString *text = g_string_new("[");
     g_autoptr(GHashTable) memo = discover_media_memo_new();
-    BusBudgetArray budget;
     GSList *groups = sonobrik_group_get_parameter_list();
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
         sonobrik_feed_watchdog(); /* a damaged file takes seconds */
-        json_t *metadata = describe_group(group, memo);
+        g_autoptr(json_t) metadata = describe_group(group, memo);
         if (!metadata) {
             log_error("%sCould not obtain metadata for clip at location: %s", "",
                       sonobrik_group_get_location(group));
             continue;
         }
-        if (!bus_budget_take_value(&budget, array, metadata)) {
+        const gsize length = text->len;
+        if (!append_element(text, metadata)) {
+            log_error("%sFailed to append metadata", "");
+            g_string_truncate(text, length);
+            continue;
+        }
+        if (text->len > BUS_BUDGET) {
+            g_string_truncate(text, length);
             bus_budget_report(node, "the reply to GetMetadata");
-            json_decref(metadata);
             break;
         }
-        if (json_array_append_new(array, metadata) != 0) {
-            log_error("%sFailed to append metadata", "");
-        }
     }
-    g_auto(JsonText) text = json_dumps(array, JSON_COMPACT);
+    g_string_append_c(text, ']');
     sonobrik_group_release_parameter_list(&groups);
-    return g_strdup(text);
+    return g_string_free(text, FALSE);
 }

@@ -407,13 +407,13 @@ TEST_F(GroupMetadata, ReplyThatCannotBePackedIsReported)
 }
 
 /*
- * A valid record has the three members, so reading one back fails only on allocation failure. They
- * are read in the order media types, size, duration.
+ * A valid record has the three members, so no record makes these lines appear. The check of the
+ * record reads the three first; then they are read in the order media types, size, duration.
  */
 
 TEST_F(GroupMetadata, ReplyNeedsTheMediaTypes)
 {
-    calls.fail_one("json_unpack", 1);
+    calls.fail_one("json_object_get", 4);
     EXPECT_EQ(sonobrik_group_metadata(record(VALID)), nullptr);
     expect_log(G_LOG_LEVEL_WARNING,
                "sonobrik_group_metadata failed to obtain the media types of the media file");
@@ -423,7 +423,7 @@ TEST_F(GroupMetadata, ReplyNeedsTheMediaTypes)
 
 TEST_F(GroupMetadata, SizeThatCannotBeReadIsReturnedAsMinusOne)
 {
-    calls.fail_one("json_unpack", 2);
+    calls.fail_one("json_object_get", 5);
     EXPECT_EQ(reply(record(VALID)),
               R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],)"
               R"("size":-1,"duration":50}})");
@@ -434,7 +434,7 @@ TEST_F(GroupMetadata, SizeThatCannotBeReadIsReturnedAsMinusOne)
 
 TEST_F(GroupMetadata, DurationThatCannotBeReadIsReturnedAsMinusOne)
 {
-    calls.fail_one("json_unpack", 3);
+    calls.fail_one("json_object_get", 6);
     EXPECT_EQ(reply(record(VALID)),
               R"({"4":{"name":"Door","fileName":"door.wav","mediaTypes":["audio/x-wav"],)"
               R"("size":5,"duration":-1}})");
