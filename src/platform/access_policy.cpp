@@ -30,12 +30,18 @@ struct {
     size_t next; /* index of the oldest entry, which the next caller replaces */
 } state;
 
-bool connect_bus(GError **error)
+/* A restarted bus gives the same names to other clients. */
+void forget_lost_callers()
 {
     if (!platform_bus_is_open(state.bus)) {
-        state.callers = {}; /* a restarted bus gives the same names to other clients */
+        state.callers = {};
         state.next = 0;
     }
+}
+
+bool connect_bus(GError **error)
+{
+    forget_lost_callers();
     return platform_bus_hold_lookup(&state.bus, error);
 }
 
@@ -147,8 +153,12 @@ bool access_policy_init(GError **error)
     if (!access_policy_file_load(error)) {
         return false;
     }
-    /* Opened now so that no caller has to wait for it. The next check reports a failure. */
-    connect_bus(nullptr);
+    /*
+     * The bus answers while the daemon goes on with its start, so the first caller does not wait
+     * for that. The first check reports a failure.
+     */
+    forget_lost_callers();
+    platform_bus_start_lookup(&state.bus);
     return true;
 }
 

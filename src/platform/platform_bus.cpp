@@ -175,19 +175,21 @@ int wait_until_ready(sd_bus *bus)
     return r;
 }
 
-bool open(Connection *connection, GError **error)
+void set_unreachable(GError **error, int r)
+{
+    g_set_error(error, PLATFORM_ERROR, -r, "The system bus cannot be reached: %s", g_strerror(-r));
+}
+
+/* Starts the connection and serves it from the main loop. Does not wait for the bus. */
+bool start(Connection *connection, GError **error)
 {
     sd_bus *bus = nullptr;
     int r = start_connection(&bus);
     if (r >= 0) {
-        r = wait_until_ready(bus);
-    }
-    if (r >= 0) {
         r = sd_bus_set_method_call_timeout(bus, timeout_usec);
     }
     if (r < 0) {
-        g_set_error(error, PLATFORM_ERROR, -r, "The system bus cannot be reached: %s",
-                    g_strerror(-r));
+        set_unreachable(error, r);
         sd_bus_close_unref(bus);
         return false;
     }
@@ -197,7 +199,8 @@ bool open(Connection *connection, GError **error)
     return true;
 }
 
-bool hold(Connection *connection, sd_bus **bus, GError **error)
+/* Makes `*bus` the connection, which is held for the caller and may not be ready yet. */
+bool hold_started(Connection *connection, sd_bus **bus, GError **error)
 {
     if (platform_bus_is_open(*bus)) {
         return true;
@@ -206,12 +209,26 @@ bool hold(Connection *connection, sd_bus **bus, GError **error)
     if (connection->bus && !platform_bus_is_open(connection->bus)) {
         lose(connection, ECONNRESET);
     }
-    if (!connection->bus && !open(connection, error)) {
+    if (!connection->bus && !start(connection, error)) {
         return false;
     }
     connection->holders++;
     *bus = sd_bus_ref(connection->bus);
     return true;
+}
+
+bool hold(Connection *connection, sd_bus **bus, GError **error)
+{
+    if (!hold_started(connection, bus, error)) {
+        return false;
+    }
+    const int r = wait_until_ready(*bus);
+    if (r < 0) {
+        set_unreachable(error, r);
+        drop(connection);
+        *bus = sd_bus_unref(*bus);
+    }
+    return r >= 0;
 }
 
 void release(Connection *connection)
@@ -243,6 +260,11 @@ bool platform_bus_hold(sd_bus **bus, GError **error)
 bool platform_bus_hold_lookup(sd_bus **bus, GError **error)
 {
     return hold(&lookup, bus, error);
+}
+
+void platform_bus_start_lookup(sd_bus **bus)
+{
+    hold_started(&lookup, bus, nullptr);
 }
 
 bool platform_bus_is_open(sd_bus *bus)

@@ -36,6 +36,12 @@ bool platform_bus_hold(sd_bus **bus, GError **error);
 /* Does the same with the connection of the access policy. */
 bool platform_bus_hold_lookup(sd_bus **bus, GError **error);
 
+/*
+ * Does the same, but does not wait for the bus. The main loop and platform_bus_hold_lookup(), which
+ * must come before the first call, finish what this started. Leaves null in `*bus` on failure.
+ */
+void platform_bus_start_lookup(sd_bus **bus);
+
 /* Returns true if `bus` is not null and was not lost. */
 bool platform_bus_is_open(sd_bus *bus);
 

@@ -377,4 +377,53 @@ TEST_F(PlatformBus, GivesUpOnABusThatDoesNotAnswer)
     EXPECT_STREQ(error->message, "The system bus cannot be reached: Connection timed out");
 }
 
+TEST_F(PlatformBus, StartsTheLookupWithoutWaitingForTheBus)
+{
+    bus.freeze();
+    sd_bus *connection = nullptr;
+    platform_bus_start_lookup(&connection);
+    bus.thaw();
+    ASSERT_NE(connection, nullptr);
+    EXPECT_EQ(sd_bus_is_ready(connection), 0);
+    EXPECT_TRUE(run_until([&] { return sd_bus_is_ready(connection) > 0; }));
+    platform_bus_release(connection);
+}
+
+TEST_F(PlatformBus, WaitsForALookupThatWasOnlyStarted)
+{
+    sd_bus *connection = nullptr;
+    platform_bus_start_lookup(&connection);
+    sd_bus *const started = connection;
+    EXPECT_EQ(sd_bus_is_ready(started), 0);
+    g_autoptr(GError) error = nullptr;
+    EXPECT_TRUE(platform_bus_hold_lookup(&connection, &error)) << error->message;
+    EXPECT_EQ(connection, started);
+    EXPECT_EQ(sd_bus_is_ready(connection), 1);
+    platform_bus_release(connection);
+}
+
+TEST_F(PlatformBus, GivesUpOnAStartedLookupThatTheBusDoesNotAnswer)
+{
+    bus.freeze();
+    sd_bus *connection = nullptr;
+    platform_bus_start_lookup(&connection);
+    g_autoptr(GError) error = nullptr;
+    EXPECT_FALSE(platform_bus_hold_lookup(&connection, &error));
+    EXPECT_EQ(connection, nullptr);
+    bus.thaw();
+    ASSERT_NE(error, nullptr);
+    EXPECT_STREQ(error->message, "The system bus cannot be reached: Connection timed out");
+    g_clear_error(&error);
+    EXPECT_TRUE(platform_bus_hold_lookup(&connection, &error)) << error->message;
+    platform_bus_release(connection);
+}
+
+TEST_F(PlatformBus, StartsNoLookupWithoutABus)
+{
+    bus.stop();
+    sd_bus *connection = nullptr;
+    platform_bus_start_lookup(&connection);
+    EXPECT_EQ(connection, nullptr);
+}
+
 } // namespace
