@@ -34,6 +34,14 @@ char *sonobrik_group_conf_get_file_path(gint32 index);
 gint32 sonobrik_group_conf_get_param_index(const char *path);
 
 /*
+ * Returns a number n such that the files of the indexes from 0 to n - 1 exist. It is the highest
+ * such number, unless one of the files is a symbolic link, which may be broken, or the file system
+ * does not list the types of files. One reading of the folder takes less time than a test of each
+ * file.
+ */
+gint32 sonobrik_group_conf_count_files_without_gap();
+
+/*
  * Returns the paths of all record files, in the order of the directory, not of their indexes.
  * Returns null if there are none; free the list with sonobrik_group_conf_free_param_file_list().
  */

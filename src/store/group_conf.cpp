@@ -1,7 +1,10 @@
 #include "sonobrik_group_conf.h"
 
+#include <algorithm>
 #include <cstring>
+#include <dirent.h>
 #include <string>
+#include <vector>
 
 #include "file_utils.h"
 #include "group_conf_directory.h"
@@ -33,6 +36,23 @@ bool is_canonical(const char *text)
 {
     const char *digits = *text == '-' ? text + 1 : text;
     return (*digits >= '1' && *digits <= '9') || strcmp(text, "0") == 0;
+}
+
+/* Parses the middle of the name of a record's file. Returns false if it is not an index. */
+bool parse_index(const char *text, gint32 *index)
+{
+    /* A record with the index of "M007.json" would be saved to "M7.json", another clip's file. */
+    return util_str_to_int(text, index) && is_canonical(text);
+}
+
+/* Returns the index of the folder's entry, or -1 if it is not certainly the file of a record. */
+gint32 get_entry_index(const dirent &entry)
+{
+    g_autofree char *text = util_str_extract(entry.d_name, "M", ".json");
+    gint32 index = -1;
+    /* The target of a link may be missing. */
+    const bool exists = entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN;
+    return exists && parse_index(text, &index) ? index : -1;
 }
 
 /* Reads the parameter and caches the highest valid index. Returns false if it cannot be read. */
@@ -80,12 +100,32 @@ gint32 sonobrik_group_conf_get_param_index(const char *path)
     gint32 index = -1;
     const std::string prefix = std::string(group_directory) + "/M";
     g_autofree char *text = util_str_extract(path, prefix.c_str(), ".json");
-    /* A record with the index of "M007.json" would be saved to "M7.json", another clip's file. */
-    if (util_str_to_int(text, &index) && is_canonical(text)) {
+    if (parse_index(text, &index)) {
         return index;
     }
     g_warning("%sCould not obtain parameter index from '%s'", "", text);
     return -1;
+}
+
+gint32 sonobrik_group_conf_count_files_without_gap()
+{
+    DIR *folder = opendir(group_directory);
+    if (!folder) {
+        return 0;
+    }
+    std::vector<gint32> indexes;
+    // cppcheck-suppress readdirCalled ; only the main thread reads this folder
+    while (const dirent *entry = readdir(folder)) {
+        indexes.push_back(get_entry_index(*entry));
+    }
+    closedir(folder);
+
+    std::ranges::sort(indexes);
+    gint32 count = 0;
+    for (const gint32 index : indexes) {
+        count += index == count ? 1 : 0;
+    }
+    return count;
 }
 
 GSList *sonobrik_group_conf_get_param_file_list()

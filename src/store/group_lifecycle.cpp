@@ -1,5 +1,7 @@
 #include "sonobrik_group.h"
 
+#include <algorithm>
+
 #include "file_utils.h"
 #include "memory_trim.h"
 #include "service_frame.h"
@@ -28,7 +30,7 @@ gint32 find_free_index()
     if (!sonobrik_group_conf_get_max_group_index(&max_index)) {
         return -1;
     }
-    gint32 index = 0;
+    gint32 index = std::min(sonobrik_group_conf_count_files_without_gap(), max_index);
     while (index < max_index && index_is_taken(index)) {
         index++;
     }

@@ -9,6 +9,7 @@
 
 #include "log_test.h"
 #include "memory_trim.h"
+#include "sonobrik_group_conf.h"
 #include "store_folder.h"
 
 namespace
@@ -165,6 +166,72 @@ TEST_F(GroupLifecycle, AnyKindOfFileTakesTheIndex)
     StoreFolder::write("M1.json", "torn");
     ASSERT_EQ(mkfifo("clip_data/M2.json", 0600), 0);
     EXPECT_EQ(create(-1), 3);
+    expect_no_log();
+}
+
+TEST_F(GroupLifecycle, BrokenLinkDoesNotTakeTheIndex)
+{
+    StoreFolder::write("M0.json", DOOR);
+    std::filesystem::create_symlink("missing", "clip_data/M1.json");
+    StoreFolder::write("M2.json", DOOR);
+    EXPECT_EQ(create(-1), 1);
+    EXPECT_EQ(create(-1), 3);
+    expect_no_log();
+}
+
+TEST_F(GroupLifecycle, LinkToAFileTakesTheIndex)
+{
+    StoreFolder::write("M1.json", DOOR);
+    std::filesystem::create_symlink("M1.json", "clip_data/M0.json");
+    EXPECT_EQ(create(-1), 2);
+    expect_no_log();
+}
+
+TEST_F(GroupLifecycle, RecordsAboveTheBoundLeaveTheHighestIndexToTheSearch)
+{
+    fake_platform.parameter = "2";
+    for (const char *name : {"M0.json", "M1.json", "M2.json", "M3.json"}) {
+        StoreFolder::write(name, DOOR);
+    }
+    EXPECT_EQ(create(-1), -100);
+    expect_taken(1);
+}
+
+/* Counting. */
+
+TEST_F(GroupLifecycle, FilesAreCountedUpToTheFirstGap)
+{
+    EXPECT_EQ(sonobrik_group_conf_count_files_without_gap(), 0);
+    for (const auto &[name, count] : std::vector<std::pair<std::string, gint32>>{
+             {"M1.json", 0}, {"M0.json", 2}, {"M3.json", 2}, {"M4.json", 2}, {"M2.json", 5}}) {
+        StoreFolder::write(name, DOOR);
+        EXPECT_EQ(sonobrik_group_conf_count_files_without_gap(), count) << name;
+    }
+    expect_no_log();
+}
+
+TEST_F(GroupLifecycle, FilesOfOtherNamesAreNotCounted)
+{
+    for (const char *name : {"M.json", "Mx.json", "M00.json", "M+0.json", "M-0.json", "M0.json.bak",
+                             ".M0.json.new", "N0.json", "m0.json", "M0"}) {
+        StoreFolder::write(name, DOOR);
+    }
+    EXPECT_EQ(sonobrik_group_conf_count_files_without_gap(), 0);
+    expect_no_log();
+}
+
+TEST_F(GroupLifecycle, LinksAreNotCounted)
+{
+    StoreFolder::write("M0.json", DOOR);
+    std::filesystem::create_symlink("M0.json", "clip_data/M1.json");
+    StoreFolder::write("M2.json", DOOR);
+    EXPECT_EQ(sonobrik_group_conf_count_files_without_gap(), 1);
+}
+
+TEST_F(GroupLifecycle, NoFilesAreCountedInAMissingFolder)
+{
+    std::filesystem::remove("clip_data");
+    EXPECT_EQ(sonobrik_group_conf_count_files_without_gap(), 0);
     expect_no_log();
 }
 
