@@ -31,7 +31,7 @@ int authorise(sd_bus_message *message, void *, sd_bus_error *)
         return 0;
     }
     const char *member = sd_bus_message_get_member(message);
-    g_autofree char *action = member ? g_strdup_printf("%s.%s", SONOBRIK_INTERFACE, member)
+    g_autofree char *action = member ? g_strconcat(SONOBRIK_INTERFACE, ".", member, nullptr)
                                      : g_strdup(SONOBRIK_INTERFACE);
     g_autoptr(GError) error = nullptr;
     if (!access_policy_check(sd_bus_message_get_sender(message), action, &error)) {

@@ -84,7 +84,7 @@ int sonobrik_dbus_method_send_reply_and_log(sonobrik_dbus_method *m, sd_bus_mess
         return 0;
     }
     if (!m->successful) {
-        sd_bus_error_setf(ret_error, m->error_name, "%s", m->error_message);
+        sd_bus_error_set(ret_error, m->error_name, m->error_message);
         return 1;
     }
     const int r = sd_bus_send(sd_bus_message_get_bus(m->message), reply, nullptr);
@@ -94,8 +94,7 @@ int sonobrik_dbus_method_send_reply_and_log(sonobrik_dbus_method *m, sd_bus_mess
     if (r < 0) {
         g_info("%s%s failed to send positive reply message due to %s", "",
                "sonobrik_dbus_method_send_reply", strerror(-r));
-        sd_bus_error_setf(ret_error, m->error_name, "%s",
-                          "Failed to send a positive dbus response");
+        sd_bus_error_set(ret_error, m->error_name, "Failed to send a positive dbus response");
         return 0;
     }
     return 1;

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <systemd/sd-bus.h>
 #include <vector>
 
@@ -128,11 +129,12 @@ const Caller *identify(const char *sender, GError **error)
     if (!connect_bus(error)) {
         return nullptr;
     }
+    const std::string_view name = sender;
     for (const Caller &caller : state.callers) {
         if (caller.name.empty()) {
             break; /* the entries are filled in order */
         }
-        if (caller.name == sender) {
+        if (caller.name == name) {
             return &caller;
         }
     }
