@@ -77,3 +77,15 @@ def test_the_rest_of_what_the_broker_kept_is_as_old_as_the_first(bridge, scripte
                    "it is connected")
         assert bridge.wait_result(number - 1)["status"] == "late"
     assert sandbox.card(0).count("start") == 0
+
+
+def test_an_answer_that_the_broker_refuses_goes_to_the_nodes_own_topic(bridge, scripted):
+    """The broker's rules may not let the node write to every response topic."""
+    bridge.start()
+    scripted.refused["answers/anna"] = 0x87  # not authorized
+    scripted.publish("sonobrik/node1/ping", {"id": 1}, 1, response="answers/anna",
+                     correlation=b"c\0")
+    assert bridge.wait_result()["id"] == 1
+    answer, = scripted.get(bridge.topic("result"))
+    assert answer.correlation == b"c\0"
+    bridge.wait_log("the broker refused a message: Not authorized")

@@ -98,8 +98,13 @@ def test_a_node_is_reached_and_answers(sandbox, store, broker, operator):
     store.add_clip(clip.path, "Hello")
     node = start(sandbox, broker, operator, "shop7")
     assert node.ask("play", {"name": "Hello"})["status"] == "playing"
+    operator.publish("sonobrik/shop7/ping", {"id": "one"}, response="answers/shop7/anna")
+    assert operator.wait("answers/shop7/anna").json["id"] == "one"
+    # All nodes of a group get the same response topic, which none of them may write.
+    seen = len(node.results)
     operator.publish("sonobrik/group/west/ping", {"id": "west"}, response="answers/anna")
-    assert operator.wait("answers/anna").json["id"] == "west"
+    assert node.wait_result(seen)["id"] == "west"
+    assert operator.get("answers/anna") == []
     node.stop()
 
 
@@ -116,7 +121,7 @@ def test_a_node_is_only_in_the_groups_of_the_rules(sandbox, store, broker, opera
 def test_a_node_speaks_for_itself_only(broker, operator):
     thief = broker.connect("shop8", topics=("sonobrik/shop7/#", "sonobrik/group/all/#"))
     for topic in ("sonobrik/shop7/play", "sonobrik/shop7/state", "sonobrik/group/all/play",
-                  "sonobrik/shop8/play", "other"):
+                  "sonobrik/shop8/play", "answers/shop7/anna", "other"):
         thief.publish(topic, {"clip": 0})
     thief.publish("sonobrik/shop8/state", {})
     operator.publish("sonobrik/shop7/play", {"id": "secret"})

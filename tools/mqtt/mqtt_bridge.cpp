@@ -34,7 +34,7 @@ void publish_state(MqttBridge *bridge, const char *leaf, std::string *published,
 {
     if (*published != payload &&
         mqtt_client_publish(bridge->client, mqtt_topics_own(*bridge->conf, leaf), payload, true,
-                            nullptr)) {
+                            nullptr) != 0) {
         *published = payload;
     }
 }
@@ -49,7 +49,8 @@ void publish_discovery(MqttBridge *bridge)
     if (!is_due) {
         return;
     }
-    if (mqtt_client_publish(bridge->client, mqtt_discovery_topic(conf), payload, true, nullptr)) {
+    if (mqtt_client_publish(bridge->client, mqtt_discovery_topic(conf), payload, true, nullptr) !=
+        0) {
         bridge->published.discovery = payload;
         bridge->must_save = bridge->must_save || bridge->store.announced != conf.discovery;
         bridge->store.announced = conf.discovery;
@@ -329,6 +330,10 @@ bool open_client(MqttBridge *bridge, const std::string &password, std::string *w
         .connected = [bridge](bool has_session) { on_connected(bridge, has_session); },
         .heard = [bridge] { on_heard(bridge); },
         .received = [bridge](const MqttMessage &message) { on_received(bridge, message); },
+        .published =
+            [bridge](int message, bool is_refused) {
+                mqtt_jobs_on_published(bridge, message, is_refused);
+            },
     };
     bridge->client = mqtt_client_new(bridge->event, bridge->conf, password, handlers, why);
     return bridge->client != nullptr;

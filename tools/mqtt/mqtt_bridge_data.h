@@ -4,6 +4,7 @@
 
 #include <deque>
 #include <glib.h>
+#include <map>
 #include <string>
 #include <systemd/sd-event.h>
 
@@ -18,7 +19,7 @@
 /* Stands for a time that is not known. */
 constexpr gint64 MQTT_UNKNOWN = -1;
 
-/* An answer that waits for a connection. */
+/* An answer that may have to be sent later, or again. */
 struct MqttKept {
     std::string topic;
     std::string payload;
@@ -54,7 +55,8 @@ struct MqttBridge {
     bool knows_owner; /* the bus has told whether the daemon is running, which outranks replies */
     MqttLead lead;
     MqttPublished published;
-    std::deque<MqttKept> kept; /* answers for the next connection */
+    std::deque<MqttKept> kept;           /* answers for the next connection */
+    std::map<int, MqttKept> unconfirmed; /* answers on response topics, by message */
     MqttLogLimit refusals;
 
     /* After a connection, the broker sends the messages of the time while the node was away, then

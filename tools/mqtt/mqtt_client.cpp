@@ -182,7 +182,7 @@ void on_message(mosquitto *, void *data, const mosquitto_message *message,
     client->handlers.received(copy);
 }
 
-void on_publish(mosquitto *, void *data, int, int reason, const mosquitto_property *)
+void on_publish(mosquitto *, void *data, int message, int reason, const mosquitto_property *)
 {
     auto *client = static_cast<MqttClient *>(data);
     client->unconfirmed -= client->unconfirmed > 0;
@@ -194,6 +194,7 @@ void on_publish(mosquitto *, void *data, int, int reason, const mosquitto_proper
                      mosquitto_reason_string(reason), dropped);
         }
     }
+    client->handlers.published(message, reason >= MQTT_RC_UNSPECIFIED);
 }
 
 void on_subscribe(mosquitto *, void *data, int message, int count, const int *qos,
@@ -491,24 +492,25 @@ void mqtt_client_unsubscribe(MqttClient *client, const std::string &topic)
     mosquitto_unsubscribe_v5(client->mosq, nullptr, topic.c_str(), nullptr);
 }
 
-bool mqtt_client_publish(MqttClient *client, const std::string &topic, const std::string &payload,
-                         bool retain, const std::string *correlation)
+int mqtt_client_publish(MqttClient *client, const std::string &topic, const std::string &payload,
+                        bool retain, const std::string *correlation)
 {
     if (client->state != CONNECTED) {
-        return false;
+        return 0;
     }
     mosquitto_property *properties = nullptr;
     if (correlation) {
         mosquitto_property_add_binary(&properties, MQTT_PROP_CORRELATION_DATA, correlation->data(),
                                       static_cast<guint16>(correlation->size()));
     }
-    const int result =
-        mosquitto_publish_v5(client->mosq, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                             payload.data(), QOS, retain, properties);
+    int message = 0;
+    const int result = mosquitto_publish_v5(client->mosq, &message, topic.c_str(),
+                                            static_cast<int>(payload.size()), payload.data(), QOS,
+                                            retain, properties);
     mosquitto_property_free_all(&properties);
     if (result == MOSQ_ERR_SUCCESS) {
         client->unconfirmed++;
-        return true;
+        return message;
     }
     static MqttLogLimit limit;
     unsigned dropped = 0;
@@ -516,7 +518,7 @@ bool mqtt_client_publish(MqttClient *client, const std::string &topic, const std
         mqtt_log(LOG_WARNING, "a message to %s cannot be sent: %s", topic.c_str(),
                  mosquitto_strerror(result));
     }
-    return false;
+    return 0;
 }
 
 unsigned mqtt_client_count_unconfirmed(const MqttClient *client)

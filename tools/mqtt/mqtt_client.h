@@ -31,6 +31,8 @@ struct MqttHandlers {
     std::function<void()> heard;
     /* Returning from here does not acknowledge the message: mqtt_client_flush() does. */
     std::function<void(const MqttMessage &message)> received;
+    /* The broker has confirmed or refused the message with this number. */
+    std::function<void(int message, bool is_refused)> published;
 };
 
 struct MqttClient;
@@ -53,11 +55,11 @@ void mqtt_client_unsubscribe(MqttClient *client, const std::string &topic);
 
 /*
  * Publishes a message with QoS 1. `correlation` is its correlation data, or null. Messages that the
- * broker has not confirmed are repeated after a reconnection. Returns false, after a line in the
- * log, if the client is not connected or the message cannot be sent.
+ * broker has not confirmed are repeated after a reconnection. Returns the message's number, or 0,
+ * after a line in the log, if the client is not connected or the message cannot be sent.
  */
-bool mqtt_client_publish(MqttClient *client, const std::string &topic, const std::string &payload,
-                         bool retain, const std::string *correlation);
+int mqtt_client_publish(MqttClient *client, const std::string &topic, const std::string &payload,
+                        bool retain, const std::string *correlation);
 
 /* Returns the number of published messages that the broker has not confirmed. */
 unsigned mqtt_client_count_unconfirmed(const MqttClient *client);

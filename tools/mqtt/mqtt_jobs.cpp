@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <list>
+#include <utility>
 #include <vector>
 
 #include "autoptr.h"
@@ -30,6 +31,7 @@ constexpr gint64 CATCH_UP_TIME = 30'000;
 
 void set_alarm(MqttBridge *bridge);
 void play(MqttBridge *bridge, MqttJob *job);
+void send_answer(MqttBridge *bridge, const MqttKept &answer);
 
 MqttJob *find_job(MqttBridge *bridge, gint64 number)
 {
@@ -47,6 +49,13 @@ void keep(MqttBridge *bridge, const MqttKept &answer)
     bridge->kept.push_back(answer);
 }
 
+void send_to_own_topic(MqttBridge *bridge, const MqttKept &answer)
+{
+    MqttKept other = answer;
+    other.topic = mqtt_topics_own(*bridge->conf, "result");
+    send_answer(bridge, other);
+}
+
 void send_answer(MqttBridge *bridge, const MqttKept &answer)
 {
     if (!mqtt_client_is_connected(bridge->client) ||
@@ -54,8 +63,14 @@ void send_answer(MqttBridge *bridge, const MqttKept &answer)
         keep(bridge, answer);
         return;
     }
-    mqtt_client_publish(bridge->client, answer.topic, answer.payload, false,
-                        answer.has_correlation ? &answer.correlation : nullptr);
+    const bool is_own = answer.topic == mqtt_topics_own(*bridge->conf, "result");
+    const int message = mqtt_client_publish(bridge->client, answer.topic, answer.payload, false,
+                                            answer.has_correlation ? &answer.correlation : nullptr);
+    if (message == 0 && !is_own) {
+        send_to_own_topic(bridge, answer);
+    } else if (message != 0 && !is_own) {
+        bridge->unconfirmed[message] = answer;
+    }
 }
 
 void answer(MqttBridge *bridge, const MqttJob &job, MqttStatus status, const std::string &text)
@@ -553,6 +568,19 @@ int mqtt_jobs_on_alarm(sd_event_source *, guint64, void *data)
     }
     set_alarm(bridge);
     return 0;
+}
+
+void mqtt_jobs_on_published(MqttBridge *bridge, int message, bool is_refused)
+{
+    const auto found = bridge->unconfirmed.find(message);
+    if (found == bridge->unconfirmed.end()) {
+        return;
+    }
+    const MqttKept answer = std::move(found->second);
+    bridge->unconfirmed.erase(found);
+    if (is_refused) {
+        send_to_own_topic(bridge, answer);
+    }
 }
 
 void mqtt_jobs_send_kept(MqttBridge *bridge)

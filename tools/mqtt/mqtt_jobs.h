@@ -22,5 +22,8 @@ void mqtt_jobs_resume(MqttBridge *bridge);
  * clock if that is set. */
 int mqtt_jobs_on_alarm(sd_event_source *source, guint64 time, void *data);
 
+/* Sends an answer that the broker refused on its response topic to the node's own topic. */
+void mqtt_jobs_on_published(MqttBridge *bridge, int message, bool is_refused);
+
 /* Sends the answers that waited for a connection. */
 void mqtt_jobs_send_kept(MqttBridge *bridge);
