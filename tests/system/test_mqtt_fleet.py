@@ -118,6 +118,17 @@ def test_a_node_is_only_in_the_groups_of_the_rules(sandbox, store, broker, opera
 
 
 @pytest.mark.needs_root
+def test_a_node_cannot_take_over_the_session_of_another(sandbox, store, broker, operator):
+    node = start(sandbox, broker, operator, "shop7")
+    thief = Client(broker, "sonobrik-shop7", topics=(), user="shop8",
+                   password=broker.passwords["shop8"])
+    assert node.ask("ping")["status"] == "pong"
+    assert len(operator.get(node.topic("availability"))) == 1
+    thief.close()
+    node.stop()
+
+
+@pytest.mark.needs_root
 def test_a_node_speaks_for_itself_only(broker, operator):
     thief = broker.connect("shop8", topics=("sonobrik/shop7/#", "sonobrik/group/all/#"))
     for topic in ("sonobrik/shop7/play", "sonobrik/shop7/state", "sonobrik/group/all/play",

@@ -80,6 +80,7 @@ TEST(MqttTopics, AnswersNowhereThatCommandsAreRead)
     const MqttConf conf = make_conf();
     EXPECT_TRUE(mqtt_topics_may_answer(conf, "answers/anna"));
     EXPECT_TRUE(mqtt_topics_may_answer(conf, "chain/west/answers/anna"));
+    EXPECT_TRUE(mqtt_topics_may_answer(conf, "chain/west/groups/anna"));
     for (const char *topic :
          {"", "a/#", "a/+", "chain/west/group/all/play", "chain/west/group/x",
           "chain/west/shop8/play", "chain/west/shop8/stop", "chain/west/shop8/siren/set"}) {

@@ -137,8 +137,9 @@ bool mqtt_topics_may_answer(const MqttConf &conf, std::string_view topic)
     if (!skip(&topic, conf.prefix)) {
         return true;
     }
+    std::string_view group = topic;
     const size_t slash = topic.rfind('/');
     const std::string_view leaf = slash == std::string_view::npos ? topic : topic.substr(slash + 1);
-    return !topic.starts_with(MQTT_GROUP_LEVEL) && find_command(leaf) == MQTT_TOPIC_OTHER &&
+    return !skip(&group, MQTT_GROUP_LEVEL) && find_command(leaf) == MQTT_TOPIC_OTHER &&
            leaf != "set";
 }
