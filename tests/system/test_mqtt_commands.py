@@ -1,6 +1,7 @@
 """sonobrik-mqtt with a real broker: commands, answers, and what it reports."""
 
 import json
+import signal
 import time
 
 import pytest
@@ -269,6 +270,30 @@ def test_a_siren_ends_after_its_duration(bridge, operator, sandbox):
     operator.wait_last(bridge.topic("siren/state"), lambda m: m.json["state"] == "ON")
     operator.wait_last(bridge.topic("siren/state"), lambda m: m.json["state"] == "OFF")
     assert time.monotonic() - begin < 9
+
+
+def test_a_siren_ends_after_its_duration_although_the_bridge_was_killed(bridge, operator, sandbox):
+    operator.publish(bridge.topic("siren/set"), {"state": "ON", "tone": "Song", "duration": 4})
+    begin = time.monotonic()
+    assert bridge.wait_result()["status"] == "playing"
+    operator.wait_last(bridge.topic("siren/state"), lambda m: m.json["state"] == "ON")
+    bridge.process.kill(signal.SIGKILL)
+    bridge.process.wait_exit()
+    bridge.start()
+    operator.wait_last(bridge.topic("siren/state"), lambda m: m.json["state"] == "OFF")
+    assert 4 <= time.monotonic() - begin < 9, "the clip alone takes 10 s"
+
+
+def test_a_siren_with_a_duration_ends_without_the_bridge(bridge, operator, sandbox):
+    """A bridge that is stopped cannot stop the siren."""
+    operator.wait_last(bridge.topic("clips"),
+                       lambda m: all(clip["durationMs"] for clip in m.json["clips"]))
+    operator.publish(bridge.topic("siren/set"),
+                     {"state": "ON", "tone": "Front door", "duration": 2})
+    assert bridge.wait_result()["status"] == "playing"
+    bridge.stop()
+    sandbox.daemon.wait_log("info", "sonobrik_play_clip_asynchronous with options: "
+                            "location=/etc/audioclips/door.wav&repeat=40")
 
 
 def test_home_assistant_is_off_by_one_line(sandbox, broker, operator, bridge):

@@ -115,6 +115,21 @@ TEST(MqttCommand, AStopNeedsNoPayload)
     EXPECT_EQ(read("{}", MQTT_TOPIC_PING).id, "");
 }
 
+TEST(MqttCommand, TakesWholeNumbersInEachNotation)
+{
+    const MqttCommand command = read(R"({"clip":3.0,"id":7e0})");
+    EXPECT_EQ(command.clip, "3");
+    EXPECT_EQ(command.id, "7");
+    EXPECT_TRUE(command.id_is_number);
+}
+
+TEST(MqttCommand, TellsJsonOfAnotherKindFromNonsense)
+{
+    for (const char *payload : {"[]", "17", "\"text\"", "null"}) {
+        EXPECT_EQ(fail(payload), "The payload is not a JSON object.");
+    }
+}
+
 TEST(MqttCommandSiren, ReadsOnlyWhatIsGiven)
 {
     const MqttCommand on = read_siren(R"({"state":"ON"})");
@@ -132,7 +147,6 @@ TEST(MqttCommandSiren, TurnsItsUnitsIntoTheDaemons)
     EXPECT_EQ(on.tone, "Fire");
     EXPECT_EQ(on.volume, 55);
     EXPECT_EQ(on.duration, 10);
-    EXPECT_EQ(on.repeat, -1);
     EXPECT_EQ(read_siren(R"({"state":"ON","volume_level":1})").volume, 100);
 }
 

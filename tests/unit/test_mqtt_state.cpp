@@ -88,6 +88,18 @@ TEST(MqttState, FollowsTheEvents)
     EXPECT_EQ(mqtt_json_get_text(idle, "text"), "idle");
 }
 
+TEST(MqttState, CountsTheRepeatsThatADurationNeeds)
+{
+    MqttState state = make_state();
+    const std::string file = state.clips.at(0).location;
+    state.clips.at(0).duration_ms = 3000;
+    EXPECT_EQ(mqtt_state_count_repeats(state, file, 2999), 0);
+    EXPECT_EQ(mqtt_state_count_repeats(state, file, 10'000), 3);
+    state.clips.at(0).duration_ms = -1;
+    EXPECT_EQ(mqtt_state_count_repeats(state, file, 10'000), -1);
+    EXPECT_EQ(mqtt_state_count_repeats(state, "/etc/audioclips/other.wav", 10'000), -1);
+}
+
 TEST(MqttState, IsNotIdleIfAnUnknownFileIsPlaying)
 {
     MqttState state = make_state();

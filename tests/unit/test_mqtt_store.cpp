@@ -24,6 +24,7 @@ MqttStore make_store()
     store.jobs.push_back(job);
     mqtt_memory_add(&store.memory, "a", 1'795'000'000'000);
     store.announced = true;
+    store.siren_end = 1'795'000'030'000;
     store.saves = 7;
     return store;
 }
@@ -43,6 +44,7 @@ void expect_same(const MqttStore &store)
     EXPECT_EQ(job.called_at, 1'795'000'000'500);
     EXPECT_TRUE(mqtt_memory_has(store.memory, "a", 1'795'000'000'000));
     EXPECT_TRUE(store.announced);
+    EXPECT_EQ(store.siren_end, 1'795'000'030'000);
     EXPECT_EQ(store.saves, 7);
 }
 

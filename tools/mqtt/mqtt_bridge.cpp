@@ -222,6 +222,7 @@ void list_outputs(MqttBridge *bridge)
         if (outputs) {
             note_reply(bridge);
             mqtt_state_set_outputs(&bridge->state, outputs, mqtt_clock_now());
+            mqtt_jobs_resume_siren(bridge);
             publish_info(bridge);
         }
         publish_all(bridge);
@@ -237,6 +238,7 @@ void on_owner(MqttBridge *bridge, bool is_running)
         list_clips_soon(bridge);
         return;
     }
+    mqtt_jobs_end_siren(bridge);
     for (MqttOutput &output : bridge->state.outputs) {
         output.since = output.playing ? mqtt_clock_now() : output.since;
         output.playing = false;
@@ -248,7 +250,7 @@ void on_event(MqttBridge *bridge, const ClientEvent &event)
 {
     mqtt_state_apply(&bridge->state, event, mqtt_clock_now());
     if (event.is_state && !event.playing) {
-        bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+        mqtt_jobs_end_siren(bridge);
     }
     if (!bridge->is_settling) {
         bridge->is_settling = true;

@@ -12,7 +12,6 @@ namespace
 /* The daemon's limit, and the largest repeat that it can read. */
 constexpr size_t MAX_LOCATION = 4095;
 constexpr size_t MAX_NAME = 255;
-constexpr gint64 MAX_DURATION = 86'400; /* seconds */
 constexpr gint64 MAX_REPEAT = G_MAXINT32;
 
 /* The largest `at`: the end of the year 9999. */
@@ -51,8 +50,9 @@ bool fail(std::string *why, const std::string &text)
 
 bool read_id(MqttCommand *command, const json_t *value, std::string *why)
 {
-    if (json_is_integer(value)) {
-        command->id = std::to_string(json_integer_value(value));
+    gint64 number = 0;
+    if (mqtt_json_read_integer(value, &number)) {
+        command->id = std::to_string(number);
         command->id_is_number = true;
         return true;
     }
@@ -67,8 +67,9 @@ bool read_id(MqttCommand *command, const json_t *value, std::string *why)
 
 bool read_clip(MqttCommand *command, const json_t *value, std::string *why)
 {
-    if (json_is_integer(value)) {
-        command->clip = std::to_string(json_integer_value(value));
+    gint64 number = 0;
+    if (mqtt_json_read_integer(value, &number)) {
+        command->clip = std::to_string(number);
         return true;
     }
     const char *text = json_string_value(value);
@@ -150,8 +151,8 @@ bool mqtt_command_read(MqttCommand *command, std::string_view payload, std::stri
         return true;
     }
     json_error_t error = {};
-    g_autoptr(json_t) object =
-        json_loadb(payload.data(), payload.size(), JSON_REJECT_DUPLICATES, &error);
+    g_autoptr(json_t) object = json_loadb(payload.data(), payload.size(),
+                                          JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &error);
     if (!json_is_object(object)) {
         return fail(why, object ? "The payload is not a JSON object."
                                 : std::string("The payload is not JSON: ") + error.text + ".");
@@ -203,12 +204,12 @@ bool mqtt_command_read_siren(MqttCommand *command, std::string_view payload, std
     const json_t *duration = json_object_get(object, "duration");
     if (duration) {
         gint64 seconds = 0;
-        if (!mqtt_json_read_integer(duration, &seconds) || seconds < 1 || seconds > MAX_DURATION) {
+        if (!mqtt_json_read_integer(duration, &seconds) || seconds < 1 ||
+            seconds > MQTT_MAX_DURATION) {
             return fail(why, "'duration' is not an integer from 1 to " +
-                                 std::to_string(MAX_DURATION) + ".");
+                                 std::to_string(MQTT_MAX_DURATION) + ".");
         }
         command->duration = seconds;
-        command->repeat = -1;
     }
     return true;
 }

@@ -12,6 +12,9 @@
 /* The longest identifier, in bytes. */
 constexpr size_t MQTT_MAX_ID = 128;
 
+/* The longest duration of a siren, in seconds. */
+constexpr gint64 MQTT_MAX_DURATION = 86'400;
+
 struct MqttCommand {
     MqttTopicKind kind = MQTT_TOPIC_OTHER; /* MQTT_TOPIC_PLAY, _STOP or _PING */
     std::string group;                     /* the group that was addressed, or empty */
@@ -31,7 +34,7 @@ struct MqttCommand {
     gint64 repeat = CLIENT_NOT_GIVEN;
     gint64 output = CLIENT_NOT_GIVEN;
     gint64 at = CLIENT_NOT_GIVEN;       /* when the first sample plays; Unix time in milliseconds */
-    gint64 duration = CLIENT_NOT_GIVEN; /* of a siren, in seconds; then `repeat` is -1 */
+    gint64 duration = CLIENT_NOT_GIVEN; /* of a siren, in seconds */
 };
 
 /*

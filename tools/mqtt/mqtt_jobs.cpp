@@ -24,6 +24,9 @@ constexpr size_t MAX_STOPS = 16;
 constexpr size_t MAX_KEPT = 256;
 constexpr unsigned MAX_UNCONFIRMED = 1000;
 
+/* The longest siren, in milliseconds; also if the clock was set back. */
+constexpr gint64 MAX_SIREN = MQTT_MAX_DURATION * 1000;
+
 /* After this time without a command, in milliseconds, the broker has sent all messages that it kept
  * for the node. It counts if the node's own "online" does not arrive: the broker may not let the
  * node read it, or its queue for the node may have been full. */
@@ -158,13 +161,21 @@ int on_siren_end(sd_event_source *, guint64, void *data)
     return 0;
 }
 
+void stop_siren_after(MqttBridge *bridge, gint64 milliseconds)
+{
+    sd_event_source_disable_unref(bridge->siren_end);
+    bridge->siren_end = nullptr;
+    sd_event_add_time_relative(bridge->event, &bridge->siren_end, CLOCK_MONOTONIC,
+                               static_cast<guint64>(milliseconds) * 1000, 0, on_siren_end, bridge);
+}
+
 void set_siren_end(MqttBridge *bridge, const MqttCommand &command)
 {
-    bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+    mqtt_jobs_end_siren(bridge);
     if (command.duration != CLIENT_NOT_GIVEN) {
-        sd_event_add_time_relative(bridge->event, &bridge->siren_end, CLOCK_MONOTONIC,
-                                   static_cast<guint64>(command.duration) * G_USEC_PER_SEC, 0,
-                                   on_siren_end, bridge);
+        bridge->store.siren_end = mqtt_clock_now() + command.duration * 1000;
+        bridge->must_save = true;
+        stop_siren_after(bridge, command.duration * 1000);
     }
 }
 
@@ -292,6 +303,10 @@ void on_clips_for_job(MqttBridge *bridge, MqttJob *job, GPtrArray *clips, const 
     }
     job->clip = clip->number;
     job->location = clip->location;
+    if (job->command.duration != CLIENT_NOT_GIVEN) {
+        job->command.repeat =
+            mqtt_state_count_repeats(bridge->state, clip->location, job->command.duration * 1000);
+    }
     if (job->location.empty()) {
         finish(bridge, job, MQTT_FAILED, "the clip has no file");
         return;
@@ -342,7 +357,7 @@ void cancel_plays(MqttBridge *bridge)
 void start_stop(MqttBridge *bridge, MqttJob *job)
 {
     cancel_plays(bridge);
-    bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+    mqtt_jobs_end_siren(bridge);
     job->state = MQTT_JOB_STOPPING;
     mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StopPlayingClip", "",
                      [bridge, number = job->number](sd_bus_message *, const GError *error) {
@@ -548,6 +563,26 @@ void mqtt_jobs_resume(MqttBridge *bridge)
         }
     }
     bridge->must_save = true;
+}
+
+void mqtt_jobs_resume_siren(MqttBridge *bridge)
+{
+    const gint64 end = bridge->store.siren_end;
+    if (end == 0 || bridge->siren_end) {
+        return;
+    }
+    if (mqtt_state_is_playing(bridge->state)) {
+        stop_siren_after(bridge, std::clamp<gint64>(end - mqtt_clock_now(), 0, MAX_SIREN));
+    } else {
+        mqtt_jobs_end_siren(bridge);
+    }
+}
+
+void mqtt_jobs_end_siren(MqttBridge *bridge)
+{
+    bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
+    bridge->must_save = bridge->must_save || bridge->store.siren_end != 0;
+    bridge->store.siren_end = 0;
 }
 
 int mqtt_jobs_on_alarm(sd_event_source *, guint64, void *data)

@@ -18,6 +18,12 @@ void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message);
 /* Continues with the commands that the previous process had accepted. */
 void mqtt_jobs_resume(MqttBridge *bridge);
 
+/* Lets the siren of the previous process stop at its time. The state must be known. */
+void mqtt_jobs_resume_siren(MqttBridge *bridge);
+
+/* Forgets when the siren has to stop, because it does not play any more. */
+void mqtt_jobs_end_siren(MqttBridge *bridge);
+
 /* Plays the jobs that are due. Called by the alarm, whose data is the bridge. The alarm follows the
  * clock if that is set. */
 int mqtt_jobs_on_alarm(sd_event_source *source, guint64 time, void *data);

@@ -187,6 +187,13 @@ const MqttClip *mqtt_state_find_tone(const MqttState &state, const std::string &
     return found == state.clips.end() ? nullptr : &*found;
 }
 
+gint64 mqtt_state_count_repeats(const MqttState &state, const std::string &location,
+                                gint64 duration)
+{
+    const MqttClip *clip = find_location(state, location);
+    return clip && clip->duration_ms > 0 ? duration / clip->duration_ms : -1;
+}
+
 std::string mqtt_state_write(const MqttState &state)
 {
     json_t *outputs = json_array();

@@ -53,6 +53,14 @@ bool mqtt_state_is_playing(const MqttState &state);
 /* Returns the clip of this tone, or the first one if `tone` is empty, or null. */
 const MqttClip *mqtt_state_find_tone(const MqttState &state, const std::string &tone);
 
+/*
+ * Returns how often the file at `location` must repeat to play for `duration` milliseconds: often
+ * enough, and not forever, so that a siren ends even if nothing stops it. Returns -1, which repeats
+ * until a stop, if the length of the file is not known.
+ */
+gint64 mqtt_state_count_repeats(const MqttState &state, const std::string &location,
+                                gint64 duration);
+
 /* Return the JSON of the retained messages "state", "clips" and "info". */
 std::string mqtt_state_write(const MqttState &state);
 std::string mqtt_state_write_clips(const MqttState &state);

@@ -101,6 +101,7 @@ std::string mqtt_store_write(const MqttStore &store)
     json_object_set_new(object, "commands", jobs);
     json_object_set_new(object, "ids", ids);
     json_object_set_new(object, "announced", json_boolean(store.announced));
+    json_object_set_new(object, "sirenEnd", json_integer(store.siren_end));
     json_object_set_new(object, "saves", json_integer(store.saves));
     return mqtt_json_write(object);
 }
@@ -125,6 +126,7 @@ bool mqtt_store_read(MqttStore *store, std::string_view text)
         }
     }
     store->announced = json_is_true(json_object_get(object, "announced"));
+    store->siren_end = mqtt_json_get_integer(object, "sirenEnd", 0);
     store->saves = mqtt_json_get_integer(object, "saves", 0);
     return true;
 }
