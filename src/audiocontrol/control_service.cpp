@@ -3,16 +3,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <glib.h>
 #include <libudev.h>
 #include <optional>
+#include <set>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 #include "alsa_files.h"
 #include "alsa_overrides.h"
@@ -52,6 +56,7 @@ struct Service {
     sd_bus *bus;
     CardScan *scan;
     sd_event_source *quiet_timer;
+    std::vector<sd_event_source *> watches; /* of the folders that an administrator may change */
     ControlPicture picture; /* on the bus; before it is published, that of the last run */
     bool is_published;
     int udev_waits;
@@ -359,9 +364,59 @@ int handle_udev(sd_event_source *, int, uint32_t, void *data)
     return 0;
 }
 
+void free_watches(std::vector<sd_event_source *> *watches)
+{
+    for (sd_event_source *watch : *watches) {
+        sd_event_source_unref(watch);
+    }
+    watches->clear();
+}
+
+/* Returns the folder of the file that `path` leads to, or an empty text if there is none. */
+std::string find_real_folder(const std::string &path)
+{
+    g_autofree char *file = realpath(path.c_str(), nullptr);
+    g_autofree char *folder = file ? g_path_get_dirname(file) : nullptr;
+    return folder ? folder : "";
+}
+
+int handle_folder(sd_event_source *, const struct inotify_event *, void *data);
+
+/*
+ * Watches the folders of the files that an administrator may edit. To watch those that appeared
+ * since the last call, call it again. If a folder cannot be watched, an edit takes effect with the
+ * next event of a card.
+ */
+void watch_folders(Service *service)
+{
+    /* IN_ATTRIB: a file that was not readable may have become so. */
+    constexpr uint32_t changes = IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
+                                 IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
+    const std::string &conf = service->files->conf;
+    g_autofree char *conf_folder = g_path_get_dirname(conf.c_str());
+    const std::set<std::string> folders = {
+        conf_folder,         find_real_folder(conf), /* differs if the file is a link */
+        SONOBRIK_SYSCONFDIR, SONOBRIK_SYSCONFDIR "/alsa", SONOBRIK_SYSCONFDIR "/alsa/conf.d",
+    };
+    std::vector<sd_event_source *> previous = std::exchange(service->watches, {});
+    for (const std::string &folder : folders) {
+        sd_event_source *watch = nullptr;
+        const int r = sd_event_add_inotify(service->event, &watch, folder.c_str(), changes,
+                                           handle_folder, service);
+        if (r >= 0) {
+            service->watches.push_back(watch);
+        } else if (r != -ENOENT && previous.empty()) {
+            g_warning("%sCannot watch %s: %s", "", folder.c_str(), g_strerror(-r));
+        }
+    }
+    free_watches(&previous);
+}
+
 int handle_folder(sd_event_source *, const struct inotify_event *, void *data)
 {
     auto *service = static_cast<Service *>(data);
+    /* The folder of the configuration may be new, or another one. */
+    watch_folders(service);
     if (config_file_stamp(service->files->conf.c_str()) != service->conf_stamp ||
         alsa_files_changed(service->alsa_files)) {
         wait_for_quiet(service);
@@ -372,28 +427,6 @@ int handle_folder(sd_event_source *, const struct inotify_event *, void *data)
 int handle_signal(sd_event_source *, const struct signalfd_siginfo *, void *data)
 {
     return end(static_cast<Service *>(data), EXIT_SUCCESS);
-}
-
-/* Watches the folder of a file that an administrator may edit. If it cannot be watched, an edit
- * takes effect with the next event of a card. */
-void watch_folder(Service *service, const char *path)
-{
-    /* IN_ATTRIB: a file that was not readable may have become so. */
-    constexpr uint32_t changes = IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
-                                 IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
-    const int r =
-        sd_event_add_inotify(service->event, nullptr, path, changes, handle_folder, service);
-    if (r < 0 && r != -ENOENT) {
-        g_warning("%sCannot watch %s: %s", "", path, g_strerror(-r));
-    }
-}
-
-void watch_folders(Service *service)
-{
-    g_autofree char *conf_folder = g_path_get_dirname(service->files->conf.c_str());
-    watch_folder(service, conf_folder);
-    watch_folder(service, SONOBRIK_SYSCONFDIR);
-    watch_folder(service, SONOBRIK_SYSCONFDIR "/alsa/conf.d");
 }
 
 int add_sources(Service *service)
@@ -476,6 +509,7 @@ bool start(Service *service)
 
 void stop(Service *service)
 {
+    free_watches(&service->watches);
     sd_event_source_unref(service->quiet_timer);
     sd_bus_flush_close_unref(service->bus);
     card_scan_free(service->scan);

@@ -292,6 +292,31 @@ def test_an_edit_of_the_configuration_counts_at_once(cards, seen):
     assert cards.read_devices() == {0: "Mocked card", 3: "Mocked card"}
 
 
+def test_a_configuration_in_a_new_folder_counts_at_once(cards, seen):
+    folder = cards.sandbox.etc / "vesk"
+    folder.rename(folder.with_name("away"))
+    cards.add(0)
+    cards.start()
+    folder.mkdir()
+    cards.configure("[path=path-0]\nnumber=3\n")
+    wait_seen(seen, ("InterfacesRemoved", 0), ("InterfacesAdded", 3))
+    # Only the watch of the new folder shows this edit.
+    cards.configure("[path=path-0]\nnumber=4\n")
+    wait_until(lambda: ("InterfacesAdded", 4) in seen.seen, 10, "the edit is seen")
+
+
+def test_an_edit_behind_a_link_counts_at_once(cards, seen):
+    target = cards.sandbox.etc / "elsewhere/audio-control.conf"
+    target.parent.mkdir()
+    target.write_text("[path=path-0]\nnumber=3\n")
+    (cards.sandbox.etc / "vesk/audio-control.conf").symlink_to("../elsewhere/audio-control.conf")
+    cards.add(0)
+    cards.start()
+    assert cards.read_devices() == {3: "Mocked card"}
+    target.write_text("[path=path-0]\nnumber=4\n")
+    wait_seen(seen, ("InterfacesRemoved", 3), ("InterfacesAdded", 4))
+
+
 def test_numbers_that_two_devices_exchange_are_logged(cards):
     cards.add(0, name="First")
     cards.add(1, name="Second")
