@@ -41,6 +41,16 @@ def await_text(driver, name, text):
     wait_until(lambda: read() == text, 30, f"the page shows {text!r}")
 
 
+def test_an_output_that_the_administrator_replaces_has_no_name(sandbox, cards, web):
+    cards.add(0, name="Hall")
+    cards.add(1, name="Garden")
+    cards.define('pcm.audiosink0 "null"\n')
+    cards.start()
+    sandbox.start_daemon()
+    outputs = json.loads(web.get("action=status").text)["outputs"]
+    assert [output.get("name") for output in outputs] == [None, "Garden"]
+
+
 def test_outputs_are_chosen_by_name(sandbox, cards, web, long, tmp_path):
     cards.add(0, name="Hall")
     cards.add(1, name="Küche <b>\x1b")

@@ -33,6 +33,19 @@ def test_without_a_card_it_says_what_to_do(sandbox, cards, shell):
     assert result.stderr == "sonobrikctl: no outputs; plug in a sound card\n"
 
 
+def test_an_output_that_the_administrator_replaces_has_its_own_name(sandbox, cards, shell):
+    for index, name in enumerate(("Hall", "Garden", "Attic")):
+        cards.add(index, name=name)
+    cards.define('pcm.audiosink0 { type null hint.description "Mine" }\npcm.audiosink2 "null"\n')
+    cards.start()
+    seen = cards.listen()
+    cards.remove(2)
+    wait_until(lambda: seen.seen, what="the card is gone")
+    sandbox.start_daemon()
+    assert [line.split()[:4:3] for line in shell.ok("outputs").splitlines()[1:]] == [
+        ["0", "Mine"], ["1", "Garden"], ["2", "-"]]
+
+
 def test_an_output_of_the_administrator_has_no_name(sandbox, cards, shell):
     cards.add(0, name="Hall")
     cards.define('pcm.audiosink4 "null"\n')

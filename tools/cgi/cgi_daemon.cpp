@@ -116,8 +116,8 @@ std::string read_revision()
 void add_devices(const GPtrArray *devices, std::vector<CgiOutput> *outputs)
 {
     for (CgiOutput &output : *outputs) {
-        const ClientDevice *device = client_devices_get(devices, output.number);
-        output.name = device ? client_text_escape(device->name) : "";
+        const char *name = client_devices_get_name(devices, output.number);
+        output.name = name ? client_text_escape(name) : "";
     }
     for (guint i = 0; devices && i < devices->len; i++) {
         const auto *device = static_cast<const ClientDevice *>(g_ptr_array_index(devices, i));

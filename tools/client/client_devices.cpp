@@ -15,6 +15,7 @@ constexpr ClientInterface DEVICES = {
 };
 
 constexpr const char *DEVICE_INTERFACE = "com.vesk.AudioControl.Device";
+constexpr const char *OUTPUTS_INTERFACE = "com.vesk.AudioControl.Outputs";
 
 /* Reads the a{sv} of a device's properties. */
 int read_device(sd_bus_message *m, ClientDevice *device)
@@ -39,27 +40,56 @@ int read_device(sd_bus_message *m, ClientDevice *device)
     });
 }
 
+/* Reads the variant "Outputs", an a(usb): number and name of each output, and whether the
+ * administrator defines it. */
+int read_outputs(sd_bus_message *m, ClientDevice *device)
+{
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "a(usb)");
+    if (r >= 0) {
+        r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "(usb)");
+    }
+    guint32 number = 0;
+    const char *name = nullptr;
+    int is_override = 0;
+    while (r >= 0 && (r = sd_bus_message_read(m, "(usb)", &number, &name, &is_override)) > 0) {
+        device->is_override = device->is_override || (number == 0 && is_override != 0);
+    }
+    if (r >= 0) {
+        r = sd_bus_message_exit_container(m);
+    }
+    return r < 0 ? r : sd_bus_message_exit_container(m);
+}
+
+/* Reads the a{sv} of one of an object's interfaces. */
+int read_interface(sd_bus_message *m, const char *interface, ClientDevice *device)
+{
+    if (g_str_equal(interface, DEVICE_INTERFACE)) {
+        return read_device(m, device);
+    }
+    if (!g_str_equal(interface, OUTPUTS_INTERFACE)) {
+        return sd_bus_message_skip(m, "a{sv}");
+    }
+    return client_bus_read_properties(m, [m, device](const char *name, const char *type) {
+        const bool is_known = g_str_equal(name, "Outputs") && g_str_equal(type, "a(usb)");
+        return is_known ? read_outputs(m, device) : 0;
+    });
+}
+
 /* Reads the a{sa{sv}} of an object's interfaces. */
 int read_interfaces(sd_bus_message *m, GPtrArray *devices)
 {
-    return client_bus_read_dict(m, "sa{sv}", [m, devices] {
+    g_autoptr(ClientDevice) device = g_new0(ClientDevice, 1);
+    device->number = -1;
+    const int r = client_bus_read_dict(m, "sa{sv}", [m, &device] {
         const char *name = nullptr;
-        int r = sd_bus_message_read(m, "s", &name);
-        if (r < 0) {
-            return r;
-        }
-        if (!g_str_equal(name, DEVICE_INTERFACE)) {
-            return sd_bus_message_skip(m, "a{sv}");
-        }
-        g_autoptr(ClientDevice) device = g_new0(ClientDevice, 1);
-        device->number = -1;
-        r = read_device(m, device);
-        /* Without a number and a name, a device cannot be chosen. */
-        if (r >= 0 && device->number >= 0 && device->name && *device->name != '\0') {
-            g_ptr_array_add(devices, g_steal_pointer(&device));
-        }
-        return r;
+        const int status = sd_bus_message_read(m, "s", &name);
+        return status < 0 ? status : read_interface(m, name, device);
     });
+    /* Without a number and a name, a device cannot be chosen. */
+    if (r >= 0 && device->number >= 0 && device->name && *device->name != '\0') {
+        g_ptr_array_add(devices, g_steal_pointer(&device));
+    }
+    return r;
 }
 
 /* Reads the a{oa{sa{sv}}} of all objects. */
@@ -120,4 +150,12 @@ const ClientDevice *client_devices_get(const GPtrArray *devices, gint32 number)
         }
     }
     return nullptr;
+}
+
+const char *client_devices_get_name(const GPtrArray *devices, gint32 output)
+{
+    const ClientDevice *device = client_devices_get(devices, output);
+    /* The daemon has no output for a device that is not plugged in, unless somebody else defines
+     * it. */
+    return device && device->plugged_in && !device->is_override ? device->name : nullptr;
 }

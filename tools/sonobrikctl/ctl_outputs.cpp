@@ -60,6 +60,13 @@ bool is_unplugged(const ClientOutput &output)
     return output.device_output == NO_OUTPUT || find_card(output.output).is_missing;
 }
 
+/* Returns the name of an output, or that of a device that is not plugged in. */
+std::string find_name(const ClientOutput &output, const GPtrArray *devices)
+{
+    return output.device_output == NO_OUTPUT ? client_devices_get(devices, output.device)->name
+                                             : ctl_outputs_name(devices, output.output);
+}
+
 const char *describe_state(const ClientOutput &output)
 {
     if (output.playing) {
@@ -77,7 +84,7 @@ void print_table(const GPtrArray *outputs, const GPtrArray *devices)
     };
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        const std::string name = ctl_outputs_name(devices, output->output);
+        const std::string name = find_name(*output, devices);
         table.rows.push_back({
             std::to_string(output->output),
             std::to_string(output->device),
@@ -102,7 +109,7 @@ void print_json(const GPtrArray *outputs, const GPtrArray *devices)
     g_autoptr(json_t) array = json_array();
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        const std::string name = ctl_outputs_name(devices, output->output);
+        const std::string name = find_name(*output, devices);
         json_t *object = json_object();
         json_object_set_new(object, "output", json_integer(output->output));
         json_object_set_new(object, "device", json_integer(output->device));
@@ -157,8 +164,8 @@ int ctl_outputs_list(sd_bus *bus, GPtrArray **outputs)
 
 std::string ctl_outputs_name(const GPtrArray *devices, gint32 output)
 {
-    const ClientDevice *device = client_devices_get(devices, output);
-    return device ? device->name : find_card(output).name;
+    const char *name = client_devices_get_name(devices, output);
+    return name ? name : find_card(output).name;
 }
 
 int ctl_outputs(const CtlCommand *command, char **words)

@@ -28,7 +28,7 @@ struct CtlCard {
 CtlCard ctl_outputs_card(gint32 output);
 
 /*
- * Returns the name of an output: that of its device in `devices`, otherwise that of its card;
- * empty if neither is known. `devices` is client_devices_list(), or null.
+ * Returns the name of an output of the daemon: that of its device in `devices`, otherwise that of
+ * its card; empty if neither is known. `devices` is client_devices_list(), or null.
  */
 std::string ctl_outputs_name(const GPtrArray *devices, gint32 output);
