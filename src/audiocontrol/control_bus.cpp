@@ -215,6 +215,19 @@ std::vector<const char *> list_properties(const Device &before, const Device &af
     return names;
 }
 
+/* Returns true if the administrator defines other outputs of the device than before. */
+bool has_other_overrides(const ControlPicture &before, const ControlPicture &after,
+                         const Device &device)
+{
+    for (size_t i = 0; i < device.outputs.size(); i++) {
+        if (control_picture_is_override(before, device.number, i) !=
+            control_picture_is_override(after, device.number, i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void send_changes(sd_bus *bus, const ControlPicture &before, const ControlPicture &after)
 {
     for (const Device &device : after.devices) {
@@ -224,7 +237,7 @@ void send_changes(sd_bus *bus, const ControlPicture &before, const ControlPictur
         }
         send_properties(bus, device.number, DEVICE_INTERFACE, list_properties(*previous, device));
         if (device.plugged_in && !has_other_outputs(*previous, device) &&
-            (device.outputs != previous->outputs || before.overrides != after.overrides)) {
+            (device.outputs != previous->outputs || has_other_overrides(before, after, device))) {
             send_properties(bus, device.number, OUTPUTS_INTERFACE, {"Outputs"});
         }
     }

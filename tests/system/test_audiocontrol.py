@@ -364,7 +364,35 @@ def test_what_the_administrator_defines_is_shown(cards):
                10, "the edit is seen")
 
 
+def test_only_an_output_whose_definition_changes_is_told(cards, sandbox):
+    cards.add(0)
+    cards.add(1)
+    cards.start()
+    changes = sandbox.bus.subscribe(SERVICE, None, "org.freedesktop.DBus.Properties")
+    cards.define('pcm.audiosink1 "null"\n')
+    wait_until(lambda: cards.read_objects()[1][OUTPUTS]["Outputs"] == [(0, "Output 0", True)],
+               10, "the edit is seen")
+    # The signals arrive in the order in which they are sent.
+    cards.configure("[path=path-1]\nname=Last\n")
+    wait_until(lambda: any("Name" in signal.args[1] for signal in changes), 10, "the name is told")
+    assert [(signal.path, *signal.args[1]) for signal in changes] == [
+        (MANAGER[1] + "/1", "Outputs"), (MANAGER[1] + "/1", "Name")]
+
+
 # Hardware
+
+
+def test_a_card_whose_outputs_appear_later(cards, seen):
+    cards.add(0, outputs=())
+    cards.add(1, outputs=(3,))
+    cards.start()
+    assert cards.read_devices() == {0: "Mocked card"}
+    cards.add_output(0, 0)
+    wait_seen(seen, ("InterfacesAdded", 1))
+    cards.add_output(1, 0)
+    wait_seen(seen, ("InterfacesAdded", 1), ("InterfacesRemoved", 0), ("InterfacesAdded", 0))
+    assert cards.read_objects()[0][OUTPUTS]["Outputs"] == [
+        (0, "Output 0", False), (1, "Output 3", False)]
 
 
 HOSTILE = {

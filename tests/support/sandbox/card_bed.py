@@ -37,16 +37,28 @@ class Bed:
         self.names[index] = name
         self.write_names()
         for pcm, info in outputs.items():
-            folder = f"{self.folder}/proc/asound/card{index}/pcm{pcm}p"
-            os.makedirs(folder)
-            with open(f"{folder}/info", "wb") as file:
-                file.write(info.encode(errors="surrogateescape"))
+            self.write_info(index, pcm, info)
         card = self.testbed.add_device(
             "sound", f"card{index}", parent, ["id", card_id, "number", str(index)],
             [word for item in properties.items() for word in item])
-        pcms = [self.testbed.add_device("sound", f"pcmC{index}D{pcm}p", card, [], [])
-                for pcm in outputs]
-        self.devices[index] = [card, *pcms]
+        self.devices[index] = [card]
+        for pcm in outputs:
+            self.add_pcm(index, pcm)
+
+    def write_info(self, index, pcm, info):
+        folder = f"{self.folder}/proc/asound/card{index}/pcm{pcm}p"
+        os.makedirs(folder)
+        with open(f"{folder}/info", "wb") as file:
+            file.write(info.encode(errors="surrogateescape"))
+
+    def add_pcm(self, index, pcm):
+        card = self.devices[index][0]
+        self.devices[index].append(
+            self.testbed.add_device("sound", f"pcmC{index}D{pcm}p", card, [], []))
+
+    def add_output(self, index, pcm, info):
+        self.write_info(index, pcm, info)
+        self.add_pcm(index, pcm)
 
     def remove(self, index):
         self.names.pop(index)

@@ -102,6 +102,10 @@ class Cards:
         properties.setdefault("ID_PATH", f"path-{index}")
         self._tell("add", index, card_id, bus, properties, outputs, name)
 
+    def add_output(self, index, pcm):
+        """Adds a playback PCM to a card, like a driver that is slow."""
+        self._tell("add_output", index, pcm, f"id: id {pcm}\nname: Output {pcm}\n")
+
     def remove(self, index):
         """Unplugs a card. What plays on it fails."""
         self._tell("remove", index)
