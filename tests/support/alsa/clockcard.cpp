@@ -191,8 +191,12 @@ bool is_gone(Card *card)
 int card_start(snd_pcm_ioplug_t *io)
 {
     Card *card = get_card(io);
-    if (is_gone(card))
+    if (is_gone(card)) {
+        /* ALSA drops the error of a start that follows a partial write. */
+        disconnect(card);
+        arm_timer(card);
         return -ENODEV;
+    }
     run_clock(card);
     add_event(card, "start");
     arm_timer(card);
@@ -213,8 +217,9 @@ int card_stop(snd_pcm_ioplug_t *io)
 snd_pcm_sframes_t card_pointer(snd_pcm_ioplug_t *io)
 {
     Card *card = get_card(io);
-    if (card->running && is_gone(card)) {
-        add_event(card, "gone");
+    if (is_gone(card)) {
+        if (card->running)
+            add_event(card, "gone");
         disconnect(card);
     } else if (!play(card) && io->state == SND_PCM_STATE_RUNNING) {
         card->running = false;
