@@ -17,7 +17,7 @@ inline constexpr size_t BUS_BUDGET = size_t{16} * 1024 * 1024;
  */
 bool bus_budget_take(size_t *left, size_t size);
 
-/* What the JSON array of a message may still hold. */
+/* How many more bytes the JSON array of a message may take. */
 struct BusBudgetArray {
     size_t left = BUS_BUDGET;
     bool is_exact = false; /* `left` counts exact sizes; before that, upper bounds of them */

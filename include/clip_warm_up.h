@@ -1,8 +1,8 @@
 #pragma once
 
 /*
- * Does what the first clip needs before it is asked for: loads GStreamer's plugins and classes for
- * the supported formats, and rehearses a clip. Main thread only.
+ * Prepares for the first clip before anybody asks for one: loads GStreamer's plugins and classes
+ * for the supported formats, and rehearses a clip. Main thread only.
  */
 
 /*
@@ -15,7 +15,7 @@
  */
 void clip_warm_up_start();
 
-/* Leaves the rehearsal out, because a clip has been played. It would only take processor time. */
+/* Cancels a rehearsal that has not begun. After a real clip, it would only take processor time. */
 void clip_warm_up_skip_rehearsal();
 
 /* Stops loading and rehearsing. What is loaded stays. Does nothing if nothing is left to do. */

@@ -21,7 +21,7 @@ bool sonobrik_events_setup();
  */
 void sonobrik_events_teardown();
 
-/* Sends the event that tells whether an output plays. Called on the main thread. */
+/* Sends the event that tells whether an output is playing. Called on the main thread. */
 void sonobrik_events_set_file_state(bool playing, gint32 audio_output, gint32 audio_device_id,
                                     gint32 audio_output_id);
 

@@ -1,8 +1,9 @@
 #pragma once
 
 /*
- * The URI that a pipeline sees. A source may read a file through a descriptor, whose path has no
- * suffix. GStreamer then tries the type finders of all formats, instead of the suffix's ones first.
+ * The URI that a pipeline sees. GStreamer first tries the type finders that belong to the suffix of
+ * the file. A source that reads through a descriptor has a path without a suffix, so GStreamer
+ * would try those of all formats.
  */
 
 #include <gst/gst.h>

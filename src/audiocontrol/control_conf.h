@@ -9,7 +9,7 @@
 
 #include "sound_card.h"
 
-/* Numbers of devices are 0 to this. */
+/* The largest number of a device. */
 inline constexpr int CONTROL_CONF_MAX_NUMBER = 999;
 
 /* The identifiers that recognise a card, the most reliable first. */

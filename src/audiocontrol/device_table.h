@@ -22,7 +22,7 @@ struct Device {
     std::string card_id;
     std::string card_name;
     /* Not remembered. */
-    std::string name;                 /* for users: that of the configuration, else the card's */
+    std::string name;                 /* for users: the configured one, else the card's own */
     bool plugged_in;                  /* the rest is valid only while it is plugged in */
     int card_index;                   /* the kernel's number of the card */
     std::vector<SoundOutput> outputs; /* output N is element N */

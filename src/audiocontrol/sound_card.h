@@ -1,6 +1,6 @@
 #pragma once
 
-/* A sound card that is plugged in, with what an audio device needs to know of it. */
+/* A sound card that is plugged in, and what an audio device needs to know about it. */
 
 #include <map>
 #include <string>

@@ -8,8 +8,8 @@
 G_DEFINE_AUTOPTR_CLEANUP_FUNC(EventTemplate, event_template_free)
 
 /*
- * Returns a new template of "Playing", the stateful event that tells whether the output plays; free
- * it with event_template_free(). Returns null with a warning on failure.
+ * Returns a new template of "Playing", the stateful event that tells whether the output is playing;
+ * free it with event_template_free(). Returns null with a warning on failure.
  */
 EventTemplate *event_templates_new_playing(const AudioOutputIds &output);
 

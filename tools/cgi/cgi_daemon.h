@@ -9,8 +9,8 @@
 #include "cgi_request.h"
 #include "cgi_result.h"
 
-/* Starts the clip with the requested number, and stops what is playing before if the request says
- * so. Plays that clip's file and no other file. Returns when the clip is playing. */
+/* Starts the clip with the requested number. If the request says so, stops what is playing first.
+ * Plays that clip's file and no other file. Returns when the clip is playing. */
 CgiOutcome cgi_daemon_play(const CgiRequest &request);
 
 /* Stops playback. Succeeds if nothing is playing. */

@@ -23,7 +23,7 @@ bool cgi_origin_is_foreign(const CgiOrigin &origin);
 
 /*
  * Returns true if a browser sent the request, but none of the headers that tell where it comes
- * from. Without TLS, another site can make a browser do that. Programs send no such headers either,
- * and are recognised by the other two.
+ * from. Without TLS, another site can make a browser do that. Other programs send none of these
+ * headers either; User-Agent and Accept-Language tell a browser from them.
  */
 bool cgi_origin_is_hidden(const CgiOrigin &origin);

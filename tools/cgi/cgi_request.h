@@ -12,7 +12,7 @@ enum CgiAction {
     CGI_SHOW_PAGE,
     CGI_SHOW_LIST,
     CGI_SHOW_STATUS,
-    CGI_SHOW_FILE, /* this one and those from CGI_ADD on only where the web server allows changes */
+    CGI_SHOW_FILE, /* needs the web server's permission, as do those from CGI_ADD on */
     CGI_PLAY,
     CGI_STOP,
     CGI_ADD,

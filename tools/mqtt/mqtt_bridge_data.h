@@ -52,7 +52,7 @@ struct MqttBridge {
     gint64 last_number;         /* of a job */
 
     MqttState state;
-    bool knows_owner; /* the bus has told whether the daemon is running, which outranks replies */
+    bool knows_owner; /* the bus has reported the owner: replies no longer set `is_running` */
     MqttLead lead;
     MqttPublished published;
     std::deque<MqttKept> kept;           /* answers for the next connection */

@@ -11,8 +11,8 @@
  * Assistant forget the node. */
 std::string mqtt_discovery_topic(const MqttConf &conf);
 
-/* Returns the discovery message: a siren with the clips as tones, a sensor for what plays, one for
- * whether the node is online, and a button that stops. */
+/* Returns the discovery message: a siren with the clips as tones, a sensor for what is playing, one
+ * for whether the node is online, and a button that stops. */
 std::string mqtt_discovery_write(const MqttConf &conf, const MqttState &state);
 
 /* Returns the state of the siren, a retained message on the node's topic "siren/state". */

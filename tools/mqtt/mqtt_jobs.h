@@ -24,8 +24,8 @@ void mqtt_jobs_resume_siren(MqttBridge *bridge);
 /* Forgets when the siren has to stop, because it does not play any more. */
 void mqtt_jobs_end_siren(MqttBridge *bridge);
 
-/* Plays the jobs that are due. Called by the alarm, whose data is the bridge. The alarm follows the
- * clock if that is set. */
+/* Plays the jobs that are due. Called by the alarm, whose data is the bridge. The alarm is on the
+ * machine's clock, so it also takes effect if the clock is set. */
 int mqtt_jobs_on_alarm(sd_event_source *source, guint64 time, void *data);
 
 /* Sends an answer that the broker refused on its response topic to the node's own topic. */

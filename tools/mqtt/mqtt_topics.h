@@ -16,7 +16,7 @@ enum MqttTopicKind {
     MQTT_TOPIC_PLAY,
     MQTT_TOPIC_STOP,
     MQTT_TOPIC_PING,
-    MQTT_TOPIC_AVAILABILITY,   /* the node's own, which it receives as a mark in the stream */
+    MQTT_TOPIC_AVAILABILITY,   /* the node's own; see MqttBridge for its use as a mark */
     MQTT_TOPIC_SIREN,          /* commands of Home Assistant */
     MQTT_TOPIC_HOME_ASSISTANT, /* Home Assistant starts or ends */
 };
