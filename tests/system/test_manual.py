@@ -3,9 +3,12 @@
 import json
 import pathlib
 import re
+import shutil
 import subprocess
 
 import pytest
+from sandbox import clips
+from sandbox.shell import PROGRAM
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGES = sorted((ROOT / "man").glob("*.[0-9]"))
@@ -109,3 +112,32 @@ def test_the_documented_exit_statuses_are_those_of_the_program():
     statuses = re.findall(r"^\.It (\d+)$", text.partition(".Sh EXIT STATUS")[2], re.MULTILINE)
     changed = re.search(r"EXIT_DEVICES_CHANGED = (\d+);", read_tree("src/dbus")).group(1)
     assert statuses == ["0", "1", changed]
+
+
+def read_examples(page):
+    """Returns the pairs of a command and its output in the examples of a page."""
+    section = (ROOT / "man" / page).read_text().partition(".Sh EXAMPLES\n")[2]
+    text = section.partition("\n.Sh ")[0].replace(r"\(aq", "'").replace(r"\e", "\\")
+    lines = [line for block in re.findall(r"^\.Bd [^\n]*\n(.*?)^\.Ed", text, re.MULTILINE | re.DOTALL)
+             for line in block.splitlines(keepends=True)]
+    examples = []
+    for line in lines:
+        if line.startswith("$ "):
+            examples.append([line[2:].strip(), ""])
+        else:
+            examples[-1][1] += line
+    return examples
+
+
+@pytest.mark.skipif(not shutil.which("jq"), reason="needs jq")
+def test_the_examples_of_the_client_print_what_the_page_shows(sandbox, shell, player):
+    clips.write_wav(sandbox.folder / "run/home/door.wav", clips.tone(440, 1.2))
+    examples = [pair for pair in read_examples("sonobrikctl.1") if "root@" not in pair[0]]
+    assert len(examples) == 9
+    for command, output in examples:
+        result = sandbox.run(["sh", "-c", f"cd /run/home; {command}"], check=False,
+                             env={"PATH": f"{pathlib.Path(PROGRAM).parent}:/usr/bin:/bin"})
+        # The virtual sound card has no name.
+        shown = [line.split() for line in output.replace("USB Audio DAC", "-").splitlines()]
+        assert [line.split() for line in result.stdout.splitlines()] == shown, command
+        assert result.stderr == "", command
