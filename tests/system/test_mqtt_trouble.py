@@ -427,6 +427,11 @@ def test_the_configuration_can_be_checked(sandbox, broker):
                              "'hots' in [broker]\n")
 
 
+def test_the_help_is_printed_in_the_charset_of_the_locale(sandbox, broker):
+    result = sandbox.run([*Bridge(sandbox, broker).command, "--help"], env={"LANG": "C.UTF-8"})
+    assert result.stdout.startswith("Usage:\n  sonobrik-mqtt [OPTION…]\n")
+
+
 def test_a_packet_beyond_the_limit_of_mqtt_does_not_end_it(bridge, operator):
     operator.publish(bridge.topic("play"), b"x" * 300000)
     assert bridge.wait_result()["status"] == "refused"

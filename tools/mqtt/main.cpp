@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -111,6 +112,8 @@ int run(const MqttConf &conf, const std::string &password)
 
 int main(int argc, char **argv)
 {
+    /* GLib writes the "…" of --help in the charset of the locale. */
+    setlocale(LC_CTYPE, "");
     Options options;
     g_autofree char *configuration = nullptr;
     const GOptionEntry entries[] = {
