@@ -3,8 +3,10 @@
 import hashlib
 import pathlib
 import re
+import subprocess
 
 import pytest
+from sandbox import PLAYBACK, clips
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCUMENTS = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")])
@@ -48,3 +50,34 @@ def test_the_cross_file_is_the_one_that_is_used():
 def test_the_recipes_have_the_checksum_of_the_licence():
     checksums = set(re.findall(r"LICENSE;md5=(\w+)", FIRMWARE))
     assert checksums == {hashlib.md5((ROOT / "LICENSE").read_bytes()).hexdigest()}
+
+
+# An ID3 tag with an empty frame "TIT2" before the sound of an MP3 file.
+ID3 = b"ID3\3\0\0\0\0\0\x0b" + b"TIT2" + bytes([0, 0, 0, 1, 0, 0, 0])
+
+
+def test_the_named_plugins_play_every_format(sandbox):
+    text = re.search(r"The daemon uses the plugins (.*?)\. ", FIRMWARE)[1]
+    names = re.findall(r"\w+(?=[,;.]|$)", text)
+    folder = subprocess.run(["pkg-config", "--variable=pluginsdir", "gstreamer-1.0"], check=True,
+                            capture_output=True, text=True).stdout.strip()
+    (sandbox.folder / "tmp/plugins").mkdir()
+    for name in names:
+        file = pathlib.Path(folder) / f"libgst{name}.so"
+        assert file.exists(), name
+        (sandbox.folder / "tmp/plugins" / file.name).symlink_to(file)
+    for kind in clips.KINDS:
+        sandbox.write_clip(kind, clips.tone(440, 0.3), kind=kind)
+    tagged = sandbox.etc / "audioclips/tagged"
+    tagged.write_bytes(ID3 + (sandbox.etc / "audioclips/mp3").read_bytes())
+    sandbox.start_bus()
+    daemon = sandbox.start_daemon(env={"GST_PLUGIN_SYSTEM_PATH_1_0": "/tmp/plugins",
+                                       "GST_REGISTRY_1_0": "/tmp/registry.bin"})
+    for kind in [*clips.KINDS, "tagged"]:
+        if kind != "flac":
+            options = f"location=/etc/audioclips/{kind}"
+            assert sandbox.bus.call(*PLAYBACK, "PlayClip", "(s)", options) == ("OK",), kind
+    assert sandbox.card(0).frames > 0
+    assert not [line for line in daemon.lines if "Error received" in line]
+    maps = pathlib.Path(f"/proc/{daemon.pid}/maps").read_text()
+    assert set(re.findall(r"libgst(\w+)\.so$", maps, re.MULTILINE)) <= set(names)
