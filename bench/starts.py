@@ -1,12 +1,11 @@
 """From process start to the bus names, and the first clip after that.
 
-The floor of the first clip is a clip of a player that has played before. For a call 1 s after the
-start, that player pauses before each clip too: processors that were idle are slow at first.
+The first clip is compared with the floor's second one, which the same caller starts after the same
+pause, and with the floor's first one. The pause matters: processors that were idle are slow at
+first, and a caller that was just started wakes them.
 """
 
-import time
-
-from measuring import CARD, DAEMON, FLOOR, LEGACY, Results, Row, clips, encode, to_ms
+from measuring import CARD, DAEMON, FLOOR, LEGACY, Results, Row, clips, to_ms
 
 # The floor's second name, as the daemon has two.
 SECOND = "bench.Floor.Second"
@@ -14,13 +13,12 @@ SECOND = "bench.Floor.Second"
 IDLE_MS = 1000
 
 
-def play_after_pauses(bench, box, call):
-    """Returns the times of calls that each follow a pause."""
-    times = []
-    for _ in range(bench.pick(20, 5, 1)):
-        time.sleep(bench.pick(IDLE_MS, IDLE_MS, 100) / 1000)
-        times += bench.call(box, "play", 1, CARD, call)[0]
-    return times
+def compare_first(when, ours, floor):
+    """Returns the rows of the first clip, against a later one and the first one of the floor."""
+    what = f"first call after the start, WAV, {when}"
+    first = to_ms(ours["first"])
+    return [Row(what, "ms", first, to_ms(floor["later"])),
+            Row(f"{what}, against the floor's first call", "ms", first, to_ms(floor["first"]))]
 
 
 def run(bench):
@@ -36,18 +34,11 @@ def run(bench):
         start(1, 0)  # makes GStreamer list its plugins
         at_once, floor_at_once = start(bench.pick(20, 5, 1), 0)
         later, floor_later = start(bench.pick(20, 5, 1), bench.pick(IDLE_MS, IDLE_MS, 100))
-        bench.start_floor(box, "player")
-        call = encode(FLOOR, "StartPlayingClip", clip.location)
-        bench.call(box, "play", bench.pick(5, 3, 1), CARD, call)
-        warm, = bench.call(box, "play", bench.pick(30, 10, 1), CARD, call)
-        warm_later = play_after_pauses(bench, box, call)
         results.rows += [
             Row("process start to both names", "ms", to_ms(at_once["names"] + later["names"]),
                 to_ms(floor_at_once["names"] + floor_later["names"])),
-            Row("first call after the start, WAV, at once", "ms", to_ms(at_once["first"]),
-                to_ms(warm)),
-            Row("first call after the start, WAV, 1 s later", "ms", to_ms(later["first"]),
-                to_ms(warm_later)),
+            *compare_first("at once", at_once, floor_at_once),
+            *compare_first("1 s later", later, floor_later),
             Row("resident, idle", "KiB", later["resident"], floor_later["resident"]),
         ]
     return results

@@ -18,8 +18,8 @@ int mode_play(int argc, char **argv);
 /*
  * Starts each program COUNT times, in turn, and ends it. Prints for each the times from process
  * start until it has all NAMEs ("names"), the resident memory in KiB after IDLE-MS more
- * ("resident"), and the times from the first call, which starts a clip with OPTIONS, to the card's
- * first sample ("first").
+ * ("resident"), the times from the first call, which starts a clip with OPTIONS, to the card's
+ * first sample ("first"), and those of a second clip, IDLE-MS after the first one ("later").
  */
 int mode_start(int argc, char **argv);
 

@@ -25,7 +25,8 @@ struct Program {
     std::vector<std::string> names;
     Times start;
     Times resident;
-    Times first;
+    Times first; /* clips */
+    Times later;
 };
 
 /* Programs that own a name at the moment. */
@@ -35,7 +36,7 @@ std::set<std::string> owned;
 Program parse_program(const char *text)
 {
     const BusCall parts = bus_call_parse(text);
-    Program program = {parts.name, {parts.method}, {}, {}, {}};
+    Program program = {parts.name, {parts.method}, {}, {}, {}, {}};
     program.names.insert(program.names.end(), parts.arguments.begin(), parts.arguments.end());
     return program;
 }
@@ -115,6 +116,15 @@ void sleep_ms(long ms)
     nanosleep(&time, nullptr);
 }
 
+/* Plays a clip until its first sample, and returns how long that took. */
+uint64_t play(sd_bus *bus, const std::string &name, Card *card, const char *options)
+{
+    const BusCallResult result = bus_call_make(bus, {name, "StartPlayingClip", {options}});
+    const uint64_t time = card_wait_start(card) - result.sent;
+    bus_call_make(bus, {name, "StopPlayingClip", {""}});
+    return time;
+}
+
 void run(sd_bus *bus, Program *program, long idle_ms, Card *card, const char *options)
 {
     card_forget(card);
@@ -125,9 +135,9 @@ void run(sd_bus *bus, Program *program, long idle_ms, Card *card, const char *op
     sleep_ms(idle_ms);
     program->resident.push_back(read_resident_kib(pid));
     const std::string &name = program->names.front();
-    const BusCallResult result = bus_call_make(bus, {name, "StartPlayingClip", {options}});
-    program->first.push_back(card_wait_start(card) - result.sent);
-    bus_call_make(bus, {name, "StopPlayingClip", {""}});
+    program->first.push_back(play(bus, name, card, options));
+    sleep_ms(idle_ms);
+    program->later.push_back(play(bus, name, card, options));
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
     wait_names(bus, *program, false);
@@ -165,6 +175,8 @@ int mode_start(int argc, char **argv)
         print_list(program.resident);
         printf(", \"first\": ");
         print_list(program.first);
+        printf(", \"later\": ");
+        print_list(program.later);
         printf("}");
         separator = ",\n";
     }
