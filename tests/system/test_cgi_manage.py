@@ -202,8 +202,8 @@ def test_files_of_one_name_at_the_same_time_are_all_kept(web, box, tmp_path):
 
 @pytest.mark.parametrize("content, hint", [
     (b"fLaC\0\0\0\x22" + bytes(64), "It is a FLAC file."),
-    (b"\0\0\0\x20ftypM4A " + bytes(64), "It is a AAC (M4A or MP4) file."),
-    (b"\xff\xf1\x50\x80" + bytes(64), "It is a AAC file."),
+    (b"\0\0\0\x20ftypM4A " + bytes(64), "It is an AAC (M4A or MP4) file."),
+    (b"\xff\xf1\x50\x80" + bytes(64), "It is an AAC file."),
     (b"#!/bin/sh\nexit 1\n", "It is damaged, or of a format that this device does not know."),
     (b"x", "It is damaged, or of a format that this device does not know."),
 ])
@@ -372,6 +372,9 @@ def test_a_clip_that_has_changed_in_the_meantime_is_left_alone(web, box, tone):
         assert web.change(f"{form}&location=").status == 200 if "rename" in form else True
     assert web.upload("action=replace&clip=0&location=/x", tone).status == 409
     assert list_files(box) == ["tone.wav"]
+    for query in ("action=play&clip=0", "action=file&clip=0"):
+        assert web.manage(f"{query}&location=/etc/audioclips/other.wav").status == 409
+        assert web.manage(f"{query}&location=/etc/audioclips/tone.wav").status == 200
 
 
 def test_a_recording_is_replaced(web, box, tone, tmp_path):

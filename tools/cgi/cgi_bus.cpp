@@ -65,6 +65,17 @@ CgiOutcome cgi_bus_explain(const GError *error, const char *method)
     return {CGI_REPLY, ""};
 }
 
+CgiOutcome cgi_bus_find_clip(const GPtrArray *clips, const CgiRequest &request,
+                             const ClientClip **clip)
+{
+    *clip = client_clips_get(clips, request.clip);
+    if (!*clip) {
+        return {CGI_NO_CLIP, ""};
+    }
+    const bool is_changed = !request.location.empty() && request.location != (*clip)->location;
+    return {is_changed ? CGI_CHANGED : CGI_OK, ""};
+}
+
 CgiOutcome cgi_bus_call(sd_bus *bus, const char *method, const char *text, CgiResult success)
 {
     g_autoptr(GError) error = nullptr;

@@ -5,8 +5,10 @@
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
+#include "cgi_request.h"
 #include "cgi_result.h"
 #include "client_bus.h"
+#include "client_clips.h"
 
 /*
  * How long a call may take, in seconds. Adding a clip waits up to 25 s for the on-screen controls.
@@ -29,6 +31,13 @@ sd_bus *cgi_bus_open(GError **error);
 
 /* Returns the outcome for a failed call of `method` of the daemon. */
 CgiOutcome cgi_bus_explain(const GError *error, const char *method);
+
+/*
+ * Finds the requested clip in `clips`. It must be the one that the browser shows: its number may
+ * belong to another clip by now. The result is owned by `clips`.
+ */
+CgiOutcome cgi_bus_find_clip(const GPtrArray *clips, const CgiRequest &request,
+                             const ClientClip **clip);
 
 /* Calls a method of CLIENT_SONOBRIK that takes a text and replies "OK". Returns `success` if it
  * does. */

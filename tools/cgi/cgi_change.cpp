@@ -32,7 +32,7 @@ struct Store {
     }
 };
 
-/* Reads the clips and finds the requested one, which must be the one that the browser shows. */
+/* Reads the clips and finds the requested one. */
 CgiOutcome find_clip(const CgiRequest &request, Store *store, const ClientClip **clip)
 {
     g_autoptr(GError) error = nullptr;
@@ -41,12 +41,7 @@ CgiOutcome find_clip(const CgiRequest &request, Store *store, const ClientClip *
     if (!store->clips) {
         return cgi_bus_explain(error, "AddClip");
     }
-    *clip = client_clips_get(store->clips, request.clip);
-    if (!*clip) {
-        return {CGI_NO_CLIP, ""};
-    }
-    const bool is_changed = !request.location.empty() && request.location != (*clip)->location;
-    return {is_changed ? CGI_CHANGED : CGI_OK, ""};
+    return cgi_bus_find_clip(store->clips, request, clip);
 }
 
 /* Sends a call of the legacy interface. Its errors have no text. */
@@ -105,7 +100,7 @@ CgiOutcome check_format(sd_bus *bus, const CgiUpload &upload)
     const std::string format = upload.get_refused_format();
     const std::string reason = format.empty()
                                    ? "It is damaged, or of a format that this device does not know."
-                                   : "It is a " + format + " file.";
+                                   : "It is " + format + " file.";
     return {CGI_UNSUPPORTED,
             reason +
                 " Convert it to Opus, MP3 or WAV first, for example: ffmpeg -i FILE clip.opus"};

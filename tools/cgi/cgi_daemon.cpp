@@ -195,8 +195,9 @@ CgiOutcome cgi_daemon_play(const CgiRequest &request)
     if (!clips) {
         return cgi_bus_explain(error, "StartPlayingClip");
     }
-    const ClientClip *clip = client_clips_get(clips, request.clip);
-    return clip ? play(bus, request, clip->location) : CgiOutcome{CGI_NO_CLIP, ""};
+    const ClientClip *clip = nullptr;
+    const CgiOutcome outcome = cgi_bus_find_clip(clips, request, &clip);
+    return outcome.result == CGI_OK ? play(bus, request, clip->location) : outcome;
 }
 
 CgiOutcome cgi_daemon_stop()

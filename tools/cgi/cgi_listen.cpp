@@ -93,11 +93,12 @@ CgiOutcome cgi_listen_open(const CgiRequest &request, CgiSound *sound)
     if (!clips) {
         return cgi_bus_explain(error, "StartPlayingClip");
     }
-    const ClientClip *clip = client_clips_get(clips, request.clip);
-    if (!clip) {
-        return {CGI_NO_CLIP, ""};
+    const ClientClip *clip = nullptr;
+    CgiOutcome outcome = cgi_bus_find_clip(clips, request, &clip);
+    if (outcome.result != CGI_OK) {
+        return outcome;
     }
-    CgiOutcome outcome = open_file(clip->location, sound);
+    outcome = open_file(clip->location, sound);
     if (outcome.result != CGI_OK) {
         return outcome;
     }

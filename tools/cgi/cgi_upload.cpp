@@ -32,21 +32,21 @@ constexpr time_t STALE_SECONDS = 3600;
 constexpr int NUMBER_MAX = 999;
 
 struct Format {
-    const char *name;
+    const char *name; /* with its article */
     size_t offset;
     std::string_view mark;
 };
 
 /* Common formats that the daemon never plays. */
 constexpr std::array<Format, 8> REFUSED = {{
-    {.name = "FLAC", .offset = 0, .mark = "fLaC"},
-    {.name = "AAC (M4A or MP4)", .offset = 4, .mark = "ftyp"},
-    {.name = "AAC", .offset = 0, .mark = "\xff\xf1"},
-    {.name = "AAC", .offset = 0, .mark = "\xff\xf9"},
-    {.name = "WMA", .offset = 0, .mark = "\x30\x26\xb2\x75"},
-    {.name = "WebM or Matroska", .offset = 0, .mark = "\x1a\x45\xdf\xa3"},
-    {.name = "AIFF", .offset = 0, .mark = "FORM"},
-    {.name = "AMR", .offset = 0, .mark = "#!AMR"},
+    {.name = "a FLAC", .offset = 0, .mark = "fLaC"},
+    {.name = "an AAC (M4A or MP4)", .offset = 4, .mark = "ftyp"},
+    {.name = "an AAC", .offset = 0, .mark = "\xff\xf1"},
+    {.name = "an AAC", .offset = 0, .mark = "\xff\xf9"},
+    {.name = "a WMA", .offset = 0, .mark = "\x30\x26\xb2\x75"},
+    {.name = "a WebM or Matroska", .offset = 0, .mark = "\x1a\x45\xdf\xa3"},
+    {.name = "an AIFF", .offset = 0, .mark = "FORM"},
+    {.name = "an AMR", .offset = 0, .mark = "#!AMR"},
 }};
 
 /* The file that a signal removes. */

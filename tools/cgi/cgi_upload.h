@@ -33,7 +33,8 @@ class CgiUpload
     /* Returns where the daemon finds the file before it is in place. */
     std::string get_location() const;
 
-    /* Returns the name of the format if it is a known one that the daemon never plays, or "". */
+    /* Returns the name of the format, such as "a FLAC", if it is a known one that the daemon never
+     * plays, or "". */
     std::string get_refused_format() const;
 
     /*
