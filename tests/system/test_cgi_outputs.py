@@ -61,7 +61,7 @@ def test_outputs_are_chosen_by_name(sandbox, cards, web, long, tmp_path):
     sandbox.start_daemon(is_supervised=True)
     Store(sandbox).add_clip(long.path, "Long")
     kitchen = "Küche <b>\ufffd (output 1)"
-    expected = [["", "default output", False], ["0", "Hall (output 0, unplugged)", True],
+    expected = [["", "default", False], ["0", "Hall (output 0, unplugged)", True],
                 ["1", kitchen, False]]
     assert web.get("action=play&clip=0&audiooutput=1").status == 200
     status = json.loads(web.get("action=status").text)

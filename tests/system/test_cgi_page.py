@@ -105,6 +105,12 @@ def list_shown(driver):
         "return [...document.querySelectorAll('#clips li:not([hidden]) h3')].map((e) => e.textContent)")
 
 
+def read_titles(driver):
+    """Returns the titles of all clips in the list."""
+    return driver.execute_script(
+        "return [...document.querySelectorAll('#clips h3')].map((e) => e.textContent)")
+
+
 def test_play_and_stop_with_script(web, quiet, scripted):
     first = len(quiet.events)
     driver = show(scripted, web)
@@ -170,6 +176,42 @@ def test_a_message_disappears_when_it_is_no_longer_true(web, quiet, scripted):
     assert read(driver, "result") == ""
 
 
+def test_a_clip_is_not_played_in_place_of_another(shared, web, quiet, scripted):
+    """Another client removes a clip and adds one, which gets the same number."""
+    store = Store(shared)
+    number = store.add_clip(BELL, "Spare")
+    driver = show(scripted, web)
+    try:
+        driver.execute_script("clearTimeout(timers.poll)")
+        store.call("RemoveConfiguration", "(i)", number)
+        assert store.add_clip(DOOR, "Alarm") == number
+        first = len(quiet.events)
+        find_button(driver, "Play Spare").click()
+        wait_until(lambda: read(driver, "result").startswith("The clip has changed"), 20,
+                   "the clip is refused")
+        wait_until(lambda: "Alarm" in list_shown(driver), 20, "the page shows the new clip")
+        quiet.fence()
+        assert quiet.events[first:] == []
+    finally:
+        store.call("RemoveConfiguration", "(i)", number)
+
+
+def test_a_double_click_plays_once(web, quiet, scripted):
+    driver = show(scripted, web)
+    driver.execute_script("""
+        window.sent = 0;
+        const fetchAsIs = fetch;
+        fetch = (...words) => {
+            sent += words[1]?.method === "POST";
+            return fetchAsIs(...words);
+        };
+    """)
+    choose(driver, "repeat", "until stopped")
+    ActionChains(driver).double_click(find_button(driver, "Play Door")).perform()
+    await_text(driver, "result", "Started Door.")
+    assert driver.execute_script("return sent") == 1
+
+
 def test_the_list_follows_changes(shared, web, quiet, scripted):
     driver = show(scripted, web)
     before = list_shown(driver)
@@ -198,6 +240,16 @@ def test_a_search_field_appears_with_many_clips(shared, web, quiet, scripted):
         assert list_shown(driver) == ["Guest 7"]
         search.send_keys("x")
         assert list_shown(driver) == []
+        assert read(driver, "empty-text") == "No clip matches."
+        # Accents are ignored. Here, the name has one as a character of its own.
+        store.rename(numbers[3], "Gu\u0308este")
+        wait_until(lambda: "Gu\u0308este" in read_titles(driver), 20, "the clip is renamed")
+        search.clear()
+        search.send_keys("gÜ")
+        assert list_shown(driver) == [title for title in read_titles(driver) if title.startswith("Gu")]
+        search.send_keys("e")
+        assert "Gu\u0308este" in list_shown(driver)
+        search.send_keys("x")
         assert read(driver, "empty-text") == "No clip matches."
         driver.execute_script("document.getElementById('search').value = ''")
     finally:
@@ -231,6 +283,24 @@ def test_the_options_are_sent_and_remembered(shared, web, quiet, scripted):
     slider.send_keys(Keys.ARROW_LEFT)
     assert driver.find_element(By.ID, "volume").get_attribute("value") == "95"
     driver.execute_script("localStorage.clear()")
+
+
+def test_a_volume_that_is_not_allowed_is_shown(web, quiet, scripted):
+    """Otherwise the buttons seem to do nothing while the options are folded."""
+    first = len(quiet.events)
+    driver = show(scripted, web)
+    options = driver.find_element(By.ID, "options")
+    driver.execute_script("arguments[0].open = true", options)
+    volume = driver.find_element(By.ID, "volume")
+    volume.clear()
+    assert read(driver, "options-text") == "volume 100 %, once"  # which it is without a volume
+    volume.send_keys("1001")
+    driver.execute_script("arguments[0].open = false", options)
+    find_button(driver, "Play Door").click()
+    assert options.get_property("open")
+    assert driver.switch_to.active_element == volume
+    quiet.fence()
+    assert quiet.events[first:] == []
 
 
 def test_the_page_works_with_the_keyboard_alone(web, quiet, scripted):
@@ -288,6 +358,10 @@ def test_it_fits_the_width_of_a_phone(web, scripted):
         "return [...document.querySelectorAll('button, summary')].filter((e) => e.offsetWidth)"
         ".map((e) => Math.min(e.offsetWidth, e.offsetHeight))")
     assert len(sizes) == 5 and min(sizes) >= 44
+    driver.execute_script("document.getElementById('options').open = true")
+    # A choice takes the whole width, so that the name of an output is not cut off.
+    assert driver.execute_script("return document.getElementById('output').offsetWidth") >= 320
+    driver.execute_script("localStorage.clear()")
 
 
 def test_large_text_fits_on_a_phone(web, scripted):
@@ -424,6 +498,48 @@ def test_the_page_shows_that_the_daemon_is_away(sandbox, tmp_path):
     server.check()
 
 
+def test_the_page_says_that_the_daemon_is_slow(sandbox, tmp_path):
+    sandbox.start_daemon()
+    Store(sandbox).add_clip(sandbox.write_clip("door.wav", clips.tone(440, 9)).path, "Door")
+    server = Web(sandbox).start_lighttpd()
+    with open_browser(tmp_path / "browser", 390, 800) as driver:
+        show(driver, server)
+        sandbox.daemon.pause()
+        try:
+            find_button(driver, "Play Door").click()
+            await_text(driver, "result", "Starting Door …")
+            await_text(driver, "now-text", "The device is not responding.")
+            assert not find_button(driver, "Play Door").is_enabled()
+        finally:
+            sandbox.daemon.go_on()
+        await_text(driver, "now-text", "Door is playing.")
+        await_text(driver, "result", "Started Door.")
+        # The daemon goes away while the user presses the button, and comes back.
+        driver.execute_script("clearTimeout(timers.poll)")
+        assert sandbox.daemon.stop() == 0
+        find_button(driver, "Stop").click()
+        await_text(driver, "result", "The daemon cannot be reached. Try again in a moment.")
+        sandbox.start_daemon()
+        await_text(driver, "result", "")
+        await_text(driver, "now-text", "Nothing is playing.")
+    server.check()
+
+
+def test_a_browser_that_cannot_run_the_script_gets_a_link(web, scripted):
+    driver = show(scripted, web)
+    assert driver.find_elements(By.ID, "fallback") == []
+    code = driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument",
+                                  {"source": "delete Array.prototype.findLast; delete window.URLSearchParams"})
+    try:
+        show(driver, web)
+        driver.find_element(By.ID, "fallback").find_element(By.TAG_NAME, "a").click()
+        wait_until(lambda: driver.current_url.endswith("?plain=1"), 20, "the plain page is shown")
+    finally:
+        driver.execute_cdp_cmd("Page.removeScriptToEvaluateOnNewDocument", code)
+        driver.get_log("browser")
+    assert read(driver, "now-text") == "Nothing is playing."
+
+
 # Changing clips
 
 
@@ -456,7 +572,7 @@ def test_files_are_uploaded_with_a_name_each(shared, web, managing, tmp_path):
     driver.find_element(By.ID, "files").send_keys("\n".join(map(str, (good, flac, huge, fake))))
     rows = driver.find_elements(By.CSS_SELECTOR, "#queue li")
     assert "Convert it to Opus, MP3 or WAV" in rows[1].text
-    assert "The file has 33.0 MiB; the limit is 32.0 MiB." in rows[2].text
+    assert "The file has 33 MiB; the limit is 32 MiB." in rows[2].text
     name = rows[0].find_element(By.TAG_NAME, "input")
     assert (name.get_attribute("value"), name.accessible_name) == ("Gong 🔔", "Name of the clip Gong 🔔.wav")
     name.clear()
@@ -513,6 +629,118 @@ def test_files_can_be_dropped_on_the_page(shared, web, managing):
     assert "dropped.wav, 1 KiB" in driver.find_element(By.ID, "queue").text
     find_button(driver, "Clear the list").click()
     assert driver.find_element(By.ID, "queue").text == ""
+
+
+def drop_files(driver, paths):
+    """Drops files from the user's file manager on the page."""
+    place = driver.execute_script("""
+        const box = document.getElementById("adding").getBoundingClientRect();
+        return {x: box.x + 20, y: box.y + 20};
+    """)
+    data = {"items": [], "files": [str(path) for path in paths], "dragOperationsMask": 1}
+    for kind in ("dragEnter", "dragOver", "drop"):
+        driver.execute_cdp_cmd("Input.dispatchDragEvent", {"type": kind, "data": data} | place)
+
+
+def test_a_folder_that_is_dropped_is_refused(web, managing, tmp_path):
+    file = tmp_path / "a.wav"
+    clips.write_wav(file, clips.tone(500, 0.1))
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    drop_files(managing, [folder, file])
+    rows = managing.find_elements(By.CSS_SELECTOR, "#queue li")
+    assert "This is a folder." in rows[0].text
+    assert find_button(managing, "Add 1 clip").is_displayed()
+    find_button(managing, "✕ Do not add a.wav").click()
+    assert not managing.find_element(By.ID, "send").is_displayed()
+    find_button(managing, "Clear the list").click()
+
+
+def test_the_suggested_name_is_one_that_the_device_accepts(shared, web, managing, tmp_path):
+    driver = managing
+    before = list_shown(driver)
+    file = tmp_path / "a\nb\x1bc\u202ed.wav"
+    clips.write_wav(file, clips.tone(500, 0.1))
+    drop_files(driver, [file])
+    name = driver.find_element(By.CSS_SELECTOR, "#queue input")
+    assert name.get_attribute("value") == "abcd"
+    driver.execute_script("arguments[0].value = arguments[1]", name, "🔔" * 64)
+    find_button(driver, "Add 1 clip").click()
+    wait_until(lambda: "The name is too long." in driver.find_element(By.ID, "queue").text, 20,
+               "the name is refused")
+    driver.execute_script("arguments[0].value = arguments[1]", name, "🔔" * 63)
+    find_button(driver, "Add 1 clip").click()
+    wait_until(lambda: list_shown(driver) == [*before, "🔔" * 63], 20, "the clip is added")
+    assert (shared.etc / "audioclips/abcd.wav").exists()
+    # The name of a file may have more bytes than that of a clip.
+    suggested = driver.execute_script("return suggestName('é'.repeat(200) + '.wav')")
+    assert suggested == "é" * 127
+    remove_last(shared, driver, before, "🔔" * 63)
+
+
+def test_an_upload_is_cancelled_and_tried_again(shared, web, managing, tmp_path):
+    driver = managing
+    before = list_shown(driver)
+    files = [tmp_path / name for name in ("first.wav", "second.wav")]
+    for file in files:
+        clips.write_wav(file, clips.noise(1_000_000))
+    # So slow that it does not end by itself.
+    limit = {"offline": False, "latency": 0, "downloadThroughput": -1, "uploadThroughput": 50_000}
+    driver.execute_cdp_cmd("Network.enable", {})
+    driver.execute_cdp_cmd("Network.emulateNetworkConditions", limit)
+    driver.execute_script("document.getElementById('adding').open = true")
+    driver.find_element(By.ID, "files").send_keys("\n".join(map(str, files)))
+    try:
+        find_button(driver, "Add 2 clips").click()
+        assert driver.switch_to.active_element == find_button(driver, "Cancel")
+        wait_until(lambda: "Sending, " in driver.find_element(By.ID, "queue").text, 20, "it is sent")
+        find_button(driver, "Cancel").click()
+        wait_until(lambda: "first.wav: Not sent." in driver.find_element(By.ID, "queue").text, 20,
+                   "the upload ends")
+    finally:
+        driver.execute_cdp_cmd("Network.emulateNetworkConditions", limit | {"uploadThroughput": -1})
+    find_button(driver, "Add 2 clips").click()
+    wait_until(lambda: list_shown(driver) == [*before, "first", "second"], 30, "both are added")
+    assert sorted(path.name for path in (shared.etc / "audioclips/.uploads").iterdir()) == []
+    remove_last(shared, driver, [*before, "first"], "second")
+    remove_last(shared, driver, before, "first")
+
+
+def test_the_focus_stays_near_a_changed_clip(shared, web, managing):
+    driver = managing
+    store = Store(shared)
+    number = store.add_clip(BELL, "Spare")
+    wait_until(lambda: "Spare" in list_shown(driver), 20, "the clip is shown")
+    find_button(driver, "⋯ Change Spare").send_keys(Keys.ENTER)
+    # Not a field, because phones would open a keyboard over the dialog.
+    assert driver.switch_to.active_element.tag_name == "h2"
+    field = driver.find_element(By.ID, "edit-name")
+    field.clear()
+    field.send_keys("Newer", Keys.ENTER)
+    wait_until(lambda: driver.switch_to.active_element.accessible_name == "⋯ Change Newer", 20,
+               "the focus is back at the clip")
+    driver.switch_to.active_element.send_keys(Keys.ENTER)
+    store.call("RemoveConfiguration", "(i)", number)
+    wait_until(lambda: "Newer" not in list_shown(driver), 20, "the clip is removed")
+    driver.switch_to.active_element.send_keys(Keys.ESCAPE)
+    wait_until(lambda: driver.switch_to.active_element.accessible_name.startswith("⋯ Change Old"), 20,
+               "the focus is at the last clip")
+
+
+def test_the_dialog_fits_a_phone_with_large_text(web, managing):
+    size = {"height": 740, "deviceScaleFactor": 1, "mobile": True}
+    managing.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", size | {"width": 360})
+    find_button(managing, "⋯ Change Door").click()
+    managing.execute_script("document.documentElement.style.fontSize = '200%'")
+    lines, inner, outer = managing.execute_script("""
+        const dialog = document.getElementById("edit");
+        const words = document.createRange();
+        words.selectNodeContents(document.getElementById("edit-rename"));
+        return [words.getClientRects().length, dialog.scrollWidth, dialog.clientWidth];
+    """)
+    managing.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", size | {"width": 390})
+    assert lines == 1  # the word is not broken
+    assert inner <= outer
 
 
 def test_a_clip_is_renamed_listened_to_replaced_and_removed(shared, web, managing, tmp_path):

@@ -89,7 +89,7 @@ CgiValues make_choice(const std::string &value, const std::string &text, bool is
 std::vector<CgiValues> list_outputs(const CgiRequest &request, const CgiNow &now)
 {
     std::vector<CgiValues> choices = {
-        make_choice("", "default output", request.output == CLIENT_NOT_GIVEN)};
+        make_choice("", "default", request.output == CLIENT_NOT_GIVEN)};
     std::vector<CgiOutput> outputs = now.outputs;
     for (gint32 number = 0; !now.is_known && number <= CLIENT_MAX_OUTPUT; number++) {
         outputs.emplace_back().number = number;

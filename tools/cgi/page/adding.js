@@ -9,74 +9,135 @@ const findFault = (file) => file.size === 0 ? "The file is empty."
     : REFUSED.test(file.name) ? ADVICE : "";
 
 /* Sends a file as the body, which fetch() cannot do with a progress. */
-const sendFile = (fields, file, onProgress) => new Promise((resolve) => {
+const UNSENT = "The file could not be sent. Check the connection to the device.";
+const sendFile = (fields, file, onProgress, signal = null) => new Promise((resolve) => {
     const sending = new XMLHttpRequest();
     sending.open("POST", `${program}?${new URLSearchParams(fields)}`);
     sending.setRequestHeader("Content-Type", "application/octet-stream");
     sending.upload.addEventListener("progress", (event) => onProgress(event.loaded / file.size));
-    sending.addEventListener("load", () => resolve({ok: sending.status === 200,
+    sending.addEventListener("load", () => resolve({ok: sending.status === 200, status: sending.status,
         text: explain(sending.getResponseHeader("Content-Type"), sending.responseText, sending.status)}));
-    for (const failure of ["error", "abort", "timeout"]) {
-        sending.addEventListener(failure, () => resolve({ok: false, text: "The file could not be sent. Check the connection to the device."}));
-    }
+    sending.addEventListener("error", () => resolve({ok: false, status: 0, text: UNSENT}));
+    sending.addEventListener("abort", () => resolve({ok: false, status: 0, text: "Not sent."}));
+    signal?.addEventListener("abort", () => sending.abort());
     sending.send(file);
 });
+
+const NAME_MAX = 255; /* bytes */
+const countBytes = (text) => new TextEncoder().encode(text).length;
+const findNameFault = (name) => countBytes(name) > NAME_MAX ? "The name is too long." : "";
+
+/* What the device refuses in a name, and web servers in an address. The exceptions join emoji and
+ * make flags. */
+const UNSHOWN = /(?![\u200c\u200d\u{e0020}-\u{e007f}])[\p{Cc}\p{Cf}\p{Zl}\p{Zp}]/gu;
+
+const cleanName = (file) => file.name.replace(UNSHOWN, "");
+
+/* Returns a name for a clip: that of its file without the suffix. */
+const suggestName = (fileName) => {
+    let name = "";
+    for (const character of fileName.replace(/(.)\.[^.]{1,7}$/, "$1")) {
+        if (countBytes(name + character) > NAME_MAX) {
+            break;
+        }
+        name += character;
+    }
+    return name;
+};
 
 /* The files to send: the file, its row, and whether it waits to be sent. */
 const queue = [];
 
+/* Ends the upload that is going on; null if there is none. */
+let uploading = null;
+
 const showQueue = () => {
     const count = queue.filter((entry) => entry.waits).length;
-    get("send").hidden = count === 0;
+    const focused = document.activeElement;
+    get("send").hidden = count === 0 || Boolean(uploading);
     setText(get("send"), count === 1 ? "Add 1 clip" : `Add ${count} clips`);
     get("clear").hidden = queue.length === 0;
+    setText(get("clear"), uploading ? "Cancel" : "Clear the list");
+    for (const entry of queue) {
+        entry.drop.hidden = !entry.waits || Boolean(uploading);
+    }
+    if (focused?.hidden) {
+        get(focused === get("send") ? "clear" : "files").focus();
+    }
+};
+
+const addFile = (file, fault) => {
+    const fileName = cleanName(file);
+    const name = make("input", {className: "wide", value: suggestName(fileName)});
+    name.setAttribute("aria-label", `Name of the clip ${fileName}`);
+    const drop = make("button", {className: "text"}, "✕", make("span", {className: "hidden", textContent: ` Do not add ${fileName}`}));
+    const note = make("p", {className: "soft", textContent: `${fileName}, ${formatSize(file.size)}`});
+    const progress = make("progress", {max: 1, value: 0, hidden: true});
+    progress.setAttribute("aria-label", `Upload of ${fileName}`);
+    const row = make("li", {}, make("div", {className: "line"}, name, drop), progress, note);
+    const entry = {file, fileName, name, drop, note, progress, waits: !fault};
+    if (fault) {
+        name.disabled = true;
+        note.className = "bad";
+        note.append(` — ${fault}`);
+    }
+    drop.addEventListener("click", () => {
+        queue.splice(queue.indexOf(entry), 1);
+        row.remove();
+        showQueue();
+        get(queue.length > 0 ? "clear" : "files").focus();
+    });
+    queue.push(entry);
+    get("queue").append(row);
 };
 
 const addFiles = (files) => {
     for (const file of files) {
-        const name = make("input", {className: "wide", value: file.name.replace(/(.)\.[^.]{1,7}$/, "$1"), maxLength: 255});
-        name.setAttribute("aria-label", `Name of the clip ${file.name}`);
-        const note = make("p", {className: "soft", textContent: `${file.name}, ${formatSize(file.size)}`});
-        const progress = make("progress", {max: 1, value: 0, hidden: true});
-        progress.setAttribute("aria-label", `Upload of ${file.name}`);
-        const fault = findFault(file);
-        const entry = {file, name, note, progress, waits: !fault};
-        if (fault) {
-            name.disabled = true;
-            note.className = "bad";
-            note.append(` — ${fault}`);
-        }
-        queue.push(entry);
-        get("queue").append(make("li", {}, name, progress, note));
+        addFile(file, findFault(file));
     }
     showQueue();
+};
+
+/* Sends one file. Returns whether it was added. */
+const sendEntry = async (entry, signal) => {
+    const {file, fileName, name, note, progress} = entry;
+    const title = name.value.trim();
+    const fault = findNameFault(title);
+    let answer = {ok: false, text: fault};
+    if (!fault) {
+        name.disabled = true;
+        progress.hidden = false;
+        setText(get("upload-status"), `Sending ${fileName}`);
+        answer = await sendFile({action: "add", file: fileName, name: title}, file, (part) => {
+            progress.value = part;
+            setText(note, part < 1 ? `Sending, ${Math.round(part * 100)} %` : "The device is checking the file …");
+        }, signal);
+        progress.hidden = true;
+    }
+    note.className = answer.ok ? "good" : "bad";
+    setText(note, `${fileName}: ${answer.ok ? "added." : answer.text}`);
+    /* Another attempt helps unless the file itself was refused. */
+    entry.waits = !answer.ok && ![413, 415].includes(answer.status);
+    name.disabled = !entry.waits;
+    return answer.ok;
 };
 
 const sendQueue = async () => {
     let added = 0;
     let failed = 0;
-    get("clear").hidden = true;
+    uploading = new AbortController();
+    const {signal} = uploading;
+    showQueue();
     for (const entry of queue.filter((waiting) => waiting.waits)) {
-        entry.waits = false;
-        entry.name.disabled = true;
-        entry.progress.hidden = false;
-        showQueue();
-        get("clear").hidden = true;
-        setText(get("upload-status"), `Sending ${entry.file.name}`);
-        const answer = await sendFile({action: "add", file: entry.file.name, name: entry.name.value.trim()}, entry.file,
-            (part) => {
-                entry.progress.value = part;
-                setText(entry.note, part < 1 ? `Sending, ${Math.round(part * 100)} %` : "The device is checking the file …");
-            });
-        entry.progress.hidden = true;
-        entry.note.className = answer.ok ? "good" : "bad";
-        setText(entry.note, answer.ok ? `${entry.file.name}: added.` : `${entry.file.name}: ${answer.text}`);
-        entry.waits = false;
-        entry.name.disabled = answer.ok;
-        added += answer.ok;
-        failed += !answer.ok;
+        if (signal.aborted) {
+            break;
+        }
+        const isAdded = await sendEntry(entry, signal);
+        added += isAdded;
+        failed += !isAdded;
         await refresh();
     }
+    uploading = null;
     setText(get("upload-status"), `${added} added${failed ? `, ${failed} not added` : ""}.`);
     showQueue();
 };
@@ -95,21 +156,40 @@ const setupAdding = () => {
         get("files").value = "";
     });
     /* Files may be dropped anywhere on the page. Without this, the browser would open them. */
+    const hasFiles = (event) => event.dataTransfer.types.includes("Files");
     document.addEventListener("dragover", (event) => {
+        if (!hasFiles(event)) {
+            return;
+        }
         event.preventDefault();
         get("adding").open = true;
         drop.classList.add("over");
     });
     document.addEventListener("dragleave", (event) => event.relatedTarget || drop.classList.remove("over"));
     document.addEventListener("drop", (event) => {
+        if (!hasFiles(event)) {
+            return;
+        }
         event.preventDefault();
         drop.classList.remove("over");
-        if (state.changes.folder && !get("edit").open) {
-            addFiles(event.dataTransfer.files);
+        if (!state.changes.folder || get("edit").open) {
+            return;
         }
+        for (const item of event.dataTransfer.items) {
+            const file = item.getAsFile();
+            if (file) {
+                addFile(file, item.webkitGetAsEntry()?.isDirectory ? "This is a folder. Drop the files in it instead." : findFault(file));
+            }
+        }
+        showQueue();
     });
+    addEventListener("beforeunload", (event) => uploading && event.preventDefault());
     get("send").addEventListener("click", sendQueue);
     get("clear").addEventListener("click", () => {
+        if (uploading) {
+            uploading.abort();
+            return;
+        }
         queue.length = 0;
         get("queue").replaceChildren();
         showQueue();
@@ -131,42 +211,49 @@ const openEditor = (clip) => {
     showEdit("", false);
     get("edit-name").value = clip.name;
     get("edit-new").value = "";
-    get("edit-audio").src = `${program}?action=file&clip=${clip.number}`;
+    get("edit-audio").src = `${program}?${new URLSearchParams({action: "file", clip: clip.number, location: locationOf(clip)})}`;
     get("edit-audio").parentElement.hidden = Boolean(clip.missing);
     get("edit-replace").parentElement.parentElement.hidden = Boolean(clip.missing);
     get("edit").showModal();
 };
 
-const change = async (fields) => {
-    const answer = await request("POST", {clip: edited.number, location: locationOf(edited), ...fields});
+/* Shows the answer to a change of `clip`. The user may have closed the dialog in the meantime. */
+const finishChange = async (clip, answer) => {
     await refresh();
-    if (answer.ok) {
-        get("edit").close();
-        showMessage(answer.text);
-    } else {
+    const isShown = get("edit").open && edited === clip;
+    if (isShown && !answer.ok) {
         showEdit(answer.text, true);
+        return;
     }
+    if (isShown) {
+        get("edit").close();
+    }
+    showMessage(answer.text, answer.ok ? "good" : "bad");
 };
 
+const change = async (fields) => {
+    const clip = edited;
+    await finishChange(clip, await request("POST", {clip: clip.number, location: locationOf(clip), ...fields}));
+};
+
+let isReplacing = false;
 const replaceRecording = async () => {
+    const clip = edited;
     const file = get("edit-new").files[0];
-    const fault = file ? findFault(file) : "Choose a file first.";
+    const fault = isReplacing ? "Another recording is still being sent." : file ? findFault(file) : "Choose a file first.";
     if (fault) {
         showEdit(fault, true);
         return;
     }
     const progress = get("edit-progress");
+    isReplacing = true;
     progress.hidden = false;
-    const answer = await sendFile({action: "replace", clip: edited.number, location: locationOf(edited)}, file,
+    showEdit("", false);
+    const answer = await sendFile({action: "replace", clip: clip.number, location: locationOf(clip)}, file,
         (part) => progress.value = part);
+    isReplacing = false;
     progress.hidden = true;
-    await refresh();
-    if (answer.ok) {
-        get("edit").close();
-        showMessage(answer.text);
-    } else {
-        showEdit(answer.text, true);
-    }
+    await finishChange(clip, answer);
 };
 
 const setupEditor = () => {
@@ -184,7 +271,13 @@ const setupEditor = () => {
         }
     });
     get("edit-close").addEventListener("click", () => get("edit").close());
-    get("edit").addEventListener("close", () => get("edit-audio").removeAttribute("src"));
+    get("edit").addEventListener("close", () => {
+        get("edit-audio").removeAttribute("src");
+        /* A changed clip has a new row, so the browser cannot give the focus back. */
+        const shown = state.clips.filter((clip) => !rows.get(clip.number).element.hidden);
+        const next = shown.find((clip) => clip.number >= edited.number) ?? shown.at(-1);
+        (next ? rows.get(next.number).more : get("adding").querySelector("summary")).focus();
+    });
     get("edit-audio").addEventListener("error", () => get("edit-audio").hasAttribute("src")
         && showEdit("This browser cannot play the file. The device may still play it.", true));
 };

@@ -35,13 +35,15 @@ const formatTime = (ms) => {
     const parts = [Math.floor(seconds / 60) % 60, seconds % 60].map((part) => String(part).padStart(2, "0"));
     return seconds >= 3600 ? `${Math.floor(seconds / 3600)}:${parts.join(":")}` : parts.join(":").replace(/^0/, "");
 };
-const formatSize = (bytes) => bytes < 1048576 ? `${Math.ceil(bytes / 1024)} KiB` : `${(bytes / 1048576).toFixed(1)} MiB`;
+const formatLength = (ms) => ms < 1000 ? `${Math.max(0.1, ms / 1000).toFixed(1)} s` : formatTime(ms);
+const formatSize = (bytes) => bytes < 1048576 ? `${Math.ceil(bytes / 1024)} KiB` : `${Math.round(bytes / 104857.6) / 10} MiB`;
 
 /* Returns the text of an answer. The web server's own error pages are HTML and are not shown. */
 const explain = (type, text, status) => (type || "").startsWith("text/plain") ? text.trim()
     : status === 413 ? "The web server does not accept a file of this size."
     : `The web server returned status ${status}.`;
 const UNREACHABLE = "The device is not responding.";
+const UNREACHABLE_STATUS = [0, 503, 504];
 
 /* Sends a request. Returns whether it succeeded, and the text of the answer or its JSON. */
 const request = async (method, fields) => {
@@ -61,19 +63,29 @@ const request = async (method, fields) => {
 
 /*
  * The message under "Now playing". With each new status, `isTrue` returns whether the message still
- * applies. A success also disappears after 10 s, because the message covers a part of the list.
+ * applies. Messages also disappear after a while, because they cover a part of the list.
  */
+const MESSAGE_PERIODS = {good: 10000, bad: 60000, busy: 0}; /* ms; 0: stays until the next message */
 const message = {isTrue: null, timer: 0};
-const showMessage = (text, isBad = false, isTrue = null) => {
+const showMessage = (text, kind = "good", isTrue = null) => {
     const element = get("result");
     clearTimeout(message.timer);
     message.isTrue = isTrue;
     setText(element, text);
-    element.classList.toggle("bad", isBad);
-    message.timer = text && !isBad ? setTimeout(() => showMessage(""), 10000) : 0;
+    element.classList.toggle("bad", kind === "bad");
+    element.classList.toggle("busy", kind === "busy");
+    message.timer = text && MESSAGE_PERIODS[kind] ? setTimeout(() => showMessage(""), MESSAGE_PERIODS[kind]) : 0;
 };
 const checkMessage = () => {
     if (message.isTrue && !message.isTrue()) {
         showMessage("");
     }
+};
+
+/* Shows why an action failed. That the daemon cannot be reached applies until it answers again, but
+ * the message stays long enough to be read. */
+const showFailure = (answer, isTrue = null) => {
+    const readUntil = performance.now() + 4000;
+    showMessage(answer.text, "bad", UNREACHABLE_STATUS.includes(answer.status)
+        ? () => state.away || performance.now() < readUntil : isTrue);
 };

@@ -2,6 +2,7 @@
 
 const SEARCH_FROM = 12; /* with fewer clips, there is no search field */
 const PERIOD = 1500; /* ms between two requests for the status, which costs little */
+const PATIENCE = 8000; /* ms after which the page says that the status does not come */
 const LIST_PERIOD = 30000; /* the same for the list if the status does not tell whether it changed */
 
 /* The row of each clip, by number, with the clip that it shows as JSON. */
@@ -18,21 +19,21 @@ const makeRow = (clip) => {
         facts.append(missing, " · ");
     } else {
         facts.append(clip.length === undefined ? "unknown length"
-            : make("span", {className: "length", textContent: formatTime(clip.length)}), " · ");
+            : make("span", {className: "length", textContent: formatLength(clip.length)}), " · ");
     }
     facts.append(make("span", {className: "hidden", textContent: "File "}),
         make("bdi", {dir: "ltr", textContent: clip.file || "no file"}));
     const buttons = make("div", {className: "buttons"}, button);
+    const more = make("button", {className: "more", title: "Listen, rename, replace, remove"}, "⋯",
+        make("span", {className: "hidden", textContent: ` Change ${titleOf(clip)}`}));
     if (state.changes?.folder) {
-        const more = make("button", {className: "more", title: "Listen, rename, replace, remove"}, "⋯",
-            make("span", {className: "hidden", textContent: ` Change ${titleOf(clip)}`}));
         more.addEventListener("click", () => openEditor(clip));
         buttons.append(more);
     }
     const element = make("li", {}, make("div", {className: "about"},
         make("h3", {}, make("bdi", {textContent: titleOf(clip)})), facts), buttons);
     element.dataset.file = locationOf(clip);
-    return {element, button, word, clip, key: JSON.stringify(clip)};
+    return {element, button, more, word, clip, key: JSON.stringify(clip)};
 };
 
 /* Shows which clips can be played now, and which one plays. */
@@ -82,13 +83,16 @@ const showClips = () => {
     }
 };
 
+/* Returns the text without the differences that a search ignores: case and accents. */
+const simplify = (text) => text.normalize("NFD").replace(/\p{Mn}/gu, "").toLowerCase();
+
 const filterClips = () => {
     const hasSearch = state.clips.length >= SEARCH_FROM;
     get("search").hidden = !hasSearch;
-    const words = hasSearch ? get("search").value.toLowerCase().split(/\s+/) : [""];
+    const words = hasSearch ? simplify(get("search").value).split(/\s+/) : [""];
     let count = 0;
     for (const row of rows.values()) {
-        const text = `${titleOf(row.clip)} ${row.clip.file}`.toLowerCase();
+        const text = simplify(`${titleOf(row.clip)} ${row.clip.file}`);
         const isShown = words.every((word) => text.includes(word));
         row.element.hidden = !isShown;
         count += isShown;
@@ -118,7 +122,12 @@ const timers = {poll: 0, listed: performance.now()};
 const refresh = async () => {
     clearTimeout(timers.poll);
     const before = state.status.revision;
+    const late = setTimeout(() => {
+        state.away = UNREACHABLE;
+        show();
+    }, PATIENCE);
     const answer = await request("GET", {action: "status"});
+    clearTimeout(late);
     if (answer.ok && answer.data) {
         takeStatus(answer.data);
         const isOld = before ? answer.data.revision !== before : performance.now() - timers.listed > LIST_PERIOD;

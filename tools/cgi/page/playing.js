@@ -28,7 +28,7 @@ const showProgress = () => {
         get("progress").max = clip.length;
         get("progress").value = Math.min(elapsed, clip.length);
     }
-    setText(get("now-detail"), isKnown ? `${formatTime(clip.length - elapsed)} left of ${formatTime(clip.length)}`
+    setText(get("now-detail"), isKnown ? `${formatTime(clip.length - elapsed)} left of ${formatLength(clip.length)}`
         : elapsed >= 0 ? `for ${formatTime(elapsed)}` : "");
 };
 
@@ -43,6 +43,7 @@ const showPlaying = () => {
 
 /* The options are kept by the browser, so that each user has their own. */
 const OPTIONS = ["volume", "output", "repeat"];
+const DEFAULT_VOLUME = 100; /* also the program's, if it is told none */
 const remember = (key, value) => {
     try {
         localStorage.setItem(`sonobrik-${key}`, value);
@@ -59,8 +60,9 @@ const recall = (key) => {
 };
 
 const showOptions = () => {
-    const volume = Number(get("volume").value);
+    const volume = Number(get("volume").value || DEFAULT_VOLUME);
     const chosen = (id) => get(id).selectedOptions[0].textContent;
+    get("options-text").classList.toggle("warning", volume > 100);
     get("slider").value = Math.min(volume, 100);
     setText(get("loud"), volume > 100
         ? "Above 100 % the sound is distorted, and may damage ears and loudspeakers." : "");
@@ -122,27 +124,50 @@ const setupOptions = () => {
     showOptions();
 };
 
+/* Sends a request for an action of the user. Says what is going on if that takes long. */
+const SLOW = 700; /* ms */
+const act = async (text, fields) => {
+    showMessage("");
+    const timer = setTimeout(() => showMessage(text, "busy"), SLOW);
+    const answer = await request("POST", fields);
+    clearTimeout(timer);
+    await refresh();
+    return answer;
+};
+
+let isStarting = false;
 const play = async (clip) => {
-    if (!get("volume").reportValidity()) {
+    /* A second press, as of a double click, would only be told that a clip is already playing. */
+    if (isStarting) {
         return;
     }
+    if (!get("volume").checkValidity()) {
+        get("options").open = true; /* so that the browser can show what is wrong */
+        get("volume").reportValidity();
+        return;
+    }
+    isStarting = true;
     const isInstead = listPlaying().length > 0;
-    const answer = await request("POST", {
-        action: "play", clip: clip.number, volume: get("volume").value, repeat: get("repeat").value,
-        audiooutput: get("output").value, instead: isInstead ? 1 : 0});
+    const answer = await act(`Starting ${titleOf(clip)} …`, {
+        action: "play", clip: clip.number, location: locationOf(clip), volume: get("volume").value,
+        repeat: get("repeat").value, audiooutput: get("output").value, instead: isInstead ? 1 : 0});
+    isStarting = false;
     const isPlaying = () => listPlaying().some((output) => output.file === locationOf(clip));
-    await refresh();
+    const isBusy = () => listPlaying().length > 0;
     if (answer.ok) {
         /* A short clip may be over before the first status. */
-        showMessage(`Started ${titleOf(clip)}.`, false, state.status.known ? isPlaying : null);
+        showMessage(`Started ${titleOf(clip)}.`, "good", state.status.known ? isPlaying : null);
         checkMessage();
     } else {
-        showMessage(answer.text, true, answer.status === 409 ? () => listPlaying().length > 0 : null);
+        showFailure(answer, answer.status === 409 && isBusy() ? isBusy : null);
     }
 };
 
 const stop = async () => {
-    const answer = await request("POST", {action: "stop"});
-    await refresh();
-    showMessage(answer.text, !answer.ok, answer.ok ? () => listPlaying().length === 0 : null);
+    const answer = await act("Stopping …", {action: "stop"});
+    if (answer.ok) {
+        showMessage(answer.text, "good", () => listPlaying().length === 0);
+    } else {
+        showFailure(answer);
+    }
 };

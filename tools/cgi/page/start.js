@@ -22,6 +22,7 @@ const start = () => {
     get("stop").addEventListener("click", stop);
     showClips();
     show();
+    get("fallback").remove();
     /* Removes the parameters from the address, so that a reload does not repeat an old result. */
     history.replaceState(null, "", location.pathname);
     document.addEventListener("visibilitychange", () => document.hidden ? clearTimeout(timers.poll) : refresh());
