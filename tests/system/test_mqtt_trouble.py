@@ -8,7 +8,7 @@ import time
 
 import pytest
 from sandbox import clips, wait_until
-from sandbox.broker import Bridge, Broker
+from sandbox.broker import Bridge, Broker, expire_certificate
 
 # paho-mqtt 1 and 2 warn about different calls; the tests run with both.
 pytestmark = pytest.mark.filterwarnings("error::DeprecationWarning")
@@ -331,10 +331,18 @@ def test_a_certificate_of_another_authority_is_refused(sandbox, daemon):
     node.stop()
 
 
+def test_an_expired_certificate_is_refused(sandbox, daemon):
+    broker = Broker(sandbox, tls=True)
+    expire_certificate(sandbox.etc / "mosquitto/tls")
+    node = Bridge(sandbox, broker.start()).spawn()
+    node.wait_log("certificate verify failed")
+    node.stop()
+
+
 def test_a_certificate_of_another_name_is_refused(sandbox, daemon):
     broker = Broker(sandbox, tls=True).start()
     node = Bridge(sandbox, broker, broker={"host": "127.0.0.1"}).spawn()
-    node.wait_log("no connection to the broker")
+    node.wait_log("certificate verify failed")
     node.stop()
 
 
@@ -380,6 +388,7 @@ def test_a_password_from_a_credential(sandbox, closed, song):
     credentials = sandbox.folder / "run/home/credentials"
     credentials.mkdir()
     (credentials / "sonobrik-mqtt.password").write_text("secret\n")
+    (credentials / "sonobrik-mqtt.password").chmod(0o400)  # as systemd does
     node = Bridge(sandbox, closed, operator, broker={"username": "node1"})
     node.start(env={"CREDENTIALS_DIRECTORY": "/run/home/credentials"})
     assert node.ask("ping")["status"] == "pong"

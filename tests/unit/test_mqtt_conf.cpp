@@ -93,6 +93,7 @@ TEST(MqttConf, PrefersTheCredentialAsPassword)
     std::string why;
     std::string password;
     folder.file("credential", "one\n");
+    ASSERT_EQ(chmod(folder.path("credential").c_str(), 0400), 0);
     folder.file("file", "two");
     ASSERT_EQ(chmod(folder.path("file").c_str(), 0640), 0);
     EXPECT_TRUE(
@@ -114,9 +115,26 @@ TEST(MqttConf, RefusesSecretsThatOthersCanRead)
     EXPECT_FALSE(mqtt_conf_load_password(&password, "", folder.path("file"), &why));
     EXPECT_EQ(why, folder.path("file") +
                        ": other users can read it; run 'chmod o= " + folder.path("file") + "'");
-    EXPECT_FALSE(mqtt_conf_check_key(folder.path("file"), &why));
-    EXPECT_FALSE(mqtt_conf_check_key(folder.path("none"), &why));
+    EXPECT_FALSE(mqtt_conf_load_password(&password, folder.path("file"), "", &why));
     EXPECT_FALSE(mqtt_conf_load_password(&password, "", folder.path(""), &why));
+    MqttConf conf;
+    conf.cert_file = folder.path("file");
+    EXPECT_TRUE(mqtt_conf_check_files(conf, &why));
+    conf.key_file = folder.path("file");
+    EXPECT_FALSE(mqtt_conf_check_files(conf, &why));
+}
+
+TEST(MqttConf, NamesAFileThatCannotBeRead)
+{
+    for (std::string MqttConf::*place :
+         {&MqttConf::ca_file, &MqttConf::cert_file, &MqttConf::key_file}) {
+        MqttConf conf;
+        std::string why;
+        EXPECT_TRUE(mqtt_conf_check_files(conf, &why));
+        conf.*place = "/nowhere/file";
+        EXPECT_FALSE(mqtt_conf_check_files(conf, &why));
+        EXPECT_EQ(why, "/nowhere/file: No such file or directory");
+    }
 }
 
 TEST(MqttConf, ReadsAFile)

@@ -46,7 +46,7 @@ void load(const Options &options, MqttConf *conf, std::string *password)
     const std::string credentials = get_folder("CREDENTIALS_DIRECTORY", "");
     const std::string credential = credentials.empty() ? "" : credentials + "/" + PASSWORD;
     if (!mqtt_conf_load_password(password, credential, conf->password_file, &why) ||
-        (!conf->key_file.empty() && !mqtt_conf_check_key(conf->key_file, &why))) {
+        !mqtt_conf_check_files(*conf, &why)) {
         mqtt_log(LOG_ERR, "%s", why.c_str());
         exit(EX_CONFIG);
     }

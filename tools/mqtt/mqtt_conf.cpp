@@ -268,7 +268,7 @@ bool mqtt_conf_load_password(std::string *password, const std::string &credentia
 {
     std::string text;
     std::string path = credential;
-    int error = credential.empty() ? ENOENT : read_file(path, false, MAX_PASSWORD, &text);
+    int error = credential.empty() ? ENOENT : read_file(path, true, MAX_PASSWORD, &text);
     if (error == ENOENT) {
         path = file;
         error = file.empty() ? 0 : read_file(path, true, MAX_PASSWORD, &text);
@@ -286,9 +286,15 @@ bool mqtt_conf_load_password(std::string *password, const std::string &credentia
     return true;
 }
 
-bool mqtt_conf_check_key(const std::string &path, std::string *why)
+bool mqtt_conf_check_files(const MqttConf &conf, std::string *why)
 {
-    std::string key;
-    const int error = read_file(path, true, MAX_FILE, &key);
-    return error == 0 || fail_to_read(why, path, error);
+    for (const std::string *path : {&conf.ca_file, &conf.cert_file, &conf.key_file}) {
+        std::string content;
+        const int error =
+            path->empty() ? 0 : read_file(*path, path == &conf.key_file, MAX_FILE, &content);
+        if (error != 0) {
+            return fail_to_read(why, *path, error);
+        }
+    }
+    return true;
 }

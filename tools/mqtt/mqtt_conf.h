@@ -55,13 +55,13 @@ bool mqtt_conf_is_local(std::string_view host);
 
 /*
  * Reads a password into `password`: from the file `credential` if it exists, otherwise from
- * `file`, which other users must not be able to read. Either may be empty. A line feed at the end
+ * `file`. Other users must not be able to read them. Either may be empty. A line feed at the end
  * is not part of the password. Leaves `password` empty if there is none. Returns false and sets
  * `why` on failure.
  */
 bool mqtt_conf_load_password(std::string *password, const std::string &credential,
                              const std::string &file, std::string *why);
 
-/* Returns false and sets `why` if other users can read the file `path`, which contains a private
- * key, or if it does not exist. */
-bool mqtt_conf_check_key(const std::string &path, std::string *why);
+/* Returns false and sets `why` if a file of a certificate or a key cannot be read, or if other users
+ * can read that of the key. */
+bool mqtt_conf_check_files(const MqttConf &conf, std::string *why);

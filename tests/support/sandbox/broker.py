@@ -28,10 +28,20 @@ def find_port():
         return probe.getsockname()[1]
 
 
+def _run_openssl(folder, *words):
+    subprocess.run(["openssl", *words], cwd=folder, check=True, capture_output=True)
+
+
+def _sign(folder, name, days):
+    _run_openssl(folder, "x509", "-req", "-days", str(days), "-in", f"{name}.csr", "-CA", "ca.crt",
+                 "-CAkey", "ca.key", "-CAcreateserial", "-extfile", "extensions",
+                 "-out", f"{name}.crt")
+
+
 def make_certificates(folder):
     """Writes a certificate authority, and certificates of it for a server and a client."""
     def openssl(*words):
-        subprocess.run(["openssl", *words], cwd=folder, check=True, capture_output=True)
+        _run_openssl(folder, *words)
 
     folder.mkdir(parents=True, exist_ok=True)
     openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
@@ -41,10 +51,14 @@ def make_certificates(folder):
                 "-subj", "/CN=localhost" if name == "server" else "/CN=node1",
                 "-keyout", f"{name}.key", "-out", f"{name}.csr")
         (folder / "extensions").write_text("subjectAltName=DNS:localhost\n")
-        openssl("x509", "-req", "-days", "2", "-in", f"{name}.csr", "-CA", "ca.crt", "-CAkey",
-                "ca.key", "-CAcreateserial", "-extfile", "extensions", "-out", f"{name}.crt")
+        _sign(folder, name, 2)
     for key in folder.glob("*.key"):
         key.chmod(0o640)
+
+
+def expire_certificate(folder):
+    """Replaces the server's certificate by one that ended yesterday."""
+    _sign(folder, "server", -1)
 
 
 class Broker:
