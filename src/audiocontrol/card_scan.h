@@ -15,7 +15,10 @@ void card_scan_free(CardScan *scan);
 /* Returns a descriptor that becomes readable when a card may have changed. */
 int card_scan_get_fd(const CardScan *scan);
 
-/* Reads all events that are waiting. Returns true if one of them was about a sound card. */
+/*
+ * Reads all events that are waiting. Returns true if one of them was about a sound card, or if some
+ * were lost.
+ */
 bool card_scan_take_events(CardScan *scan);
 
 /*

@@ -21,7 +21,6 @@
 #include "alsa_files.h"
 #include "alsa_overrides.h"
 #include "alsa_text.h"
-#include "autoptr.h"
 #include "card_scan.h"
 #include "config_file.h"
 #include "control_bus.h"
@@ -70,8 +69,6 @@ struct Service {
     std::string alsa_text; /* as it was last written */
     std::string state_text;
 };
-
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(sd_event_source, sd_event_source_unref)
 
 uint64_t get_time()
 {
@@ -338,32 +335,6 @@ int read_cards(Service *service)
     return refresh(service, cards);
 }
 
-int end(Service *service, int status)
-{
-    return sd_event_exit(service->event, status);
-}
-
-/* The handlers of the event loop. */
-
-int handle_quiet(sd_event_source *, uint64_t, void *data)
-{
-    auto *service = static_cast<Service *>(data);
-    service->unrest_since = 0;
-    service->unrest_logged = false;
-    service->has_failed = read_cards(service) < 0;
-    return service->has_failed ? end(service, EXIT_FAILURE) : 0;
-}
-
-int handle_udev(sd_event_source *, int, uint32_t, void *data)
-{
-    auto *service = static_cast<Service *>(data);
-    if (card_scan_take_events(service->scan)) {
-        service->udev_waits = service->is_published ? 0 : service->udev_waits;
-        note_unrest(service);
-    }
-    return 0;
-}
-
 void free_watches(std::vector<sd_event_source *> *watches)
 {
     for (sd_event_source *watch : *watches) {
@@ -394,10 +365,10 @@ void watch_folders(Service *service)
                                  IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
     const std::string &conf = service->files->conf;
     g_autofree char *conf_folder = g_path_get_dirname(conf.c_str());
-    const std::set<std::string> folders = {
-        conf_folder,         find_real_folder(conf), /* differs if the file is a link */
-        SONOBRIK_SYSCONFDIR, SONOBRIK_SYSCONFDIR "/alsa", SONOBRIK_SYSCONFDIR "/alsa/conf.d",
-    };
+    /* The second folder is another one than the first if the file is a link. */
+    const std::set<std::string> folders = {conf_folder, find_real_folder(conf), SONOBRIK_SYSCONFDIR,
+                                           SONOBRIK_SYSCONFDIR "/alsa",
+                                           SONOBRIK_SYSCONFDIR "/alsa/conf.d"};
     std::vector<sd_event_source *> previous = std::exchange(service->watches, {});
     for (const std::string &folder : folders) {
         sd_event_source *watch = nullptr;
@@ -410,6 +381,32 @@ void watch_folders(Service *service)
         }
     }
     free_watches(&previous);
+}
+
+int end(Service *service, int status)
+{
+    return sd_event_exit(service->event, status);
+}
+
+/* The handlers of the event loop. */
+
+int handle_quiet(sd_event_source *, uint64_t, void *data)
+{
+    auto *service = static_cast<Service *>(data);
+    service->unrest_since = 0;
+    service->unrest_logged = false;
+    service->has_failed = read_cards(service) < 0;
+    return service->has_failed ? end(service, EXIT_FAILURE) : 0;
+}
+
+int handle_udev(sd_event_source *, int, uint32_t, void *data)
+{
+    auto *service = static_cast<Service *>(data);
+    if (card_scan_take_events(service->scan)) {
+        service->udev_waits = service->is_published ? 0 : service->udev_waits;
+        note_unrest(service);
+    }
+    return 0;
 }
 
 int handle_folder(sd_event_source *, const struct inotify_event *, void *data)
