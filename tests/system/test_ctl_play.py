@@ -312,12 +312,19 @@ def test_an_invalid_command_line_is_refused(shell, words, line):
     assert shell.fail(2, *words)[0] == line
 
 
-@pytest.mark.parametrize("command", [
-    "add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "status", "stop",
-    "sync"])
+COMMANDS = ("add", "check", "list", "monitor", "outputs", "play", "remove", "rename", "status",
+            "stop", "sync")
+
+
+@pytest.mark.parametrize("command", COMMANDS)
 def test_each_command_has_help(shell, command):
     assert f"  {command} " in shell.ok("--help")
     assert shell.ok(command, "--help").startswith(f"Usage:\n  sonobrikctl {command} ")
+
+
+def test_the_help_fits_a_terminal(shell):
+    for words in [["--help"], *([name, "--help"] for name in COMMANDS)]:
+        assert [line for line in shell.ok(*words).splitlines() if len(line) > 80] == []
 
 
 def test_the_version_is_that_of_the_package_and_of_the_news(shell):

@@ -391,7 +391,7 @@ int ctl_add(const CtlCommand *command, char **words)
         ctl_options_value("name", 'n', "Clip name (default: file name without suffix)", "NAME",
                           &options.name),
         ctl_options_flag("copy", 'c', "Copy files to /etc/audioclips first", &options.is_copying),
-        ctl_options_flag("replace", 0, "Replace the recording of a clip that has this file",
+        ctl_options_flag("replace", 0, "Replace the recording of a stored clip",
                          &options.is_replacing),
         {},
     };

@@ -142,8 +142,7 @@ int ctl_list(const CtlCommand *command, char **words)
     gboolean names_only = FALSE;
     const GOptionEntry entries[] = {
         ctl_options_flag("json", 0, "Print a JSON array, for programs", &as_json),
-        ctl_options_flag("names", 0, "Print only clip names, one per line, without ambiguous ones",
-                         &names_only),
+        ctl_options_flag("names", 0, "Print only unambiguous names, one per line", &names_only),
         {},
     };
     const auto check = [&as_json, &names_only](char **) {

@@ -21,7 +21,7 @@ constexpr CtlCommand COMMANDS[] = {
         .operands = "CLIP|FILE|PATTERN",
         .min_operands = 1,
         .max_operands = 1,
-        .summary = "Plays a stored clip, a file, or a random file matching a pattern.",
+        .summary = "Plays a clip, a file, or a random match of PATTERN.",
         .run = ctl_play,
     },
     {
@@ -101,7 +101,7 @@ constexpr CtlCommand COMMANDS[] = {
         .operands = "",
         .min_operands = 0,
         .max_operands = 0,
-        .summary = "Prints playback events and added clips as they happen.",
+        .summary = "Prints playback events and added clips, live.",
         .run = ctl_monitor,
     },
 };
@@ -116,9 +116,9 @@ void print_help()
         const int blanks = OPERANDS_WIDTH - ctl_terminal_width(command.operands);
         printf("  %-8s %s%*s %s\n", command.name, command.operands, blanks, "", command.summary);
     }
-    printf(
-        "\nCLIP is a clip's number, name or file. For a command's options: sonobrikctl help COMMAND\n"
-        "With --host [USER@]MACHINE, every command uses the daemon of that machine, over ssh.\n");
+    printf("\nCLIP is a clip's number, name or file.\n"
+           "For the options of a command: sonobrikctl help COMMAND\n"
+           "With --host [USER@]MACHINE, commands use the daemon of that machine, over ssh.\n");
 }
 
 const CtlCommand *find_command(const char *name)
