@@ -65,7 +65,7 @@ const showOptions = () => {
     get("options-text").classList.toggle("warning", volume > 100);
     get("slider").value = Math.min(volume, 100);
     setText(get("loud"), volume > 100
-        ? "Above 100 % the sound is distorted, and may damage ears and loudspeakers." : "");
+        ? "Above 100 %, the sound may be distorted, and may damage ears and loudspeakers." : "");
     setText(get("options-text"), `volume ${volume} %, ${get("output").value ? `${chosen("output")}, ` : ""}${chosen("repeat")}`);
 };
 
