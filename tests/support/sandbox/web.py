@@ -77,7 +77,10 @@ class Web:
         return self
 
     def start_nginx(self):
-        text = self._read_shipped("nginx").replace("/run/fcgiwrap.socket", "/run/home/fcgi")
+        # "fcgiwrap -c" would do the same with one socket, but its processes outlive the sandbox.
+        sockets = [f"/run/home/fcgi{i}" for i in range(4)]
+        servers = " ".join(f"server unix:{path};" for path in sockets)
+        text = self._read_shipped("nginx").replace("unix:/run/fcgiwrap.socket", "fcgiwrap")
         self._write("nginx/sonobrik.users", f"anna:{HASH}\n")
         self._write("nginx/sonobrik.managers", f"mia:{HASH}\n")
         self._write("nginx/snippets/sonobrik.conf", text)
@@ -87,14 +90,14 @@ class Web:
                     "user root; daemon off; master_process off; pid /run/home/nginx.pid;\n"
                     "error_log stderr;\nevents {}\n"
                     f"http {{\n  access_log off;\n{temporary}"
+                    f"  upstream fcgiwrap {{ least_conn; {servers} }}\n"
                     f"  server {{ listen 127.0.0.1:{self.port};\n"
                     "    include /etc/nginx/snippets/sonobrik.conf;\n  }\n}\n")
         check = self._sandbox.run([find_server("nginx"), "-t", "-c", "/etc/nginx/nginx.conf"])
-        # "-fc8" as in the comments of the shipped configuration.
-        self.processes.append(self._sandbox.spawn(
-            [find_server("fcgiwrap"), "-fc8", "-s", "unix:/run/home/fcgi"]))
-        socket_path = self._sandbox.folder / "run/home/fcgi"
-        wait_until(socket_path.exists, 20, "fcgiwrap is listening")
+        for path in sockets:
+            self.processes.append(self._sandbox.spawn(
+                [find_server("fcgiwrap"), "-s", f"unix:{path}"]))
+            wait_until((self._sandbox.folder / path[1:]).exists, 20, "fcgiwrap is listening")
         self._start([find_server("nginx"), "-c", "/etc/nginx/nginx.conf"])
         return check.stderr
 
