@@ -100,9 +100,10 @@ def await_text(driver, name, text):
 
 
 def list_shown(driver):
-    """Returns the titles of the clips in the list that are not hidden."""
+    """Returns the titles of the clips in the list that can be seen."""
     return driver.execute_script(
-        "return [...document.querySelectorAll('#clips li:not([hidden]) h3')].map((e) => e.textContent)")
+        "return [...document.querySelectorAll('#clips h3')].filter((e) => e.checkVisibility())"
+        ".map((e) => e.textContent)")
 
 
 def read_titles(driver):
