@@ -1,6 +1,8 @@
 """sonobrik-mqtt with a real broker: commands, answers, and what it reports."""
 
 import json
+import pathlib
+import re
 import signal
 import time
 
@@ -123,6 +125,29 @@ def test_the_state_is_retained(bridge, broker, song):
     assert info["outputs"] == [{"output": 0, "device": 0, "deviceOutput": 0}]
     assert set(info["versions"]) == {"sonobrik-mqtt", "libmosquitto"}
     late.close()
+
+
+def find_keys(value):
+    """Returns the keys of all objects in a JSON value."""
+    if isinstance(value, list):
+        return set().union(*(find_keys(item) for item in value))
+    if isinstance(value, dict):
+        return set(value) | find_keys(list(value.values()))
+    return set()
+
+
+def test_the_manual_names_each_member(bridge, operator):
+    bridge.ask("play", {"clip": 1, "at": now_ms() + 500}, status="playing")
+    operator.publish("sonobrik/group/shop/ping")
+    bridge.wait_result(2)
+    info = operator.get(bridge.topic("info"))[-1].json
+    info["versions"] = {}  # its keys are the names of programs
+    keys = find_keys([*bridge.results, info, operator.get(bridge.topic("state"))[-1].json,
+                      operator.wait(bridge.topic("clips")).json])
+    manual = (pathlib.Path(__file__).resolve().parents[2] / "man/sonobrik-mqtt.8").read_text()
+    words = " ".join(re.findall(r"^\.(?:It )?Sy (.*)$", manual, re.MULTILINE))
+    named = set(re.findall(r"\w+", words))
+    assert keys <= named, keys - named
 
 
 def test_the_state_never_names_the_previous_clip(bridge, operator):
