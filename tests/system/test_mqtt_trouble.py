@@ -278,6 +278,23 @@ def test_it_follows_a_restart_of_the_daemon(bridge, operator, sandbox):
     assert bridge.ask("play", {"clip": 0, "id": "back"})["status"] == "playing"
 
 
+def test_a_command_survives_a_restart_of_the_daemon(bridge, operator, sandbox):
+    """The daemon restarts when a sound card is plugged in."""
+    sandbox.daemon.pause()
+    operator.publish(bridge.topic("play"), {"clip": 0, "id": "a", "at": now_ms() + 8000})
+    saved = sandbox.folder / "run/home/mqtt-state-node1/commands.json"
+    wait_until(lambda: saved.exists() and json.loads(saved.read_text())["commands"], 20,
+               "the daemon is asked")
+    # Outside the sandbox, the bus starts the daemon again. Here, the bridge has to wait for it.
+    bridge.process.pause()
+    sandbox.daemon.kill()
+    sandbox.daemon.wait_exit()
+    sandbox.start_daemon()
+    bridge.process.go_on()
+    assert bridge.wait_result()["status"] == "scheduled"
+    assert bridge.wait_result(status="playing")["id"] == "a"
+
+
 def test_a_late_reply_does_not_bring_the_daemon_back(sandbox, broker, operator):
     """The daemon gives up the name that plays before the one that lists the clips."""
     def reply_with(code):

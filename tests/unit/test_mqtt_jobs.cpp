@@ -330,6 +330,27 @@ TEST_F(MqttJobs, AfterAPauseTheBrokerHasSentWhatItKept)
     EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
 }
 
+TEST_F(MqttJobs, AsksOnceMoreIfTheDaemonGoesAwayWhileItChecksTheFile)
+{
+    receive(R"({"location":"a.wav","at":)" + std::to_string(NOON + 60'000) + "}");
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(get_status(), "");
+        g_autoptr(GError) gone = g_error_new(CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON, "gone");
+        fake_replies.back()(nullptr, gone);
+        mqtt_jobs_on_retry(nullptr, 0, &bridge);
+    }
+    EXPECT_EQ(fake_calls, (std::vector<std::string>{"SupportedFile", "SupportedFile"}));
+    EXPECT_EQ(get_status(), "failed");
+}
+
+TEST_F(MqttJobs, DoesNotAskAgainIfTheDaemonGoesAwayWhileItStartsTheClip)
+{
+    receive(R"({"location":"a.wav"})");
+    g_autoptr(GError) gone = g_error_new(CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON, "gone");
+    fake_replies.back()(nullptr, gone);
+    EXPECT_EQ(get_status(), "failed");
+}
+
 TEST_F(MqttJobs, PlaysNothingIfTheClockIsSetWhileTheFileIsChecked)
 {
     receive(R"({"location":"a.wav","at":)" + std::to_string(NOON + 60'000) + "}");

@@ -291,6 +291,10 @@ int add_sources(MqttBridge *bridge)
         r = sd_event_source_set_enabled(bridge->alarm, SD_EVENT_OFF);
     }
     if (r >= 0) {
+        r = sd_event_add_time_relative(bridge->event, &bridge->retry, CLOCK_MONOTONIC, 0, 0,
+                                       mqtt_jobs_on_retry, bridge);
+    }
+    if (r >= 0) {
         r = sd_event_add_time_relative(bridge->event, &bridge->refresh, CLOCK_MONOTONIC, 0, 0,
                                        on_refresh, bridge);
     }
@@ -383,6 +387,7 @@ bool mqtt_bridge_free(MqttBridge *bridge)
     mqtt_daemon_free(bridge->daemon);
     sd_event_source_disable_unref(bridge->post);
     sd_event_source_disable_unref(bridge->alarm);
+    sd_event_source_disable_unref(bridge->retry);
     sd_event_source_disable_unref(bridge->refresh);
     sd_event_source_disable_unref(bridge->settled);
     sd_event_source_disable_unref(bridge->siren_end);

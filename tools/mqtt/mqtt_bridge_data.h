@@ -71,6 +71,7 @@ struct MqttBridge {
 
     sd_event_source *post;
     sd_event_source *alarm;     /* the next call of the daemon, on the machine's clock */
+    sd_event_source *retry;     /* asks a daemon that went away again */
     sd_event_source *refresh;   /* lists the clips */
     sd_event_source *settled;   /* publishes the state after an event */
     bool is_settling;           /* until then, only a part of the events may have arrived */

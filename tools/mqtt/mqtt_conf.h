@@ -62,6 +62,6 @@ bool mqtt_conf_is_local(std::string_view host);
 bool mqtt_conf_load_password(std::string *password, const std::string &credential,
                              const std::string &file, std::string *why);
 
-/* Returns false and sets `why` if a file of a certificate or a key cannot be read, or if other users
- * can read that of the key. */
+/* Returns false and sets `why` if a file of a certificate or a key cannot be read, or if other
+ * users can read that of the key. */
 bool mqtt_conf_check_files(const MqttConf &conf, std::string *why);

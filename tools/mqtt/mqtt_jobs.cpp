@@ -20,6 +20,10 @@ namespace
 constexpr size_t MAX_JOBS = 64;
 constexpr size_t MAX_STOPS = 16;
 
+/* When to ask again if the daemon went away while it was asked about a clip, in microseconds. It
+ * restarts within this time when a sound card is plugged in. */
+constexpr guint64 RETRY_DELAY = 1'000'000;
+
 /* How many answers are kept for the next connection, or wait for the broker's confirmation. */
 constexpr size_t MAX_KEPT = 256;
 constexpr unsigned MAX_UNCONFIRMED = 1000;
@@ -225,17 +229,40 @@ void wait_for_time(MqttBridge *bridge, MqttJob *job)
     set_alarm(bridge);
 }
 
+/*
+ * Starts the job again later, and returns true, if `error` tells that the daemon went away. Does so
+ * once for each job. Only for calls that do not play: it is not known what the daemon did.
+ */
+bool retry_later(MqttBridge *bridge, MqttJob *job, const GError *error)
+{
+    if (job->was_retried || !g_error_matches(error, CLIENT_ERROR, CLIENT_ERROR_NO_DAEMON)) {
+        return false;
+    }
+    job->was_retried = true;
+    job->state = MQTT_JOB_RETRYING;
+    sd_event_source_set_time_relative(bridge->retry, RETRY_DELAY);
+    sd_event_source_set_enabled(bridge->retry, SD_EVENT_ONESHOT);
+    return true;
+}
+
+void on_checked(MqttBridge *bridge, MqttJob *job, const GError *error)
+{
+    if (!error) {
+        job->needs_check = false;
+        play(bridge, job);
+    } else if (!retry_later(bridge, job, error)) {
+        finish(bridge, job, MQTT_FAILED, get_text(error));
+    }
+}
+
 void check(MqttBridge *bridge, MqttJob *job)
 {
     job->state = MQTT_JOB_CHECKING;
     mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "SupportedFile", job->location.c_str(),
                      [bridge, number = job->number](sd_bus_message *, const GError *error) {
                          MqttJob *checked = find_job(bridge, number);
-                         if (checked && error) {
-                             finish(bridge, checked, MQTT_FAILED, get_text(error));
-                         } else if (checked) {
-                             checked->needs_check = false;
-                             play(bridge, checked);
+                         if (checked) {
+                             on_checked(bridge, checked, error);
                          }
                      });
 }
@@ -297,6 +324,9 @@ void on_clips_for_job(MqttBridge *bridge, MqttJob *job, GPtrArray *clips, const 
 {
     g_autoptr(GError) error = nullptr;
     const ClientClip *clip = clips ? find_clip(job->command, clips, &error) : nullptr;
+    if (!clips && retry_later(bridge, job, failure)) {
+        return;
+    }
     if (!clip) {
         finish(bridge, job, MQTT_FAILED, get_text(clips ? error : failure));
         return;
@@ -563,6 +593,24 @@ void mqtt_jobs_resume(MqttBridge *bridge)
         }
     }
     bridge->must_save = true;
+}
+
+int mqtt_jobs_on_retry(sd_event_source *, guint64, void *data)
+{
+    auto *bridge = static_cast<MqttBridge *>(data);
+    std::vector<gint64> numbers;
+    for (const MqttJob &job : bridge->store.jobs) {
+        if (job.state == MQTT_JOB_RETRYING) {
+            numbers.push_back(job.number);
+        }
+    }
+    for (const gint64 number : numbers) {
+        MqttJob *job = find_job(bridge, number);
+        if (!finish_if_late(bridge, job)) {
+            start(bridge, job);
+        }
+    }
+    return 0;
 }
 
 void mqtt_jobs_resume_siren(MqttBridge *bridge)

@@ -28,6 +28,9 @@ void mqtt_jobs_end_siren(MqttBridge *bridge);
  * machine's clock, so it also takes effect if the clock is set. */
 int mqtt_jobs_on_alarm(sd_event_source *source, guint64 time, void *data);
 
+/* Asks the daemon again about the jobs for which it went away. Called by the timer `retry`. */
+int mqtt_jobs_on_retry(sd_event_source *source, guint64 time, void *data);
+
 /* Sends an answer that the broker refused on its response topic to the node's own topic. */
 void mqtt_jobs_on_published(MqttBridge *bridge, int message, bool is_refused);
 

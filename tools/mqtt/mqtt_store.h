@@ -18,6 +18,7 @@ enum MqttJobState {
     MQTT_JOB_NEW,
     MQTT_JOB_FINDING,  /* the daemon is asked for the clip's location */
     MQTT_JOB_CHECKING, /* the daemon is asked whether it can play the file */
+    MQTT_JOB_RETRYING, /* waits to ask again, because the daemon went away */
     MQTT_JOB_WAITING,  /* for its time */
     MQTT_JOB_PLAYING,  /* the daemon is asked to play */
     MQTT_JOB_STOPPING, /* the daemon is asked to stop */
@@ -37,6 +38,7 @@ struct MqttJob {
 
     MqttCommand command;
     MqttJobState state = MQTT_JOB_NEW;
+    bool was_retried = false;
     bool needs_check = false; /* the file must be checked even if it plays at once */
     std::string location;     /* once it is found */
     gint64 clip = -1;         /* number of the stored clip, or -1 */
