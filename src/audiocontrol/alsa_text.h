@@ -11,6 +11,7 @@
  * its output 0, and "deviceN_outputO" for each output. The definitions do not replace those that
  * exist when the file is loaded, so those of the administrator take precedence.
  *
- * The text contains nothing that a card chooses itself, except for an id of letters and digits.
+ * The text contains nothing that a card chooses itself, except for an id of letters, digits,
+ * hyphens and underscores.
  */
 std::string alsa_text_make(const DeviceTable &table);

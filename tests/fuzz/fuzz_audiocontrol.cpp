@@ -7,6 +7,7 @@
 #include <glib.h>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 /* The header declares snd_lib_error_set_local() without extern "C". */
 extern "C" {
@@ -47,6 +48,7 @@ static void check_conf(const ControlConf &conf)
 {
     for (const ControlRule &rule : conf) {
         g_assert(!rule.value.empty());
+        check_text(rule.value);
         g_assert(!rule.number || (*rule.number >= 0 && *rule.number <= CONTROL_CONF_MAX_NUMBER));
         if (rule.name) {
             check_text(*rule.name);
@@ -68,6 +70,18 @@ static void check_table(const DeviceTable &table)
         check_text(device.name);
         g_assert(device.plugged_in || device.outputs.empty());
     }
+}
+
+/* Returns the devices without what may be exchanged between cards with the same identifiers. */
+static std::vector<std::tuple<int, bool, std::string, std::string, std::string>>
+list_devices(const DeviceTable &table)
+{
+    std::vector<std::tuple<int, bool, std::string, std::string, std::string>> devices;
+    for (const Device &device : table) {
+        devices.emplace_back(device.number, device.plugged_in, device.serial, device.path,
+                             device.card_id);
+    }
+    return devices;
 }
 
 static std::vector<SoundCard> make_cards(std::string_view names, std::string_view text)
@@ -133,8 +147,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check_table(table);
 
     const std::string_view names = cut(&text);
-    device_table_update(&table, make_cards(names, text), conf);
+    const std::vector<SoundCard> cards = make_cards(names, text);
+    device_table_update(&table, cards, conf);
     check_table(table);
+    /* Reading the same cards again must change nothing. */
+    DeviceTable same = table;
+    device_table_update(&same, cards, conf);
+    g_assert(list_devices(same) == list_devices(table));
     check_alsa(table);
 
     DeviceTable again;
