@@ -46,6 +46,10 @@ constexpr uint64_t MAX_START_USEC = 10'000 * MSEC;
 /* How long cards may keep coming and going before that is logged. */
 constexpr uint64_t UNREST_USEC = 10'000 * MSEC;
 
+/* The administrator's ALSA configuration, beside asound.conf. */
+constexpr const char *ALSA_FOLDER = SONOBRIK_SYSCONFDIR "/alsa";
+constexpr const char *ALSA_CONF_FOLDER = SONOBRIK_SYSCONFDIR "/alsa/conf.d";
+
 constexpr mode_t FILE_MODE = 0644;
 constexpr int FOLDER_MODE = 0755;
 
@@ -367,8 +371,7 @@ void watch_folders(Service *service)
     g_autofree char *conf_folder = g_path_get_dirname(conf.c_str());
     /* The second folder is another one than the first if the file is a link. */
     const std::set<std::string> folders = {conf_folder, find_real_folder(conf), SONOBRIK_SYSCONFDIR,
-                                           SONOBRIK_SYSCONFDIR "/alsa",
-                                           SONOBRIK_SYSCONFDIR "/alsa/conf.d"};
+                                           ALSA_FOLDER, ALSA_CONF_FOLDER};
     std::vector<sd_event_source *> previous = std::exchange(service->watches, {});
     for (const std::string &folder : folders) {
         sd_event_source *watch = nullptr;
