@@ -13,8 +13,9 @@ from .wait import wait_until
 
 SYS_PIDFD_GETFD = 438
 
-# In the order in which the daemon opens them.
-PURPOSES = ("events", "controls", "legacy", "policy", "main")
+# In the order in which the bus names them. That of the policy is opened before the main one, but the
+# daemon does not wait for it.
+PURPOSES = ("events", "controls", "legacy", "main", "policy")
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -35,8 +36,15 @@ def list_connections(sandbox):
 
 
 def find_connections(sandbox):
-    """Returns the unique names of the daemon's connections by purpose, if none was lost yet."""
-    return dict(zip(PURPOSES, list_connections(sandbox)))
+    """Returns the unique names of the daemon's connections by purpose, if none was lost yet.
+
+    Waits for the last one, which may come after the daemon's own names.
+    """
+    def find():
+        names = list_connections(sandbox)
+        return names if len(names) == len(PURPOSES) else None
+
+    return dict(zip(PURPOSES, wait_until(find, 10, "the daemon has all its connections")))
 
 
 def _copy_descriptor(process, number):
