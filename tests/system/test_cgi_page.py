@@ -77,6 +77,14 @@ def find_button(driver, name):
     return found[0]
 
 
+def await_button(driver, name):
+    """Waits until there is a button with this accessible name, and returns it."""
+    wait_until(lambda: name in [button.accessible_name
+                                for button in driver.find_elements(By.TAG_NAME, "button")],
+               20, f"the page shows the button {name!r}")
+    return find_button(driver, name)
+
+
 def read(driver, name):
     """Returns the text of the element with this ID, or "" while a page is loading."""
     try:
@@ -670,7 +678,7 @@ def test_the_suggested_name_is_one_that_the_device_accepts(shared, web, managing
     wait_until(lambda: "The name is too long." in driver.find_element(By.ID, "queue").text, 20,
                "the name is refused")
     driver.execute_script("arguments[0].value = arguments[1]", name, "🔔" * 63)
-    find_button(driver, "Add 1 clip").click()
+    await_button(driver, "Add 1 clip").click()
     wait_until(lambda: list_shown(driver) == [*before, "🔔" * 63], 20, "the clip is added")
     assert (shared.etc / "audioclips/abcd.wav").exists()
     # The name of a file may have more bytes than that of a clip.
@@ -700,7 +708,7 @@ def test_an_upload_is_cancelled_and_tried_again(shared, web, managing, tmp_path)
                    "the upload ends")
     finally:
         driver.execute_cdp_cmd("Network.emulateNetworkConditions", limit | {"uploadThroughput": -1})
-    find_button(driver, "Add 2 clips").click()
+    await_button(driver, "Add 2 clips").click()
     wait_until(lambda: list_shown(driver) == [*before, "first", "second"], 30, "both are added")
     assert sorted(path.name for path in (shared.etc / "audioclips/.uploads").iterdir()) == []
     remove_last(shared, driver, [*before, "first"], "second")
