@@ -13,8 +13,8 @@ from .wait import wait_until
 
 SYS_PIDFD_GETFD = 438
 
-# In the order in which the bus names them. That of the policy is opened before the main one, but the
-# daemon does not wait for it.
+# In the order in which the bus names them. The daemon opens that of the policy before the main one,
+# but does not wait for it.
 PURPOSES = ("events", "controls", "legacy", "main", "policy")
 
 _libc = ctypes.CDLL(None, use_errno=True)
