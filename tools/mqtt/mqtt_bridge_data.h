@@ -62,20 +62,20 @@ struct MqttBridge {
     /* After a connection, the broker sends the messages of the time while the node was away, then
      * the node's own "online" with its mark. */
     bool is_catching_up;
+    int alive_fd;         /* the file with the time of the last packet */
     gint64 last_kept;     /* when the last of those messages came; time since the boot */
     gint64 away;          /* for how long the node may have been away, or MQTT_UNKNOWN */
     std::string mark;     /* correlation data of the newest "online" */
     gint64 alive;         /* time since the boot of the last packet, or MQTT_UNKNOWN */
     gint64 alive_written; /* what the file contains */
-    int alive_fd;
 
     sd_event_source *post;
     sd_event_source *alarm;     /* the next call of the daemon, on the machine's clock */
     sd_event_source *retry;     /* asks a daemon that went away again */
     sd_event_source *refresh;   /* lists the clips */
     sd_event_source *settled;   /* publishes the state after an event */
-    bool is_settling;           /* until then, only a part of the events may have arrived */
     sd_event_source *siren_end; /* stops a siren that has a duration */
     bool is_listing;            /* the daemon is asked for the clips */
     bool must_list_again;
+    bool is_settling; /* `settled` is running: only a part of the events may have arrived */
 };
