@@ -146,7 +146,11 @@ class Client:
         if user:
             self._client.username_pw_set(user, password)
         if broker.tls:
-            self._client.tls_set_context(ssl.create_default_context(cafile=str(broker.ca_file)))
+            # Not create_default_context(): from Python 3.13 on, it requires extensions that the
+            # certificates of make_certificates() do not have.
+            context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+            context.load_verify_locations(broker.ca_file)
+            self._client.tls_set_context(context)
         # The broker keeps messages for it while the connection is interrupted.
         session = Properties(PacketTypes.CONNECT)
         session.SessionExpiryInterval = 600
