@@ -6,7 +6,7 @@ import re
 import shutil
 
 import pytest
-from sandbox import Store, Web, clips, find_server
+from sandbox import Store, Web, clips, find_server, wait_until
 
 if not find_server("lighttpd") or not shutil.which("curl") or not shutil.which("openssl"):
     pytest.skip("lighttpd, curl or openssl is not installed", allow_module_level=True)
@@ -77,11 +77,11 @@ def test_the_requests_are_answered_as_shown(sandbox, web):
     assert web.get("action=status", user="anna:wrong").status == 401
     assert web.manage("action=status", user="anna:s3cret").status == 401
 
-    assert web.get("action=play&clip=0&volume=50").text.strip() == find_example("action=play")
-    status = json.loads(web.get("action=status").text)
+    assert web.get("action=play&clip=0&repeat=-1").text.strip() == find_example("action=play")
     shown = json.loads(find_example("action=status"))
+    status = wait_until(lambda: (now := json.loads(web.get("action=status").text))["text"]
+                        == shown["text"] and now, 20, f"the status is {shown['text']!r}")
     assert status.keys() == shown.keys()
-    assert status["text"] == shown["text"]
     assert [output.keys() for output in status["outputs"]] == [
         output.keys() for output in shown["outputs"]]
 

@@ -7,7 +7,7 @@ import shutil
 import subprocess
 
 import pytest
-from sandbox import clips
+from sandbox import clips, wait_until
 from sandbox.shell import PROGRAM
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -135,9 +135,14 @@ def test_the_examples_of_the_client_print_what_the_page_shows(sandbox, shell, pl
     examples = [pair for pair in read_examples("sonobrikctl.1") if "root@" not in pair[0]]
     assert len(examples) == 9
     for command, output in examples:
+        player.fence()
+        first = len(player.events)
         result = sandbox.run(["sh", "-c", f"cd /run/home; {command}"], check=False,
                              env={"PATH": f"{pathlib.Path(PROGRAM).parent}:/usr/bin:/bin"})
         # The virtual sound card has no name.
         shown = [line.split() for line in output.replace("USB Audio DAC", "-").splitlines()]
         assert [line.split() for line in result.stdout.splitlines()] == shown, command
         assert result.stderr == "", command
+        if "--repeat forever" in command:
+            wait_until(lambda: any(event[0] == "CurrentlyPlaying" for event in player.events[first:]),
+                       20, "a clip is playing")

@@ -7,7 +7,7 @@ import shutil
 import subprocess
 
 import pytest
-from sandbox import clips
+from sandbox import clips, wait_until
 from sandbox.shell import PROGRAM
 
 PAGE = (pathlib.Path(__file__).resolve().parents[2] / "README.md").read_text()
@@ -33,6 +33,8 @@ def test_the_first_three_commands_store_and_play_a_sound(sandbox, shell, player)
     clips.write_wav(sandbox.folder / "run/home" / add.pop(), clips.noise(480000))
     shell.ok(*add, "/run/home/door.wav")
     shell.ok(*play)
+    wait_until(lambda: any(event[0] == "CurrentlyPlaying" for event in player.events), 20,
+               "the clip is playing")
     assert re.search(r"^File: +door\.wav$", shell.ok(*status), re.MULTILINE)
 
 
