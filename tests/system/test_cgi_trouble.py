@@ -4,7 +4,6 @@ import grp
 import html
 import pwd
 import shutil
-import time
 
 import pytest
 
@@ -202,15 +201,13 @@ def run_hastily(sandbox, query, **variables):
 
 @pytest.mark.parametrize("query", ["", "action=list"])
 def test_all_calls_of_a_request_share_one_limit(sandbox, query):
-    """The list needs two calls. The first one takes most of the limit, which is 280 s / 60."""
+    """The list needs two calls. Only one of them fits into the limit, which is 280 s / 60."""
     mock = Mock(sandbox)
     mock.answer("GetConfigurations", "", "a{ia{sv}}",
-                "import time; time.sleep(4); ret = {0: {'Name': 'Door'}}", LEGACY)
-    mock.answer("GetMetadata", "", "s", "import time; time.sleep(40); ret = '[]'")
-    start = time.monotonic()
+                "import time; time.sleep(3); ret = {0: {'Name': 'Door'}}", LEGACY)
+    mock.answer("GetMetadata", "", "s", "import time; time.sleep(3); ret = '[]'")
     result = run_hastily(sandbox, query)
     assert result.stdout.startswith("Status: 504 "), result.stdout
-    assert 4 < time.monotonic() - start < 7
 
 
 def test_invalid_environments_are_handled(sandbox):
