@@ -191,7 +191,9 @@ def test_a_clip_is_not_played_in_place_of_another(shared, web, quiet, scripted):
     number = store.add_clip(BELL, "Spare")
     driver = show(scripted, web)
     try:
-        driver.execute_script("clearTimeout(timers.poll)")
+        # Ends the page's own requests, also after one that is under way.
+        driver.execute_script("clearTimeout(timers.poll);"
+                              "Object.defineProperty(document, 'hidden', {value: true})")
         store.call("RemoveConfiguration", "(i)", number)
         assert store.add_clip(DOOR, "Alarm") == number
         first = len(quiet.events)
@@ -509,7 +511,7 @@ def test_the_page_shows_that_the_daemon_is_away(sandbox, tmp_path):
 
 def test_the_page_says_that_the_daemon_is_slow(sandbox, tmp_path):
     sandbox.start_daemon()
-    Store(sandbox).add_clip(sandbox.write_clip("door.wav", clips.tone(440, 9)).path, "Door")
+    Store(sandbox).add_clip(sandbox.write_clip("door.wav", clips.tone(440, 30)).path, "Door")
     server = Web(sandbox).start_lighttpd()
     with open_browser(tmp_path / "browser", 390, 800) as driver:
         show(driver, server)
@@ -546,7 +548,7 @@ def test_a_browser_that_cannot_run_the_script_gets_a_link(web, scripted):
     finally:
         driver.execute_cdp_cmd("Page.removeScriptToEvaluateOnNewDocument", code)
         driver.get_log("browser")
-    assert read(driver, "now-text") == "Nothing is playing."
+    await_text(driver, "now-text", "Nothing is playing.")
 
 
 # Changing clips
@@ -649,6 +651,8 @@ def drop_files(driver, paths):
     data = {"items": [], "files": [str(path) for path in paths], "dragOperationsMask": 1}
     for kind in ("dragEnter", "dragOver", "drop"):
         driver.execute_cdp_cmd("Input.dispatchDragEvent", {"type": kind, "data": data} | place)
+    wait_until(lambda: len(driver.find_elements(By.CSS_SELECTOR, "#queue li")) == len(paths), 20,
+               "the page lists the files")
 
 
 def test_a_folder_that_is_dropped_is_refused(web, managing, tmp_path):
@@ -710,7 +714,8 @@ def test_an_upload_is_cancelled_and_tried_again(shared, web, managing, tmp_path)
         driver.execute_cdp_cmd("Network.emulateNetworkConditions", limit | {"uploadThroughput": -1})
     await_button(driver, "Add 2 clips").click()
     wait_until(lambda: list_shown(driver) == [*before, "first", "second"], 30, "both are added")
-    assert sorted(path.name for path in (shared.etc / "audioclips/.uploads").iterdir()) == []
+    wait_until(lambda: list((shared.etc / "audioclips/.uploads").iterdir()) == [], 60,
+               "the cancelled file is removed")
     remove_last(shared, driver, [*before, "first"], "second")
     remove_last(shared, driver, before, "first")
 
