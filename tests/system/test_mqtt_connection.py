@@ -52,8 +52,9 @@ def test_an_old_state_does_not_follow_the_new_one(bridge, scripted, sandbox):
                      "StopPlayingClip", "(s)", "")
     bridge.wait_log("no connection to the broker")
     before = len(scripted.get(bridge.topic("state")))
-    scripted.acknowledges = scripted.accepts = scripted.has_session = True
     infos = len(scripted.get(bridge.topic("info")))
+    scripted.acknowledges = scripted.has_session = True
+    scripted.accepts = True
     wait_until(lambda: len(scripted.get(bridge.topic("info"))) > infos, 60, "it is connected again")
     bridge.stop()
     states = scripted.get(bridge.topic("state"))[before:]
