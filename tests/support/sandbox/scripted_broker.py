@@ -143,6 +143,7 @@ class ScriptedBroker:
                 if publication.topic == topic]
 
     def close(self):
+        self._server.shutdown(socket.SHUT_RDWR)  # ends accept() in the other thread
         self._server.close()
         if self._connection:
             self._connection.close()
