@@ -293,8 +293,9 @@ def test_a_command_survives_a_restart_of_the_daemon(bridge, operator, sandbox):
     sandbox.daemon.wait_exit()
     sandbox.start_daemon()
     bridge.process.go_on()
-    assert bridge.wait_result()["status"] == "scheduled"
     assert bridge.wait_result(status="playing")["id"] == "a"
+    # On a busy machine, the daemon may come back only after the given time.
+    assert {answer["status"] for answer in bridge.results} <= {"scheduled", "playing"}
 
 
 def test_a_late_reply_does_not_bring_the_daemon_back(sandbox, broker, operator):
