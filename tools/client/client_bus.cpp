@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -29,8 +28,8 @@ namespace
 
 constexpr uint64_t NO_LIMIT = UINT64_MAX;
 
-/* How long further calls may wait together, in µs. */
-std::atomic<uint64_t> time_left = NO_LIMIT;
+/* How long further calls of the process may wait together, in µs. */
+uint64_t time_left = NO_LIMIT;
 
 /* The errors that the bus or systemd sends when the daemon is not running. An entry that ends with
  * a dot matches all errors with that prefix. */
@@ -81,15 +80,14 @@ int send_call(sd_bus *bus, sd_bus_message *call, sd_bus_error *error, sd_bus_mes
 {
     uint64_t limit = NO_LIMIT;
     sd_bus_get_method_call_timeout(bus, &limit);
-    const uint64_t left = time_left;
-    if (left == 0) {
+    if (time_left == 0) {
         return sd_bus_error_set_const(error, SD_BUS_ERROR_TIMEOUT, "No time is left for the call");
     }
     const gint64 start = g_get_monotonic_time();
-    const int r = sd_bus_call(bus, call, std::min(limit, left), error, answer);
-    if (left != NO_LIMIT) {
+    const int r = sd_bus_call(bus, call, std::min(limit, time_left), error, answer);
+    if (time_left != NO_LIMIT) {
         const auto taken = static_cast<uint64_t>(g_get_monotonic_time() - start);
-        time_left = left - std::min(left, taken);
+        time_left -= std::min(time_left, taken);
     }
     return r;
 }

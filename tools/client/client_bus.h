@@ -45,7 +45,7 @@ void client_bus_set_limit(sd_bus *bus, guint seconds);
 /*
  * Limits how long all later client_bus_call()s of the process wait together, on whichever
  * connection. The limits of client_bus_set_limit() still apply. Once the time is used up, every
- * call fails with CLIENT_ERROR_TIMEOUT and is not sent. 0 removes the limit.
+ * call fails with CLIENT_ERROR_TIMEOUT and is not sent. 0 removes the limit. Not thread-safe.
  */
 void client_bus_set_total_limit(guint seconds);
 
