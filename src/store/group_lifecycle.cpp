@@ -30,7 +30,10 @@ gint32 find_free_index()
     if (!sonobrik_group_conf_get_max_group_index(&max_index)) {
         return -1;
     }
-    gint32 index = std::min(sonobrik_group_conf_count_files_without_gap(), max_index);
+    gint32 index = 0;
+    if (max_index > 0) {
+        index = std::min(sonobrik_group_conf_count_files_without_gap(), max_index);
+    }
     while (index < max_index && index_is_taken(index)) {
         index++;
     }
