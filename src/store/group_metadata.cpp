@@ -116,8 +116,8 @@ int append_part(const char *part, size_t length, void *text)
 }
 
 /*
- * Appends `value` as a further element of the JSON array in `text`, which is still without its
- * closing bracket. Returns false on failure; the end of `text` is then useless.
+ * Appends `value` to the JSON array in `text`, which does not have its closing bracket yet. On
+ * failure, returns false and may leave a part of the value at the end of `text`.
  */
 bool append_element(GString *text, const json_t *value)
 {
