@@ -8,8 +8,9 @@ const findFault = (file) => file.size === 0 ? "The file is empty."
     : file.size > state.changes.limit ? `The file has ${formatSize(file.size)}; the limit is ${formatSize(state.changes.limit)}.`
     : REFUSED.test(file.name) ? ADVICE : "";
 
-/* Sends a file as the body, which fetch() cannot do with a progress. */
 const UNSENT = "The file could not be sent. Check the connection to the device.";
+
+/* Sends a file as the body. fetch() could not report the progress. */
 const sendFile = (fields, file, onProgress, signal = null) => new Promise((resolve) => {
     const sending = new XMLHttpRequest();
     sending.open("POST", `${program}?${new URLSearchParams(fields)}`);
@@ -27,8 +28,8 @@ const NAME_MAX = 255; /* bytes */
 const countBytes = (text) => new TextEncoder().encode(text).length;
 const findNameFault = (name) => countBytes(name) > NAME_MAX ? "The name is too long." : "";
 
-/* What the device refuses in a name, and web servers in an address. The exceptions join emoji and
- * make flags. */
+/* Characters that the device refuses in a name, and web servers in an address. The exceptions join
+ * emoji and make flags. */
 const UNSHOWN = /(?![\u200c\u200d\u{e0020}-\u{e007f}])[\p{Cc}\p{Cf}\p{Zl}\p{Zp}]/gu;
 
 const cleanName = (file) => file.name.replace(UNSHOWN, "");
@@ -48,7 +49,7 @@ const suggestName = (fileName) => {
 /* The files to send: the file, its row, and whether it waits to be sent. */
 const queue = [];
 
-/* Ends the upload that is going on; null if there is none. */
+/* The AbortController of the upload that is going on; null if there is none. */
 let uploading = null;
 
 const showQueue = () => {

@@ -82,8 +82,8 @@ const checkMessage = () => {
     }
 };
 
-/* Shows why an action failed. That the daemon cannot be reached applies until it answers again, but
- * the message stays long enough to be read. */
+/* Shows why an action failed. The message that the daemon cannot be reached disappears when it
+ * answers again, but stays long enough to be read. */
 const showFailure = (answer, isTrue = null) => {
     const readUntil = performance.now() + 4000;
     showMessage(answer.text, "bad", UNREACHABLE_STATUS.includes(answer.status)

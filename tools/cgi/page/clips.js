@@ -2,8 +2,8 @@
 
 const SEARCH_FROM = 12; /* with fewer clips, there is no search field */
 const PERIOD = 1500; /* ms between two requests for the status, which costs little */
-const PATIENCE = 8000; /* ms after which the page says that the status does not come */
 const LIST_PERIOD = 30000; /* the same for the list if the status does not tell whether it changed */
+const PATIENCE = 8000; /* ms without a status until the page says that nothing responds */
 
 /* The row of each clip, by number, with the clip that it shows as JSON. */
 const rows = new Map();
