@@ -369,7 +369,7 @@ void watch_folders(Service *service)
                                  IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR;
     const std::string &conf = service->files->conf;
     g_autofree char *conf_folder = g_path_get_dirname(conf.c_str());
-    /* The second folder is another one than the first if the file is a link. */
+    /* The second folder differs from the first if the file is a link. */
     const std::set<std::string> folders = {conf_folder, find_real_folder(conf), SONOBRIK_SYSCONFDIR,
                                            ALSA_FOLDER, ALSA_CONF_FOLDER};
     std::vector<sd_event_source *> previous = std::exchange(service->watches, {});
@@ -379,7 +379,7 @@ void watch_folders(Service *service)
                                            handle_folder, service);
         if (r >= 0) {
             service->watches.push_back(watch);
-        } else if (r != -ENOENT && previous.empty()) {
+        } else if (r != -ENOENT && previous.empty()) { /* only once, not with each event */
             g_warning("%sCannot watch %s: %s", "", folder.c_str(), g_strerror(-r));
         }
     }

@@ -123,9 +123,9 @@ std::map<int, std::string> sound_card_read_names(std::string_view cards)
         line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
         int index = 0;
         const bool is_card = cut_number(&line, "", &index) && line.starts_with(" [");
-        const size_t end = line.find(separator);
-        if (is_card && end != line.npos &&
-            !names.emplace(index, line.substr(end + separator.size())).second) {
+        const size_t driver_end = line.find(separator);
+        if (is_card && driver_end != line.npos &&
+            !names.emplace(index, line.substr(driver_end + separator.size())).second) {
             doubtful.insert(index);
         }
     }

@@ -47,8 +47,8 @@ SoundCard sound_card_make(const SoundCardFacts &facts);
 
 /*
  * Returns the names of the cards in the content of /proc/asound/cards, by the kernel's number. The
- * name of a card may contain line breaks and imitate the line of another card, so a card with two
- * lines has no name.
+ * name of a card may contain line breaks and imitate the first line of another card. If two lines
+ * begin with the same number, none of them counts, and that card has no name.
  */
 std::map<int, std::string> sound_card_read_names(std::string_view cards);
 
