@@ -11,7 +11,9 @@
 #include "mqtt_clock.h"
 #include "mqtt_discovery.h"
 #include "mqtt_jobs.h"
+#include "mqtt_outbox.h"
 #include "mqtt_save.h"
+#include "mqtt_siren.h"
 #include "mqtt_topics.h"
 
 namespace
@@ -127,7 +129,7 @@ void on_heard(MqttBridge *bridge)
     if (bridge->alive - bridge->alive_written >= ALIVE_INTERVAL) {
         write_alive(bridge);
     }
-    mqtt_jobs_send_kept(bridge);
+    mqtt_outbox_send_kept(bridge);
 }
 
 void on_connected(MqttBridge *bridge, bool has_session)
@@ -146,7 +148,7 @@ void on_connected(MqttBridge *bridge, bool has_session)
     bridge->published = {};
     publish_all(bridge);
     publish_info(bridge);
-    mqtt_jobs_send_kept(bridge);
+    mqtt_outbox_send_kept(bridge);
 }
 
 void on_received(MqttBridge *bridge, const MqttMessage &message)
@@ -222,7 +224,7 @@ void list_outputs(MqttBridge *bridge)
         if (outputs) {
             note_reply(bridge);
             mqtt_state_set_outputs(&bridge->state, outputs, mqtt_clock_now());
-            mqtt_jobs_resume_siren(bridge);
+            mqtt_siren_resume(bridge);
             publish_info(bridge);
         }
         publish_all(bridge);
@@ -238,7 +240,7 @@ void on_owner(MqttBridge *bridge, bool is_running)
         list_clips_soon(bridge);
         return;
     }
-    mqtt_jobs_end_siren(bridge);
+    mqtt_siren_forget(bridge);
     for (MqttOutput &output : bridge->state.outputs) {
         output.since = output.playing ? mqtt_clock_now() : output.since;
         output.playing = false;
@@ -250,7 +252,7 @@ void on_event(MqttBridge *bridge, const ClientEvent &event)
 {
     mqtt_state_apply(&bridge->state, event, mqtt_clock_now());
     if (event.is_state && !event.playing) {
-        mqtt_jobs_end_siren(bridge);
+        mqtt_siren_forget(bridge);
     }
     if (!bridge->is_settling) {
         bridge->is_settling = true;
@@ -338,7 +340,7 @@ bool open_client(MqttBridge *bridge, const std::string &password, std::string *w
         .received = [bridge](const MqttMessage &message) { on_received(bridge, message); },
         .published =
             [bridge](int message, bool is_refused) {
-                mqtt_jobs_on_published(bridge, message, is_refused);
+                mqtt_outbox_on_published(bridge, message, is_refused);
             },
     };
     bridge->client = mqtt_client_new(bridge->event, bridge->conf, password, handlers, why);

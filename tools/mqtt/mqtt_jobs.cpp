@@ -7,10 +7,11 @@
 
 #include "autoptr.h"
 #include "client_clips.h"
-#include "mqtt_answer.h"
 #include "mqtt_bridge_data.h"
 #include "mqtt_clock.h"
+#include "mqtt_outbox.h"
 #include "mqtt_save.h"
+#include "mqtt_siren.h"
 #include "mqtt_topics.h"
 
 namespace
@@ -24,13 +25,6 @@ constexpr size_t MAX_STOPS = 16;
  * restarts within this time when a sound card is plugged in. */
 constexpr guint64 RETRY_DELAY = 1'000'000;
 
-/* How many answers are kept for the next connection, or wait for the broker's confirmation. */
-constexpr size_t MAX_KEPT = 256;
-constexpr unsigned MAX_UNCONFIRMED = 1000;
-
-/* The longest siren, in milliseconds; also if the clock was set back. */
-constexpr gint64 MAX_SIREN = MQTT_MAX_DURATION * 1000;
-
 /* After this time without a command, in milliseconds, the broker has sent all messages that it kept
  * for the node. It counts if the node's own "online" does not arrive: the broker may not let the
  * node read it, or its queue for the node may have been full. */
@@ -38,7 +32,6 @@ constexpr gint64 CATCH_UP_TIME = 30'000;
 
 void set_alarm(MqttBridge *bridge);
 void play(MqttBridge *bridge, MqttJob *job);
-void send_answer(MqttBridge *bridge, const MqttKept &answer);
 
 MqttJob *find_job(MqttBridge *bridge, gint64 number)
 {
@@ -46,58 +39,10 @@ MqttJob *find_job(MqttBridge *bridge, gint64 number)
     return found == bridge->store.jobs.end() ? nullptr : &*found;
 }
 
-/* Answers */
-
-void keep(MqttBridge *bridge, const MqttKept &answer)
-{
-    if (bridge->kept.size() >= MAX_KEPT) {
-        bridge->kept.pop_front();
-    }
-    bridge->kept.push_back(answer);
-}
-
-void send_to_own_topic(MqttBridge *bridge, const MqttKept &answer)
-{
-    MqttKept other = answer;
-    other.topic = mqtt_topics_own(*bridge->conf, "result");
-    send_answer(bridge, other);
-}
-
-void send_answer(MqttBridge *bridge, const MqttKept &answer)
-{
-    if (!mqtt_client_is_connected(bridge->client) ||
-        mqtt_client_count_unconfirmed(bridge->client) >= MAX_UNCONFIRMED) {
-        keep(bridge, answer);
-        return;
-    }
-    const bool is_own = answer.topic == mqtt_topics_own(*bridge->conf, "result");
-    const int message = mqtt_client_publish(bridge->client, answer.topic, answer.payload, false,
-                                            answer.has_correlation ? &answer.correlation : nullptr);
-    if (message == 0 && !is_own) {
-        send_to_own_topic(bridge, answer);
-    } else if (message != 0 && !is_own) {
-        bridge->unconfirmed[message] = answer;
-    }
-}
-
-void answer(MqttBridge *bridge, const MqttJob &job, MqttStatus status, const std::string &text)
-{
-    const MqttConf &conf = *bridge->conf;
-    const bool has_topic = mqtt_topics_may_answer(conf, job.response_topic);
-    send_answer(bridge,
-                {
-                    .topic = has_topic ? job.response_topic : mqtt_topics_own(conf, "result"),
-                    .payload = mqtt_answer_write(conf, job, status, text, mqtt_clock_now(),
-                                                 mqtt_clock_read()),
-                    .correlation = job.correlation,
-                    .has_correlation = job.has_correlation,
-                });
-}
-
 /* Sends the last answer of a job, and removes the job. */
 void finish(MqttBridge *bridge, MqttJob *job, MqttStatus status, const std::string &text)
 {
-    answer(bridge, *job, status, text);
+    mqtt_outbox_answer(bridge, *job, status, text);
     bridge->store.jobs.remove_if(
         [number = job->number](const MqttJob &other) { return other.number == number; });
     bridge->must_save = true;
@@ -112,7 +57,7 @@ void refuse(MqttBridge *bridge, const MqttJob &job, const std::string &why)
         mqtt_log(LOG_WARNING, "refused a command on %s: %s; %u more were refused before",
                  job.topic.c_str(), why.c_str(), dropped);
     }
-    answer(bridge, job, MQTT_REFUSED, why);
+    mqtt_outbox_answer(bridge, job, MQTT_REFUSED, why);
 }
 
 std::string describe_delay(gint64 milliseconds)
@@ -159,30 +104,6 @@ void stop_daemon(MqttBridge *bridge)
                      [](sd_bus_message *, const GError *) {});
 }
 
-int on_siren_end(sd_event_source *, guint64, void *data)
-{
-    stop_daemon(static_cast<MqttBridge *>(data));
-    return 0;
-}
-
-void stop_siren_after(MqttBridge *bridge, gint64 milliseconds)
-{
-    sd_event_source_disable_unref(bridge->siren_end);
-    bridge->siren_end = nullptr;
-    sd_event_add_time_relative(bridge->event, &bridge->siren_end, CLOCK_MONOTONIC,
-                               static_cast<guint64>(milliseconds) * 1000, 0, on_siren_end, bridge);
-}
-
-void set_siren_end(MqttBridge *bridge, const MqttCommand &command)
-{
-    mqtt_jobs_end_siren(bridge);
-    if (command.duration != CLIENT_NOT_GIVEN) {
-        bridge->store.siren_end = mqtt_clock_now() + command.duration * 1000;
-        bridge->must_save = true;
-        stop_siren_after(bridge, command.duration * 1000);
-    }
-}
-
 void on_played(MqttBridge *bridge, MqttJob *job, const GError *error)
 {
     if (error) {
@@ -190,7 +111,7 @@ void on_played(MqttBridge *bridge, MqttJob *job, const GError *error)
         return;
     }
     mqtt_lead_add(&bridge->lead, g_get_monotonic_time() - job->call_time);
-    set_siren_end(bridge, job->command);
+    mqtt_siren_set(bridge, job->command);
     /* If the daemon was stuck, it may have started the clip much too late. */
     if (mqtt_clock_now() - get_due(*job) > 2 * bridge->conf->grace && finish_if_late(bridge, job)) {
         stop_daemon(bridge);
@@ -225,13 +146,13 @@ void call_play(MqttBridge *bridge, MqttJob *job)
 void wait_for_time(MqttBridge *bridge, MqttJob *job)
 {
     job->state = MQTT_JOB_WAITING;
-    answer(bridge, *job, MQTT_SCHEDULED, "OK");
+    mqtt_outbox_answer(bridge, *job, MQTT_SCHEDULED, "OK");
     set_alarm(bridge);
 }
 
 /*
  * Starts the job again later, and returns true, if `error` tells that the daemon went away. Does so
- * once for each job. Only for calls that do not play: it is not known what the daemon did.
+ * once for each job. Not for a call that plays: the daemon may have started the clip.
  */
 bool retry_later(MqttBridge *bridge, MqttJob *job, const GError *error)
 {
@@ -387,7 +308,7 @@ void cancel_plays(MqttBridge *bridge)
 void start_stop(MqttBridge *bridge, MqttJob *job)
 {
     cancel_plays(bridge);
-    mqtt_jobs_end_siren(bridge);
+    mqtt_siren_forget(bridge);
     job->state = MQTT_JOB_STOPPING;
     mqtt_daemon_call(bridge->daemon, &CLIENT_SONOBRIK, "StopPlayingClip", "",
                      [bridge, number = job->number](sd_bus_message *, const GError *error) {
@@ -488,11 +409,12 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
     const MqttCommand &command = job.command;
     const gint64 now = job.received;
     if (command.kind == MQTT_TOPIC_PING) {
-        answer(bridge, job, MQTT_PONG, "OK");
+        mqtt_outbox_answer(bridge, job, MQTT_PONG, "OK");
         return;
     }
     if (is_duplicate(bridge, command, now)) {
-        answer(bridge, job, MQTT_DUPLICATE, "A command with this id was received before.");
+        mqtt_outbox_answer(bridge, job, MQTT_DUPLICATE,
+                           "A command with this id was received before.");
         return;
     }
     if (command.at != CLIENT_NOT_GIVEN &&
@@ -510,15 +432,16 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
         bridge->must_save = bridge->must_be_durable = true;
     }
     if (message.expiry == 0) {
-        answer(bridge, job, MQTT_EXPIRED, "The message has expired.");
+        mqtt_outbox_answer(bridge, job, MQTT_EXPIRED, "The message has expired.");
         return;
     }
     if (may_be_stale(bridge, message, command)) {
-        answer(bridge, job, MQTT_LATE,
-               bridge->away == MQTT_UNKNOWN
-                   ? "The command may be old: the broker kept it while the node was away."
-                   : "The command may be " + describe_delay(bridge->away) +
-                         " old: the broker kept it while the node was away.");
+        mqtt_outbox_answer(
+            bridge, job, MQTT_LATE,
+            bridge->away == MQTT_UNKNOWN
+                ? "The command may be old: the broker kept it while the node was away."
+                : "The command may be " + describe_delay(bridge->away) +
+                      " old: the broker kept it while the node was away.");
         return;
     }
     bridge->must_save = bridge->must_be_durable = true;
@@ -613,26 +536,6 @@ int mqtt_jobs_on_retry(sd_event_source *, guint64, void *data)
     return 0;
 }
 
-void mqtt_jobs_resume_siren(MqttBridge *bridge)
-{
-    const gint64 end = bridge->store.siren_end;
-    if (end == 0 || bridge->siren_end) {
-        return;
-    }
-    if (mqtt_state_is_playing(bridge->state)) {
-        stop_siren_after(bridge, std::clamp<gint64>(end - mqtt_clock_now(), 0, MAX_SIREN));
-    } else {
-        mqtt_jobs_end_siren(bridge);
-    }
-}
-
-void mqtt_jobs_end_siren(MqttBridge *bridge)
-{
-    bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
-    bridge->must_save = bridge->must_save || bridge->store.siren_end != 0;
-    bridge->store.siren_end = 0;
-}
-
 int mqtt_jobs_on_alarm(sd_event_source *, guint64, void *data)
 {
     auto *bridge = static_cast<MqttBridge *>(data);
@@ -651,27 +554,4 @@ int mqtt_jobs_on_alarm(sd_event_source *, guint64, void *data)
     }
     set_alarm(bridge);
     return 0;
-}
-
-void mqtt_jobs_on_published(MqttBridge *bridge, int message, bool is_refused)
-{
-    const auto found = bridge->unconfirmed.find(message);
-    if (found == bridge->unconfirmed.end()) {
-        return;
-    }
-    const MqttKept answer = std::move(found->second);
-    bridge->unconfirmed.erase(found);
-    if (is_refused) {
-        send_to_own_topic(bridge, answer);
-    }
-}
-
-void mqtt_jobs_send_kept(MqttBridge *bridge)
-{
-    while (!bridge->kept.empty() && mqtt_client_is_connected(bridge->client) &&
-           mqtt_client_count_unconfirmed(bridge->client) < MAX_UNCONFIRMED) {
-        const MqttKept answer = bridge->kept.front();
-        bridge->kept.pop_front();
-        send_answer(bridge, answer);
-    }
 }

@@ -1,0 +1,17 @@
+#pragma once
+
+/* The siren of Home Assistant, which stops after the duration that its command gives. */
+
+#include "mqtt_command.h"
+
+struct MqttBridge;
+
+/* Stops the clip that has just started after the duration of its command, if it has one. Forgets
+ * the end of an earlier siren. */
+void mqtt_siren_set(MqttBridge *bridge, const MqttCommand &command);
+
+/* Lets the siren of the previous process stop at its time. The state must be known. */
+void mqtt_siren_resume(MqttBridge *bridge);
+
+/* Forgets when the siren has to stop, because it no longer plays. */
+void mqtt_siren_forget(MqttBridge *bridge);
