@@ -67,14 +67,14 @@ TEST_F(MqttSave, TriesAgainAfterAFailureAlthoughNothingChanges)
     change("first");
     ::testing::internal::GetCapturedStderr();
     std::filesystem::remove(bridge.store_path + ".new");
-    const gint64 failed = std::exchange(bridge.save_failed, G_MAXINT64 / 2);
+    const gint64 failed = std::exchange(bridge.save_failed_at, G_MAXINT64 / 2);
     mqtt_save_changes(&bridge);
     EXPECT_FALSE(std::filesystem::exists(bridge.store_path)) << "it tries at most once a second";
-    bridge.save_failed = failed - G_USEC_PER_SEC;
+    bridge.save_failed_at = failed - G_USEC_PER_SEC;
     mqtt_save_changes(&bridge);
     std::filesystem::remove(bridge.spare_path);
     EXPECT_TRUE(is_remembered("first"));
-    EXPECT_EQ(bridge.save_failed, 0);
+    EXPECT_EQ(bridge.save_failed_at, 0);
 }
 
 TEST_F(MqttSave, AnOlderSpareFileDoesNotCount)

@@ -47,8 +47,8 @@ struct MqttBridge {
     std::string spare_path;     /* see mqtt_save.h */
     bool must_save;             /* the store has changed ... */
     bool must_be_durable;       /* ... by a command that the broker will not send again */
-    gint64 save_failed;         /* when saving last failed; monotonic, 0: it did not */
-    MqttLogLimit save_failures; /* in the log */
+    gint64 save_failed_at;      /* monotonic; 0: the last attempt succeeded */
+    MqttLogLimit save_failures; /* limits their lines in the log */
     gint64 last_number;         /* of a job */
 
     MqttState state;

@@ -35,15 +35,15 @@ void mqtt_save_load(MqttBridge *bridge)
 void mqtt_save_changes(MqttBridge *bridge)
 {
     const gint64 now = g_get_monotonic_time();
-    const bool is_retry = bridge->save_failed > 0 && now - bridge->save_failed >= RETRY_TIME;
+    const bool is_retry = bridge->save_failed_at > 0 && now - bridge->save_failed_at >= RETRY_TIME;
     if (!bridge->must_save && !is_retry) {
         return;
     }
     const bool is_durable =
-        std::exchange(bridge->must_be_durable, false) || bridge->save_failed > 0;
+        std::exchange(bridge->must_be_durable, false) || bridge->save_failed_at > 0;
     bridge->must_save = false;
     const int error = save(bridge, bridge->store_path, is_durable);
-    bridge->save_failed = error != 0 ? now : 0;
+    bridge->save_failed_at = error != 0 ? now : 0;
     if (error == 0) {
         return;
     }

@@ -1,10 +1,10 @@
 #pragma once
 
 /*
- * Where the bridge saves its store: in the state folder, which survives a restart of the machine.
- * A second file, in the runtime folder, survives a restart of the bridge only. It is written
- * before the daemon is asked to play, because that file needs no disk and the clip must not wait
- * for one, and if the state folder cannot be written, for example because the disk is full.
+ * Saves the bridge's store in the state folder, which survives a restart of the machine. A second
+ * file, in the runtime folder, is in memory and survives a restart of the bridge only. The bridge
+ * writes it in two cases: before it asks the daemon to play, because a clip must not wait for the
+ * disk; and if the state folder cannot be written, for example because the disk is full.
  */
 
 struct MqttBridge;
