@@ -9,6 +9,7 @@
 #include "mqtt_bridge_data.h"
 #include "mqtt_clock.h"
 #include "mqtt_json.h"
+#include "mqtt_siren.h"
 #include "temp_dir.h"
 
 namespace
@@ -304,6 +305,30 @@ TEST_F(MqttJobs, AfterARestartWithAClockThatWasSetBackTheAgeIsUnknown)
     restart();
     EXPECT_EQ(get_status(), "late");
     EXPECT_TRUE(bridge.store.jobs.empty());
+}
+
+TEST_F(MqttJobs, ARestartStopsTheSirenOnlyIfItStillPlays)
+{
+    MqttJob job;
+    job.location = "/etc/audioclips/siren.wav";
+    job.command.duration = 60;
+    for (const std::string &playing : {job.location, std::string("/etc/audioclips/other.wav")}) {
+        mqtt_siren_set(&bridge, job);
+        bridge.siren_end = sd_event_source_disable_unref(bridge.siren_end);
+        restart();
+        bridge.state.outputs = {
+            {.output = 0,
+             .device = 0,
+             .device_output = 0,
+             .playing = true,
+             .file = playing,
+             .since = 0},
+        };
+        mqtt_siren_resume(&bridge);
+        EXPECT_EQ(bridge.siren_end != nullptr, playing == job.location);
+        EXPECT_EQ(bridge.store.siren_end, playing == job.location ? NOON + 60'000 : 0);
+    }
+    mqtt_siren_forget(&bridge);
 }
 
 /* The broker sends what it kept during an hour without this node. */

@@ -25,6 +25,7 @@ MqttStore make_store()
     mqtt_memory_add(&store.memory, "a", 1'795'000'000'000);
     store.announced = true;
     store.siren_end = 1'795'000'030'000;
+    store.siren_file = "/etc/audioclips/siren.wav";
     store.saves = 7;
     return store;
 }
@@ -45,6 +46,7 @@ void expect_same(const MqttStore &store)
     EXPECT_TRUE(mqtt_memory_has(store.memory, "a", 1'795'000'000'000));
     EXPECT_TRUE(store.announced);
     EXPECT_EQ(store.siren_end, 1'795'000'030'000);
+    EXPECT_EQ(store.siren_file, "/etc/audioclips/siren.wav");
     EXPECT_EQ(store.saves, 7);
 }
 

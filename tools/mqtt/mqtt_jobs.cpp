@@ -111,7 +111,7 @@ void on_played(MqttBridge *bridge, MqttJob *job, const GError *error)
         return;
     }
     mqtt_lead_add(&bridge->lead, g_get_monotonic_time() - job->call_time);
-    mqtt_siren_set(bridge, job->command);
+    mqtt_siren_set(bridge, *job);
     /* If the daemon was stuck, it may have started the clip much too late. */
     if (mqtt_clock_now() - get_due(*job) > 2 * bridge->conf->grace && finish_if_late(bridge, job)) {
         stop_daemon(bridge);

@@ -28,13 +28,15 @@ void stop_after(MqttBridge *bridge, gint64 milliseconds)
 
 } // namespace
 
-void mqtt_siren_set(MqttBridge *bridge, const MqttCommand &command)
+void mqtt_siren_set(MqttBridge *bridge, const MqttJob &job)
 {
     mqtt_siren_forget(bridge);
-    if (command.duration != CLIENT_NOT_GIVEN) {
-        bridge->store.siren_end = mqtt_clock_now() + command.duration * 1000;
+    if (job.command.duration != CLIENT_NOT_GIVEN) {
+        const gint64 milliseconds = job.command.duration * 1000;
+        bridge->store.siren_end = mqtt_clock_now() + milliseconds;
+        bridge->store.siren_file = job.location;
         bridge->must_save = true;
-        stop_after(bridge, command.duration * 1000);
+        stop_after(bridge, milliseconds);
     }
 }
 
@@ -44,7 +46,12 @@ void mqtt_siren_resume(MqttBridge *bridge)
     if (end == 0 || bridge->siren_end) {
         return;
     }
-    if (mqtt_state_is_playing(bridge->state)) {
+    /* While no bridge was running, somebody may have started another clip. */
+    const bool is_playing =
+        std::ranges::any_of(bridge->state.outputs, [bridge](const MqttOutput &output) {
+            return output.playing && output.file == bridge->store.siren_file;
+        });
+    if (is_playing) {
         stop_after(bridge, std::clamp<gint64>(end - mqtt_clock_now(), 0, MAX_TIME));
     } else {
         mqtt_siren_forget(bridge);
@@ -56,4 +63,5 @@ void mqtt_siren_forget(MqttBridge *bridge)
     bridge->siren_end = sd_event_source_disable_unref(bridge->siren_end);
     bridge->must_save = bridge->must_save || bridge->store.siren_end != 0;
     bridge->store.siren_end = 0;
+    bridge->store.siren_file.clear();
 }

@@ -102,6 +102,7 @@ std::string mqtt_store_write(const MqttStore &store)
     json_object_set_new(object, "ids", ids);
     json_object_set_new(object, "announced", json_boolean(store.announced));
     json_object_set_new(object, "sirenEnd", json_integer(store.siren_end));
+    json_object_set_new(object, "sirenFile", json_string(store.siren_file.c_str()));
     json_object_set_new(object, "saves", json_integer(store.saves));
     return mqtt_json_write(object);
 }
@@ -127,6 +128,7 @@ bool mqtt_store_read(MqttStore *store, std::string_view text)
     }
     store->announced = json_is_true(json_object_get(object, "announced"));
     store->siren_end = mqtt_json_get_integer(object, "sirenEnd", 0);
+    store->siren_file = mqtt_json_get_text(object, "sirenFile");
     store->saves = mqtt_json_get_integer(object, "saves", 0);
     return true;
 }

@@ -51,7 +51,8 @@ struct MqttStore {
     MqttMemory memory;
     bool announced = false; /* Home Assistant was told about the node */
     gint64 siren_end = 0; /* when a siren has to stop; Unix time in milliseconds, 0: none has to */
-    gint64 saves = 0;     /* grows with each save, so that the newer one of two files is known */
+    std::string siren_file; /* what that siren plays */
+    gint64 saves = 0;       /* grows with each save, so that the newer one of two files is known */
 };
 
 /* Returns the store as JSON. */
