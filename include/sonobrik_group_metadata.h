@@ -33,6 +33,6 @@ json_t *sonobrik_group_metadata(SonobrikGroup *group);
 
 /*
  * Returns the objects of all records as the text of a JSON array; free it with g_free(). A record
- * whose object cannot be made is logged and left out. Returns null if the text cannot be created.
+ * whose object cannot be made is logged and left out. Returns null if the array cannot be created.
  */
 char *sonobrik_group_get_metadata();

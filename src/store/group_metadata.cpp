@@ -116,15 +116,15 @@ int append_part(const char *part, size_t length, void *text)
 }
 
 /*
- * Appends `value` to the JSON array in `text`, which does not have its closing bracket yet. On
- * failure, returns false and may leave a part of the value at the end of `text`.
+ * Appends the elements of `array` to the JSON array in `text`, which does not have its closing
+ * bracket yet. On failure, returns false and may leave a part of them at the end of `text`.
  */
-bool append_element(GString *text, const json_t *value)
+bool append_elements(GString *text, const json_t *array)
 {
     if (text->str[text->len - 1] != '[') {
         g_string_append_c(text, ',');
     }
-    return json_dump_callback(value, append_part, text, JSON_COMPACT) == 0;
+    return json_dump_callback(array, append_part, text, JSON_COMPACT | JSON_EMBED) == 0;
 }
 
 } // namespace
@@ -175,21 +175,26 @@ json_t *sonobrik_group_metadata(SonobrikGroup *group)
 
 char *sonobrik_group_get_metadata()
 {
-    /* Written record by record, because a tree of all objects would not fit into the caches. */
+    /* Holds one object at a time, because a tree of all objects would not fit into the caches. */
+    g_autoptr(json_t) array = json_array();
+    if (!array) {
+        return nullptr;
+    }
     GString *text = g_string_new("[");
     g_autoptr(GHashTable) memo = discover_media_memo_new();
     GSList *groups = sonobrik_group_get_parameter_list();
     for (GSList *node = groups; node; node = node->next) {
         auto *group = static_cast<SonobrikGroup *>(node->data);
         sonobrik_feed_watchdog(); /* a damaged file takes seconds */
-        g_autoptr(json_t) metadata = describe_group(group, memo);
+        json_t *metadata = describe_group(group, memo);
         if (!metadata) {
             log_error("%sCould not obtain metadata for clip at location: %s", "",
                       sonobrik_group_get_location(group));
             continue;
         }
         const gsize length = text->len;
-        if (!append_element(text, metadata)) {
+        json_array_clear(array);
+        if (json_array_append_new(array, metadata) != 0 || !append_elements(text, array)) {
             log_error("%sFailed to append metadata", "");
             g_string_truncate(text, length);
             continue;

@@ -236,7 +236,24 @@ TEST_F(GroupMetadataList, RecordsThatOnlySeemTooLongAreReturned)
 
 /* Allocation failures. */
 
+TEST_F(GroupMetadataList, FailureToCreateTheArrayReturnsNull)
+{
+    StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
+    calls.fail("json_array");
+    EXPECT_EQ(sonobrik_group_get_metadata(), nullptr);
+    expect_no_log();
+}
+
 TEST_F(GroupMetadataList, ObjectThatCannotBeAppendedIsLeftOut)
+{
+    StoreFolder::write("M4.json", record_file("/a", "A", "audio", VALID));
+    calls.fail("json_array_append_new");
+    EXPECT_EQ(reply_of_all(), "[]");
+    expect_log(LOG_LEVEL_ERROR, "Failed to append metadata");
+    expect_no_log();
+}
+
+TEST_F(GroupMetadataList, ObjectThatCannotBeWrittenIsLeftOut)
 {
     for (const int index : {3, 4, 5}) {
         StoreFolder::write("M" + std::to_string(index) + ".json",
