@@ -11,7 +11,7 @@ from sandbox import clips, wait_until
 from sandbox.broker import Bridge, Broker, expire_certificate
 
 # paho-mqtt 1 and 2 warn about different calls; the tests run with both.
-pytestmark = pytest.mark.filterwarnings("error::DeprecationWarning")
+pytestmark = pytest.mark.filterwarnings("error::DeprecationWarning:(paho|sandbox)")
 
 
 @pytest.fixture

@@ -18,7 +18,8 @@ class FewDescriptors
         /* The limit is for the number of a descriptor, so the gaps below it are filled. */
         do {
             fillers.push_back(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-        } while (fillers.back() < LAST);
+        } while (fillers.back() != -1 && fillers.back() < LAST);
+        EXPECT_EQ(fillers.back(), LAST);
         rlimit few = previous;
         few.rlim_cur = LAST + 1 + free_count;
         EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
