@@ -290,11 +290,13 @@ def boot_machine(suite, step):
             if not re.search("-(dbgsym|dev)_", package.name):
                 shutil.copy(package, machine / "root" / folder)
     # The daemon's package is installed already; the pattern matches the packages that need it.
-    step.run(install(machine, "adduser", "dbus", "mosquitto", "python3-gi", "python3-paho-mqtt",
-                     "python3-pytest", "systemd-sysv", "/root/packages/sonobrik-*.deb"),
+    step.run(install(machine, "adduser", "dbus", "mosquitto", "python3-gi", "python3-gpiozero",
+                     "python3-paho-mqtt", "python3-pytest", "systemd-sysv",
+                     "/root/packages/sonobrik-*.deb"),
              env=environment())
     for part in ("tests/machine", "tests/support", "debian/tests"):
         shutil.copytree(f"{suite.builder}{TREE}/{part}", f"{machine}{TREE}/{part}")
+    shutil.copy(f"{suite.builder}{TREE}/README.md", f"{machine}{TREE}/README.md")
     units = machine / "etc/systemd/system"
     (units / "checks.service").write_text(CHECKS)
     (units / "default.target.wants").mkdir(exist_ok=True)
