@@ -1,12 +1,12 @@
 """The README's recipes as units of systemd, with a mock in place of the button's pin."""
 
 import pathlib
-import re
 import shutil
 import time
 
 import pytest
 from machine import CLIP, HERE, Unit, prepare_clip, run, wait_until
+from sandbox.documents import read_fenced, read_section
 
 README = (HERE.parents[1] / "README.md").read_text()
 UNITS = pathlib.Path("/etc/systemd/system")
@@ -33,12 +33,6 @@ runpy.run_path({str(PROGRAM)!r})
 """
 
 
-def read_blocks(title):
-    """Returns the code blocks of a recipe."""
-    section = re.split(r"\n###? ", README.partition(f"\n### {title}\n")[2])[0]
-    return re.findall(r"^```\w*\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
-
-
 @pytest.fixture
 def clip(request):
     """Writes a clip and stores it under the name that the recipe plays. Tells if it was heard."""
@@ -51,7 +45,7 @@ def clip(request):
 
 @pytest.mark.parametrize("clip", ["door"], indirect=True)
 def test_the_button_plays_the_clip(clip):
-    program, unit = read_blocks("A button that plays a clip")
+    program, unit = read_fenced(read_section(README, "A button that plays a clip", 3))
     run("groupadd", "--system", "gpio")
     PROGRAM.write_text(program)
     PRESSER.write_text(PRESS)
@@ -74,7 +68,7 @@ def test_the_button_plays_the_clip(clip):
 
 @pytest.mark.parametrize("clip", ["lunch"], indirect=True)
 def test_the_timer_plays_the_clip_at_noon(clip):
-    service, timer = read_blocks("A clip at a fixed time")
+    service, timer = read_fenced(read_section(README, "A clip at a fixed time", 3))
     (UNITS / "lunch.service").write_text(service)
     (UNITS / "lunch.timer").write_text(timer)
     run("systemctl", "daemon-reload")

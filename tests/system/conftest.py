@@ -129,6 +129,14 @@ def cards(sandbox):
 
 
 @pytest.fixture
+def song(sandbox, store):
+    """A stored clip of 10 s."""
+    clip = sandbox.write_clip("song.wav", clips.noise(480000))
+    store.add_clip(clip.path, "Song")
+    return clip
+
+
+@pytest.fixture
 def broker(sandbox):
     """An MQTT broker in `sandbox`."""
     return Broker(sandbox).start()

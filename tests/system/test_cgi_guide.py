@@ -7,6 +7,7 @@ import shutil
 
 import pytest
 from sandbox import Store, Web, clips, find_server, wait_until
+from sandbox.documents import read_indented, read_section
 
 if not find_server("lighttpd") or not shutil.which("curl") or not shutil.which("openssl"):
     pytest.skip("lighttpd, curl or openssl is not installed", allow_module_level=True)
@@ -21,9 +22,7 @@ LEFT_OUT = re.compile(r"(apt|adduser|lighty-enable-mod|systemctl) ")
 
 def read_blocks(title):
     """Returns the indented blocks of a section, each as a list of lines."""
-    section = re.split(r"\n## ", PAGE.partition(f"\n## {title}\n")[2])[0]
-    return [[line.removeprefix("    ") for line in block.splitlines()]
-            for block in re.findall(r"(?<=\n\n)((?:    .*\n)+)", section)]
+    return read_indented(read_section(PAGE, title))
 
 
 def read_setup():

@@ -4,19 +4,11 @@ import signal
 import time
 
 import pytest
-from sandbox import clips, wait_until
+from sandbox import wait_until
 from sandbox.broker import Bridge
 from sandbox.scripted_broker import ScriptedBroker
 
 PLAY = "sonobrik/node1/play"
-
-
-@pytest.fixture
-def song(sandbox, store):
-    """A stored clip of 10 s, number 0."""
-    clip = sandbox.write_clip("song.wav", clips.noise(480000))
-    store.add_clip(clip.path, "Song")
-    return clip
 
 
 @pytest.fixture

@@ -7,6 +7,7 @@ import shutil
 import pytest
 from sandbox import clips, wait_until
 from sandbox.broker import BROKER, Bridge, Client, find_port
+from sandbox.documents import read_indented, read_section
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
@@ -23,9 +24,7 @@ include_dir /etc/mosquitto/conf.d
 
 def read_commands(title):
     """Returns the commands of the first block of a section."""
-    section = (ROOT / "docs/fleet.md").read_text().partition(f"## {title}\n")[2]
-    block = re.search(r"\n\n((?:    .*\n)+)", section)[1]
-    return [line.removeprefix("    ") for line in block.splitlines()]
+    return read_indented(read_section((ROOT / "docs/fleet.md").read_text(), title))[0]
 
 
 class Documented:

@@ -7,19 +7,11 @@ import signal
 import time
 
 import pytest
-from sandbox import clips, wait_until
+from sandbox import wait_until
 from sandbox.broker import Bridge, Broker, expire_certificate
 
 # paho-mqtt 1 and 2 warn about different calls; the tests run with both.
 pytestmark = pytest.mark.filterwarnings("error::DeprecationWarning:(paho|sandbox)")
-
-
-@pytest.fixture
-def song(sandbox, store):
-    """A stored clip of 10 s, number 0."""
-    clip = sandbox.write_clip("song.wav", clips.noise(480000))
-    store.add_clip(clip.path, "Song")
-    return clip
 
 
 @pytest.fixture

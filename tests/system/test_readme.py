@@ -8,21 +8,20 @@ import subprocess
 
 import pytest
 from sandbox import clips, wait_until
+from sandbox.documents import read_fenced, read_indented, read_section
 from sandbox.shell import PROGRAM
 
 PAGE = (pathlib.Path(__file__).resolve().parents[2] / "README.md").read_text()
 
 
-def read_blocks(title):
+def read_recipe(title):
     """Returns the code blocks of a recipe."""
-    section = re.split(r"\n###? ", PAGE.partition(f"\n### {title}\n")[2])[0]
-    return re.findall(r"^```\w*\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)
+    return read_fenced(read_section(PAGE, title, 3))
 
 
 def read_commands(text):
     """Returns the commands of the indented block after this text."""
-    block = re.search(r"\n\n((?:    .*\n)+)", PAGE.partition(text)[2])[1]
-    return [line.removeprefix("    ") for line in block.splitlines()]
+    return read_indented(PAGE.partition(text)[2])[0]
 
 
 def test_the_first_three_commands_store_and_play_a_sound(sandbox, shell, player):
@@ -71,7 +70,7 @@ exec(compile(sys.argv[1], "doorbell", "exec"))
 def test_the_button_plays_the_clip(sandbox, shell, player):
     pytest.importorskip("gpiozero")
     shell.ok("add", sandbox.write_clip("door.wav", clips.noise(4800)).path, "--name", "door")
-    script = read_blocks("A button that plays a clip")[0]
+    script = read_recipe("A button that plays a clip")[0]
     assert "bounce_time=0.05" in script
     # The mock reports no bounces and its clock has no time to pass.
     script = script.replace(", bounce_time=0.05", "")
@@ -84,8 +83,8 @@ def test_the_button_plays_the_clip(sandbox, shell, player):
 
 @pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="needs systemd-analyze")
 def test_systemd_accepts_the_units(tmp_path):
-    _, doorbell = read_blocks("A button that plays a clip")
-    lunch, timer = read_blocks("A clip at a fixed time")
+    _, doorbell = read_recipe("A button that plays a clip")
+    lunch, timer = read_recipe("A clip at a fixed time")
     for name, text in (("doorbell.service", doorbell), ("lunch.service", lunch),
                        ("lunch.timer", timer)):
         # The programs need not be installed here.

@@ -1,26 +1,14 @@
 """An MQTT 5 broker for one client. The test decides what it sends and when the connection ends."""
 
-import dataclasses
 import json
 import socket
 import struct
 import threading
 
+from .broker import Message
+
 CONNECT, PUBLISH, PUBACK, SUBSCRIBE, UNSUBSCRIBE, PINGREQ = 1, 3, 4, 8, 10, 12
 MESSAGE_EXPIRY, RESPONSE_TOPIC, CORRELATION_DATA = b"\x02", b"\x08", b"\x09"
-
-
-@dataclasses.dataclass(frozen=True)
-class Publication:
-    """A message of the client."""
-    topic: str
-    payload: bytes
-    retain: bool
-    correlation: bytes
-
-    @property
-    def json(self):
-        return json.loads(self.payload)
 
 
 def _length(number):
@@ -56,7 +44,7 @@ def _read_publication(flags, body):
     properties, payload = body[:size], body[size:]
     # Correlation data is the only property that the bridge sets.
     correlation = properties[3:] if properties.startswith(CORRELATION_DATA) else None
-    return number, Publication(topic, payload, bool(flags & 1), correlation)
+    return number, Message(topic, payload, bool(flags & 1), correlation)
 
 
 class ScriptedBroker:
