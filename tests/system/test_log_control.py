@@ -3,7 +3,7 @@
 import pytest
 from gi.repository import GLib
 from sandbox import LEGACY, BusError, Sandbox, wait_until
-from sandbox.installation import User, find_id, send_as
+from sandbox.installation import User, find_id
 
 SERVICE = "com.vesk.Sonobrik"
 PATH = "/org/freedesktop/LogControl1"
