@@ -275,7 +275,7 @@ def test_the_forms_of_the_page_redirect_to_the_page(web, door, quiet):
     page = web.get(answer.headers["location"][1:])
     assert page.status == 200
     assert "Started Door." in page.text
-    assert 'max="1000" value="30"' in page.text
+    assert 'placeholder="100" value="30"' in page.text
     answer = web.post("page=1&action=play&clip=77")
     assert answer.headers["location"] == "?result=noclip&clip=77"
     assert "There is no such clip." in web.get(answer.headers["location"][1:]).text

@@ -73,7 +73,7 @@ def test_outputs_are_chosen_by_name(sandbox, cards, web, long, tmp_path):
     assert "Check that the output exists and is plugged in." in refusal.text
 
     with open_browser(tmp_path / "plain", script=False) as plain:
-        show(plain, web)
+        show(plain, web, "?plain=1")
         assert [[e.get_attribute("value"), e.text, not e.is_enabled()]
                 for e in plain.find_elements("css selector", "#output option")] == expected
         # A browser does not send a disabled choice, and the clip would play elsewhere.

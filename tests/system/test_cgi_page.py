@@ -60,6 +60,14 @@ def show(driver, web, query=""):
     return driver
 
 
+def show_plain(driver, web):
+    """Shows the page to a browser without script, which it sends to another address."""
+    show(driver, web)
+    wait_until(lambda: "plain=1" in driver.current_url
+               and driver.find_elements(By.TAG_NAME, "h3"), 20, "the page for no script is shown")
+    return driver
+
+
 def list_controls(driver):
     """Returns the role and the name of each element for screen readers, and whether it is enabled."""
     nodes = driver.execute_cdp_cmd(LISTEN, {})["nodes"]
@@ -335,7 +343,7 @@ def test_enter_in_a_field_plays_nothing(web, quiet, scripted, plain):
     first = len(quiet.events)
     show(scripted, web)
     scripted.execute_script("document.getElementById('options').open = true")
-    show(plain, web)
+    show_plain(plain, web)
     for driver in (scripted, plain):
         driver.find_element(By.ID, "volume").send_keys(Keys.ENTER)
     find_button(plain, "Stop").click()  # handled after the Enter key
@@ -456,7 +464,7 @@ def test_texts_have_enough_contrast(web, quiet, scripted, scheme, result):
 
 def test_play_and_stop_without_script(web, quiet, plain):
     first = len(quiet.events)
-    driver = show(plain, web)
+    driver = show_plain(plain, web)
     find_button(driver, "Play Bell").click()
     await_event(quiet, first, ("CurrentlyPlaying", 1, 0, 0, BELL))
     await_text(driver, "result", "Started Bell.")
@@ -614,7 +622,7 @@ def test_emoji_are_shown_as_themselves(shared, web, quiet, managing, plain):
         driver.execute_script("document.getElementById('edit-name').value = arguments[0]", EMOJI)
         find_button(driver, "Rename").click()
         wait_until(lambda: list_shown(driver) == [*before, EMOJI], 20, "the clip is renamed")
-        show(plain, web)
+        show_plain(plain, web)
         names = [e.get_attribute("textContent") for e in plain.find_elements(By.TAG_NAME, "h3")]
         assert names == [*before, EMOJI]
     finally:

@@ -120,7 +120,7 @@ def test_the_option_stands_anywhere(local, daemon):
         assert (result.returncode, result.stdout) == (0, "nothing is playing\n"), (words, result)
     assert local.calls == ["-xT -- root@shop systemd-stdio-bridge"] * 7
     assert "Plays and manages" in local.run("-H", "shop", "--help").stdout
-    assert "Plays a stored clip" in local.run("--host=shop", "help", "play").stdout
+    assert "Plays a clip, a file" in local.run("--host=shop", "help", "play").stdout
     assert local.run("--host", "shop:22", "status").returncode == 0
     assert local.calls == ["-xT -p 22 -- shop systemd-stdio-bridge"]
 
