@@ -88,6 +88,12 @@ def test_an_upgrade_keeps_clips_and_records():
     assert os.access("/usr/libexec/vesk-cgi/sonobrik.cgi", os.X_OK)
 
 
+def test_the_examples_can_be_copied_as_they_are():
+    examples = pathlib.Path("/usr/share/doc/sonobrik/examples")
+    assert {str(path.relative_to(examples)) for path in examples.rglob("*.*")} == {
+        "lighttpd/sonobrik.conf", "nginx/sonobrik.conf"}
+
+
 def test_a_failed_reload_of_the_bus_is_reported():
     old = DAEMON.pid
     output = run("dpkg", "-i", *PACKAGES.glob("sonobrik_*.deb"), stderr=subprocess.STDOUT, env={
