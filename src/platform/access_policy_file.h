@@ -6,7 +6,7 @@
  *
  *     [com.vesk.Sonobrik]
  *     users=root;1000
- *     groups=audio
+ *     groups=sonobrik-play
  *
  * If several groups match an action, only the most specific one counts. The lists contain names or
  * numbers; `*` in `users` means everybody. If the file does not exist, only uid 0 is allowed.

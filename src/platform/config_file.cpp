@@ -13,7 +13,8 @@ static gint64 in_nsec(const struct timespec &time)
     return static_cast<gint64>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 
-/* Opens a regular file for reading. Returns its descriptor, or -1 with errno set. */
+/* Opens a regular file for reading. Returns its descriptor, or -1 with errno set. The daemon has
+ * the same in file_utils_open_regular(), which the platform must not use. */
 static int open_regular(const char *path)
 {
     /*

@@ -7,7 +7,8 @@ namespace
 
 constexpr gunichar REPLACEMENT = 0xFFFD;
 
-/* GLib accepts the noncharacters of Unicode in UTF-8, but sd-bus refuses them. */
+/* GLib accepts the noncharacters of Unicode in UTF-8, but sd-bus refuses them. The daemon has the
+ * same test in bus_text.cpp, which the platform must not use. */
 bool is_noncharacter(gunichar c)
 {
     return (c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE;

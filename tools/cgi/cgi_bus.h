@@ -25,7 +25,8 @@ constexpr guint CGI_TOTAL_LIMIT = 280;
 
 /*
  * Returns a connection, or null with an error. Its calls have a limit of CGI_CALL_LIMIT each, and
- * CGI_TOTAL_LIMIT together. A process may open one connection.
+ * CGI_TOTAL_LIMIT together. A process opens one connection: another one would start the total limit
+ * again.
  */
 sd_bus *cgi_bus_open(GError **error);
 

@@ -1,6 +1,7 @@
 #pragma once
 
-/* The calls to the daemon. Each function opens its own connection to the bus. */
+/* The calls to the daemon. Each function opens its own connection to the bus, so a process calls
+ * one of them. */
 
 #include <glib.h>
 #include <string>

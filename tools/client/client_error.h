@@ -11,8 +11,9 @@ enum ClientErrorCode {
     CLIENT_ERROR_METHOD,    /* the daemon's own error; the message is the daemon's, maybe empty */
     CLIENT_ERROR_ARGUMENT,  /* an argument cannot be sent over D-Bus */
     CLIENT_ERROR_REPLY,     /* the reply has an unexpected type or content */
-    CLIENT_ERROR_TIMEOUT,   /* no reply within the limit of client_bus_set_limit() */
-    CLIENT_ERROR_NO_CLIP,   /* no stored clip matches, or more than one does */
+    /* no reply within the limits of client_bus_set_limit() and client_bus_set_total_limit() */
+    CLIENT_ERROR_TIMEOUT,
+    CLIENT_ERROR_NO_CLIP, /* no stored clip matches, or more than one does */
 };
 
 /* The domain of all errors in this folder; the codes are those of ClientErrorCode. */

@@ -6,8 +6,8 @@
 
 /*
  * Returns who may call `method` of com.vesk.Sonobrik ("PlayClip"), such as "root and members of
- * group 'audio'". Returns an empty string if the policy file cannot be read or allows nobody. Use
- * the result only in messages: the daemon makes the decision.
+ * group 'sonobrik-play'". Returns an empty string if the policy file cannot be read or allows
+ * nobody. Use the result only in messages: the daemon makes the decision.
  */
 std::string client_policy_describe(const char *method);
 

@@ -1,6 +1,7 @@
 #pragma once
 
-/* The bridge's data, which mqtt_bridge.cpp and mqtt_jobs.cpp share. */
+/* The bridge's data, which mqtt_bridge.cpp, mqtt_jobs.cpp, mqtt_outbox.cpp, mqtt_save.cpp and
+ * mqtt_siren.cpp share. */
 
 #include <deque>
 #include <glib.h>

@@ -24,7 +24,7 @@ enum MqttJobState {
     MQTT_JOB_STOPPING, /* the daemon is asked to stop */
 };
 
-/* A command that is being executed. Only the first members are saved. */
+/* A command that is being executed. The members from `topic` to `called_at` are saved. */
 struct MqttJob {
     gint64 number = 0;          /* unique in this process */
     std::string topic;          /* on which the command arrived */
