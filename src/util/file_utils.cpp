@@ -51,6 +51,9 @@ GSList *file_utils_get_files_from_wildcard(const char *path_pattern)
 
 GSList *file_utils_make_list(GPtrArray *items)
 {
+    if (!items) {
+        return nullptr;
+    }
     GSList *list = nullptr;
     for (guint i = items->len; i > 0; i--) {
         list = g_slist_prepend(list, items->pdata[i - 1]);

@@ -84,6 +84,11 @@ TEST_F(FileUtils, NullPatternListsNothing)
     expect_no_log();
 }
 
+TEST_F(FileUtils, NullItemsMakeNoList)
+{
+    EXPECT_EQ(file_utils_make_list(nullptr), nullptr);
+}
+
 TEST_F(FileUtils, StarMatchesAnyRunOfCharactersAndNone)
 {
     dir.file("door.ogg");
