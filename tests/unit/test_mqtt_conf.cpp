@@ -79,7 +79,9 @@ TEST(MqttConf, RefusesInvalidValues)
 
 TEST(MqttConf, RefusesToSendInTheClearUnlessToldOrLocal)
 {
-    EXPECT_TRUE(fail("[broker]\nhost=10.0.0.1\ntls=no\n").starts_with("[broker] tls: without TLS"));
+    EXPECT_EQ(fail("[broker]\nhost=10.0.0.1\ntls=no\n"),
+              "[broker] tls: without TLS, anybody on the network between this node and '10.0.0.1' "
+              "can read and change the commands; set allow-plaintext=yes if that is acceptable");
     EXPECT_FALSE(read("[broker]\nhost=10.0.0.1\ntls=no\nallow-plaintext=yes\n").tls);
     EXPECT_FALSE(read("[broker]\nhost=127.0.0.1\ntls=no\n").tls);
     EXPECT_FALSE(mqtt_conf_is_local("127.example.com"));

@@ -147,9 +147,11 @@ bool check_broker(const MqttConf &conf, std::string *why)
         return fail(why, "[broker] host: no broker is named");
     }
     if (!conf.tls && !conf.allow_plaintext && !mqtt_conf_is_local(conf.host)) {
-        return fail(why, "[broker] tls: without TLS, everybody on the way to '" + conf.host +
-                             "' can read and change the commands; set allow-plaintext=yes if that "
-                             "is acceptable");
+        return fail(why,
+                    "[broker] tls: without TLS, anybody on the network between this node and '" +
+                        conf.host +
+                        "' can read and change the commands; set allow-plaintext=yes if that is "
+                        "acceptable");
     }
     if (conf.cert_file.empty() != conf.key_file.empty()) {
         return fail(why, "[broker] cert-file and key-file: one needs the other");
