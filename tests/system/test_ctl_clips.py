@@ -182,8 +182,13 @@ def test_missing_files_folders_and_pipes_are_not_added(shell, sandbox, daemon):
     assert shell.fail(1, "add", "--copy", "/tmp/pipe") == ["'/tmp/pipe' is not a regular file"]
 
 
-def test_a_full_list_is_explained(shell, sandbox):
-    sandbox.set_parameters({"root.SonoBrik.MaxGroups": "1"})
+@pytest.mark.parametrize("parameters", [
+    "root.SonoBrik.MaxGroups=1\n",
+    "\t root.SonoBrik.MaxGroups \t= 1 \r\n",
+    "root.SonoBrik.MaxGroups=2\n root.SonoBrik.MaxGroups = 1\n# root.SonoBrik.MaxGroups=3\nMaxGroups=4\n",
+])
+def test_a_full_list_is_explained(shell, sandbox, parameters):
+    sandbox.set_parameters(parameters)
     sandbox.write_clip("door.wav", clips.noise(480))
     sandbox.start_daemon()
     shell.ok("add", DOOR)
@@ -191,6 +196,15 @@ def test_a_full_list_is_explained(shell, sandbox):
         "the list is full: it has 1 clips, the limit is 1",
         "remove a clip, or raise root.SonoBrik.MaxGroups in /etc/vesk/parameters.conf and restart "
         "the daemon: systemctl restart sonobrik"]
+
+
+def test_a_limit_that_is_not_a_number_is_not_shown(shell, sandbox):
+    sandbox.set_parameters("root.SonoBrik.MaxGroups=1\n")
+    sandbox.write_clip("door.wav", clips.noise(480))
+    sandbox.start_daemon()
+    shell.ok("add", DOOR)
+    sandbox.set_parameters("root.SonoBrik.MaxGroups=1\nroot.SonoBrik.MaxGroups=1 clip\n")
+    assert shell.fail(1, "add", DOOR) == ["NOK", "for details: journalctl -t sonobrik"]
 
 
 def test_another_failure_to_store_refers_to_the_log(shell, sandbox, door):

@@ -11,10 +11,10 @@ namespace
 {
 
 constexpr const char *FILE_NAME = SONOBRIK_SYSCONFDIR "/vesk/parameters.conf";
-constexpr const char *PARAMETER = "root.SonoBrik.MaxGroups=";
+constexpr const char *PARAMETER = "root.SonoBrik.MaxGroups";
 
-/* Returns the limit from the stock platform's file, where the last of equal names wins; 0 if it is
- * not there. */
+/* Returns the limit as the stock platform reads it from its file: blanks around name and value do
+ * not count, and the last of equal names wins. Returns 0 if there is none, or no number. */
 gint64 read_limit()
 {
     g_autofree char *text = nullptr;
@@ -24,8 +24,14 @@ gint64 read_limit()
     }
     g_auto(GStrv) lines = g_strsplit(text, "\n", -1);
     for (char **line = lines; *line; line++) {
-        if (g_str_has_prefix(*line, PARAMETER)) {
-            limit = g_ascii_strtoll(*line + strlen(PARAMETER), nullptr, 10);
+        char *value = strchr(*line, '=');
+        if (!value) {
+            continue;
+        }
+        *value++ = '\0';
+        if (g_str_equal(g_strstrip(*line), PARAMETER)) {
+            limit = 0;
+            g_ascii_string_to_signed(g_strstrip(value), 10, 0, G_MAXINT32, &limit, nullptr);
         }
     }
     return limit;
