@@ -222,7 +222,9 @@ def test_a_recording_is_replaced_there(local, sandbox, daemon, clip):
 def test_advice_names_the_machine(local, sandbox, player, long):
     local.ok("play", long.path)
     assert local.fail(1, "play", long.path) == [
-        "A clip is already playing.", "to stop it first: sonobrikctl --host 'shop' play --replace"]
+        "A clip is already playing.",
+        "to stop it: sonobrikctl --host 'shop' stop; to play another clip instead: "
+        "sonobrikctl --host 'shop' play --replace CLIP"]
     local.ok("stop")
     assert local.fail(1, "play", "--output", "5", long.path) == [
         "there is no output 5; the outputs are: 0",

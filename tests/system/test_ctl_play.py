@@ -127,7 +127,8 @@ def test_play_returns_when_the_clip_plays_and_stop_stops_it(shell, sandbox, play
         f"     0       0              0  -     playing  {long.path}"]
     for words in (["play", long.path], ["play", "--wait", long.path]):
         assert shell.fail(1, *words) == [
-            "A clip is already playing.", "to stop it first: sonobrikctl play --replace"]
+            "A clip is already playing.",
+            "to stop it: sonobrikctl stop; to play another clip instead: sonobrikctl play --replace CLIP"]
     shell.ok("stop")
     assert shell.ok("outputs").splitlines()[1].split() == ["0", "0", "0", "-", "idle"]
     shell.ok("stop")  # nothing is playing: not an error

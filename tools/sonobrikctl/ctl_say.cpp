@@ -23,7 +23,11 @@ constexpr struct {
     {
         .text = CLIENT_TEXT_BUSY,
         .advise =
-            [] { ctl_error("to stop it first: %s", ctl_host_self("play --replace").c_str()); },
+            [] {
+                ctl_error("to stop it: %s; to play another clip instead: %s",
+                          ctl_host_self("stop").c_str(),
+                          ctl_host_self("play --replace CLIP").c_str());
+            },
     },
     {
         .text = "NOK",
