@@ -42,6 +42,8 @@ silent)
 esac
 """
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
 FOLLOW_UP = "check that you can log in there with ssh, and that systemd-stdio-bridge is installed there"
 
 
@@ -238,7 +240,27 @@ def test_advice_names_the_machine(local, sandbox, player, long):
 
 def test_a_pattern_that_matches_nothing_is_explained(local, daemon):
     assert local.fail(1, "play", "/etc/audioclips/*.ogg")[1:] == [
-        "to see why a file does not count: sonobrikctl --host 'shop' check FILE"]
+        "to find out why a matching file is not played: sonobrikctl --host 'shop' check FILE"]
+
+
+def list_hidden():
+    """Returns the folders that the daemon's unit hides."""
+    settings = re.findall(r"(?m)^(\w+)=(.*)$", (ROOT / "data/systemd/sonobrik.service.in").read_text())
+    assert {("ProtectHome", "yes"), ("PrivateTmp", "yes")} <= set(settings)
+    words = " ".join(value for name, value in settings if name == "InaccessiblePaths").split()
+    assert words
+    return ["/home", "/root", "/run/user", "/tmp", "/var/tmp", *(word.removeprefix("-") for word in words)]
+
+
+def test_a_file_in_a_folder_that_the_unit_hides_is_explained(local, daemon):
+    folders = list_hidden()
+    lines = local.run("check", *(f"{folder}/door.wav" for folder in folders)).stdout.splitlines()
+    assert [line.split("'; ")[1] for line in lines] == [
+        f"the daemon cannot see files in {folder} (systemd sandbox); put clips under /etc/audioclips"
+        for folder in folders]
+    others = local.run("check", "/homes/door.wav", "/tmpdoor.wav", "/etc/audioclips/tmp/door.wav").stdout
+    assert others.count("Could not determine") == 3
+    assert "sandbox" not in others
 
 
 def test_the_daemon_is_missing_there(local, sandbox):

@@ -66,7 +66,7 @@ def test_a_pattern_plays_a_matching_file(shell, sandbox, player, door):
     assert played(player) == [door.path] * 2
     assert shell.fail(1, "play", "/etc/audioclips/*.mp3") == [
         "No supported file(s) found at '/etc/audioclips/*.mp3'.",
-        "to see why a file does not count: sonobrikctl check FILE"]
+        "to find out why a matching file is not played: sonobrikctl check FILE"]
 
 
 @pytest.mark.parametrize("name", ["a b+c%20&d=e.wav", "[*?].wav", "\n\x1b[2J'\"$(x).wav", "鈴.wav"])

@@ -25,11 +25,13 @@ namespace
 
 constexpr int MAX_LINKS = 40; /* the limit of the kernel */
 
-/* The folders that are empty for the daemon because of its systemd unit. */
-constexpr std::array HIDDEN = {"/home/", "/root/", "/run/user/", "/tmp/", "/var/tmp/"};
-
-constexpr const char *HIDDEN_REASON =
-    "the daemon cannot see /home or /tmp (systemd sandbox); put clips under /etc/audioclips";
+/* The folders that the daemon's systemd unit hides from it, by ProtectHome=, PrivateTmp= and
+ * InaccessiblePaths=. The rights of a file in them make no difference. */
+constexpr std::array HIDDEN = {
+    "/dev/mqueue",      "/dev/shm",  "/home", "/root",      "/run/lock",
+    "/run/screen",      "/run/user", "/tmp",  "/var/crash", "/var/lib/php/sessions",
+    "/var/spool/samba", "/var/tmp",
+};
 
 struct User {
     uid_t uid;
@@ -204,10 +206,15 @@ void look_up_groups(const struct passwd *user, std::vector<gid_t> *gids)
     gids->resize(count);
 }
 
-bool is_hidden(const char *path)
+/* Returns why the daemon cannot see a file in a hidden folder; empty for any other file. */
+std::string explain_hidden(const char *path)
 {
-    return std::ranges::any_of(
-        HIDDEN, [path](const char *hidden) { return g_str_has_prefix(path, hidden); });
+    const auto *hidden = std::ranges::find_if(HIDDEN, [path](const char *folder) {
+        return g_str_has_prefix(path, folder) && path[strlen(folder)] == '/';
+    });
+    return hidden == HIDDEN.end() ? ""
+                                  : std::string("the daemon cannot see files in ") + *hidden +
+                                        " (systemd sandbox); put clips under /etc/audioclips";
 }
 
 } // namespace
@@ -218,7 +225,7 @@ std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
     std::vector<gid_t> gids;
     *is_missing = false;
     if (ctl_host()) {
-        return is_hidden(path) ? HIDDEN_REASON : "";
+        return explain_hidden(path);
     }
     if (!find_daemon_user(bus, &uid, &gids)) {
         return "";
@@ -229,10 +236,7 @@ std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
     }
     const std::string name = user ? user->pw_name : std::to_string(uid);
     std::string reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
-    if (reason.empty() && is_hidden(path)) {
-        return HIDDEN_REASON;
-    }
-    return reason;
+    return reason.empty() ? explain_hidden(path) : reason;
 }
 
 std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const char *name,
@@ -262,7 +266,7 @@ std::string ctl_file_advise(const char *error, const char *path)
 {
     const bool is_unknown = g_str_has_prefix(error, CLIENT_TEXT_UNKNOWN);
     if (g_str_has_prefix(error, CLIENT_TEXT_NO_FILE) && client_play_has_wildcards(path)) {
-        return "to see why a file does not count: " + ctl_host_self("check FILE");
+        return "to find out why a matching file is not played: " + ctl_host_self("check FILE");
     }
     if (!is_unknown && !g_str_has_suffix(error, CLIENT_TEXT_UNSUPPORTED)) {
         return "";
