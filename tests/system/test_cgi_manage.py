@@ -285,14 +285,26 @@ def test_the_answer_to_a_refused_body_arrives(web, box, tmp_path, query, options
     assert list_files(box) == []
 
 
-@pytest.mark.parametrize("headers", ["Content-Length: 0\r\n", "", "Content-Length: -1\r\n",
-                                     "Content-Length: 1e3\r\n", "Content-Length: 99999999999999\r\n"])
-def test_a_body_of_no_known_length_is_refused(web, box, headers):
+@pytest.mark.parametrize("headers, expected", [
+    ("", 411),
+    ("Content-Length: -1\r\n", 400),
+    ("Content-Length: 1e3\r\n", 400),
+    ("Content-Length: 99999999999999\r\n", 413),
+])
+def test_a_body_of_no_known_length_is_refused(web, box, headers, expected):
     with socket.create_connection((HOST, web.port)) as peer:
         peer.settimeout(60)
         peer.sendall(make_head(headers))
         status = int(peer.recv(4096).split()[1])
-    assert status in (400, 411, 413)
+    assert status == expected
+
+
+def test_an_empty_file_is_refused(web, box, tmp_path):
+    empty = tmp_path / "empty.wav"
+    empty.touch()
+    answer = add(web, empty)
+    assert (answer.status, answer.text) == (400, "The request is invalid. The file is empty.\n")
+    assert list_files(box) == []
 
 
 # Changing

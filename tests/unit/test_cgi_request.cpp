@@ -286,11 +286,15 @@ TEST(CgiRequest, LimitsTheSizeOfAFile)
 TEST(CgiRequest, RefusesAFileOfUnknownLength)
 {
     EXPECT_EQ(read(make_upload("")), CGI_NO_LENGTH);
-    EXPECT_EQ(read(make_upload("0")), CGI_NO_LENGTH);
     EXPECT_EQ(read_with(make_upload(""), "HTTP_TRANSFER_ENCODING", "chunked"), CGI_NO_LENGTH);
     Environment form = make_post("10");
     form["SONOBRIK_MANAGE"] = "1";
     EXPECT_EQ(read(form, "action=add"), CGI_NO_LENGTH) << "a form has no file";
+}
+
+TEST(CgiRequest, RejectsAnEmptyFile)
+{
+    EXPECT_EQ(read(make_upload("0")), CGI_INVALID);
 }
 
 TEST(CgiRequest, RefusesAFileOfATypeThatOtherSitesCanSend)

@@ -198,7 +198,10 @@ CgiOutcome check_file(gint64 length)
     if (!is_type("application/octet-stream")) {
         return {CGI_MEDIA_TYPE, ""};
     }
-    return {length > 0 ? CGI_OK : CGI_NO_LENGTH, ""};
+    if (get_variable("CONTENT_LENGTH").empty()) {
+        return {CGI_NO_LENGTH, ""};
+    }
+    return length > 0 ? CgiOutcome{} : reject("The file is empty.");
 }
 
 /* Returns true if the query names an action that receives a file. */
