@@ -235,7 +235,9 @@ def test_a_full_list_leaves_no_file_behind(web, box, tone):
                                               "type": "audio", "metadata": {}}))
     answer = add(web, tone)
     assert answer.status == 409
-    assert "The list may be full" in answer.text
+    assert answer.text == (
+        "The daemon did not add the clip. The list may be full: remove a clip, or raise "
+        "root.SonoBrik.MaxGroups in vesk-parameters.conf(5) and restart the daemon.\n")
     assert list_files(box) == ["other.wav"]
 
 
@@ -453,6 +455,8 @@ def test_a_file_is_handed_out(web, box, tone, header, status, part, content_rang
         size = len(data)
         assert answer.headers["content-range"] == content_range.format(
             size, last=size - 1, tail=size - 5)
+    if status == 416:
+        assert answer.text == "The requested part is beyond the end of the file.\n"
 
 
 def test_a_large_file_is_handed_out_whole(web, box, tmp_path):
