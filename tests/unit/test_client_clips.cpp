@@ -175,13 +175,19 @@ TEST_F(ClientClips, DoesNotEscapeNames)
     EXPECT_EQ(list(), "3 a\n\x1b[2J\t  none -1 -1\n");
 }
 
+GPtrArray *new_clips()
+{
+    return g_ptr_array_new_with_free_func(
+        [](gpointer clip) { client_clip_free(static_cast<ClientClip *>(clip)); });
+}
+
 /* Adds a clip to `clips`. */
-void add(GPtrArray *clips, gint32 number, const char *name)
+void add(GPtrArray *clips, gint32 number, const char *name, const char *location = "")
 {
     auto *clip = g_new0(ClientClip, 1);
     clip->number = number;
     clip->name = g_strdup(name);
-    clip->location = g_strdup("");
+    clip->location = g_strdup(location);
     g_ptr_array_add(clips, clip);
 }
 
@@ -195,8 +201,7 @@ std::string find(const GPtrArray *clips, const char *text)
 
 TEST(ClientClipsFind, PrefersANumberToAName)
 {
-    g_autoptr(GPtrArray) clips = g_ptr_array_new_with_free_func(
-        [](gpointer clip) { client_clip_free(static_cast<ClientClip *>(clip)); });
+    g_autoptr(GPtrArray) clips = new_clips();
     add(clips, 0, "Door");
     add(clips, 1, "0");
     add(clips, 2, "twice");
@@ -215,6 +220,51 @@ TEST(ClientClipsFind, PrefersANumberToAName)
     EXPECT_EQ(client_clips_get(clips, 3)->number, 3);
     EXPECT_EQ(client_clips_get(clips, 6), nullptr);
     EXPECT_EQ(client_clips_get(clips, G_MAXINT64), nullptr);
+}
+
+TEST(ClientClipsLowestFree, IsNotAboveAFreeNumber)
+{
+    g_autoptr(GPtrArray) clips = new_clips();
+    EXPECT_TRUE(client_clips_is_lowest_free(clips, 0));
+    EXPECT_FALSE(client_clips_is_lowest_free(clips, 1));
+    for (const gint32 number : {0, 1, 3}) {
+        add(clips, number, "");
+    }
+    EXPECT_TRUE(client_clips_is_lowest_free(clips, 1));
+    EXPECT_TRUE(client_clips_is_lowest_free(clips, 2));
+    EXPECT_FALSE(client_clips_is_lowest_free(clips, 3));
+}
+
+TEST(ClientClipsFindSharer, FindsAnotherClipWithTheSameFile)
+{
+    g_autoptr(GPtrArray) clips = new_clips();
+    add(clips, 0, "Door", "/etc/audioclips/door.wav");
+    add(clips, 1, "Door", "/etc/audioclips/bell.wav");
+    add(clips, 4, "Gate", "/etc/audioclips/door.wav");
+    EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 0)),
+              client_clips_get(clips, 4));
+    EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 4)),
+              client_clips_get(clips, 0));
+    EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 1)), nullptr);
+}
+
+TEST_F(ClientClips, ARenameSendsTheNameAsBytes)
+{
+    g_autoptr(sd_bus_message) call = client_clips_new_rename(client, 7, "Tür", nullptr);
+    ASSERT_NE(call, nullptr);
+    ASSERT_GE(sd_bus_message_seal(call, 1, 0), 0);
+    EXPECT_TRUE(
+        sd_bus_message_is_method_call(call, CLIENT_LEGACY.interface, "SetConfigurationEntry"));
+    gint32 number = 0;
+    const char *property = nullptr;
+    const void *bytes = nullptr;
+    size_t size = 0;
+    ASSERT_GT(sd_bus_message_read(call, "is", &number, &property), 0);
+    ASSERT_GT(sd_bus_message_enter_container(call, SD_BUS_TYPE_VARIANT, "ay"), 0);
+    ASSERT_GT(sd_bus_message_read_array(call, 'y', &bytes, &size), 0);
+    EXPECT_EQ(number, 7);
+    EXPECT_STREQ(property, "Name");
+    EXPECT_EQ(std::string(static_cast<const char *>(bytes), size), "Tür");
 }
 
 TEST(ClientClipsRelative, RemovesTheClipFolderOnly)

@@ -113,17 +113,6 @@ CgiOutcome receive(const CgiRequest &request, int body_fd, sd_bus *bus, CgiUploa
     return outcome.result == CGI_OK ? check_format(bus, *upload) : outcome;
 }
 
-/* Returns true if a clip with a lower number is missing: a new clip would get that number. */
-bool has_gap_below(const GPtrArray *clips, gint32 number)
-{
-    for (gint32 i = 0; i < number; i++) {
-        if (!client_clips_get(clips, i)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 /*
  * Makes the daemon read the length of a replaced file. The daemon reads it once for each record, so
  * the record is removed and added again. A new record gets the lowest free number, so this is
@@ -132,7 +121,7 @@ bool has_gap_below(const GPtrArray *clips, gint32 number)
 CgiOutcome refresh_record(const Store &store, const ClientClip &clip)
 {
     constexpr const char *STALE = "The list keeps showing the length of the old recording.";
-    if (has_gap_below(store.clips, clip.number)) {
+    if (!client_clips_is_lowest_free(store.clips, clip.number)) {
         return {CGI_REPLACED, STALE};
     }
     if (remove_record(store.bus, clip.number).result != CGI_OK) {
@@ -146,17 +135,6 @@ CgiOutcome refresh_record(const Store &store, const ClientClip &clip)
     }
     return {CGI_REPLACED,
             number == clip.number ? "" : "Its number is now " + std::to_string(number) + "."};
-}
-
-bool is_shared(const GPtrArray *clips, const ClientClip &clip)
-{
-    for (guint i = 0; i < clips->len; i++) {
-        const auto *other = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
-        if (other->number != clip.number && g_str_equal(other->location, clip.location)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 /* Removes the file of a removed clip. Returns a sentence if it is still there. */
@@ -230,16 +208,8 @@ CgiOutcome cgi_change_rename(const CgiRequest &request)
         return outcome;
     }
     GError *error = nullptr;
-    sd_bus_message *message = client_bus_new_call(
-        store.bus, &CLIENT_LEGACY, "SetConfigurationEntry", &error, "is", clip->number, "Name");
-    /* The daemon takes the name as bytes; a text would empty it. */
-    if (message &&
-        (sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, "ay") < 0 ||
-         sd_bus_message_append_array(message, 'y', request.name.data(), request.name.size()) < 0 ||
-         sd_bus_message_close_container(message) < 0)) {
-        sd_bus_message_unref(message);
-        return {CGI_FAILED, ""};
-    }
+    sd_bus_message *message =
+        client_clips_new_rename(store.bus, clip->number, request.name.c_str(), &error);
     outcome = call_legacy(store.bus, message, error);
     if (outcome.result != CGI_OK) {
         return outcome;
@@ -264,7 +234,7 @@ CgiOutcome cgi_change_remove(const CgiRequest &request)
     if (!request.with_file) {
         return {CGI_REMOVED, "Its file was kept."};
     }
-    return {CGI_REMOVED, is_shared(store.clips, *clip)
+    return {CGI_REMOVED, client_clips_find_sharer(store.clips, clip)
                              ? "Its file was kept, because another clip uses it."
                              : remove_file(*clip)};
 }

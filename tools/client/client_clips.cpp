@@ -294,6 +294,50 @@ const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GE
     return found;
 }
 
+bool client_clips_is_lowest_free(const GPtrArray *clips, gint32 number)
+{
+    for (gint32 lower = 0; lower < number; lower++) {
+        if (!find_by_number(clips, lower)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+const ClientClip *client_clips_find_sharer(const GPtrArray *clips, const ClientClip *clip)
+{
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *other = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        if (other->number != clip->number && g_str_equal(other->location, clip->location)) {
+            return other;
+        }
+    }
+    return nullptr;
+}
+
+sd_bus_message *client_clips_new_rename(sd_bus *bus, gint32 number, const char *name,
+                                        GError **error)
+{
+    g_autoptr(sd_bus_message) call = client_bus_new_call(
+        bus, &CLIENT_LEGACY, "SetConfigurationEntry", error, "is", number, "Name");
+    if (!call) {
+        return nullptr;
+    }
+    /* The daemon takes the name as bytes; a text would empty it. */
+    int r = sd_bus_message_open_container(call, SD_BUS_TYPE_VARIANT, "ay");
+    if (r >= 0) {
+        r = sd_bus_message_append_array(call, 'y', name, strlen(name));
+    }
+    if (r >= 0) {
+        r = sd_bus_message_close_container(call);
+    }
+    if (r < 0) {
+        client_bus_set_error(error, r, nullptr);
+        return nullptr;
+    }
+    return g_steal_pointer(&call);
+}
+
 const char *client_clips_relative(const char *location)
 {
     const char *rest = g_str_has_prefix(location, CLIENT_CLIP_FOLDER)

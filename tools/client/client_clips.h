@@ -65,6 +65,18 @@ const ClientClip *client_clips_find(const GPtrArray *clips, const char *text, GE
 /* Returns the clip with this number, borrowed from `clips`, or null. */
 const ClientClip *client_clips_get(const GPtrArray *clips, gint64 number);
 
+/* Returns true if no number below `number` is free: a clip that is added after clip `number` was
+ * removed gets that number again. */
+bool client_clips_is_lowest_free(const GPtrArray *clips, gint32 number);
+
+/* Returns another clip with the same file as `clip`, borrowed from `clips`, or null. */
+const ClientClip *client_clips_find_sharer(const GPtrArray *clips, const ClientClip *clip);
+
+/* Returns the call that gives clip `number` the name `name`, or null with an error. Send it like a
+ * call of client_bus_new_call(). */
+sd_bus_message *client_clips_new_rename(sd_bus *bus, gint32 number, const char *name,
+                                        GError **error);
+
 /* Returns the part of `location` that is relative to the clip folder, or all of it if it is outside
  * that folder. The result points into `location`. */
 const char *client_clips_relative(const char *location);

@@ -247,17 +247,6 @@ int store(const Job &job, const File &file, const std::string &location, const c
     return ctl_explain(&call, error);
 }
 
-/* Returns true if a clip that is added after `number` was removed gets this number again. */
-bool is_lowest_free(const GPtrArray *clips, gint32 number)
-{
-    for (gint32 lower = 0; lower < number; lower++) {
-        if (!client_clips_get(clips, lower)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 /*
  * Makes the daemon read length and size of a stored clip again. It does that only for new clips, so
  * the clip is removed and stored again, unless that would give it another number.
@@ -266,7 +255,7 @@ int refresh(const Job &job, const File &file, const ClientClip &clip)
 {
     const std::string location = clip.location;
     const std::string name = job.options->name ? file.name : clip.name;
-    if (!is_lowest_free(job.clips, clip.number)) {
+    if (!client_clips_is_lowest_free(job.clips, clip.number)) {
         print_number(job, file, clip.number);
         ctl_error(
             "clip %d plays the new recording; to keep its number, 'list' shows the length and "

@@ -27,17 +27,7 @@ int call_legacy(sd_bus *bus, const char *method, sd_bus_message *message, GError
 int set_name(sd_bus *bus, gint32 number, const char *name)
 {
     GError *error = nullptr;
-    sd_bus_message *message = client_bus_new_call(bus, &CLIENT_LEGACY, "SetConfigurationEntry",
-                                                  &error, "is", number, "Name");
-    int r = message ? sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, "ay") : 0;
-    if (message && r >= 0 &&
-        (r = sd_bus_message_append_array(message, 'y', name, strlen(name))) >= 0) {
-        r = sd_bus_message_close_container(message);
-    }
-    if (message && r < 0) {
-        client_bus_set_error(&error, r, nullptr);
-        sd_bus_message_unref(g_steal_pointer(&message));
-    }
+    sd_bus_message *message = client_clips_new_rename(bus, number, name, &error);
     return call_legacy(bus, "SetConfigurationEntry", message, error);
 }
 
@@ -53,13 +43,10 @@ bool may_delete(const GPtrArray *clips, const ClientClip &clip)
                   CLIENT_CLIP_FOLDER);
         return false;
     }
-    for (guint i = 0; i < clips->len; i++) {
-        const auto *other = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
-        if (other->number != clip.number && g_str_equal(other->location, path)) {
-            ctl_error("clip %d has the same file, '%s'; remove only the clip, without --file",
-                      other->number, path);
-            return false;
-        }
+    if (const ClientClip *other = client_clips_find_sharer(clips, &clip)) {
+        ctl_error("clip %d has the same file, '%s'; remove only the clip, without --file",
+                  other->number, path);
+        return false;
     }
     g_autofree char *folder = g_path_get_dirname(path);
     if (access(folder, W_OK | X_OK) < 0 && errno != ENOENT) {
