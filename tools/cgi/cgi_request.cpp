@@ -7,6 +7,7 @@
 #include "cgi_form.h"
 #include "cgi_input.h"
 #include "cgi_origin.h"
+#include "client_clips.h"
 #include "client_text.h"
 
 namespace
@@ -275,8 +276,8 @@ CgiOutcome check_name(const CgiRequest &request)
     if (request.action == CGI_RENAME && request.name.empty()) {
         return reject("Parameter 'name' is missing.");
     }
-    if (request.name.size() > CGI_NAME_MAX) {
-        return reject("The name is longer than " + std::to_string(CGI_NAME_MAX) + " bytes.");
+    if (request.name.size() > CLIENT_MAX_NAME) {
+        return reject("The name is longer than " + std::to_string(CLIENT_MAX_NAME) + " bytes.");
     }
     if (client_text_escape(request.name) != request.name) {
         return reject("The name contains a character that cannot be shown.");

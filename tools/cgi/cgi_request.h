@@ -46,9 +46,6 @@ constexpr gint64 CGI_LENGTH_UNKNOWN = -1;
 /* The maximum size of a query and of a form in the body, in bytes. */
 constexpr size_t CGI_REQUEST_MAX = 8192;
 
-/* The maximum size of a clip's name in bytes, which is the daemon's. */
-constexpr size_t CGI_NAME_MAX = 255;
-
 /* Returns true if `action` receives a file as its body. */
 bool cgi_request_has_file(CgiAction action);
 

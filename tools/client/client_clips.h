@@ -10,6 +10,9 @@
 /* The folder in which stored clips must be, without a slash at the end. */
 inline constexpr const char *CLIENT_CLIP_FOLDER = "/etc/audioclips";
 
+/* The maximum length of a clip's name in bytes, which is the daemon's. */
+inline constexpr size_t CLIENT_MAX_NAME = 255;
+
 /* One stored clip. The texts come from the daemon and can contain any UTF-8, control characters
  * included. */
 struct ClientClip {

@@ -11,7 +11,6 @@ namespace
 
 /* The daemon's limit, and the largest repeat that it can read. */
 constexpr size_t MAX_LOCATION = 4095;
-constexpr size_t MAX_NAME = 255;
 constexpr gint64 MAX_REPEAT = G_MAXINT32;
 
 /* The largest `at`: the end of the year 9999. */
@@ -24,7 +23,7 @@ struct Text {
 };
 
 constexpr Text TEXTS[] = {
-    {"name", &MqttCommand::clip_name, MAX_NAME},
+    {"name", &MqttCommand::clip_name, CLIENT_MAX_NAME},
     {"location", &MqttCommand::location, MAX_LOCATION},
 };
 
@@ -73,7 +72,7 @@ bool read_clip(MqttCommand *command, const json_t *value, std::string *why)
         return true;
     }
     const char *text = json_string_value(value);
-    if (!text || *text == '\0' || json_string_length(value) > MAX_NAME) {
+    if (!text || *text == '\0' || json_string_length(value) > CLIENT_MAX_NAME) {
         return fail(why, "'clip' is not the number or the name of a clip.");
     }
     command->clip = text;

@@ -206,11 +206,10 @@ CtlCall ctl_clips_supported_call(sd_bus *bus, const char *path)
 
 bool ctl_clips_check_name(const char *name)
 {
-    constexpr size_t MAX_NAME = 255; /* bytes; the daemon accepts no longer names */
-    if (g_utf8_validate(name, -1, nullptr) && strlen(name) <= MAX_NAME) {
+    if (g_utf8_validate(name, -1, nullptr) && strlen(name) <= CLIENT_MAX_NAME) {
         return true;
     }
-    ctl_error("clip names must be valid UTF-8 and at most %zu bytes long", MAX_NAME);
+    ctl_error("clip names must be valid UTF-8 and at most %zu bytes long", CLIENT_MAX_NAME);
     return false;
 }
 
