@@ -176,6 +176,39 @@ TEST_F(ClientBus, KeepsTheErrorIfTheCallIsNull)
     EXPECT_STREQ(error->message, "before");
 }
 
+/* Appends whether the name of the signal now has an owner to `data`, a vector of strings. */
+int record_owner(sd_bus_message *signal, void *data, sd_bus_error *)
+{
+    const char *name = nullptr;
+    const char *owner = nullptr;
+    EXPECT_GT(sd_bus_message_read(signal, "sss", &name, nullptr, &owner), 0);
+    static_cast<std::vector<std::string> *>(data)->push_back(
+        std::string(name) + (owner && *owner != '\0' ? " is owned" : " is free"));
+    return 0;
+}
+
+TEST_F(ClientBus, ReportsTheOwnersOfOneNameOnly)
+{
+    const auto handler = [](sd_bus_message *) {
+        return 0;
+    };
+    std::vector<std::string> owners;
+    ASSERT_GE(client_bus_match_owner(client, "com.vesk.Name", record_owner, &owners), 0);
+    {
+        const PlayedDaemon other({"com.vesk.Other"}, handler);
+        const PlayedDaemon named({"com.vesk.Name"}, handler);
+    }
+    while (owners.size() < 2) {
+        const int r = sd_bus_process(client, nullptr);
+        ASSERT_GE(r, 0);
+        if (r == 0) {
+            ASSERT_GT(sd_bus_wait(client, UINT64_C(60'000'000)), 0);
+        }
+    }
+    EXPECT_EQ(owners,
+              std::vector<std::string>({"com.vesk.Name is owned", "com.vesk.Name is free"}));
+}
+
 TEST(ClientBusError, MapsEachKindOfError)
 {
     const char *denied = "org.freedesktop.DBus.Error.AccessDenied";

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "autoptr.h"
@@ -176,6 +177,16 @@ sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **erro
         return nullptr;
     }
     return answer;
+}
+
+int client_bus_match_owner(sd_bus *bus, const char *name, sd_bus_message_handler_t handler,
+                           void *data)
+{
+    const std::string rule =
+        std::string(
+            "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='") +
+        name + "'";
+    return sd_bus_add_match(bus, nullptr, rule.c_str(), handler, data);
 }
 
 void client_bus_set_error(GError **error, int reason, const sd_bus_error *bus_error)

@@ -67,6 +67,14 @@ sd_bus_message *client_bus_new_call(sd_bus *bus, const ClientInterface *interfac
  */
 sd_bus_message *client_bus_call(sd_bus *bus, sd_bus_message *call, GError **error);
 
+/*
+ * Calls `handler` with each NameOwnerChanged signal of the bus for `name`, whose arguments are the
+ * name, its old and its new owner. Returns 0 or more, or a negative errno value. The match lasts as
+ * long as the connection.
+ */
+int client_bus_match_owner(sd_bus *bus, const char *name, sd_bus_message_handler_t handler,
+                           void *data);
+
 /* Sets `error` to describe a D-Bus error; `reason` is a negative errno value. `bus_error` may be
  * null. */
 void client_bus_set_error(GError **error, int reason, const sd_bus_error *bus_error);

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <sys/inotify.h>
 
 #include "autoptr.h"
@@ -18,7 +17,6 @@ constexpr ClientInterface EVENTS = {
     .interface = "org.freedesktop.DBus.ObjectManager",
 };
 
-constexpr const char *DRIVER = "org.freedesktop.DBus";
 constexpr const char *CHANGES_OBJECT = "/com/vesk/ConfigurationChanges1/SonoBrik";
 constexpr const char *CHANGES_INTERFACE = "com.vesk.ConfigurationChanges1";
 
@@ -97,13 +95,6 @@ int on_lost(sd_bus_message *, void *data, sd_bus_error *)
     return 0;
 }
 
-int match_owner(MqttDaemon *daemon, const char *name)
-{
-    const std::string rule = std::string("type='signal',sender='") + DRIVER +
-                             "',member='NameOwnerChanged',arg0='" + name + "'";
-    return sd_bus_add_match(daemon->bus, nullptr, rule.c_str(), on_owner, daemon);
-}
-
 int subscribe(MqttDaemon *daemon)
 {
     int r = sd_bus_match_signal(daemon->bus, nullptr, CLIENT_EVENTS_SERVICE, nullptr,
@@ -113,7 +104,7 @@ int subscribe(MqttDaemon *daemon)
                                 CHANGES_INTERFACE, "EntryChanged", on_change, daemon);
     }
     if (r >= 0) {
-        r = match_owner(daemon, CLIENT_SONOBRIK.service);
+        r = client_bus_match_owner(daemon->bus, CLIENT_SONOBRIK.service, on_owner, daemon);
     }
     if (r >= 0) {
         r = sd_bus_match_signal(daemon->bus, nullptr, "org.freedesktop.DBus.Local", nullptr,

@@ -4,17 +4,16 @@
 #include <cstring>
 #include <string>
 #include <systemd/sd-event.h>
-#include <unistd.h>
 
 #include "autoptr.h"
 #include "client_bus.h"
 #include "client_events.h"
 #include "client_text.h"
 #include "ctl_driver.h"
-#include "ctl_host.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_say.h"
+#include "ctl_watch.h"
 
 namespace
 {
@@ -151,19 +150,6 @@ int on_owner(sd_bus_message *signal, void *, sd_bus_error *)
     return 0;
 }
 
-int on_bus_lost(sd_bus_message *, void *data, sd_bus_error *)
-{
-    ctl_error("lost the connection to the system bus%s",
-              ctl_host() ? (std::string(" of '") + ctl_host() + "'").c_str() : "");
-    return sd_event_exit(static_cast<const Monitor *>(data)->event, CTL_AWAY);
-}
-
-/* The reader has closed the pipe. Without this the monitor would notice only at the next event. */
-int on_output_closed(sd_event_source *source, int, uint32_t, void *)
-{
-    return sd_event_exit(sd_event_source_get_event(source), CTL_OK);
-}
-
 int subscribe(sd_bus *bus, Monitor *monitor)
 {
     int r = sd_bus_match_signal(bus, nullptr, CLIENT_EVENTS_SERVICE, nullptr,
@@ -173,13 +159,7 @@ int subscribe(sd_bus *bus, Monitor *monitor)
                                 CHANGES_INTERFACE, "EntryChanged", on_change, monitor);
     }
     if (r >= 0) {
-        const std::string rule = std::string("type='signal',sender='") + CTL_BUS_DRIVER.service +
-                                 "',member='NameOwnerChanged',arg0='" + CLIENT_EVENTS_SERVICE + "'";
-        r = sd_bus_add_match(bus, nullptr, rule.c_str(), on_owner, monitor);
-    }
-    if (r >= 0) {
-        r = sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus.Local", nullptr,
-                                "org.freedesktop.DBus.Local", "Disconnected", on_bus_lost, monitor);
+        r = client_bus_match_owner(bus, CLIENT_EVENTS_SERVICE, on_owner, monitor);
     }
     return r;
 }
@@ -199,7 +179,7 @@ void print_ready(sd_bus *bus)
 
 int run(sd_bus *bus, Monitor *monitor)
 {
-    int r = sd_bus_attach_event(bus, monitor->event, SD_EVENT_PRIORITY_NORMAL);
+    int r = ctl_watch_attach(bus, monitor->event);
     if (r >= 0) {
         r = subscribe(bus, monitor);
     }
@@ -209,11 +189,7 @@ int run(sd_bus *bus, Monitor *monitor)
         return ctl_explain_bus(error);
     }
     print_ready(bus);
-    /* Fails for a regular file, which has no reader that could close it. */
-    sd_event_add_io(monitor->event, nullptr, STDOUT_FILENO, 0, on_output_closed, nullptr);
-    r = sd_event_loop(monitor->event);
-    sd_bus_detach_event(bus);
-    return r < 0 ? CTL_FAILED : r;
+    return ctl_watch_run(bus, monitor->event);
 }
 
 int watch(sd_bus *bus, bool as_json)

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <string>
 #include <systemd/sd-event.h>
-#include <unistd.h>
 #include <vector>
 
 #include "autoptr.h"
@@ -13,13 +12,13 @@
 #include "client_devices.h"
 #include "client_events.h"
 #include "client_text.h"
-#include "ctl_driver.h"
 #include "ctl_host.h"
 #include "ctl_json.h"
 #include "ctl_options.h"
 #include "ctl_outputs.h"
 #include "ctl_say.h"
 #include "ctl_terminal.h"
+#include "ctl_watch.h"
 
 namespace
 {
@@ -255,19 +254,6 @@ int on_owner(sd_bus_message *, void *data, sd_bus_error *)
     return show(status);
 }
 
-int on_bus_lost(sd_bus_message *, void *data, sd_bus_error *)
-{
-    ctl_error("lost the connection to the system bus%s",
-              ctl_host() ? (std::string(" of '") + ctl_host() + "'").c_str() : "");
-    return sd_event_exit(static_cast<Status *>(data)->event, CTL_AWAY);
-}
-
-/* The reader has closed the pipe. */
-int on_output_closed(sd_event_source *source, int, uint32_t, void *)
-{
-    return sd_event_exit(sd_event_source_get_event(source), CTL_OK);
-}
-
 int on_redraw(sd_event_source *source, uint64_t, void *data)
 {
     auto *status = static_cast<Status *>(data);
@@ -279,19 +265,13 @@ int on_redraw(sd_event_source *source, uint64_t, void *data)
 
 int subscribe(Status *status)
 {
-    int r = sd_bus_attach_event(status->bus, status->event, SD_EVENT_PRIORITY_NORMAL);
+    int r = ctl_watch_attach(status->bus, status->event);
     if (r >= 0) {
         r = sd_bus_match_signal(status->bus, nullptr, CLIENT_EVENTS_SERVICE, nullptr,
                                 CLIENT_EVENT_INTERFACE, "Sent", on_event, status);
     }
     if (r >= 0) {
-        const std::string rule = std::string("type='signal',sender='") + CTL_BUS_DRIVER.service +
-                                 "',member='NameOwnerChanged',arg0='" + CLIENT_EVENTS_SERVICE + "'";
-        r = sd_bus_add_match(status->bus, nullptr, rule.c_str(), on_owner, status);
-    }
-    if (r >= 0) {
-        r = sd_bus_match_signal(status->bus, nullptr, "org.freedesktop.DBus.Local", nullptr,
-                                "org.freedesktop.DBus.Local", "Disconnected", on_bus_lost, status);
+        r = client_bus_match_owner(status->bus, CLIENT_EVENTS_SERVICE, on_owner, status);
     }
     if (r >= 0 && status->is_live) {
         r = sd_event_add_time_relative(status->event, nullptr, CLOCK_MONOTONIC, REDRAW_US, 0,
@@ -317,11 +297,7 @@ int watch(Status *status)
         return result;
     }
     show(status);
-    /* Fails for a regular file, which has no reader that could close it. */
-    sd_event_add_io(event, nullptr, STDOUT_FILENO, 0, on_output_closed, nullptr);
-    r = sd_event_loop(event);
-    sd_bus_detach_event(status->bus);
-    return r < 0 ? CTL_FAILED : r;
+    return ctl_watch_run(status->bus, event);
 }
 
 int run(Status *status, bool is_watching)
