@@ -20,7 +20,6 @@ namespace
 {
 
 constexpr gint32 NO_CLIP = -1;
-constexpr const char *READ_LOG = "journalctl -t sonobrik";
 
 /* What to play. */
 struct Target {
@@ -137,7 +136,7 @@ int explain_options(sd_bus *bus, const ClientPlay &play)
         ctl_error("for more about them: %s", ctl_host_self("outputs").c_str());
     } else {
         ctl_error("the daemon rejects the request; for details: %s",
-                  ctl_host_command(READ_LOG).c_str());
+                  ctl_host_command(CTL_READ_LOG).c_str());
     }
     return CTL_FAILED;
 }
@@ -159,7 +158,7 @@ int explain_output(const GError *error)
                   "aplay -l");
     } else {
         ctl_error("the output may be unplugged or in use by another program; for details: %s",
-                  ctl_host_command(READ_LOG).c_str());
+                  ctl_host_command(CTL_READ_LOG).c_str());
     }
     return CTL_FAILED;
 }

@@ -13,8 +13,6 @@
 namespace
 {
 
-constexpr const char *READ_LOG = "journalctl -t sonobrik";
-
 /* What to do about the daemon's own errors, by the beginning of their text. */
 constexpr struct {
     const char *text;
@@ -31,7 +29,7 @@ constexpr struct {
     },
     {
         .text = "NOK",
-        .advise = [] { ctl_error("for details: %s", ctl_host_command(READ_LOG).c_str()); },
+        .advise = [] { ctl_error("for details: %s", ctl_host_command(CTL_READ_LOG).c_str()); },
     },
 };
 
@@ -59,13 +57,14 @@ void explain_denied(const CtlCall *call)
         return;
     }
     ctl_error("permission denied by the access policy: %s", call->method);
-    ctl_error("for details: %s", ctl_host_command(READ_LOG).c_str());
+    ctl_error("for details: %s", ctl_host_command(CTL_READ_LOG).c_str());
 }
 
 int explain_method(const CtlCall *call, const GError *error)
 {
     if (*error->message == '\0') {
-        ctl_error("%s failed; for details: %s", call->method, ctl_host_command(READ_LOG).c_str());
+        ctl_error("%s failed; for details: %s", call->method,
+                  ctl_host_command(CTL_READ_LOG).c_str());
         return CTL_FAILED;
     }
     ctl_error("%s", error->message);

@@ -7,6 +7,9 @@
 
 #include "client_bus.h"
 
+/* The shell command that shows the daemon's log. */
+inline constexpr const char *CTL_READ_LOG = "journalctl -t sonobrik";
+
 /* Prints a line to standard error, with control characters escaped. */
 void ctl_error(const char *format, ...) G_GNUC_PRINTF(1, 2);
 
