@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 PROGRAMS = ["src/sonobrik", "src/audiocontrol/sonobrik-audiocontrol",
-            "tools/sonobrikctl/sonobrikctl", "tools/cgi/sonobrik.cgi"]
+            "tools/sonobrikctl/sonobrikctl", "tools/cgi/sonobrik.cgi", "tools/mqtt/sonobrik-mqtt"]
 
 
 @pytest.fixture(scope="module")
