@@ -12,8 +12,8 @@ extern const sd_bus_vtable audioclip_method_table[];
 
 /*
  * (s location, s name, s type) -> (i index): adds a clip record, announces it and updates the
- * on-screen controls. `location` must begin with "/etc/audioclips", and `type` must be "audio". Updating the on-screen
- * controls may block for 25 s.
+ * on-screen controls. `location` must begin with "/etc/audioclips", and `type` must be "audio".
+ * Updating the on-screen controls may block for 25 s.
  */
 int sonobrik_add_clip(sd_bus_message *message, void *user_data, sd_bus_error *ret_error);
 

@@ -307,7 +307,8 @@ const char *create_pipeline(AudioClip *clip, const PlayRequest *request, const c
     clip->pipeline = GST_ELEMENT(gst_object_ref_sink(playbin));
     clip->repeat = request->repeat;
 
-    g_object_set(playbin, "uri", uri, nullptr);
+    const double level = request->volume / 100.0;
+    g_object_set(playbin, "uri", uri, "volume", level, nullptr);
     g_autoptr(GstElement) sink = get_sink(clip, request);
     if (!sink) {
         gst_object_unref(g_steal_pointer(&clip->pipeline));
@@ -315,7 +316,7 @@ const char *create_pipeline(AudioClip *clip, const PlayRequest *request, const c
     }
     g_object_set(sink, "latency-time", SINK_LATENCY_TIME_US, nullptr);
     g_object_set(playbin, "audio-sink", sink, nullptr);
-    clip_volume_set(playbin, sink, request->volume / 100.0);
+    clip_volume_prepare(playbin, sink, level);
     gst_pipeline_set_latency(GST_PIPELINE(playbin), PIPELINE_LATENCY);
     return nullptr;
 }

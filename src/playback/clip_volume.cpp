@@ -17,25 +17,35 @@ bool has_volume(GstElement *sink)
     return element != nullptr;
 }
 
+/* Makes `playbin` play through a filter that sets the level. */
+void add_filter(GstElement *playbin, double level)
+{
+    GstElement *filter = gst_element_factory_make("volume", nullptr);
+    if (!filter) {
+        g_warning("%sCould not create volume.", "");
+        return; /* playbin reports that it cannot set the level either */
+    }
+    g_object_set(filter, "volume", level, nullptr);
+    g_object_set(playbin, "audio-filter", filter, nullptr);
+}
+
 } // namespace
 
-void clip_volume_set(GstElement *playbin, GstElement *sink, double level)
+void clip_volume_prepare(GstElement *playbin, GstElement *sink, double level)
 {
-    /* playbin passes the level to a sink that has a volume. */
-    g_object_set(playbin, "volume", level, nullptr);
-    /* A filter brings converters along. They cost a fifth of the whole start, even at level 1. */
-    if (level != UNCHANGED && !has_volume(sink)) {
-        GstElement *filter = gst_element_factory_make("volume", nullptr);
-        if (!filter) {
-            g_warning("%sCould not create volume.", "");
-            return; /* playbin reports that it cannot set the level either */
-        }
-        g_object_set(filter, "volume", level, nullptr);
-        g_object_set(playbin, "audio-filter", filter, nullptr);
-    }
     /*
      * Without the flag "soft-volume" playbin makes no volume element of its own, which GStreamer
      * 1.22 leaks with each pipeline. Without "video" and "text" it does not decode either.
      */
-    gst_util_set_object_arg(G_OBJECT(playbin), "flags", "audio");
+    const char *flags = "audio";
+    /* A filter brings converters along. They cost a fifth of the whole start, even at level 1. */
+    if (level != UNCHANGED && !has_volume(sink)) {
+        if (GST_IS_BIN(sink)) {
+            /* The bin may still get an element with a volume; playbin looks again when it plays. */
+            flags = "audio+soft-volume";
+        } else {
+            add_filter(playbin, level);
+        }
+    }
+    gst_util_set_object_arg(G_OBJECT(playbin), "flags", flags);
 }

@@ -1,5 +1,6 @@
 #include "audio_clip_test.h"
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <utility>
@@ -166,6 +167,21 @@ TEST_F(AudioClipChain, EndsASwitchThatIsNotTaken)
     const gint64 began = g_get_monotonic_time();
     audio_clip_stop(clip, nullptr);
     EXPECT_LT(g_get_monotonic_time() - began, 500 * G_TIME_SPAN_MILLISECOND);
+}
+
+/* A stop waits for the end of a switch, for 500 ms at most. */
+TEST_F(AudioClipChain, EndsASwitchWhenTheNextSourceIsSetUp)
+{
+    fakes.repeat = -1;
+    gint64 shortest = G_MAXINT64;
+    for (int i = 0; i < 3; i++) {
+        start_playing();
+        about_to_finish();
+        const gint64 began = g_get_monotonic_time();
+        audio_clip_stop(clip, nullptr);
+        shortest = std::min(shortest, g_get_monotonic_time() - began);
+    }
+    EXPECT_LT(shortest, 500 * G_TIME_SPAN_MILLISECOND);
 }
 
 /* Otherwise playbin can lock up. */

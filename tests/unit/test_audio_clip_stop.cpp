@@ -498,12 +498,15 @@ TEST_F(AudioClipUnref, DisconnectsAPipelineThatCannotBeStopped)
     start_playing();
     GstElement *pipeline = fakes.pipeline;
     fakes.null_result = GST_STATE_CHANGE_FAILURE;
+    AudioClip *player = clip;
+    const auto is_connected = [pipeline, player] {
+        return g_signal_handler_find(pipeline, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
+                                     player) != 0;
+    };
+    EXPECT_TRUE(is_connected());
     audio_clip_unref(g_steal_pointer(&clip));
+    EXPECT_FALSE(is_connected());
     clear_log();
-    take_calls();
-    fakes.note_locks = true;
-    g_signal_emit_by_name(pipeline, "about-to-finish");
-    EXPECT_EQ(take_calls(), Calls());
     gst_object_unref(pipeline); /* the player kept it */
 }
 
