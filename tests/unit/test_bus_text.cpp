@@ -75,6 +75,8 @@ TEST(BusText, TextIsValidUpToItsLastByte)
     EXPECT_FALSE(bus_text_is_valid("Door\xe9"));
     EXPECT_FALSE(bus_text_is_valid("Door\xc3"));
     EXPECT_FALSE(bus_text_is_valid("Door\uffff"));
+    EXPECT_FALSE(bus_text_is_valid("Door\xed\xa0\x80")); /* a surrogate */
+    EXPECT_FALSE(bus_text_is_valid("Door\xc0\x80"));     /* overlong */
 }
 
 TEST(BusText, EmptyTextStaysEmpty)

@@ -249,6 +249,7 @@ TEST_F(GroupMethods, UnknownPropertyIsNotRead)
 TEST_F(GroupMethods, PropertyOfAMissingRecordIsNotReadOrLogged)
 {
     EXPECT_EQ(get(0, "Name"), failure("GetConfigurationEntry"));
+    EXPECT_EQ(get(0, "No such property"), failure("GetConfigurationEntry"));
     expect_no_log();
 }
 
@@ -565,6 +566,16 @@ TEST_F(GroupMethods, SyncUpdatesTheControls)
 {
     EXPECT_EQ(call("Sync"), "()");
     EXPECT_EQ(osc_updates, 1);
+    expect_no_log();
+}
+
+TEST_F(GroupMethods, SyncThatCannotBeAnsweredHasItsOwnError)
+{
+    calls.fail("sd_bus_send");
+    EXPECT_EQ(call("Sync"),
+              "com.vesk.Sonobrik.Legacy.Sync: Failed to send a positive dbus response");
+    expect_log(G_LOG_LEVEL_INFO, "sonobrik_dbus_method_send_reply failed to send positive reply "
+                                 "message due to Cannot allocate memory");
     expect_no_log();
 }
 

@@ -142,11 +142,13 @@ TEST_F(ConnectionTest, RefusedErrorMapFailsTheSetUp)
     close_what_is_left(calls);
 }
 
+/* The daemon does not take the name from an owner who would give it away. */
 TEST_F(ConnectionTest, OwnedNameFailsTheSetUp)
 {
     FailingCalls calls;
+    constexpr guint ALLOW_REPLACEMENT = 1;
     bus_call(stranger, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-             "RequestName", g_variant_new("(su)", SERVICE, 0));
+             "RequestName", g_variant_new("(su)", SERVICE, ALLOW_REPLACEMENT));
     EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
     expect_log(LOG_LEVEL_ERROR, "Failed to acquire service name com.vesk.Test: File exists.");
     expect_no_log();
