@@ -334,9 +334,10 @@ def test_a_clip_is_removed_with_its_file_or_without(web, box, tone, extra, files
     assert list_files(box) == files
 
 
-def test_a_file_that_another_clip_uses_is_kept(web, box, tone):
+@pytest.mark.parametrize("path", ["/tone.wav", "//tone.wav", "/./tone.wav"])
+def test_a_file_that_another_clip_uses_is_kept(web, box, tone, path):
     add(web, tone)
-    Store(box).add_clip(f"{FOLDER}/tone.wav", "Twice")
+    Store(box).add_clip(FOLDER + path, "Twice")
     answer = web.change("action=remove&clip=0&withfile=1")
     assert answer.text == "The clip was removed. Its file was kept, because another clip uses it.\n"
     assert list_files(box) == ["tone.wav"]

@@ -4,6 +4,7 @@
 #include "client_bus.h"
 #include "played_daemon.h"
 #include "private_bus.h"
+#include "temp_dir.h"
 
 namespace
 {
@@ -246,6 +247,33 @@ TEST(ClientClipsFindSharer, FindsAnotherClipWithTheSameFile)
     EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 4)),
               client_clips_get(clips, 0));
     EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 1)), nullptr);
+}
+
+TEST(ClientClipsFindSharer, FindsTheSameFileByAnotherPath)
+{
+    const TempDir folder;
+    const std::string door = folder.file("door.wav");
+    folder.file("bell.wav");
+    folder.link("link.wav", "door.wav");
+    for (const char *name : {"//door.wav", "/./door.wav", "/link.wav"}) {
+        g_autoptr(GPtrArray) clips = new_clips();
+        add(clips, 0, "Bell", (folder.root + "//bell.wav").c_str());
+        add(clips, 1, "Door", door.c_str());
+        EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 1)), nullptr);
+        add(clips, 2, "Gate", (folder.root + name).c_str());
+        EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 1)),
+                  client_clips_get(clips, 2))
+            << name;
+    }
+}
+
+TEST(ClientClipsFindSharer, DoesNotTakeMissingFilesForTheSame)
+{
+    const TempDir folder;
+    g_autoptr(GPtrArray) clips = new_clips();
+    add(clips, 0, "Door", folder.path("door.wav").c_str());
+    add(clips, 1, "Bell", folder.path("bell.wav").c_str());
+    EXPECT_EQ(client_clips_find_sharer(clips, client_clips_get(clips, 0)), nullptr);
 }
 
 TEST_F(ClientClips, ARenameSendsTheNameAsBytes)

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <sys/stat.h>
 
 #include "autoptr.h"
 #include "client_bus.h"
@@ -304,11 +305,20 @@ bool client_clips_is_lowest_free(const GPtrArray *clips, gint32 number)
     return true;
 }
 
+bool client_clips_is_same_file(const char *first, const char *second)
+{
+    struct stat a = {};
+    struct stat b = {};
+    return g_str_equal(first, second) || (stat(first, &a) == 0 && stat(second, &b) == 0 &&
+                                          a.st_dev == b.st_dev && a.st_ino == b.st_ino);
+}
+
 const ClientClip *client_clips_find_sharer(const GPtrArray *clips, const ClientClip *clip)
 {
     for (guint i = 0; i < clips->len; i++) {
         const auto *other = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
-        if (other->number != clip->number && g_str_equal(other->location, clip->location)) {
+        if (other->number != clip->number &&
+            client_clips_is_same_file(other->location, clip->location)) {
             return other;
         }
     }

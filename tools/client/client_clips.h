@@ -72,7 +72,11 @@ const ClientClip *client_clips_get(const GPtrArray *clips, gint64 number);
  * removed gets that number again. */
 bool client_clips_is_lowest_free(const GPtrArray *clips, gint32 number);
 
-/* Returns another clip with the same file as `clip`, borrowed from `clips`, or null. */
+/* Returns true if both paths lead to the same file of this machine, or are equal. */
+bool client_clips_is_same_file(const char *first, const char *second);
+
+/* Returns another clip with the same file as `clip`, borrowed from `clips`, or null. Only on the
+ * machine of the daemon: paths can differ and still lead to the same file. */
 const ClientClip *client_clips_find_sharer(const GPtrArray *clips, const ClientClip *clip);
 
 /* Returns the call that gives clip `number` the name `name`, or null with an error. Send it like a
