@@ -3,8 +3,9 @@
 
 usage: on_terminal.py TASK
 
-TASK is a JSON object with `command`, `columns` and `steps`. A step is a pair of a text and of keys,
-which are sent as soon as the program has written the text. The steps are handled in order. Prints
+TASK is a JSON object with `command`, `columns` and `steps`. A step is a text and keys, which are
+sent as soon as the program has written the text. A third member of a step is a list of commands, which
+are run before the keys are sent. The steps are handled in order. Prints
 a JSON object: `output` is everything that the program wrote, `status` is its exit status, or 128 +
 the number of the signal that ended it, and `left` has the steps whose text did not appear. A program
 that takes longer than DEADLINE is killed.
@@ -17,6 +18,7 @@ import pty
 import select
 import signal
 import struct
+import subprocess
 import sys
 import termios
 import time
@@ -48,8 +50,11 @@ def converse(terminal, steps):
     end = time.monotonic() + DEADLINE
     while True:
         while steps and (at := output.find(steps[0][0].encode(), seen)) >= 0:
-            text, keys = steps.pop(0)
+            text, keys, *commands = steps.pop(0)
             seen = at + len(text.encode())
+            for command in commands[0] if commands else []:
+                subprocess.run(command, stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL,
+                               check=True)
             os.write(terminal, keys.encode())
         part = read(terminal, end)
         if not part:

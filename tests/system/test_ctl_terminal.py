@@ -4,6 +4,7 @@ import re
 
 import pytest
 from sandbox import clips, wait_until
+from sandbox.shell import PROGRAM
 from sandbox.store import Store, write_record
 
 INTERRUPT = "\x03"
@@ -137,6 +138,54 @@ def test_a_name_that_is_taken_is_asked_about(shell, door, words, refusal):
     assert "door\n" in shell.ok("list", "--names")
     assert shell.on_terminal(*words, steps=[("[y/N] ", "y\n")])[1] == 0
     assert "door\n" not in shell.ok("list", "--names")  # now two clips have the name
+
+
+# What others change during the question
+
+
+def replace_clip(sandbox, name):
+    """Returns commands that remove clip 0 and store another file, which gets its number."""
+    other = sandbox.write_clip("other.wav", clips.noise(480))
+    return [[PROGRAM, "remove", "--yes", "0"], [PROGRAM, "add", other.path, "--name", name]]
+
+
+CHANGED = "sonobrikctl: clip 0 was changed or removed during the question; nothing was done\r\n"
+
+
+@pytest.mark.parametrize("options", [[], ["--file"]])
+@pytest.mark.parametrize("name", ["alarm", "door"])
+def test_no_other_clip_is_removed_than_the_one_in_the_question(shell, sandbox, door, options, name):
+    output, status = shell.on_terminal(
+        "remove", "0", *options, steps=[("[y/N] ", "y\n", replace_clip(sandbox, name))])
+    assert (status, output.endswith(CHANGED)) == (1, True), output
+    assert shell.ok("list", "--names") == f"{name}\n"
+    assert door.file.exists()
+
+
+@pytest.mark.parametrize("change", [["rename", "0", "gate"], ["remove", "--yes", "0"]])
+def test_a_clip_that_was_changed_during_the_question_is_not_removed(shell, door, change):
+    output, status = shell.on_terminal(
+        "remove", "0", steps=[("[y/N] ", "y\n", [[PROGRAM, *change]])])
+    assert (status, output.endswith(CHANGED)) == (1, True), output
+    assert shell.ok("list", "--names") == ("gate\n" if change[0] == "rename" else "")
+
+
+def test_a_file_that_another_clip_got_during_the_question_is_kept(shell, door):
+    output, status = shell.on_terminal(
+        "remove", "--file", "0",
+        steps=[("[y/N] ", "y\n", [[PROGRAM, "add", door.path, "--name", "new"]])])
+    assert status == 1
+    assert "clip 1 has the same file, '/etc/audioclips/door.wav'" in output
+    assert shell.ok("list", "--names") == "door\nnew\n"
+    assert door.file.exists()
+
+
+def test_no_other_clip_is_renamed_than_the_one_that_was_named(shell, sandbox, door):
+    shell.ok("add", door.path, "--name", "taken")
+    output, status = shell.on_terminal(
+        "rename", "0", "taken", steps=[("[y/N] ", "y\n", replace_clip(sandbox, "alarm"))])
+    assert (status, output.endswith(CHANGED)) == (1, True), output
+    assert shell.ok("list", "--names") == "alarm\ntaken\n"
 
 
 # Tables

@@ -75,11 +75,34 @@ std::string make_question(const ClientClip &clip, bool with_file)
     return with_file ? name + " and its " + file + "?" : name + "? The " + file + " is kept.";
 }
 
-/* Asks about a name that another clip has. Without a terminal nobody is asked, and it is used. */
-bool may_use_name(const GPtrArray *clips, const ClientClip &clip, const char *name)
+/* Asks about a name that another clip has. Without a terminal nobody is asked, and it is used.
+ * Returns CTL_OK if the clip may get the name, or the exit status. */
+int confirm_name(sd_bus *bus, const GPtrArray *clips, const ClientClip &clip, const char *name)
 {
     const ClientClip *other = ctl_clips_find_name(clips, name, clip.number);
-    return !other || ctl_clips_ask_name(*other);
+    int status = CTL_OK;
+    if (!other || !ctl_ask_possible()) {
+        return status;
+    }
+    if (!ctl_clips_ask_name(*other)) {
+        ctl_error("clip not renamed");
+        return CTL_FAILED;
+    }
+    g_autoptr(GPtrArray) unchanged = ctl_clips_list_unchanged(bus, clip, &status);
+    return unchanged ? CTL_OK : status;
+}
+
+/* Asks whether to remove the clip. Returns CTL_OK if it may be removed, or the exit status. */
+int confirm_removal(sd_bus *bus, const ClientClip &clip, bool with_file)
+{
+    if (!ctl_ask(make_question(clip, with_file))) {
+        ctl_error("clip not removed");
+        return CTL_FAILED;
+    }
+    int status = CTL_OK;
+    g_autoptr(GPtrArray) clips = ctl_clips_list_unchanged(bus, clip, &status);
+    /* During the question, another clip may have been added with this file. */
+    return clips && with_file && !may_delete(clips, clip) ? CTL_FAILED : status;
 }
 
 using Change = std::function<int(const GPtrArray *clips, const ClientClip &clip)>;
@@ -103,12 +126,9 @@ int ctl_rename(const CtlCommand *command, char **words)
     const auto rename = [](sd_bus *bus, char **operands) {
         const char *name = operands[1];
         return change_clip(bus, operands[0],
-                           [bus, name](const GPtrArray *clips, const ClientClip &clip) -> int {
-                               if (may_use_name(clips, clip, name)) {
-                                   return set_name(bus, clip.number, name);
-                               }
-                               ctl_error("clip not renamed");
-                               return CTL_FAILED;
+                           [bus, name](const GPtrArray *clips, const ClientClip &clip) {
+                               const int status = confirm_name(bus, clips, clip, name);
+                               return status == CTL_OK ? set_name(bus, clip.number, name) : status;
                            });
     };
     return ctl_options_run(command, words, nullptr, check, rename);
@@ -140,11 +160,11 @@ int ctl_remove(const CtlCommand *command, char **words)
         if (with_file && !may_delete(clips, clip)) {
             return CTL_FAILED;
         }
-        if (!is_sure && !ctl_ask(make_question(clip, with_file))) {
-            ctl_error("clip not removed");
-            return CTL_FAILED;
+        int status = is_sure ? CTL_OK : confirm_removal(bus, clip, with_file);
+        if (status != CTL_OK) {
+            return status;
         }
-        const int status = ctl_clips_remove(bus, clip.number);
+        status = ctl_clips_remove(bus, clip.number);
         return status == CTL_OK && with_file ? delete_file(clip.location) : status;
     };
     return ctl_options_run(command, words, entries, check, [&](sd_bus *bus, char **operands) {

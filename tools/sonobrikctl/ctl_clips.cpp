@@ -220,6 +220,21 @@ bool ctl_clips_ask_name(const ClientClip &other)
                    "'. Then only the number tells them apart. Use the name anyway?");
 }
 
+GPtrArray *ctl_clips_list_unchanged(sd_bus *bus, const ClientClip &clip, int *status)
+{
+    g_autoptr(GPtrArray) clips = ctl_clips_list(bus, false, status);
+    if (!clips) {
+        return nullptr;
+    }
+    const ClientClip *now = client_clips_get(clips, clip.number);
+    if (now && g_str_equal(now->name, clip.name) && g_str_equal(now->location, clip.location)) {
+        return g_steal_pointer(&clips);
+    }
+    ctl_error("clip %d was changed or removed during the question; nothing was done", clip.number);
+    *status = CTL_FAILED;
+    return nullptr;
+}
+
 int ctl_clips_remove(sd_bus *bus, gint32 number)
 {
     const CtlCall call = {

@@ -51,6 +51,13 @@ bool ctl_clips_check_name(const char *name);
  */
 bool ctl_clips_ask_name(const ClientClip &other);
 
+/*
+ * Lists the clips again after a question, which can stay unanswered for long while others change
+ * the list: the number of `clip` may be that of another clip by now. Returns the list if `clip` has
+ * the same name and file in it. Otherwise prints an error, sets `status` and returns null.
+ */
+GPtrArray *ctl_clips_list_unchanged(sd_bus *bus, const ClientClip &clip, int *status);
+
 /* Removes a clip from the list. Returns the exit status. */
 int ctl_clips_remove(sd_bus *bus, gint32 number);
 

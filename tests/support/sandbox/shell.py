@@ -34,7 +34,7 @@ class Shell:
 
     def on_terminal(self, *words, steps=(), columns=80, env=None, command=None):
         """Runs it, or `command`, on a terminal. `steps` are pairs of a text to wait for and keys to
-        press then. Returns the terminal's output and the exit status."""
+        press then, or triples with commands to run before the keys. Returns the terminal's output and the exit status."""
         task = {"command": [*(command or [PROGRAM]), *words], "columns": columns,
                 "steps": list(steps)}
         result = self.sandbox.run(
