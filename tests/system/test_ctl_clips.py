@@ -7,7 +7,7 @@ import stat
 
 import pytest
 from sandbox import clips, wait_until
-from sandbox.controls import Controls
+from sandbox.controls import Controls, Monitor
 from sandbox.shell import PROGRAM
 from sandbox.store import Store, write_record
 
@@ -27,6 +27,14 @@ def elsewhere(sandbox, daemon):
     clips.write_wav(path, clips.noise(4800))
     path.chmod(0o600)
     return "/tmp/chime.wav"
+
+
+@pytest.fixture
+def huge(sandbox):
+    """A file outside the clip folder that takes a while to copy and cannot be played."""
+    with open(sandbox.folder / "tmp/huge.wav", "wb") as file:
+        file.truncate(1 << 26)
+    return "/tmp/huge.wav"
 
 
 def list_json(shell):
@@ -161,17 +169,55 @@ def test_the_copy_is_removed_if_the_clip_cannot_be_stored(shell, sandbox, elsewh
     assert list_json(shell) == []
 
 
-def test_ctrl_c_leaves_no_incomplete_copy(sandbox, daemon):
-    size = 1 << 26
-    with open(sandbox.folder / "tmp/huge.wav", "wb") as file:
-        file.truncate(size)
+def test_ctrl_c_leaves_no_incomplete_copy(sandbox, daemon, huge):
     copy = sandbox.etc / "audioclips/huge.wav"
-    adding = sandbox.spawn([PROGRAM, "add", "--copy", "/tmp/huge.wav"])
+    adding = sandbox.spawn([PROGRAM, "add", "--copy", huge])
     wait_until(lambda: copy.exists() or not adding.is_running, 20, "copying has started")
     adding.kill(signal.SIGINT)
     adding.wait_exit()
-    # The copy is complete, or was removed because the daemon cannot play it.
-    assert not copy.exists() or copy.stat().st_size == size
+    assert os.listdir(sandbox.etc / "audioclips") == []
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+@pytest.mark.parametrize("options", [[], ["--replace"]])
+def test_a_signal_while_the_daemon_checks_the_copy_removes_it(
+        shell, sandbox, daemon, huge, number, options):
+    folder = sandbox.etc / "audioclips"
+    if options:
+        sandbox.write_file("huge.wav", b"precious")
+    before = os.listdir(folder)
+    calls = Monitor(sandbox, "member=SupportedFile")
+    adding = sandbox.spawn([PROGRAM, "add", "--copy", *options, huge])
+    wait_until(lambda: os.listdir(folder) != before, 20, "copying has started")
+    daemon.pause()
+    calls.wait(1)
+    adding.kill(number)
+    # 1 if the daemon replied just before it was paused.
+    assert adding.wait_exit() in (1, 128 + number)
+    daemon.go_on()
+    assert os.listdir(folder) == before
+
+
+def test_the_copy_is_removed_if_the_daemon_exits_while_it_checks_it(sandbox, daemon, elsewhere):
+    calls = Monitor(sandbox, "member=SupportedFile")
+    daemon.pause()
+    adding = sandbox.spawn([PROGRAM, "add", "--copy", elsewhere])
+    calls.wait(1)
+    daemon.kill()
+    assert adding.wait_exit() == 3
+    assert os.listdir(sandbox.etc / "audioclips") == []
+
+
+def test_an_ignored_ctrl_c_stays_ignored_while_copying(shell, sandbox, daemon, elsewhere):
+    calls = Monitor(sandbox, "member=SupportedFile")
+    daemon.pause()
+    adding = sandbox.spawn(["sh", "-c", "trap '' INT; exec \"$0\" \"$@\"", PROGRAM, "add", "--copy",
+                            elsewhere])
+    calls.wait(1)
+    adding.kill(signal.SIGINT)
+    daemon.go_on()
+    assert adding.wait_exit() == 0
+    assert [clip["name"] for clip in list_json(shell)] == ["chime"]
 
 
 def test_missing_files_folders_and_pipes_are_not_added(shell, sandbox, daemon):
@@ -267,6 +313,20 @@ def test_a_recording_that_cannot_be_played_replaces_nothing(shell, sandbox, else
     assert len(list_json(shell)) == 1
 
 
+def test_no_recording_of_one_command_replaces_another_one(shell, sandbox, elsewhere):
+    for name in ("x/gong.wav", "y/gong.wav"):
+        (sandbox.folder / "tmp" / name).parent.mkdir()
+        clips.write_wav(sandbox.folder / "tmp" / name, clips.noise(480))
+    assert shell.fail(2, "add", "--copy", "--replace", "/tmp/x/gong.wav", "/tmp/y/gong.wav") == [
+        "'/tmp/x/gong.wav' and '/tmp/y/gong.wav' would both become '/etc/audioclips/gong.wav'; "
+        "rename one of them"]
+    assert os.listdir(sandbox.etc / "audioclips") == []
+    stored = sandbox.write_clip("gong.wav", clips.noise(4800)).path
+    for files in ([stored, "/tmp/x/gong.wav"], ["/tmp/x/gong.wav", stored]):
+        assert "would both become" in shell.fail(2, "add", "--copy", "--replace", *files)[0]
+    assert list_json(shell) == []
+
+
 def test_a_clip_keeps_its_number_rather_than_its_length(shell, sandbox, door):
     for name in ("a", "b"):
         shell.ok("add", DOOR, "--name", name)
@@ -294,6 +354,21 @@ def test_remove_deletes_the_file_if_asked_to(shell, sandbox, door):
     shell.ok("remove", "--yes", "--file", "1")
     assert list_json(shell) == []
     assert not door.file.exists()
+
+
+@pytest.mark.parametrize("path", ["/etc/audioclips//door.wav", "/etc/audioclips/./door.wav"])
+def test_remove_keeps_a_file_that_another_clip_has_by_another_path(shell, sandbox, path):
+    store = Store(sandbox)
+    store.write("M0.json", write_record(DOOR, "door", "audio"))
+    store.write("M1.json", write_record(path, "again", "audio"))
+    store.start()
+    door = sandbox.write_clip("door.wav", clips.noise(480))
+    for number, other in (("0", "1"), ("1", "0")):
+        assert shell.fail(1, "remove", "--yes", "--file", number)[0].startswith(
+            f"clip {other} has the same file, ")
+    assert door.file.exists()
+    assert shell.ok("add", "--replace", DOOR) == "0\n1\n"
+    assert len(list_json(shell)) == 2
 
 
 def test_remove_deletes_no_file_outside_the_clip_folder(shell, sandbox):

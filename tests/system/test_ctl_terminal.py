@@ -140,6 +140,15 @@ def test_a_name_that_is_taken_is_asked_about(shell, door, words, refusal):
     assert "door\n" not in shell.ok("list", "--names")  # now two clips have the name
 
 
+def test_two_files_of_one_name_are_asked_about(shell, sandbox, daemon):
+    for name in ("bell.au", "bell.wav"):
+        sandbox.write_clip(f"set/{name}", clips.noise(480))
+    output, status = shell.on_terminal("add", "/etc/audioclips/set", steps=[("[y/N] ", "n\n")])
+    assert status == 1
+    assert output.startswith("0 bell\r\nClip 0 is already named 'bell'. ")
+    assert shell.ok("list", "--names") == "bell\n"
+
+
 # What others change during the question
 
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <unistd.h>
 #include <vector>
 
@@ -73,7 +74,6 @@ struct Job {
     sd_bus *bus;
     const Options *options;
     std::vector<File> files;
-    GPtrArray *clips; /* owned; as they were at the start; null if this user may not list them */
 };
 
 /* Returns false after printing an error, and sets `status`, if `path` is missing. */
@@ -165,6 +165,25 @@ int take_folder(Job *job, const char *folder)
     return status;
 }
 
+/* Checks that no file overwrites another one of the command line, whose recording would be lost.
+ * Returns the exit status. */
+int check_targets(const Job &job)
+{
+    std::map<std::string, const File *> targets;
+    for (const File &file : job.files) {
+        const bool is_copied = file.location.empty();
+        const auto [place, is_new] = targets.try_emplace(
+            is_copied ? ctl_copy_destination(file.path.c_str()) : file.location, &file);
+        const File &other = *place->second;
+        if (!is_new && (is_copied || other.location.empty()) && other.path != file.path) {
+            ctl_error("'%s' and '%s' would both become '%s'; rename one of them",
+                      other.path.c_str(), file.path.c_str(), place->first.c_str());
+            return CTL_USAGE;
+        }
+    }
+    return CTL_OK;
+}
+
 /* Checks all operands before anything is added. Returns the exit status. */
 int take_operands(Job *job, char **operands)
 {
@@ -191,7 +210,7 @@ int take_operands(Job *job, char **operands)
         ctl_error("--name is for one file, not for %zu", job->files.size());
         return CTL_USAGE;
     }
-    return status;
+    return status == CTL_OK && job->options->is_replacing ? check_targets(*job) : status;
 }
 
 /* Explains why the daemon cannot play `path`, a copy of `shown`, which the user knows. */
@@ -227,6 +246,8 @@ int store(const Job &job, const File &file, const std::string &location, const c
         .interface = &CLIENT_SONOBRIK,
         .method = "AddClip",
     };
+    /* From here on, the daemon may store the clip even if a signal ends this program. */
+    ctl_copy_keep();
     sd_bus_message *message = client_bus_new_call(job.bus, call.interface, call.method, &error,
                                                   "sss", location.c_str(), name, "audio");
     g_autoptr(sd_bus_message) answer = client_bus_call(job.bus, message, &error);
@@ -251,11 +272,12 @@ int store(const Job &job, const File &file, const std::string &location, const c
  * Makes the daemon read length and size of a stored clip again. It does that only for new clips, so
  * the clip is removed and stored again, unless that would give it another number.
  */
-int refresh(const Job &job, const File &file, const ClientClip &clip)
+int refresh(const Job &job, const File &file, const GPtrArray *clips, const ClientClip &clip)
 {
+    ctl_copy_keep(); /* a stored clip has this file */
     const std::string location = clip.location;
     const std::string name = job.options->name ? file.name : clip.name;
-    if (!client_clips_is_lowest_free(job.clips, clip.number)) {
+    if (!client_clips_is_lowest_free(clips, clip.number)) {
         print_number(job, file, clip.number);
         ctl_error(
             "clip %d plays the new recording; to keep its number, 'list' shows the length and "
@@ -267,23 +289,57 @@ int refresh(const Job &job, const File &file, const ClientClip &clip)
     return status == CTL_OK ? store(job, file, location, name.c_str()) : status;
 }
 
+/*
+ * Returns the clips if this file needs them, or null, with an error in `status` if it cannot be
+ * added without them. They are read again for each file and each clip, because those before it, and
+ * others meanwhile, may have changed the list.
+ */
+GPtrArray *list_clips(const Job &job, int *status)
+{
+    if (job.options->is_replacing) {
+        return ctl_clips_list(job.bus, false, status);
+    }
+    /* Only for the question about a name, which is left out for a user who may not list clips. */
+    return ctl_ask_possible() ? client_clips_list(job.bus, false, nullptr) : nullptr;
+}
+
+/* Returns the first clip from number `next` on that has the file at `location`, or null. */
+const ClientClip *find_next(const GPtrArray *clips, gint64 next, const std::string &location)
+{
+    for (guint i = 0; i < clips->len; i++) {
+        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(clips, i));
+        /* The paths of another machine lead nowhere here. */
+        const bool has_file = ctl_host()
+                                  ? location == clip->location
+                                  : client_clips_is_same_file(location.c_str(), clip->location);
+        if (clip->number >= next && has_file) {
+            return clip;
+        }
+    }
+    return nullptr;
+}
+
 /* Adds the file at `location`, which the daemon can play, or updates the clips that have it. */
 int store_or_refresh(const Job &job, const File &file, const std::string &location)
 {
     bool is_stored = false;
     int status = CTL_OK;
-    for (guint i = 0; job.options->is_replacing && i < job.clips->len && status == CTL_OK; i++) {
-        const auto *clip = static_cast<const ClientClip *>(g_ptr_array_index(job.clips, i));
-        if (location == clip->location) {
+    g_autoptr(GPtrArray) clips = list_clips(job, &status);
+    if (job.options->is_replacing) {
+        const ClientClip *clip = nullptr;
+        gint64 next = 0;
+        while (clips && status == CTL_OK && (clip = find_next(clips, next, location))) {
+            next = static_cast<gint64>(clip->number) + 1;
             is_stored = true;
-            status = refresh(job, file, *clip);
+            status = refresh(job, file, clips, *clip);
+            g_ptr_array_unref(clips);
+            clips = status == CTL_OK ? list_clips(job, &status) : nullptr;
         }
     }
-    if (is_stored) {
+    if (is_stored || status != CTL_OK) {
         return status;
     }
-    const ClientClip *other =
-        job.clips ? ctl_clips_find_name(job.clips, file.name.c_str(), -1) : nullptr;
+    const ClientClip *other = clips ? ctl_clips_find_name(clips, file.name.c_str(), -1) : nullptr;
     if (other && !ctl_clips_ask_name(*other)) {
         ctl_error("'%s' not added; to give it another name: --name", file.path.c_str());
         return CTL_FAILED;
@@ -309,9 +365,9 @@ int copy_and_add(const Job &job, const File &file)
         return CTL_FAILED;
     }
     const int status = add(job, file, location);
-    /* If the daemon went away before it replied, it may have stored the clip. */
-    if (status != CTL_OK && status != CTL_AWAY) {
-        unlink(location.c_str());
+    /* If the daemon went away before it replied to AddClip, it may have stored the clip. */
+    if (status != CTL_OK && (status != CTL_AWAY || !ctl_copy_is_kept())) {
+        ctl_copy_remove(location);
     }
     return status;
 }
@@ -326,12 +382,12 @@ int copy_over(const Job &job, const File &file, const std::string &location)
     g_autoptr(GError) error = nullptr;
     if (!ctl_clips_is_supported(job.bus, copy.c_str(), &error)) {
         const int status = explain_unsupported(job.bus, copy, file.path, error);
-        unlink(copy.c_str());
+        ctl_copy_remove(copy);
         return status;
     }
     if (rename(copy.c_str(), location.c_str()) < 0) {
         ctl_error("cannot replace '%s': %s", location.c_str(), g_strerror(errno));
-        unlink(copy.c_str());
+        ctl_copy_remove(copy);
         return CTL_FAILED;
     }
     return store_or_refresh(job, file, location);
@@ -349,19 +405,18 @@ int add_file(const Job &job, const File &file)
 }
 
 /* Adds all files. Returns the status of the first that cannot be added. */
-int add_files(Job *job)
+int add_files(const Job &job)
 {
     int first = CTL_OK;
-    if (job->options->is_replacing) {
-        job->clips = ctl_clips_list(job->bus, false, &first);
-        if (!job->clips) {
+    if (job.options->is_replacing) {
+        /* A user who may not list the clips is told so before a file is overwritten. */
+        g_autoptr(GPtrArray) clips = ctl_clips_list(job.bus, false, &first);
+        if (!clips) {
             return first;
         }
-    } else if (ctl_ask_possible()) {
-        job->clips = client_clips_list(job->bus, false, nullptr);
     }
-    for (const File &file : job->files) {
-        const int status = add_file(*job, file);
+    for (const File &file : job.files) {
+        const int status = add_file(job, file);
         /* These would be the same for every further file. */
         if (status == CTL_AWAY || status == CTL_DENIED) {
             return status;
@@ -384,14 +439,12 @@ int ctl_add(const CtlCommand *command, char **words)
                          &options.is_replacing),
         {},
     };
-    Job job = {.bus = nullptr, .options = &options, .files = {}, .clips = nullptr};
+    Job job = {.bus = nullptr, .options = &options, .files = {}};
     const auto check = [&job](char **operands) {
         return take_operands(&job, operands);
     };
     return ctl_options_run(command, words, entries, check, [&job](sd_bus *bus, char **) {
         job.bus = bus;
-        const int status = add_files(&job);
-        g_clear_pointer(&job.clips, g_ptr_array_unref);
-        return status;
+        return add_files(job);
     });
 }

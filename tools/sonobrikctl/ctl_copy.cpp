@@ -2,11 +2,11 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <glib.h>
-#include <initializer_list>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +17,38 @@ namespace
 {
 
 constexpr const char *UNIQUE = ".XXXXXX";
+
+constexpr std::array ENDING = {SIGHUP, SIGINT, SIGTERM};
+
+/* The copy that a signal removes. */
+char doomed_path[PATH_MAX];
+volatile sig_atomic_t is_doomed = 0;
+
+void remove_and_end(int number)
+{
+    if (is_doomed) {
+        unlink(doomed_path);
+    }
+    /* The handler is already reset, so this ends the program when the handler returns. */
+    raise(number);
+}
+
+/* Makes the signals that end the program remove the file first, unless they are ignored, as they
+ * are in background jobs of shell scripts. Only while these signals are blocked. */
+void guard(const std::string &path)
+{
+    g_strlcpy(doomed_path, path.c_str(), sizeof doomed_path);
+    is_doomed = 1;
+    for (const int number : ENDING) {
+        struct sigaction action = {};
+        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
+            action = {};
+            action.sa_handler = remove_and_end;
+            action.sa_flags = SA_RESETHAND;
+            sigaction(number, &action, nullptr);
+        }
+    }
+}
 
 bool write_all(int fd, const char *data, ssize_t length)
 {
@@ -51,7 +83,7 @@ bool copy_content(int from, int to)
 
 /* Copies `from` into the new file `to` and closes `to`. On failure prints an error and removes it.
  */
-bool fill(int from, int to, const char *path)
+bool fill(int from, int to, const std::string &path)
 {
     constexpr mode_t READABLE_FOR_ALL = 0644;
     /* The caller's umask must not make the file unreadable for the daemon's user. */
@@ -62,8 +94,8 @@ bool fill(int from, int to, const char *path)
         reason = errno;
     }
     if (!is_whole) {
-        unlink(path);
-        ctl_error("cannot write '%s': %s", path, g_strerror(reason));
+        ctl_copy_remove(path);
+        ctl_error("cannot write '%s': %s", path.c_str(), g_strerror(reason));
     }
     return is_whole;
 }
@@ -74,7 +106,7 @@ sigset_t block_signals()
     sigset_t ending;
     sigset_t before;
     sigemptyset(&ending);
-    for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+    for (const int number : ENDING) {
         sigaddset(&ending, number);
     }
     sigprocmask(SIG_BLOCK, &ending, &before);
@@ -115,8 +147,8 @@ std::string copy(const char *source, std::string path)
         close(from);
         return "";
     }
-    /* A signal must not leave an incomplete copy behind: the next attempt would fail because the
-     * file exists. */
+    /* A signal must not leave a copy behind: the next attempt would fail because the file exists.
+     * It must not remove a file that is not ours either, so it waits until the copy exists. */
     const sigset_t signals = block_signals();
     const int to =
         path.ends_with(UNIQUE)
@@ -124,9 +156,11 @@ std::string copy(const char *source, std::string path)
             : open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_UNTIL_COMPLETE);
     if (to < 0) {
         explain_create(path);
+    } else {
+        guard(path);
     }
-    const bool is_copied = to >= 0 && fill(from, to, path.c_str());
     sigprocmask(SIG_SETMASK, &signals, nullptr);
+    const bool is_copied = to >= 0 && fill(from, to, path);
     close(from);
     return is_copied ? path : "";
 }
@@ -148,4 +182,20 @@ std::string ctl_copy_beside_clips(const char *source)
 {
     g_autofree char *name = g_path_get_basename(source);
     return copy(source, std::string(CLIENT_CLIP_FOLDER) + "/." + name + UNIQUE);
+}
+
+void ctl_copy_keep()
+{
+    is_doomed = 0;
+}
+
+bool ctl_copy_is_kept()
+{
+    return is_doomed == 0;
+}
+
+void ctl_copy_remove(const std::string &path)
+{
+    unlink(path.c_str());
+    ctl_copy_keep();
 }

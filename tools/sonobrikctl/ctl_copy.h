@@ -8,6 +8,11 @@
 std::string ctl_copy_destination(const char *source);
 
 /*
+ * The two functions below copy a file. Until ctl_copy_keep() or ctl_copy_remove(), SIGHUP, SIGINT
+ * and SIGTERM remove the copy before they end the program. There can be one such copy at a time.
+ */
+
+/*
  * Copies the regular file `source` into the clip folder, readable for everyone, and returns the
  * path of the copy. Never overwrites a file. On failure prints an error, removes the incomplete
  * copy and returns an empty string.
@@ -19,3 +24,12 @@ std::string ctl_copy_to_clips(const char *source);
  * Rename it to ctl_copy_destination(), or remove it.
  */
 std::string ctl_copy_beside_clips(const char *source);
+
+/* Lets the copy stay if a signal ends the program. */
+void ctl_copy_keep(void);
+
+/* Returns true after ctl_copy_keep(), until the next copy. */
+bool ctl_copy_is_kept(void);
+
+/* Removes the copy at `path`. */
+void ctl_copy_remove(const std::string &path);
