@@ -273,7 +273,18 @@ def test_a_clip_plays_by_the_name_of_its_file(shell, sandbox, player):
         door.path] * 2
     shell.ok("rename", "rooms/door.wav", "Back")
     shell.ok("add", door.path, "--name", "Twice")
-    assert shell.fail(5, "play", "rooms/door.wav")[0].startswith("no such clip: 'rooms/door.wav'")
+    for words in (["play"], ["remove", "--yes"]):
+        assert shell.fail(5, *words, "rooms/door.wav") == [
+            "several clips have the file 'rooms/door.wav': 0, 1; use the number",
+            "to list all clips: sonobrikctl list"]
+
+
+def test_a_file_with_wildcards_that_several_clips_have_is_no_pattern(shell, sandbox, player):
+    song = sandbox.write_clip("a*.wav", clips.noise(480))
+    for name in ("one", "two"):
+        shell.ok("add", song.path, "--name", name)
+    assert shell.fail(5, "play", "a*.wav")[0] == (
+        "several clips have the file 'a*.wav': 0, 1; use the number")
 
 
 @pytest.mark.parametrize("typed, meant", [

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <vector>
 
 #include "autoptr.h"
 #include "client_bus.h"
@@ -61,6 +60,16 @@ GPtrArray *list_or_fail(sd_bus *bus, bool with_metadata, int *status, GError **e
     return clips;
 }
 
+/* Returns the clips' numbers as "0, 1". */
+std::string join_numbers(const std::vector<const ClientClip *> &clips)
+{
+    std::string text;
+    for (const ClientClip *clip : clips) {
+        text += (text.empty() ? "" : ", ") + std::to_string(clip->number);
+    }
+    return text;
+}
+
 int explain_list(sd_bus *bus, const GError *error)
 {
     const CtlCall call = {
@@ -106,11 +115,20 @@ const ClientClip *ctl_clips_find(const GPtrArray *clips, const char *text, int *
 {
     g_autoptr(GError) error = nullptr;
     const ClientClip *clip = client_clips_find(clips, text, &error);
-    if (!clip && !ctl_clips_find_name(clips, text, -1)) {
-        clip = ctl_clips_find_file(clips, text);
-    }
     if (clip) {
         return clip;
+    }
+    if (!ctl_clips_find_name(clips, text, -1)) {
+        const std::vector<const ClientClip *> found = ctl_clips_find_file(clips, text);
+        if (found.size() == 1) {
+            return found.front();
+        }
+        if (found.size() > 1) {
+            g_clear_error(&error);
+            g_set_error(&error, CLIENT_ERROR, CLIENT_ERROR_NO_CLIP,
+                        "several clips have the file '%s': %s; use the number", text,
+                        join_numbers(found).c_str());
+        }
     }
     const char *similar = ctl_clips_similar(clips, text);
     if (similar && !g_str_equal(similar, text)) {
@@ -126,17 +144,14 @@ const ClientClip *ctl_clips_find(const GPtrArray *clips, const char *text, int *
     return nullptr;
 }
 
-const ClientClip *ctl_clips_find_file(const GPtrArray *clips, const char *text)
+std::vector<const ClientClip *> ctl_clips_find_file(const GPtrArray *clips, const char *text)
 {
-    const ClientClip *found = nullptr;
+    std::vector<const ClientClip *> found;
     for (guint i = 0; i < clips->len && *text != '\0'; i++) {
         const ClientClip *clip = get(clips, i);
         if (g_str_equal(clip->location, text) ||
             g_str_equal(client_clips_relative(clip->location), text)) {
-            if (found) {
-                return nullptr;
-            }
-            found = clip;
+            found.push_back(clip);
         }
     }
     return found;

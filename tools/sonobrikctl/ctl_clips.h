@@ -5,6 +5,7 @@
 #include <glib.h>
 #include <string>
 #include <systemd/sd-bus.h>
+#include <vector>
 
 #include "client_clips.h"
 #include "ctl_say.h"
@@ -24,14 +25,13 @@ GPtrArray *ctl_clips_list_visible(sd_bus *bus, bool with_metadata, int *status);
 
 /*
  * Returns client_clips_find() or, if no clip has that number or name, the clip whose file `list`
- * shows as `text`. On failure explains the error, with a similar name if there is one, sets
- * `status` and returns null.
+ * shows as `text`. On failure, also if several clips have that file, explains the error, with a
+ * similar name if there is one, sets `status` and returns null.
  */
 const ClientClip *ctl_clips_find(const GPtrArray *clips, const char *text, int *status);
 
-/* Returns the only clip whose file is `text`, a path or a path relative to the clip folder;
- * null if there is none or several have it. */
-const ClientClip *ctl_clips_find_file(const GPtrArray *clips, const char *text);
+/* Returns the clips whose file is `text`, a path or a path relative to the clip folder. */
+std::vector<const ClientClip *> ctl_clips_find_file(const GPtrArray *clips, const char *text);
 
 /* Returns the first clip with this name other than the clip `except`, or null. */
 const ClientClip *ctl_clips_find_name(const GPtrArray *clips, const char *name, gint64 except);

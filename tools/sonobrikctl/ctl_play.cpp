@@ -226,8 +226,9 @@ bool find_target(sd_bus *bus, const char *text, bool with_length, Target *target
     }
     const bool is_clip =
         client_clips_find(clips, text, nullptr) || ctl_clips_find_name(clips, text, NO_CLIP);
-    if (!is_clip && ((!ctl_host() && may_exist(text)) ||
-                     (client_play_has_wildcards(text) && !ctl_clips_find_file(clips, text)))) {
+    if (!is_clip &&
+        ((!ctl_host() && may_exist(text)) ||
+         (client_play_has_wildcards(text) && ctl_clips_find_file(clips, text).empty()))) {
         return use_file(text, target, status);
     }
     const ClientClip *clip = ctl_clips_find(clips, text, status);
