@@ -255,6 +255,8 @@ def test_replace_stops_nothing_for_a_clip_that_cannot_be_played(shell, sandbox, 
     shell.fail(5, "play", "--replace", "/etc/audioclips/none.wav")
     shell.fail(5, "play", "--replace", "None")
     shell.fail(1, "play", "--replace", "--output", "3", long.path)
+    assert shell.fail(1, "play", "--replace", "--device", "9", "--device-output", "1", long.path) == [
+        "there is no device 9; the devices are: 0", "for more about them: sonobrikctl outputs"]
     player.fence()
     assert player.events[-1][0] == "CurrentlyPlaying"
     assert "playing" in shell.ok("outputs")
