@@ -439,6 +439,18 @@ def test_check_reports_on_each_file(shell, sandbox, door):
     assert shell.run("check", "/no/a.wav").returncode == 5
 
 
+def test_check_gives_no_advice_to_convert_a_directory_or_a_missing_file(shell, sandbox, daemon):
+    (sandbox.etc / "audioclips/set").mkdir()
+    result = shell.run("check", "/etc/audioclips/set")
+    assert (result.returncode, result.stdout) == (
+        1, "/etc/audioclips/set: Could not determine the media format of file: "
+        "'/etc/audioclips/set'; '/etc/audioclips/set' is a directory\n")
+    result = shell.run("check", "/etc/audioclips/set/*")
+    assert (result.returncode, result.stdout) == (
+        5, "/etc/audioclips/set/*: Could not determine the media format of file: "
+        "'/etc/audioclips/set/*'; '/etc/audioclips/set/*' does not exist\n")
+
+
 def test_a_name_that_is_not_utf8_is_explained(shell, sandbox, daemon):
     path = b"/etc/audioclips/\xff.wav".decode(errors="surrogateescape")
     result = shell.run("check", path)

@@ -22,9 +22,10 @@ class CtlFile : public ::testing::Test
 
     /* Returns why the user cannot read the file, or an empty string. */
     std::string explain(const std::string &path, uid_t uid = STRANGER,
-                        std::span<const gid_t> gids = {})
+                        std::span<const gid_t> gids = {}, bool may_be_pattern = true)
     {
-        return ctl_file_explain_for(uid, gids, "stranger", path.c_str(), &is_missing);
+        return ctl_file_explain_for(uid, gids, "stranger", path.c_str(), may_be_pattern,
+                                    &is_missing);
     }
 
     std::string file(const std::string &name, mode_t mode)
@@ -129,6 +130,26 @@ TEST_F(CtlFile, NamesTheMissingComponent)
     EXPECT_EQ(explain(path + "/b"), "'" + path + "' is not a directory");
     EXPECT_TRUE(is_missing);
     EXPECT_EQ(explain(folder.path("*.wav")), "") << "nothing matches the pattern";
+}
+
+TEST_F(CtlFile, TakesWildcardsForOrdinaryCharactersUnlessThereMayBeAPattern)
+{
+    const std::string path = folder.path("*.wav");
+    EXPECT_EQ(explain(path, STRANGER, {}, false), "'" + path + "' does not exist");
+    EXPECT_TRUE(is_missing);
+}
+
+TEST_F(CtlFile, ExplainsADirectory)
+{
+    const std::string inner = folder.folder("inner");
+    folder.link("link", "inner");
+    for (const std::string &path :
+         {inner, inner + "/", inner + "/../inner/.", folder.path("link")}) {
+        EXPECT_EQ(explain(path), "'" + inner + "' is a directory") << path;
+    }
+    EXPECT_EQ(explain("/"), "'/' is a directory");
+    EXPECT_FALSE(is_missing);
+    EXPECT_EQ(explain(inner + "/*.wav"), "") << "a pattern";
 }
 
 TEST_F(CtlFile, ExplainsAFileThatIsNotRegular)

@@ -37,7 +37,7 @@ int check_file(sd_bus *bus, const char *file)
         return ctl_explain(&call, error);
     }
     bool is_missing = false;
-    std::string reason = ctl_file_explain(bus, path.c_str(), &is_missing);
+    std::string reason = ctl_file_explain(bus, path.c_str(), false, &is_missing);
     if (reason.empty()) {
         reason = ctl_file_advise(error->message, path.c_str());
     }

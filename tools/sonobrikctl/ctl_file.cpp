@@ -63,6 +63,7 @@ struct Walk {
     std::vector<std::string> ahead; /* remaining components in reverse order */
     int links;
     bool is_missing;
+    bool is_folder;     /* the path ends with a folder */
     std::string reason; /* why access fails; empty if no reason is found */
 };
 
@@ -122,6 +123,7 @@ bool step(Walk *walk)
         return false;
     }
     if (walk->ahead.empty()) {
+        walk->is_folder = true;
         return false;
     }
     const std::string name = walk->ahead.back();
@@ -219,7 +221,7 @@ std::string explain_hidden(const char *path)
 
 } // namespace
 
-std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
+std::string ctl_file_explain(sd_bus *bus, const char *path, bool may_be_pattern, bool *is_missing)
 {
     uid_t uid = 0;
     std::vector<gid_t> gids;
@@ -235,12 +237,13 @@ std::string ctl_file_explain(sd_bus *bus, const char *path, bool *is_missing)
         look_up_groups(user, &gids);
     }
     const std::string name = user ? user->pw_name : std::to_string(uid);
-    std::string reason = ctl_file_explain_for(uid, gids, name.c_str(), path, is_missing);
+    std::string reason =
+        ctl_file_explain_for(uid, gids, name.c_str(), path, may_be_pattern, is_missing);
     return reason.empty() ? explain_hidden(path) : reason;
 }
 
 std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const char *name,
-                                 const char *path, bool *is_missing)
+                                 const char *path, bool may_be_pattern, bool *is_missing)
 {
     Walk walk = {
         .user = {.uid = uid, .gids = gids, .name = name},
@@ -248,15 +251,19 @@ std::string ctl_file_explain_for(uid_t uid, std::span<const gid_t> gids, const c
         .ahead = {},
         .links = 0,
         .is_missing = false,
+        .is_folder = false,
         .reason = "",
     };
     struct stat found = {};
     g_autofree char *parent = g_path_get_dirname(path);
     /* For a pattern, checks only the folder. */
-    const bool is_pattern =
-        client_play_has_wildcards(path) && lstat(path, &found) < 0 && errno == ENOENT;
+    const bool is_pattern = may_be_pattern && client_play_has_wildcards(path) &&
+                            lstat(path, &found) < 0 && errno == ENOENT;
     add_ahead(&walk, is_pattern ? parent : path);
     while (step(&walk)) {
+    }
+    if (walk.is_folder && !is_pattern) {
+        walk.reason = "'" + (walk.folder.empty() ? "/" : walk.folder) + "' is a directory";
     }
     *is_missing = walk.is_missing;
     return walk.reason;

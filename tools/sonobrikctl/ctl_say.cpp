@@ -78,7 +78,9 @@ int explain_method(const CtlCall *call, const GError *error)
         return CTL_FAILED;
     }
     bool is_missing = false;
-    std::string reason = ctl_file_explain(call->bus, call->path, &is_missing);
+    /* SupportedFile takes wildcards for ordinary characters. */
+    const bool may_be_pattern = !g_str_equal(call->method, "SupportedFile");
+    std::string reason = ctl_file_explain(call->bus, call->path, may_be_pattern, &is_missing);
     if (reason.empty()) {
         reason = ctl_file_advise(error->message, call->shown ? call->shown : call->path);
     }
