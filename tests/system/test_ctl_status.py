@@ -74,6 +74,16 @@ def test_the_watch_prints_a_line_for_each_change(shell, sandbox, player, door):
     assert watch.wait_lines(5)[3:] == ["Front\\x1b  on output 0", "nothing is playing"]
 
 
+def test_the_watch_shows_a_new_name(shell, sandbox, player, door):
+    watch = shell.start("status", "--watch")
+    watch.wait_lines(1)
+    shell.ok("play", "--wait", "0")
+    watch.wait_lines(3)
+    shell.ok("rename", "0", "Back")
+    shell.ok("play", "--wait", "0")
+    assert watch.wait_lines(5)[3] == "Back  on output 0"
+
+
 def test_the_position_is_the_time_since_the_file_began(shell, sandbox, player, long):
     shell.ok("play", long.path)
     wait_sound(sandbox)

@@ -98,7 +98,8 @@ gint64 find_start(const ClientOutput &output)
     return ctl_host() ? UNKNOWN : static_cast<gint64>(output.file_since);
 }
 
-/* Records that an output plays `location` from the time `started_us` on. */
+/* Records that an output plays `location` from the time `started_us` on. Call read_clips() before.
+ */
 void set_playing(Status *status, gint32 output, const char *location, gint64 started_us)
 {
     std::erase_if(status->playing, [output](const Playing &p) { return p.output == output; });
@@ -113,11 +114,6 @@ void set_playing(Status *status, gint32 output, const char *location, gint64 sta
         .started_us = started_us,
     };
     look_up(*status, &playing);
-    if (playing.number == UNKNOWN) {
-        /* There is no list yet, or the clip is newer than the list. */
-        read_clips(status);
-        look_up(*status, &playing);
-    }
     status->playing.push_back(playing);
 }
 
@@ -130,6 +126,7 @@ int read_status(Status *status)
         return result;
     }
     status->playing.clear();
+    read_clips(status);
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
         if (output->playing) {
@@ -236,6 +233,7 @@ int on_event(sd_bus_message *signal, void *data, sd_bus_error *)
         return 0;
     }
     if (!event.is_state) {
+        read_clips(status); /* others may have changed them since the last file */
         set_playing(status, event.output, event.file_name, g_get_monotonic_time());
     } else if (!event.playing) {
         std::erase_if(status->playing,
