@@ -312,7 +312,9 @@ def test_it_ends_silently_when_the_reader_exits(sandbox, many, words):
     assert words != "list" or result.stdout.endswith("141\n")
 
 
-def test_a_full_disk_is_reported(sandbox, many):
-    result = sandbox.run(["sh", "-c", '"$0" list >/dev/full', PROGRAM], check=False)
+@pytest.mark.parametrize("words", ["list", "status", "status --watch", "status --watch --json",
+                                   "--help"])
+def test_a_full_disk_is_reported(sandbox, many, words):
+    result = sandbox.run(["sh", "-c", f'"$0" {words} >/dev/full', PROGRAM], check=False)
     assert result.returncode == 1
     assert result.stderr == "sonobrikctl: cannot write to standard output: No space left on device\n"

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "client_text.h"
+#include "ctl_say.h"
 
 bool ctl_ask_possible()
 {
@@ -13,7 +14,7 @@ bool ctl_ask_possible()
 
 bool ctl_ask(const std::string &question)
 {
-    fflush(stdout);
+    ctl_flush();
     fprintf(stderr, "%s [y/N] ", client_text_escape(question).c_str());
     fflush(stderr);
     char line[16] = "";

@@ -37,7 +37,7 @@ std::string format_time(const char *format)
 /* Flushes the output, and ends the monitor if that fails. */
 int flush(const Monitor *monitor)
 {
-    return fflush(stdout) == 0 ? 0 : sd_event_exit(monitor->event, 0);
+    return ctl_flush() ? 0 : sd_event_exit(monitor->event, 0);
 }
 
 int print_line(const Monitor *monitor, const std::string &text)

@@ -1,5 +1,6 @@
 #include "ctl_say.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -94,13 +95,29 @@ int explain_method(const CtlCall *call, const GError *error)
 
 void ctl_error(const char *format, ...)
 {
+    const int before = errno;
     va_list values;
     va_start(values, format);
     g_autofree char *text = g_strdup_vprintf(format, values);
     va_end(values);
     /* Keeps the lines in order if standard output and standard error are the same file. */
-    fflush(stdout);
+    ctl_flush();
     fprintf(stderr, "sonobrikctl: %s\n", client_text_escape(text).c_str());
+    errno = before;
+}
+
+bool ctl_flush()
+{
+    /* stdio drops what it cannot write, so only the first attempt tells the reason. */
+    static int reason = 0;
+    if (reason == 0 && (fflush(stdout) != 0 || ferror(stdout))) {
+        reason = errno != 0 ? errno : EIO;
+    }
+    if (reason == 0) {
+        return true;
+    }
+    errno = reason;
+    return false;
 }
 
 int ctl_explain(const CtlCall *call, const GError *error)

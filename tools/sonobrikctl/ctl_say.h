@@ -10,8 +10,12 @@
 /* The shell command that shows the daemon's log. */
 inline constexpr const char *CTL_READ_LOG = "journalctl -t sonobrik";
 
-/* Prints a line to standard error, with control characters escaped. */
+/* Prints a line to standard error, with control characters escaped. Does not change errno. */
 void ctl_error(const char *format, ...) G_GNUC_PRINTF(1, 2);
+
+/* Writes out what was printed to standard output. Returns false if that failed, now or in an
+ * earlier call, and sets errno to the reason of the first failure. */
+bool ctl_flush(void);
 
 /* A call, to explain its failure. */
 struct CtlCall {

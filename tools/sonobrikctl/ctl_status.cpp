@@ -222,7 +222,7 @@ int show(Status *status)
         puts(line.c_str());
         status->shown = line;
     }
-    return fflush(stdout) == 0 ? 0 : sd_event_exit(status->event, CTL_OK);
+    return ctl_flush() ? 0 : sd_event_exit(status->event, CTL_OK);
 }
 
 int on_event(sd_bus_message *signal, void *data, sd_bus_error *)

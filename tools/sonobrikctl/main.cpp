@@ -206,7 +206,7 @@ int main(int argc, char **argv)
     /* If the reader of a pipe exits, end silently, even if the parent process ignores SIGPIPE. */
     signal(SIGPIPE, SIG_DFL);
     const int status = run(argv + (argc > 0 ? 1 : 0));
-    if (fflush(stdout) != 0 || ferror(stdout)) {
+    if (!ctl_flush()) {
         ctl_error("cannot write to standard output: %s", g_strerror(errno));
         return status == CTL_OK ? CTL_FAILED : status;
     }
