@@ -17,6 +17,8 @@ function __sonobrikctl_words
                 test $i -le (count $words); and set machine $words[$i]
             case '--host=*'
                 set machine (string replace -- --host= '' $words[$i])
+            case '-H*'
+                set machine (string replace -- -H '' $words[$i])
             case '*'
                 set -a rest $words[$i]
         end

@@ -121,14 +121,18 @@ def test_options_and_values_fit_the_command(complete, words, offered):
     assert complete(*words) == offered
 
 
+def list_options(shell, command):
+    """Returns the options of a command, from its help."""
+    text = shell.ok(command, "--help")
+    if command == "help":
+        return {"--help", "--host"}  # it shows the help of the program
+    return {word.split("=")[0].rstrip(",") for word in text.split() if word.startswith("--")}
+
+
 def test_every_option_of_every_command_is_offered(clip_list, complete):
     for command in complete(""):
-        if command.startswith("-") or command == "help":
-            continue
-        text = clip_list.ok(command, "--help")
-        options = {word.split("=")[0].rstrip(",") for word in text.split()
-                   if word.startswith("--")}
-        assert set(complete(command, "--")) == options, command
+        if not command.startswith("-"):
+            assert set(complete(command, "--")) == list_options(clip_list, command), command
 
 
 @pytest.mark.parametrize("command", ["play", "remove", "rename"])
@@ -203,6 +207,7 @@ ASKS_NOTHING = ["shop force false"]
     (["play", "--host", "root@shop"], ["root@shop.example"]),
     (["--host", "shop", "ren"], ["rename"]),
     (["--host=shop", "ren"], ["rename"]),
+    (["-Hshop", "ren"], ["rename"]),
     (["--host", "shop", "list", "--na"], ["--names"]),
     (["--host", "shop", "play", "/etc/audioclips/a"], []),
     (["add", "-H", "shop", "/etc/audioclips/a"], []),
@@ -216,7 +221,7 @@ def test_machines_are_offered_and_not_taken_for_operands(complete, calls, words,
 @pytest.mark.parametrize("words", [
     ["--host", "shop", "play", "Front y"], ["--host=shop", "play", "Front y"],
     ["play", "--host", "shop", "Front y"], ["remove", "-H", "'shop'", "Front y"],
-    ["rename", "--host", "other", "--host=shop", "Front y"],
+    ["rename", "--host", "other", "--host=shop", "Front y"], ["-Hshop", "play", "Front y"],
 ])
 def test_names_come_from_the_other_machine(complete, calls, words):
     words[-1] = "Front\\ y"
@@ -308,13 +313,18 @@ def test_fish_offers_files_to_play_only_if_no_clip_fits(complete_in_fish):
 @has("fish")
 def test_fish_offers_every_option_of_every_command(clip_list, complete_in_fish):
     for command in complete_in_fish("sonobrikctl "):
-        if command != "help":
-            text = clip_list.ok(command, "--help")
-            options = {word.split("=")[0].rstrip(",") for word in text.split()
-                       if word.startswith("--")}
-            offered = {word for word in complete_in_fish(f"sonobrikctl {command} --")
-                       if word.startswith("--")}
-            assert offered == options, command
+        offered = {word for word in complete_in_fish(f"sonobrikctl {command} --")
+                   if word.startswith("--")}
+        assert offered == list_options(clip_list, command), command
+
+
+@has("fish")
+def test_fish_offers_values_that_the_program_accepts(clip_list, complete_in_fish):
+    offered = [*complete_in_fish("sonobrikctl play -v"), *complete_in_fish("sonobrikctl play -r")]
+    values = [word for word in offered if len(word) > 2]
+    assert values and set(values) > {"-v50", "-rforever"}
+    for word in values:
+        assert "missing argument" in clip_list.fail(2, "play", word)[0], word
 
 
 @has("fish")
@@ -331,7 +341,8 @@ def test_fish_offers_machines(complete_in_fish, calls):
 @has("fish")
 @needs_bridge
 @pytest.mark.parametrize("line", [
-    "--host shop play Front", "--host=shop remove Front", "rename -H shop Front"])
+    "--host shop play Front", "--host=shop remove Front", "rename -H shop Front",
+    "rename -Hshop Front"])
 def test_fish_offers_the_names_of_the_other_machine(complete_in_fish, calls, line):
     assert complete_in_fish(f"sonobrikctl {line}") == ["Front door", "Front yard"]
     assert set(calls()) == set(ASKS_NOTHING)
@@ -348,6 +359,9 @@ def test_fish_offers_the_names_of_the_other_machine(complete_in_fish, calls, lin
     pytest.param("rename --host=shop Front\\ y\t", "sonobrikctl rename --host=shop Front\\ yard",
                  marks=needs_bridge),
     ("check --host shop /etc/audioclips/a\t", "sonobrikctl check --host shop /etc/audioclips/a"),
+    ("-Hshop ren\t", "sonobrikctl -Hshop rename"),
+    ("play -rfor\t", "sonobrikctl play -rforever"),
+    ("play -Hshop.\t", "sonobrikctl play -Hshop.example"),
     ("ren\tFro\tyar\t", "sonobrikctl rename Front\\ yard"),
     ("play --rep\tl\t", "sonobrikctl play --replace"),
     ("help sta\t", "sonobrikctl help status"),

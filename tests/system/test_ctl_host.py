@@ -117,10 +117,11 @@ def test_the_option_stands_anywhere(local, daemon):
     for words in (["--host", "root@shop", "status"], ["--host=root@shop", "status"],
                   ["-H", "root@shop", "status"], ["status", "--host=root@shop"],
                   ["status", "--host", "root@shop"], ["status", "-H", "root@shop"],
+                  ["-Hroot@shop", "status"], ["status", "-Hroot@shop"],
                   ["--host", "nowhere", "status", "--host", "root@shop"]):
         result = local.run(*words)
         assert (result.returncode, result.stdout) == (0, "nothing is playing\n"), (words, result)
-    assert local.calls == ["-xT -- root@shop systemd-stdio-bridge"] * 7
+    assert local.calls == ["-xT -- root@shop systemd-stdio-bridge"] * 9
     assert "Plays and manages" in local.run("-H", "shop", "--help").stdout
     assert "Plays a clip, a file" in local.run("--host=shop", "help", "play").stdout
     assert local.run("--host", "shop:22", "status").returncode == 0

@@ -109,9 +109,11 @@ def test_an_unknown_name_or_path_is_refused(shell, daemon):
 # Playback
 
 
-def test_volume_repeats_and_output_reach_the_daemon(shell, sandbox, player, door):
+@pytest.mark.parametrize("options", [
+    ["--wait", "--volume", "50", "--repeat", "1", "--output", "1"], ["-wv50", "-r1", "-o1"]])
+def test_volume_repeats_and_output_reach_the_daemon(shell, sandbox, player, door, options):
     sandbox.set_outputs(["audiosink0", "audiosink1", "device1_output2"])
-    shell.ok("play", "--wait", door.path, "--volume", "50", "--repeat", "1", "--output", "1")
+    shell.ok("play", door.path, *options)
     assert sandbox.card(1).frames >= 2 * door.frames
     peak = max(abs(sample) for take in sandbox.card(1).takes for sample in take.samples)
     assert peak == pytest.approx(max(map(abs, door.samples)) / 2, abs=2)
@@ -314,6 +316,19 @@ def test_a_similar_name_is_suggested(shell, sandbox, player, typed, meant):
     (["rename", "1"], "rename: missing argument"),
     (["play", "1", "--volume", "1001"], "--volume takes a number from 0 to 1000, not '1001'"),
     (["play", "1", "--volume", "x\n"], "--volume takes a number from 0 to 1000, not 'x\\x0a'"),
+    (["play", "1", "-v1001"], "--volume takes a number from 0 to 1000, not '1001'"),
+    (["play", "1", "-wv1001"], "--volume takes a number from 0 to 1000, not '1001'"),
+    (["play", "1", "-wv", "1001"], "--volume takes a number from 0 to 1000, not '1001'"),
+    (["play", "1", "-v=50"], "--volume takes a number from 0 to 1000, not '=50'"),
+    (["play", "1", "-v", "-v50"], "--volume takes a number from 0 to 1000, not '-v50'"),
+    (["play", "1", "--volume", "-v50"], "--volume takes a number from 0 to 1000, not '-v50'"),
+    (["play", "1", "-w50"], "Unknown option -w50"),
+    (["play", "1", "-x50"], "Unknown option -x50"),
+    (["play", "1", "-v"], "Missing argument for -v"),
+    (["play", "1", "2", "--", "-v50"], "play: too many arguments"),
+    (["-H-oX", "list"], "--host takes the name of a machine, not '-oX'"),
+    (["list", "-H-oX"], "--host takes the name of a machine, not '-oX'"),
+    (["help", "sing"], "unknown command 'sing'"),
     (["play", "1", "--repeat", "-1"], "--repeat takes a number from 0 to 2147483647, not '-1'"),
     (["play", "1", "--output", "6"], "--output takes a number from 0 to 5, not '6'"),
     (["play", "1", "--device", "1"], "--device and --device-output must be used together"),
@@ -334,6 +349,19 @@ COMMANDS = ("add", "check", "list", "monitor", "outputs", "play", "remove", "ren
 def test_each_command_has_help(shell, command):
     assert f"  {command} " in shell.ok("--help")
     assert shell.ok(command, "--help").startswith(f"Usage:\n  sonobrikctl {command} ")
+
+
+@pytest.mark.parametrize("words", [
+    ["help"], ["help", "help"], ["help", "--help"], ["help", "-h"], ["help", "--host"], ["-h"],
+    ["help", "--host", "shop"], ["help", "-Hshop"], ["--host", "shop", "help"]])
+def test_help_has_help(shell, words):
+    assert shell.ok(*words) == shell.ok("--help")
+
+
+@pytest.mark.parametrize("words", [
+    ["help", "play"], ["help", "--host", "shop", "play"], ["-Hshop", "help", "play"]])
+def test_help_shows_the_help_of_a_command(shell, words):
+    assert shell.ok(*words) == shell.ok("play", "--help")
 
 
 def test_the_help_fits_a_terminal(shell):

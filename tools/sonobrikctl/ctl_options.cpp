@@ -1,11 +1,70 @@
 #include "ctl_options.h"
 
+#include <initializer_list>
+
 #include "client_bus.h"
 #include "ctl_host.h"
 #include "ctl_say.h"
 
 namespace
 {
+
+/* Returns the option of this letter or, if `letter` is 0, of this name, or null. */
+const GOptionEntry *find_option(std::initializer_list<const GOptionEntry *> tables, char letter,
+                                const char *name)
+{
+    for (const GOptionEntry *entry : tables) {
+        for (; entry && entry->long_name; entry++) {
+            if (letter != 0 ? entry->short_name == letter : g_str_equal(entry->long_name, name)) {
+                return entry;
+            }
+        }
+    }
+    return nullptr;
+}
+
+/* Returns the position in the group of letters `word`, such as "-wv50", of the first option with a
+ * value. Returns 0 if there is none, or if a letter before it is not an option. */
+size_t find_value_letter(std::initializer_list<const GOptionEntry *> tables, const char *word)
+{
+    for (size_t i = 1; word[i] != '\0'; i++) {
+        const GOptionEntry *entry = find_option(tables, word[i], nullptr);
+        if (!entry) {
+            return 0;
+        }
+        if (entry->arg != G_OPTION_ARG_NONE) {
+            return i;
+        }
+    }
+    return 0;
+}
+
+/* Returns `words` with "-v50" as the two words "-v" and "50": GLib does not accept a value in the
+ * same word as a letter. The result is to be freed with g_strfreev(). */
+char **split_values(std::initializer_list<const GOptionEntry *> tables, char **words)
+{
+    g_autoptr(GStrvBuilder) split = g_strv_builder_new();
+    bool is_value = false; /* of the option before */
+    for (; *words && (is_value || !g_str_equal(*words, "--")); words++) {
+        const char *word = *words;
+        if (is_value || *word != '-') {
+            is_value = false;
+        } else if (word[1] == '-') {
+            const GOptionEntry *entry = find_option(tables, 0, word + 2);
+            is_value = entry && entry->arg != G_OPTION_ARG_NONE;
+        } else if (const size_t letter = find_value_letter(tables, word)) {
+            is_value = word[letter + 1] == '\0';
+            if (!is_value) {
+                g_autofree char *group = g_strndup(word, letter + 1);
+                g_strv_builder_add(split, group);
+                word += letter + 1;
+            }
+        }
+        g_strv_builder_add(split, word);
+    }
+    g_strv_builder_addv(split, const_cast<const char **>(words));
+    return g_strv_builder_end(split);
+}
 
 /* Returns the operands, to be freed with g_strfreev(), or null after printing an error. */
 char **read_operands(const CtlCommand *command, char **words, const GOptionEntry *entries)
@@ -34,7 +93,7 @@ char **read_operands(const CtlCommand *command, char **words, const GOptionEntry
         g_option_context_add_main_entries(context, entries, nullptr);
     }
     g_option_context_add_main_entries(context, common, nullptr);
-    g_auto(GStrv) arguments = g_strdupv(words);
+    g_auto(GStrv) arguments = split_values({entries, common}, words);
     g_autoptr(GError) error = nullptr;
     if (!g_option_context_parse_strv(context, &arguments, &error)) {
         ctl_error("%s", error->message);

@@ -131,10 +131,27 @@ const CtlCommand *find_command(const char *name)
     return nullptr;
 }
 
+/* Returns the number of words at the start of `words` that are --host and its value. */
+size_t count_host_words(char **words)
+{
+    size_t count = 0;
+    while (words[count]) {
+        const std::string_view word = words[count];
+        const bool has_own_value = word == "--host" || word == "-H";
+        if (!has_own_value && !word.starts_with("--host=") && !word.starts_with("-H")) {
+            break;
+        }
+        count += has_own_value && words[count + 1] ? 2 : 1;
+    }
+    return count;
+}
+
 /* Shows the help of the command that `words` name, or the list of commands. */
 int run_help(char **words)
 {
-    if (!*words) {
+    words += count_host_words(words);
+    if (!*words || g_str_equal(*words, "help") || g_str_equal(*words, "--help") ||
+        g_str_equal(*words, "-h")) {
         print_help();
         return CTL_OK;
     }
@@ -147,21 +164,6 @@ int run_help(char **words)
     char help[] = "--help";
     char *line[] = {*words, help, nullptr};
     return command->run(command, line);
-}
-
-/* Returns the number of words at the start of `words` that are --host and its value. */
-size_t count_host_words(char **words)
-{
-    size_t count = 0;
-    while (words[count]) {
-        const std::string_view word = words[count];
-        const bool has_own_value = word == "--host" || word == "-H";
-        if (!has_own_value && !word.starts_with("--host=")) {
-            break;
-        }
-        count += has_own_value && words[count + 1] ? 2 : 1;
-    }
-    return count;
 }
 
 int run(char **words)
@@ -178,12 +180,12 @@ int run(char **words)
         print_help();
         return CTL_OK;
     }
+    if (name && g_str_equal(name, "help")) {
+        return run_help(words + 1 + host_words);
+    }
     if (name && g_str_equal(name, "--version")) {
         printf("sonobrikctl " SONOBRIK_VERSION "\n");
         return CTL_OK;
-    }
-    if (name && g_str_equal(name, "help")) {
-        return run_help(words + 1 + host_words);
     }
     const CtlCommand *command = name ? find_command(name) : nullptr;
     if (command) {
