@@ -240,6 +240,7 @@ def test_the_list_names_each_clip(shared, web, clip_store, door, quiet):
 def test_other_methods_are_refused(web, method):
     answer = web.get("action=stop", "--request", method)
     assert (answer.status, answer.headers["allow"]) == (405, "GET, HEAD, POST")
+    assert answer.text == "The HTTP method is not allowed for this action.\n"
 
 
 def test_head_does_nothing(web, door, quiet):

@@ -120,6 +120,7 @@ def test_only_managers_see_what_they_may_change(web, box):
 def test_a_link_changes_nothing(web, box, query):
     answer = web.manage(query)
     assert (answer.status, answer.headers["allow"]) == (405, "POST")
+    assert answer.text == "The HTTP method is not allowed for this action.\n"
 
 
 @pytest.mark.parametrize("header", ["Origin: http://evil.example", "Sec-Fetch-Site: cross-site",
