@@ -277,8 +277,8 @@ def test_the_forms_of_the_page_redirect_to_the_page(web, door, quiet):
     assert page.status == 200
     assert "Started Door." in page.text
     assert 'placeholder="100" value="30"' in page.text
-    answer = web.post("page=1&action=play&clip=77")
-    assert answer.headers["location"] == "?result=noclip&clip=77"
+    answer = web.post("page=1&action=play&clip=77&instead=1")
+    assert answer.headers["location"] == "?result=noclip&clip=77&instead=1"
     assert "There is no such clip." in web.get(answer.headers["location"][1:]).text
     answer = web.post("page=1&action=play&clip=77&volume=2000")
     assert answer.headers["location"].startswith("?result=invalid")

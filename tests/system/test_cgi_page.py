@@ -480,6 +480,28 @@ def test_play_and_stop_without_script(web, quiet, plain):
     expect_no_faults(driver)
 
 
+def test_the_page_without_script_keeps_the_options(web, quiet, plain):
+    def read_options():
+        return [plain.find_element(By.ID, name).get_property("value")
+                for name in ("volume", "output", "repeat", "instead")]
+
+    driver = show_plain(plain, web)
+    driver.execute_script("document.getElementById('volume').value = 30")
+    for name, text in (("output", "output 0"), ("repeat", "until stopped"), ("instead", "play instead")):
+        Select(driver.find_element(By.ID, name)).select_by_visible_text(text)
+    chosen = ["30", "0", "-1", "1"]
+    for clip in ("Bell", "Door"):
+        find_button(driver, f"Play {clip}").click()
+        await_text(driver, "result", f"Started {clip}.")
+        assert read_options() == chosen
+    find_button(driver, "Stop").click()
+    await_text(driver, "result", "Stopped.")
+    assert read_options() == chosen
+    driver.find_element(By.LINK_TEXT, "Refresh").click()
+    await_text(driver, "result", "")
+    assert read_options() == chosen
+
+
 def test_a_link_on_another_site_plays_nothing(web, quiet, scripted):
     first = len(quiet.events)
     driver = show(scripted, web)

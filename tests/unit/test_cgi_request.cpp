@@ -305,6 +305,15 @@ TEST(CgiRequest, RefusesAFileOfATypeThatOtherSitesCanSend)
     }
 }
 
+TEST(CgiRequest, FormatsTheOptionsThatItGives)
+{
+    CgiRequest request;
+    EXPECT_EQ(cgi_request_format_options(request), "");
+    const std::string options = "&volume=0&repeat=-1&audiooutput=2&instead=1";
+    ASSERT_EQ(read_query("action=play&clip=7" + options, &request), CGI_OK);
+    EXPECT_EQ(cgi_request_format_options(request), options);
+}
+
 TEST(CgiRequest, ChangesClipsWithPostOnly)
 {
     for (const char *query : {"action=rename&clip=0&name=x", "action=remove&clip=0"}) {

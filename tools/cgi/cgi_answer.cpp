@@ -95,13 +95,6 @@ CgiAnswer answer_text(const CgiRequest &request, const CgiOutcome &outcome)
     };
 }
 
-void append_number(std::string *address, const char *key, gint64 value)
-{
-    if (value != CLIENT_NOT_GIVEN) {
-        *address += std::string("&") + key + "=" + std::to_string(value);
-    }
-}
-
 /*
  * Redirects the browser to the page, which shows the result and keeps the chosen options. Reloading
  * that page does not repeat the action. The address is relative, because the web server decides
@@ -110,10 +103,10 @@ void append_number(std::string *address, const char *key, gint64 value)
 CgiAnswer redirect_to_page(const CgiRequest &request, const CgiOutcome &outcome)
 {
     std::string address = std::string("?result=") + cgi_result_get(outcome.result)->code;
-    append_number(&address, "clip", request.clip);
-    append_number(&address, "volume", request.volume);
-    append_number(&address, "repeat", request.repeat);
-    append_number(&address, "audiooutput", request.output);
+    if (request.clip != CLIENT_NOT_GIVEN) {
+        address += "&clip=" + std::to_string(request.clip);
+    }
+    address += cgi_request_format_options(request);
     address += request.is_plain ? "&plain=1" : "";
     return {
         .status = 303,

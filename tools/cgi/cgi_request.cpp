@@ -23,10 +23,11 @@ struct Number {
     gint64 CgiRequest::*place;
     gint64 min;
     gint64 max;
+    bool is_option = true; /* for playing; the page keeps it for the next play */
 };
 
 constexpr std::array<Number, 4> NUMBERS = {{
-    {.key = "clip", .place = &CgiRequest::clip, .min = 0, .max = G_MAXINT32},
+    {.key = "clip", .place = &CgiRequest::clip, .min = 0, .max = G_MAXINT32, .is_option = false},
     {.key = "volume", .place = &CgiRequest::volume, .min = 0, .max = CLIENT_MAX_VOLUME},
     {.key = "repeat", .place = &CgiRequest::repeat, .min = -1, .max = G_MAXINT32},
     {.key = "audiooutput", .place = &CgiRequest::output, .min = 0, .max = CLIENT_MAX_OUTPUT},
@@ -356,6 +357,18 @@ const char *cgi_request_list_methods(const CgiRequest &request)
         return "POST";
     }
     return action.changes ? "GET, POST" : "GET, HEAD, POST";
+}
+
+std::string cgi_request_format_options(const CgiRequest &request)
+{
+    std::string text;
+    for (const Number &number : NUMBERS) {
+        const gint64 value = request.*number.place;
+        if (number.is_option && value != CLIENT_NOT_GIVEN) {
+            text += std::string("&") + number.key + "=" + std::to_string(value);
+        }
+    }
+    return text + (request.stops_first ? "&instead=1" : "");
 }
 
 gint64 cgi_request_get_body_length()

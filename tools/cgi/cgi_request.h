@@ -52,6 +52,10 @@ bool cgi_request_has_file(CgiAction action);
 /* Returns the methods with which the request's action may be sent, as for the header `Allow`. */
 const char *cgi_request_list_methods(const CgiRequest &request);
 
+/* Returns the options for playing that the request gives, as parameters of an address. Each begins
+ * with '&'. */
+std::string cgi_request_format_options(const CgiRequest &request);
+
 /* Returns the length of the request's body in bytes, 0 if there is none, or CGI_LENGTH_UNKNOWN.
  * Works for every request, including those that cgi_request_read() refuses. */
 gint64 cgi_request_get_body_length();
