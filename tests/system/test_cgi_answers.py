@@ -223,6 +223,24 @@ def test_a_clip_is_played_instead_of_another(shared, web, door, quiet):
     assert json.loads(web.get("action=status").text)["outputs"][0]["playing"]
 
 
+def test_a_request_that_cannot_play_stops_nothing(shared, web, clip_store, door, quiet):
+    number = clip_store.add_clip(shared.write_file("damaged.wav", b"RIFF and no more"), "Damaged")
+    try:
+        assert web.get(f"action=play&clip={door}&repeat=-1").status == 200
+        first = len(quiet.events)
+        for wrong, status, text in ((f"clip={number}", 422, "The clip's file cannot be played"),
+                                    (f"clip={door}&audiooutput=3", 400, "Check that the output exists"),
+                                    (f"clip={door + 7}", 404, "There is no such clip.")):
+            answer = web.get(f"action=play&{wrong}&instead=1")
+            assert (answer.status, text in answer.text) == (status, True), answer.text
+        quiet.fence()
+        assert [event for event in quiet.events[first:] if event[0] == "Playing"
+                and not event[-1]] == []
+        assert json.loads(web.get("action=status").text)["outputs"][0]["playing"]
+    finally:
+        clip_store.call("RemoveConfiguration", "(i)", number)
+
+
 def test_the_list_names_each_clip(shared, web, clip_store, door, quiet):
     number = clip_store.add_clip("/etc/audioclips/gone.wav", "a\x1bb")
     answer = web.get("action=list")

@@ -27,15 +27,23 @@ bool is_file_missing(const char *location)
     return stat(location, &status) != 0 && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
 }
 
-/*
- * Returns an error if the daemon would play other files than the one of this name. It does that if
- * the name contains wildcard characters and the file itself cannot be played.
- */
-CgiOutcome check_literal(sd_bus *bus, const char *location)
+/* Returns an error if the daemon does not report the requested output. */
+CgiOutcome check_output(sd_bus *bus, gint64 number)
 {
-    if (!client_play_has_wildcards(location)) {
-        return {};
+    g_autoptr(GPtrArray) outputs =
+        number == CLIENT_NOT_GIVEN ? nullptr : client_outputs_list(bus, nullptr);
+    bool is_there = !outputs || outputs->len == 0; /* a platform may report none */
+    for (guint i = 0; !is_there && i < outputs->len; i++) {
+        is_there =
+            static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i))->output == number;
     }
+    return is_there ? CgiOutcome{}
+                    : CgiOutcome{CGI_INVALID, "Check that the output exists and is plugged in."};
+}
+
+/* Returns an error if the daemon cannot play the file of exactly this name. */
+CgiOutcome check_file(sd_bus *bus, const char *location)
+{
     CgiOutcome outcome = cgi_bus_call(bus, "SupportedFile", location, CGI_OK);
     return outcome.result == CGI_FAILED ? CgiOutcome{CGI_UNPLAYABLE, ""} : outcome;
 }
@@ -45,7 +53,15 @@ CgiOutcome play(sd_bus *bus, const CgiRequest &request, const char *location)
     if (is_file_missing(location)) {
         return {CGI_NO_FILE, ""};
     }
-    CgiOutcome outcome = check_literal(bus, location);
+    CgiOutcome outcome;
+    /* Without its file, the daemon would play other files that match a name with wildcards. */
+    if (request.stops_first || client_play_has_wildcards(location)) {
+        outcome = check_file(bus, location);
+    }
+    /* A request that will fail must not end what is playing, which may be an alarm. */
+    if (outcome.result == CGI_OK && request.stops_first) {
+        outcome = check_output(bus, request.output);
+    }
     if (outcome.result == CGI_OK && request.stops_first) {
         outcome = cgi_bus_call(bus, "StopPlayingClip", "", CGI_OK);
     }

@@ -10,8 +10,9 @@
 #include "cgi_request.h"
 #include "cgi_result.h"
 
-/* Starts the clip with the requested number. If the request says so, stops what is playing first.
- * Plays that clip's file and no other file. Returns when the clip is playing. */
+/* Starts the clip with the requested number. If the request says so, stops what is playing first,
+ * but not if the file cannot be played or the daemon does not report the output. Plays that clip's
+ * file and no other file. Returns when the clip is playing. */
 CgiOutcome cgi_daemon_play(const CgiRequest &request);
 
 /* Stops playback. Succeeds if nothing is playing. */
