@@ -819,3 +819,89 @@ def test_a_clip_is_renamed_listened_to_replaced_and_removed(shared, web, managin
     assert (shared.etc / "audioclips/spare.wav").read_bytes() == other.read_bytes()
     remove_last(shared, driver, before, "Spare part")
     assert not (shared.etc / "audioclips/spare.wav").exists()
+
+
+def listen(driver):
+    """Makes the dialog load the clip's file, as its play button does."""
+    driver.execute_script("""
+        const audio = document.getElementById("edit-audio");
+        audio.preload = "metadata";
+        audio.load();
+    """)
+
+
+def test_the_dialog_says_why_a_clip_cannot_be_listened_to(shared, web, managing):
+    driver = managing
+    store = Store(shared)
+    before = list_shown(driver)
+    path = shared.write_file("spare.wav", b"no sound")
+    number = store.add_clip(path, "Spare")
+    wait_until(lambda: list_shown(driver) == [*before, "Spare"], 20, "the clip is shown")
+    find_button(driver, "⋯ Change Spare").click()
+    listen(driver)
+    await_text(driver, "edit-result", "This browser cannot play the file. The device may still play it.")
+    (shared.etc / "audioclips/spare.wav").unlink()
+    listen(driver)
+    await_text(driver, "edit-result", "The clip's file is missing.")
+    store.call("RemoveConfiguration", "(i)", number)
+    listen(driver)
+    await_text(driver, "edit-result", "There is no such clip.")
+    driver.get_log("browser")
+
+
+def test_the_dialog_follows_a_daemon_that_comes_back(sandbox, tmp_path):
+    sandbox.start_daemon()
+    Store(sandbox).add_clip(sandbox.write_clip("door.wav", clips.tone(440, 0.1)).path, "Door")
+    server = Web(sandbox).start_lighttpd()
+    with open_browser(tmp_path / "browser", 390, 800) as driver:
+        driver.get(server.manage_address.replace("http://", "http://mia:s3cret@"))
+        find_button(driver, "⋯ Change Door").click()
+        for act in (lambda: find_button(driver, "Rename").click(), lambda: listen(driver)):
+            # The user is faster than the page's next request.
+            driver.execute_script("clearTimeout(timers.poll)")
+            assert sandbox.daemon.stop() == 0
+            act()
+            await_text(driver, "edit-result", "The daemon cannot be reached. Try again in a moment.")
+            assert not find_button(driver, "Rename").is_enabled()
+            sandbox.start_daemon()
+            await_text(driver, "edit-result", "")
+            assert find_button(driver, "Rename").is_enabled()
+    server.check()
+
+
+# Returns whether the browser asks before it leaves the page.
+IS_LEAVING_QUESTIONED = """
+    const event = new Event("beforeunload", {cancelable: true});
+    dispatchEvent(event);
+    return event.defaultPrevented;
+"""
+
+
+def test_only_the_dialog_of_the_clip_shows_its_upload(shared, web, managing, tmp_path):
+    driver = managing
+    store = Store(shared)
+    before = list_shown(driver)
+    store.add_clip(shared.write_clip("spare.wav", clips.tone(440, 0.4)).path, "Spare")
+    wait_until(lambda: list_shown(driver) == [*before, "Spare"], 20, "the clip is shown")
+    file = tmp_path / "other.wav"
+    clips.write_wav(file, clips.noise(300_000))
+    limit = {"offline": False, "latency": 0, "downloadThroughput": -1, "uploadThroughput": 50_000}
+    driver.execute_cdp_cmd("Network.enable", {})
+    driver.execute_cdp_cmd("Network.emulateNetworkConditions", limit)
+    progress = driver.find_element(By.ID, "edit-progress")
+    try:
+        find_button(driver, "⋯ Change Spare").click()
+        assert not driver.execute_script(IS_LEAVING_QUESTIONED)
+        driver.find_element(By.ID, "edit-new").send_keys(str(file))
+        find_button(driver, "Replace").click()
+        wait_until(progress.is_displayed, 20, "the upload is shown")
+        for name, is_shown in (("Bell", False), ("Spare", True)):
+            find_button(driver, "Close").click()
+            find_button(driver, f"⋯ Change {name}").click()
+            assert progress.is_displayed() == is_shown
+            assert driver.execute_script(IS_LEAVING_QUESTIONED)
+    finally:
+        driver.execute_cdp_cmd("Network.emulateNetworkConditions", limit | {"uploadThroughput": -1})
+    await_text(driver, "result", "The recording was replaced.")
+    assert not driver.execute_script(IS_LEAVING_QUESTIONED)
+    remove_last(shared, driver, before, "Spare")

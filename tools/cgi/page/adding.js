@@ -184,7 +184,7 @@ const setupAdding = () => {
         }
         showQueue();
     });
-    addEventListener("beforeunload", (event) => uploading && event.preventDefault());
+    addEventListener("beforeunload", (event) => (uploading || replaced) && event.preventDefault());
     get("send").addEventListener("click", sendQueue);
     get("clear").addEventListener("click", () => {
         if (uploading) {
@@ -200,9 +200,24 @@ const setupAdding = () => {
 /* The clip that the dialog shows. */
 let edited = null;
 
-const showEdit = (text, isBad) => {
+/* The clip whose recording is being sent; null if there is none. */
+let replaced = null;
+
+/* Returns whether both are the same clip. Its name and its length may differ. */
+const isSame = (clip, other) => clip.number === other?.number && locationOf(clip) === locationOf(other);
+const isShown = (clip) => get("edit").open && isSame(clip, edited);
+
+/* The message in the dialog: with each new status, `isEditTrue` returns whether it still applies. */
+let isEditTrue = null;
+const showEdit = (text, isBad, isTrue = null) => {
+    isEditTrue = isTrue;
     setText(get("edit-result"), text);
     get("edit-result").classList.toggle("bad", isBad);
+};
+const checkEdit = () => {
+    if (isEditTrue && !isEditTrue()) {
+        showEdit("", false);
+    }
 };
 
 const openEditor = (clip) => {
@@ -212,6 +227,7 @@ const openEditor = (clip) => {
     showEdit("", false);
     get("edit-name").value = clip.name;
     get("edit-new").value = "";
+    get("edit-progress").hidden = !isSame(clip, replaced);
     get("edit-audio").src = `${program}?${new URLSearchParams({action: "file", clip: clip.number, location: locationOf(clip)})}`;
     get("edit-audio").parentElement.hidden = Boolean(clip.missing);
     get("edit-replace").parentElement.parentElement.hidden = Boolean(clip.missing);
@@ -221,15 +237,16 @@ const openEditor = (clip) => {
 /* Shows the answer to a change of `clip`. The user may have closed the dialog in the meantime. */
 const finishChange = async (clip, answer) => {
     await refresh();
-    const isShown = get("edit").open && edited === clip;
-    if (isShown && !answer.ok) {
-        showEdit(answer.text, true);
-        return;
+    if (!answer.ok && isShown(clip)) {
+        showEdit(answer.text, true, watchFailure(answer));
+    } else if (!answer.ok) {
+        showFailure(answer);
+    } else {
+        if (isShown(clip)) {
+            get("edit").close();
+        }
+        showMessage(answer.text);
     }
-    if (isShown) {
-        get("edit").close();
-    }
-    showMessage(answer.text, answer.ok ? "good" : "bad");
 };
 
 const change = async (fields) => {
@@ -237,24 +254,43 @@ const change = async (fields) => {
     await finishChange(clip, await request("POST", {clip: clip.number, location: locationOf(clip), ...fields}));
 };
 
-let isReplacing = false;
 const replaceRecording = async () => {
     const clip = edited;
     const file = get("edit-new").files[0];
-    const fault = isReplacing ? "Another recording is still being sent." : file ? findFault(file) : "Choose a file first.";
+    const fault = replaced ? "Another recording is still being sent." : file ? findFault(file) : "Choose a file first.";
     if (fault) {
         showEdit(fault, true);
         return;
     }
     const progress = get("edit-progress");
-    isReplacing = true;
+    replaced = clip;
+    progress.value = 0;
     progress.hidden = false;
     showEdit("", false);
     const answer = await sendFile({action: "replace", clip: clip.number, location: locationOf(clip)}, file,
         (part) => progress.value = part);
-    isReplacing = false;
+    replaced = null;
     progress.hidden = true;
     await finishChange(clip, answer);
+};
+
+/* Says why the browser cannot play the clip's file, which it is not told itself. */
+const explainSilence = async () => {
+    if (!get("edit-audio").hasAttribute("src")) {
+        return;
+    }
+    const clip = edited;
+    await refresh();
+    const found = state.clips.find((other) => isSame(clip, other));
+    if (!isShown(clip)) {
+        return;
+    }
+    if (state.away) {
+        showEdit(state.away, true, () => state.away);
+    } else {
+        showEdit(!found ? "There is no such clip." : found.missing ? "The clip's file is missing."
+            : "This browser cannot play the file. The device may still play it.", true);
+    }
 };
 
 const setupEditor = () => {
@@ -279,6 +315,5 @@ const setupEditor = () => {
         const next = shown.find((clip) => clip.number >= edited.number) ?? shown.at(-1);
         (next ? rows.get(next.number).more : get("adding").querySelector("summary")).focus();
     });
-    get("edit-audio").addEventListener("error", () => get("edit-audio").hasAttribute("src")
-        && showEdit("This browser cannot play the file. The device may still play it.", true));
+    get("edit-audio").addEventListener("error", explainSilence);
 };

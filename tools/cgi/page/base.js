@@ -82,10 +82,13 @@ const checkMessage = () => {
     }
 };
 
-/* Shows why an action failed. The message that the daemon cannot be reached disappears when it
- * answers again, but stays long enough to be read. */
-const showFailure = (answer, isTrue = null) => {
+/* Returns whether the message about a failure still applies, as a function, or null if that does not
+ * change. The message that the daemon cannot be reached disappears when it answers again, but stays
+ * long enough to be read. */
+const watchFailure = (answer) => {
     const readUntil = performance.now() + 4000;
-    showMessage(answer.text, "bad", UNREACHABLE_STATUS.includes(answer.status)
-        ? () => state.away || performance.now() < readUntil : isTrue);
+    return UNREACHABLE_STATUS.includes(answer.status) ? () => state.away || performance.now() < readUntil : null;
 };
+
+/* Shows why an action failed. */
+const showFailure = (answer, isTrue = null) => showMessage(answer.text, "bad", watchFailure(answer) ?? isTrue);

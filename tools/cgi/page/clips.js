@@ -114,6 +114,7 @@ const show = () => {
     showOutputs();
     markRows();
     checkMessage();
+    checkEdit();
 };
 
 const timers = {poll: 0, listed: performance.now()};
