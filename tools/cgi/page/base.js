@@ -62,6 +62,46 @@ const request = async (method, fields) => {
 };
 
 /*
+ * What plays and the message stay visible while the page scrolls. If both need more than half of the
+ * screen, as with large text, the message alone does, or nothing. Their texts are cut after two
+ * lines; one that is cut can be focused, which shows the whole text.
+ */
+const SCREEN_PART = 0.5; /* the largest part of its height that they cover */
+let covered = 0; /* px at the top of the screen that are not free for the list */
+const fitTop = () => {
+    const top = get("now").parentElement;
+    const root = document.documentElement;
+    const focused = document.activeElement ?? document.body;
+    const texts = [get("now-text"), get("result")];
+    const message = get("result").offsetHeight;
+    const heights = {all: get("now").offsetHeight + message, message, none: 0};
+    if (!texts.includes(focused)) {
+        top.dataset.sticky = Object.keys(heights).find((kind) => heights[kind] <= innerHeight * SCREEN_PART);
+        for (const text of texts) {
+            if (text.scrollHeight > text.clientHeight + 1) {
+                text.tabIndex = 0;
+            } else {
+                text.removeAttribute("tabindex");
+            }
+        }
+    }
+    const old = covered;
+    root.style.scrollPaddingTop = `calc(${heights[top.dataset.sticky]}px + 1.5rem)`; /* with margins and outline */
+    covered = parseFloat(getComputedStyle(root).scrollPaddingTop);
+    /* It may have grown over the element that the user has just pressed. */
+    const place = focused.getBoundingClientRect();
+    if (covered > old && place.bottom > old && place.top < covered && !focused.matches("body, .top *, dialog *")) {
+        focused.scrollIntoView({block: "nearest"});
+    }
+};
+const setupTop = () => {
+    const observer = new ResizeObserver(fitTop);
+    observer.observe(get("now"));
+    observer.observe(get("result"));
+    addEventListener("resize", fitTop);
+};
+
+/*
  * The message under "Now playing". With each new status, `isTrue` returns whether the message still
  * applies. Messages also disappear after a while, because they cover a part of the list.
  */

@@ -115,6 +115,7 @@ const show = () => {
     markRows();
     checkMessage();
     checkEdit();
+    fitTop();
 };
 
 const timers = {poll: 0, listed: performance.now()};

@@ -15,6 +15,7 @@ const start = () => {
     takeStatus(data.status);
     state.clips = data.clips;
     state.changes = data.changes;
+    setupTop();
     setupOptions();
     setupAdding();
     setupEditor();
