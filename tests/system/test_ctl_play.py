@@ -247,6 +247,7 @@ def test_replace_stops_what_plays_first(shell, sandbox, player, long, door, word
     assert [event[4] for event in player.events if event[0] == "CurrentlyPlaying"] == [
         long.path, door.path]
     shell.ok("play", "--wait", "--replace", door.path)  # and works if nothing plays
+    shell.ok("play", "--wait", "--replace", "/etc/audioclips/d?or*")
 
 
 def test_replace_stops_nothing_for_a_clip_that_cannot_be_played(shell, sandbox, player, long):
@@ -256,6 +257,11 @@ def test_replace_stops_nothing_for_a_clip_that_cannot_be_played(shell, sandbox, 
     shell.fail(1, "play", "--replace", "/etc/audioclips/notes.wav")
     shell.fail(5, "play", "--replace", "/etc/audioclips/none.wav")
     shell.fail(5, "play", "--replace", "None")
+    for pattern in ("*.ogg", "n*.wav"):
+        assert shell.fail(1, "play", "--replace", f"/etc/audioclips/{pattern}") == [
+            f"No supported file(s) found at '/etc/audioclips/{pattern}'.",
+            "to find out why a matching file is not played: sonobrikctl check FILE"]
+    shell.fail(5, "play", "--replace", "/etc/none/*.wav")
     shell.fail(1, "play", "--replace", "--output", "3", long.path)
     assert shell.fail(1, "play", "--replace", "--device", "9", "--device-output", "1", long.path) == [
         "there is no device 9; the devices are: 0", "for more about them: sonobrikctl outputs"]

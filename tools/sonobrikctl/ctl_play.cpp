@@ -282,6 +282,32 @@ bool is_busy(sd_bus *bus)
     return false;
 }
 
+/* Returns false if no file that `pattern` matches can be played. Returns true if this user cannot
+ * find out. Matches as the daemon does. */
+bool may_match(sd_bus *bus, const char *pattern)
+{
+    g_autofree char *folder = g_path_get_dirname(pattern);
+    g_autofree char *last = g_path_get_basename(pattern);
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GDir) dir = ctl_host() ? nullptr : g_dir_open(folder, 0, &error);
+    if (!dir) {
+        return !g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT);
+    }
+    g_autofree char *valid = g_utf8_make_valid(last, -1);
+    g_autoptr(GPatternSpec) spec = g_pattern_spec_new(valid);
+    while (const char *name = g_dir_read_name(dir)) {
+        g_autofree char *text = g_utf8_make_valid(name, -1);
+        g_autofree char *path = g_build_filename(folder, name, nullptr);
+        g_autoptr(GError) failure = nullptr;
+        if (g_pattern_spec_match_string(spec, text) &&
+            (ctl_clips_is_supported(bus, path, &failure) ||
+             !g_error_matches(failure, CLIENT_ERROR, CLIENT_ERROR_METHOD))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /* Stops what plays, but only if the new target can be played. Returns an exit status. */
 int make_way(sd_bus *bus, const Target &target, const ClientPlay &play)
 {
@@ -293,6 +319,17 @@ int make_way(sd_bus *bus, const Target &target, const ClientPlay &play)
     const bool is_pattern = client_play_has_wildcards(path) && !may_exist(path);
     if (!is_pattern && !ctl_clips_is_supported(bus, path, &error)) {
         return explain_failure(ctl_clips_supported_call(bus, path), target, error);
+    }
+    if (is_pattern && !may_match(bus, path)) {
+        const CtlCall play_call = {
+            .bus = bus,
+            .interface = &CLIENT_SONOBRIK,
+            .method = "StartPlayingClip",
+            .path = path,
+        };
+        g_set_error(&error, CLIENT_ERROR, CLIENT_ERROR_METHOD, "%s '%s'.", CLIENT_TEXT_NO_FILE,
+                    path);
+        return explain_failure(play_call, target, error);
     }
     const CtlCall call = ctl_wait_stop_call(bus);
     GError *failure = nullptr;
