@@ -453,6 +453,14 @@ def test_the_help_is_printed_in_the_charset_of_the_locale(sandbox, broker):
     assert result.stdout.startswith("Usage:\n  sonobrik-mqtt [OPTION…]\n")
 
 
+def test_a_response_topic_of_too_many_levels_does_not_end_the_connection(bridge, operator):
+    """Mosquitto accepts such a response topic, but disconnects a client that publishes there."""
+    operator.publish(bridge.topic("ping"), {"id": "deep"}, response="a/" * 201 + "x")
+    assert bridge.wait_result()["id"] == "deep"
+    assert bridge.ask("ping", {"id": "next"})["id"] == "next"
+    assert not any("no connection" in line for line in bridge.process.lines)
+
+
 def test_a_packet_beyond_the_limit_of_mqtt_does_not_end_it(bridge, operator):
     operator.publish(bridge.topic("play"), b"x" * 300000)
     assert bridge.wait_result()["status"] == "refused"

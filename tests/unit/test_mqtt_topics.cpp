@@ -88,6 +88,19 @@ TEST(MqttTopics, AnswersNowhereThatCommandsAreRead)
     }
 }
 
+TEST(MqttTopics, LimitsTheLevels)
+{
+    std::string topic = "answers";
+    for (int i = 0; i < 32; i++) {
+        topic += "/x";
+    }
+    EXPECT_TRUE(mqtt_topics_may_answer(make_conf(), topic));
+    EXPECT_TRUE(mqtt_topics_is_prefix(topic));
+    topic += "/x";
+    EXPECT_FALSE(mqtt_topics_may_answer(make_conf(), topic));
+    EXPECT_FALSE(mqtt_topics_is_prefix(topic));
+}
+
 TEST(MqttTopics, KnowsWhatCanBeALevel)
 {
     EXPECT_TRUE(mqtt_topics_is_level("Küche 1"));

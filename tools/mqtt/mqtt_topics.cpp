@@ -10,6 +10,10 @@ namespace
 
 constexpr size_t MAX_LEVEL = 64;
 
+/* Brokers limit the levels of a topic, and may disconnect a client that publishes beyond that:
+ * Mosquitto does so above 200 slashes. */
+constexpr auto MAX_SLASHES = 32;
+
 struct Leaf {
     std::string_view name;
     MqttTopicKind kind;
@@ -45,6 +49,11 @@ bool skip(std::string_view *topic, std::string_view prefix)
     return true;
 }
 
+bool has_too_many_levels(std::string_view topic)
+{
+    return std::ranges::count(topic, '/') > MAX_SLASHES;
+}
+
 } // namespace
 
 bool mqtt_topics_is_level(std::string_view text)
@@ -58,7 +67,7 @@ bool mqtt_topics_is_level(std::string_view text)
 
 bool mqtt_topics_is_prefix(std::string_view text)
 {
-    if (text.starts_with('$')) {
+    if (text.starts_with('$') || has_too_many_levels(text)) {
         return false;
     }
     while (true) {
@@ -131,7 +140,8 @@ MqttTopicKind mqtt_topics_find(const MqttConf &conf, std::string_view topic, std
 
 bool mqtt_topics_may_answer(const MqttConf &conf, std::string_view topic)
 {
-    if (topic.empty() || topic.find_first_of("+#") != std::string_view::npos) {
+    if (topic.empty() || topic.find_first_of("+#") != std::string_view::npos ||
+        has_too_many_levels(topic)) {
         return false;
     }
     if (!skip(&topic, conf.prefix)) {

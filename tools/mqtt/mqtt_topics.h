@@ -25,7 +25,8 @@ enum MqttTopicKind {
  * wildcards and control characters. */
 bool mqtt_topics_is_level(std::string_view text);
 
-/* Returns true if `text` consists of levels and does not begin with '$', which brokers use. */
+/* Returns true if `text` consists of at most 33 levels and does not begin with '$', which brokers
+ * use. */
 bool mqtt_topics_is_prefix(std::string_view text);
 
 /* Returns the node's topic PREFIX/NODE/LEAF. */
@@ -43,6 +44,7 @@ MqttTopicKind mqtt_topics_find(const MqttConf &conf, std::string_view topic, std
 
 /*
  * Returns true if answers may be sent to `topic`. The topics of commands are refused: one answer
- * of each node to a group would reach all nodes, and each of them would answer.
+ * of each node to a group would reach all nodes, and each of them would answer. Topics of more than
+ * 33 levels are refused too, because a broker may disconnect the node for them.
  */
 bool mqtt_topics_may_answer(const MqttConf &conf, std::string_view topic);
