@@ -82,3 +82,35 @@ def test_an_answer_that_the_broker_refuses_goes_to_the_nodes_own_topic(bridge, s
     answer, = scripted.get(bridge.topic("result"))
     assert answer.correlation == b"c\0"
     bridge.wait_log("the broker refused a message: Not authorized")
+
+
+def test_an_answer_that_ends_each_connection_goes_to_the_nodes_own_topic(bridge, scripted, sandbox):
+    """Some brokers disconnect a client that publishes where it may not. libmosquitto repeats the
+    message at each connection."""
+    bridge.start()
+    scripted.has_session = True
+    scripted.forbidden.add("answers/anna")
+    scripted.publish(PLAY, {"clip": 0, "id": 1}, 1, response="answers/anna", correlation=b"c")
+    assert bridge.wait_result(deadline=40)["id"] == 1
+    answer, = scripted.get(bridge.topic("result"))
+    assert answer.correlation == b"c"
+    assert answer.json["status"] == "playing"
+    assert len(scripted.get("answers/anna")) == 3
+    bridge.wait_log("the broker ended 3 connections before it confirmed an answer; sending the "
+                    "answer to sonobrik/node1/result instead")
+    # The connection stays, and the command is executed once.
+    connections = scripted.connections
+    scripted.publish(PLAY, {"clip": 0, "id": 1}, 2)
+    assert bridge.wait_result(1)["status"] == "duplicate"
+    scripted.publish("sonobrik/node1/ping", {"id": 2}, 3)
+    assert bridge.wait_result(2)["status"] == "pong"
+    assert scripted.connections == connections
+    assert sandbox.card(0).count("start") == 1
+
+
+def test_a_broker_that_does_not_answer_is_reported(sandbox, scripted, song):
+    scripted.answers_pings = False
+    node = Bridge(sandbox, scripted, scripted, broker={"keepalive": 5}).start()
+    node.wait_log(f"no connection to the broker localhost, port {scripted.port}: it does not "
+                  "answer; trying again", 60)
+    node.stop()

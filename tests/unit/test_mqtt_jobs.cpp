@@ -52,6 +52,11 @@ bool mqtt_client_is_connected(const MqttClient *)
     return true;
 }
 
+bool mqtt_client_forget(MqttClient *)
+{
+    return true;
+}
+
 unsigned mqtt_client_count_unconfirmed(const MqttClient *)
 {
     return 0;

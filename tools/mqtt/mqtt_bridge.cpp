@@ -342,6 +342,7 @@ bool open_client(MqttBridge *bridge, const std::string &password, std::string *w
             [bridge](int message, bool is_refused) {
                 mqtt_outbox_on_published(bridge, message, is_refused);
             },
+        .ended = [bridge](bool was_stable) { mqtt_outbox_on_ended(bridge, was_stable); },
     };
     bridge->client = mqtt_client_new(bridge->event, bridge->conf, password, handlers, why);
     return bridge->client != nullptr;

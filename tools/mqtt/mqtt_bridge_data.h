@@ -57,7 +57,8 @@ struct MqttBridge {
     MqttLead lead;
     MqttPublished published;
     std::deque<MqttKept> kept;           /* answers for the next connection */
-    std::map<int, MqttKept> unconfirmed; /* answers on response topics, by message */
+    std::map<int, MqttKept> unconfirmed; /* answers, by message */
+    int short_connections;               /* see mqtt_outbox_on_ended() */
     MqttLogLimit refusals;
 
     /* After a connection, the broker sends the messages of the time while the node was away, then

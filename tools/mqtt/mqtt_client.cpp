@@ -10,6 +10,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <utility>
 
 #include "autoptr.h"
 #include "mqtt_log.h"
@@ -49,6 +50,7 @@ enum State {
 struct MqttClient {
     sd_event *event;
     const MqttConf *conf;
+    std::string password;
     MqttHandlers handlers;
     mosquitto *mosq;
     State state;
@@ -63,6 +65,8 @@ struct MqttClient {
     std::string logged; /* the last reason that was logged */
     unsigned packets;   /* that were received */
     bool is_new;        /* the handler of the connection has not run yet */
+    bool was_connected; /* since the last attempt */
+    bool was_stable;
     bool has_session;
     unsigned unconfirmed;
     MqttPause pause;
@@ -102,6 +106,26 @@ void note_if_lost(MqttClient *client)
 
 /* libmosquitto */
 
+/* Returns the meaning of an error of libmosquitto, which has no text for some of its errors. */
+std::string describe_error(int error)
+{
+    if (error == MOSQ_ERR_KEEPALIVE) {
+        return "it does not answer";
+    }
+    const char *text = mosquitto_strerror(error);
+    return g_str_has_prefix(text, "Unknown error")
+               ? "error " + std::to_string(error) + " of libmosquitto"
+               : text;
+}
+
+/* Returns the meaning of a reason code of MQTT. */
+std::string describe_reason(int reason)
+{
+    const char *text = mosquitto_reason_string(reason);
+    return g_str_has_prefix(text, "Unknown reason") ? "reason code " + std::to_string(reason)
+                                                    : text;
+}
+
 void on_log(mosquitto *, void *data, int level, const char *text)
 {
     auto *client = static_cast<MqttClient *>(data);
@@ -119,14 +143,14 @@ void on_connect(mosquitto *, void *data, int reason, int flags, const mosquitto_
     constexpr int SESSION_PRESENT = 1;
     auto *client = static_cast<MqttClient *>(data);
     if (reason != 0) {
-        client->reason = mosquitto_reason_string(reason);
+        client->reason = describe_reason(reason);
         return; /* libmosquitto closes the connection */
     }
     client->state = CONNECTED;
     client->reason.clear();
     client->logged.clear();
     client->subscriptions.clear();
-    client->is_new = true;
+    client->is_new = client->was_connected = true;
     client->has_session = (flags & SESSION_PRESENT) != 0;
     mqtt_log(LOG_INFO, "connected to the broker %s", client->conf->host.c_str());
 }
@@ -144,9 +168,9 @@ void tell_connected(MqttClient *client)
 void on_disconnect(mosquitto *, void *data, int reason, const mosquitto_property *)
 {
     auto *client = static_cast<MqttClient *>(data);
-    if (client->reason.empty()) {
-        client->reason = reason >= MQTT_RC_UNSPECIFIED ? mosquitto_reason_string(reason)
-                                                       : mosquitto_strerror(reason);
+    if (client->reason.empty() && reason != MOSQ_ERR_SUCCESS) {
+        client->reason =
+            reason >= MQTT_RC_UNSPECIFIED ? describe_reason(reason) : describe_error(reason);
     }
     note_loss(client);
 }
@@ -191,7 +215,7 @@ void on_publish(mosquitto *, void *data, int message, int reason, const mosquitt
         unsigned dropped = 0;
         if (mqtt_log_limit_pass(&limit, g_get_monotonic_time(), &dropped)) {
             mqtt_log(LOG_WARNING, "the broker refused a message: %s; %u more were refused before",
-                     mosquitto_reason_string(reason), dropped);
+                     describe_reason(reason).c_str(), dropped);
         }
     }
     client->handlers.published(message, reason >= MQTT_RC_UNSPECIFIED);
@@ -207,7 +231,7 @@ void on_subscribe(mosquitto *, void *data, int message, int count, const int *qo
     }
     if (count > 0 && qos[0] >= MQTT_RC_UNSPECIFIED) {
         mqtt_log(LOG_ERR, "the broker refused the subscription to %s: %s", found->second.c_str(),
-                 mosquitto_reason_string(qos[0]));
+                 describe_reason(qos[0]).c_str());
     }
     client->subscriptions.erase(found);
 }
@@ -234,8 +258,8 @@ void *connect_thread(void *data)
         client->mosq, client->conf->host.c_str(), static_cast<int>(client->conf->port),
         static_cast<int>(client->conf->keepalive), nullptr, properties);
     if (client->result != MOSQ_ERR_SUCCESS && client->reason.empty()) {
-        client->reason = client->result == MOSQ_ERR_ERRNO ? g_strerror(errno)
-                                                          : mosquitto_strerror(client->result);
+        client->reason =
+            client->result == MOSQ_ERR_ERRNO ? g_strerror(errno) : describe_error(client->result);
     }
     mosquitto_property_free_all(&properties);
     const guint64 one = 1;
@@ -292,7 +316,9 @@ int on_misc(sd_event_source *source, guint64, void *data)
 
 int on_stable(sd_event_source *, guint64, void *data)
 {
-    mqtt_pause_reset(&static_cast<MqttClient *>(data)->pause);
+    auto *client = static_cast<MqttClient *>(data);
+    mqtt_pause_reset(&client->pause);
+    client->was_stable = true;
     return 0;
 }
 
@@ -328,6 +354,10 @@ int on_joined(sd_event_source *, int, uint32_t, void *data)
 int on_attempt(sd_event_source *, guint64, void *data)
 {
     auto *client = static_cast<MqttClient *>(data);
+    if (std::exchange(client->was_connected, false)) {
+        client->handlers.ended(client->was_stable);
+    }
+    client->was_stable = false;
     client->reason.clear();
     client->state = CONNECTING;
     client->thread = g_thread_try_new("connect", connect_thread, client, nullptr);
@@ -364,22 +394,22 @@ void attempt_later(MqttClient *client)
 
 bool fail(std::string *why, int result)
 {
-    *why = mosquitto_strerror(result);
+    *why = describe_error(result);
     return false;
 }
 
-bool set_security(MqttClient *client, const std::string &password, std::string *why)
+bool set_security(mosquitto *mosq, const MqttConf &conf, const std::string &password,
+                  std::string *why)
 {
-    const MqttConf &conf = *client->conf;
     const auto text = [](const std::string &value) {
         return value.empty() ? nullptr : value.c_str();
     };
-    int result = mosquitto_username_pw_set(client->mosq, text(conf.username), text(password));
+    int result = mosquitto_username_pw_set(mosq, text(conf.username), text(password));
     if (result == MOSQ_ERR_SUCCESS && conf.tls) {
         if (conf.ca_file.empty()) {
-            mosquitto_int_option(client->mosq, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+            mosquitto_int_option(mosq, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
         }
-        result = mosquitto_tls_set(client->mosq, text(conf.ca_file),
+        result = mosquitto_tls_set(mosq, text(conf.ca_file),
                                    conf.ca_file.empty() ? "/etc/ssl/certs" : nullptr,
                                    text(conf.cert_file), text(conf.key_file), nullptr);
         if (result == MOSQ_ERR_INVAL) {
@@ -390,35 +420,54 @@ bool set_security(MqttClient *client, const std::string &password, std::string *
     return result == MOSQ_ERR_SUCCESS || fail(why, result);
 }
 
-bool set_up(MqttClient *client, const std::string &password, std::string *why)
+bool set_options(mosquitto *mosq, const MqttConf &conf, const std::string &password,
+                 std::string *why)
 {
-    const MqttConf &conf = *client->conf;
-    client->mosq = mosquitto_new(conf.client_id.c_str(), false, client);
-    client->joined_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (!client->mosq || client->joined_fd < 0) {
-        *why = g_strerror(errno);
-        return false;
-    }
-    mosquitto_int_option(client->mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     /* With Nagle's algorithm, a clip would start up to 40 ms later. */
-    mosquitto_int_option(client->mosq, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);
     /* In the mode for threads, libmosquitto queues packets until mosquitto_loop_write(). Otherwise
      * it would acknowledge a message before the store is saved. */
-    mosquitto_threaded_set(client->mosq, true);
-    mosquitto_log_callback_set(client->mosq, on_log);
-    mosquitto_connect_v5_callback_set(client->mosq, on_connect);
-    mosquitto_disconnect_v5_callback_set(client->mosq, on_disconnect);
-    mosquitto_message_v5_callback_set(client->mosq, on_message);
-    mosquitto_publish_v5_callback_set(client->mosq, on_publish);
-    mosquitto_subscribe_v5_callback_set(client->mosq, on_subscribe);
+    mosquitto_threaded_set(mosq, true);
+    mosquitto_log_callback_set(mosq, on_log);
+    mosquitto_connect_v5_callback_set(mosq, on_connect);
+    mosquitto_disconnect_v5_callback_set(mosq, on_disconnect);
+    mosquitto_message_v5_callback_set(mosq, on_message);
+    mosquitto_publish_v5_callback_set(mosq, on_publish);
+    mosquitto_subscribe_v5_callback_set(mosq, on_subscribe);
     const std::string topic = mqtt_topics_own(conf, "availability");
-    const int result =
-        mosquitto_will_set_v5(client->mosq, topic.c_str(), static_cast<int>(strlen("offline")),
-                              "offline", QOS, true, nullptr);
+    const int result = mosquitto_will_set_v5(
+        mosq, topic.c_str(), static_cast<int>(strlen("offline")), "offline", QOS, true, nullptr);
     if (result != MOSQ_ERR_SUCCESS) {
         return fail(why, result);
     }
-    if (!set_security(client, password, why)) {
+    return set_security(mosq, conf, password, why);
+}
+
+/* Returns an object of libmosquitto with all its settings, or null with the reason in `why`. */
+mosquitto *make_mosquitto(MqttClient *client, std::string *why)
+{
+    mosquitto *mosq = mosquitto_new(client->conf->client_id.c_str(), false, client);
+    if (!mosq) {
+        *why = g_strerror(errno);
+        return nullptr;
+    }
+    if (!set_options(mosq, *client->conf, client->password, why)) {
+        mosquitto_destroy(mosq);
+        return nullptr;
+    }
+    return mosq;
+}
+
+bool set_up(MqttClient *client, std::string *why)
+{
+    client->mosq = make_mosquitto(client, why);
+    if (!client->mosq) {
+        return false;
+    }
+    client->joined_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (client->joined_fd < 0) {
+        *why = g_strerror(errno);
         return false;
     }
     int r = sd_event_add_io(client->event, &client->joined, client->joined_fd, EPOLLIN, on_joined,
@@ -439,9 +488,10 @@ MqttClient *mqtt_client_new(sd_event *event, const MqttConf *conf, const std::st
     auto *client = new MqttClient{};
     client->event = sd_event_ref(event);
     client->conf = conf;
+    client->password = password;
     client->handlers = handlers;
     client->joined_fd = -1;
-    if (!set_up(client, password, why)) {
+    if (!set_up(client, why)) {
         mqtt_client_free(client);
         return nullptr;
     }
@@ -516,9 +566,25 @@ int mqtt_client_publish(MqttClient *client, const std::string &topic, const std:
     unsigned dropped = 0;
     if (mqtt_log_limit_pass(&limit, g_get_monotonic_time(), &dropped)) {
         mqtt_log(LOG_WARNING, "a message to %s cannot be sent: %s", topic.c_str(),
-                 mosquitto_strerror(result));
+                 describe_error(result).c_str());
     }
     return 0;
+}
+
+bool mqtt_client_forget(MqttClient *client)
+{
+    /* libmosquitto has no function that removes a message, so it starts from the beginning. */
+    std::string why;
+    mosquitto *mosq = make_mosquitto(client, &why);
+    if (!mosq) {
+        mqtt_log(LOG_WARNING, "cannot set up libmosquitto again: %s", why.c_str());
+        return false;
+    }
+    mosquitto_destroy(client->mosq);
+    client->mosq = mosq;
+    client->unconfirmed = 0;
+    client->subscriptions.clear();
+    return true;
 }
 
 unsigned mqtt_client_count_unconfirmed(const MqttClient *client)

@@ -33,6 +33,9 @@ struct MqttHandlers {
     std::function<void(const MqttMessage &message)> received;
     /* The broker has confirmed or refused the message with this number. */
     std::function<void(int message, bool is_refused)> published;
+    /* The last connection has ended, and the next attempt follows. `was_stable` is true if it
+     * lasted for some time. */
+    std::function<void(bool was_stable)> ended;
 };
 
 struct MqttClient;
@@ -60,6 +63,12 @@ void mqtt_client_unsubscribe(MqttClient *client, const std::string &topic);
  */
 int mqtt_client_publish(MqttClient *client, const std::string &topic, const std::string &payload,
                         bool retain, const std::string *correlation);
+
+/*
+ * Forgets the published messages that the broker has not confirmed, so that they are not repeated.
+ * Only the handler `ended` may call it. Returns false, and forgets nothing, on failure.
+ */
+bool mqtt_client_forget(MqttClient *client);
 
 /* Returns the number of published messages that the broker has not confirmed. */
 unsigned mqtt_client_count_unconfirmed(const MqttClient *client);

@@ -60,7 +60,9 @@ class ScriptedBroker:
         self.acknowledges = True    # messages of the client
         self.has_session = False    # what it tells the client
         self.after_connect = b""    # packets that follow the CONNACK
+        self.answers_pings = True
         self.refused = {}           # reason codes by topic
+        self.forbidden = set()      # topics that end the connection
         self._connection = None
         self._server = socket.create_server(("127.0.0.1", 0))
         self.port = self._server.getsockname()[1]
@@ -98,6 +100,10 @@ class ScriptedBroker:
         if kind == PUBLISH:
             number, publication = _read_publication(flags, body)
             self.publications.append(publication)
+            if publication.topic in self.forbidden:
+                self._connection.sendall(b"\xe0\2\x87\0")  # DISCONNECT, not authorized
+                self.cut()
+                raise EOFError
             reason = self.refused.get(publication.topic, 0)
             return (struct.pack(">BBHB", 0x40, 3, number, reason) if self.acknowledges else b"")
         if kind == PUBACK:
@@ -106,7 +112,7 @@ class ScriptedBroker:
             return b"\x90\x04" + body[:2] + b"\0\1"
         if kind == UNSUBSCRIBE:
             return b"\xb0\x04" + body[:2] + b"\0\0"
-        return b"\xd0\0" if kind == PINGREQ else b""
+        return b"\xd0\0" if kind == PINGREQ and self.answers_pings else b""
 
     @staticmethod
     def make_publish(topic, payload, number, expiry=None, response=None, correlation=None):
