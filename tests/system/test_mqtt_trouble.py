@@ -134,6 +134,24 @@ def test_an_expiry_overrides_the_doubt_about_the_age(bridge, operator, sandbox):
         "no expiry": "late", "valid": "playing"}
 
 
+def test_what_came_while_the_bridge_was_held_up_is_late(bridge, operator, sandbox):
+    """As after a suspend of the machine. The broker sends at most 20 messages at a time."""
+    bridge.set_conf(play={"grace": "1000"})
+    bridge.stop()
+    bridge.start()
+    bridge.process.pause()
+    paused = time.monotonic()
+    for number in range(30):
+        operator.publish(bridge.topic("play"), {"clip": 0, "id": number})
+    wait_until(lambda: time.monotonic() - paused > 4, 10, "the commands are old")
+    bridge.process.go_on()
+    wait_until(lambda: len(bridge.results) == 30, 20, "all are answered")
+    assert {answer["status"] for answer in bridge.results} == {"late"}
+    assert count_plays(sandbox) == 0
+    # What comes afterwards is new.
+    assert bridge.ask("play", {"clip": 0})["status"] == "playing"
+
+
 def test_an_expired_command_plays_nothing(bridge, operator, sandbox):
     """The daemon does not answer until the message has expired."""
     sandbox.daemon.pause()
@@ -226,6 +244,14 @@ def test_the_will_reports_a_killed_node(bridge, operator):
     bridge.process.wait_exit()
     bridge.start()
     operator.wait_last(bridge.topic("availability"), lambda m: m.payload == b"online")
+
+
+def test_the_will_of_another_client_does_not_last(bridge, operator):
+    """A second bridge has the same name, or the client identifier was changed."""
+    operator.publish(bridge.topic("availability"), b"offline", retain=True)
+    operator.wait_last(bridge.topic("availability"), lambda m: m.payload == b"online")
+    assert [m.payload for m in operator.get(bridge.topic("availability"))][-2:] == [
+        b"offline", b"online"]
 
 
 def test_a_stop_reports_offline(bridge, operator, broker):

@@ -7,6 +7,7 @@
 #include "autoptr.h"
 #include "client_events.h"
 #include "mqtt_bridge_data.h"
+#include "mqtt_catch_up.h"
 #include "mqtt_clock.h"
 #include "mqtt_json.h"
 #include "mqtt_siren.h"
@@ -120,12 +121,30 @@ class MqttJobs : public ::testing::Test
         receive_on("play", payload);
     }
 
-    void receive_on(const std::string &leaf, const std::string &payload)
+    void receive_on(const std::string &leaf, const std::string &payload, gint64 expiry = -1)
     {
         MqttMessage message;
         message.topic = "sonobrik/shop7/" + leaf;
         message.payload = payload;
+        message.expiry = expiry;
         mqtt_jobs_receive(&bridge, message);
+    }
+
+    /* Does what the event loop does after `pause` milliseconds. */
+    void turn_after(gint64 pause)
+    {
+        fake_now += pause;
+        fake_boot += pause;
+        mqtt_catch_up_note_turn(&bridge);
+    }
+
+    void receive_availability(const std::string &payload, const std::string &correlation)
+    {
+        MqttMessage message;
+        message.topic = "sonobrik/shop7/availability";
+        message.payload = payload;
+        message.correlation = correlation;
+        mqtt_catch_up_on_availability(&bridge, message);
     }
 
     /* Receives a command for `at` and lets the daemon accept the file. */
@@ -358,6 +377,78 @@ TEST_F(MqttJobs, AfterAPauseTheBrokerHasSentWhatItKept)
     fake_boot += 30'000;
     receive(R"({"location":"a.wav"})");
     EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, ACommandThatWaitedWhileTheBridgeWasHeldUpIsLate)
+{
+    turn_after(0);
+    turn_after(conf.grace + 1);
+    EXPECT_EQ(fake_answers, std::vector<std::string>{"online"});
+    for (int i = 0; i < 3; i++) {
+        receive(R"({"location":"a.wav"})");
+        EXPECT_EQ(get_status(), "late");
+        turn_after(1000);
+    }
+    EXPECT_TRUE(fake_calls.empty());
+    receive_availability("online", bridge.mark);
+    receive(R"({"location":"a.wav"})");
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, AShortPauseDoesNotMakeACommandLate)
+{
+    turn_after(0);
+    turn_after(conf.grace);
+    conf.grace = 100; /* less than the time between two turns */
+    turn_after(1100);
+    receive(R"({"location":"a.wav"})");
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, TheTimeInWhichTheBridgeWasHeldUpCountsForTheExpiry)
+{
+    turn_after(0);
+    turn_after(60'000);
+    receive_on("play", R"({"location":"a.wav"})", 60);
+    EXPECT_EQ(get_status(), "expired");
+    EXPECT_TRUE(fake_calls.empty());
+    receive_on("play", R"({"location":"a.wav"})", 61);
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"StartPlayingClip"});
+}
+
+TEST_F(MqttJobs, TheAgeGrowsIfTheBridgeIsHeldUpWhileTheBrokerSendsWhatItKept)
+{
+    bridge.is_catching_up = true;
+    bridge.last_kept = fake_boot;
+    bridge.away = 8000;
+    turn_after(0);
+    turn_after(conf.grace + 1);
+    EXPECT_EQ(bridge.away, 8000 + conf.grace + 1);
+    bridge.away = MQTT_UNKNOWN;
+    turn_after(conf.grace + 1);
+    EXPECT_EQ(bridge.away, MQTT_UNKNOWN);
+}
+
+TEST_F(MqttJobs, AnExpiryDoesNotApplyToACommandWithATime)
+{
+    receive_on("play", R"({"location":"a.wav","at":)" + std::to_string(NOON + 60'000) + "}", 0);
+    EXPECT_EQ(fake_calls, std::vector<std::string>{"SupportedFile"});
+    receive_on("play", R"({"location":"a.wav"})", 0);
+    EXPECT_EQ(get_status(), "expired");
+}
+
+TEST_F(MqttJobs, CorrectsTheOfflineOfAnotherClient)
+{
+    bridge.mark = "mark";
+    receive_availability("offline", "");
+    EXPECT_EQ(fake_answers, std::vector<std::string>{"online"});
+    receive_availability("online", "mark");
+    receive_availability("online", "");
+    /* The broker kept the node's own will of the last connection. */
+    bridge.is_catching_up = true;
+    bridge.last_kept = fake_boot;
+    receive_availability("offline", "");
+    EXPECT_EQ(fake_answers.size(), 1U);
 }
 
 TEST_F(MqttJobs, AsksOnceMoreIfTheDaemonGoesAwayWhileItChecksTheFile)

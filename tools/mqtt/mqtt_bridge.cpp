@@ -8,6 +8,7 @@
 
 #include "autoptr.h"
 #include "mqtt_bridge_data.h"
+#include "mqtt_catch_up.h"
 #include "mqtt_clock.h"
 #include "mqtt_discovery.h"
 #include "mqtt_jobs.h"
@@ -121,9 +122,10 @@ void open_alive(MqttBridge *bridge, const std::string &path)
 
 void on_heard(MqttBridge *bridge)
 {
+    mqtt_catch_up_note_turn(bridge);
     /* While the broker sends what it has kept, the old time stays: if the connection breaks, the
      * rest of those messages is as old as before. */
-    if (!mqtt_jobs_is_catching_up(bridge)) {
+    if (!mqtt_catch_up_is_active(bridge)) {
         bridge->alive = mqtt_clock_boot();
     }
     if (bridge->alive - bridge->alive_written >= ALIVE_INTERVAL) {
@@ -134,17 +136,10 @@ void on_heard(MqttBridge *bridge)
 
 void on_connected(MqttBridge *bridge, bool has_session)
 {
-    const gint64 now = mqtt_clock_boot();
-    bridge->last_kept = now;
-    bridge->away = bridge->alive == MQTT_UNKNOWN ? MQTT_UNKNOWN : now - bridge->alive;
-    bridge->is_catching_up = has_session;
     for (const std::string &topic : mqtt_topics_list(*bridge->conf)) {
         mqtt_client_subscribe(bridge->client, topic);
     }
-    g_autofree char *mark = g_uuid_string_random();
-    bridge->mark = mark;
-    mqtt_client_publish(bridge->client, mqtt_topics_own(*bridge->conf, "availability"), "online",
-                        true, &bridge->mark);
+    mqtt_catch_up_on_connected(bridge, has_session);
     bridge->published = {};
     publish_all(bridge);
     publish_info(bridge);
@@ -153,6 +148,7 @@ void on_connected(MqttBridge *bridge, bool has_session)
 
 void on_received(MqttBridge *bridge, const MqttMessage &message)
 {
+    mqtt_catch_up_note_turn(bridge);
     std::string group;
     switch (mqtt_topics_find(*bridge->conf, message.topic, &group)) {
     case MQTT_TOPIC_OTHER:
@@ -160,7 +156,7 @@ void on_received(MqttBridge *bridge, const MqttMessage &message)
         mqtt_client_unsubscribe(bridge->client, message.topic);
         break;
     case MQTT_TOPIC_AVAILABILITY:
-        bridge->is_catching_up = bridge->is_catching_up && message.correlation != bridge->mark;
+        mqtt_catch_up_on_availability(bridge, message);
         break;
     case MQTT_TOPIC_HOME_ASSISTANT:
         if (message.payload == "online") {
@@ -276,6 +272,7 @@ int on_settled(sd_event_source *, guint64, void *data)
 int on_post(sd_event_source *, void *data)
 {
     auto *bridge = static_cast<MqttBridge *>(data);
+    mqtt_catch_up_note_turn(bridge);
     mqtt_save_changes(bridge);
     mqtt_client_flush(bridge->client);
     return 0;

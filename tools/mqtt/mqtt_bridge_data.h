@@ -1,7 +1,7 @@
 #pragma once
 
-/* The bridge's data, which mqtt_bridge.cpp, mqtt_jobs.cpp, mqtt_outbox.cpp, mqtt_save.cpp and
- * mqtt_siren.cpp share. */
+/* The bridge's data, which mqtt_bridge.cpp, mqtt_catch_up.cpp, mqtt_jobs.cpp, mqtt_outbox.cpp,
+ * mqtt_save.cpp and mqtt_siren.cpp share. */
 
 #include <deque>
 #include <glib.h>
@@ -61,12 +61,13 @@ struct MqttBridge {
     int short_connections;               /* see mqtt_outbox_on_ended() */
     MqttLogLimit refusals;
 
-    /* After a connection, the broker sends the messages of the time while the node was away, then
-     * the node's own "online" with its mark. */
+    /* See mqtt_catch_up.h. Durations and times since the boot are in milliseconds. */
     bool is_catching_up;
     int alive_fd;         /* the file with the time of the last packet */
-    gint64 last_kept;     /* when the last of those messages came; time since the boot */
-    gint64 away;          /* for how long the node may have been away, or MQTT_UNKNOWN */
+    gint64 last_kept;     /* when the last message came that the broker kept; since the boot */
+    gint64 away;          /* for how long the broker may have kept messages, or MQTT_UNKNOWN */
+    gint64 held_up;       /* for how long messages may have been waiting to be read */
+    gint64 last_turn;     /* of the event loop; since the boot */
     std::string mark;     /* correlation data of the newest "online" */
     gint64 alive;         /* time since the boot of the last packet, or MQTT_UNKNOWN */
     gint64 alive_written; /* what the file contains */

@@ -8,6 +8,7 @@
 #include "autoptr.h"
 #include "client_clips.h"
 #include "mqtt_bridge_data.h"
+#include "mqtt_catch_up.h"
 #include "mqtt_clock.h"
 #include "mqtt_outbox.h"
 #include "mqtt_save.h"
@@ -24,11 +25,6 @@ constexpr size_t MAX_STOPS = 16;
 /* When to ask again if the daemon went away while it was asked about a clip, in microseconds. It
  * restarts within this time when a sound card is plugged in. */
 constexpr guint64 RETRY_DELAY = 1'000'000;
-
-/* After this time without a command, in milliseconds, the broker has sent all messages that it kept
- * for the node. It counts if the node's own "online" does not arrive: the broker may not let the
- * node read it, or its queue for the node may have been full. */
-constexpr gint64 CATCH_UP_TIME = 30'000;
 
 void set_alarm(MqttBridge *bridge);
 void play(MqttBridge *bridge, MqttJob *job);
@@ -369,7 +365,7 @@ bool read_command(const MqttBridge *bridge, MqttJob *job, std::string *why)
  */
 bool may_be_stale(const MqttBridge *bridge, const MqttMessage &message, const MqttCommand &command)
 {
-    return mqtt_jobs_is_catching_up(bridge) && command.at == CLIENT_NOT_GIVEN &&
+    return mqtt_catch_up_is_active(bridge) && command.at == CLIENT_NOT_GIVEN &&
            message.expiry < 0 &&
            (bridge->away == MQTT_UNKNOWN || bridge->away > bridge->conf->grace);
 }
@@ -431,7 +427,7 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
         mqtt_memory_add(&bridge->store.memory, command.id, std::max(now, command.at));
         bridge->must_save = bridge->must_be_durable = true;
     }
-    if (message.expiry == 0) {
+    if (job.expires > 0 && job.expires <= now && command.at == CLIENT_NOT_GIVEN) {
         mqtt_outbox_answer(bridge, job, MQTT_EXPIRED, "The message has expired.");
         return;
     }
@@ -448,6 +444,17 @@ void execute(MqttBridge *bridge, const MqttMessage &message, const MqttJob &job)
     start(bridge, add_job(bridge, job));
 }
 
+/* Returns when the message expires, in Unix milliseconds, or 0 for never. */
+gint64 get_expiry(const MqttBridge *bridge, const MqttMessage &message, gint64 now)
+{
+    if (message.expiry < 0) {
+        return 0;
+    }
+    /* The broker does not count the time in which the message waited to be read. */
+    const gint64 held_up = mqtt_catch_up_is_active(bridge) ? bridge->held_up : 0;
+    return std::max<gint64>(now + message.expiry * 1000 - held_up, 1);
+}
+
 /* Executes a message with a command, or refuses it. */
 void receive(MqttBridge *bridge, const MqttMessage &message)
 {
@@ -457,7 +464,7 @@ void receive(MqttBridge *bridge, const MqttMessage &message)
     job.correlation = message.correlation;
     job.has_correlation = message.has_correlation;
     job.received = mqtt_clock_now();
-    job.expires = message.expiry >= 0 ? job.received + message.expiry * 1000 : 0;
+    job.expires = get_expiry(bridge, message, job.received);
     job.command.kind = mqtt_topics_find(*bridge->conf, job.topic, &job.command.group);
     if (message.payload.size() > static_cast<size_t>(bridge->conf->max_payload)) {
         refuse(bridge, job,
@@ -480,17 +487,10 @@ void receive(MqttBridge *bridge, const MqttMessage &message)
 
 } // namespace
 
-bool mqtt_jobs_is_catching_up(const MqttBridge *bridge)
-{
-    return bridge->is_catching_up && mqtt_clock_boot() - bridge->last_kept < CATCH_UP_TIME;
-}
-
 void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message)
 {
     receive(bridge, message);
-    if (mqtt_jobs_is_catching_up(bridge)) {
-        bridge->last_kept = mqtt_clock_boot();
-    }
+    mqtt_catch_up_note_command(bridge);
 }
 
 void mqtt_jobs_resume(MqttBridge *bridge)

@@ -8,10 +8,6 @@
 
 struct MqttBridge;
 
-/* Returns true while the broker may be sending the messages that it kept while the node was away.
- */
-bool mqtt_jobs_is_catching_up(const MqttBridge *bridge);
-
 /* Executes a message with a command, or refuses it. */
 void mqtt_jobs_receive(MqttBridge *bridge, const MqttMessage &message);
 
