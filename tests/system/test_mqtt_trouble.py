@@ -201,9 +201,9 @@ def test_a_call_of_the_daemon_is_not_repeated_after_the_end_of_the_process(bridg
                                                                            sandbox):
     sandbox.daemon.pause()
     operator.publish(bridge.topic("play"), {"location": "song.wav", "id": "a"})
-    saved = sandbox.folder / "run/home/mqtt-runtime-node1/commands.json"
-    wait_until(lambda: saved.exists() and json.loads(saved.read_text())["commands"], 20,
-               "the call is saved")
+    saved = sandbox.folder / "run/home/mqtt-state-node1/commands.json"
+    wait_until(lambda: saved.exists() and any(command["calledAt"] for command in json.loads(
+        saved.read_text())["commands"]), 20, "the call is saved")
     # The bridge has sent the call before it reads the next command.
     assert bridge.ask("ping")["status"] == "pong"
     bridge.process.kill(signal.SIGKILL)
@@ -235,6 +235,16 @@ def test_a_damaged_store_is_reported(bridge, sandbox):
     (sandbox.folder / "run/home/mqtt-state-node1/commands.json").write_text("{")
     bridge.start()
     bridge.wait_log("cannot load /run/home/mqtt-state-node1/commands.json: Bad message")
+
+
+def test_a_lost_store_does_not_bring_back_a_finished_command(bridge, sandbox):
+    assert bridge.ask("play", {"clip": 0, "id": "a"})["status"] == "playing"
+    bridge.stop()
+    (sandbox.folder / "run/home/mqtt-state-node1/commands.json").unlink()
+    before = len(bridge.results)
+    bridge.start()
+    assert bridge.ask("ping", {"id": "b"})["id"] == "b"
+    assert [answer["id"] for answer in bridge.results[before:]] == ["b"]
 
 
 def test_the_will_reports_a_killed_node(bridge, operator):

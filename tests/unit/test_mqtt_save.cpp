@@ -77,12 +77,29 @@ TEST_F(MqttSave, TriesAgainAfterAFailureAlthoughNothingChanges)
     EXPECT_EQ(bridge.save_failed_at, 0);
 }
 
+TEST_F(MqttSave, TheSpareFileDoesNotOutliveASaveInTheStateFolder)
+{
+    mqtt_memory_add(&bridge.store.memory, "old", 1);
+    mqtt_save_quickly(&bridge);
+    change("new");
+    EXPECT_FALSE(std::filesystem::exists(bridge.spare_path));
+    /* A process that was killed in between has left one. */
+    mqtt_save_quickly(&bridge);
+    bridge.has_spare = false;
+    bridge.store = {};
+    mqtt_save_load(&bridge);
+    change("newest");
+    EXPECT_FALSE(std::filesystem::exists(bridge.spare_path));
+    EXPECT_TRUE(is_remembered("newest"));
+}
+
 TEST_F(MqttSave, AnOlderSpareFileDoesNotCount)
 {
     mqtt_memory_add(&bridge.store.memory, "old", 1);
     mqtt_save_quickly(&bridge);
     EXPECT_TRUE(is_remembered("old"));
     bridge.store.memory = {};
+    bridge.has_spare = false; /* it cannot be removed */
     change("new");
     EXPECT_FALSE(is_remembered("old"));
     EXPECT_TRUE(is_remembered("new"));

@@ -46,6 +46,7 @@ struct MqttBridge {
     MqttStore store;
     std::string store_path;
     std::string spare_path;     /* see mqtt_save.h */
+    bool has_spare;             /* the spare file exists */
     bool must_save;             /* the store has changed ... */
     bool must_be_durable;       /* ... by a command that the broker will not send again */
     gint64 save_failed_at;      /* monotonic; 0: the last attempt succeeded */

@@ -1,6 +1,7 @@
 #include "mqtt_save.h"
 
 #include <cerrno>
+#include <unistd.h>
 #include <utility>
 
 #include "autoptr.h"
@@ -17,6 +18,20 @@ int save(MqttBridge *bridge, const std::string &path, bool is_durable)
     return mqtt_store_save(bridge->store, path, is_durable);
 }
 
+int save_spare(MqttBridge *bridge)
+{
+    const int error = save(bridge, bridge->spare_path, false);
+    bridge->has_spare = bridge->has_spare || error == 0;
+    return error;
+}
+
+void remove_spare(MqttBridge *bridge)
+{
+    if (bridge->has_spare) {
+        bridge->has_spare = unlink(bridge->spare_path.c_str()) < 0 && errno != ENOENT;
+    }
+}
+
 } // namespace
 
 void mqtt_save_load(MqttBridge *bridge)
@@ -27,7 +42,9 @@ void mqtt_save_load(MqttBridge *bridge)
         bridge->store = {};
     }
     MqttStore spare;
-    if (mqtt_store_load(&spare, bridge->spare_path) == 0 && spare.saves > bridge->store.saves) {
+    const int spare_error = mqtt_store_load(&spare, bridge->spare_path);
+    bridge->has_spare = spare_error != ENOENT;
+    if (spare_error == 0 && spare.saves > bridge->store.saves) {
         bridge->store = spare;
     }
 }
@@ -45,9 +62,10 @@ void mqtt_save_changes(MqttBridge *bridge)
     const int error = save(bridge, bridge->store_path, is_durable);
     bridge->save_failed_at = error != 0 ? now : 0;
     if (error == 0) {
+        remove_spare(bridge);
         return;
     }
-    const int spare_error = save(bridge, bridge->spare_path, false);
+    const int spare_error = save_spare(bridge);
     unsigned dropped = 0;
     if (mqtt_log_limit_pass(&bridge->save_failures, now, &dropped)) {
         mqtt_log(LOG_ERR, "cannot save %s: %s; %s: %s", bridge->store_path.c_str(),
@@ -60,6 +78,6 @@ void mqtt_save_quickly(MqttBridge *bridge)
 {
     /* If this fails, the clip still plays. It could only play again if the bridge were killed
      * before mqtt_save_changes(), which reports the failure. */
-    save(bridge, bridge->spare_path, false);
+    save_spare(bridge);
     bridge->must_save = true;
 }

@@ -4,7 +4,9 @@
  * Saves the bridge's store in the state folder, which survives a restart of the machine. A second
  * file, in the runtime folder, is in memory and survives a restart of the bridge only. The bridge
  * writes it in two cases: before it asks the daemon to play, because a clip must not wait for the
- * disk; and if the state folder cannot be written, for example because the disk is full.
+ * disk; and if the state folder cannot be written, for example because the disk is full. The next
+ * save in the state folder removes it: otherwise, if the first file were lost, the second one would
+ * bring back commands that were finished long ago.
  */
 
 struct MqttBridge;
