@@ -331,6 +331,16 @@ TEST_F(MqttJobs, AfterARestartWithAClockThatWasSetBackTheAgeIsUnknown)
     EXPECT_TRUE(bridge.store.jobs.empty());
 }
 
+TEST_F(MqttJobs, ACommandWithADamagedTimeIsLate)
+{
+    ASSERT_TRUE(mqtt_store_read(
+        &bridge.store, R"({"commands":[{"topic":"sonobrik/shop7/play","payload":"{\"clip\":0}",)"
+                       R"("received":-9223372036854775808,"expires":1795000060000}]})"));
+    mqtt_jobs_resume(&bridge);
+    EXPECT_EQ(get_status(), "late");
+    EXPECT_TRUE(bridge.store.jobs.empty());
+}
+
 TEST_F(MqttJobs, ARestartStopsTheSirenOnlyIfItStillPlays)
 {
     MqttJob job;

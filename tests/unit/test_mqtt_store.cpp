@@ -92,6 +92,28 @@ TEST(MqttStore, RefusesWhatIsNotAStore)
     EXPECT_TRUE(store.jobs.empty());
 }
 
+TEST(MqttStore, ReadsADamagedTimeAsLongAgo)
+{
+    for (const std::string time : {"-9223372036854775808", "-1", "253402300800000",
+                                   "9223372036854775807", "1e300", "\"x\"", "null"}) {
+        MqttStore store;
+        ASSERT_TRUE(mqtt_store_read(&store, R"({"commands":[{"topic":"a","received":)" + time +
+                                                R"(,"expires":1795000000000,"calledAt":)" + time +
+                                                R"(},{"topic":"b","received":5,"expires":)" + time +
+                                                R"(}],"ids":[["x",)" + time + R"(]],"sirenEnd":)" +
+                                                time + R"(,"saves":)" + time + "}"));
+        ASSERT_EQ(store.jobs.size(), 2U) << time;
+        EXPECT_EQ(store.jobs.front().received, 1) << time;
+        EXPECT_EQ(store.jobs.front().expires, 0) << time;
+        EXPECT_EQ(store.jobs.front().called_at, 1) << time;
+        EXPECT_EQ(store.jobs.back().expires, 1) << time;
+        EXPECT_EQ(store.memory.entries.front().time, 1) << time;
+        EXPECT_EQ(store.siren_end, 1) << time;
+        EXPECT_LE(store.saves, 253402300800000) << time;
+        EXPECT_GE(store.saves, 0) << time;
+    }
+}
+
 TEST(MqttStore, LeavesOutEntriesThatMakeNoSense)
 {
     MqttStore store;

@@ -13,9 +13,6 @@ namespace
 constexpr size_t MAX_LOCATION = 4095;
 constexpr gint64 MAX_REPEAT = G_MAXINT32;
 
-/* The largest `at`: the end of the year 9999. */
-constexpr gint64 MAX_AT = 253'402'300'799'999;
-
 struct Text {
     const char *key;
     std::string MqttCommand::*place;
@@ -38,7 +35,7 @@ constexpr Number NUMBERS[] = {
     {"volume", &MqttCommand::volume, 0, CLIENT_MAX_VOLUME},
     {"repeat", &MqttCommand::repeat, -1, MAX_REPEAT},
     {"output", &MqttCommand::output, 0, CLIENT_MAX_OUTPUT},
-    {"at", &MqttCommand::at, 0, MAX_AT},
+    {"at", &MqttCommand::at, 0, MQTT_MAX_AT},
 };
 
 bool fail(std::string *why, const std::string &text)

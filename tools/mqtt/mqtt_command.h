@@ -12,6 +12,9 @@
 /* The longest identifier, in bytes. */
 constexpr size_t MQTT_MAX_ID = 128;
 
+/* The largest `at`: the end of the year 9999. */
+constexpr gint64 MQTT_MAX_AT = 253'402'300'799'999;
+
 /* The longest duration of a siren, in seconds. */
 constexpr gint64 MQTT_MAX_DURATION = 86'400;
 

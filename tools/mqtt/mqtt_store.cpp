@@ -15,6 +15,13 @@ namespace
 constexpr mode_t MODE = 0600;
 constexpr size_t MAX_JOBS = 256;
 
+/* Stands for a time that is damaged in the file. What depends on it is late; 0 would mean that
+ * there is no time. */
+constexpr gint64 LONG_AGO = 1;
+
+/* Far above what the counter can reach, and far below its overflow. */
+constexpr gint64 MAX_SAVES = gint64{1} << 53;
+
 std::string encode(const std::string &bytes)
 {
     g_autofree char *text =
@@ -27,6 +34,18 @@ std::string decode(const std::string &text)
     gsize size = 0;
     g_autofree guchar *bytes = g_base64_decode(text.c_str(), &size);
     return bytes ? std::string(reinterpret_cast<const char *>(bytes), size) : "";
+}
+
+/* Returns the Unix time at `value` in milliseconds, 0 if there is none, or LONG_AGO if it is not
+ * one that the bridge writes. */
+gint64 read_time(const json_t *value)
+{
+    gint64 time = 0;
+    if (!value) {
+        return 0;
+    }
+    return mqtt_json_read_integer(value, &time) && time >= 0 && time <= MQTT_MAX_AT ? time
+                                                                                    : LONG_AGO;
 }
 
 json_t *write_job(const MqttJob &job)
@@ -52,9 +71,10 @@ void read_job(MqttStore *store, const json_t *object)
     job.response_topic = mqtt_json_get_text(object, "responseTopic");
     job.has_correlation = json_object_get(object, "correlation") != nullptr;
     job.correlation = decode(mqtt_json_get_text(object, "correlation"));
-    job.received = mqtt_json_get_integer(object, "received", 0);
-    job.expires = mqtt_json_get_integer(object, "expires", 0);
-    job.called_at = mqtt_json_get_integer(object, "calledAt", 0);
+    job.received = read_time(json_object_get(object, "received"));
+    /* If the age is not known, an expiry must not make the command valid. */
+    job.expires = job.received > LONG_AGO ? read_time(json_object_get(object, "expires")) : 0;
+    job.called_at = read_time(json_object_get(object, "calledAt"));
     if (!job.topic.empty() && store->jobs.size() < MAX_JOBS) {
         store->jobs.push_back(job);
     }
@@ -123,13 +143,14 @@ bool mqtt_store_read(MqttStore *store, std::string_view text)
     {
         const char *id = json_string_value(json_array_get(item, 0));
         if (id) {
-            mqtt_memory_add(&store->memory, id, json_integer_value(json_array_get(item, 1)));
+            mqtt_memory_add(&store->memory, id, read_time(json_array_get(item, 1)));
         }
     }
     store->announced = json_is_true(json_object_get(object, "announced"));
-    store->siren_end = mqtt_json_get_integer(object, "sirenEnd", 0);
+    store->siren_end = read_time(json_object_get(object, "sirenEnd"));
     store->siren_file = mqtt_json_get_text(object, "sirenFile");
-    store->saves = mqtt_json_get_integer(object, "saves", 0);
+    const gint64 saves = mqtt_json_get_integer(object, "saves", 0);
+    store->saves = saves >= 0 && saves <= MAX_SAVES ? saves : 0;
     return true;
 }
 
