@@ -30,7 +30,7 @@ std::string find_card(const Device &device)
 
 /*
  * Returns the PCM of an output. "sysdefault" is what the shipped configuration uses without this
- * service: the first PCM of a card, mixed with other programs where ALSA knows that the card allows
+ * service: PCM 0 of a card, mixed with other programs where ALSA knows that the card allows
  * it. There is no such name for other PCMs, so these are mixed by "dmix" directly.
  */
 std::string find_pcm(const Device &device, const SoundOutput &output)
