@@ -40,6 +40,24 @@ bool file_utils_file_exist(const char *path);
 int file_utils_open_regular(const char *path, int access_mode);
 
 /*
+ * Opens for reading the regular file that `fd` names, and closes `fd`, which comes from
+ * file_utils_open_regular() with O_PATH. Returns a descriptor, to be closed by the caller, or -1
+ * with errno set: EACCES if the file may not be read, EAGAIN if another process has a write lease
+ * on it (see F_SETLEASE in fcntl(2)).
+ *
+ * Never blocks, unlike opening a leased file without O_NONBLOCK, which waits for up to
+ * /proc/sys/fs/lease-break-time. Nobody can take a write lease while the returned descriptor is
+ * open, so until then the file can be opened again through /proc/self/fd without blocking.
+ */
+int file_utils_reopen_for_reading(int fd);
+
+/*
+ * Opening this path fails with ENOTDIR. Give it to GStreamer in place of a file that cannot be
+ * read: the file itself could be made readable, and leased, before GStreamer opens it.
+ */
+constexpr char FILE_UTILS_UNREADABLE_PATH[] = "/proc/self/comm/none";
+
+/*
  * Returns true if the process may open `count` more file descriptors, otherwise false with errno
  * set.
  */

@@ -38,13 +38,15 @@ void on_source_setup(GstDiscoverer *, GstElement *source, gpointer path)
 }
 
 /*
- * Runs the discoverer on the open file `fd`. `path` names it in log lines, and its suffix hints at
- * the format. Returns a new reference to the result, or null with a log line.
+ * Runs the discoverer on the open file `fd`, which is -1 for a file that may not be read. `path`
+ * names it in log lines, and its suffix hints at the format. Returns a new reference to the result,
+ * or null with a log line.
  */
 GstDiscovererInfo *probe(int fd, const char *path)
 {
     g_autoptr(GError) error = nullptr;
-    g_autofree char *fd_name = g_strdup_printf("/proc/self/fd/%d", fd);
+    g_autofree char *fd_name =
+        fd == -1 ? g_strdup(FILE_UTILS_UNREADABLE_PATH) : g_strdup_printf("/proc/self/fd/%d", fd);
     g_autofree char *uri = gst_filename_to_uri(fd_name, &error);
     if (error) {
         g_info("%sCould not create uri from path '%s', error message '%s'.", "", path,
@@ -185,27 +187,41 @@ void set_audio_properties(GstDiscovererAudioInfo *info, const GstCaps *caps, jso
                  json_integer(gst_discoverer_audio_info_get_sample_rate(info)));
 }
 
-/*
- * Opens the file for the discoverer, which then logs why it cannot read a directory or a file
- * without read permission. Returns -1 with errno set, ENXIO for a FIFO, socket or device: those
- * could block the discoverer.
- */
-int open_for_probe(const char *path)
+/* Closes what open_for_probe() opened. */
+void close_probe(int fd)
 {
-    int fd = file_utils_open_regular(path, O_PATH);
-    if (fd == -1 && errno == EISDIR) {
-        fd = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
-    }
-    if (fd != -1 && !file_utils_can_open(DISCOVERER_DESCRIPTORS)) {
-        const int error = errno;
+    if (fd != -1) {
         close(fd);
-        errno = error;
-        return -1;
     }
-    return fd;
 }
 
-/* Fills `media_info` from the open file `fd`, which `path` names. */
+/*
+ * Opens the file for the discoverer. Returns true with `*fd` set, to -1 for a file that may not be
+ * read: the discoverer then logs the reason, as it does for a directory. Returns false with errno
+ * set if the discoverer could block: ENXIO for a FIFO, socket or device, EAGAIN for a file on which
+ * another process has a write lease.
+ */
+bool open_for_probe(const char *path, int *fd)
+{
+    *fd = file_utils_open_regular(path, O_PATH);
+    if (*fd != -1) {
+        *fd = file_utils_reopen_for_reading(*fd);
+    } else if (errno == EISDIR) {
+        *fd = open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    }
+    if (*fd == -1 && errno != EACCES) {
+        return false;
+    }
+    if (!file_utils_can_open(DISCOVERER_DESCRIPTORS)) {
+        const int error = errno;
+        close_probe(*fd);
+        errno = error;
+        return false;
+    }
+    return true;
+}
+
+/* Fills `media_info` from the open file `fd`, which is -1 for a file that may not be read. */
 bool describe_file(int fd, const char *path, json_t *media_info)
 {
     g_autoptr(GstDiscovererInfo) info = probe(fd, path);
@@ -242,15 +258,15 @@ bool discover_media(const char *path, json_t *media_info)
         g_info("%sExpected empty JSON object.", "");
         return false;
     }
-    const int fd = open_for_probe(path);
-    if (fd == -1) {
+    int fd = -1;
+    if (!open_for_probe(path, &fd)) {
         if (errno != ENXIO) {
             g_warning("%sCould not open '%s': %s", "", path, g_strerror(errno));
         }
         return false;
     }
     const bool success = describe_file(fd, path, media_info);
-    close(fd);
+    close_probe(fd);
     return success;
 }
 

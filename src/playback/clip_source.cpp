@@ -44,15 +44,23 @@ void clip_source_pin(GstElement *source)
     g_object_get(source, "location", &path, nullptr);
     g_autofree char *uri = gst_uri_handler_get_uri(GST_URI_HANDLER(source));
     g_object_set_data_full(G_OBJECT(source), GIVEN_PATH, g_strdup(path), g_free);
-    const int fd = file_utils_open_regular(path, O_PATH);
-    if (fd == -1) {
+    const int named = file_utils_open_regular(path, O_PATH);
+    if (named == -1) {
         g_object_set(source, "location", MISSING_PATH, nullptr);
+        return;
+    }
+    const int fd = file_utils_reopen_for_reading(named);
+    if (fd == -1) {
+        g_object_set(source, "location", FILE_UTILS_UNREADABLE_PATH, nullptr);
         return;
     }
     g_autofree char *pinned_path = g_strdup_printf("/proc/self/fd/%d", fd);
     g_object_set(source, "location", pinned_path, nullptr);
     source_uri_set(source, uri);
-    /* The source opens the path later, so the descriptor lives as long as the source. */
+    /*
+     * The source opens the path later. It must not wait for a write lease then, so the descriptor,
+     * which prevents leases, lives as long as the source.
+     */
     g_object_set_data_full(G_OBJECT(source), "pinned-file", GINT_TO_POINTER(fd), close_descriptor);
 }
 

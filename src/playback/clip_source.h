@@ -1,8 +1,9 @@
 #pragma once
 
 /*
- * The file that a clip is read from. Opening a FIFO blocks until it has a writer, and a path can
- * become one after it was checked.
+ * The file that a clip is read from. Opening a FIFO blocks until it has a writer, and opening a
+ * file on which another process has a write lease blocks for up to 45 s. A path can become a FIFO,
+ * and a file can be leased, after it was checked.
  */
 
 #include <gst/gst.h>
@@ -15,8 +16,9 @@ bool clip_source_is_playable(const char *uri);
 
 /*
  * Makes a "filesrc" read the regular file that its path names now, whatever becomes of the path. If
- * it does not name one, opening the source fails. Ignores other elements. Call it from
- * "source-setup", before the source opens its file. Called on any thread.
+ * it does not name one, or the file is leased or may not be read, opening the source fails at once.
+ * Ignores other elements. Call it from "source-setup", before the source opens its file. Called on
+ * any thread.
  */
 void clip_source_pin(GstElement *source);
 

@@ -98,6 +98,16 @@ int file_utils_open_regular(const char *path, int access_mode)
     return fd;
 }
 
+int file_utils_reopen_for_reading(int fd)
+{
+    g_autofree char *path = g_strdup_printf("/proc/self/fd/%d", fd);
+    const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return file;
+}
+
 bool file_utils_can_open(unsigned count)
 {
     g_autofree int *descriptors = g_new(int, count);

@@ -6,6 +6,7 @@ import time
 
 import pytest
 from sandbox import clips, wait_until
+from sandbox.lease import leased
 from sandbox.log_lines import START
 
 pytestmark = pytest.mark.alone
@@ -153,6 +154,22 @@ def test_the_error_of_a_chain_names_a_file_that_may_not_be_read_any_more(sandbox
     assert daemon.texts == [
         *START, "error: Error received from element 'source': "
                 f'Could not open file "{clip.path}" for reading.']
+
+
+def test_a_chain_ends_with_its_error_when_the_next_file_has_a_write_lease(sandbox, daemon, player):
+    """The source that opens the next clip must not block: a stop waits for it."""
+    pair = [sandbox.write_clip(f"{name}.wav", clips.noise(96000)) for name in "ab"]
+    reply = player.send("PlayClip", "location=/etc/audioclips/?.wav&repeat=-1")
+    wait_until(lambda: files_of(player), what="the first clip is known")
+    following, = (clip for clip in pair if clip.path not in files_of(player))
+    with leased(following.file):
+        assert reply.wait(20) == ("OK",)
+        other = sandbox.write_clip("other.wav", clips.noise(2400, seed=1))
+        assert player.call("PlayClip", other.location) == "OK"
+    assert daemon.stop() == 0
+    assert daemon.texts == [
+        *START, "error: Error received from element 'source': "
+                f'Could not open file "{following.path}" for reading.']
 
 
 def test_a_chain_keeps_its_volume(sandbox, player):

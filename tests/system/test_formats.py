@@ -7,7 +7,8 @@ import socket
 import threading
 
 import pytest
-from sandbox import BusError, clips
+from sandbox import BusError, clips, wait_until
+from sandbox.lease import leased
 
 SUPPORTED = ["wav", "au", "mulaw", "mp3", "mp2", "vorbis", "opus"]
 
@@ -89,7 +90,24 @@ def test_a_folder_is_undetermined_and_logged(shared, asked):
 def test_a_file_that_may_not_be_read_is_undetermined(shared, asked):
     clip = shared.write_clip("hidden.wav", clips.noise(480))
     clip.file.chmod(0)
+    logged = len(shared.daemon.texts)
     assert asked.fail("SupportedFile", clip.path) == undetermined(clip.path)
+    assert shared.daemon.texts[logged:] == [
+        f"info: Discoverer error: 'Could not open file \"{clip.path}\" for reading.'."]
+
+
+def test_a_file_with_a_write_lease_is_undetermined_at_once(shared, asked):
+    """Anyone who owns a file can take a lease, and opening the file would wait for it."""
+    clip = shared.write_clip("leased.wav", clips.noise(480))
+    with leased(clip.file):
+        reply = asked.send("SupportedFile", clip.path)
+        assert asked.call("StopPlayingClip", timeout=10) == "OK"
+        with pytest.raises(BusError) as refusal:
+            reply.wait(10)
+        assert refusal.value.text == undetermined(clip.path)
+    reason = f"Could not open '{clip.path}': Resource temporarily unavailable"
+    wait_until(lambda: shared.daemon.count("warning", reason) == 1, what="the reason is logged")
+    assert asked.call("SupportedFile", clip.path) == "OK"
 
 
 def test_a_link_to_a_clip_is_one(shared, asked):

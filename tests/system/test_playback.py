@@ -1,12 +1,16 @@
 """Single clips: what callers are answered, and what reaches the sound card."""
 
+import contextlib
 import os
+import random
 import re
 import threading
+import time
 import urllib.parse
 
 import pytest
 from sandbox import Player, clips, wait_until
+from sandbox.lease import leased
 from sandbox.log_lines import START
 
 BUSY = "A clip is already playing."
@@ -176,6 +180,30 @@ def test_a_path_that_changes_between_clip_and_fifo_blocks_nothing(sandbox, playe
     wait_sounding(sandbox, starts + 1)
 
 
+def test_a_lease_at_any_moment_of_a_start_blocks_nothing(sandbox, player, long):
+    moments = random.Random(5)
+    for _ in range(40):
+        reply = player.send("StartPlayingClip", long.location)
+        time.sleep(moments.uniform(0, 0.03))
+        with contextlib.suppress(BlockingIOError), leased(long.file):
+            wait_until(lambda: reply.done, 10, "the call is answered")
+        wait_until(lambda: reply.done, 10, "the call is answered")
+        assert player.call("StopPlayingClip") == "OK"
+    starts = sandbox.card(0).count("start")
+    assert player.call("StartPlayingClip", long.location) == "OK"
+    wait_sounding(sandbox, starts + 1)
+
+
+def test_a_file_cannot_be_leased_while_it_plays(sandbox, player, long):
+    assert player.call("StartPlayingClip", long.location) == "OK"
+    wait_sounding(sandbox)
+    with pytest.raises(BlockingIOError), leased(long.file):
+        pass
+    assert player.call("StopPlayingClip") == "OK"
+    with leased(long.file):
+        pass
+
+
 # The 300 ms between the end of a clip and its answer
 
 
@@ -276,6 +304,19 @@ def test_wildcards_leave_out_what_cannot_be_played(sandbox, daemon, player, shor
     assert sorted(texts[len(START):]) == [
         "info: Discoverer error: '\"/etc/audioclips/set-3.wav\" is a directory.'.",
         "info: Discoverer error: 'Could not determine type of stream.'."]
+
+
+def test_wildcards_leave_out_a_file_with_a_write_lease(sandbox, daemon, player, short):
+    other = sandbox.write_clip("set-1.wav", clips.noise(480))
+    sandbox.write_clip("set-2.wav", short.samples)
+    with leased(other.file):
+        assert player.call("PlayClip", "location=/etc/audioclips/set-?.wav") == "OK"
+        assert heard(sandbox, short.samples)
+        assert player.fail("PlayClip", other.location) == (
+            f"No supported file(s) found at '{other.path}'.")
+    # The second location is tried as a file and then as a pattern.
+    assert daemon.texts == [
+        *START, *[f"warning: Could not open '{other.path}': Resource temporarily unavailable"] * 3]
 
 
 def test_unknown_options_are_ignored(sandbox, player, short):

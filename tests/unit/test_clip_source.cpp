@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "temp_dir.h"
+#include "write_lease.h"
 
 namespace
 {
@@ -102,6 +103,33 @@ TEST_F(ClipSource, FailsToOpenAFifo)
     EXPECT_EQ(open_and_close(source), GST_STATE_CHANGE_FAILURE);
 }
 
+/* The lease could also be taken after a file was made readable, so the file is never opened. */
+TEST_F(ClipSource, FailsToOpenAFileThatWasLeased)
+{
+    WriteLease lease(path);
+    ASSERT_EQ(lease.reason(), 0);
+    g_autoptr(GstElement) source = make_source();
+    clip_source_pin(source);
+    lease.release();
+    EXPECT_EQ(open_and_close(source), GST_STATE_CHANGE_FAILURE);
+}
+
+TEST_F(ClipSource, PreventsALeaseOnThePinnedFile)
+{
+    GstElement *source = make_source();
+    clip_source_pin(source);
+    EXPECT_EQ(WriteLease(path).reason(), EAGAIN);
+    gst_object_unref(source);
+    EXPECT_EQ(WriteLease(path).reason(), 0);
+}
+
+TEST_F(ClipSource, LeavesALeasedFileToGStreamer)
+{
+    WriteLease lease(path);
+    ASSERT_EQ(lease.reason(), 0);
+    EXPECT_TRUE(clip_source_is_playable(uri().c_str()));
+}
+
 TEST_F(ClipSource, ClosesThePinnedFileWithTheSource)
 {
     const size_t before = count_open_files();
@@ -130,6 +158,24 @@ TEST_F(ClipSource, DescribesAnErrorWithThePathThatItWasGiven)
     const std::string error = "Could not open file \"" + std::string(pinned_path) + "\".";
     g_autofree char *text = clip_source_describe_error(GST_OBJECT(source), error.c_str());
     EXPECT_EQ(text, "Could not open file \"" + path + "\".");
+}
+
+TEST_F(ClipSource, ReportsALeasedFileByItsPath)
+{
+    WriteLease lease(path);
+    ASSERT_EQ(lease.reason(), 0);
+    g_autoptr(GstElement) source = make_source();
+    g_autoptr(GstBus) bus = gst_bus_new();
+    gst_element_set_bus(source, bus);
+    clip_source_pin(source);
+    EXPECT_EQ(open_and_close(source), GST_STATE_CHANGE_FAILURE);
+    g_autoptr(GstMessage) message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
+    ASSERT_NE(message, nullptr);
+    g_autoptr(GError) error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    g_autofree char *text = clip_source_describe_error(GST_OBJECT(source), error->message);
+    EXPECT_EQ(text, "Could not open file \"" + path + "\" for reading.");
+    gst_element_set_bus(source, nullptr);
 }
 
 TEST_F(ClipSource, DescribesTheErrorsOfOtherElementsAsTheyAre)

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "discover_media_test.h"
+#include "write_lease.h"
 
 namespace
 {
@@ -121,6 +122,21 @@ TEST_F(DiscoverMediaRefusal, RunningOutOfDescriptorsIsLogged)
     EXPECT_EQ(fake.discoverers, 0);
 }
 
+TEST_F(DiscoverMediaRefusal, LeasedFileIsLogged)
+{
+    const size_t before = count_open_files();
+    WriteLease lease(path);
+    ASSERT_EQ(lease.reason(), 0);
+    EXPECT_FALSE(discover());
+    expect_log(G_LOG_LEVEL_WARNING,
+               "Could not open '" + path + "': Resource temporarily unavailable");
+    expect_no_log();
+    EXPECT_EQ(fake.discoverers, 0);
+    EXPECT_EQ(text(media_info), "{}");
+    lease.release();
+    EXPECT_EQ(count_open_files(), before);
+}
+
 TEST_F(DiscoverMediaRefusal, NullObjectIsRefused)
 {
     EXPECT_FALSE(discover_media(path.c_str(), nullptr));
@@ -170,6 +186,39 @@ TEST_F(DiscoverMedia, FileThatIsReplacedAfterTheCheckIsStillTheOneProbed)
     };
     EXPECT_TRUE(discover());
     EXPECT_EQ(fake.content, "content of the clip");
+}
+
+TEST_F(DiscoverMedia, FileCannotBeLeasedWhileItIsProbed)
+{
+    fake.top = audio("audio/x-wav");
+    int reason = 0;
+    fake.before_discovery = [&] {
+        reason = WriteLease(path).reason();
+    };
+    EXPECT_TRUE(discover());
+    EXPECT_EQ(reason, EAGAIN);
+    EXPECT_EQ(WriteLease(path).reason(), 0);
+}
+
+/* If the discoverer opened the file, its owner could lease it as soon as it may be read. */
+TEST_F(DiscoverMedia, FileThatMayNotBeReadIsNotReadLaterEither)
+{
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    if (access(path.c_str(), R_OK) == 0) {
+        GTEST_SKIP() << "this user may read every file";
+    }
+    const size_t before = count_open_files();
+    fake.result = 2;
+    fake.error_names_file = true;
+    fake.before_discovery = [this] {
+        ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    };
+    EXPECT_FALSE(discover());
+    EXPECT_EQ(fake.content, "");
+    expect_log(G_LOG_LEVEL_INFO,
+               "Discoverer error: 'Could not open file \"" + path + "\" for reading.'.");
+    expect_no_log();
+    EXPECT_EQ(count_open_files(), before);
 }
 
 TEST_F(DiscoverMedia, FileIsClosedWhateverTheOutcome)

@@ -12,6 +12,7 @@
 #include "few_descriptors.h"
 #include "log_test.h"
 #include "temp_dir.h"
+#include "write_lease.h"
 
 namespace
 {
@@ -369,6 +370,19 @@ TEST_F(DiscoverMediaFiles, FifoIsUndeterminedAtOnce)
     const std::string path = dir.path("fifo.wav");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     expect_refused_unopened(path);
+}
+
+TEST_F(DiscoverMediaFiles, LeasedFileIsUndeterminedAtOnce)
+{
+    const std::string path = sun_audio("a.au", 1, std::string(8000, '\x55'));
+    WriteLease lease(path);
+    ASSERT_EQ(lease.reason(), 0);
+    EXPECT_EQ(verdict(path), undetermined(path));
+    expect_log(G_LOG_LEVEL_WARNING,
+               "Could not open '" + path + "': Resource temporarily unavailable");
+    expect_no_log();
+    lease.release();
+    EXPECT_EQ(verdict(path), "");
 }
 
 TEST_F(DiscoverMediaFiles, SocketIsUndetermined)

@@ -12,6 +12,7 @@
 #include "few_descriptors.h"
 #include "log_test.h"
 #include "temp_dir.h"
+#include "write_lease.h"
 
 namespace
 {
@@ -318,6 +319,44 @@ TEST_F(FileUtilsOpen, FileCanBeNamedWithoutBeingOpenForReading)
     ASSERT_GE(fd, 0);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_PATH, O_PATH);
     close(fd);
+}
+
+TEST_F(FileUtilsOpen, NamedFileIsOpenedForReadingInPlaceOfItsName)
+{
+    const std::string path = dir.file("door.wav", "ding");
+    const size_t before = count_open_files();
+    const int named = file_utils_open_regular(path.c_str(), O_PATH);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    const int fd = file_utils_reopen_for_reading(named);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(count_open_files(), before + 1);
+    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    char buffer[16] = {};
+    EXPECT_EQ(read(fd, buffer, sizeof(buffer)), 4);
+    EXPECT_STREQ(buffer, "ding");
+    close(fd);
+}
+
+TEST_F(FileUtilsOpen, LeasedFileIsRefusedAtOnce)
+{
+    const std::string path = dir.file("door.wav", "ding");
+    const size_t before = count_open_files();
+    WriteLease lease(path);
+    ASSERT_EQ(lease.reason(), 0);
+    const int named = file_utils_open_regular(path.c_str(), O_PATH);
+    EXPECT_EQ(file_utils_reopen_for_reading(named), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(file_utils_open_regular(path.c_str(), O_RDONLY), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    lease.release();
+    EXPECT_EQ(count_open_files(), before);
+    EXPECT_EQ(content_of(path), "ding");
+}
+
+TEST_F(FileUtilsOpen, UnreadablePathCannotBeOpened)
+{
+    EXPECT_EQ(open(FILE_UTILS_UNREADABLE_PATH, O_RDONLY | O_CLOEXEC), -1);
+    EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST_F(FileUtils, KnowsHowManyFilesCanBeOpened)
