@@ -28,6 +28,7 @@
 #include "device_state.h"
 #include "log_level.h"
 #include "platform/util.h"
+#include "platform_bus_guard.h"
 
 namespace
 {
@@ -460,6 +461,9 @@ int add_sources(Service *service)
 int connect_bus(Service *service)
 {
     int r = sd_bus_open_system(&service->bus);
+    if (r >= 0) {
+        r = platform_bus_guard_setup(service->bus);
+    }
     if (r >= 0) {
         r = sd_bus_attach_event(service->bus, service->event, SD_EVENT_PRIORITY_NORMAL);
     }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "autoptr.h"
+#include "bus_guard.h"
 #include "log_level.h"
 #include "service_frame.h"
 #include "sonobrik_dbus_source.h"
@@ -48,6 +49,15 @@ bool connect_as(sonobrik_dbus *conn, const char *service_name)
         return false;
     }
     return true;
+}
+
+bool guard(sonobrik_dbus *conn)
+{
+    const int r = bus_guard_setup(conn->bus);
+    if (r < 0) {
+        log_error("%sFailed to guard the connection: %s.", "", strerror(-r));
+    }
+    return r >= 0;
 }
 
 /* Returns a new event loop that runs the connection, or null with a log line. */
@@ -117,7 +127,8 @@ sonobrik_dbus *sonobrik_dbus_setup(const char *service_name)
         return nullptr;
     }
     conn->service_name = service_name;
-    if (!connect_as(conn, service_name) || !sonobrik_dbus_attach(conn, on_service_lost)) {
+    if (!connect_as(conn, service_name) || !guard(conn) ||
+        !sonobrik_dbus_attach(conn, on_service_lost)) {
         return nullptr;
     }
     return g_steal_pointer(&conn);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "platform_bus_guard.h"
 #include "platform_error.h"
 
 namespace
@@ -187,6 +188,9 @@ bool start(Connection *connection, GError **error)
     int r = start_connection(&bus);
     if (r >= 0) {
         r = sd_bus_set_method_call_timeout(bus, timeout_usec);
+    }
+    if (r >= 0) {
+        r = platform_bus_guard_setup(bus);
     }
     if (r < 0) {
         set_unreachable(error, r);

@@ -8,6 +8,7 @@ import pytest
 from sandbox import clips, wait_until
 from sandbox.cards import DEVICE, MANAGER, OUTPUTS, SERVICE
 from sandbox.process import NotifySocket
+from sandbox.strangers import send_largest
 
 QUIET = 0.5  # seconds
 
@@ -514,6 +515,14 @@ def test_nobody_can_start_it_twice(cards):
         "error: Cannot serve com.vesk.AudioControl: another program owns the name")
     cards.service = first
     assert first.is_running
+
+
+def test_calls_of_the_largest_size_do_not_end_it(cards, sandbox):
+    cards.add(0)
+    cards.start()
+    name = sandbox.bus.get_owner(SERVICE)  # shorter, so the text can be longer
+    assert send_largest(sandbox, [(name, "/com/vesk/AudioControl/0")]) == ["Error.UnknownInterface"]
+    assert cards.read_devices().keys() == {0}
 
 
 def test_it_pings_the_watchdog(cards, sandbox):

@@ -9,7 +9,7 @@ from sandbox import BusError, Player, Sandbox, Store, wait_until
 from sandbox.connections import PURPOSES, find_connections
 from sandbox.controls import Controls
 from sandbox.installation import allow_peer
-from sandbox.strangers import STRANGER, start_flood
+from sandbox.strangers import STRANGER, send_largest, start_flood
 
 pytestmark = pytest.mark.needs_root
 
@@ -83,6 +83,19 @@ def test_a_stranger_leaves_nothing_in_the_daemon(box, counts, purpose):
                 assert error.name == "org.freedesktop.DBus.Error.LimitsExceeded"
     assert int(run.result().stdout) == 5 * sum(counts)
     assert_flat(box, before)
+
+
+OBJECTS = {"main": "/com/vesk/Sonobrik", "legacy": "/com/vesk/Sonobrik",
+           "events": "/com/vesk/Events1/SonoBrikEvents/1"}
+
+
+def test_calls_of_the_largest_size_do_not_end_the_daemon(box):
+    names = find_connections(box)
+    objects = [(names[purpose], path) for purpose, path in OBJECTS.items()]
+    objects.append((names["main"], "/org/freedesktop/LogControl1"))
+    assert send_largest(box, objects) == ["Error.UnknownInterface"] * len(objects)
+    assert Player(box.bus).call("StopPlayingClip") == "OK"
+    assert find_connections(box) == names
 
 
 def test_a_stranger_leaves_nothing_while_the_controls_are_slow(box):

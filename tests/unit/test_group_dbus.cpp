@@ -256,9 +256,12 @@ TEST_F(GroupDbus, MissingBusFailsTheSetup)
 
 TEST_F(GroupDbus, FailureAfterTheConnectionFailsTheSetup)
 {
-    for (const char *function : {"sd_bus_add_object_vtable", "sd_bus_add_filter"}) {
+    /* The first filter is that of the connection. */
+    const std::pair<const char *, int> steps[] = {{"sd_bus_add_object_vtable", 1},
+                                                  {"sd_bus_add_filter", 2}};
+    for (const auto &[function, number] : steps) {
         FailingCalls calls;
-        calls.fail(function, -ENOMEM);
+        calls.fail_one(function, number, -ENOMEM);
         EXPECT_FALSE(sonobrik_group_dbus_setup()) << function;
         expect_log(LOG_LEVEL_ERROR, "Failed to setup the dbus object /com/vesk/Sonobrik: Cannot "
                                     "allocate memory.");

@@ -165,6 +165,17 @@ TEST_F(ConnectionTest, InvalidNameFailsTheSetUp)
     close_what_is_left(calls);
 }
 
+TEST_F(ConnectionTest, UnguardedConnectionFailsTheSetUp)
+{
+    FailingCalls calls;
+    calls.fail("sd_bus_add_filter", -ENOMEM);
+    EXPECT_EQ(sonobrik_dbus_setup(SERVICE), nullptr);
+    expect_log(LOG_LEVEL_ERROR, "Failed to guard the connection: Cannot allocate memory.");
+    expect_no_log();
+    EXPECT_EQ(calls.count("sd_event_new"), 0);
+    close_what_is_left(calls);
+}
+
 TEST_F(ConnectionTest, MissingEventLoopFailsTheSetUp)
 {
     FailingCalls calls;
@@ -205,8 +216,8 @@ TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
     FailingCalls calls;
     connect();
     EXPECT_EQ(calls.made, (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
-                                 "sd_bus_request_name", "sd_event_new", "sd_bus_attach_event",
-                                 "sd_bus_match_signal Disconnected", "sd_event_unref"}));
+                                 "sd_bus_request_name", "sd_bus_add_filter", "sd_event_new",
+                                 "sd_bus_attach_event", "sd_bus_match_signal Disconnected", "sd_event_unref"}));
     EXPECT_EQ(calls.priority, SD_EVENT_PRIORITY_NORMAL);
     expect_no_log();
 }
