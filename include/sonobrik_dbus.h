@@ -41,8 +41,8 @@ sonobrik_dbus *sonobrik_dbus_setup(const char *service_name);
 bool sonobrik_dbus_attach(sonobrik_dbus *conn, void (*on_lost)(sonobrik_dbus *conn));
 
 /*
- * Detaches the connection from the main loop, sends queued messages and closes it. The record
- * itself is not freed. Does nothing for null.
+ * Detaches the connection from the main loop, sends queued messages and closes it. Waits at most a
+ * second for a bus that does not read. The record itself is not freed. Does nothing for null.
  */
 void sonobrik_dbus_teardown(sonobrik_dbus *conn);
 

@@ -215,13 +215,18 @@ std::optional<ControlPicture> find_known_picture(Service *service, const Control
     return known;
 }
 
-/* Sends the signals of what changed, and remembers the devices. */
-void announce(Service *service, ControlPicture next)
+/* Sends the signals of what changed, and remembers the devices. Returns 0 or a negative errno. */
+int announce(Service *service, ControlPicture next)
 {
     control_bus_change(service->bus, &service->picture, std::move(next));
     /* A service that ends before the state is written sends them again after its restart. */
-    sd_bus_flush(service->bus);
+    const int r = platform_bus_guard_send(service->bus);
+    if (r < 0) {
+        log_failure("Cannot announce the audio devices", r);
+        return r;
+    }
     write_state(service, service->picture.devices);
+    return 0;
 }
 
 /* Publishes the first picture and takes the name. Returns 0 or a negative errno. */
@@ -242,11 +247,11 @@ int publish(Service *service, ControlPicture next, bool had_alsa_file)
         return r;
     }
     service->is_published = true;
-    if (known) {
-        announce(service, std::move(next));
+    r = known ? announce(service, std::move(next)) : 0;
+    if (r >= 0) {
+        sd_notify(0, "READY=1");
     }
-    sd_notify(0, "READY=1");
-    return 0;
+    return r;
 }
 
 /* Makes a picture of what is plugged in now, and writes and announces it. */
@@ -266,8 +271,7 @@ int refresh(Service *service, const std::vector<SoundCard> &cards)
     if (next.devices != service->picture.devices) {
         log_change(service->picture.devices, next.devices);
     }
-    announce(service, std::move(next));
-    return 0;
+    return announce(service, std::move(next));
 }
 
 void wait_for_quiet(Service *service)
@@ -467,6 +471,10 @@ int connect_bus(Service *service)
     if (r >= 0) {
         r = sd_bus_attach_event(service->bus, service->event, SD_EVENT_PRIORITY_NORMAL);
     }
+    if (r >= 0) {
+        /* Otherwise the loop waits at its end for a bus that does not read. */
+        r = sd_bus_set_close_on_exit(service->bus, 0);
+    }
     return r < 0 ? r : sd_bus_set_exit_on_disconnect(service->bus, true);
 }
 
@@ -515,6 +523,10 @@ void stop(Service *service)
 {
     free_watches(&service->watches);
     sd_event_source_unref(service->quiet_timer);
+    if (service->bus) {
+        sd_bus_set_exit_on_disconnect(service->bus, 0);
+    }
+    platform_bus_guard_flush(service->bus);
     sd_bus_flush_close_unref(service->bus);
     card_scan_free(service->scan);
     sd_event_unref(service->event);
@@ -531,7 +543,6 @@ int control_service_run(const ControlFiles &files)
     int status = EXIT_FAILURE;
     if (start(&service)) {
         status = sd_event_loop(service.event);
-        /* The loop closes the bus whenever it ends, so a closed bus alone means nothing. */
         if (status != EXIT_SUCCESS && !service.has_failed && sd_bus_is_open(service.bus) <= 0) {
             log_error("%sThe connection of com.vesk.AudioControl to the system bus was lost.", "");
         }

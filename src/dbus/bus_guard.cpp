@@ -1,12 +1,16 @@
 #include "bus_guard.h"
 
 #include <cstring>
+#include <glib.h>
 
 namespace
 {
 
 /* The limit of D-Bus for the name of an interface. */
 constexpr size_t MAX_NAME = 255;
+
+/* For how long a bus that does not read is waited for. */
+constexpr gint64 FLUSH_USEC = 1'000'000;
 
 /*
  * GetAll is the only call whose error repeats a text of any length. The names of interfaces and
@@ -24,9 +28,44 @@ int refuse_long_name(sd_bus_message *message, void *, sd_bus_error *error)
     return sd_bus_error_set(error, SD_BUS_ERROR_UNKNOWN_INTERFACE, "Unknown interface.");
 }
 
+/* Keeps the methods from running, whose modules may be torn down already. */
+int drop(sd_bus_message *, void *, sd_bus_error *)
+{
+    return 1;
+}
+
+bool has_queued(sd_bus *bus)
+{
+    uint64_t count = 0;
+    return sd_bus_is_open(bus) > 0 && sd_bus_get_n_queued_write(bus, &count) >= 0 && count > 0;
+}
+
 } // namespace
 
 int bus_guard_setup(sd_bus *bus)
 {
     return sd_bus_add_filter(bus, nullptr, refuse_long_name, nullptr);
+}
+
+void bus_guard_flush(sd_bus *bus)
+{
+    if (!bus || !has_queued(bus)) {
+        return;
+    }
+    const gint64 deadline = g_get_monotonic_time() + FLUSH_USEC;
+    /* sd_bus_process() also reads. The filter that was added last runs first. */
+    int r = sd_bus_add_filter(bus, nullptr, drop, nullptr);
+    while (r >= 0 && has_queued(bus)) {
+        const gint64 left = deadline - g_get_monotonic_time();
+        if (left <= 0) {
+            break;
+        }
+        r = sd_bus_process(bus, nullptr);
+        if (r == 0) {
+            r = sd_bus_wait(bus, static_cast<uint64_t>(left));
+        }
+    }
+    if (has_queued(bus)) {
+        sd_bus_close(bus);
+    }
 }

@@ -10,3 +10,10 @@
  * drop the connection. Stays until `bus` is closed. Returns 0 or a negative errno value.
  */
 int bus_guard_setup(sd_bus *bus);
+
+/*
+ * Sends queued messages, for at most a second, and drops those that arrive meanwhile. If some are
+ * still queued then, closes the connection, so that sd_bus_flush() does not wait for a bus that does
+ * not read. Ignores null.
+ */
+void bus_guard_flush(sd_bus *bus);

@@ -168,6 +168,7 @@ void sonobrik_dbus_teardown(sonobrik_dbus *conn)
         g_source_unref(source);
     }
     sd_bus_slot_unref(g_steal_pointer(&conn->slot));
+    bus_guard_flush(conn->bus);
     sd_bus_flush_close_unref(g_steal_pointer(&conn->bus));
 }
 

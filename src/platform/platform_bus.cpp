@@ -241,7 +241,7 @@ void release(Connection *connection)
         return;
     }
     if (platform_bus_is_open(connection->bus)) {
-        sd_bus_flush(connection->bus);
+        platform_bus_guard_flush(connection->bus);
         drop(connection);
     } else {
         lose(connection, ECONNRESET);

@@ -47,7 +47,7 @@ bool platform_bus_is_open(sd_bus *bus);
 
 /*
  * Releases a held connection, whose slots the caller has freed. Ignores null. When the last holder
- * releases it, the connection sends what is queued and closes.
+ * releases it, the connection sends what is queued, for at most a second, and closes.
  *
  * A lost connection is logged once, when the main loop, platform_bus_hold() or the last release
  * notices the loss.

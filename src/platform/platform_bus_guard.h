@@ -10,3 +10,16 @@
  * drop the connection. Stays until `bus` is closed. Returns 0 or a negative errno value.
  */
 int platform_bus_guard_setup(sd_bus *bus);
+
+/*
+ * Sends queued messages, for at most a second, and drops those that arrive meanwhile. If some are
+ * still queued then, closes the connection, so that sd_bus_flush() does not wait for a bus that does
+ * not read. Ignores null.
+ */
+void platform_bus_guard_flush(sd_bus *bus);
+
+/*
+ * Sends queued messages, and handles those that arrive meanwhile. Returns -ETIMEDOUT if the bus does
+ * not read them within a second, or another negative errno value on failure, or 0.
+ */
+int platform_bus_guard_send(sd_bus *bus);

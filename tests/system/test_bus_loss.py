@@ -2,7 +2,9 @@
 
 import pytest
 from sandbox import BusError, Player, Store, wait_until
-from sandbox.connections import cut_connection, find_connections, list_connections
+from sandbox.connections import (
+    cut_connection, fill_queue, find_connections, list_connections)
+from sandbox.cards import SERVICE
 from sandbox.controls import Controls
 from sandbox.log_lines import NO_CONTROLS_AT_START, NO_CONTROLS_FOR_SYNC
 from sandbox.player import EVENTS_NAME, NAME
@@ -211,3 +213,31 @@ def test_a_bus_that_ends_during_start_up_ends_the_daemon_with_1(sandbox):
     bus.kill()
     assert daemon.wait_exit() == 1
     controls.release()
+
+
+# A bus that does not read
+
+
+@pytest.mark.parametrize("purpose, path", [
+    ("main", "/com/vesk/Sonobrik"), ("legacy", "/com/vesk/Sonobrik"),
+    ("events", "/com/vesk/Events1/SonoBrikEvents/1")])
+def test_a_daemon_with_unsent_answers_ends(sandbox, purpose, path):
+    bus = sandbox.start_bus()
+    daemon = sandbox.start_daemon()
+    fill_queue(sandbox, bus, daemon, find_connections(sandbox)[purpose], path)
+    try:
+        assert daemon.stop() == 0
+    finally:
+        bus.go_on()
+
+
+def test_an_audio_control_service_with_unsent_answers_ends(cards, sandbox):
+    bus = sandbox.start_bus()
+    cards.add(0)
+    service = cards.start()
+    name = sandbox.bus.get_owner(SERVICE)
+    fill_queue(sandbox, bus, service, name, "/com/vesk/AudioControl/0")
+    try:
+        assert service.stop() == 0
+    finally:
+        bus.go_on()

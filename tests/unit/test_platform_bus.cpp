@@ -146,6 +146,19 @@ TEST_F(PlatformBus, SendsWhatWasSentBeforeTheLastRelease)
     EXPECT_TRUE(run_until([&] { return heard.lines.size() == sent; }));
 }
 
+TEST_F(PlatformBus, DoesNotWaitForABusThatDoesNotRead)
+{
+    sd_bus *connection = hold();
+    const std::string name = unique_name(connection);
+    bus.freeze();
+    send_more_than_fits(connection);
+    const gint64 start = g_get_monotonic_time();
+    platform_bus_release(connection);
+    EXPECT_LT(g_get_monotonic_time() - start, 5 * G_USEC_PER_SEC);
+    bus.thaw();
+    EXPECT_TRUE(run_until([&] { return !is_on_the_bus(name); }));
+}
+
 TEST_F(PlatformBus, ServesWhatASynchronousCallFoundBeforeItsAnswer)
 {
     sd_bus *connection = hold();

@@ -215,9 +215,10 @@ TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
 {
     FailingCalls calls;
     connect();
-    EXPECT_EQ(calls.made, (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
-                                 "sd_bus_request_name", "sd_bus_add_filter", "sd_event_new",
-                                 "sd_bus_attach_event", "sd_bus_match_signal Disconnected", "sd_event_unref"}));
+    EXPECT_EQ(calls.made,
+              (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
+                     "sd_bus_request_name", "sd_bus_add_filter", "sd_event_new",
+                     "sd_bus_attach_event", "sd_bus_match_signal Disconnected", "sd_event_unref"}));
     EXPECT_EQ(calls.priority, SD_EVENT_PRIORITY_NORMAL);
     expect_no_log();
 }
@@ -522,4 +523,17 @@ TEST_F(ConnectionTest, TeardownSendsQueuedMessages)
     bus.thaw();
     sonobrik_dbus_teardown(conn);
     EXPECT_TRUE(run_until([&] { return static_cast<int>(heard.lines.size()) == sent; }));
+}
+
+TEST_F(ConnectionTest, TeardownDoesNotWaitForABusThatDoesNotRead)
+{
+    connect();
+    bus.freeze();
+    const std::string ballast(1000000, 'x');
+    ASSERT_GE(sd_bus_emit_signal(conn->bus, OBJECT, INTERFACE, "Said", "s", ballast.c_str()), 0);
+    const gint64 start = g_get_monotonic_time();
+    sonobrik_dbus_teardown(conn);
+    EXPECT_LT(g_get_monotonic_time() - start, 5 * G_USEC_PER_SEC);
+    bus.thaw();
+    EXPECT_TRUE(loses_owner(stranger, SERVICE));
 }

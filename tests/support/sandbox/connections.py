@@ -91,3 +91,22 @@ def cut_connection(sandbox, name):
         for sock in sockets:
             sock.close()
         daemon.go_on()
+
+
+def fill_queue(sandbox, bus, process, name, path):
+    """Makes calls to the connection `name` of `process` that it answers while the process `bus` is
+    paused, until its socket is full and it keeps the other answers in its queue."""
+    process.pause()
+    for _ in range(100):
+        sandbox.bus.send(name, path, "org.freedesktop.DBus.Introspectable", "Introspect")
+    sandbox.bus.call(*DRIVER, "GetId")
+    sockets = _list_sockets(process)
+    try:
+        for sock in sockets:
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1)  # the kernel's minimum
+        bus.pause()
+        process.go_on()
+        wait_until(lambda: not any(_count_unread(sock) for sock in sockets), 20, "it has read")
+    finally:
+        for sock in sockets:
+            sock.close()
