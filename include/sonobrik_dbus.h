@@ -10,6 +10,7 @@
 #include <glib.h>
 #include <systemd/sd-bus.h>
 
+struct BusWatch;
 struct sonobrik_dbus_source; /* a GLib source that runs an sd-event loop */
 
 struct sonobrik_dbus {
@@ -22,14 +23,15 @@ struct sonobrik_dbus {
     sonobrik_dbus_source *source;         /* owned */
     const char *service_name;             /* borrowed; null if the connection has no name */
     void (*on_lost)(sonobrik_dbus *conn); /* see sonobrik_dbus_attach() */
+    BusWatch *watch;                      /* owned; null if the connection has no name */
 };
 
 /*
  * Connects to the system bus as `service_name`, a string that must outlive the connection,
  * registers the daemon's error names with sd-bus, and attaches the connection to the main loop. If
- * the connection is lost later, logs it and makes the process exit with status 1. Returns a new
- * record, or null with a log line. If a step after opening fails, the connection stays open:
- * callers treat that as fatal, and the process exits.
+ * the connection is lost later, or the bus does not read from it for 30 s, logs it and makes the
+ * process exit with status 1. Returns a new record, or null with a log line. If a step after
+ * opening fails, the connection stays open: callers treat that as fatal, and the process exits.
  */
 sonobrik_dbus *sonobrik_dbus_setup(const char *service_name);
 

@@ -2,6 +2,9 @@
 
 #include <cstring>
 #include <glib.h>
+#include <poll.h>
+
+#include "autoptr.h"
 
 namespace
 {
@@ -40,6 +43,65 @@ bool has_queued(sd_bus *bus)
     return sd_bus_is_open(bus) > 0 && sd_bus_get_n_queued_write(bus, &count) >= 0 && count > 0;
 }
 
+guint watch_msec = 15'000;
+
+/* One tick is not enough: the bus may be busy with other clients. */
+constexpr unsigned MAX_MISSED = 2;
+
+/* Returns true if messages wait to be read; the answer may be among them after a slow handler. */
+bool has_input(sd_bus *bus)
+{
+    uint64_t count = 0;
+    pollfd input = {.fd = sd_bus_get_fd(bus), .events = POLLIN, .revents = 0};
+    return (sd_bus_get_n_queued_read(bus, &count) >= 0 && count > 0) || poll(&input, 1, 0) > 0;
+}
+
+int on_answer(sd_bus_message *, void *user_data, sd_bus_error *)
+{
+    auto *watch = static_cast<BusWatch *>(user_data);
+    bus_watch_teardown(watch);
+    return 0;
+}
+
+void ask(BusWatch *watch)
+{
+    g_autoptr(sd_bus_message) call = nullptr;
+    if (sd_bus_message_new_method_call(watch->bus, &call, "org.freedesktop.DBus",
+                                       "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                       "GetId") >= 0) {
+        /* No time-out: after a slow handler, it would be noticed before the answer is read. */
+        sd_bus_call_async(watch->bus, &watch->question, call, on_answer, watch, UINT64_MAX);
+    }
+}
+
+gboolean on_tick(gpointer user_data)
+{
+    auto *watch = static_cast<BusWatch *>(user_data);
+    if (!watch->question) {
+        ask(watch);
+        return G_SOURCE_CONTINUE;
+    }
+    if (has_input(watch->bus) || ++watch->missed < MAX_MISSED) {
+        return G_SOURCE_CONTINUE;
+    }
+    watch->timer = 0;
+    watch->on_silence(watch->user_data);
+    return G_SOURCE_REMOVE;
+}
+
+/*
+ * Every call may be answered, and unread answers of one client can stop the bus from reading those
+ * to all others. Signals are not answered.
+ */
+int start_timer(sd_bus_message *message, void *user_data, sd_bus_error *)
+{
+    auto *watch = static_cast<BusWatch *>(user_data);
+    if (watch->timer == 0 && sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
+        watch->timer = g_timeout_add(watch_msec, on_tick, watch);
+    }
+    return 0;
+}
+
 } // namespace
 
 int bus_guard_setup(sd_bus *bus)
@@ -68,4 +130,26 @@ void bus_guard_flush(sd_bus *bus)
     if (has_queued(bus)) {
         sd_bus_close(bus);
     }
+}
+
+int bus_watch_setup(BusWatch *watch)
+{
+    return sd_bus_add_filter(watch->bus, nullptr, start_timer, watch);
+}
+
+void bus_watch_teardown(BusWatch *watch)
+{
+    if (watch->timer != 0) {
+        g_source_remove(watch->timer);
+        watch->timer = 0;
+    }
+    if (watch->question) {
+        sd_bus_slot_unref(g_steal_pointer(&watch->question));
+    }
+    watch->missed = 0;
+}
+
+void bus_watch_set_interval(guint msec)
+{
+    watch_msec = msec;
 }

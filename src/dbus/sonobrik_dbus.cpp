@@ -51,9 +51,23 @@ bool connect_as(sonobrik_dbus *conn, const char *service_name)
     return true;
 }
 
+void on_silence(void *user_data)
+{
+    auto *conn = static_cast<sonobrik_dbus *>(user_data);
+    conn->on_lost(conn);
+}
+
+/* Protects a connection that serves callers. Returns false with a log line on failure. */
 bool guard(sonobrik_dbus *conn)
 {
-    const int r = bus_guard_setup(conn->bus);
+    conn->watch = g_new0(BusWatch, 1);
+    conn->watch->bus = conn->bus;
+    conn->watch->on_silence = on_silence;
+    conn->watch->user_data = conn;
+    int r = bus_guard_setup(conn->bus);
+    if (r >= 0) {
+        r = bus_watch_setup(conn->watch);
+    }
     if (r < 0) {
         log_error("%sFailed to guard the connection: %s.", "", strerror(-r));
     }
@@ -129,6 +143,7 @@ sonobrik_dbus *sonobrik_dbus_setup(const char *service_name)
     conn->service_name = service_name;
     if (!connect_as(conn, service_name) || !guard(conn) ||
         !sonobrik_dbus_attach(conn, on_service_lost)) {
+        g_free(conn->watch); /* nothing reads the messages that its filter would see */
         return nullptr;
     }
     return g_steal_pointer(&conn);
@@ -162,6 +177,9 @@ void sonobrik_dbus_teardown(sonobrik_dbus *conn)
     if (!conn) {
         return;
     }
+    if (conn->watch) {
+        bus_watch_teardown(conn->watch);
+    }
     if (conn->source) {
         GSource *source = &g_steal_pointer(&conn->source)->source;
         g_source_destroy(source);
@@ -170,6 +188,7 @@ void sonobrik_dbus_teardown(sonobrik_dbus *conn)
     sd_bus_slot_unref(g_steal_pointer(&conn->slot));
     bus_guard_flush(conn->bus);
     sd_bus_flush_close_unref(g_steal_pointer(&conn->bus));
+    g_free(g_steal_pointer(&conn->watch)); /* the filter is gone */
 }
 
 int sonobrik_dbus_add_object(sonobrik_dbus *conn, const char *path,

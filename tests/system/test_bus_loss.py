@@ -231,6 +231,20 @@ def test_a_daemon_with_unsent_answers_ends(sandbox, purpose, path):
         bus.go_on()
 
 
+@pytest.mark.parametrize("purpose", SERVED)
+def test_a_daemon_whose_answers_the_bus_does_not_read_ends_with_1(sandbox, full, purpose):
+    if not full:
+        pytest.skip("takes 45 s; the unit tests have a shorter interval")
+    bus = sandbox.start_bus()
+    daemon = sandbox.start_daemon()
+    fill_queue(sandbox, bus, daemon, find_connections(sandbox)[purpose], "/com/vesk/Sonobrik")
+    try:
+        assert daemon.wait_exit(60) == 1
+        assert LOST[purpose] in daemon.texts
+    finally:
+        bus.go_on()
+
+
 def test_an_audio_control_service_with_unsent_answers_ends(cards, sandbox):
     bus = sandbox.start_bus()
     cards.add(0)

@@ -56,7 +56,8 @@ class DevicesListenerTest : public BusTest
                           .slot = nullptr,
                           .source = nullptr,
                           .service_name = nullptr,
-                          .on_lost = nullptr};
+                          .on_lost = nullptr,
+                          .watch = nullptr};
     FailingCalls library;
 };
 

@@ -256,9 +256,9 @@ TEST_F(GroupDbus, MissingBusFailsTheSetup)
 
 TEST_F(GroupDbus, FailureAfterTheConnectionFailsTheSetup)
 {
-    /* The first filter is that of the connection. */
+    /* The first two filters are those of the connection. */
     const std::pair<const char *, int> steps[] = {{"sd_bus_add_object_vtable", 1},
-                                                  {"sd_bus_add_filter", 2}};
+                                                  {"sd_bus_add_filter", 3}};
     for (const auto &[function, number] : steps) {
         FailingCalls calls;
         calls.fail_one(function, number, -ENOMEM);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <sys/socket.h>
 
+#include "bus_guard.h"
 #include "bus_server.h"
 #include "failing_calls.h"
 #include "fake_service_frame.h"
@@ -73,6 +74,7 @@ class ConnectionTest : public BusTest
 
     ~ConnectionTest() override
     {
+        bus_watch_set_interval(15'000);
         sonobrik_dbus_teardown(conn);
         g_free(conn);
     }
@@ -215,10 +217,10 @@ TEST_F(ConnectionTest, SetUpTakesItsStepsInOrder)
 {
     FailingCalls calls;
     connect();
-    EXPECT_EQ(calls.made,
-              (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
-                     "sd_bus_request_name", "sd_bus_add_filter", "sd_event_new",
-                     "sd_bus_attach_event", "sd_bus_match_signal Disconnected", "sd_event_unref"}));
+    EXPECT_EQ(calls.made, (Steps{"g_try_new0", "sd_bus_open_system", "sd_bus_error_add_map",
+                                 "sd_bus_request_name", "sd_bus_add_filter", "sd_bus_add_filter",
+                                 "sd_event_new", "sd_bus_attach_event",
+                                 "sd_bus_match_signal Disconnected", "sd_event_unref"}));
     EXPECT_EQ(calls.priority, SD_EVENT_PRIORITY_NORMAL);
     expect_no_log();
 }
@@ -536,4 +538,32 @@ TEST_F(ConnectionTest, TeardownDoesNotWaitForABusThatDoesNotRead)
     EXPECT_LT(g_get_monotonic_time() - start, 5 * G_USEC_PER_SEC);
     bus.thaw();
     EXPECT_TRUE(loses_owner(stranger, SERVICE));
+}
+
+/* A bus that does not read. */
+
+TEST_F(ConnectionTest, BusThatStopsReadingCountsAsLost)
+{
+    bus_watch_set_interval(500);
+    connect();
+    ask(); /* starts the watch */
+    bus.freeze();
+    EXPECT_TRUE(run_until([] { return !quits.empty(); }));
+    expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
+    expect_no_log();
+    bus.thaw();
+}
+
+TEST_F(ConnectionTest, BusThatAnswersIsAskedAgainOnlyAfterACall)
+{
+    bus_watch_set_interval(300);
+    connect();
+    FailingCalls calls;
+    for (int count = 1; count <= 3; count++) {
+        ask();
+        EXPECT_TRUE(run_until(
+            [&] { return calls.count("sd_bus_call_async") == count && conn->watch->timer == 0; }));
+    }
+    EXPECT_TRUE(quits.empty());
+    expect_no_log();
 }
