@@ -48,6 +48,9 @@ guint watch_msec = 15'000;
 /* One tick is not enough: the bus may be busy with other clients. */
 constexpr unsigned MAX_MISSED = 2;
 
+/* 5 minutes. A client that never stops calling must not hide the silence. */
+constexpr unsigned MAX_TICKS = 20;
+
 /* Returns true if messages wait to be read; the answer may be among them after a slow handler. */
 bool has_input(sd_bus *bus)
 {
@@ -81,7 +84,11 @@ gboolean on_tick(gpointer user_data)
         ask(watch);
         return G_SOURCE_CONTINUE;
     }
-    if (has_input(watch->bus) || ++watch->missed < MAX_MISSED) {
+    watch->ticks++;
+    if (!has_input(watch->bus)) {
+        watch->missed++;
+    }
+    if (watch->missed < MAX_MISSED && watch->ticks < MAX_TICKS) {
         return G_SOURCE_CONTINUE;
     }
     watch->timer = 0;
@@ -146,6 +153,7 @@ void bus_watch_teardown(BusWatch *watch)
     if (watch->question) {
         sd_bus_slot_unref(g_steal_pointer(&watch->question));
     }
+    watch->ticks = 0;
     watch->missed = 0;
 }
 

@@ -26,14 +26,15 @@ struct BusWatch {
     void *user_data;
     guint timer;           /* 0 if none */
     sd_bus_slot *question; /* a call to the bus that is not answered yet; null if none */
-    unsigned missed;       /* ticks of the timer without the answer */
+    unsigned ticks;        /* of the timer since the question */
+    unsigned missed;       /* those at which no message waited to be read either */
 };
 
 /*
  * Starts to watch `bus`, which the caller's `*watch` names with `on_silence` and `user_data`. A
  * call from a client starts a timer of 15 s, which asks the bus for its id. Calls `on_silence` once
- * if the bus has not answered after two more ticks. An idle connection has no timer. Returns 0 or
- * a negative errno value.
+ * if the answer is missing at two more ticks, or after 5 minutes if other messages waited to be
+ * read all the time. An idle connection has no timer. Returns 0 or a negative errno value.
  */
 int bus_watch_setup(BusWatch *watch);
 

@@ -554,12 +554,26 @@ TEST_F(ConnectionTest, BusThatStopsReadingCountsAsLost)
     bus.thaw();
 }
 
+/* The answer may be among the messages that a slow handler has kept from being read. */
+TEST_F(ConnectionTest, BusIsNotLostSoonWhileMessagesWaitToBeRead)
+{
+    constexpr guint INTERVAL = 20;
+    bus_watch_set_interval(INTERVAL);
+    connect();
+    ask(); /* starts the watch */
+    const gint64 start = g_get_monotonic_time();
+    g_source_destroy(&conn->source->source); /* nothing is read any more */
+    EXPECT_TRUE(run_until([] { return !quits.empty(); }));
+    EXPECT_GE(g_get_monotonic_time() - start, 20 * INTERVAL * G_TIME_SPAN_MILLISECOND);
+    expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
+}
+
 TEST_F(ConnectionTest, BusThatAnswersIsAskedAgainOnlyAfterACall)
 {
-    bus_watch_set_interval(300);
+    bus_watch_set_interval(2000); /* a busy machine must not look like a bus that does not read */
     connect();
     FailingCalls calls;
-    for (int count = 1; count <= 3; count++) {
+    for (int count = 1; count <= 2; count++) {
         ask();
         EXPECT_TRUE(run_until(
             [&] { return calls.count("sd_bus_call_async") == count && conn->watch->timer == 0; }));
