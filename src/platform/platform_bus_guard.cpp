@@ -4,6 +4,8 @@
 #include <cstring>
 #include <glib.h>
 
+/* The daemon has the same in bus_guard.cpp, which the platform must not use. */
+
 namespace
 {
 

@@ -294,12 +294,12 @@ bool may_match(sd_bus *bus, const char *pattern)
         return !g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT);
     }
     g_autofree char *valid = g_utf8_make_valid(last, -1);
-    g_autoptr(GPatternSpec) spec = g_pattern_spec_new(valid);
+    g_autoptr(GPatternSpec) wildcard = g_pattern_spec_new(valid);
     while (const char *name = g_dir_read_name(dir)) {
         g_autofree char *text = g_utf8_make_valid(name, -1);
         g_autofree char *path = g_build_filename(folder, name, nullptr);
         g_autoptr(GError) failure = nullptr;
-        if (g_pattern_spec_match_string(spec, text) &&
+        if (g_pattern_spec_match_string(wildcard, text) &&
             (ctl_clips_is_supported(bus, path, &failure) ||
              !g_error_matches(failure, CLIENT_ERROR, CLIENT_ERROR_METHOD))) {
             return true;
