@@ -2,7 +2,9 @@
 
 #include <cstring>
 #include <glib.h>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include "autoptr.h"
 
@@ -59,6 +61,15 @@ bool has_input(sd_bus *bus)
     return (sd_bus_get_n_queued_read(bus, &count) >= 0 && count > 0) || poll(&input, 1, 0) > 0;
 }
 
+/* Returns true if the bus has read everything that was sent to it. */
+bool has_read_all(sd_bus *bus)
+{
+    uint64_t count = 0;
+    int unread = 0;
+    return sd_bus_get_n_queued_write(bus, &count) >= 0 && count == 0 &&
+           ioctl(sd_bus_get_fd(bus), SIOCOUTQ, &unread) == 0 && unread == 0;
+}
+
 int on_answer(sd_bus_message *, void *user_data, sd_bus_error *)
 {
     auto *watch = static_cast<BusWatch *>(user_data);
@@ -83,6 +94,11 @@ gboolean on_tick(gpointer user_data)
     if (!watch->question) {
         ask(watch);
         return G_SOURCE_CONTINUE;
+    }
+    if (has_read_all(watch->bus)) {
+        /* The answer may be behind many calls, and the bus drops it if too many wait already. */
+        bus_watch_teardown(watch);
+        return G_SOURCE_REMOVE;
     }
     watch->ticks++;
     if (!has_input(watch->bus)) {

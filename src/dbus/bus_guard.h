@@ -33,8 +33,9 @@ struct BusWatch {
 /*
  * Starts to watch `bus`, which the caller's `*watch` names with `on_silence` and `user_data`. A
  * call from a client starts a timer of 15 s, which asks the bus for its id. Calls `on_silence` once
- * if the answer is missing at two more ticks, or after 5 minutes if other messages waited to be
- * read all the time. An idle connection has no timer. Returns 0 or a negative errno value.
+ * if the answer is missing and something was not read by the bus at two more ticks, or after 5
+ * minutes if other messages waited to be read all the time. An idle connection has no timer.
+ * Returns 0 or a negative errno value.
  */
 int bus_watch_setup(BusWatch *watch);
 

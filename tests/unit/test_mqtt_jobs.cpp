@@ -439,6 +439,16 @@ TEST_F(MqttJobs, TheAgeGrowsIfTheBridgeIsHeldUpWhileTheBrokerSendsWhatItKept)
     EXPECT_EQ(bridge.away, MQTT_UNKNOWN);
 }
 
+TEST_F(MqttJobs, PausesInARowAddUp)
+{
+    turn_after(0);
+    turn_after(60'000);
+    turn_after(40'000); /* more than the time after which nothing is kept any more */
+    EXPECT_EQ(bridge.away, 100'000);
+    receive_on("play", R"({"location":"a.wav"})", 100);
+    EXPECT_EQ(get_status(), "expired");
+}
+
 TEST_F(MqttJobs, AnExpiryDoesNotApplyToACommandWithATime)
 {
     receive_on("play", R"({"location":"a.wav","at":)" + std::to_string(NOON + 60'000) + "}", 0);

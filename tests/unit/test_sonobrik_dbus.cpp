@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "bus_guard.h"
@@ -95,6 +96,25 @@ class ConnectionTest : public BusTest
     std::string ask()
     {
         return bus_call(stranger, SERVICE, OBJECT, INTERFACE, "Ask");
+    }
+
+    /* Makes a call that starts the watch. Its question is not sent before the loop runs again. */
+    void start_watch()
+    {
+        do {
+            ask();
+        } while (conn->watch->timer == 0 || conn->watch->question);
+    }
+
+    /* Sends a message that is never read, because the source of the connection is gone. */
+    void leave_message_unread() const
+    {
+        g_source_destroy(&conn->source->source);
+        ASSERT_TRUE(g_dbus_connection_emit_signal(stranger, SERVICE, OBJECT, INTERFACE, "Said",
+                                                  nullptr, nullptr));
+        ASSERT_TRUE(g_dbus_connection_flush_sync(stranger, nullptr, nullptr));
+        pollfd input = {.fd = sd_bus_get_fd(conn->bus), .events = POLLIN, .revents = 0};
+        ASSERT_EQ(poll(&input, 1, 60'000), 1);
     }
 
     sonobrik_dbus *conn = nullptr;
@@ -546,7 +566,7 @@ TEST_F(ConnectionTest, BusThatStopsReadingCountsAsLost)
 {
     bus_watch_set_interval(500);
     connect();
-    ask(); /* starts the watch */
+    start_watch();
     bus.freeze();
     EXPECT_TRUE(run_until([] { return !quits.empty(); }));
     expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
@@ -557,15 +577,30 @@ TEST_F(ConnectionTest, BusThatStopsReadingCountsAsLost)
 /* The answer may be among the messages that a slow handler has kept from being read. */
 TEST_F(ConnectionTest, BusIsNotLostSoonWhileMessagesWaitToBeRead)
 {
-    constexpr guint INTERVAL = 20;
+    constexpr guint INTERVAL = 100;
     bus_watch_set_interval(INTERVAL);
     connect();
-    ask(); /* starts the watch */
+    start_watch();
     const gint64 start = g_get_monotonic_time();
-    g_source_destroy(&conn->source->source); /* nothing is read any more */
+    leave_message_unread();
+    bus.freeze();
     EXPECT_TRUE(run_until([] { return !quits.empty(); }));
     EXPECT_GE(g_get_monotonic_time() - start, 20 * INTERVAL * G_TIME_SPAN_MILLISECOND);
     expect_log(LOG_LEVEL_ERROR, "The connection of com.vesk.Test to the system bus was lost.");
+    bus.thaw();
+}
+
+/* The bus drops its answer if too many bytes wait for the daemon already. */
+TEST_F(ConnectionTest, BusThatReadsIsNotLostWithoutAnAnswer)
+{
+    bus_watch_set_interval(1000);
+    connect();
+    start_watch();
+    g_source_destroy(&conn->source->source); /* the answer is not read */
+    EXPECT_TRUE(run_until([this] { return conn->watch->question != nullptr; }));
+    EXPECT_TRUE(run_until([this] { return conn->watch->timer == 0; }));
+    EXPECT_TRUE(quits.empty());
+    expect_no_log();
 }
 
 TEST_F(ConnectionTest, BusThatAnswersIsAskedAgainOnlyAfterACall)

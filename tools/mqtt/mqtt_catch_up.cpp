@@ -1,6 +1,7 @@
 #include "mqtt_catch_up.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "autoptr.h"
 #include "mqtt_bridge_data.h"
@@ -18,6 +19,11 @@ constexpr gint64 CATCH_UP_TIME = 30'000;
 /* The shortest pause that counts, in milliseconds. While connected, the loop runs at least once a
  * second, or a little later on a busy machine. */
 constexpr gint64 MIN_PAUSE = 3000;
+
+bool is_active_at(const MqttBridge *bridge, gint64 time)
+{
+    return bridge->is_catching_up && time - bridge->last_kept < CATCH_UP_TIME;
+}
 
 void publish_online(MqttBridge *bridge)
 {
@@ -46,13 +52,13 @@ void mqtt_catch_up_on_connected(MqttBridge *bridge, bool has_session)
 void mqtt_catch_up_note_turn(MqttBridge *bridge)
 {
     const gint64 now = mqtt_clock_boot();
-    const gint64 pause = bridge->last_turn > 0 ? now - bridge->last_turn : 0;
-    bridge->last_turn = now;
+    const gint64 last = std::exchange(bridge->last_turn, now);
+    const gint64 pause = last > 0 ? now - last : 0;
     if (pause <= std::max(bridge->conf->grace, MIN_PAUSE) ||
         !mqtt_client_is_connected(bridge->client)) {
         return;
     }
-    const bool was_active = mqtt_catch_up_is_active(bridge);
+    const bool was_active = is_active_at(bridge, last); /* the pause itself does not count */
     bridge->held_up = pause + (was_active ? bridge->held_up : 0);
     if (!was_active) {
         bridge->away = pause;
@@ -82,5 +88,5 @@ void mqtt_catch_up_on_availability(MqttBridge *bridge, const MqttMessage &messag
 
 bool mqtt_catch_up_is_active(const MqttBridge *bridge)
 {
-    return bridge->is_catching_up && mqtt_clock_boot() - bridge->last_kept < CATCH_UP_TIME;
+    return is_active_at(bridge, mqtt_clock_boot());
 }
