@@ -265,6 +265,24 @@ def test_a_body_that_ends_early_leaves_nothing_behind(web, box, tone):
     assert add(web, tone).status == 200  # the server still works
 
 
+@pytest.mark.parametrize("location", ["", f"&location={FOLDER}/tone.wav"])
+def test_a_clip_that_changes_during_the_upload_is_not_replaced(web, box, tone, location):
+    store = Store(box)
+    add(web, tone)
+    data = (box.etc / "audioclips/tone.wav").read_bytes()
+    with socket.create_connection((HOST, web.port)) as peer:
+        peer.settimeout(60)
+        peer.sendall(make_head(f"Content-Length: {len(data)}\r\n", f"action=replace&clip=0{location}")
+                     + data[:5000])
+        wait_until(lambda: list_left(box), 20, "the upload has begun")
+        store.call("RemoveConfiguration", "(i)", 0)
+        store.add_clip(box.write_clip("alarm.wav", clips.tone(440, 0.1)).path, "Alarm")
+        peer.sendall(data[5000:])
+        status = int(peer.recv(4096).split()[1])
+    assert [clip["name"] for clip in read_clips(web)] == ["Alarm"]
+    assert status == 409
+
+
 def test_a_body_in_chunks_is_added_or_refused(web, box, tone):
     answer = web.upload("action=add&file=x.wav", None, "--header", "Transfer-Encoding: chunked",
                         "--data-binary", f"@{tone}")

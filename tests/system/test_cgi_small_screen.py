@@ -133,7 +133,7 @@ def test_a_message_does_not_cover_the_button_that_was_pressed(page):
     press(driver, Keys.ENTER)
     wait_until(lambda: driver.execute_script("return document.getElementById('result').textContent")
                .startswith("Started Guest"), 20, "the page shows the message")
-    wait_until(lambda: driver.execute_script(IS_FOCUS_SEEN), 5, "the button is visible")
+    wait_until(lambda: driver.execute_script(IS_FOCUS_SEEN), 20, "the button is visible")
 
 
 @pytest.mark.parametrize("page", [(255, "100%"), (255, "200%")], indirect=True)

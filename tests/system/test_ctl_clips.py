@@ -188,7 +188,8 @@ def test_a_signal_while_the_daemon_checks_the_copy_removes_it(
     before = os.listdir(folder)
     calls = Monitor(sandbox, "member=SupportedFile")
     adding = sandbox.spawn([PROGRAM, "add", "--copy", *options, huge])
-    wait_until(lambda: os.listdir(folder) != before, 20, "copying has started")
+    wait_until(lambda: os.listdir(folder) != before or not adding.is_running, 20,
+               "copying has started")
     daemon.pause()
     calls.wait(1)
     adding.kill(number)
@@ -196,6 +197,16 @@ def test_a_signal_while_the_daemon_checks_the_copy_removes_it(
     assert adding.wait_exit() in (1, 128 + number)
     daemon.go_on()
     assert os.listdir(folder) == before
+
+
+def test_an_error_that_nobody_reads_leaves_no_copy(sandbox, daemon):
+    (sandbox.folder / "tmp/bad.wav").write_bytes(b"no sound")
+    # The reader closes the pipe first.
+    sandbox.run(["sh", "-c", """
+        mkfifo /tmp/closed
+        { read _ </tmp/closed; exec "$0" add --copy /tmp/bad.wav; } 2>&1 | { exec <&-; echo >/tmp/closed; }
+        """, PROGRAM])
+    assert os.listdir(sandbox.etc / "audioclips") == []
 
 
 def test_the_copy_is_removed_if_the_daemon_exits_while_it_checks_it(sandbox, daemon, elsewhere):

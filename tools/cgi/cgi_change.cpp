@@ -32,11 +32,15 @@ struct Store {
     }
 };
 
-/* Reads the clips and finds the requested one. */
+/* Reads the clips, again if they were read before, and finds the requested one. */
 CgiOutcome find_clip(const CgiRequest &request, Store *store, const ClientClip **clip)
 {
     g_autoptr(GError) error = nullptr;
-    store->bus = cgi_bus_open(&error);
+    *clip = nullptr;
+    g_clear_pointer(&store->clips, g_ptr_array_unref);
+    if (!store->bus) {
+        store->bus = cgi_bus_open(&error);
+    }
     store->clips = store->bus ? client_clips_list(store->bus, false, &error) : nullptr;
     if (!store->clips) {
         return cgi_bus_explain(error, "AddClip");
@@ -192,9 +196,17 @@ CgiOutcome cgi_change_replace(const CgiRequest &request, int body_fd)
         return outcome;
     }
     CgiUpload upload;
+    const std::string location = clip->location;
     outcome = receive(request, body_fd, store.bus, &upload);
     if (outcome.result == CGI_OK) {
-        outcome = upload.replace(clip->location);
+        /* That can take minutes: the number may be that of another clip by now. */
+        outcome = find_clip(request, &store, &clip);
+    }
+    if (outcome.result == CGI_OK && (!clip || location != clip->location)) {
+        outcome = {CGI_CHANGED, ""};
+    }
+    if (outcome.result == CGI_OK) {
+        outcome = upload.replace(location);
     }
     return outcome.result == CGI_OK ? refresh_record(store, *clip) : outcome;
 }

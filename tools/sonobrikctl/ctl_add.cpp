@@ -175,7 +175,8 @@ int check_targets(const Job &job)
         const auto [place, is_new] = targets.try_emplace(
             is_copied ? ctl_copy_destination(file.path.c_str()) : file.location, &file);
         const File &other = *place->second;
-        if (!is_new && (is_copied || other.location.empty()) && other.path != file.path) {
+        if (!is_new && (is_copied || other.location.empty()) &&
+            !client_clips_is_same_file(other.path.c_str(), file.path.c_str())) {
             ctl_error("'%s' and '%s' would both become '%s'; rename one of them",
                       other.path.c_str(), file.path.c_str(), place->first.c_str());
             return CTL_USAGE;

@@ -18,7 +18,7 @@ namespace
 
 constexpr const char *UNIQUE = ".XXXXXX";
 
-constexpr std::array ENDING = {SIGHUP, SIGINT, SIGTERM};
+constexpr std::array ENDING = {SIGHUP, SIGINT, SIGPIPE, SIGTERM};
 
 /* The copy that a signal removes. */
 char doomed_path[PATH_MAX];

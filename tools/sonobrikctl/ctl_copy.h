@@ -8,8 +8,9 @@
 std::string ctl_copy_destination(const char *source);
 
 /*
- * The two functions below copy a file. Until ctl_copy_keep() or ctl_copy_remove(), SIGHUP, SIGINT
- * and SIGTERM remove the copy before they end the program. There can be one such copy at a time.
+ * The two functions below copy a file. Until ctl_copy_keep() or ctl_copy_remove(), SIGHUP, SIGINT,
+ * SIGPIPE and SIGTERM remove the copy before they end the program. There can be one such copy at a
+ * time.
  */
 
 /*

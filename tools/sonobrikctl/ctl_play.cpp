@@ -104,9 +104,8 @@ bool use_file(const char *text, Target *target, int *status)
     return true;
 }
 
-/* Returns the outputs or, if `member` is &ClientOutput::device, the devices as "0, 1"; empty if
- * there are none. Returns null if they are not known. */
-std::optional<std::string> list_outputs(sd_bus *bus, gint32 ClientOutput::*member)
+/* Returns the outputs as "0, 1"; empty if there are none. Returns null if they are not known. */
+std::optional<std::string> list_outputs(sd_bus *bus)
 {
     g_autoptr(GPtrArray) outputs = client_outputs_list(bus, nullptr);
     if (!outputs) {
@@ -115,30 +114,20 @@ std::optional<std::string> list_outputs(sd_bus *bus, gint32 ClientOutput::*membe
     std::string text;
     for (guint i = 0; i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        text += (text.empty() ? "" : ", ") + std::to_string(output->*member);
+        text += (text.empty() ? "" : ", ") + std::to_string(output->output);
     }
     return text;
 }
 
-/* Explains that there is no such output, or no such device. */
-void explain_missing(const char *what, gint64 number, const std::optional<std::string> &known)
-{
-    ctl_error("there is no %s %" G_GINT64_FORMAT "%s%s%s%s", what, number, known ? "; the " : "",
-              known ? what : "", known ? "s are: " : "", known ? known->c_str() : "");
-    ctl_error("for more about them: %s", ctl_host_self("outputs").c_str());
-}
-
-/* Returns false if the daemon is known not to have the output or the device of a request. Which
- * outputs a device has is not known. */
+/* Returns false if the daemon is known not to have the output of a request. Devices are not known:
+ * one that has PCMs "deviceD_outputO" but no "audiosinkD" has no events. */
 bool may_have_output(sd_bus *bus, const ClientPlay &play)
 {
     g_autoptr(GPtrArray) outputs = client_outputs_list(bus, nullptr);
-    bool is_there =
-        !outputs || (play.output == CLIENT_NOT_GIVEN && play.device == CLIENT_NOT_GIVEN);
+    bool is_there = !outputs || play.output == CLIENT_NOT_GIVEN;
     for (guint i = 0; !is_there && i < outputs->len; i++) {
         const auto *output = static_cast<const ClientOutput *>(g_ptr_array_index(outputs, i));
-        is_there = play.output == CLIENT_NOT_GIVEN ? output->device == play.device
-                                                   : output->output == play.output;
+        is_there = output->output == play.output;
     }
     return is_there;
 }
@@ -150,14 +139,14 @@ bool may_have_output(sd_bus *bus, const ClientPlay &play)
  */
 int explain_options(sd_bus *bus, const ClientPlay &play)
 {
-    const std::optional<std::string> outputs = list_outputs(bus, &ClientOutput::output);
+    const std::optional<std::string> outputs = list_outputs(bus);
     if (outputs && outputs->empty()) {
         ctl_error("there is no audio output");
         ctl_error("check that a sound card is present: %s", ctl_host_command("aplay -l").c_str());
     } else if (play.output != CLIENT_NOT_GIVEN) {
-        explain_missing("output", play.output, outputs);
-    } else if (!may_have_output(bus, play)) {
-        explain_missing("device", play.device, list_outputs(bus, &ClientOutput::device));
+        ctl_error("there is no output %" G_GINT64_FORMAT "%s%s", play.output,
+                  outputs ? "; the outputs are: " : "", outputs ? outputs->c_str() : "");
+        ctl_error("for more about them: %s", ctl_host_self("outputs").c_str());
     } else {
         ctl_error("the daemon rejects the request; for details: %s",
                   ctl_host_command(CTL_READ_LOG).c_str());
