@@ -198,16 +198,18 @@ CgiOutcome cgi_change_replace(const CgiRequest &request, int body_fd)
     CgiUpload upload;
     const std::string location = clip->location;
     outcome = receive(request, body_fd, store.bus, &upload);
-    if (outcome.result == CGI_OK) {
-        /* That can take minutes: the number may be that of another clip by now. */
-        outcome = find_clip(request, &store, &clip);
+    if (outcome.result != CGI_OK) {
+        return outcome;
     }
-    if (outcome.result == CGI_OK && (!clip || location != clip->location)) {
-        outcome = {CGI_CHANGED, ""};
+    /* That can take minutes: the number may be that of another clip by now. */
+    outcome = find_clip(request, &store, &clip);
+    if (outcome.result != CGI_OK) {
+        return outcome;
     }
-    if (outcome.result == CGI_OK) {
-        outcome = upload.replace(location);
+    if (!clip || location != clip->location) {
+        return {CGI_CHANGED, ""};
     }
+    outcome = upload.replace(location);
     return outcome.result == CGI_OK ? refresh_record(store, *clip) : outcome;
 }
 
